@@ -1,0 +1,63 @@
+// The library's offsets: the only writers of g_AxesLib besides KmxAxesLibInit.
+#include "orientation/orientation.h"
+
+constinit KmxAxesLib g_AxesLib = {{0, 0, 0}, {0, 0, 0}};
+constinit const KmxAxesData KmxAxesData_Constructor = {0, 0, 0};
+
+namespace {
+
+constexpr int32_t kMsOffsetLimit = 16384;
+constexpr uint8_t kRoughOffsetMax = 31;
+
+void copy(KmxAxesData *to, const KmxAxesData *from) {
+    to->x = from->x;
+    to->y = from->y;
+    to->z = from->z;
+}
+
+bool within_limit(int32_t v) { return v >= -kMsOffsetLimit && v <= kMsOffsetLimit; }
+
+}  // namespace
+
+int8_t KmxAxesLibGetMsOffset(KmxAxesData *out) {
+    copy(out, &g_AxesLib.msOffset);
+    return 0;
+}
+
+int8_t KmxAxesLibSetMsOffset(const KmxAxesData *in) {
+    copy(&g_AxesLib.msOffset, in);
+    return 0;
+}
+
+int8_t KmxAxesLibGetGsOffset(KmxAxesData *out) {
+    copy(out, &g_AxesLib.gsOffset);
+    return 0;
+}
+
+int8_t KmxAxesLibSetGsOffset(const KmxAxesData *in) {
+    copy(&g_AxesLib.gsOffset, in);
+    return 0;
+}
+
+int8_t KmxAxesLibIsValidMsOffset(const KmxAxesData *offset) {
+    if (offset == nullptr) return 0;
+    return (within_limit(offset->x) && within_limit(offset->y) && within_limit(offset->z)) ? 1 : 0;
+}
+
+int8_t KmxAxesLibIsValidRoughOffset(const uint8_t *rough) {
+    if (rough == nullptr) return 0;
+    for (int i = 0; i < 3; ++i) {
+        if (rough[i] > kRoughOffsetMax) return 0;
+    }
+    return 1;
+}
+
+int8_t KmxAxesGsCalibGetGsOffset(const KmxAxesData *resting, KmxAxesData *out) {
+    // A resting device ideally reads (0, 0, -4096); the offset is the difference.
+    // The sum is formed in 64 bits and wrapped explicitly so a z near INT32_MAX
+    // wraps as the 32-bit design does instead of overflowing.
+    out->x = resting->x;
+    out->y = resting->y;
+    out->z = static_cast<int32_t>(static_cast<uint32_t>(resting->z) + 4096u);
+    return 0;
+}

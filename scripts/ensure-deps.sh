@@ -1,0 +1,25 @@
+#!/usr/bin/env bash
+# Installs the Debian packages the build, the tests and the demo need, only those that
+# are missing. Safe to run again: on a machine that has everything it does nothing.
+set -euo pipefail
+
+packages=(
+  cmake ninja-build g++ clang            # toolchain
+  libgtest-dev libgmock-dev libbenchmark-dev   # tests and benchmarks
+  android-liblog-dev                     # the Android logging library the library links
+  binutils                               # readelf/nm for the contract checks
+  gnuplot-nox                            # the demo's plot
+)
+
+missing=()
+for p in "${packages[@]}"; do
+  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
+done
+[ ${#missing[@]} -eq 0 ] && exit 0
+
+echo "Installing missing packages: ${missing[*]}"
+sudo=""
+[ "$(id -u)" -eq 0 ] || sudo="sudo"
+export DEBIAN_FRONTEND=noninteractive
+$sudo apt-get update -qq
+$sudo apt-get install -y -qq --no-install-recommends "${missing[@]}"
