@@ -56,6 +56,11 @@ void write_record_row(std::ostream &out, const RecordRow &r)
         << r.gs[0] << ',' << r.gs[1] << ',' << r.gs[2] << '\n';
 }
 
+void write_rough_reading(std::ostream &out, const std::array<int, 3> &reading)
+{
+    join(out, "rough_reading", reading);
+}
+
 ParsedRecord parse_record(std::istream &in)
 {
     ParsedRecord p;
@@ -117,6 +122,13 @@ ParsedRecord parse_record(std::istream &in)
                 return fail("unknown header line '" + f[0] + "'");
             }
             if (!e.empty()) return fail(e);
+            continue;
+        }
+        if (f[0] == "rough_reading") {
+            std::array<int, 3> reading{};
+            const std::string e = fields(f, reading, 0, 255);
+            if (!e.empty()) return fail(e);
+            p.record.rough_readings.push_back(reading);
             continue;
         }
         if (f.size() != 8) return fail("expected 8 values, found " + std::to_string(f.size()));

@@ -31,10 +31,14 @@ struct RecordRow {
 struct Record {
     RecordHeader header;
     std::vector<RecordRow> rows;
+    // Readings of every rough-offset measurement, in order: what the chip reported
+    // for channels 0, 1, 2 (the driver makes reading - 5 of each the rough offset).
+    std::vector<std::array<int, 3>> rough_readings;
 };
 
 void write_record_header(std::ostream &out, const RecordHeader &h);
 void write_record_row(std::ostream &out, const RecordRow &r);
+void write_rough_reading(std::ostream &out, const std::array<int, 3> &reading);
 
 struct ParsedRecord {
     bool ok = false;

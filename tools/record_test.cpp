@@ -20,6 +20,7 @@ Record random_record(uint32_t seed, int rows)
     for (int &c : r.header.rough) c = rough(rng);
     r.header.has_stored = true;
     r.header.stored = {12, 13, 14, -5, 6, 7, 2147483647, -2147483648LL, 0};
+    r.rough_readings = {{21, 0, 255}, {5, 6, 7}};
     int64_t t = 0;
     for (int i = 0; i < rows; ++i) {
         RecordRow row;
@@ -36,7 +37,9 @@ std::string text_of(const Record &r)
 {
     std::ostringstream o;
     write_record_header(o, r.header);
+    write_rough_reading(o, r.rough_readings.at(0));
     for (const auto &row : r.rows) write_record_row(o, row);
+    write_rough_reading(o, r.rough_readings.at(1));
     return o.str();
 }
 
@@ -54,6 +57,7 @@ TEST(Record, WrittenRecordsParseBackExactly)
         EXPECT_EQ(a.rough, b.rough);
         EXPECT_TRUE(b.has_stored);
         EXPECT_EQ(a.stored, b.stored);
+        EXPECT_EQ(p.record.rough_readings, r.rough_readings);
         ASSERT_EQ(p.record.rows.size(), r.rows.size());
         for (size_t i = 0; i < r.rows.size(); ++i) {
             EXPECT_EQ(p.record.rows[i].time_us, r.rows[i].time_us) << "row " << i;
@@ -124,7 +128,9 @@ TEST(Record, MalformedFilesAreRefusedWithTheLineAndTheProblem)
 
 TEST(Record, MalformedSampleRowsNameTheColumn)
 {
-    const std::string head = text_of(Record{random_record(6, 0).header, {}});
+    std::ostringstream o;
+    write_record_header(o, random_record(6, 0).header);
+    const std::string head = o.str();
     struct Row {
         const char *name, *rows, *error_part;
     } cases[] = {
@@ -134,6 +140,7 @@ TEST(Record, MalformedSampleRowsNameTheColumn)
         {"word for a count", "0,1,1,1,1,zero,0,0\n", "gs_x 'zero'"},
         {"time going back", "5,1,1,1,1,0,0,0\n4,1,1,1,1,0,0,0\n", "time_us 4 does not increase"},
         {"no samples", "", "no samples"},
+        {"rough reading beyond a byte", "rough_reading,1,256,0\n", "'rough_reading' value 2 ('256')"},
         {"truncated row", "0,1,1,1,1,0,0,\n", "gs_z ''"},
     };
     const int first_row_line = 7; // magic, profile, transformation, calib, rough, stored, columns

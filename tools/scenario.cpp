@@ -38,7 +38,7 @@ double heading_of(double east, double north) { return wrap360(std::atan2(east, n
 
 const std::vector<std::string> &scenario_names()
 {
-    static const std::vector<std::string> names{"default", "planar", "two-planes", "still"};
+    static const std::vector<std::string> names{"default", "planar", "two-planes", "magnet", "still"};
     return names;
 }
 
@@ -143,6 +143,21 @@ Scenario::Scenario(const ScenarioSettings &s) : settings_(s), rng_(s.seed)
         add(K::Spin, "turned upright", 12, Pose{40, -90, 0}, 120);
         add(K::Move, "laid down", 2, flat);
         add(K::Hold, "on table", 3, flat);
+    } else if (s.name == "magnet") {
+        // Calibrated in a figure-eight; then a magnetic clip goes onto the phone on the
+        // table (the magnetometer's channels leave their range, and the service moves
+        // the rough offset), and a second figure-eight calibrates again.
+        add(K::Hold, "on table", 3, flat);
+        add(K::Move, "picked up", 1, Pose{40, -30, 0});
+        add(K::FigureEight, "figure-eight", 12, Pose{40, -30, 0});
+        add(K::Move, "laid down", 1, flat);
+        add(K::Hold, "on table", 3, flat);
+        magnet_from_s_ = duration_s_;
+        add(K::Hold, "magnet clipped on", 4, flat);
+        add(K::Move, "picked up", 1, Pose{40, -30, 0});
+        add(K::FigureEight, "figure-eight", 12, Pose{40, -30, 0});
+        add(K::Move, "laid down", 1, flat);
+        add(K::Hold, "on table", 3, flat);
     } else if (s.name == "still") {
         add(K::Hold, "on table", 20, flat);
     } else {
@@ -232,8 +247,10 @@ Truth Scenario::ideal(double t) const
     const Vec3 earth = to_phone(tr.attitude, earth_field_uT(settings_.field_uT, settings_.inclination_deg));
     const Vec3 acc = linear_accel_g(*seg, u);
     const Vec3 g = to_phone(tr.attitude, Vec3{-acc[0], -acc[1], -1.0 - acc[2]});
+    const bool magnet = magnet_from_s_ >= 0 && t >= magnet_from_s_;
     for (int k = 0; k < 3; ++k) {
-        tr.field_uT[k] = earth[k] + settings_.hard_iron_uT[k];
+        tr.field_uT[k] = earth[k];
+        tr.hard_iron_uT[k] = settings_.hard_iron_uT[k] + (magnet ? settings_.magnet_uT[k] : 0.0);
         tr.gravity_g[k] = g[k];
     }
     tr.temperature_C = settings_.temperature_C + settings_.temp_drift_C_per_min * t / 60.0;

@@ -39,6 +39,9 @@ struct Pose {
 
 struct ScenarioSettings {
     std::string name = "default";      // which script, see scenario_names()
+    // Scenario "magnet": a magnetic clip is attached to the phone halfway, adding
+    // this to the hard iron.
+    Vec3 magnet_uT{230.0, 0.0, 0.0};
     double field_uT = 48.0;            // Earth field strength, 25..65
     double inclination_deg = 60.0;     // -90..90
     double declination_deg = 3.0;      // -180..180
@@ -57,7 +60,8 @@ struct Truth {
     const char *phase = "";
     Pose pose;          // script pose (geographic heading)
     Mat3 attitude{};    // rows: magnetic east, north, up in phone axes
-    Vec3 field_uT{};    // total field in phone axes: Earth + hard iron + noise
+    Vec3 field_uT{};    // ambient field in phone axes: Earth + noise
+    Vec3 hard_iron_uT{}; // field fixed to the phone, phone axes
     Vec3 gravity_g{};   // accelerometer reading in phone axes, g
     double temperature_C = 0;
 };
@@ -111,6 +115,7 @@ private:
     ScenarioSettings settings_;
     std::vector<Segment> script_;
     double duration_s_ = 0;
+    double magnet_from_s_ = -1; // the magnet clip is on from then, when >= 0
     std::mt19937 rng_;
 };
 

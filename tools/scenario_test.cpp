@@ -95,6 +95,7 @@ TEST(ScenarioScripts, HandlingIsContinuousAndEveryScriptHasItsPhases)
         {"default", {"on table", "picked up", "figure-eight", "walking", "turned flat", "set down"}},
         {"planar", {"on table", "turned flat"}},
         {"two-planes", {"turned flat", "stood up", "turned upright"}},
+        {"magnet", {"figure-eight", "magnet clipped on"}},
         {"still", {"on table"}},
     };
     for (const auto &c : cases) {
@@ -138,6 +139,27 @@ TEST(ScenarioScripts, NoiseIsSeededAndOnlyNoiseDiffers)
     EXPECT_TRUE(differs) << "another seed must give other noise";
 }
 
+TEST(ScenarioScripts, TheMagnetAddsToTheHardIronFromItsPhaseOn)
+{
+    ScenarioSettings s;
+    s.name = "magnet";
+    const Scenario sc(s);
+    bool before = false, after = false;
+    for (double t = 0; t < sc.duration_s(); t += 0.5) {
+        const Truth tr = sc.ideal(t);
+        const bool on = tr.hard_iron_uT[0] == s.hard_iron_uT[0] + s.magnet_uT[0];
+        if (!on) {
+            EXPECT_FALSE(after) << "magnet came off at " << t;
+            EXPECT_EQ(tr.hard_iron_uT, s.hard_iron_uT) << t;
+        } else if (!after) {
+            EXPECT_STREQ(tr.phase, "magnet clipped on") << "magnet on before its phase";
+        }
+        before = before || !on;
+        after = after || on;
+    }
+    EXPECT_TRUE(before && after);
+}
+
 TEST(ScenarioScripts, HardIronAndTemperatureDriftAreApplied)
 {
     ScenarioSettings s;
@@ -148,9 +170,8 @@ TEST(ScenarioScripts, HardIronAndTemperatureDriftAreApplied)
     const Truth t = Scenario(s).ideal(10);
     s.hard_iron_uT = {0, 0, 0};
     const Truth u = Scenario(s).ideal(10);
-    EXPECT_NEAR(t.field_uT[0] - u.field_uT[0], 10, 1e-9);
-    EXPECT_NEAR(t.field_uT[1] - u.field_uT[1], -20, 1e-9);
-    EXPECT_NEAR(t.field_uT[2] - u.field_uT[2], 30, 1e-9);
+    EXPECT_EQ(t.field_uT, u.field_uT);
+    EXPECT_EQ(t.hard_iron_uT, (Vec3{10, -20, 30}));
     EXPECT_NEAR(t.temperature_C, 20.5, 1e-9);
 }
 
