@@ -146,8 +146,15 @@ KMXC_API int8_t KmxAxesLibGetMagneticT(const KmxAxesData *ms, double *out);
 KMXC_API int8_t KmxAxesLibInit(void);
 
 /* ---- Magnetic offset carry-over ----------------------------------------------------
- * (KmxAxesLibRecalcMsOffset: carries the magnetic offset over a rough-offset change.)
+ * After the magnetometer's rough offset changed from oldRough to newRough, out =
+ * in minus, per channel k and per step up, the corrected response of one rough step
+ * (226 raw counts on channel k through KmxAxesDrvMsensCorrection at g_Temprature);
+ * plus it per step down. Steps are not range-checked; in and out may be the same
+ * record; g_AxesLib is not written.
+ *   0 done; -1 a pointer is null (out untouched)
  */
+KMXC_API int8_t KmxAxesLibRecalcMsOffset(const KmxAxesData *in, KmxAxesData *out, const uint8_t *oldRough,
+                                         const uint8_t *newRough);
 
 #ifdef __cplusplus
 }
