@@ -14,19 +14,28 @@
 namespace {
 MSFLOAT I(int32_t v) { MSFLOAT f; MSFLOAT_I2F(&f, v); return f; }
 
-TEST(MsJacobi, DiagonalInputs) {
-    struct { const char *name; int diag[3]; int value[3]; int axis[3]; } cases[] = {
-        {"2I stops at once; equal values sort by the tie rules", {2, 2, 2}, {2, 2, 2}, {2, 1, 0}},
-        {"six null rotations leave 3, 1, 2 untouched", {3, 1, 2}, {3, 2, 1}, {0, 2, 1}},
-        {"negative value clamped to zero, its vector kept", {-1, 2, 1}, {2, 1, 0}, {1, 2, 0}},
+// Small cases worked by hand with the truncating arithmetic. In the 2-1 block, h = 0
+// makes c2 exactly 1/2 while c = sqrt(1/2) = 46340 * 2^-16, s = c, s2 = sc = 65532 * 2^-17:
+// the block's values become 1 and 3 - 2^-13; the five remaining rotations have s = 0.
+TEST(MsJacobi, WorkedCases) {
+    struct { const char *name; int m[6]; double value[3]; int32_t vector[3][3]; } cases[] = {
+        {"2I stops at once; equal values sort by the tie rules", {2, 0, 0, 2, 0, 2}, {2, 2, 2},
+         {{0, 0, 16384}, {0, 16384, 0}, {16384, 0, 0}}},
+        {"six null rotations leave 3, 1, 2 untouched", {3, 0, 0, 1, 0, 2}, {3, 2, 1},
+         {{16384, 0, 0}, {0, 0, 16384}, {0, 16384, 0}}},
+        {"negative value clamped to zero, its vector kept", {-1, 0, 0, 2, 0, 1}, {2, 1, 0},
+         {{0, 16384, 0}, {0, 0, 16384}, {16384, 0, 0}}},
+        {"one 45-degree rotation of the 2-1 block", {2, 1, 0, 2, 0, 2}, {3 - 0x1p-13, 2, 1},
+         {{11585, 11585, 0}, {0, 0, 16384}, {11585, -11585, 0}}},
     };
     for (const auto &c : cases) {
-        const MSFLOAT m[6] = {I(c.diag[0]), MSFLOAT_0, MSFLOAT_0, I(c.diag[1]), MSFLOAT_0, I(c.diag[2])};
+        MSFLOAT m[6];
+        for (int i = 0; i < 6; ++i) MSFLOAT_I2F(&m[i], c.m[i]);
         MsEigenPair pairs[3];
         ASSERT_EQ(MsJacobiCalcEigenPair(m, pairs), 0);
         for (int k = 0; k < 3; ++k) {
             EXPECT_EQ(ToDouble(pairs[k].value), c.value[k]) << c.name << " pair " << k;
-            for (int j = 0; j < 3; ++j) EXPECT_EQ(pairs[k].vector[j], j == c.axis[k] ? 16384 : 0) << c.name << " pair " << k;
+            for (int j = 0; j < 3; ++j) EXPECT_EQ(pairs[k].vector[j], c.vector[k][j]) << c.name << " pair " << k;
         }
     }
 }
