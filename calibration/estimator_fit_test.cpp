@@ -85,7 +85,7 @@ TEST_F(EstimatorFit, DecimationUsesEveryNthSample) {
         KmxAxesMsCalib02Context ctx = make(0x200000, KmxAxesMsCalibCheckDistribution, c.period);
         int call = 0, code = 6;
         for (; call < 16 * c.used_every; ++call) {
-            const KmxAxesData s{call, 0, 0};
+            const KmxAxesData s{100 * call, 0, 0};
             code = KmxAxesMsCalib02_Update(&ctx, &s, nullptr);
             const bool used = (call + 1) % c.used_every == 0;
             if (call + 1 < 16 * c.used_every) {
@@ -93,7 +93,7 @@ TEST_F(EstimatorFit, DecimationUsesEveryNthSample) {
             }
         }
         EXPECT_EQ(code, 2) << int(c.period);  // the 16th used sample closes a (line) batch
-        for (int j = 0; j < 16; ++j) EXPECT_EQ(ctx.buffer[j][0], (j + 1) * c.used_every - 1) << int(c.period);
+        for (int j = 0; j < 16; ++j) EXPECT_EQ(ctx.buffer[j][0], 100 * ((j + 1) * c.used_every - 1)) << int(c.period);
     }
 }
 
