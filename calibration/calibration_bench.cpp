@@ -42,7 +42,7 @@ BENCHMARK(BM_SphereFit);
 
 void BM_PlanarFitWithTrial(benchmark::State &state) {
     Rng rng(3);
-    fit(state, circle_batch({100, -50, 200}, {0, 0, 1}, 130, 1, rng), true, 24);
+    fit(state, circle_batch({100, -50, 200}, {1, 0, 0}, {0, 1, 0}, 130, 1, rng), true, 24);
 }
 BENCHMARK(BM_PlanarFitWithTrial);
 
