@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <vector>
 
 #include "calibration/calibration_internal.h"
 #include "calibration/test_streams.h"
@@ -29,7 +30,7 @@ struct FrontEnd : ::testing::Test {
 bool same(const KmxAxesData &a, const KmxAxesData &b) { return a.x == b.x && a.y == b.y && a.z == b.z; }
 
 TEST_F(FrontEnd, StatusAndClassifierEdges) {
-    EXPECT_TRUE(g_MsCalibThreshold.ratioMidThreshold == 96 && g_MsCalibEstimator.config.residualThreshold.exponent == 150);
+    EXPECT_TRUE(g_MsCalibThreshold.ratioMidThreshold == 96 && g_MsCalibEstimator.config.residualThreshold.exponent == 134);
     EXPECT_TRUE(KmxAxesMsCalibSetStatus(8) == -1 && KmxAxesMsCalibGetStatus() == 0);
     EXPECT_TRUE(KmxAxesMsCalibSetStatus(7) == 0 && KmxAxesMsCalibGetStatus() == 7);
     const int32_t flat[2] = {0, 97};  // planar with a smallest ratio of 0: weight[0] becomes 1
@@ -102,6 +103,19 @@ TEST_F(FrontEnd, PerpendicularPlanarBatchesCombineIntoFullCalibration) {
         EXPECT_TRUE(!history || (distance(offset(), centre) <= 3.0 && detail.ratioMin > 64));
     }
     std::printf("two perpendicular circles: offset error %.2f counts\n", distance(offset(), centre));
+}
+
+// One three-dimensional and one planar fit pinned bit for bit (values of a reviewed run),
+// so that a change of operation order or truncation anywhere in the chain shows.
+TEST_F(FrontEnd, FitsArePinnedBitForBit) {
+    Rng rng{77};
+    KmxAxesMsCalibDetail d{};
+    EXPECT_EQ(feed(sphere_batch({123, -45, 67}, 140, 2, rng), &d), 63);
+    KmxAxesData o = offset();
+    EXPECT_EQ(std::vector<int32_t>({o.x, o.y, o.z, d.ratioMin, d.ratioMid, d.residual}), std::vector<int32_t>({122, -45, 67, 924, 1003, 380824}));
+    EXPECT_EQ(feed(circle_batch({-60, 30, 90}, {0.6, 0, 0.8}, {0, 1, 0}, 120, 0, rng), &d), 7 | 48);
+    o = offset();
+    EXPECT_EQ(std::vector<int32_t>({o.x, o.y, o.z, d.ratioMin, d.ratioMid, d.residual}), std::vector<int32_t>({67, 30, -5, 0, 1020, 32354}));
 }
 
 // Lines, identical samples, any batch under a residual threshold of 0, and full-scale

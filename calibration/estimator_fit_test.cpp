@@ -95,6 +95,21 @@ TEST(EstimatorFit, ResultCodesCountersAndRecord) {
     }
 }
 
+TEST(EstimatorFit, ResidualLeavesOutEigenvaluesUpTo2PowMinus10) {
+    auto f = [](int32_t v) { MSFLOAT m; MSFLOAT_I2F(&m, v); return m; };
+    const MSFLOAT b[3] = {f(20), f(10), f(4)}, s = f(1000), just_above = {1, 103, 0x8001};
+    const struct {
+        MSFLOAT lambda2;
+        double want;
+    } cases[] = {{f(16), 997}, {MSFLOAT_1div1024, 998}, {MSFLOAT_0, 998}, {just_above, 998 - 16 / std::ldexp(0x8001, -25)}};
+    for (const auto &c : cases) {
+        const MsEigenPair pairs[3] = {{f(400), {16384, 0, 0}}, {f(100), {0, 16384, 0}}, {c.lambda2, {0, 0, 16384}}};
+        MSFLOAT out;  // s - sum (e.b)^2 / lambda over the pairs used
+        KmxAxesMsCalib02_CalcResidual(b, pairs, &s, &out);
+        EXPECT_NEAR(out.sign * std::ldexp(out.mantissa, out.exponent - 128), c.want, 1) << c.want;
+    }
+}
+
 // 256 cos^2 between the plane normal and the old offset's difference from the new one
 // moved into the samples' plane, exact far beyond the 2900 counts of 32-bit products.
 TEST(EstimatorFit, ShiftAlignmentIsTheSquaredCosineToTheNormal) {
