@@ -11,7 +11,7 @@ using namespace calib_test;
 
 void BM_BufferedSample(benchmark::State &state) {
     KmxAxesMsCalibInit();
-    Rng rng(1);
+    Rng rng{1};
     const Batch batch = sphere_batch({100, -50, 200}, 130, 1, rng);
     for (auto _ : state) {
         g_MsCalibEstimator.count = g_MsCalibEstimator.writeIndex = 3;  // never reaches a full batch
@@ -35,13 +35,13 @@ void fit(benchmark::State &state, const Batch &batch, bool planar_history, int8_
 }
 
 void BM_SphereFit(benchmark::State &state) {
-    Rng rng(2);
+    Rng rng{2};
     fit(state, sphere_batch({100, -50, 200}, 130, 1, rng), false, 63);
 }
 BENCHMARK(BM_SphereFit);
 
 void BM_PlanarFitWithTrial(benchmark::State &state) {
-    Rng rng(3);
+    Rng rng{3};
     fit(state, circle_batch({100, -50, 200}, {1, 0, 0}, {0, 1, 0}, 130, 1, rng), true, 24);
 }
 BENCHMARK(BM_PlanarFitWithTrial);
