@@ -61,6 +61,101 @@ KMXC_API int8_t KmxAxesLibIsValidMsOffset(const KmxAxesData *offset);
 KMXC_API int8_t KmxAxesLibIsValidRoughOffset(const uint8_t *rough);
 KMXC_API int8_t KmxAxesGsCalibGetGsOffset(const KmxAxesData *resting, KmxAxesData *out);
 
+/* ---- Attitude (integer) -----------------------------------------------------------
+ * KmxAxesLibGetAttitude removes the offsets, limits each component to
+ * -16384..16384, and builds the Q12 east/north/up rows from the two samples in
+ * 32-bit integer arithmetic (no floating point, fixed running time). The gravity
+ * sample points the way gravity pulls. The north row is not normalised again, so
+ * it is only as long as the truncations leave it (a few counts short of 4096).
+ *
+ *   0  attitude formed
+ *   1  zero field, zero gravity or field parallel to gravity: the output holds the
+ *      default record (identity matrix, zero norms and vectors, msGsCos 4096)
+ * No pointer is checked.
+ */
+typedef struct KmxAxesAttitude {
+    int16_t matrix[9];   /* Q12 row-major: row 0 east, row 1 north, row 2 up (device axes) */
+    uint16_t msNorm;     /* length of the limited magnetic vector, magnetic counts */
+    uint16_t gsNorm;     /* length of the limited gravity vector, gravity counts */
+    int16_t msGsCos;     /* Q12 cosine between gravity and field, -4096..4096 */
+    KmxAxesData ms;      /* magnetic sample - msOffset, limited to +-16384 */
+    KmxAxesData gs;      /* gravity sample - gsOffset, limited to +-16384 */
+} KmxAxesAttitude;
+
+KMXC_API int8_t KmxAxesLibGetAttitude(const KmxAxesData *ms, const KmxAxesData *gs,
+                                      KmxAxesAttitude *out);
+
+/* ---- Heading (integer) -------------------------------------------------------------
+ * Heading in whole degrees 0..359, north toward east, of the device's y axis; when
+ * |up row's y entry| exceeds threshold (Q12, 0..4096) the y axis stands too steep
+ * and the heading of the -z axis (+z when y points down) is taken instead. The
+ * arctangent is a 33-entry table with linear interpolation (about 1/8 degree).
+ *
+ *   KmxAxesLibCalcDirectionWOF  0 heading written; 1 both chosen entries are zero,
+ *                               heading set to 0. Keeps no state.
+ *   KmxAxesLibCalcDirection     0 always: the same heading passed through a
+ *                               second-order smoother whose history lives as long as
+ *                               the library and is never reset (not by
+ *                               KmxAxesLibInit either).
+ * No pointer is checked.
+ */
+KMXC_API int8_t KmxAxesLibCalcDirectionWOF(const KmxAxesAttitude *attitude, uint16_t *heading,
+                                           int32_t threshold);
+KMXC_API int8_t KmxAxesLibCalcDirection(const KmxAxesAttitude *attitude, uint16_t *heading,
+                                        int32_t threshold);
+
+/* ---- Azimuth hold filter -----------------------------------------------------------
+ * Holds one heading while the recent headings agree with their smoothed value to
+ * within 5 degrees, and passes each heading through, truncated to a whole degree,
+ * once the smoothed value moves more than 5 degrees from the held one. Usable only
+ * after KmxAxesLibAzimuthFilterInit (KmxAxesLibInit calls it).
+ *
+ *   KmxAxesLibGetAzimuthFiltered  0 done; -1 out is null or heading is outside
+ *                                 0.0..360.0 (NaN included): nothing changes
+ */
+KMXC_API void KmxAxesLibAzimuthFilterInit(void);
+KMXC_API int8_t KmxAxesLibGetAzimuthFiltered(double heading, double *out);
+
+/* ---- Rotation matrix and Euler angles (double precision) -------------------------
+ * KmxAxesLibGetRotationMatrix: nine doubles row-major, rows east, north, up as unit
+ * vectors in device axes; only the directions of gravity and field matter.
+ *   0 done; -1 a pointer is null, or gravity, field, their cross product or the
+ *   north row has length exactly 0.0 (nothing written)
+ * KmxAxesLibGetEuler: angles = azimuth (0..360, after the hold filter, which it
+ * advances by one step), pitch (-180..179: minus the elevation of the y axis,
+ * folded beyond +-90 when the device faces down), roll (-90..90: minus the
+ * elevation of the x axis); each truncated toward zero to a whole number.
+ *   0 done; -1 a pointer is null
+ */
+KMXC_API int8_t KmxAxesLibGetRotationMatrix(const double *gravity, const double *field,
+                                            double *matrix);
+KMXC_API int8_t KmxAxesLibGetEuler(const double *matrix, double *angles);
+
+/* ---- Physical units -----------------------------------------------------------------
+ * Offset removed and limited as in KmxAxesLibGetAttitude, then scaled: gravity to
+ * m/s^2 (x 1/4096, then x 9.80665), field to microtesla (x 0.4). Out: x, y, z.
+ *   0 done; -1 a pointer is null (nothing written)
+ */
+KMXC_API int8_t KmxAxesLibGetGravityEarth(const KmxAxesData *gs, double *out);
+KMXC_API int8_t KmxAxesLibGetMagneticT(const KmxAxesData *ms, double *out);
+
+/* ---- Initialisation ---------------------------------------------------------------
+ * Zeroes both offsets and resets the azimuth filter; leaves the heading smoother's
+ * history alone. May be called any number of times. Returns 0.
+ */
+KMXC_API int8_t KmxAxesLibInit(void);
+
+/* ---- Magnetic offset carry-over ----------------------------------------------------
+ * After the magnetometer's rough offset changed from oldRough to newRough, out =
+ * in minus, per channel k and per step up, the corrected response of one rough step
+ * (226 raw counts on channel k through KmxAxesDrvMsensCorrection at g_Temprature);
+ * plus it per step down. Steps are not range-checked; in and out may be the same
+ * record; g_AxesLib is not written.
+ *   0 done; -1 a pointer is null (out untouched)
+ */
+KMXC_API int8_t KmxAxesLibRecalcMsOffset(const KmxAxesData *in, KmxAxesData *out, const uint8_t *oldRough,
+                                         const uint8_t *newRough);
+
 #ifdef __cplusplus
 }
 #endif

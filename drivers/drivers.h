@@ -1,0 +1,122 @@
+/*
+ * Sensor drivers: the magnetometer at bus address 0x2E (start-up, correction
+ * matrix, measurement, coil sequence and rough offset) and the accelerometer glue
+ * that connects the SMB380 driver to the compass device.
+ *
+ * Both drivers share the compass device and one state record. The first driver to
+ * initialise opens the device, the last to terminate closes it; a bus failure
+ * during the magnetometer start-up closes it at once, even under a running
+ * accelerometer. Every sequence selects its slave address before its transfers.
+ *
+ * Magnetic output: corrected counts in the phone's axes (0.4 uT each), produced by
+ * the integer chain raw -> centred and temperature-corrected -> mixed -> times the
+ * correction matrix -> / 1600. Measurements refuse with -126 until a rough offset
+ * has been written after the last initialisation.
+ *
+ * State: one static KmxcDrvState (KmxcDrvHandle) and g_Temprature. No threads, no
+ * locks: call from one thread, one call at a time. No function allocates.
+ *
+ * Common results (signed 8-bit unless noted):
+ *     0   success
+ *    -1   transformation matrix fails the check, or an argument is invalid
+ *    -3   driver not initialised / transformation profile unreadable
+ *    -4   magnetometer busy (data not ready after the full wait)
+ *    -5   compass device or bus failure
+ *  -126   no rough offset written since the magnetometer was initialised
+ */
+#ifndef KMXC_DRIVERS_H
+#define KMXC_DRIVERS_H
+
+#include <stdint.h>
+
+#include "orientation/orientation.h"
+
+#ifndef KMXC_API
+#define KMXC_API __attribute__((visibility("default")))
+#endif
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* initFlags bits. */
+#define KMXC_DRV_INIT_GS 0x01u /* accelerometer glue initialised */
+#define KMXC_DRV_INIT_MS 0x02u /* magnetometer initialised */
+
+/* Driver state shared by both drivers; all zero at load. */
+typedef struct KmxcDrvState {
+    uint8_t calib[9];           /* calibration bytes of the last (attempted) start-up */
+    uint8_t roughOffset[3];     /* rough offsets last recorded, channels 0, 1, 2 (0..31) */
+    int8_t roughOffsetWritten;  /* 0 after each start-up, 1 once a rough offset is written */
+    int16_t correction[9];      /* transformation x sensitivity, 3x3 row-major */
+    int8_t tempCoef[3];         /* temperature coefficients: calib[6 + i] - 128 */
+    uint8_t initFlags;          /* KMXC_DRV_INIT_GS | KMXC_DRV_INIT_MS; other bits 0 */
+} KmxcDrvState;
+
+/* Optional raw values of one cycle; each measurement fills only its own fields. */
+typedef struct KmxcDrvRawData {
+    uint16_t ms[3];       /* magnetometer channels 0, 1, 2 (11-bit raw) */
+    int16_t gs[3];        /* accelerometer counts x, y, z */
+    uint16_t temperature; /* magnetometer chip temperature (11-bit raw) */
+} KmxcDrvRawData;
+
+/* Chip temperature of the last measurement that got past the busy test (raw). */
+KMXC_API extern uint16_t g_Temprature;
+
+/* Address of the one driver state record. */
+KMXC_API KmxcDrvState *KmxcDrvHandle(void);
+
+/* ---- Magnetometer start-up --------------------------------------------------------
+ *   KmxAxesDrvMsInit   0; -1 mounting matrix fails the check; -3 profile file
+ *                      writable but unreadable or too short; -5 device or bus
+ *                      failure (bus failures close the device)
+ *   KmxcDrvMakeCorrectionMatrix  correction = transformation x sensitivity, each
+ *                      entry the low 16 bits of the 32-bit sum; returns 0
+ */
+KMXC_API int8_t KmxAxesDrvMsInit(void);
+KMXC_API uint32_t KmxcDrvMakeCorrectionMatrix(const int8_t *transformation, const int16_t *sensitivity,
+                                              int16_t *correction);
+
+/* ---- Magnetometer measurement -----------------------------------------------------
+ *   KmxAxesDrvMsMeasure / KmxcDrvMsMeasure
+ *                      0..7 measured (bit i: channel i outside 2..1023); -3 not
+ *                      initialised; -4 busy; -5 bus failure; -126 no rough offset.
+ *                      raw may be null. Takes 13 ms.
+ *   KmxcDrvMeasurePreparation  command 0xC0; 0 or -5
+ *   KmxcDrvSetGPO      general-purpose output (0xF5 level != 0, 0xF4 level 0); 0 or -5
+ *   KmxAxesDrvMsensCorrection  raw channels + temperature -> corrected vector with
+ *                      the current correction; no hardware, no state change; 0
+ *   KmxcDrvTransform   out_i = sum_j matrix[i][j] * vector[j] in 32 bits; 0
+ *   KmxAxesDrvMsTerm   0; -3 not initialised; -5 closing the device failed
+ */
+KMXC_API int8_t KmxAxesDrvMsMeasure(KmxAxesData *out, KmxcDrvRawData *raw);
+KMXC_API int8_t KmxcDrvMsMeasure(KmxAxesData *out, KmxcDrvRawData *raw);
+KMXC_API int8_t KmxcDrvMeasurePreparation(void);
+KMXC_API int8_t KmxcDrvSetGPO(int level);
+KMXC_API uint32_t KmxAxesDrvMsensCorrection(const uint16_t *raw, uint16_t temperature, KmxAxesData *out);
+KMXC_API uint32_t KmxcDrvTransform(const int16_t *matrix, const int16_t *vector, int32_t *out);
+KMXC_API int8_t KmxAxesDrvMsTerm(void);
+
+/* ---- Coil and rough offset --------------------------------------------------------
+ *   KmxAxesDrvMsInitCoil   the sixteen coil commands; 0; -3; -5
+ *   KmxAxesDrvMsMeasureRoughOffset  out = suggested rough offsets (0..27);
+ *                      0..7 (bit i: channel i's measured value outside 1..32); -4; -5.
+ *                      Needs only the open device.
+ *   KmxAxesDrvMsSetRoughOffset  values (each <= 31) or null to measure; 0 written;
+ *                      -1 a value above 31; -3; -5; with null also 1..7 and -4
+ *   KmxAxesDrvMsGetWrittenRoughOffset  0; -3; -126 nothing written since start-up
+ */
+KMXC_API int8_t KmxAxesDrvMsInitCoil(void);
+KMXC_API int8_t KmxAxesDrvMsMeasureRoughOffset(uint8_t *out);
+KMXC_API int8_t KmxAxesDrvMsSetRoughOffset(const uint8_t *values);
+KMXC_API int8_t KmxAxesDrvMsGetWrittenRoughOffset(uint8_t *out);
+
+/* ---- Accelerometer glue ----------------------------------------------------------- */
+
+/* ---- end of Accelerometer glue ---------------------------------------------------- */
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* KMXC_DRIVERS_H */

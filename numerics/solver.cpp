@@ -1,0 +1,80 @@
+// 5x5 symmetric linear solver on MSFLOAT: Gaussian elimination with partial pivoting.
+#include <stdint.h>
+
+#include "numerics/numerics.h"
+
+namespace {
+
+constexpr int kN = 5;
+
+// out = first x second, formed in a copy of the first factor.
+int8_t Product(MSFLOAT *out, const MSFLOAT &first, const MSFLOAT &second) {
+    *out = first;
+    return MSFLOAT_OpMultiEq(out, &second);
+}
+
+}  // namespace
+
+extern "C" int8_t MsSolve(const MSFLOAT A[15], const MSFLOAT r[5], MSFLOAT x[5]) {
+    for (int i = 0; i < kN; ++i) x[i] = r[i];
+
+    MSFLOAT L[kN][kN];
+    int packed = 0;
+    for (int i = 0; i < kN; ++i) {
+        for (int j = i; j < kN; ++j) {
+            L[i][j] = A[packed];
+            L[j][i] = A[packed];
+            ++packed;
+        }
+    }
+
+    MSFLOAT product;
+    int8_t status;
+    for (int k = 0; k < kN; ++k) {
+        // Strictly greater magnitude only: ties keep the earlier row.
+        int pivotRow = k;
+        for (int i = k + 1; i < kN; ++i) {
+            if (MSFLOAT_AbsCompGreater(&L[i][k], &L[pivotRow][k]) == 1) pivotRow = i;
+        }
+        if (pivotRow != k) {
+            for (int j = 0; j < kN; ++j) {
+                const MSFLOAT held = L[k][j];
+                L[k][j] = L[pivotRow][j];
+                L[pivotRow][j] = held;
+            }
+            const MSFLOAT held = x[k];
+            x[k] = x[pivotRow];
+            x[pivotRow] = held;
+        }
+
+        // L(k,k) stays as it is and counts as 1 from here on. A zero pivot ends the
+        // solve here with the division's status.
+        for (int j = k + 1; j < kN; ++j) {
+            status = MSFLOAT_OpDivEq(&L[k][j], &L[k][k]);
+            if (status < 0) return status;
+        }
+        status = MSFLOAT_OpDivEq(&x[k], &L[k][k]);
+        if (status < 0) return status;
+
+        // L(i,k) below the pivot is left in place, never read again.
+        for (int i = k + 1; i < kN; ++i) {
+            for (int j = k + 1; j < kN; ++j) {
+                status = Product(&product, L[k][j], L[i][k]);
+                if (status < 0) return status;
+                (void)MSFLOAT_OpMinusEq(&L[i][j], &product);
+            }
+            status = Product(&product, x[k], L[i][k]);
+            if (status < 0) return status;
+            (void)MSFLOAT_OpMinusEq(&x[i], &product);
+        }
+    }
+
+    for (int i = kN - 1; i >= 0; --i) {
+        for (int j = i + 1; j < kN; ++j) {
+            status = Product(&product, L[i][j], x[j]);
+            if (status < 0) return status;
+            (void)MSFLOAT_OpMinusEq(&x[i], &product);
+        }
+    }
+    return 0;
+}

@@ -1,0 +1,173 @@
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdint>
+#include <random>
+#include <vector>
+
+#include "orientation/orientation.h"
+#include "orientation/orientation_internal.h"
+#include "orientation/test_vectors.h"
+
+namespace {
+
+using namespace kmxc_test;
+
+constexpr double kEighthsPerRadian = 1440.0 / kPi;
+
+TEST(AtanTable, HoldsSixteenIMinusTheArctangentRoundedUp) {
+    for (int i = 0; i <= 32; ++i) {
+        const double eighths = std::atan(i / 32.0) * kEighthsPerRadian;
+        EXPECT_EQ(KmxAxesLibAtanTable[i], 16 * i - static_cast<int>(std::ceil(eighths))) << i;
+    }
+}
+
+// Measured: within 1.06 eighths of a degree of the true arctangent while |b| fits
+// ten bits; larger b are shifted down with a, which costs up to 1.75 eighths.
+TEST(Atan, StaysWithinItsMeasuredErrorOfTheTrueArctangent) {
+    struct {
+        int32_t b;
+        double bound;  // eighths of a degree
+    } const cases[] = {{1023, 1.06}, {-1000, 1.06}, {517, 1.06}, {33, 1.06},
+                       {4096, 1.75}, {-8191, 1.75}, {70000, 1.75}};
+    for (const auto &c : cases) {
+        const int32_t span = std::abs(c.b);
+        for (int32_t a = -span; a <= span; a += span > 8191 ? 7 : 1) {
+            const double err = KmxAxesLibAtan(a, c.b) - std::atan(double(a) / c.b) * kEighthsPerRadian;
+            ASSERT_LT(std::fabs(err), c.bound) << a << "/" << c.b;
+        }
+    }
+}
+
+TEST(Atan2, CoversTheFullTurnInEighths) {
+    struct {
+        int32_t x, y;
+        int16_t eighths;
+    } const cases[] = {{1, 0, 0},       {0, 1, 720},       {-1, 0, 1440},    {0, -1, 2160},
+                       {1, 1, 360},     {100, -100, 2520}, {510, 419, 315},  {419, 510, 405},
+                       {-510, -419, 1755}, {-1, 1, 1080},  {-4096, 0, 1440}, {0, -4096, 2160}};
+    for (const auto &c : cases) EXPECT_EQ(KmxAxesLibAtan2(c.x, c.y), c.eighths) << c.x << "," << c.y;
+}
+
+KmxAxesAttitude with_rows(std::initializer_list<int16_t> rows) {
+    KmxAxesAttitude a = KmxAxesLibDefaultAttitude;
+    int i = 0;
+    for (int16_t v : rows) a.matrix[i++] = v;
+    return a;
+}
+
+TEST(CalcDirectionWOF, HeadsTheYAxisOrTheZAxisWhenSteep) {
+    struct {
+        const char *name;
+        KmxAxesAttitude attitude;
+        int8_t result;
+        uint16_t heading;
+    } const cases[] = {
+        {"identity", KmxAxesLibDefaultAttitude, 0, 0},
+        {"facing west", with_rows({0, -4096, 0, 4096, 0, 0, 0, 0, 4096}), 0, 270},
+        {"facing south-east", with_rows({-2896, 2896, 0, -2896, -2896, 0, 0, 0, 4096}), 0, 135},
+        {"upright, z axis used", with_rows({-4096, 0, 0, 0, 0, 4096, 0, 4096, 0}), 0, 180},
+        {"upside down, +z used", with_rows({4096, 0, 0, 0, 0, 4096, 0, -4096, 0}), 0, 0},
+        {"no y entries", with_rows({4096, 0, 0, 0, 0, 4096, 0, 100, 0}), 1, 0},
+    };
+    for (const auto &c : cases) {
+        uint16_t heading = 999;
+        EXPECT_EQ(KmxAxesLibCalcDirectionWOF(&c.attitude, &heading, 3000), c.result) << c.name;
+        EXPECT_EQ(heading, c.heading) << c.name;
+    }
+}
+
+struct SmootherCase {
+    const char *name;
+    std::vector<uint16_t> inputs, outputs;
+};
+
+TEST(SmoothDirection, ConvergesFromZeroHistoryTheShortWayRound) {
+    const SmootherCase cases[] = {
+        {"90 seven times", {90, 90, 90, 90, 90, 90, 90}, {157, 132, 108, 96, 91, 90, 90}},
+        {"10 ten times, then 350 eight times",
+         {10, 10, 10, 10, 10, 10, 10, 10, 10, 10, 350, 350, 350, 350, 350, 350, 350, 350},
+         {137, 89, 44, 22, 13, 10, 10, 10, 10, 10, 5, 0, 354, 352, 351, 350, 349, 350}},
+    };
+    for (const auto &c : cases) {
+        KmxAxesLibSmootherHistory h{0, 0, 0, 0};
+        for (size_t i = 0; i < c.inputs.size(); ++i) {
+            uint16_t out = 999;
+            KmxAxesLibSmoothDirection(&h, c.inputs[i], &out);
+            EXPECT_EQ(out, c.outputs[i]) << c.name << " step " << i;
+        }
+    }
+}
+
+TEST(CalcDirection, SmoothsWithItsOwnPersistentHistory) {
+    KmxAxesLibDirectionState = {0, 0, 0, 0};
+    const KmxAxesAttitude east = with_rows({0, 4096, 0, -4096, 0, 0, 0, 0, 4096});
+    const uint16_t expected[] = {157, 132, 108, 96};
+    for (uint16_t e : expected) {
+        uint16_t heading = 999;
+        EXPECT_EQ(KmxAxesLibCalcDirection(&east, &heading, 3000), 0);
+        EXPECT_EQ(heading, e);
+    }
+    // A heading that cannot be formed enters the smoother as 0 and is not reported.
+    KmxAxesLibDirectionState = {0, 0, 0, 0};
+    const KmxAxesAttitude none = with_rows({4096, 0, 0, 0, 0, 4096, 0, 100, 0});
+    uint16_t heading = 999;
+    EXPECT_EQ(KmxAxesLibCalcDirection(&none, &heading, 3000), 0);
+    EXPECT_EQ(heading, 135);
+    EXPECT_EQ(KmxAxesLibDirectionState.prevOutput, -180);
+}
+
+// Random field and gravity directions, reference heading computed in double from
+// the same integer vectors (fields of 100..1000 counts, at least 15 degrees from
+// gravity). Measured: reference - integer heading lies in [-0.245, 1.077] degrees
+// (the integer heading truncates, so the ideal range is [0, 1); the rest is the
+// table arctangent and the Q12 truncations); row dot products stay within 0.00127
+// of a Q12 unit squared.
+TEST(HeadingProperty, IntegerHeadingMatchesADoubleReference) {
+    KmxAxesLibSetMsOffset(&KmxAxesData_Constructor);
+    KmxAxesLibSetGsOffset(&KmxAxesData_Constructor);
+    std::mt19937 rng(2026);
+    std::uniform_real_distribution<double> gravity_length(3500, 4700), field_length(100, 1000);
+    double lowest = 0, highest = 0, worst_dot = 0;
+    int checked = 0;
+    for (int n = 0; n < 20000; ++n) {
+        const V3 gd = random_direction(rng), md = random_direction(rng);
+        const double gl = gravity_length(rng), ml = field_length(rng);
+        if (std::fabs(dot(gd, md)) > std::cos(15 / kDeg)) continue;
+        const KmxAxesData g{int32_t(std::lround(gl * gd.x)), int32_t(std::lround(gl * gd.y)),
+                            int32_t(std::lround(gl * gd.z))};
+        const KmxAxesData m{int32_t(std::lround(ml * md.x)), int32_t(std::lround(ml * md.y)),
+                            int32_t(std::lround(ml * md.z))};
+        const V3 up = unit(V3{-double(g.x), -double(g.y), -double(g.z)});
+        const V3 field{double(m.x), double(m.y), double(m.z)};
+        const V3 north = unit(field - dot(field, up) * up);
+        const V3 east = cross(north, up);
+        const double up_y = up.y * 4096;
+        if (std::fabs(std::fabs(up_y) - 3000) < 40) continue;  // branch choice ambiguous
+        const V3 axis = std::fabs(up_y) <= 3000 ? V3{0, 1, 0} : V3{0, 0, up_y >= 0 ? -1.0 : 1.0};
+        const double reference = std::atan2(dot(east, axis), dot(north, axis)) * kDeg;
+
+        KmxAxesAttitude a{};
+        ASSERT_EQ(KmxAxesLibGetAttitude(&m, &g, &a), 0);
+        uint16_t heading = 999;
+        ASSERT_EQ(KmxAxesLibCalcDirectionWOF(&a, &heading, 3000), 0);
+        ASSERT_LT(heading, 360);
+        const double err = angle_difference(reference, heading);
+        lowest = std::min(lowest, err);
+        highest = std::max(highest, err);
+        for (int r = 0; r < 3; ++r) {
+            const int16_t *p = &a.matrix[3 * r], *q = &a.matrix[3 * ((r + 1) % 3)];
+            const double d = (p[0] * q[0] + p[1] * q[1] + p[2] * q[2]) / (4096.0 * 4096.0);
+            worst_dot = std::max(worst_dot, std::fabs(d));
+        }
+        ++checked;
+    }
+    std::printf("heading error [%.4f, %.4f] deg, worst row dot %.6f, %d cases\n", lowest, highest,
+                worst_dot, checked);
+    EXPECT_GT(checked, 15000);
+    EXPECT_GT(lowest, -0.3);
+    EXPECT_LT(highest, 1.15);
+    EXPECT_LT(worst_dot, 0.0015);
+}
+
+}  // namespace

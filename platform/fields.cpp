@@ -1,0 +1,52 @@
+// Line buffer, field readers and integer conversion of the configuration files.
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "platform/platform_internal.h"
+
+namespace {
+constexpr char kProfileNumberPath[] = "/sys/module/zorsensor/parameters/profile";
+}  // namespace
+
+extern "C" {
+
+constinit char g_LineBuffer[MSMACHDEP_LINE_BUFFER_SIZE] = {};
+
+const char *msmachdep_TokenOr255(char *text) {
+    const char *field = std::strtok(text, ",");
+    return field != nullptr ? field : "255";
+}
+
+const char *msmachdep_TokenOrZero(char *text) {
+    const char *field = std::strtok(text, ",");
+    return field != nullptr ? field : "0";
+}
+
+const char *msmachdep_TokenOrMax(void) {
+    const char *field = std::strtok(nullptr, ",");
+    return field != nullptr ? field : "2147483647";
+}
+
+int32_t msmachdep_ParseInt(const char *text) {
+    // strtol parses exactly what atoi does and is defined on every input (it
+    // saturates at the long range); atoi is (int)strtol on in-range text.
+    const int saved = errno;
+    const long value = std::strtol(text, nullptr, 10);
+    errno = saved;
+    if (value > INT32_MAX) return INT32_MAX;
+    if (value < INT32_MIN) return INT32_MIN;
+    return static_cast<int32_t>(value);
+}
+
+int32_t msmachdep_ReadProfileNumber(void) {
+    std::FILE *file = std::fopen(kProfileNumberPath, "r");
+    if (file == nullptr) return 1;
+    const bool read = std::fgets(g_LineBuffer, sizeof g_LineBuffer, file) != nullptr;
+    std::fclose(file);
+    return read ? msmachdep_ParseInt(g_LineBuffer) : 1;
+}
+
+}  // extern "C"

@@ -1,0 +1,239 @@
+// The calibration data file: one line of nine integers, "rough x3, gravity x3,
+// magnetic x3", saved through a backup that is renamed into place (rough, magnetic,
+// creation, reset) or rewritten in place (gravity).
+#include <android/log.h>
+#include <sys/types.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <sys/stat.h>
+
+#include "platform/platform_internal.h"
+
+namespace {
+
+constexpr char kMainPath[] = "/misc/sensor/kmxc_orvane.cfg";
+constexpr char kBackupPath[] = "/misc/sensor/kmxc_orvane-backup.cfg";
+constexpr char kFormat[] = "%d,%d,%d,%d,%d,%d,%d,%d,%d";
+constexpr char kLogTag[] = "Msmachdep";
+constexpr uid_t kCompassUid = 1008;  // the compass user
+constexpr gid_t kSystemGid = 1000;   // the system group
+constexpr mode_t kFileMode = 0666;
+
+constexpr int kFields = 9;
+constexpr int kRough = 0;
+constexpr int kGravity = 3;
+constexpr int kMagnetic = 6;
+constexpr int32_t kDefaults[kFields] = {255, 255, 255, 0, 0, 0, INT32_MAX, INT32_MAX, INT32_MAX};
+
+void log_error(const char *line) { __android_log_print(ANDROID_LOG_ERROR, kLogTag, "%s", line); }
+
+int write_fields(std::FILE *file, const int32_t (&v)[kFields]) {
+    return std::fprintf(file, kFormat, v[0], v[1], v[2], v[3], v[4], v[5], v[6], v[7], v[8]);
+}
+
+// Owner, mode and rename of a completely written backup; perror names the failing call.
+int8_t install_backup() {
+    if (chown(kBackupPath, kCompassUid, kSystemGid) < 0) {
+        std::perror("chown");
+        return -1;
+    }
+    if (chmod(kBackupPath, kFileMode) < 0) {
+        std::perror("chmod");
+        return -1;
+    }
+    if (std::rename(kBackupPath, kMainPath) < 0) {
+        std::perror("rename");
+        return -1;
+    }
+    return 0;
+}
+
+// 1 when the main file is writable; 0 when it is missing; -1 after perror("access").
+int main_file_state() {
+    if (access(kMainPath, W_OK) == 0) return 1;
+    if (errno != ENOENT) {
+        std::perror("access");
+        return -1;
+    }
+    return 0;
+}
+
+// Which of msmachdep_LoadGsOffset's extra log lines to write; null for none.
+struct ReadLog {
+    const char *cannot_open;
+    const char *cannot_read;
+};
+
+// Reads the main file's line into g_LineBuffer and splits it into the nine values.
+int8_t read_current(int32_t (&v)[kFields], const ReadLog &log = {nullptr, nullptr}) {
+    std::FILE *file = std::fopen(kMainPath, "r");
+    if (file == nullptr) {
+        if (log.cannot_open != nullptr) log_error(log.cannot_open);
+        std::perror("fopen");
+        return -1;
+    }
+    if (std::fgets(g_LineBuffer, sizeof g_LineBuffer, file) == nullptr) {
+        if (log.cannot_read != nullptr) log_error(log.cannot_read);
+        std::perror("fgets");
+        std::fclose(file);
+        return -1;
+    }
+    std::fclose(file);
+    v[0] = msmachdep_ParseInt(msmachdep_TokenOr255(g_LineBuffer));
+    for (int i = 1; i < 3; ++i) v[i] = msmachdep_ParseInt(msmachdep_TokenOr255(nullptr));
+    for (int i = 3; i < 6; ++i) v[i] = msmachdep_ParseInt(msmachdep_TokenOrZero(nullptr));
+    for (int i = 6; i < 9; ++i) v[i] = msmachdep_ParseInt(msmachdep_TokenOrMax());
+    return 0;
+}
+
+// Writes the nine values to the backup and renames it into place. A failing open
+// prints "fopen" only when asked (the magnetic save prints nothing there).
+int8_t save_through_backup(const int32_t (&v)[kFields], bool report_open) {
+    std::FILE *file = std::fopen(kBackupPath, "w");
+    if (file == nullptr) {
+        if (report_open) std::perror("fopen");
+        return -1;
+    }
+    if (write_fields(file, v) < 0) {
+        std::perror("fprintf");
+        std::fclose(file);
+        return -1;
+    }
+    std::fclose(file);
+    return install_backup();
+}
+
+int8_t load_triple(int32_t *out, int first) {
+    if (out == nullptr) return -1;
+    if (msmachdep_EnsureOffsetFile() < 0) return -1;
+    int32_t v[kFields];
+    if (read_current(v) < 0) return -1;
+    for (int i = 0; i < 3; ++i) out[i] = v[first + i];
+    return 0;
+}
+
+}  // namespace
+
+extern "C" {
+
+int8_t msmachdep_EnsureOffsetFile(void) {
+    const int state = main_file_state();
+    if (state != 0) return state > 0 ? 0 : -1;
+    std::FILE *file = std::fopen(kBackupPath, "w");
+    if (file == nullptr) {
+        std::perror("fopen");
+        return -1;
+    }
+    if (write_fields(file, kDefaults) < 0) {
+        std::perror("fprintf");
+        std::fclose(file);
+        return -1;
+    }
+    std::fclose(file);
+    return install_backup();
+}
+
+int8_t msmachdep_EnsureOffsetFileInPlace(void) {
+    const int state = main_file_state();
+    if (state != 0) return state > 0 ? 0 : -1;
+    std::FILE *file = std::fopen(kMainPath, "w");
+    if (file == nullptr) {
+        std::perror("fopen");
+        return -1;
+    }
+    if (write_fields(file, kDefaults) < 0) {
+        std::perror("fprintf");
+        std::fclose(file);
+        return -1;
+    }
+    std::fclose(file);
+    return 0;
+}
+
+int8_t msmachdep_LoadRoughOffset(uint8_t *out) {
+    if (out == nullptr) return -1;
+    if (msmachdep_EnsureOffsetFile() < 0) return -1;
+    int32_t v[kFields];
+    if (read_current(v) < 0) return -1;
+    for (int i = 0; i < 3; ++i) out[i] = static_cast<uint8_t>(static_cast<uint32_t>(v[kRough + i]) & 0xFFu);
+    return 0;
+}
+
+int8_t msmachdep_SaveRoughOffset(const uint8_t *in) {
+    if (in == nullptr) return -1;
+    if (msmachdep_EnsureOffsetFile() < 0) return -1;
+    int32_t v[kFields];
+    if (read_current(v) < 0) return -1;
+    for (int i = 0; i < 3; ++i) v[kRough + i] = in[i];
+    return save_through_backup(v, true);
+}
+
+int8_t msmachdep_LoadGsOffset(int32_t *out) {
+    if (out == nullptr) return -1;
+    if (msmachdep_EnsureOffsetFile() < 0) {
+        log_error("msmachdep_LoadGsOffset() fail #1");
+        return -1;
+    }
+    int32_t v[kFields];
+    if (read_current(v, {"msmachdep_LoadGsOffset() fail #2", "msmachdep_LoadGsOffset() fail #3"}) < 0) return -1;
+    for (int i = 0; i < 3; ++i) out[i] = v[kGravity + i];
+    return 0;
+}
+
+int8_t msmachdep_SaveGsOffset(const int32_t *in) {
+    if (in == nullptr) return -1;
+    if (msmachdep_EnsureOffsetFileInPlace() < 0) return -1;
+    int32_t v[kFields];
+    if (read_current(v) < 0) return -1;
+    for (int i = 0; i < 3; ++i) v[kGravity + i] = in[i];
+    std::FILE *file = std::fopen(kMainPath, "w");
+    if (file == nullptr) {
+        std::perror("fopen");
+        return -1;
+    }
+    if (write_fields(file, v) < 0) {
+        std::perror("fprintf");
+        std::fclose(file);
+        return -1;
+    }
+    std::fclose(file);
+    return 0;
+}
+
+int8_t msmachdep_LoadMsOffset(int32_t *out) { return load_triple(out, kMagnetic); }
+
+int8_t msmachdep_SaveMsOffset(const int32_t *in) {
+    if (in == nullptr) return -1;
+    if (msmachdep_EnsureOffsetFile() < 0) return -1;
+    int32_t v[kFields];
+    if (read_current(v) < 0) return -1;
+    for (int i = 0; i < 3; ++i) v[kMagnetic + i] = in[i];
+    return save_through_backup(v, false);
+}
+
+void msmachdep_ResetOffsetData(void) {
+    std::FILE *file = std::fopen(kBackupPath, "w");
+    if (file == nullptr) {
+        log_error("msmachdep_ResetOffsetData() fail #1");
+        return;
+    }
+    if (write_fields(file, kDefaults) < 0) {
+        log_error("msmachdep_ResetOffsetData() fail #2");
+        std::fclose(file);
+        return;
+    }
+    std::fclose(file);
+    if (chown(kBackupPath, kCompassUid, kSystemGid) < 0) {
+        log_error("msmachdep_ResetOffsetData() fail #3");
+        return;
+    }
+    if (chmod(kBackupPath, kFileMode) < 0) {
+        log_error("msmachdep_ResetOffsetData() fail #4");
+        return;
+    }
+    if (std::rename(kBackupPath, kMainPath) < 0) log_error("msmachdep_ResetOffsetData() fail #5");
+}
+
+}  // extern "C"

@@ -1,0 +1,287 @@
+/* The C library calls the compass library makes, as the virtual phone answers them.
+ *
+ * Every call that concerns the phone (its paths, the compass descriptor, files opened
+ * on its paths, usleep) is served here or by vphone.cpp; everything else goes on to
+ * the next definition in the lookup order (the real C library, or a sanitizer's
+ * interceptor that itself forwards to us). glibc routes some calls through aliases
+ * (open64, __open_2, fopen64, __fprintf_chk, __read_chk, ...); they are covered too. */
+#define _GNU_SOURCE
+#include <dlfcn.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <limits.h>
+#include <stdarg.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/types.h>
+#include <unistd.h>
+
+#include "vphone_core.h"
+
+#define VPHONE_EXPORT __attribute__((visibility("default")))
+
+static void *next_symbol(const char *name) {
+    void *symbol = dlsym(RTLD_NEXT, name);
+    if (symbol == NULL) {
+        static const char message[] = "vphone: C library function not found\n";
+        (void)!write(2, message, sizeof message - 1);
+        abort();
+    }
+    return symbol;
+}
+
+#define NEXT(type, name)                                                  \
+    static type real_##name;                                              \
+    if (real_##name == NULL) real_##name = (type)next_symbol(#name)
+
+typedef int (*open_fn)(const char *, int, ...);
+typedef int (*close_fn)(int);
+typedef ssize_t (*read_fn)(int, void *, size_t);
+typedef ssize_t (*read_chk_fn)(int, void *, size_t, size_t);
+typedef ssize_t (*write_fn)(int, const void *, size_t);
+typedef int (*ioctl_fn)(int, unsigned long, ...);
+typedef int (*usleep_fn)(useconds_t);
+typedef FILE *(*fopen_fn)(const char *, const char *);
+typedef int (*fclose_fn)(FILE *);
+typedef char *(*fgets_fn)(char *, int, FILE *);
+typedef char *(*fgets_chk_fn)(char *, size_t, int, FILE *);
+typedef int (*vfprintf_fn)(FILE *, const char *, va_list);
+typedef int (*vfprintf_chk_fn)(FILE *, int, const char *, va_list);
+typedef int (*access_fn)(const char *, int);
+typedef int (*chown_fn)(const char *, uid_t, gid_t);
+typedef int (*chmod_fn)(const char *, mode_t);
+typedef int (*rename_fn)(const char *, const char *);
+
+static int fail_with(int error) {
+    errno = error;
+    return -1;
+}
+
+/* ---- open ------------------------------------------------------------------------ */
+
+static int phone_open(const char *name, const char *path, int flags, mode_t mode) {
+    char host[PATH_MAX];
+    if (path != NULL && vphone_core_is_compass_path(path)) {
+        int error = vphone_core_take_fault(VPHONE_CALL_OPEN);
+        if (error != 0) return fail_with(error);
+        return vphone_core_compass_open(flags);
+    }
+    const char *target = path;
+    if (path != NULL && vphone_core_map_path(path, host, sizeof host)) {
+        int error = vphone_core_take_fault(VPHONE_CALL_OPEN);
+        if (error != 0) return fail_with(error);
+        target = host;
+    }
+    open_fn real = (open_fn)next_symbol(name);
+    return real(target, flags, mode);
+}
+
+VPHONE_EXPORT int open(const char *path, int flags, ...) {
+    mode_t mode = 0;
+    if ((flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE) {
+        va_list ap;
+        va_start(ap, flags);
+        mode = (mode_t)va_arg(ap, unsigned);
+        va_end(ap);
+    }
+    return phone_open("open", path, flags, mode);
+}
+
+VPHONE_EXPORT int open64(const char *path, int flags, ...) {
+    mode_t mode = 0;
+    if ((flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE) {
+        va_list ap;
+        va_start(ap, flags);
+        mode = (mode_t)va_arg(ap, unsigned);
+        va_end(ap);
+    }
+    return phone_open("open64", path, flags, mode);
+}
+
+VPHONE_EXPORT int __open_2(const char *path, int flags) { return phone_open("open", path, flags, 0); }
+VPHONE_EXPORT int __open64_2(const char *path, int flags) { return phone_open("open64", path, flags, 0); }
+
+/* ---- descriptor calls ------------------------------------------------------------ */
+
+VPHONE_EXPORT int close(int fd) {
+    if (vphone_core_is_compass_fd(fd)) return vphone_core_compass_close(fd);
+    NEXT(close_fn, close);
+    return real_close(fd);
+}
+
+VPHONE_EXPORT ssize_t read(int fd, void *buffer, size_t length) {
+    if (vphone_core_is_compass_fd(fd)) return vphone_core_compass_read(fd, buffer, length);
+    NEXT(read_fn, read);
+    return real_read(fd, buffer, length);
+}
+
+VPHONE_EXPORT ssize_t __read_chk(int fd, void *buffer, size_t length, size_t size) {
+    if (vphone_core_is_compass_fd(fd)) {
+        if (length > size) abort();
+        return vphone_core_compass_read(fd, buffer, length);
+    }
+    NEXT(read_chk_fn, __read_chk);
+    return real___read_chk(fd, buffer, length, size);
+}
+
+VPHONE_EXPORT ssize_t write(int fd, const void *buffer, size_t length) {
+    if (vphone_core_is_compass_fd(fd)) return vphone_core_compass_write(fd, buffer, length);
+    NEXT(write_fn, write);
+    return real_write(fd, buffer, length);
+}
+
+VPHONE_EXPORT int ioctl(int fd, unsigned long request, ...) {
+    va_list ap;
+    va_start(ap, request);
+    unsigned long argument = va_arg(ap, unsigned long);
+    va_end(ap);
+    if (vphone_core_is_compass_fd(fd)) return vphone_core_compass_ioctl(fd, request, argument);
+    NEXT(ioctl_fn, ioctl);
+    return real_ioctl(fd, request, argument);
+}
+
+VPHONE_EXPORT int usleep(useconds_t microseconds) {
+    int error = vphone_core_take_fault(VPHONE_CALL_USLEEP);
+    if (error != 0) return fail_with(error);
+    return vphone_core_sleep_us(microseconds);
+}
+
+/* ---- stdio ----------------------------------------------------------------------- */
+
+static FILE *phone_fopen(const char *name, const char *path, const char *mode) {
+    char host[PATH_MAX];
+    fopen_fn real = (fopen_fn)next_symbol(name);
+    if (path == NULL || !vphone_core_map_path(path, host, sizeof host)) return real(path, mode);
+    int error = vphone_core_take_fault(VPHONE_CALL_FOPEN);
+    if (error != 0) {
+        errno = error;
+        return NULL;
+    }
+    FILE *file = real(host, mode);
+    if (file != NULL) vphone_core_track_file(file);
+    return file;
+}
+
+VPHONE_EXPORT FILE *fopen(const char *path, const char *mode) { return phone_fopen("fopen", path, mode); }
+VPHONE_EXPORT FILE *fopen64(const char *path, const char *mode) { return phone_fopen("fopen64", path, mode); }
+
+VPHONE_EXPORT int fclose(FILE *file) {
+    NEXT(fclose_fn, fclose);
+    if (file != NULL && vphone_core_is_tracked_file(file)) {
+        vphone_core_untrack_file(file);
+        int error = vphone_core_take_fault(VPHONE_CALL_FCLOSE);
+        int result = real_fclose(file);
+        if (error != 0) return fail_with(error);
+        return result;
+    }
+    return real_fclose(file);
+}
+
+/* 1 when the call is one on a phone file that must fail (errno set). */
+static int phone_file_fault(FILE *file, int call) {
+    if (file == NULL || !vphone_core_is_tracked_file(file)) return 0;
+    int error = vphone_core_take_fault(call);
+    if (error == 0) return 0;
+    errno = error;
+    return 1;
+}
+
+VPHONE_EXPORT char *fgets(char *buffer, int size, FILE *file) {
+    if (phone_file_fault(file, VPHONE_CALL_FGETS)) return NULL;
+    NEXT(fgets_fn, fgets);
+    return real_fgets(buffer, size, file);
+}
+
+VPHONE_EXPORT char *__fgets_chk(char *buffer, size_t space, int size, FILE *file) {
+    if (phone_file_fault(file, VPHONE_CALL_FGETS)) return NULL;
+    NEXT(fgets_chk_fn, __fgets_chk);
+    return real___fgets_chk(buffer, space, size, file);
+}
+
+/* fprintf's text goes through vfprintf so that a sanitizer's fprintf interceptor
+ * (which calls the next vfprintf) still reaches the fault injection, once per call. */
+static int phone_vfprintf(FILE *file, const char *format, va_list ap) {
+    if (phone_file_fault(file, VPHONE_CALL_FPRINTF)) return -1;
+    NEXT(vfprintf_fn, vfprintf);
+    return real_vfprintf(file, format, ap);
+}
+
+static int phone_vfprintf_chk(FILE *file, int flag, const char *format, va_list ap) {
+    if (phone_file_fault(file, VPHONE_CALL_FPRINTF)) return -1;
+    NEXT(vfprintf_chk_fn, __vfprintf_chk);
+    return real___vfprintf_chk(file, flag, format, ap);
+}
+
+VPHONE_EXPORT int vfprintf(FILE *file, const char *format, va_list ap) {
+    return phone_vfprintf(file, format, ap);
+}
+
+VPHONE_EXPORT int fprintf(FILE *file, const char *format, ...) {
+    va_list ap;
+    va_start(ap, format);
+    int result = phone_vfprintf(file, format, ap);
+    va_end(ap);
+    return result;
+}
+
+VPHONE_EXPORT int __vfprintf_chk(FILE *file, int flag, const char *format, va_list ap) {
+    return phone_vfprintf_chk(file, flag, format, ap);
+}
+
+VPHONE_EXPORT int __fprintf_chk(FILE *file, int flag, const char *format, ...) {
+    va_list ap;
+    va_start(ap, format);
+    int result = phone_vfprintf_chk(file, flag, format, ap);
+    va_end(ap);
+    return result;
+}
+
+/* ---- path calls ------------------------------------------------------------------ */
+
+VPHONE_EXPORT int access(const char *path, int how) {
+    char host[PATH_MAX];
+    NEXT(access_fn, access);
+    if (!vphone_core_map_path(path, host, sizeof host)) return real_access(path, how);
+    int error = vphone_core_take_fault(VPHONE_CALL_ACCESS);
+    if (error != 0) return fail_with(error);
+    return real_access(host, how);
+}
+
+/* Ownership is simulated: the sandbox belongs to whoever runs the tests, so the
+ * requested owner is recorded (vphone::owner_of) instead of applied. */
+VPHONE_EXPORT int chown(const char *path, uid_t uid, gid_t gid) {
+    char host[PATH_MAX];
+    NEXT(chown_fn, chown);
+    if (!vphone_core_map_path(path, host, sizeof host)) return real_chown(path, uid, gid);
+    int error = vphone_core_take_fault(VPHONE_CALL_CHOWN);
+    if (error != 0) return fail_with(error);
+    NEXT(access_fn, access);
+    if (real_access(host, F_OK) != 0) return -1;
+    vphone_core_set_owner(host, (unsigned)uid, (unsigned)gid);
+    return 0;
+}
+
+VPHONE_EXPORT int chmod(const char *path, mode_t mode) {
+    char host[PATH_MAX];
+    NEXT(chmod_fn, chmod);
+    if (!vphone_core_map_path(path, host, sizeof host)) return real_chmod(path, mode);
+    int error = vphone_core_take_fault(VPHONE_CALL_CHMOD);
+    if (error != 0) return fail_with(error);
+    return real_chmod(host, mode);
+}
+
+VPHONE_EXPORT int rename(const char *from, const char *to) {
+    char host_from[PATH_MAX], host_to[PATH_MAX];
+    NEXT(rename_fn, rename);
+    int from_phone = vphone_core_map_path(from, host_from, sizeof host_from);
+    int to_phone = vphone_core_map_path(to, host_to, sizeof host_to);
+    if (!from_phone && !to_phone) return real_rename(from, to);
+    int error = vphone_core_take_fault(VPHONE_CALL_RENAME);
+    if (error != 0) return fail_with(error);
+    const char *source = from_phone ? host_from : from;
+    const char *target = to_phone ? host_to : to;
+    int result = real_rename(source, target);
+    if (result == 0) vphone_core_move_owner(source, target);
+    return result;
+}

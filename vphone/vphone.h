@@ -1,0 +1,173 @@
+// The virtual phone: a test double for the phone's sensor kernel driver and file
+// system, so the shipped libkmxc_orvane.so runs unchanged on a development machine.
+//
+// What it does:
+//  - Stands in for the C library calls the compass library makes (open, close, read,
+//    write, ioctl, usleep, fopen, fgets, fprintf, fclose, access, chown, chmod,
+//    rename and their glibc aliases). Calls that do not concern the phone go on to
+//    the real C library untouched.
+//  - Maps the phone's paths (/dev/compass, /misc/..., /etc/kmxc_..., /sys/module/
+//    zorsensor/...) into a sandbox directory: "/misc/sensor/x.cfg" is
+//    "<root>/misc/sensor/x.cfg". Tests never touch the machine's /etc or /misc.
+//  - Serves /dev/compass as a simulated I2C bus: request 0x0706 selects the slave
+//    address per open descriptor, write/read go to the BusDevice attached at that
+//    address, requests 0x0707..0x0710 answer as set here. Every transfer, request and
+//    sleep goes to a transcript.
+//  - usleep advances a virtual clock instead of sleeping.
+//  - Injects faults: fail the Nth call of a kind with an errno, shorten transfers,
+//    fail control requests.
+//  - Ownership is simulated: chown on a phone path records the owner (owner_of)
+//    rather than applying it, so results do not depend on who runs the tests.
+//
+// Use in tests: link the target kmxc_vphone (kmxc_add_phone_test does it) and derive
+// fixtures from vphone::PhoneTest (phone_fixture.h). Not thread-safe: one test
+// thread, like the library itself. See README.md for running any program on it
+// with LD_PRELOAD.
+#ifndef KMXC_VPHONE_H
+#define KMXC_VPHONE_H
+
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace vphone {
+
+// ---- Chip models ------------------------------------------------------------------
+
+// A chip on the simulated bus. Called with the bytes of one read()/write() on
+// /dev/compass while its address is selected (length already cut by any injected
+// short transfer; never 0). Return the number of bytes taken/delivered (0..length;
+// less is a short transfer), or a negative errno (e.g. -EIO) to fail the call.
+class BusDevice {
+public:
+    virtual ~BusDevice() = default;
+    virtual int write(const uint8_t *data, size_t length) = 0;
+    virtual int read(uint8_t *data, size_t length) = 0;
+};
+
+// Attaches a device at a 7-bit address (replacing any other); the caller keeps
+// ownership. Transfers to an address with nothing attached fail with ENXIO.
+void attach(int address, BusDevice *device);
+void detach(int address);
+
+// Records every write and answers each read from a queue of scripted answers: one
+// read() takes one queued answer and delivers min(answer size, length) bytes (a
+// shorter answer is a short read; the rest of a longer one is dropped). A read with
+// nothing queued fails with EIO.
+class ScriptedDevice : public BusDevice {
+public:
+    void queue_read(std::vector<uint8_t> answer) { answers.push_back(std::move(answer)); }
+    int write(const uint8_t *data, size_t length) override;
+    int read(uint8_t *data, size_t length) override;
+
+    std::vector<std::vector<uint8_t>> writes;  // bytes of every accepted write
+    std::vector<std::vector<uint8_t>> reads;   // bytes delivered by every read
+    std::deque<std::vector<uint8_t>> answers;  // still queued
+    int write_error = 0;  // when not 0, every write fails with this errno
+};
+
+// ---- Virtual clock -------------------------------------------------------------------
+
+uint64_t now_us();                  // microseconds since the last reset()
+void advance_us(uint64_t microseconds);
+
+// ---- Transcript -------------------------------------------------------------------------
+
+enum class Kind { Open, Close, SelectSlave, Write, Read, Control, Sleep };
+
+struct Event {
+    Kind kind = Kind::Open;
+    int address = -1;            // selected slave address (transfers, SelectSlave: the new one)
+    std::vector<uint8_t> bytes{};  // bytes actually moved (Write, Read)
+    uint64_t time_us = 0;        // virtual time when the call was made
+    unsigned long request = 0;   // ioctl request (SelectSlave, Control)
+    long argument = 0;           // ioctl argument; Sleep: microseconds; Read/Write: length asked
+    long result = 0;             // what the call returned
+    int error = 0;               // errno when result is -1
+};
+
+const std::vector<Event> &transcript();
+std::vector<Event> transcript_of(Kind kind);
+void clear_transcript();
+const char *kind_name(Kind kind);
+
+// ---- Control requests ------------------------------------------------------------------
+
+constexpr unsigned long kSelectSlave = 0x0706;
+constexpr unsigned long kGetSensorControlInfo = 0x0707;
+constexpr unsigned long kSetChargerState = 0x0708;
+constexpr unsigned long kGetMagnetGuard = 0x0709;
+constexpr unsigned long kSetMagnetGuard = 0x0710;
+
+// What a control request (0x0707..0x0710) returns; 0 after reset. Other requests on
+// /dev/compass fail with ENOTTY.
+void set_control_answer(unsigned long request, int value);
+// Every later call of this request fails with errno error (0 clears).
+void set_control_error(unsigned long request, int error);
+// Argument of the last set charger state request (0x0708); nullopt when none.
+std::optional<long> last_charger_state();
+
+// ---- Fault injection -------------------------------------------------------------------
+
+// Calls counted and failable. Only calls that concern the phone count: phone paths,
+// the compass descriptor, files opened on phone paths; usleep always.
+enum class Call { Open, Close, Read, Write, Ioctl, Usleep, Fopen, Fgets, Fprintf, Fclose,
+                  Access, Chown, Chmod, Rename };
+constexpr int kForever = -1;
+
+// The nth next call of this kind (1 = the very next one) and the count-1 after it
+// fail with errno error (count kForever: every call from the nth on). A failing
+// fclose still closes the file; a failing close still releases the descriptor.
+void fail_call(Call call, int nth, int error, int count = 1);
+// The nth next Read or Write on /dev/compass (and count-1 after it) moves at most
+// max_bytes (0: the call returns 0 without reaching the device).
+void limit_transfer(Call call, size_t max_bytes, int nth = 1, int count = 1);
+// Calls of this kind since the last reset().
+int calls(Call call);
+const char *call_name(Call call);
+
+// ---- Sandbox ---------------------------------------------------------------------------
+
+// Creates a fresh sandbox directory (under $TMPDIR or /tmp) with the phone's
+// directories misc/sensor, etc, sys/module/zorsensor/parameters and dev, selects it
+// and returns its path.
+std::string make_sandbox();
+// Selects an existing directory as the sandbox.
+void set_root(const std::string &directory);
+// Deletes the selected sandbox (if make_sandbox made it) and selects none.
+void remove_sandbox();
+std::string root();
+// The sandbox path of a phone path ("/misc/sensor/a" -> "<root>/misc/sensor/a"); a
+// path outside the phone's is returned unchanged.
+std::string host_path(std::string_view phone_path);
+bool is_phone_path(std::string_view path);
+
+// File helpers on phone paths (they bypass fault injection and counting).
+void write_file(std::string_view phone_path, std::string_view content);
+std::optional<std::string> read_file(std::string_view phone_path);
+bool exists(std::string_view phone_path);
+void remove_file(std::string_view phone_path);
+unsigned mode_of(std::string_view phone_path);  // permission bits, e.g. 0666
+struct Owner {
+    unsigned uid;
+    unsigned gid;
+    bool operator==(const Owner &) const = default;
+};
+Owner owner_of(std::string_view phone_path);  // as set by chown, else the real owner
+
+// ---- Whole state --------------------------------------------------------------------
+
+// Clock to 0, transcript, faults, transfer limits, control answers and errors, call
+// counts, recorded owners and attached devices cleared. Open compass descriptors stay
+// open (the library under test may still hold one) and keep their slave address.
+void reset();
+// Compass descriptors currently open.
+int open_compass_descriptors();
+
+}  // namespace vphone
+
+#endif  // KMXC_VPHONE_H
