@@ -1,0 +1,37 @@
+// Command line of the compass service demo.
+#ifndef KMXC_TOOLS_OPTIONS_H
+#define KMXC_TOOLS_OPTIONS_H
+
+#include <string>
+#include <vector>
+
+#include "tools/scenario.h"
+
+namespace compass {
+
+struct Options {
+    ScenarioSettings scenario;
+    std::string sandbox = "out/sandbox"; // the virtual phone's file system
+    bool fresh = false;                  // empty the sandbox first
+    std::string record_path;             // write the raw chip data here
+    std::string replay_path;             // read raw chip data from here instead of a scenario
+    std::string outputs_path;            // per-sample library outputs, CSV
+    std::string plot_path;               // PNG of heading and offset error over time
+    double rate_hz = 10.0;               // measurement cycles per second
+    bool quiet = false;                  // no per-second lines
+    bool help = false;
+};
+
+struct ParsedOptions {
+    bool ok = false;
+    std::string error; // one line naming the problem when !ok
+    Options options;
+};
+
+// args excludes the program name.
+ParsedOptions parse_options(const std::vector<std::string> &args);
+std::string usage_text();
+
+} // namespace compass
+
+#endif

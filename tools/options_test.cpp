@@ -1,0 +1,83 @@
+#include "tools/options.h"
+
+#include <gtest/gtest.h>
+
+namespace compass {
+namespace {
+
+struct BadArgs {
+    const char *name;
+    std::vector<std::string> args;
+    const char *error_part; // the one-line error must name the problem
+};
+const BadArgs kBad[] = {
+    {"unknown option", {"--colour", "red"}, "unknown option '--colour'"},
+    {"positional argument", {"default"}, "unknown option 'default'"},
+    {"missing value", {"--field"}, "--field needs a value"},
+    {"not a number", {"--field", "strong"}, "--field: 'strong' is not a number"},
+    {"trailing junk", {"--noise", "0.2uT"}, "'0.2uT' is not a number"},
+    {"field too weak", {"--field", "24.9"}, "outside 25..65"},
+    {"field too strong", {"--field=66"}, "outside 25..65"},
+    {"inclination beyond the pole", {"--inclination", "91"}, "--inclination"},
+    {"hard iron with two values", {"--hard-iron", "1,2"}, "not three numbers"},
+    {"hard iron with a word", {"--hard-iron", "1,x,3"}, "'x' is not a number"},
+    {"fractional profile", {"--profile", "1.5"}, "not a whole number"},
+    {"profile out of range", {"--profile", "9"}, "--profile: 9 is outside"},
+    {"negative seed", {"--seed", "-1"}, "--seed"},
+    {"unknown scenario", {"--scenario", "juggling"}, "unknown scenario 'juggling'"},
+    {"flag with a value", {"--quiet=yes"}, "--quiet takes no value"},
+    {"empty file name", {"--replay="}, "--replay: empty file name"},
+    {"record and replay together", {"--record", "a.csv", "--replay", "b.csv"}, "cannot be combined"},
+    {"not-a-number value", {"--noise", "nan"}, "not a number"},
+};
+
+TEST(Options, BadInputGivesOneLineNamingTheProblem)
+{
+    for (const auto &c : kBad) {
+        const ParsedOptions p = parse_options(c.args);
+        EXPECT_FALSE(p.ok) << c.name;
+        EXPECT_NE(p.error.find(c.error_part), std::string::npos) << c.name << ": got '" << p.error << "'";
+        EXPECT_EQ(p.error.find('\n'), std::string::npos) << c.name << ": error spans lines";
+    }
+}
+
+TEST(Options, ValuesReachTheSettingsInBothSpellings)
+{
+    const ParsedOptions p = parse_options({"--scenario", "two-planes", "--field=30", "--inclination", "-45",
+                                           "--declination", "+12.5", "--hard-iron", "-1,2.5,3", "--noise", "0",
+                                           "--temp-drift", "-2", "--profile", "3", "--seed", "99", "--rate", "20",
+                                           "--sandbox", "s", "--fresh", "--record", "r.csv", "--outputs", "o.csv",
+                                           "--plot", "p.png", "--quiet"});
+    ASSERT_TRUE(p.ok) << p.error;
+    const Options &o = p.options;
+    EXPECT_EQ(o.scenario.name, "two-planes");
+    EXPECT_EQ(o.scenario.field_uT, 30);
+    EXPECT_EQ(o.scenario.inclination_deg, -45);
+    EXPECT_EQ(o.scenario.declination_deg, 12.5);
+    EXPECT_EQ(o.scenario.hard_iron_uT, (Vec3{-1, 2.5, 3}));
+    EXPECT_EQ(o.scenario.noise_uT, 0);
+    EXPECT_EQ(o.scenario.temp_drift_C_per_min, -2);
+    EXPECT_EQ(o.scenario.profile, 3);
+    EXPECT_EQ(o.scenario.seed, 99u);
+    EXPECT_EQ(o.rate_hz, 20);
+    EXPECT_EQ(o.sandbox, "s");
+    EXPECT_TRUE(o.fresh && o.quiet);
+    EXPECT_EQ(o.record_path, "r.csv");
+    EXPECT_EQ(o.outputs_path, "o.csv");
+    EXPECT_EQ(o.plot_path, "p.png");
+}
+
+TEST(Options, NoArgumentsRunTheDefaultScenario)
+{
+    const ParsedOptions p = parse_options({});
+    ASSERT_TRUE(p.ok);
+    EXPECT_EQ(p.options.scenario.name, "default");
+    EXPECT_TRUE(p.options.replay_path.empty());
+    EXPECT_FALSE(p.options.fresh);
+    const ParsedOptions edge = parse_options({"--field", "25", "--field", "65"});
+    ASSERT_TRUE(edge.ok) << "range ends are allowed";
+    EXPECT_EQ(edge.options.scenario.field_uT, 65);
+}
+
+} // namespace
+} // namespace compass

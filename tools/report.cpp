@@ -1,0 +1,206 @@
+#include "tools/report.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <fstream>
+#include <ostream>
+#include <sstream>
+
+namespace compass {
+namespace {
+
+constexpr double kUtPerCount = 0.4;
+
+std::string fmt(const char *f, double v)
+{
+    char b[64];
+    std::snprintf(b, sizeof b, f, v);
+    return b;
+}
+
+} // namespace
+
+void ErrorStats::add(double e)
+{
+    ++count;
+    sum_sq += e * e;
+    max_abs = std::max(max_abs, std::fabs(e));
+}
+
+double ErrorStats::rms() const { return count ? std::sqrt(sum_sq / count) : 0.0; }
+
+double offset_error_uT(const SampleOutput &s)
+{
+    if (!s.has_truth) return -1;
+    double sq = 0;
+    for (int k = 0; k < 3; ++k) sq += (s.offset[k] - s.true_offset[k]) * (s.offset[k] - s.true_offset[k]);
+    return std::sqrt(sq) * kUtPerCount;
+}
+
+std::string format_second_line(const SampleOutput &s)
+{
+    char b[256];
+    const double t = static_cast<double>(s.time_us) / 1e6;
+    if (s.has_truth) {
+        std::snprintf(b, sizeof b,
+                      "t %5.1f s  heading true %3.0f int %3d | azimuth true %3.0f dbl %3d | pitch %4.0f/%4d"
+                      " | roll %4.0f/%4d | calib rc %2d status %d | offset err %5.1f uT  %s",
+                      t, s.truth.heading_int, s.heading_int, s.truth.azimuth_double, s.euler[0], s.truth.pitch,
+                      s.euler[1], s.truth.roll, s.euler[2], s.calib_rc, s.calib_status, offset_error_uT(s), s.phase);
+    } else {
+        std::snprintf(b, sizeof b,
+                      "t %5.1f s  heading int %3d | azimuth dbl %3d | pitch %4d | roll %4d | calib rc %2d status %d"
+                      " | offset %d,%d,%d",
+                      t, s.heading_int, s.euler[0], s.euler[1], s.euler[2], s.calib_rc, s.calib_status, s.offset[0],
+                      s.offset[1], s.offset[2]);
+    }
+    return b;
+}
+
+void Report::add(const SampleOutput &s)
+{
+    samples_.push_back(s);
+    Summary &m = summary_;
+    m.samples = static_cast<int>(samples_.size());
+    m.virtual_s = static_cast<double>(s.time_us) / 1e6;
+    if (is_new_offset(s.calib_rc)) {
+        if (std::find(m.codes_seen.begin(), m.codes_seen.end(), s.calib_rc) == m.codes_seen.end())
+            m.codes_seen.push_back(s.calib_rc);
+        if (is_three_d(s.calib_rc)) {
+            ++m.three_d_events;
+            if (m.first_3d_sample < 0) {
+                m.first_3d_sample = m.samples;
+                m.first_3d_s = m.virtual_s;
+            }
+        } else {
+            ++m.planar_events;
+        }
+    }
+    if (s.has_truth) {
+        m.final_offset_error_uT = offset_error_uT(s);
+        // Heading errors count once the offset is trustworthy: after the first 3-D
+        // calibration, or from the start when a stored offset was loaded.
+        if (m.started_calibrated || m.first_3d_sample >= 0) {
+            m.heading_int.add(heading_difference(s.heading_int, s.truth.heading_int));
+            m.heading_double.add(heading_difference(s.euler[0], s.truth.azimuth_double));
+        }
+    }
+    if (!quiet_ && s.time_us >= next_line_us_) {
+        out_ << format_second_line(s) << '\n';
+        next_line_us_ = (s.time_us / 1000000 + 1) * 1000000;
+    }
+}
+
+void Report::print_summary(const std::string &persisted) const
+{
+    const Summary &m = summary_;
+    std::ostream &o = out_;
+    o << "\nSummary\n";
+    o << "  samples                   " << m.samples << " in " << fmt("%.1f", m.virtual_s) << " s of virtual time\n";
+    o << "  start                     "
+      << (m.started_calibrated ? "calibrated, from the stored offset" : "uncalibrated (no valid stored offset)")
+      << '\n';
+    o << "  first 3-D calibration     ";
+    if (m.first_3d_sample > 0)
+        o << "sample " << m.first_3d_sample << ", " << fmt("%.1f", m.first_3d_s) << " s\n";
+    else
+        o << "none\n";
+    o << "  new offsets published     " << m.three_d_events << " three-dimensional, " << m.planar_events
+      << " planar; codes";
+    if (m.codes_seen.empty()) o << " none";
+    for (int c : m.codes_seen) o << ' ' << c;
+    o << '\n';
+    if (m.final_offset_error_uT >= 0)
+        o << "  final offset error        " << fmt("%.2f", m.final_offset_error_uT) << " uT\n";
+    if (m.heading_int.count > 0) {
+        o << "  heading error (" << (m.started_calibrated ? "whole run" : "after the first 3-D calibration") << ", "
+          << m.heading_int.count << " samples)\n";
+        o << "    integer path            RMS " << fmt("%.2f", m.heading_int.rms()) << " deg, max "
+          << fmt("%.0f", m.heading_int.max_abs) << " deg\n";
+        o << "    double path             RMS " << fmt("%.2f", m.heading_double.rms()) << " deg, max "
+          << fmt("%.0f", m.heading_double.max_abs) << " deg\n";
+    }
+    o << "  persisted                 " << persisted << '\n';
+}
+
+bool Report::write_outputs(const std::string &path, std::string *error) const
+{
+    std::ofstream f(path);
+    if (!f) {
+        *error = "cannot write outputs file '" + path + "'";
+        return false;
+    }
+    f << "time_us,ms_rc,gs_rc,calib_rc,calib_status,attitude_rc,heading_int,rotation_rc,azimuth,pitch,roll,"
+         "offset_x,offset_y,offset_z\n";
+    for (const SampleOutput &s : samples_)
+        f << s.time_us << ',' << s.ms_rc << ',' << s.gs_rc << ',' << s.calib_rc << ',' << s.calib_status << ','
+          << s.attitude_rc << ',' << s.heading_int << ',' << s.rotation_rc << ',' << s.euler[0] << ',' << s.euler[1]
+          << ',' << s.euler[2] << ',' << s.offset[0] << ',' << s.offset[1] << ',' << s.offset[2] << '\n';
+    f.flush();
+    if (!f) {
+        *error = "writing outputs file '" + path + "' failed";
+        return false;
+    }
+    return true;
+}
+
+bool Report::write_plot(const std::string &path, const std::string &title, std::string *error) const
+{
+    std::string quoted; // gnuplot doubles a quote inside a single-quoted string
+    for (char c : path) quoted += (c == '\'' ? std::string("''") : std::string(1, c));
+    std::ostringstream g;
+    g << "set terminal pngcairo size 1100,600 font 'sans,10'\n"
+      << "set output '" << quoted << "'\n"
+      << "set title \"" << title << "\"\n"
+      << "set xlabel 'virtual time (s)'\n"
+      << "set ylabel 'heading error (degrees)'\n"
+      << "set y2label 'offset error (uT)'\n"
+      << "set yrange [-40:40]\nset ytics nomirror\nset y2tics\nset y2range [0:*]\n"
+      << "set grid\nset key top right box opaque\n";
+    const bool truth = !samples_.empty() && samples_.front().has_truth;
+    for (const SampleOutput &s : samples_) {
+        if (!is_new_offset(s.calib_rc)) continue;
+        const double t = static_cast<double>(s.time_us) / 1e6;
+        g << "set arrow from " << t << ", graph 0 to " << t << ", graph 1 nohead dt 2 lc rgb '"
+          << (is_three_d(s.calib_rc) ? "#c00000" : "#2060c0") << "'\n";
+    }
+    g << "$data << EOD\n";
+    for (const SampleOutput &s : samples_) {
+        const double t = static_cast<double>(s.time_us) / 1e6;
+        if (truth)
+            g << t << ' ' << heading_difference(s.heading_int, s.truth.heading_int) << ' '
+              << heading_difference(s.euler[0], s.truth.azimuth_double) << ' ' << offset_error_uT(s) << '\n';
+        else
+            g << t << ' ' << s.heading_int << ' ' << s.euler[0] << " 0\n";
+    }
+    g << "EOD\n";
+    if (truth) {
+        g << "plot $data using 1:2 with lines lc rgb '#e08000' title 'heading error, integer path', "
+             "$data using 1:3 with lines lc rgb '#008060' title 'heading error, double path', "
+             "$data using 1:4 axes x1y2 with lines lw 2 lc rgb '#000000' title 'offset error (right axis)', "
+             "NaN with lines dt 2 lc rgb '#c00000' title '3-D calibration (63)', "
+             "NaN with lines dt 2 lc rgb '#2060c0' title 'planar calibration'\n";
+    } else {
+        g << "set ylabel 'heading (degrees)'\nset yrange [0:360]\nunset y2label\nunset y2tics\n"
+             "plot $data using 1:2 with lines title 'heading, integer path', "
+             "$data using 1:3 with lines title 'azimuth, double path', "
+             "NaN with lines dt 2 lc rgb '#c00000' title '3-D calibration (63)', "
+             "NaN with lines dt 2 lc rgb '#2060c0' title 'planar calibration'\n";
+    }
+    FILE *p = popen("gnuplot 2>&1", "w");
+    if (!p) {
+        *error = "plot: cannot start gnuplot";
+        return false;
+    }
+    const std::string script = g.str();
+    std::fwrite(script.data(), 1, script.size(), p);
+    const int rc = pclose(p);
+    if (rc != 0) {
+        *error = "plot: gnuplot failed (is gnuplot-nox installed? scripts/ensure-deps.sh installs it)";
+        return false;
+    }
+    return true;
+}
+
+} // namespace compass

@@ -1,0 +1,82 @@
+// What the compass service demo tells its user: a line per simulated second, a
+// summary, every sample's outputs as CSV, and a plot of the errors over time.
+#ifndef KMXC_TOOLS_REPORT_H
+#define KMXC_TOOLS_REPORT_H
+
+#include <array>
+#include <cstdint>
+#include <iosfwd>
+#include <string>
+#include <vector>
+
+#include "tools/scenario.h"
+
+namespace compass {
+
+// One measurement cycle as the service saw it.
+struct SampleOutput {
+    int64_t time_us = 0;
+    const char *phase = "";
+    int ms_rc = 0, gs_rc = 0;        // measurement results
+    int calib_rc = 0;                // KmxAxesMsCalibUpdate
+    int calib_status = 0;            // KmxAxesMsCalibGetStatus after the update
+    int heading_int = 0;             // integer path, smoothed whole degrees
+    int attitude_rc = 0;             // KmxAxesLibGetAttitude
+    int rotation_rc = 0;             // KmxAxesLibGetRotationMatrix
+    std::array<int, 3> euler{};      // double path: azimuth, pitch, roll (whole degrees)
+    std::array<int, 3> offset{};     // the library's magnetic offset, counts
+    bool has_truth = false;          // false on replays
+    TrueAngles truth{};
+    std::array<double, 3> true_offset{}; // counts
+};
+
+// A calibration return code that published a new offset: 63 or one with axis bits.
+inline bool is_new_offset(int calib_rc) { return calib_rc > 0 && (calib_rc & 0x38) != 0; }
+inline bool is_three_d(int calib_rc) { return calib_rc == 63; }
+
+struct ErrorStats {
+    int count = 0;
+    double sum_sq = 0, max_abs = 0;
+    void add(double e);
+    double rms() const;
+};
+
+struct Summary {
+    int samples = 0;
+    double virtual_s = 0;
+    bool started_calibrated = false;      // a valid stored offset was loaded
+    int first_3d_sample = -1;             // 1-based sample number of the first 63, -1 none
+    double first_3d_s = 0;
+    int planar_events = 0, three_d_events = 0;
+    std::vector<int> codes_seen;          // distinct calibration codes that published an offset
+    double final_offset_error_uT = -1;    // -1 unknown (replay)
+    ErrorStats heading_int, heading_double;
+};
+
+class Report {
+public:
+    explicit Report(std::ostream &out, bool quiet) : out_(out), quiet_(quiet) {}
+
+    void set_started_calibrated(bool yes) { summary_.started_calibrated = yes; }
+    void add(const SampleOutput &s);           // prints the line of each new second
+    const Summary &summary() const { return summary_; }
+    const std::vector<SampleOutput> &samples() const { return samples_; }
+
+    void print_summary(const std::string &persisted) const;
+    bool write_outputs(const std::string &path, std::string *error) const;
+    bool write_plot(const std::string &path, const std::string &title, std::string *error) const;
+
+private:
+    std::ostream &out_;
+    bool quiet_;
+    Summary summary_;
+    std::vector<SampleOutput> samples_;
+    int64_t next_line_us_ = 0;
+};
+
+std::string format_second_line(const SampleOutput &s);
+double offset_error_uT(const SampleOutput &s); // -1 when unknown
+
+} // namespace compass
+
+#endif

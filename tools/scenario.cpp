@@ -1,0 +1,271 @@
+// Scripts and physics of the compass service demo; conventions in scenario.h.
+#include "tools/scenario.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace compass {
+namespace {
+
+constexpr double kPi = 3.14159265358979323846;
+constexpr double kDeg = kPi / 180.0;
+
+double ease(double u) // 0..1 -> 0..1 with zero slope at both ends
+{
+    u = std::clamp(u, 0.0, 1.0);
+    return 0.5 - 0.5 * std::cos(kPi * u);
+}
+
+Mat3 multiply(const Mat3 &a, const Mat3 &b)
+{
+    Mat3 r{};
+    for (int i = 0; i < 3; ++i)
+        for (int j = 0; j < 3; ++j)
+            for (int k = 0; k < 3; ++k) r[i][j] += a[i][k] * b[k][j];
+    return r;
+}
+
+double wrap360(double deg)
+{
+    deg = std::fmod(deg, 360.0);
+    return deg < 0 ? deg + 360.0 : deg;
+}
+
+// Heading in degrees 0..360 of a direction given by its east and north components.
+double heading_of(double east, double north) { return wrap360(std::atan2(east, north) / kDeg); }
+
+} // namespace
+
+const std::vector<std::string> &scenario_names()
+{
+    static const std::vector<std::string> names{"default", "planar", "two-planes", "magnet", "still"};
+    return names;
+}
+
+bool is_scenario_name(const std::string &name)
+{
+    const auto &n = scenario_names();
+    return std::find(n.begin(), n.end(), name) != n.end();
+}
+
+const std::vector<MountingProfile> &mounting_profiles()
+{
+    // 1: both chips aligned with the phone. 2: magnetometer turned a quarter turn
+    // about z, accelerometer turned the other way. 3: magnetometer on the back of the
+    // board (upside down about y), accelerometer aligned.
+    static const std::vector<MountingProfile> profiles{
+        {{1, 0, 0, 0, 1, 0, 0, 0, 1}, {1, 0, 0, 0, 1, 0, 0, 0, 1}},
+        {{0, 1, 0, -1, 0, 0, 0, 0, 1}, {0, -1, 0, 1, 0, 0, 0, 0, 1}},
+        {{1, 0, 0, 0, 1, 0, 0, 0, 1}, {-1, 0, 0, 0, 1, 0, 0, 0, -1}},
+    };
+    return profiles;
+}
+
+Mat3 attitude_matrix(const Pose &p)
+{
+    // Phone-to-world rotation R = Rz(-heading) * Rx(-pitch) * Ry(roll).
+    const double h = -p.heading_deg * kDeg, e = -p.pitch_deg * kDeg, r = p.roll_deg * kDeg;
+    const Mat3 rz{{{std::cos(h), -std::sin(h), 0}, {std::sin(h), std::cos(h), 0}, {0, 0, 1}}};
+    const Mat3 rx{{{1, 0, 0}, {0, std::cos(e), -std::sin(e)}, {0, std::sin(e), std::cos(e)}}};
+    const Mat3 ry{{{std::cos(r), 0, std::sin(r)}, {0, 1, 0}, {-std::sin(r), 0, std::cos(r)}}};
+    return multiply(multiply(rz, rx), ry);
+}
+
+Vec3 earth_field_uT(double strength_uT, double inclination_deg)
+{
+    const double i = inclination_deg * kDeg;
+    return {0.0, strength_uT * std::cos(i), -strength_uT * std::sin(i)};
+}
+
+Vec3 to_phone(const Mat3 &a, const Vec3 &w)
+{
+    // R maps phone to world, so phone = R^T * world.
+    Vec3 v{};
+    for (int j = 0; j < 3; ++j) v[j] = a[0][j] * w[0] + a[1][j] * w[1] + a[2][j] * w[2];
+    return v;
+}
+
+TrueAngles true_angles(const Mat3 &a)
+{
+    // a[i][j]: world axis i (east, north, up) component along phone axis j.
+    TrueAngles t{};
+    const double up_y = a[2][1];
+    if (std::fabs(up_y) > kDirectionThreshold / 4096.0) {
+        // Heading of the -z axis, or of +z when the y axis points down.
+        const double s = up_y >= 0 ? -1.0 : 1.0;
+        t.heading_int = heading_of(s * a[0][2], s * a[1][2]);
+    } else {
+        t.heading_int = heading_of(a[0][1], a[1][1]);
+    }
+    t.azimuth_double = wrap360(std::atan2(a[0][1] - a[1][0], a[0][0] + a[1][1]) / kDeg);
+    double pitch = -std::asin(std::clamp(a[2][1], -1.0, 1.0)) / kDeg;
+    if (a[2][2] < 0) {
+        pitch = -180.0 - pitch;
+        if (pitch < -180.0) pitch += 360.0;
+    }
+    t.pitch = pitch;
+    t.roll = -std::asin(std::clamp(a[2][0], -1.0, 1.0)) / kDeg;
+    return t;
+}
+
+double heading_difference(double a, double b)
+{
+    double d = std::fmod(a - b, 360.0);
+    if (d > 180.0) d -= 360.0;
+    if (d < -180.0) d += 360.0;
+    return d;
+}
+
+Scenario::Scenario(const ScenarioSettings &s) : settings_(s), rng_(s.seed)
+{
+    using K = Segment::Kind;
+    auto add = [this](K kind, const char *phase, double dur, Pose to, double rate = 0) {
+        Pose from = to; // each segment starts where the one before ended
+        if (!script_.empty()) {
+            const Segment *seg = nullptr;
+            double local = 0;
+            from = pose_at(duration_s_, &seg, &local);
+        }
+        script_.push_back(Segment{kind, phase, dur, from, to, rate});
+        duration_s_ += dur;
+    };
+    const Pose flat{40, 0, 0};
+    if (s.name == "planar") {
+        // Only ever turned on the table: samples lie in one plane.
+        add(K::Hold, "on table", 3, flat);
+        add(K::Spin, "turned flat", 40, flat, 120);
+        add(K::Hold, "on table", 3, flat);
+    } else if (s.name == "two-planes") {
+        // Turned flat on the table, then stood on its bottom edge and turned again.
+        add(K::Hold, "on table", 3, flat);
+        add(K::Spin, "turned flat", 12, flat, 120);
+        add(K::Move, "stood up", 2, Pose{40, -90, 0});
+        add(K::Spin, "turned upright", 12, Pose{40, -90, 0}, 120);
+        add(K::Move, "laid down", 2, flat);
+        add(K::Hold, "on table", 3, flat);
+    } else if (s.name == "magnet") {
+        // Calibrated in a figure-eight; then a magnetic clip goes onto the phone on the
+        // table (the magnetometer's channels leave their range, and the service moves
+        // the rough offset), and a second figure-eight calibrates again.
+        add(K::Hold, "on table", 3, flat);
+        add(K::Move, "picked up", 1, Pose{40, -30, 0});
+        add(K::FigureEight, "figure-eight", 12, Pose{40, -30, 0});
+        add(K::Move, "laid down", 1, flat);
+        add(K::Hold, "on table", 3, flat);
+        magnet_from_s_ = duration_s_;
+        add(K::Hold, "magnet clipped on", 4, flat);
+        add(K::Move, "picked up", 1, Pose{40, -30, 0});
+        add(K::FigureEight, "figure-eight", 12, Pose{40, -30, 0});
+        add(K::Move, "laid down", 1, flat);
+        add(K::Hold, "on table", 3, flat);
+    } else if (s.name == "still") {
+        add(K::Hold, "on table", 20, flat);
+    } else {
+        add(K::Hold, "on table", 6, flat);
+        add(K::Move, "picked up", 2, Pose{40, -30, 0});
+        add(K::FigureEight, "figure-eight", 16, Pose{40, -30, 0});
+        add(K::Move, "raised to read", 1, Pose{40, -35, 0});
+        add(K::Walk, "walking", 30, Pose{130, -35, 0});
+        add(K::Move, "laid flat", 2, Pose{130, 0, 0});
+        add(K::Spin, "turned flat", 15, Pose{130, 0, 0}, 120);
+        add(K::Hold, "set down", 6, flat);
+    }
+}
+
+Pose Scenario::pose_at(double t, const Segment **seg_out, double *local_out) const
+{
+    double start = 0;
+    const Segment *seg = &script_.back();
+    for (const Segment &s : script_) {
+        if (t < start + s.duration_s) {
+            seg = &s;
+            break;
+        }
+        start += s.duration_s;
+    }
+    if (seg == &script_.back() && t >= duration_s_) start = duration_s_ - seg->duration_s;
+    const double u = std::min(t - start, seg->duration_s);
+    *seg_out = seg;
+    *local_out = u;
+    const Pose &a = seg->from, &b = seg->to;
+    switch (seg->kind) {
+    case Segment::Hold:
+        return a;
+    case Segment::Move: {
+        // Turns the short way round to the target heading.
+        const double k = ease(u / seg->duration_s);
+        return {a.heading_deg + k * heading_difference(b.heading_deg, a.heading_deg),
+                a.pitch_deg + k * (b.pitch_deg - a.pitch_deg), a.roll_deg + k * (b.roll_deg - a.roll_deg)};
+    }
+    case Segment::FigureEight: {
+        // A figure-eight in the air, period 4 s: the heading swings, the top edge dips
+        // twice per period, and the phone rolls over to one side and back.
+        const double w = 2 * kPi / 4.0;
+        return {b.heading_deg + 110 * std::sin(w * u), b.pitch_deg + 50 * std::sin(2 * w * u),
+                b.roll_deg + 40 * (1 - std::cos(w * u))};
+    }
+    case Segment::Walk: {
+        // Held in front while walking; turns a corner halfway, bobs with every step.
+        const double k = ease((u / seg->duration_s - 0.4) / 0.2);
+        return {a.heading_deg + k * (b.heading_deg - a.heading_deg),
+                b.pitch_deg + 3 * std::sin(2 * kPi * 2 * u), b.roll_deg + 3 * std::sin(2 * kPi * u)};
+    }
+    case Segment::Spin: {
+        // Turned at a steady rate, speeding up over the first second and slowing down
+        // over the last one.
+        const double d = seg->duration_s;
+        auto ramp = [](double x) { return 0.5 * x - std::sin(kPi * x) / (2 * kPi); }; // angle over a 1 s ramp
+        double turns;
+        if (u < 1.0) turns = ramp(u);
+        else if (u > d - 1.0) turns = (d - 1.0) - ramp(d - u);
+        else turns = u - 0.5;
+        return {a.heading_deg + seg->rate_deg_s * turns, a.pitch_deg, a.roll_deg};
+    }
+    }
+    return b;
+}
+
+Vec3 Scenario::linear_accel_g(const Segment &seg, double u) const
+{
+    if (seg.kind != Segment::Walk) return {0, 0, 0};
+    // Step bounce (vertical) and sway (forward), in the magnetic world frame is close
+    // enough: the bounce is what matters to the accelerometer.
+    return {0.0, 0.03 * std::sin(2 * kPi * 2 * u + 0.5), 0.12 * std::sin(2 * kPi * 2 * u)};
+}
+
+Truth Scenario::ideal(double t) const
+{
+    Truth tr;
+    const Segment *seg = nullptr;
+    double u = 0;
+    tr.t_s = t;
+    tr.pose = pose_at(t, &seg, &u);
+    tr.phase = seg->phase;
+    Pose magnetic = tr.pose;
+    magnetic.heading_deg -= settings_.declination_deg;
+    tr.attitude = attitude_matrix(magnetic);
+    const Vec3 earth = to_phone(tr.attitude, earth_field_uT(settings_.field_uT, settings_.inclination_deg));
+    const Vec3 acc = linear_accel_g(*seg, u);
+    const Vec3 g = to_phone(tr.attitude, Vec3{-acc[0], -acc[1], -1.0 - acc[2]});
+    const bool magnet = magnet_from_s_ >= 0 && t >= magnet_from_s_;
+    for (int k = 0; k < 3; ++k) {
+        tr.field_uT[k] = earth[k];
+        tr.hard_iron_uT[k] = settings_.hard_iron_uT[k] + (magnet ? settings_.magnet_uT[k] : 0.0);
+        tr.gravity_g[k] = g[k];
+    }
+    tr.temperature_C = settings_.temperature_C + settings_.temp_drift_C_per_min * t / 60.0;
+    return tr;
+}
+
+Truth Scenario::sample(double t)
+{
+    Truth tr = ideal(t);
+    std::normal_distribution<double> mag(0.0, settings_.noise_uT), acc(0.0, settings_.accel_noise_g);
+    for (int k = 0; k < 3; ++k) {
+        if (settings_.noise_uT > 0) tr.field_uT[k] += mag(rng_);
+        if (settings_.accel_noise_g > 0) tr.gravity_g[k] += acc(rng_);
+    }
+    return tr;
+}
+
+} // namespace compass

@@ -1,0 +1,131 @@
+// Scenario engine of the compass service demo: a scripted handling of the phone in
+// virtual time, and the physics that turns it into what the two chips would sense.
+//
+// Conventions (all right-handed):
+//   World frame, magnetic: x magnetic east, y magnetic north, z up. The geographic
+//   frame differs by the declination D (magnetic north lies D degrees east of
+//   geographic north); script headings are geographic, and every "true heading" the
+//   demo reports is magnetic (geographic - D), because that is what a compass measures.
+//   Phone axes: x to the right edge, y to the top edge, z out of the screen.
+//   Attitude: heading psi (of the phone's y axis, from north toward east), pitch and
+//   roll as the library reports them (pitch = minus the elevation of the y axis,
+//   roll about the phone's y axis, positive with the right edge going down). The
+//   phone-to-world rotation is R = Rz(-psi) * Rx(-pitch) * Ry(roll) applied to phone
+//   vectors; rows of R are east, north and up expressed in phone axes.
+//   Earth field in the magnetic world frame: B (0, cos I, -sin I) for strength B and
+//   inclination I (positive: the field dips below the horizon, northern hemisphere).
+//   Gravity sample: points the way gravity pulls, minus any linear acceleration, in g:
+//   a phone lying flat reads (0, 0, -1).
+//   Hard iron: a field fixed to the phone, added in phone axes.
+#ifndef KMXC_TOOLS_SCENARIO_H
+#define KMXC_TOOLS_SCENARIO_H
+
+#include <array>
+#include <cstdint>
+#include <random>
+#include <string>
+#include <vector>
+
+namespace compass {
+
+using Vec3 = std::array<double, 3>;
+using Mat3 = std::array<Vec3, 3>; // row-major
+
+struct Pose {
+    double heading_deg = 0; // geographic heading of the phone's y axis
+    double pitch_deg = 0;
+    double roll_deg = 0;
+};
+
+struct ScenarioSettings {
+    std::string name = "default";      // which script, see scenario_names()
+    // Scenario "magnet": a magnetic clip is attached to the phone halfway, adding
+    // this to the hard iron.
+    Vec3 magnet_uT{230.0, 0.0, 0.0};
+    double field_uT = 48.0;            // Earth field strength, 25..65
+    double inclination_deg = 60.0;     // -90..90
+    double declination_deg = 3.0;      // -180..180
+    Vec3 hard_iron_uT{18.0, -12.0, 9.0};
+    double noise_uT = 0.15;            // magnetometer noise, standard deviation per axis
+    double accel_noise_g = 0.003;      // accelerometer noise, standard deviation per axis
+    double temperature_C = 25.0;       // at the start of the run
+    double temp_drift_C_per_min = 0.5; // warming (or cooling) during the run
+    int profile = 1;                   // mounting profile, see mounting_profiles()
+    uint32_t seed = 1;
+};
+
+// What the phone experiences at one instant.
+struct Truth {
+    double t_s = 0;
+    const char *phase = "";
+    Pose pose;          // script pose (geographic heading)
+    Mat3 attitude{};    // rows: magnetic east, north, up in phone axes
+    Vec3 field_uT{};    // ambient field in phone axes: Earth + noise
+    Vec3 hard_iron_uT{}; // field fixed to the phone, phone axes
+    Vec3 gravity_g{};   // accelerometer reading in phone axes, g
+    double temperature_C = 0;
+};
+
+// The angles each library path reports, computed from the true attitude with the
+// definitions the library documents (whole-degree truncation left out).
+struct TrueAngles {
+    double heading_int;    // heading of the y axis, or of -z/+z when the y axis is steep
+    double azimuth_double; // rotation about the vertical: atan2(E.y - N.x, E.x + N.y)
+    double pitch;          // -asin(up.y), folded beyond +-90 when facing down
+    double roll;           // -asin(up.x)
+};
+
+// Up-row y component (Q12) beyond which the integer heading uses the z axis.
+constexpr int kDirectionThreshold = 3547; // sin(60 degrees) in Q12
+
+const std::vector<std::string> &scenario_names();
+bool is_scenario_name(const std::string &name);
+
+// One mounting profile: the line the phone's transformation profile file holds for
+// it (accelerometer matrix, then magnetometer matrix, row-major, chip to phone).
+struct MountingProfile {
+    std::array<int, 9> accel;
+    std::array<int, 9> mag;
+};
+const std::vector<MountingProfile> &mounting_profiles(); // profile n is entry n-1
+
+class Scenario {
+public:
+    explicit Scenario(const ScenarioSettings &settings);
+
+    double duration_s() const { return duration_s_; }
+    // Advance to time t (non-decreasing between calls) and draw that instant's noise.
+    Truth sample(double t_s);
+    // The same instant without noise (deterministic, for checks).
+    Truth ideal(double t_s) const;
+
+    const ScenarioSettings &settings() const { return settings_; }
+
+private:
+    struct Segment {
+        enum Kind { Hold, Move, FigureEight, Walk, Spin } kind;
+        const char *phase;
+        double duration_s;
+        Pose from, to;           // Move: eased interpolation from -> to
+        double rate_deg_s = 0;   // Spin: heading rate
+    };
+    Pose pose_at(double t_s, const Segment **seg, double *local_s) const;
+    Vec3 linear_accel_g(const Segment &seg, double local_s) const;
+
+    ScenarioSettings settings_;
+    std::vector<Segment> script_;
+    double duration_s_ = 0;
+    double magnet_from_s_ = -1; // the magnet clip is on from then, when >= 0
+    std::mt19937 rng_;
+};
+
+Mat3 attitude_matrix(const Pose &pose_magnetic);
+Vec3 earth_field_uT(double strength_uT, double inclination_deg); // magnetic world frame
+Vec3 to_phone(const Mat3 &attitude, const Vec3 &world);
+TrueAngles true_angles(const Mat3 &attitude);
+// Signed difference a - b of two headings, in -180..180.
+double heading_difference(double a_deg, double b_deg);
+
+} // namespace compass
+
+#endif
