@@ -231,3 +231,18 @@ TEST_F(DeviceTest, SleepWaitsMillisecondsTimesAThousand) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST_F(DeviceTest, MsLogSaveWritesOneWarningLineAndReturnsTheLogResult) {
+    vphone::LogCapture log;
+    vphone::StderrCapture err;
+    const int result = MsLogSave(-5, 1234567890123L);
+    const int direct = __android_log_print(ANDROID_LOG_WARN, "MsLogSave", "MsLogSave() [%d, %ld]\r\n", -5, 1234567890123L);
+    EXPECT_EQ(result, direct);
+    ASSERT_EQ(log.lines().size(), 2u);
+    EXPECT_EQ(log.lines()[0], (vphone::LogLine{5, "MsLogSave", "MsLogSave() [-5, 1234567890123]\r\n"}));
+    EXPECT_EQ(err.text(), "");
+}
+
+}  // namespace

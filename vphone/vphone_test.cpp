@@ -230,6 +230,24 @@ TEST_F(VphoneTest, EveryFileCallCanBeMadeToFail) {
     }
 }
 
+TEST_F(VphoneTest, FailedFcloseLosesWhatWasWrittenSinceOpening) {
+    const struct {
+        const char *mode;
+        const char *after;
+    } cases[] = {{"w", ""}, {"a", "old"}};
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.mode);
+        vphone::write_file("/misc/sensor/a", "old");
+        FILE *f = std::fopen("/misc/sensor/a", c.mode);
+        ASSERT_NE(f, nullptr);
+        std::fprintf(f, "new text");
+        vphone::fail_call(Call::Fclose, 1, ENOSPC);
+        EXPECT_EQ(std::fclose(f), EOF);
+        EXPECT_EQ(errno, ENOSPC);
+        EXPECT_EQ(vphone::read_file("/misc/sensor/a"), c.after);
+    }
+}
+
 TEST_F(VphoneTest, ShortAndZeroByteTransfers) {
     vphone::ScriptedDevice chip;
     vphone::attach(0x2E, &chip);
