@@ -169,6 +169,8 @@ int8_t KmxAxesMsCalib02_Update(KmxAxesMsCalib02Context *context, const KmxAxesDa
         MSFLOAT_OpDivEq(diag, &pairs[0].value);
     }
     for (int j = 0; j < 3; ++j) r[j] = b[j];
+    // (offset - c).e is exact in 64 bits: an old offset some 75000 counts from the batch
+    // (one restored from outside, or an earlier far fit) would overflow 32 bits.
     for (int k = 0; k < 2; ++k) {
         MSFLOAT w;
         i2f_wide(&r[3 + k], difference_dot(&context->offset, &c, pairs[k + 1].vector));
