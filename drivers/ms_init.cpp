@@ -1,0 +1,51 @@
+// Magnetometer start-up: mounting matrix from the profile, device open, the chip's
+// start-up commands and calibration bytes, and the correction matrix.
+#include "drivers/drivers.h"
+#include "drivers/drivers_internal.h"
+#include "platform/platform.h"
+
+namespace {
+
+constexpr uint8_t kCmdStartUp = 0x01;
+constexpr uint8_t kCmdReadCalibration = 0xC8;
+constexpr uint32_t kStartUpSettleMs = 2;
+
+int8_t write_command(uint8_t command) { return msmachdep_I2CWrite(1, &command); }
+
+// Steps of the start-up that touch the bus; false at the first failure.
+bool start_chip(KmxcDrvState &st) {
+    if (msmachdep_I2CSetSlaveAddress(KMXC_MS_SLAVE_ADDRESS) < 0) return false;
+    if (write_command(kCmdStartUp) < 0) return false;
+    msmachdep_Sleep(kStartUpSettleMs);
+    if (write_command(kCmdReadCalibration) < 0) return false;
+    // The first reading after the command is discarded; the second is kept.
+    if (msmachdep_I2CRead(sizeof st.calib, st.calib) < 0) return false;
+    if (msmachdep_I2CRead(sizeof st.calib, st.calib) < 0) return false;
+    return true;
+}
+
+}  // namespace
+
+int8_t KmxAxesDrvMsInit(void) {
+    int8_t transformation[9];
+    const int8_t read = KmxcDrvReadTransformation(KMXC_PROFILE_MS_FIRST_FIELD, transformation);
+    if (read != 0) return read;
+    if (KmxAxesDrvCheckMatrix(transformation) != 0) return -1;
+
+    KmxcDrvState &st = *KmxcDrvHandle();
+    st.roughOffsetWritten = 0;
+    if (st.initFlags == 0 && msmachdep_I2COpen() < 0) return -5;
+    if (!start_chip(st)) {
+        // Closed even when the accelerometer is using the device: a magnetometer
+        // that fails its start-up leaves the bus in an unknown state.
+        msmachdep_I2CClose();
+        return -5;
+    }
+
+    int16_t sensitivity[9];
+    KmxcDrvMakeSensitivityMatrix(st.calib, sensitivity);
+    KmxcDrvMakeCorrectionMatrix(transformation, sensitivity, st.correction);
+    for (int i = 0; i < 3; ++i) st.tempCoef[i] = static_cast<int8_t>(static_cast<int>(st.calib[6 + i]) - 128);
+    st.initFlags = static_cast<uint8_t>(st.initFlags | KMXC_DRV_INIT_MS);
+    return 0;
+}
