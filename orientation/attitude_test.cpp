@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <cmath>
 #include <cstdint>
 #include <cstring>
 #include <random>
@@ -10,103 +9,60 @@
 
 namespace {
 
-struct AttitudeTest : ::testing::Test {
-    void SetUp() override {
-        KmxAxesLibSetMsOffset(&KmxAxesData_Constructor);
-        KmxAxesLibSetGsOffset(&KmxAxesData_Constructor);
-    }
-};
+constexpr KmxAxesData kZero{0, 0, 0};
 
 struct AttitudeCase {
     const char *name;
-    KmxAxesData ms, gs;
-    int16_t matrix[9];
-    uint16_t msNorm, gsNorm;
-    int16_t msGsCos;
+    KmxAxesData msOffset, gsOffset, ms, gs;
+    int8_t result;  // 1: the whole output must be the default record
+    KmxAxesAttitude want;
 };
 
-TEST_F(AttitudeTest, RowsNormsAndCosineOfKnownAttitudes) {
+TEST(Attitude, RowsNormsCosineAndLimitedVectors) {
+    // clang-format off
     const AttitudeCase cases[] = {
-        {"level, facing north", {0, 200, -300}, {0, 0, -4096},
-         {4096, 0, 0, 0, 4096, 0, 0, 0, 4096}, 360, 4096, 3413},
-        {"level, facing west", {200, 0, -300}, {0, 0, -4096},
-         {0, -4096, 0, 4096, 0, 0, 0, 0, 4096}, 360, 4096, 3413},
-        {"level, facing south-east", {-100, -100, -300}, {0, 0, -4096},
-         {-2896, 2896, 0, -2896, -2896, 0, 0, 0, 4096}, 331, 4096, 3712},
-        {"standing upright, screen south", {0, 300, 200}, {0, -4096, 0},
-         {-4096, 0, 0, 0, 0, 4096, 0, 4096, 0}, 360, 4096, -3413},
+        {"level, facing north", kZero, kZero, {0, 200, -300}, {0, 0, -4096}, 0,
+         {{4096, 0, 0, 0, 4096, 0, 0, 0, 4096}, 360, 4096, 3413, {0, 200, -300}, {0, 0, -4096}}},
+        {"level, facing west", kZero, kZero, {200, 0, -300}, {0, 0, -4096}, 0,
+         {{0, -4096, 0, 4096, 0, 0, 0, 0, 4096}, 360, 4096, 3413, {200, 0, -300}, {0, 0, -4096}}},
+        {"level, facing south-east", kZero, kZero, {-100, -100, -300}, {0, 0, -4096}, 0,
+         {{-2896, 2896, 0, -2896, -2896, 0, 0, 0, 4096}, 331, 4096, 3712, {-100, -100, -300}, {0, 0, -4096}}},
+        {"upright, screen south", kZero, kZero, {0, 300, 200}, {0, -4096, 0}, 0,
+         {{-4096, 0, 0, 0, 0, 4096, 0, 4096, 0}, 360, 4096, -3413, {0, 300, 200}, {0, -4096, 0}}},
+        {"differences limited to 16384", kZero, kZero, {0, 20000, -30000}, {0, 0, -4096}, 0,
+         {{4096, 0, 0, 0, 4096, 0, 0, 0, 4096}, 23170, 4096, 2896, {0, 16384, -16384}, {0, 0, -4096}}},
+        {"32-bit extremes limited without overflow", {0, INT32_MIN, INT32_MAX}, {0, 0, INT32_MAX},
+         {0, INT32_MAX, INT32_MIN}, {0, 0, INT32_MIN}, 0,
+         {{4096, 0, 0, 0, 4096, 0, 0, 0, 4096}, 23170, 16384, 2896, {0, 16384, -16384}, {0, 0, -16384}}},
+        {"field equals its offset", {7, -8, 9}, kZero, {7, -8, 9}, {0, 0, -4096}, 1, {}},
+        {"zero gravity", kZero, {1, 2, 3}, {0, 200, -300}, {1, 2, 3}, 1, {}},
+        {"field parallel to gravity", kZero, kZero, {0, 0, -4096}, {0, 0, -4096}, 1, {}},
     };
+    // clang-format on
     for (const auto &c : cases) {
-        KmxAxesAttitude a{};
-        EXPECT_EQ(KmxAxesLibGetAttitude(&c.ms, &c.gs, &a), 0) << c.name;
-        for (int i = 0; i < 9; ++i) EXPECT_EQ(a.matrix[i], c.matrix[i]) << c.name << " entry " << i;
-        EXPECT_EQ(a.msNorm, c.msNorm) << c.name;
-        EXPECT_EQ(a.gsNorm, c.gsNorm) << c.name;
-        EXPECT_EQ(a.msGsCos, c.msGsCos) << c.name;
-        EXPECT_EQ(a.ms.y, c.ms.y) << c.name;
-        EXPECT_EQ(a.gs.z, c.gs.z) << c.name;
-    }
-}
-
-TEST_F(AttitudeTest, DegenerateGeometryYieldsTheWholeDefaultRecord) {
-    const KmxAxesData offset{7, -8, 9};
-    KmxAxesLibSetMsOffset(&offset);
-    struct {
-        const char *name;
-        KmxAxesData ms, gs;
-    } const cases[] = {
-        {"field equals its offset", {7, -8, 9}, {0, 0, -4096}},
-        {"gravity zero", {0, 200, -300}, {0, 0, 0}},
-        {"field parallel to gravity", {7, -8, 9 - 4096}, {0, 0, -4096}},
-    };
-    for (const auto &c : cases) {
+        KmxAxesLibSetMsOffset(&c.msOffset);
+        KmxAxesLibSetGsOffset(&c.gsOffset);
         KmxAxesAttitude a;
         std::memset(&a, 0x5a, sizeof a);
-        EXPECT_EQ(KmxAxesLibGetAttitude(&c.ms, &c.gs, &a), 1) << c.name;
-        EXPECT_EQ(std::memcmp(&a, &KmxAxesLibDefaultAttitude, sizeof a), 0) << c.name;
+        EXPECT_EQ(KmxAxesLibGetAttitude(&c.ms, &c.gs, &a), c.result) << c.name;
+        const KmxAxesAttitude &want = c.result == 0 ? c.want : KmxAxesLibDefaultAttitude;
+        for (int i = 0; i < 9; ++i) EXPECT_EQ(a.matrix[i], want.matrix[i]) << c.name << " entry " << i;
+        EXPECT_EQ(std::memcmp(&a, &want, sizeof a), 0)
+            << c.name << ": norms " << a.msNorm << " " << a.gsNorm << " cos " << a.msGsCos;
     }
+    KmxAxesLibInit();
     EXPECT_EQ(KmxAxesLibDefaultAttitude.matrix[8], 4096);
     EXPECT_EQ(KmxAxesLibDefaultAttitude.msGsCos, 4096);
 }
 
-TEST_F(AttitudeTest, DifferencesAreLimitedBeforeTheLengths) {
-    struct {
-        const char *name;
-        KmxAxesData ms, msOffset, gs;
-        KmxAxesData limitedMs;
-        uint16_t msNorm;
-    } const cases[] = {
-        {"20000 on x", {20000, 0, 0}, {0, 0, 0}, {0, 0, -4096}, {16384, 0, 0}, 16384},
-        {"-20000 on all", {-20000, -20000, -20000}, {0, 0, 0}, {0, 0, -4096},
-         {-16384, -16384, -16384}, 28377},
-        {"32-bit extremes", {INT32_MAX, INT32_MIN, 5}, {INT32_MIN, INT32_MAX, 0}, {0, 0, -4096},
-         {16384, -16384, 5}, 23170},
-    };
-    for (const auto &c : cases) {
-        KmxAxesLibSetMsOffset(&c.msOffset);
-        KmxAxesAttitude a{};
-        EXPECT_EQ(KmxAxesLibGetAttitude(&c.ms, &c.gs, &a), 0) << c.name;
-        EXPECT_EQ(a.ms.x, c.limitedMs.x) << c.name;
-        EXPECT_EQ(a.ms.y, c.limitedMs.y) << c.name;
-        EXPECT_EQ(a.ms.z, c.limitedMs.z) << c.name;
-        EXPECT_EQ(a.msNorm, c.msNorm) << c.name;
-    }
-    // Gravity is limited the same way, with its own offset.
-    const KmxAxesData gs_offset{0, 0, INT32_MAX}, ms{0, 200, -300}, gs{0, 0, INT32_MIN};
-    KmxAxesLibSetMsOffset(&KmxAxesData_Constructor);
-    KmxAxesLibSetGsOffset(&gs_offset);
-    KmxAxesAttitude a{};
-    EXPECT_EQ(KmxAxesLibGetAttitude(&ms, &gs, &a), 0);
-    EXPECT_EQ(a.gs.z, -16384);
-    EXPECT_EQ(a.gsNorm, 16384);
-}
-
 TEST(IntSqrt, IsTheLargestRootNotAboveTheArgument) {
-    struct {
-        uint32_t s, root;
-    } const cases[] = {{0, 0}, {3, 1}, {4, 2}, {16777216, 4096}, {3u * 16384 * 16384, 28377},
-                       {46340u * 46340 - 1, 46339}, {46340u * 46340, 46340}, {46341u * 46341 - 1, 46340}};
-    for (const auto &c : cases) EXPECT_EQ(KmxAxesLibIntSqrt(c.s), c.root) << c.s;
+    const uint32_t cases[][2] = {{0, 0},
+                                 {3, 1},
+                                 {16777216, 4096},
+                                 {3u * 16384 * 16384, 28377},
+                                 {46340u * 46340, 46340},
+                                 {46341u * 46341 - 1, 46340}};
+    for (const auto &c : cases) EXPECT_EQ(KmxAxesLibIntSqrt(c[0]), c[1]) << c[0];
     std::mt19937 rng(12);
     std::uniform_int_distribution<uint32_t> any(0, 46341u * 46341 - 1);
     for (int i = 0; i < 20000; ++i) {

@@ -25,10 +25,11 @@ TEST(AtanTable, HoldsSixteenIMinusTheArctangentRoundedUp) {
 // Measured: within 1.06 eighths of a degree of the true arctangent while |b| fits
 // ten bits; larger b are shifted down with a, which costs up to 1.75 eighths.
 TEST(Atan, StaysWithinItsMeasuredErrorOfTheTrueArctangent) {
+    // Bounds in eighths of a degree.
     struct {
         int32_t b;
-        double bound;  // eighths of a degree
-    } const cases[] = {{1023, 1.06}, {-1000, 1.06}, {517, 1.06}, {33, 1.06},
+        double bound;
+    } const cases[] = {{1023, 1.06}, {-1000, 1.06}, {517, 1.06},  {33, 1.06},
                        {4096, 1.75}, {-8191, 1.75}, {70000, 1.75}};
     for (const auto &c : cases) {
         const int32_t span = std::abs(c.b);
@@ -43,9 +44,9 @@ TEST(Atan2, CoversTheFullTurnInEighths) {
     struct {
         int32_t x, y;
         int16_t eighths;
-    } const cases[] = {{1, 0, 0},       {0, 1, 720},       {-1, 0, 1440},    {0, -1, 2160},
-                       {1, 1, 360},     {100, -100, 2520}, {510, 419, 315},  {419, 510, 405},
-                       {-510, -419, 1755}, {-1, 1, 1080},  {-4096, 0, 1440}, {0, -4096, 2160}};
+    } const cases[] = {{1, 0, 0},          {0, 1, 720},       {-1, 0, 1440},    {0, -1, 2160},
+                       {1, 1, 360},        {100, -100, 2520}, {510, 419, 315},  {419, 510, 405},
+                       {-510, -419, 1755}, {-1, 1, 1080},     {-4096, 0, 1440}, {0, -4096, 2160}};
     for (const auto &c : cases) EXPECT_EQ(KmxAxesLibAtan2(c.x, c.y), c.eighths) << c.x << "," << c.y;
 }
 
@@ -68,6 +69,7 @@ TEST(CalcDirectionWOF, HeadsTheYAxisOrTheZAxisWhenSteep) {
         {"facing south-east", with_rows({-2896, 2896, 0, -2896, -2896, 0, 0, 0, 4096}), 0, 135},
         {"upright, z axis used", with_rows({-4096, 0, 0, 0, 0, 4096, 0, 4096, 0}), 0, 180},
         {"upside down, +z used", with_rows({4096, 0, 0, 0, 0, 4096, 0, -4096, 0}), 0, 0},
+        {"up y equal to threshold: y axis", with_rows({0, 4096, 4096, 4096, 0, 0, 0, 3000, 0}), 0, 90},
         {"no y entries", with_rows({4096, 0, 0, 0, 0, 4096, 0, 100, 0}), 1, 0},
     };
     for (const auto &c : cases) {
@@ -77,13 +79,11 @@ TEST(CalcDirectionWOF, HeadsTheYAxisOrTheZAxisWhenSteep) {
     }
 }
 
-struct SmootherCase {
-    const char *name;
-    std::vector<uint16_t> inputs, outputs;
-};
-
 TEST(SmoothDirection, ConvergesFromZeroHistoryTheShortWayRound) {
-    const SmootherCase cases[] = {
+    struct {
+        const char *name;
+        std::vector<uint16_t> inputs, outputs;
+    } const cases[] = {
         {"90 seven times", {90, 90, 90, 90, 90, 90, 90}, {157, 132, 108, 96, 91, 90, 90}},
         {"10 ten times, then 350 eight times",
          {10, 10, 10, 10, 10, 10, 10, 10, 10, 10, 350, 350, 350, 350, 350, 350, 350, 350},
@@ -99,22 +99,20 @@ TEST(SmoothDirection, ConvergesFromZeroHistoryTheShortWayRound) {
     }
 }
 
-TEST(CalcDirection, SmoothsWithItsOwnPersistentHistory) {
+TEST(CalcDirection, SmoothsWithItsOwnPersistentHistoryEvenWithoutAHeading) {
     KmxAxesLibDirectionState = {0, 0, 0, 0};
     const KmxAxesAttitude east = with_rows({0, 4096, 0, -4096, 0, 0, 0, 0, 4096});
-    const uint16_t expected[] = {157, 132, 108, 96};
-    for (uint16_t e : expected) {
-        uint16_t heading = 999;
-        EXPECT_EQ(KmxAxesLibCalcDirection(&east, &heading, 3000), 0);
-        EXPECT_EQ(heading, e);
-    }
-    // A heading that cannot be formed enters the smoother as 0 and is not reported.
-    KmxAxesLibDirectionState = {0, 0, 0, 0};
     const KmxAxesAttitude none = with_rows({4096, 0, 0, 0, 0, 4096, 0, 100, 0});
-    uint16_t heading = 999;
-    EXPECT_EQ(KmxAxesLibCalcDirection(&none, &heading, 3000), 0);
-    EXPECT_EQ(heading, 135);
-    EXPECT_EQ(KmxAxesLibDirectionState.prevOutput, -180);
+    // Headings 90, 90, 90, then 0 (none formed): the 90-sequence, then a step toward 0.
+    const struct {
+        const KmxAxesAttitude *attitude;
+        uint16_t smoothed;
+    } steps[] = {{&east, 157}, {&east, 132}, {&east, 108}, {&none, 73}};
+    for (const auto &s : steps) {
+        uint16_t heading = 999;
+        EXPECT_EQ(KmxAxesLibCalcDirection(s.attitude, &heading, 3000), 0);
+        EXPECT_EQ(heading, s.smoothed);
+    }
 }
 
 // Random field and gravity directions, reference heading computed in double from
@@ -134,10 +132,7 @@ TEST(HeadingProperty, IntegerHeadingMatchesADoubleReference) {
         const V3 gd = random_direction(rng), md = random_direction(rng);
         const double gl = gravity_length(rng), ml = field_length(rng);
         if (std::fabs(dot(gd, md)) > std::cos(15 / kDeg)) continue;
-        const KmxAxesData g{int32_t(std::lround(gl * gd.x)), int32_t(std::lround(gl * gd.y)),
-                            int32_t(std::lround(gl * gd.z))};
-        const KmxAxesData m{int32_t(std::lround(ml * md.x)), int32_t(std::lround(ml * md.y)),
-                            int32_t(std::lround(ml * md.z))};
+        const KmxAxesData g = rounded(gl * gd), m = rounded(ml * md);
         const V3 up = unit(V3{-double(g.x), -double(g.y), -double(g.z)});
         const V3 field{double(m.x), double(m.y), double(m.z)};
         const V3 north = unit(field - dot(field, up) * up);
@@ -162,8 +157,8 @@ TEST(HeadingProperty, IntegerHeadingMatchesADoubleReference) {
         }
         ++checked;
     }
-    std::printf("heading error [%.4f, %.4f] deg, worst row dot %.6f, %d cases\n", lowest, highest,
-                worst_dot, checked);
+    std::printf("heading error [%.4f, %.4f] deg, worst row dot %.6f, %d cases\n", lowest, highest, worst_dot,
+                checked);
     EXPECT_GT(checked, 15000);
     EXPECT_GT(lowest, -0.3);
     EXPECT_LT(highest, 1.15);

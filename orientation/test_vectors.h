@@ -6,6 +6,8 @@
 #include <cmath>
 #include <random>
 
+#include "orientation/orientation.h"
+
 namespace kmxc_test {
 
 constexpr double kPi = 3.14159265358979323846;
@@ -24,6 +26,11 @@ inline V3 unit(V3 a) { return (1.0 / std::sqrt(dot(a, a))) * a; }
 inline V3 random_direction(std::mt19937 &rng) {
     std::normal_distribution<double> n;
     return unit(V3{n(rng), n(rng), n(rng)});
+}
+
+// v rounded to whole counts.
+inline KmxAxesData rounded(V3 v) {
+    return {int32_t(std::lround(v.x)), int32_t(std::lround(v.y)), int32_t(std::lround(v.z))};
 }
 
 // Signed difference a - b of two angles in degrees, brought into -180..180.
