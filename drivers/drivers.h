@@ -112,6 +112,30 @@ KMXC_API int8_t KmxAxesDrvMsSetRoughOffset(const uint8_t *values);
 KMXC_API int8_t KmxAxesDrvMsGetWrittenRoughOffset(uint8_t *out);
 
 /* ---- Accelerometer glue ----------------------------------------------------------- */
+/*   The SMB380 at bus address 0x38 through the compass device, range code 0 (256
+ *   counts per g) and bandwidth code 0; output in 1/4096 g in the phone's axes:
+ *   out_i = 16 * sum_j matrix[i][j] * count_j, the matrix being fields 1..9 of the
+ *   transformation profile line (the identity without a writable profile file).
+ *
+ *   KmxAxesDrvGsInit     0; -1 matrix fails the check; -3 profile file writable
+ *                        but unreadable or too short; -5 device cannot be opened.
+ *                        Opens the device only when neither driver is initialised;
+ *                        may be called again while initialised.
+ *   KmxcDrvGsInit        callbacks, smb380_init, range 0, bandwidth 0, matrix kept; 0
+ *   KmxAxesDrvGsMeasure  -3 glue not initialised; else as KmxcDrvGsMeasure
+ *   KmxcDrvGsMeasure     0; -3 neither driver initialised. raw may be null (only
+ *                        its gs fields are written). Bus failures are not reported:
+ *                        a read that delivered nothing gives a zero vector.
+ *   KmxAxesDrvGsTerm     0; -3 not initialised; -5 closing the device failed. The
+ *                        device is closed when the magnetometer is not initialised.
+ *   KmxcDrvGsTerm        does nothing; 0
+ */
+KMXC_API int8_t KmxAxesDrvGsInit(void);
+KMXC_API uint32_t KmxcDrvGsInit(const int8_t *matrix);
+KMXC_API int8_t KmxAxesDrvGsMeasure(KmxAxesData *out, KmxcDrvRawData *raw);
+KMXC_API int8_t KmxcDrvGsMeasure(KmxAxesData *out, KmxcDrvRawData *raw);
+KMXC_API int8_t KmxAxesDrvGsTerm(void);
+KMXC_API uint32_t KmxcDrvGsTerm(void);
 
 /* ---- end of Accelerometer glue ---------------------------------------------------- */
 

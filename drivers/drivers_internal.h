@@ -8,6 +8,7 @@
 #include <stdint.h>
 
 #include "drivers/drivers.h"
+#include "smb380/smb380.h"
 
 #ifdef __cplusplus
 extern "C" {
@@ -37,6 +38,21 @@ void KmxcDrvMakeSensitivityMatrix(const uint8_t *calib, int16_t *sensitivity);
 /* The measurement after the preparation command, on the slave address already
  * selected: results as KmxcDrvMsMeasure without -3. */
 int8_t KmxcDrvMsReadData(KmxAxesData *out, KmxcDrvRawData *raw);
+
+/* ---- Accelerometer glue ---------------------------------------------------------
+ * The SMB380 device record in use (p_smb380 points here after the first start-up),
+ * the accelerometer mounting matrix (zero until then), and the record's callbacks:
+ *   KmxcDrvGsBusWrite  select 0x38; one write of count % 128 (register, value)
+ *                      pairs, registers counting up from reg (wrapping at 8 bits)
+ *   KmxcDrvGsBusRead   select 0x38; write the byte reg & 0x7F; read count bytes
+ *   KmxcDrvGsDelay     msmachdep_Sleep(ms & 0xFFFF)
+ * The bus callbacks return 0 whatever the platform layer reports. */
+extern smb380_dev g_Smb380Dev;
+extern int8_t g_GsMatrix[9];
+int8_t KmxcDrvGsBusWrite(uint8_t reg, const uint8_t *data, uint8_t count);
+int8_t KmxcDrvGsBusRead(uint8_t reg, uint8_t *data, uint8_t count);
+int8_t KmxcDrvGsDelay(uint32_t ms);
+/* ---- end of Accelerometer glue ------------------------------------------------- */
 
 #ifdef __cplusplus
 }
