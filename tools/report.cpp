@@ -99,6 +99,12 @@ void Report::add(const SampleOutput &s)
             }
         }
     }
+    if (!quiet_ && is_new_offset(s.calib_rc)) {
+        char b[160];
+        std::snprintf(b, sizeof b, "  t %5.1f s  %s calibration (rc %d): offset %d,%d,%d", s.time_us / 1e6,
+                      is_three_d(s.calib_rc) ? "3-D" : "planar", s.calib_rc, s.offset[0], s.offset[1], s.offset[2]);
+        out_ << b << '\n';
+    }
     if (!quiet_ && s.time_us >= next_line_us_) {
         out_ << format_second_line(s) << '\n';
         next_line_us_ = (s.time_us / 1000000 + 1) * 1000000;
