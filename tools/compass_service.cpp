@@ -179,7 +179,8 @@ int fail(const std::string &message, int code)
     return code;
 }
 
-// The calibration file's nine fields as text, for the record's header.
+// The calibration file's nine fields as the run starts (the defaults when there is
+// none yet), for the record's header.
 bool stored_line(std::array<long long, 9> *out)
 {
     const auto text = vphone::read_file("/misc/sensor/kmxc_orvane.cfg");
@@ -287,6 +288,7 @@ int run(const Options &opt)
         if (replaying) phone.deliver(replay.rows[i]);
         else phone.sense(truth = scenario.sample(static_cast<double>(now) / 1e6));
 
+        vphone::clear_transcript(); // the demo does not read it; keep long replays small
         KmxcDrvRawData raw{};
         SampleOutput s = cycle(&raw);
         s.time_us = static_cast<int64_t>(now);
