@@ -171,8 +171,9 @@ TEST(CompassService, TwoPlanesCombineIntoAThreeDimensionalCalibration)
 {
     const std::string d = dir_for("two-planes");
     const Result r = run(d, {"--fresh", "--sandbox", d + "/phone", "--quiet", "--scenario", "two-planes",
-                             "--outputs", d + "/o.csv"});
+                             "--outputs", d + "/o.csv", "--plot", d + "/plot.png"});
     ASSERT_EQ(r.exit_code, 0) << r.err;
+    EXPECT_EQ(slurp(d + "/plot.png").substr(0, 4), "\x89PNG") << "gnuplot drew no PNG";
     const auto rows = outputs(d + "/o.csv");
     const Codes c = codes_of(rows);
     EXPECT_TRUE(c.seen.count(24)) << "no planar fit with the normal along z (flat)";
