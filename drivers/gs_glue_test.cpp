@@ -120,6 +120,11 @@ TEST_F(GsGlue, BusTransfersOfStartUpSampleAndImage) {
     smb380_set_image(image);
     const auto writes = vphone::transcript_of(vphone::Kind::Write);
     EXPECT_EQ(std::count_if(writes.begin(), writes.end(), [&](const auto &e) { return e.bytes == pairs; }), 1);
+
+    vphone::clear_transcript();  // the count is taken modulo 128: 130 registers are 2
+    const uint8_t many[130] = {0x11, 0x22};
+    smb380_write_reg(0x20, many, 130);
+    EXPECT_EQ(bus_events(), (std::vector<std::string>{"sel 38", "w 20 11 21 22"}));
     EXPECT_EQ(chip.reg(0x1D), 0xA0 + 18);
 }
 

@@ -8,8 +8,11 @@
  * any other value has sign +1 or -1 and a normalised mantissa (32768..65535), so the
  * magnitudes run from 2^-113 to 65535 * 2^127 (about 1.1e43) with 16 significant bits.
  * Nothing rounds: every dropped bit is discarded, so conversions, products, quotients,
- * square roots and same-sign sums are truncated toward zero in magnitude; a difference
- * keeps one guard bit and exceeds the exact difference by less than one unit of it.
+ * square roots and same-sign sums are truncated toward zero in magnitude. A product whose
+ * mantissas multiply to less than 2^31, or a quotient whose dividend mantissa is below the
+ * divisor's, keeps only 15 significant bits (its last bit is 0). A difference is formed
+ * with one guard bit u = 2^(larger exponent - 129): exact (then truncated) when the
+ * exponents differ by at most 1, otherwise within -u..+u of the exact difference.
  *
  * Every operation works in place on its first argument `a` (left operand and result);
  * `b` is read only and may point to the same object as `a`.

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <random>
@@ -10,6 +11,11 @@
 namespace {
 
 constexpr KmxAxesData kZero{0, 0, 0};
+
+// The record the calling service reads, field for field.
+static_assert(sizeof(KmxAxesAttitude) == 48 && offsetof(KmxAxesAttitude, msNorm) == 18 &&
+              offsetof(KmxAxesAttitude, msGsCos) == 22 && offsetof(KmxAxesAttitude, ms) == 24 &&
+              offsetof(KmxAxesAttitude, gs) == 36);
 
 struct AttitudeCase {
     const char *name;

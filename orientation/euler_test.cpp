@@ -20,26 +20,19 @@ struct EulerCase {
 };
 
 TEST(RotationMatrixAndEuler, KnownAttitudes) {
+    // clang-format off
     const EulerCase cases[] = {
         {"level, facing north", {0, 0, -9.80665}, {0, 20, -30}, {1, 0, 0, 0, 1, 0, 0, 0, 1}, {0, 0, 0}},
         {"nose up 36.87", {0, -3, -4}, {0, 20, -30}, {1, 0, 0, 0, 0.8, -0.6, 0, 0.6, 0.8}, {0, -36, 0}},
-        {"facing down, folded pitch",
-         {0, -3, 4},
-         {0, 20, 30},
-         {-1, 0, 0, 0, 0.8, 0.6, 0, 0.6, -0.8},
+        {"facing down, folded pitch", {0, -3, 4}, {0, 20, 30}, {-1, 0, 0, 0, 0.8, 0.6, 0, 0.6, -0.8},
          {180, -143, 0}},
-        {"rolled 36.87",
-         {3, 0, -4},
-         {0, 20, -30},
-         {0.5946353169977331, 0.6689647316224496, 0.4459764877482998, -0.5351717852979598, 0.7432941462471664,
-          -0.4013788389734698, -0.6, 0, 0.8},
-         {41, 0, 36}},
-        {"level, facing north-east",
-         {0, 0, -9.80665},
-         {-20, 20, -30},
-         {M_SQRT1_2, M_SQRT1_2, 0, -M_SQRT1_2, M_SQRT1_2, 0, 0, 0, 1},
-         {45, 0, 0}},
+        {"rolled 36.87", {3, 0, -4}, {0, 20, -30},
+         {0.5946353169977331, 0.6689647316224496, 0.4459764877482998,
+          -0.5351717852979598, 0.7432941462471664, -0.4013788389734698, -0.6, 0, 0.8}, {41, 0, 36}},
+        {"level, facing north-east", {0, 0, -9.80665}, {-20, 20, -30},
+         {M_SQRT1_2, M_SQRT1_2, 0, -M_SQRT1_2, M_SQRT1_2, 0, 0, 0, 1}, {45, 0, 0}},
     };
+    // clang-format on
     for (const auto &c : cases) {
         double m[9], angles[3];
         ASSERT_EQ(KmxAxesLibGetRotationMatrix(c.gravity, c.field, m), 0) << c.name;
@@ -57,13 +50,8 @@ TEST(RotationMatrix, RefusesNullAndDegenerateInputsWithoutWriting) {
     struct {
         const char *name;
         const double *gravity, *field;
-    } const cases[] = {
-        {"field parallel to gravity", down, up_field},
-        {"zero gravity", zero, field},
-        {"zero field", down, zero},
-        {"null gravity", nullptr, field},
-        {"null field", down, nullptr},
-    };
+    } const cases[] = {{"field parallel to gravity", down, up_field}, {"zero gravity", zero, field},
+                       {"zero field", down, zero}, {"null gravity", nullptr, field}, {"null field", down, nullptr}};
     for (const auto &c : cases) {
         double m[9] = {7, 7, 7, 7, 7, 7, 7, 7, 7};
         EXPECT_EQ(KmxAxesLibGetRotationMatrix(c.gravity, c.field, m), -1) << c.name;

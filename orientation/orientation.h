@@ -65,8 +65,8 @@ KMXC_API int8_t KmxAxesGsCalibGetGsOffset(const KmxAxesData *resting, KmxAxesDat
  * KmxAxesLibGetAttitude removes the offsets, limits each component to
  * -16384..16384, and builds the Q12 east/north/up rows from the two samples in
  * 32-bit integer arithmetic (no floating point, fixed running time). The gravity
- * sample points the way gravity pulls. The north row is not normalised again, so
- * it is only as long as the truncations leave it (a few counts short of 4096).
+ * sample points the way gravity pulls. The north row is not normalised again: its
+ * length is 4096 only to within the truncations of the other two rows.
  *
  *   0  attitude formed
  *   1  zero field, zero gravity or field parallel to gravity: the output holds the

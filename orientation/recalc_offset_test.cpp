@@ -63,20 +63,6 @@ TEST_F(RecalcOffsetTest, GoingThereAndBackRestoresTheOffset) {
     EXPECT_EQ(offset.z, 8901);
 }
 
-TEST_F(RecalcOffsetTest, StepResponseComesFromTheCurrentCorrection) {
-    // Swap the chip's x and y in the mounting: channel 0 now moves y.
-    KmxcDrvState &st = *KmxcDrvHandle();
-    const int16_t c[9] = {0, 100, 0, 100, 0, 0, 0, 0, 100};
-    for (int i = 0; i < 9; ++i) st.correction[i] = c[i];
-    const std::array<uint8_t, 3> from{0, 0, 0}, to{1, 0, 0};
-    const KmxAxesData in{0, 0, 0};
-    KmxAxesData out{};
-    KmxAxesLibRecalcMsOffset(&in, &out, from.data(), to.data());
-    EXPECT_EQ(out.x, 0);
-    EXPECT_EQ(out.y, 226);
-    EXPECT_EQ(out.z, 0);
-}
-
 TEST_F(RecalcOffsetTest, NullPointerAnywhereLeavesOutUntouched) {
     const KmxAxesData in{1, 2, 3};
     const std::array<uint8_t, 3> from{0, 0, 0}, to{1, 1, 1};

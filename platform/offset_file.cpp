@@ -33,6 +33,23 @@ int write_fields(std::FILE *file, const int32_t (&v)[kFields]) {
     return std::fprintf(file, kFormat, v[0], v[1], v[2], v[3], v[4], v[5], v[6], v[7], v[8]);
 }
 
+// Writes the nine values and closes the file, which is closed either way. The text
+// reaches the file only when the stream is flushed at fclose, so a failing fclose is
+// a failed write too and is reported like one ("fprintf"): a backup that may be
+// incomplete must never be renamed over the main file.
+bool write_and_close(std::FILE *file, const int32_t (&v)[kFields], bool report) {
+    if (write_fields(file, v) < 0) {
+        if (report) std::perror("fprintf");
+        std::fclose(file);
+        return false;
+    }
+    if (std::fclose(file) != 0) {
+        if (report) std::perror("fprintf");
+        return false;
+    }
+    return true;
+}
+
 // Owner, mode and rename of a completely written backup; perror names the failing call.
 int8_t install_backup() {
     if (chown(kBackupPath, kCompassUid, kSystemGid) < 0) {
@@ -96,12 +113,7 @@ int8_t save_through_backup(const int32_t (&v)[kFields], bool report_open) {
         if (report_open) std::perror("fopen");
         return -1;
     }
-    if (write_fields(file, v) < 0) {
-        std::perror("fprintf");
-        std::fclose(file);
-        return -1;
-    }
-    std::fclose(file);
+    if (!write_and_close(file, v, true)) return -1;
     return install_backup();
 }
 
@@ -126,12 +138,7 @@ int8_t msmachdep_EnsureOffsetFile(void) {
         std::perror("fopen");
         return -1;
     }
-    if (write_fields(file, kDefaults) < 0) {
-        std::perror("fprintf");
-        std::fclose(file);
-        return -1;
-    }
-    std::fclose(file);
+    if (!write_and_close(file, kDefaults, true)) return -1;
     return install_backup();
 }
 
@@ -143,13 +150,7 @@ int8_t msmachdep_EnsureOffsetFileInPlace(void) {
         std::perror("fopen");
         return -1;
     }
-    if (write_fields(file, kDefaults) < 0) {
-        std::perror("fprintf");
-        std::fclose(file);
-        return -1;
-    }
-    std::fclose(file);
-    return 0;
+    return write_and_close(file, kDefaults, true) ? 0 : -1;
 }
 
 int8_t msmachdep_LoadRoughOffset(uint8_t *out) {
@@ -193,13 +194,7 @@ int8_t msmachdep_SaveGsOffset(const int32_t *in) {
         std::perror("fopen");
         return -1;
     }
-    if (write_fields(file, v) < 0) {
-        std::perror("fprintf");
-        std::fclose(file);
-        return -1;
-    }
-    std::fclose(file);
-    return 0;
+    return write_and_close(file, v, true) ? 0 : -1;
 }
 
 int8_t msmachdep_LoadMsOffset(int32_t *out) { return load_triple(out, kMagnetic); }
@@ -219,12 +214,10 @@ void msmachdep_ResetOffsetData(void) {
         log_error("msmachdep_ResetOffsetData() fail #1");
         return;
     }
-    if (write_fields(file, kDefaults) < 0) {
+    if (!write_and_close(file, kDefaults, false)) {
         log_error("msmachdep_ResetOffsetData() fail #2");
-        std::fclose(file);
         return;
     }
-    std::fclose(file);
     if (chown(kBackupPath, kCompassUid, kSystemGid) < 0) {
         log_error("msmachdep_ResetOffsetData() fail #3");
         return;

@@ -92,15 +92,18 @@ double KmxcModel::driftRaw(int channel) const {
     return coef * kDriftPerCoefficientCount * (static_cast<double>(temperature_) - 256.0) / 16.0;
 }
 
-std::array<int, 3> KmxcModel::rawChannels() const {
+std::array<int, 3> KmxcModel::channels(const std::array<double, 3> &noise) const {
     const auto ideal = idealCentredChannels();
     std::array<int, 3> raw{};
     for (int k = 0; k < 3; ++k) {
-        const double v = 512.0 + ideal[k] + driftRaw(k) - kRawPerRoughStep * (rough_[k] - kRoughCentre);
+        const double v =
+            512.0 + ideal[k] + driftRaw(k) - kRawPerRoughStep * (rough_[k] - kRoughCentre) + noise[k];
         raw[k] = static_cast<int>(std::clamp(std::lround(v), 0L, 2047L));
     }
     return raw;
 }
+
+std::array<int, 3> KmxcModel::rawChannels() const { return channels({0, 0, 0}); }
 
 KmxcModel::Vec3 KmxcModel::expectedMicrotesla() const {
     std::array<double, 3> shift{};
@@ -133,16 +136,12 @@ void KmxcModel::command(uint8_t byte, uint64_t nowUs) {
     } else if (byte == 0xC0) {
         mode_ = Mode::Prepared;
     } else if (byte == 0x02) {
-        std::array<int, 3> raw = rawChannels();
+        std::array<double, 3> noise{};
         if (sigma_ > 0) {
-            const auto ideal = idealCentredChannels();
-            std::normal_distribution<double> noise(0.0, sigma_);
-            for (int k = 0; k < 3; ++k) {
-                const double v = 512.0 + ideal[k] + driftRaw(k) - kRawPerRoughStep * (rough_[k] - kRoughCentre) +
-                                 noise(rng_);
-                raw[k] = static_cast<int>(std::clamp(std::lround(v), 0L, 2047L));
-            }
+            std::normal_distribution<double> gauss(0.0, sigma_);
+            for (double &n : noise) n = gauss(rng_);
         }
+        const std::array<int, 3> raw = channels(noise);
         // Channels last to first, then the temperature; bits 10..8 in the low bits
         // of the first byte of each pair.
         const int words[4] = {raw[2], raw[1], raw[0], temperature_};

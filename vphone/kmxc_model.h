@@ -22,7 +22,8 @@
 //
 //     field + hard iron + roughShift(rough setting)      in phone axes,
 //
-// within quantisation. One rough step lowers its channel by 226 raw counts; the
+// within quantisation: at most 3.1 corrected counts (1.25 uT) per axis while the
+// channels are in range and noise is off. One rough step lowers its channel by 226 raw counts; the
 // setting 16 on every channel adds no shift (expectedMicrotesla() gives the whole
 // prediction). Channels saturate at 0 and 2047; values outside 2..1023 are what the
 // library reports as out of range. Temperature is in raw chip counts, 256 being the
@@ -87,6 +88,7 @@ private:
     enum class Mode { Idle, Calibration, Prepared, Rough, Measure };
     void command(uint8_t byte, uint64_t nowUs);
     std::array<double, 3> idealCentredChannels() const;  // t / 16 before drift and rough
+    std::array<int, 3> channels(const std::array<double, 3> &noise) const;
     double driftRaw(int channel) const;
 
     Vec3 field_{}, hardIron_{};

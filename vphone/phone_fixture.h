@@ -4,14 +4,17 @@
 //   TEST_F(MyTest, X) { vphone::ScriptedDevice chip; vphone::attach(0x2E, &chip); ... }
 //
 //   vphone::StderrCapture err;  ... ; EXPECT_EQ(err.text(), "open: No such file...\n");
+//   vphone::LogCapture log;     ... ; EXPECT_EQ(log.lines(), (std::vector<LogLine>{{6, "Tag", "text"}}));
 #ifndef KMXC_VPHONE_PHONE_FIXTURE_H
 #define KMXC_VPHONE_PHONE_FIXTURE_H
 
+#include <android/log.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <string>
+#include <vector>
 
 #include "vphone/vphone.h"
 
@@ -67,6 +70,40 @@ private:
     std::FILE *file_ = nullptr;
     int saved_ = -1;
     std::string text_;
+};
+
+struct LogLine {
+    int priority;
+    std::string tag;
+    std::string message;
+    bool operator==(const LogLine &) const = default;
+};
+
+inline void PrintTo(const LogLine &line, std::ostream *os) {
+    *os << "{" << line.priority << ", \"" << line.tag << "\", \"" << line.message << "\"}";
+}
+
+// Collects the Android log lines written through liblog while it exists (one at a
+// time); afterwards liblog writes to standard error again.
+class LogCapture {
+public:
+    LogCapture() {
+        store().clear();
+        __android_log_set_logger(&LogCapture::collect);
+    }
+    ~LogCapture() { __android_log_set_logger(__android_log_stderr_logger); }
+    LogCapture(const LogCapture &) = delete;
+    LogCapture &operator=(const LogCapture &) = delete;
+    const std::vector<LogLine> &lines() const { return store(); }
+
+private:
+    static std::vector<LogLine> &store() {
+        static std::vector<LogLine> lines;
+        return lines;
+    }
+    static void collect(const __android_logger_data *data, const char *message) {
+        store().push_back(LogLine{data->priority, data->tag != nullptr ? data->tag : "", message});
+    }
 };
 
 }  // namespace vphone

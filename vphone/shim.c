@@ -14,6 +14,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <sys/types.h>
 #include <unistd.h>
 
@@ -159,7 +160,10 @@ static FILE *phone_fopen(const char *name, const char *path, const char *mode) {
         return NULL;
     }
     FILE *file = real(host, mode);
-    if (file != NULL) vphone_core_track_file(file);
+    if (file != NULL) {
+        struct stat st;
+        vphone_core_track_file(file, host, stat(host, &st) == 0 ? (long)st.st_size : 0L);
+    }
     return file;
 }
 
@@ -169,9 +173,10 @@ VPHONE_EXPORT FILE *fopen64(const char *path, const char *mode) { return phone_f
 VPHONE_EXPORT int fclose(FILE *file) {
     NEXT(fclose_fn, fclose);
     if (file != NULL && vphone_core_is_tracked_file(file)) {
-        vphone_core_untrack_file(file);
         int error = vphone_core_take_fault(VPHONE_CALL_FCLOSE);
         int result = real_fclose(file);
+        if (error != 0) vphone_core_lose_unflushed(file);  /* by name: the FILE is gone */
+        vphone_core_untrack_file(file);
         if (error != 0) return fail_with(error);
         return result;
     }

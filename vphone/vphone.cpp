@@ -15,12 +15,14 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
-#include <set>
 #include <sstream>
 
 #include "vphone/vphone_core.h"
 
 namespace vphone {
+
+void attach_chips_from_environment();  // preload_chips.cpp
+
 namespace {
 
 constexpr int kCallCount = VPHONE_CALL_COUNT;
@@ -52,7 +54,11 @@ struct State {
     std::map<unsigned long, int> answers;
     std::map<unsigned long, int> control_errors;
     std::optional<long> charger_state;
-    std::set<FILE *> files;
+    struct OpenFile {
+        std::string host;
+        long size_at_open;
+    };
+    std::map<FILE *, OpenFile> files;
     std::map<std::string, Owner> owners;
 };
 
@@ -354,6 +360,11 @@ int vphone_core_is_compass_path(const char *path) { return std::strcmp(path, "/d
 int vphone_core_take_fault(int call) { return vphone::take(call); }
 
 int vphone_core_compass_open(int flags) {
+    static bool chips_attached = false;
+    if (!chips_attached) {
+        chips_attached = true;
+        vphone::attach_chips_from_environment();
+    }
     // A real descriptor keeps the number from being handed out twice.
     int fd = ::open("/dev/null", O_RDWR | O_CLOEXEC);
     Event e{Kind::Open};
@@ -457,9 +468,16 @@ int vphone_core_sleep_us(unsigned long long microseconds) {
     return 0;
 }
 
-void vphone_core_track_file(FILE *file) { state().files.insert(file); }
+void vphone_core_track_file(FILE *file, const char *host, long size) { state().files[file] = {host, size}; }
 int vphone_core_is_tracked_file(FILE *file) { return state().files.count(file) != 0 ? 1 : 0; }
 void vphone_core_untrack_file(FILE *file) { state().files.erase(file); }
+
+void vphone_core_lose_unflushed(FILE *file) {
+    auto it = state().files.find(file);
+    if (it == state().files.end()) return;
+    std::error_code ignored;
+    std::filesystem::resize_file(it->second.host, static_cast<uintmax_t>(it->second.size_at_open), ignored);
+}
 
 void vphone_core_set_owner(const char *host, unsigned uid, unsigned gid) {
     state().owners[host] = vphone::Owner{uid, gid};

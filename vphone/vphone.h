@@ -121,7 +121,9 @@ constexpr int kForever = -1;
 
 // The nth next call of this kind (1 = the very next one) and the count-1 after it
 // fail with errno error (count kForever: every call from the nth on). A failing
-// fclose still closes the file; a failing close still releases the descriptor.
+// fclose still closes the file but, like a failed write-back, loses what was written
+// since fopen (the file is cut back to its length at opening); a failing close still
+// releases the descriptor.
 void fail_call(Call call, int nth, int error, int count = 1);
 // The nth next Read or Write on /dev/compass (and count-1 after it) moves at most
 // max_bytes (0: the call returns 0 without reaching the device).

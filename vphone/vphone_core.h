@@ -34,9 +34,13 @@ int vphone_core_compass_ioctl(int fd, unsigned long request, unsigned long argum
 
 int vphone_core_sleep_us(unsigned long long microseconds);
 
-void vphone_core_track_file(FILE *file);
+/* A file opened on a phone path; size is its length right after opening. */
+void vphone_core_track_file(FILE *file, const char *host_path, long size);
 int vphone_core_is_tracked_file(FILE *file);
 void vphone_core_untrack_file(FILE *file);
+/* After a failing fclose: cut the file back to its length at opening (what a failed
+ * write-back leaves behind). */
+void vphone_core_lose_unflushed(FILE *file);
 
 void vphone_core_set_owner(const char *host_path, unsigned uid, unsigned gid);
 void vphone_core_move_owner(const char *host_from, const char *host_to);

@@ -1,0 +1,148 @@
+// Calibration front end: status, classification and the return codes of whole
+// synthetic streams.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <vector>
+
+#include "calibration/calibration_internal.h"
+#include "calibration/test_streams.h"
+
+namespace {
+
+using namespace calib_test;
+
+struct FrontEnd : ::testing::Test {
+    void SetUp() override { ASSERT_EQ(KmxAxesMsCalibInit(), 0); }
+    // Feeds a batch; every sample before the last must return the status alone.
+    static int8_t feed(const Batch &batch, KmxAxesMsCalibDetail *detail = nullptr) {
+        for (size_t i = 0; i + 1 < batch.size(); ++i)
+            EXPECT_EQ(KmxAxesMsCalibUpdateDetail(&batch[i], detail), KmxAxesMsCalibGetStatus());
+        return KmxAxesMsCalibUpdateDetail(&batch.back(), detail);
+    }
+    static KmxAxesData offset() {
+        KmxAxesData o;
+        KmxAxesMsCalibGetOffset(&o);
+        return o;
+    }
+};
+
+bool same(const KmxAxesData &a, const KmxAxesData &b) { return a.x == b.x && a.y == b.y && a.z == b.z; }
+
+TEST_F(FrontEnd, StatusAndClassifierEdges) {
+    EXPECT_TRUE(g_MsCalibThreshold.ratioMidThreshold == 96 && g_MsCalibEstimator.config.residualThreshold.exponent == 134);
+    EXPECT_TRUE(KmxAxesMsCalibSetStatus(8) == -1 && KmxAxesMsCalibGetStatus() == 0);
+    EXPECT_TRUE(KmxAxesMsCalibSetStatus(7) == 0 && KmxAxesMsCalibGetStatus() == 7);
+    const int32_t flat[2] = {0, 97};  // planar with a smallest ratio of 0: weight[0] becomes 1
+    int16_t w[2] = {-7, -7};
+    EXPECT_TRUE(KmxAxesMsCalibCheckDistribution(flat, w) == 0 && w[0] == 1 && w[1] == 1024);
+    const struct {
+        int32_t n[3];
+        int8_t bits;
+    } normals[] = {{{-1, 1, 0}, 48}, {{1, -2, 0}, 40}, {{0, -3, 3}, 40}, {{1, 1, -2}, 24}, {{INT32_MIN, INT32_MAX, 0}, 48}};
+    for (const auto &c : normals) EXPECT_EQ(KmxAxesMsCalibPlanarAxisBits(c.n), c.bits) << c.n[0] << "," << c.n[1];
+}
+
+// Spheres of 100..160 counts with +-1 count of noise around centres within 1000 counts.
+TEST_F(FrontEnd, SphereBatchesCalibrateAllThreeAxes) {
+    Rng rng{2026};
+    double worst = 0;
+    for (int i = 0; i < 300; ++i) {
+        KmxAxesMsCalibInit();
+        const Vec centre{rng.uniform(-1000, 1000), rng.uniform(-1000, 1000), rng.uniform(-1000, 1000)};
+        KmxAxesMsCalibDetail detail{};
+        ASSERT_EQ(feed(sphere_batch(centre, rng.uniform(100, 160), 1, rng), &detail), 63) << i;
+        worst = std::max(worst, distance(offset(), centre));
+        EXPECT_TRUE(detail.ratioMin > 64 && detail.residual >= 0 && detail.residual <= 0x200000) << i;
+    }
+    EXPECT_TRUE(KmxAxesMsCalibGetStatus() == 7 && g_MsCalibPlanarValid == 0);
+    EXPECT_LE(worst, 3.0);
+    std::printf("sphere batches: worst offset error %.2f counts\n", worst);
+}
+
+TEST_F(FrontEnd, PlanarBatchFitsThePlaneAndKeepsTheNormalComponent) {
+    const Vec centre{250, -180, 90}, axis[3] = {{1, 0, 0}, {0, 1, 0}, {0, 0, 1}};
+    const int8_t bits[3] = {48, 40, 24};
+    Rng rng{12};
+    for (int n = 0; n < 3; ++n) {
+        KmxAxesMsCalibInit();
+        KmxAxesMsCalibSetStatus(5);
+        const KmxAxesData old{290, -210, 110};  // centre + (40, -30, 20)
+        KmxAxesMsCalibSetOffset(&old);
+        const Batch batch = circle_batch(centre, axis[(n + 1) % 3], axis[(n + 2) % 3], 130, 1, rng);
+        EXPECT_EQ(feed(batch), 5 | bits[n]) << n;
+        const KmxAxesData now = offset();
+        for (int k = 0; k < 3; ++k)
+            EXPECT_NEAR((&now.x)[k], k == n ? (&old.x)[k] : (&centre.x)[k], k == n ? 1 : 3) << n << " axis " << k;
+        EXPECT_TRUE(KmxAxesMsCalibGetStatus() == 5 && g_MsCalibPlanarValid == 1 && g_MsCalibPlanarHistory[7][0] == batch[14].x);
+        // Same plane again, old offset straight off it (alignment above 230): it stays, and
+        // the trial of two co-planar batches is not adopted.
+        const KmxAxesData off_plane{n == 0 ? 310 : 250, n == 1 ? -120 : -180, n == 2 ? 150 : 90};
+        KmxAxesMsCalibSetOffset(&off_plane);
+        EXPECT_EQ(feed(circle_batch(centre, axis[(n + 1) % 3], axis[(n + 2) % 3], 130, 1, rng)), 5 | bits[n]) << n;
+        EXPECT_TRUE(same(offset(), off_plane)) << n;
+    }
+}
+
+// Two small circles of one sphere in perpendicular planes: each alone is a planar fit,
+// together the trial estimator fits the whole sphere.
+TEST_F(FrontEnd, PerpendicularPlanarBatchesCombineIntoFullCalibration) {
+    const Vec centre{-320, 150, 480};
+    Rng rng{44};
+    const Batch xy = circle_batch(centre + Vec{0, 0, 40}, {1, 0, 0}, {0, 1, 0}, std::sqrt(140 * 140 - 1600), 1, rng);
+    const Batch xz = circle_batch(centre + Vec{0, -30, 0}, {1, 0, 0}, {0, 0, 1}, std::sqrt(140 * 140 - 900), 1, rng);
+    for (bool history : {false, true}) {
+        KmxAxesMsCalibInit();
+        EXPECT_TRUE(feed(xy) == 24 && g_MsCalibPlanarValid == 1);
+        g_MsCalibPlanarValid = history;
+        KmxAxesMsCalibDetail detail{};
+        const int8_t code = feed(xz, &detail);
+        EXPECT_EQ(code, history ? 63 : 40);
+        EXPECT_EQ(KmxAxesMsCalibGetStatus(), history ? 7 : 0);
+        EXPECT_EQ(g_MsCalibPlanarValid, !history);
+        EXPECT_TRUE(!history || (distance(offset(), centre) <= 3.0 && detail.ratioMin > 64));
+    }
+    std::printf("two perpendicular circles: offset error %.2f counts\n", distance(offset(), centre));
+}
+
+// One three-dimensional and one planar fit pinned bit for bit (values of a reviewed run),
+// so that a change of operation order or truncation anywhere in the chain shows.
+TEST_F(FrontEnd, FitsArePinnedBitForBit) {
+    Rng rng{77};
+    KmxAxesMsCalibDetail d{};
+    EXPECT_EQ(feed(sphere_batch({123, -45, 67}, 140, 2, rng), &d), 63);
+    KmxAxesData o = offset();
+    EXPECT_EQ(std::vector<int32_t>({o.x, o.y, o.z, d.ratioMin, d.ratioMid, d.residual}), std::vector<int32_t>({122, -45, 67, 924, 1003, 380824}));
+    EXPECT_EQ(feed(circle_batch({-60, 30, 90}, {0.6, 0, 0.8}, {0, 1, 0}, 120, 0, rng), &d), 7 | 48);
+    o = offset();
+    EXPECT_EQ(std::vector<int32_t>({o.x, o.y, o.z, d.ratioMin, d.ratioMid, d.residual}), std::vector<int32_t>({67, 30, -5, 0, 1020, 32354}));
+}
+
+// Lines, identical samples, any batch under a residual threshold of 0, and full-scale
+// int16 streams (wrapped components included): the status comes back, nothing changes.
+TEST_F(FrontEnd, RejectedBatchesReturnTheStatusAndChangeNothing) {
+    Rng rng{9};
+    Batch scale;
+    for (auto &s : scale) s = {rng.integer(-32768, 32767), INT32_MIN + rng.integer(0, 1), 65536 + rng.integer(-32768, 32767)};
+    const struct {
+        const char *name;
+        Batch batch;
+        int32_t threshold;
+    } cases[] = {{"line", circle_batch({100, 100, 100}, {0.6, 0.8, 0}, {}, 300, 1, rng), 0x200000},
+                 {"identical", Batch{}, 0x200000},
+                 {"residual threshold 0", sphere_batch({30, 40, 50}, 150, 1, rng), 0},
+                 {"full scale", scale, 0x200000}};
+    for (const auto &c : cases) {
+        const KmxAxesMsCalibThreshold t{64, 96, c.threshold};
+        KmxAxesMsCalibSetThreshold(&t);
+        KmxAxesMsCalibSetStatus(3);
+        const KmxAxesData old{7, -8, 9};
+        KmxAxesMsCalibSetOffset(&old);
+        KmxAxesMsCalibDetail detail{5, 5, 5};
+        EXPECT_EQ(feed(c.batch, &detail), 3) << c.name;
+        EXPECT_TRUE(same(offset(), old) && g_MsCalibPlanarValid == 0) << c.name;
+        EXPECT_TRUE(detail.ratioMin == 0 && detail.ratioMid == 0 && detail.residual == INT32_MAX) << c.name;
+    }
+}
+
+}  // namespace

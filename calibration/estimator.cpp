@@ -1,0 +1,129 @@
+// Offset estimator, data side: context set-up, offset access, the sample buffer and the
+// statistics (normal equations of the linearised sphere fit) of a full batch.
+#include "calibration/calibration.h"
+#include "calibration/calibration_internal.h"
+#include "calibration/estimator_math.h"
+
+using kmxc_calibration::i2f_wide;
+
+namespace {
+
+constexpr int8_t kCapacity = 16;
+
+int8_t next(int8_t counter) { return static_cast<int8_t>(static_cast<uint8_t>(counter) + 1u); }
+
+// Low 16 bits of a sample component, as two's complement.
+int16_t low16(int32_t v) { return static_cast<int16_t>(static_cast<uint16_t>(static_cast<uint32_t>(v) & 0xFFFFu)); }
+
+void copy(KmxAxesData *to, const KmxAxesData *from) {
+    to->x = from->x;
+    to->y = from->y;
+    to->z = from->z;
+}
+
+}  // namespace
+
+int8_t KmxAxesMsCalib02_Init(KmxAxesMsCalib02Context *context, const KmxAxesMsCalib02Config *config) {
+    context->skipCounter = config->initialSkipCounter;
+    context->count = 0;
+    context->writeIndex = 0;
+    context->capacity = kCapacity;
+    copy(&context->offset, &KmxAxesData_Constructor);
+    context->config = *config;
+    MSFLOAT_I2F(&context->minEigenValue, config->minEigen);
+    return 0;
+}
+
+int8_t KmxAxesMsCalib02_GetOffset(const KmxAxesMsCalib02Context *context, KmxAxesData *offset) {
+    copy(offset, &context->offset);
+    return 0;
+}
+
+int8_t KmxAxesMsCalib02_SetOffset(KmxAxesMsCalib02Context *context, const KmxAxesData *offset) {
+    context->count = 0;
+    context->writeIndex = 0;
+    copy(&context->offset, offset);
+    return 0;
+}
+
+int8_t KmxAxesMsCalib02_AddToBuffer1(KmxAxesMsCalib02Context *context, const KmxAxesData *sample) {
+    if (context->writeIndex == context->capacity) {
+        context->writeIndex = 0;
+        if (context->config.ringMode == 0) context->count = 0;
+    }
+    int16_t *slot = context->buffer[context->writeIndex];
+    slot[0] = low16(sample->x);
+    slot[1] = low16(sample->y);
+    slot[2] = low16(sample->z);
+    context->writeIndex = next(context->writeIndex);
+    if (context->count < context->capacity) context->count = next(context->count);
+    return 0;
+}
+
+// Deviations from the centre reach 65535 counts for int16 samples, so their squares and
+// cross products can exceed 32 bits (beyond 46340 counts). They are formed in 64 bits
+// and converted exactly (i2f_wide): within 32 bits the result is the plain formulation's
+// bit for bit, beyond it the statistics stay true, and such a batch meets the same
+// eigenvalue and residual tests as any other instead of a wrapped, meaningless one.
+int8_t KmxAxesMsCalib02_CalcStatistics(const int16_t (*samples)[3], int8_t n, KmxAxesData *centre,
+                                       MSFLOAT *matrix, MSFLOAT *vector, MSFLOAT *scalar) {
+    for (int k = 0; k < 6; ++k) matrix[k] = MSFLOAT_0;
+    for (int k = 0; k < 3; ++k) vector[k] = MSFLOAT_0;
+    *scalar = MSFLOAT_0;
+    copy(centre, &KmxAxesData_Constructor);
+    if (n <= 0) return 0;  // no samples: nothing to average
+
+    int32_t sum[3] = {0, 0, 0};  // at most 127 int16 values per axis
+    for (int i = 0; i < n; ++i)
+        for (int k = 0; k < 3; ++k) sum[k] += samples[i][k];
+    const int32_t c[3] = {sum[0] / n, sum[1] / n, sum[2] / n};
+    centre->x = c[0];
+    centre->y = c[1];
+    centre->z = c[2];
+
+    auto deviation = [&](int i, int k) { return static_cast<int64_t>(samples[i][k]) - c[k]; };
+
+    // Mean square radius.
+    MSFLOAT r2 = MSFLOAT_0;
+    MSFLOAT term;
+    for (int i = 0; i < n; ++i)
+        for (int k = 0; k < 3; ++k) {
+            i2f_wide(&term, deviation(i, k) * deviation(i, k));
+            MSFLOAT_OpPlusEq(&r2, &term);
+        }
+    MSFLOAT count;
+    MSFLOAT_I2F(&count, n);
+    MSFLOAT_OpDivEq(&r2, &count);
+
+    static constexpr int8_t kPairs[6][2] = {{0, 0}, {0, 1}, {0, 2}, {1, 1}, {1, 2}, {2, 2}};
+    MSFLOAT sumSquares = MSFLOAT_0;
+    for (int i = 0; i < n; ++i) {
+        const int64_t d[3] = {deviation(i, 0), deviation(i, 1), deviation(i, 2)};
+        for (int p = 0; p < 6; ++p) {
+            i2f_wide(&term, d[kPairs[p][0]] * d[kPairs[p][1]]);
+            MSFLOAT_OpPlusEq(&matrix[p], &term);
+        }
+        // q = |d|^2 - R2
+        MSFLOAT q;
+        i2f_wide(&q, d[0] * d[0]);
+        i2f_wide(&term, d[1] * d[1]);
+        MSFLOAT_OpPlusEq(&q, &term);
+        i2f_wide(&term, d[2] * d[2]);
+        MSFLOAT_OpPlusEq(&q, &term);
+        MSFLOAT_OpMinusEq(&q, &r2);
+
+        term = q;
+        MSFLOAT_OpMultiEq(&term, &q);
+        MSFLOAT_OpPlusEq(&sumSquares, &term);
+
+        for (int k = 0; k < 3; ++k) {
+            i2f_wide(&term, d[k]);
+            MSFLOAT_OpMultiEq(&term, &q);
+            MSFLOAT_OpShiftEq(&term, -1);
+            MSFLOAT_OpPlusEq(&vector[k], &term);
+        }
+    }
+    MSFLOAT_OpShiftEq(&sumSquares, -2);
+    *scalar = sumSquares;
+    return 0;
+}

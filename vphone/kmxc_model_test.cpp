@@ -1,0 +1,104 @@
+// The magnetometer model's bus protocol, checked directly (without the library).
+#include <gtest/gtest.h>
+
+#include <array>
+#include <cstdint>
+#include <vector>
+
+#include "vphone/kmxc_model.h"
+
+namespace {
+
+using vphone::KmxcModel;
+
+struct KmxcModelTest : ::testing::Test {
+    void SetUp() override { vphone::reset(); }
+    void send(std::initializer_list<uint8_t> bytes) {
+        const std::vector<uint8_t> v(bytes);
+        ASSERT_EQ(chip.write(v.data(), v.size()), static_cast<int>(v.size()));
+    }
+    std::vector<uint8_t> receive(size_t n) {
+        std::vector<uint8_t> v(n, 0xEE);
+        EXPECT_EQ(chip.read(v.data(), n), static_cast<int>(n));
+        return v;
+    }
+    KmxcModel chip;
+};
+
+TEST_F(KmxcModelTest, MeasurementIsBusyUntilItsConversionTimeHasPassed) {
+    chip.setTemperature(0x5A3);
+    send({0xC0, 0x02});
+    vphone::advance_us(12999);
+    EXPECT_EQ(receive(8)[0] & 0x80, 0x80);
+    vphone::advance_us(1);
+    // Zero field, rough setting 16: every channel 512 (0x200), listed last to first.
+    EXPECT_EQ(receive(8), (std::vector<uint8_t>{0x02, 0x00, 0x02, 0x00, 0x02, 0x00, 0x05, 0xA3}));
+}
+
+TEST_F(KmxcModelTest, StartUpCommandsLeadToTheCalibrationBytes) {
+    const std::array<uint8_t, 9> calib = {1, 2, 3, 4, 5, 6, 7, 8, 9};
+    chip.setCalibration(calib);
+    send({0xC0, 0x02});  // a measurement left behind does not matter
+    send({0x01});
+    send({0xC8});
+    EXPECT_EQ(receive(9), std::vector<uint8_t>(calib.begin(), calib.end()));
+    EXPECT_EQ(receive(9), std::vector<uint8_t>(calib.begin(), calib.end()));  // reads repeat
+}
+
+TEST_F(KmxcModelTest, RoughReadingIsFivePlusTheSettingThatCentresEachChannel) {
+    struct Case {
+        const char *name;
+        KmxcModel::Vec3 hard_iron;  // uT; with 100 x identity one count = 1 raw count
+        std::array<uint8_t, 3> reading;
+    } cases[] = {
+        {"no field", {0, 0, 0}, {21, 21, 21}},
+        // x is -channel 0: +226 counts (90.4 uT) lowers channel 0 by one step.
+        {"one step on x", {90.4, 0, 0}, {20, 21, 21}},
+        // y = t2 - t1, z = t1 + t2 (in 16ths): z = +452 counts raises channels 1 and 2 by one step.
+        {"z raises channels 1 and 2", {0, 0, 180.8}, {21, 22, 22}},
+        {"clamped at 0", {3000, 0, 0}, {0, 21, 21}},
+    };
+    for (const auto &c : cases) {
+        chip.setHardIron(c.hard_iron);
+        send({0xC0, 0x01});
+        EXPECT_EQ(receive(6)[0] & 0x80, 0x80) << c.name;
+        vphone::advance_us(2000);
+        const auto b = receive(6);
+        EXPECT_EQ(b[0], 0) << c.name;
+        EXPECT_EQ(b[5], c.reading[0]) << c.name;
+        EXPECT_EQ(b[3], c.reading[1]) << c.name;
+        EXPECT_EQ(b[1], c.reading[2]) << c.name;
+    }
+}
+
+TEST_F(KmxcModelTest, RoughCommandsMoveTheirChannelAndAreReported) {
+    EXPECT_FALSE(chip.roughOffsetGiven());
+    send({0x3F, 0x40});
+    EXPECT_FALSE(chip.roughOffsetGiven());
+    send({0x71});
+    EXPECT_TRUE(chip.roughOffsetGiven());
+    EXPECT_EQ(chip.roughOffset(), (std::array<uint8_t, 3>{31, 0, 17}));
+    // Each step above 16 lowers the channel by 226 from 512; saturating at 0 and 2047.
+    EXPECT_EQ(chip.rawChannels(), (std::array<int, 3>{0, 2047, 512 - 226}));
+    send({0xF5});
+    EXPECT_EQ(chip.gpo(), 1);
+}
+
+TEST_F(KmxcModelTest, NoiseIsRepeatableForASeed) {
+    auto sample = [this](uint32_t seed) {
+        chip.setNoise(seed, 3.0);
+        std::vector<uint8_t> all;
+        for (int i = 0; i < 5; ++i) {
+            send({0xC0, 0x02});
+            vphone::advance_us(13000);
+            const auto b = receive(8);
+            all.insert(all.end(), b.begin(), b.end());
+        }
+        return all;
+    };
+    const auto a = sample(7), b = sample(7), c = sample(8);
+    EXPECT_EQ(a, b);
+    EXPECT_NE(a, c);
+}
+
+}  // namespace
