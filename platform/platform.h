@@ -51,8 +51,8 @@ extern "C" {
  *   msmachdep_I2CRead/Write       moves exactly length bytes (length first, then the
  *                                 buffer; at most 255 per call; length 0 makes no
  *                                 system call): 0; -1 after perror("read"/"write").
- *                                 A transfer that moves 0 bytes 8 times in a row
- *                                 fails with errno EIO.
+ *                                 A system call that moves 0 bytes 3 times in a
+ *                                 row fails the transfer (perror with EIO).
  *   msmachdep_Sleep               usleep(milliseconds * 1000); 0
  *
  * Control requests (plain numbers, argument by value):
@@ -83,7 +83,8 @@ KMXC_API int MsLogSave(int value, long detail);
  * All return 0 on success and -1 on failure (after the perror of the failing call);
  * a null pointer returns -1 at once without touching the file. A failed load leaves
  * its output untouched. Saves keep the other six fields as read (converted to
- * integers: a rough field of 300 stays 300).
+ * integers: a rough field of 300 stays 300). A written file whose fclose fails is
+ * treated as a failed write ("fprintf"), so an incomplete backup is never renamed.
  *
  *   msmachdep_LoadRoughOffset   out = fields 1..3, low 8 bits each
  *   msmachdep_SaveRoughOffset   fields 1..3 = in, through the backup

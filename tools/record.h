@@ -19,6 +19,7 @@ struct RecordHeader {
     std::array<int, 3> rough{};           // rough offset written to the magnetometer
     bool has_stored = false;              // calibration file line at the start of the run
     std::array<long long, 9> stored{};
+    bool operator==(const RecordHeader &) const = default;
 };
 
 struct RecordRow {
@@ -26,6 +27,7 @@ struct RecordRow {
     std::array<int, 3> ms{};              // magnetometer channels 0, 1, 2 (11-bit raw)
     int temperature = 0;                  // magnetometer chip temperature (11-bit raw)
     std::array<int, 3> gs{};              // accelerometer counts x, y, z (chip axes)
+    bool operator==(const RecordRow &) const = default;
 };
 
 struct Record {
@@ -34,6 +36,7 @@ struct Record {
     // Readings of every rough-offset measurement, in order: what the chip reported
     // for channels 0, 1, 2 (the driver makes reading - 5 of each the rough offset).
     std::vector<std::array<int, 3>> rough_readings;
+    bool operator==(const Record &) const = default;
 };
 
 void write_record_header(std::ostream &out, const RecordHeader &h);

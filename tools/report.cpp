@@ -11,6 +11,7 @@ namespace compass {
 namespace {
 
 constexpr double kUtPerCount = 0.4;
+constexpr double kSteadyDeg = 8.0; // a phone held steady (walking included) stays within this
 
 std::string fmt(const char *f, double v)
 {
@@ -81,10 +82,28 @@ void Report::add(const SampleOutput &s)
         m.final_offset_error_uT = offset_error_uT(s);
         // Heading errors count once the offset is trustworthy: after the first 3-D
         // calibration, or from the start when a stored offset was loaded.
-        if (m.started_calibrated || m.first_3d_sample >= 0) {
-            m.heading_int.add(heading_difference(s.heading_int, s.truth.heading_int));
-            m.heading_double.add(heading_difference(s.euler[0], s.truth.azimuth_double));
+        const TrueAngles &t = s.truth;
+        if (samples_.size() == 1 || std::fabs(heading_difference(t.heading_int, still_ref_.heading_int)) > kSteadyDeg ||
+            std::fabs(t.pitch - still_ref_.pitch) > kSteadyDeg || std::fabs(t.roll - still_ref_.roll) > kSteadyDeg) {
+            still_since_us_ = s.time_us;
+            still_ref_ = t;
         }
+        if (m.started_calibrated || m.first_3d_sample >= 0) {
+            const double ei = heading_difference(s.heading_int, t.heading_int);
+            const double ed = heading_difference(s.euler[0], t.azimuth_double);
+            m.heading_int.add(ei);
+            m.heading_double.add(ed);
+            if (s.time_us - still_since_us_ >= 2000000) {
+                m.rest_int.add(ei);
+                m.rest_double.add(ed);
+            }
+        }
+    }
+    if (!quiet_ && is_new_offset(s.calib_rc)) {
+        char b[160];
+        std::snprintf(b, sizeof b, "  t %5.1f s  %s calibration (rc %d): offset %d,%d,%d", s.time_us / 1e6,
+                      is_three_d(s.calib_rc) ? "3-D" : "planar", s.calib_rc, s.offset[0], s.offset[1], s.offset[2]);
+        out_ << b << '\n';
     }
     if (!quiet_ && s.time_us >= next_line_us_) {
         out_ << format_second_line(s) << '\n';
@@ -120,6 +139,13 @@ void Report::print_summary(const std::string &persisted) const
           << fmt("%.0f", m.heading_int.max_abs) << " deg\n";
         o << "    double path             RMS " << fmt("%.2f", m.heading_double.rms()) << " deg, max "
           << fmt("%.0f", m.heading_double.max_abs) << " deg\n";
+        if (m.rest_int.count > 0) {
+            o << "  ... of these held steady (" << m.rest_int.count << " samples)\n";
+            o << "    integer path            RMS " << fmt("%.2f", m.rest_int.rms()) << " deg, max "
+              << fmt("%.0f", m.rest_int.max_abs) << " deg\n";
+            o << "    double path             RMS " << fmt("%.2f", m.rest_double.rms()) << " deg, max "
+              << fmt("%.0f", m.rest_double.max_abs) << " deg\n";
+        }
     }
     o << "  persisted                 " << persisted << '\n';
 }
@@ -131,12 +157,18 @@ bool Report::write_outputs(const std::string &path, std::string *error) const
         *error = "cannot write outputs file '" + path + "'";
         return false;
     }
+    // The library's outputs first; the truth after them (empty on replays).
     f << "time_us,ms_rc,gs_rc,calib_rc,calib_status,attitude_rc,heading_int,rotation_rc,azimuth,pitch,roll,"
-         "offset_x,offset_y,offset_z\n";
+         "offset_x,offset_y,offset_z,true_heading_int,true_azimuth,true_pitch,true_roll,offset_error_uT,phase\n";
     for (const SampleOutput &s : samples_)
         f << s.time_us << ',' << s.ms_rc << ',' << s.gs_rc << ',' << s.calib_rc << ',' << s.calib_status << ','
           << s.attitude_rc << ',' << s.heading_int << ',' << s.rotation_rc << ',' << s.euler[0] << ',' << s.euler[1]
-          << ',' << s.euler[2] << ',' << s.offset[0] << ',' << s.offset[1] << ',' << s.offset[2] << '\n';
+          << ',' << s.euler[2] << ',' << s.offset[0] << ',' << s.offset[1] << ',' << s.offset[2] << ','
+          << (s.has_truth ? fmt("%.3f", s.truth.heading_int) + ',' + fmt("%.3f", s.truth.azimuth_double) + ',' +
+                                fmt("%.3f", s.truth.pitch) + ',' + fmt("%.3f", s.truth.roll) + ',' +
+                                fmt("%.3f", offset_error_uT(s)) + ',' + s.phase
+                          : std::string(",,,,,"))
+          << '\n';
     f.flush();
     if (!f) {
         *error = "writing outputs file '" + path + "' failed";

@@ -51,6 +51,9 @@ struct Summary {
     std::vector<int> codes_seen;          // distinct calibration codes that published an offset
     double final_offset_error_uT = -1;    // -1 unknown (replay)
     ErrorStats heading_int, heading_double;
+    // The same, counting only samples of a phone held steady: the true attitude has
+    // stayed within 8 degrees for the last 2 s (the heading smoother has settled).
+    ErrorStats rest_int, rest_double;
 };
 
 class Report {
@@ -72,6 +75,8 @@ private:
     Summary summary_;
     std::vector<SampleOutput> samples_;
     int64_t next_line_us_ = 0;
+    int64_t still_since_us_ = 0; // start of the current stretch at rest
+    TrueAngles still_ref_{};      // attitude at its start
 };
 
 std::string format_second_line(const SampleOutput &s);

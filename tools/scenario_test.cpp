@@ -74,18 +74,6 @@ TEST(ScenarioPhysics, RandomPosesKeepLengthsAndTheDipAngle)
     }
 }
 
-TEST(ScenarioPhysics, DeclinationTurnsTheMagneticHeading)
-{
-    ScenarioSettings s;
-    s.name = "still";
-    s.declination_deg = 40; // the still script lies at geographic heading 40
-    s.hard_iron_uT = {0, 0, 0};
-    const Truth t = Scenario(s).ideal(1.0);
-    EXPECT_NEAR(t.field_uT[0], 0, 1e-9) << "magnetic north must lie along the phone's y axis";
-    EXPECT_GT(t.field_uT[1], 0);
-    EXPECT_NEAR(heading_difference(true_angles(t.attitude).heading_int, 0), 0, 1e-9);
-}
-
 TEST(ScenarioScripts, HandlingIsContinuousAndEveryScriptHasItsPhases)
 {
     struct Case {
@@ -118,61 +106,6 @@ TEST(ScenarioScripts, HandlingIsContinuousAndEveryScriptHasItsPhases)
         }
         for (const auto &p : c.phases) EXPECT_TRUE(seen.count(p)) << "missing phase " << p;
     }
-}
-
-TEST(ScenarioScripts, NoiseIsSeededAndOnlyNoiseDiffers)
-{
-    ScenarioSettings s;
-    Scenario a(s), b(s);
-    s.seed = 2;
-    Scenario c(s);
-    bool differs = false;
-    for (double t = 0; t < 5; t += 0.1) {
-        const Truth x = a.sample(t), y = b.sample(t), z = c.sample(t), ideal = a.ideal(t);
-        for (int k = 0; k < 3; ++k) {
-            ASSERT_EQ(x.field_uT[k], y.field_uT[k]) << "same seed must give the same run";
-            ASSERT_NEAR(x.field_uT[k], ideal.field_uT[k], 6 * s.noise_uT);
-            ASSERT_NEAR(x.gravity_g[k], ideal.gravity_g[k], 6 * s.accel_noise_g);
-            differs = differs || x.field_uT[k] != z.field_uT[k];
-        }
-    }
-    EXPECT_TRUE(differs) << "another seed must give other noise";
-}
-
-TEST(ScenarioScripts, TheMagnetAddsToTheHardIronFromItsPhaseOn)
-{
-    ScenarioSettings s;
-    s.name = "magnet";
-    const Scenario sc(s);
-    bool before = false, after = false;
-    for (double t = 0; t < sc.duration_s(); t += 0.5) {
-        const Truth tr = sc.ideal(t);
-        const bool on = tr.hard_iron_uT[0] == s.hard_iron_uT[0] + s.magnet_uT[0];
-        if (!on) {
-            EXPECT_FALSE(after) << "magnet came off at " << t;
-            EXPECT_EQ(tr.hard_iron_uT, s.hard_iron_uT) << t;
-        } else if (!after) {
-            EXPECT_STREQ(tr.phase, "magnet clipped on") << "magnet on before its phase";
-        }
-        before = before || !on;
-        after = after || on;
-    }
-    EXPECT_TRUE(before && after);
-}
-
-TEST(ScenarioScripts, HardIronAndTemperatureDriftAreApplied)
-{
-    ScenarioSettings s;
-    s.name = "still";
-    s.hard_iron_uT = {10, -20, 30};
-    s.temperature_C = 20;
-    s.temp_drift_C_per_min = 3;
-    const Truth t = Scenario(s).ideal(10);
-    s.hard_iron_uT = {0, 0, 0};
-    const Truth u = Scenario(s).ideal(10);
-    EXPECT_EQ(t.field_uT, u.field_uT);
-    EXPECT_EQ(t.hard_iron_uT, (Vec3{10, -20, 30}));
-    EXPECT_NEAR(t.temperature_C, 20.5, 1e-9);
 }
 
 } // namespace
