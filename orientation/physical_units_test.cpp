@@ -6,24 +6,20 @@
 
 namespace {
 
-struct UnitCase {
-    const char *name;
-    int8_t (*convert)(const KmxAxesData *, double *);
-    KmxAxesData offset, sample;
-    double out[3];
-};
-
-TEST(PhysicalUnits, ScalesTheLimitedDifference) {
-    const UnitCase cases[] = {
+TEST(PhysicalUnits, ScaleTheLimitedDifferenceAndRefuseNull) {
+    const struct { const char *name; int8_t (*convert)(const KmxAxesData *, double *);
+                   KmxAxesData offset, sample; double out[3]; } cases[] = {
+        // clang-format off
         {"resting gravity", KmxAxesLibGetGravityEarth, {0, 0, 0}, {0, 0, -4096}, {0, 0, -9.80665}},
         {"half g on x", KmxAxesLibGetGravityEarth, {0, 0, 0}, {2048, 0, 0}, {4.903325, 0, 0}},
-        {"one count", KmxAxesLibGetGravityEarth, {0, 0, 0}, {1, 0, 0}, {0.00239420166015625, 0, 0}},
+        {"one count: two rounded products", KmxAxesLibGetGravityEarth, {0, 0, 0}, {1, 0, 0}, {0.00239420166015625, 0, 0}},
         {"gravity limited first", KmxAxesLibGetGravityEarth, {0, 0, 0}, {20000, 0, 0}, {39.2266, 0, 0}},
         {"gravity offset removed", KmxAxesLibGetGravityEarth, {0, 0, 4096}, {0, 0, 4096}, {0, 0, 0}},
-        {"field", KmxAxesLibGetMagneticT, {0, 0, 0}, {100, -50, 20000}, {40.0, -20.0, 6553.6}},
+        {"field, limited", KmxAxesLibGetMagneticT, {0, 0, 0}, {100, -50, 20000}, {40.0, -20.0, 6553.6}},
         {"field offset removed", KmxAxesLibGetMagneticT, {100, 0, 0}, {100, 0, 0}, {0, 0, 0}},
         {"32-bit extremes", KmxAxesLibGetMagneticT, {INT32_MIN, INT32_MAX, 0}, {INT32_MAX, INT32_MIN, 0},
          {6553.6, -6553.6, 0}},
+        // clang-format on
     };
     for (const auto &c : cases) {
         const bool gravity = c.convert == KmxAxesLibGetGravityEarth;
@@ -32,18 +28,11 @@ TEST(PhysicalUnits, ScalesTheLimitedDifference) {
         double out[3] = {7, 7, 7};
         EXPECT_EQ(c.convert(&c.sample, out), 0) << c.name;
         for (int i = 0; i < 3; ++i) EXPECT_EQ(out[i], c.out[i]) << c.name << " axis " << i;
+        EXPECT_EQ(c.convert(nullptr, out), -1) << c.name;
+        EXPECT_EQ(c.convert(&c.sample, nullptr), -1) << c.name;
+        EXPECT_EQ(out[0], c.out[0]) << c.name << ": written on refusal";
     }
-    KmxAxesLibSetMsOffset(&KmxAxesData_Constructor);
-}
-
-TEST(PhysicalUnits, NullPointersAreRefusedWithoutWriting) {
-    const KmxAxesData sample{1, 2, 3};
-    double out[3] = {7, 7, 7};
-    for (auto convert : {KmxAxesLibGetGravityEarth, KmxAxesLibGetMagneticT}) {
-        EXPECT_EQ(convert(nullptr, out), -1);
-        EXPECT_EQ(convert(&sample, nullptr), -1);
-    }
-    EXPECT_EQ(out[0], 7);
+    KmxAxesLibInit();
 }
 
 }  // namespace

@@ -27,13 +27,17 @@ TEST(Smb380Readout, EveryPatternSignExtendsOnEveryAxis) {
     }
 }
 
-TEST(Smb380Readout, XyzIsOneSixByteRead) {
-    attach({{0x02, 0x02}, {0x03, 0x80}, {0x04, 0xC0}, {0x05, 0x7F}, {0x06, 0x40}, {0x07, 0xFF}});
-    g_bus.results = {5};
+TEST(Smb380Readout, XyzTemperatureAndStatusAreSingleReads) {
     smb380_accel a{};
-    EXPECT_EQ(smb380_read_accel_xyz(&a), 5);
-    EXPECT_TRUE(a.x == -512 && a.y == 511 && a.z == -3) << a.x << "," << a.y << "," << a.z;
-    EXPECT_EQ(g_bus.calls, (std::vector<Call>{R(0x82, {0x02, 0x80, 0xC0, 0x7F, 0x40, 0xFF})}));
+    uint8_t t = 0, s = 0;
+    const Sequence cases[] = {
+        {"xyz: one six-byte read", {{0x02, 0x02}, {0x03, 0x80}, {0x04, 0xC0}, {0x05, 0x7F}, {0x06, 0x40}, {0x07, 0xFF}},
+         [&] { return smb380_read_accel_xyz(&a); }, {R(0x82, {0x02, 0x80, 0xC0, 0x7F, 0x40, 0xFF})}, 1},
+        {"temperature: raw byte", {{0x08, 0xFF}}, [&] { return smb380_read_temperature(&t); }, {R(0x88, {0xFF})}, 1},
+        {"status: raw byte", {{0x09, 0x81}}, [&] { return smb380_get_interrupt_status(&s); }, {R(0x89, {0x81})}, 1},
+    };
+    for (const auto &c : cases) check(c);
+    EXPECT_TRUE(a.x == -512 && a.y == 511 && a.z == -3 && t == 0xFF && s == 0x81) << a.x << "," << a.y << "," << a.z;
 }
 
 // Leaves recognisable junk on the stack where the next call's locals will live.
@@ -55,14 +59,6 @@ TEST(Smb380Readout, UnfilledReadsGiveZeroValues) {
     dirty_stack();
     smb380_get_range(&range);
     EXPECT_EQ(a.x | a.y | a.z | y | range, 0);
-}
-
-TEST(Smb380Readout, TemperatureAndStatusAreRawBytes) {
-    attach({{0x08, 0xFF}, {0x09, 0x81}});
-    uint8_t t = 0, s = 0;
-    EXPECT_EQ(smb380_read_temperature(&t) + smb380_get_interrupt_status(&s), 0);
-    EXPECT_TRUE(t == 0xFF && s == 0x81);
-    EXPECT_EQ(g_bus.calls, (std::vector<Call>{R(0x88, {0xFF}), R(0x89, {0x81})}));
 }
 
 }  // namespace

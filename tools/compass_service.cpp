@@ -14,6 +14,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <sstream>
@@ -217,6 +218,8 @@ int run(const Options &opt)
     if (replaying) {
         std::ifstream in(opt.replay_path);
         if (!in) return fail("cannot read replay file '" + opt.replay_path + "': " + std::strerror(errno), 2);
+        if (std::filesystem::is_directory(opt.replay_path))
+            return fail("cannot read replay file '" + opt.replay_path + "': it is a directory", 2);
         ParsedRecord p = parse_record(in);
         if (!p.ok) return fail("replay file '" + opt.replay_path + "' " + p.error, 2);
         replay = std::move(p.record);

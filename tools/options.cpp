@@ -55,7 +55,8 @@ std::string usage_text()
       << " (1)\n"
          "  --seed N               noise seed (1)\n"
          "  --rate HZ              measurement cycles per second, 1..50 (10)\n"
-         "  --sandbox DIR          the virtual phone's files; offsets persist here (out/sandbox)\n"
+         "  --sandbox DIR          the virtual phone's files; offsets persist here (out/sandbox;\n"
+         "                         replays: out/replay-sandbox, emptied first)\n"
          "  --fresh                empty the sandbox first\n"
          "  --record FILE          record the raw chip data to FILE (CSV)\n"
          "  --replay FILE          replay raw chip data from FILE instead of a scenario\n"
@@ -161,6 +162,7 @@ ParsedOptions parse_options(const std::vector<std::string> &args)
             err = "unknown option '" + args[i] + "' (try --help)";
         }
     }
+    if (o.sandbox.empty()) o.sandbox = o.replay_path.empty() ? "out/sandbox" : "out/replay-sandbox";
     if (err.empty() && !o.record_path.empty() && !o.replay_path.empty())
         err = "--record and --replay cannot be combined: a replay's raw data is its input file";
     r.ok = err.empty();

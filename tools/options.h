@@ -11,7 +11,7 @@ namespace compass {
 
 struct Options {
     ScenarioSettings scenario;
-    std::string sandbox = "out/sandbox"; // the virtual phone's file system
+    std::string sandbox;                 // the virtual phone's file system (default by mode)
     bool fresh = false;                  // empty the sandbox first
     std::string record_path;             // write the raw chip data here
     std::string replay_path;             // read raw chip data from here instead of a scenario

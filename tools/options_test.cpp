@@ -56,7 +56,9 @@ TEST(Options, ValuesReachTheSettingsInBothSpellings)
     EXPECT_EQ(o.scenario.seed, 99u);
     EXPECT_TRUE(o.fresh);
     EXPECT_EQ(o.replay_path, "r.csv");
+    EXPECT_EQ(o.sandbox, "out/replay-sandbox") << "a replay must not empty the scenario runs' sandbox";
     EXPECT_EQ(parse_options({}).options.scenario.name, "default") << "no arguments: the default scenario";
+    EXPECT_EQ(parse_options({}).options.sandbox, "out/sandbox");
 }
 
 } // namespace

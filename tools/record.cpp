@@ -151,7 +151,10 @@ ParsedRecord parse_record(std::istream &in)
         r.temperature = static_cast<int>(v[4]);
         p.record.rows.push_back(r);
     }
-    if (!magic) return fail("empty file");
+    if (!magic) {
+        p.error = "empty file";
+        return p;
+    }
     if (!columns) return fail("no column line '" + std::string(kColumns) + "'");
     if (p.record.rows.empty()) return fail("no samples");
     p.ok = true;
