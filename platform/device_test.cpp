@@ -1,5 +1,6 @@
 // The compass device functions of the shipped library, on the virtual phone.
-#include <algorithm>
+#include <fcntl.h>
+
 #include <cerrno>
 #include <cstring>
 #include <string>
@@ -18,125 +19,82 @@ std::string message(const char *name, int error) { return std::string(name) + ":
 
 class DeviceTest : public vphone::PhoneTest {
 protected:
-    void SetUp() override {
-        PhoneTest::SetUp();
-        msmachdep_I2CClose();  // a failed test must not leave the device open for the next
-        vphone::attach(0x2E, &chip);
-    }
     void TearDown() override {
-        msmachdep_I2CClose();
+        msmachdep_I2CClose();  // a failed test must not leave the device open for the next
         PhoneTest::TearDown();
     }
-    vphone::ScriptedDevice chip;
 };
 
-TEST_F(DeviceTest, OpenSelectWriteReadCloseReachTheChipInOrder) {
-    ASSERT_EQ(msmachdep_I2COpen(), 0);
-    ASSERT_EQ(msmachdep_I2CSetSlaveAddress(0x2E), 0);
-    const uint8_t command[2] = {0x0A, 0x80};
-    ASSERT_EQ(msmachdep_I2CWrite(2, command), 0);
-    chip.queue_read({1, 2, 3, 4, 5, 6, 7, 8});
-    uint8_t data[8] = {};
-    ASSERT_EQ(msmachdep_I2CRead(8, data), 0);
-    EXPECT_EQ(Bytes(data, data + 8), (Bytes{1, 2, 3, 4, 5, 6, 7, 8}));
-    EXPECT_EQ(msmachdep_I2CClose(), 0);
-    const auto &t = vphone::transcript();
-    const std::vector<Kind> kinds = {Kind::Open, Kind::SelectSlave, Kind::Write, Kind::Read, Kind::Close};
-    ASSERT_EQ(t.size(), kinds.size());
-    for (size_t i = 0; i < kinds.size(); ++i) EXPECT_EQ(t[i].kind, kinds[i]) << i;
-    EXPECT_EQ(t[0].argument & 3, 2);  // O_RDWR
-    EXPECT_EQ(t[1].argument, 0x2E);
-    EXPECT_EQ(t[2].bytes, (Bytes{0x0A, 0x80}));
-}
-
-TEST_F(DeviceTest, ClosedDeviceAnswersWithoutSystemCallsOrMessages) {
-    vphone::StderrCapture err;
-    EXPECT_EQ(msmachdep_I2CClose(), -1);
-    EXPECT_EQ(msmachdep_I2CSetSlaveAddress(0x2E), -1);
-    EXPECT_EQ(msmachdep_SetMagnetGuard(), -1);
-    EXPECT_EQ(msmachdep_GetMagnetGuard(), -1);
-    EXPECT_EQ(msmachdep_GetSensorControlInfo(), 0);
-    EXPECT_EQ(msmachdep_SetChargerState(1), -1);
-    EXPECT_EQ(err.text(), "");
-    EXPECT_TRUE(vphone::transcript().empty());
-    // Transfers do not test the descriptor: the system call fails.
-    vphone::StderrCapture err2;
-    uint8_t data[2];
-    EXPECT_EQ(msmachdep_I2CRead(2, data), -1);
-    EXPECT_EQ(err2.text(), message("read", EBADF));
-}
-
-TEST_F(DeviceTest, FailedOpenAndRefusedAddressArePrinted) {
+TEST_F(DeviceTest, OpenCloseLengthZeroAndTransfersOnAClosedDevice) {
     vphone::fail_call(Call::Open, 1, ENOENT);
     vphone::StderrCapture err;
     EXPECT_EQ(msmachdep_I2COpen(), -1);
-    EXPECT_EQ(msmachdep_I2CClose(), -1);  // still closed
+    EXPECT_EQ(msmachdep_I2CClose(), -1);  // a failed open leaves the device closed
     ASSERT_EQ(msmachdep_I2COpen(), 0);
-    EXPECT_EQ(msmachdep_I2CSetSlaveAddress(0x80), -1);  // the driver takes 7-bit addresses only
-    EXPECT_EQ(err.text(), message("open", ENOENT) + message("ioctl", EINVAL));
+    EXPECT_EQ(vphone::transcript().back().argument & O_ACCMODE, O_RDWR);
+    EXPECT_EQ(msmachdep_I2CWrite(0, nullptr), 0);
+    EXPECT_EQ(msmachdep_I2CRead(0, nullptr), 0);
+    EXPECT_EQ(vphone::calls(Call::Write) + vphone::calls(Call::Read), 0);  // length 0 makes no system call
+    EXPECT_EQ(msmachdep_I2CClose(), 0);
+    EXPECT_EQ(vphone::open_compass_descriptors(), 0);
+    EXPECT_EQ(msmachdep_I2CClose(), -1);
+    uint8_t data[2];
+    EXPECT_EQ(msmachdep_I2CRead(2, data), -1);  // transfers do not test the descriptor: the call fails
+    EXPECT_EQ(err.text(), message("open", ENOENT) + message("read", EBADF));
 }
 
-// Takes any write; reads deliver the given bytes one after the other.
-struct Stream : vphone::BusDevice {
-    explicit Stream(const Bytes &bytes) : data(bytes) {}
-    int write(const uint8_t *, size_t length) override { return static_cast<int>(length); }
-    int read(uint8_t *to, size_t length) override {
-        const size_t n = std::min(length, data.size() - at);
-        std::copy_n(data.begin() + static_cast<long>(at), n, to);
-        at += n;
-        return static_cast<int>(n);
-    }
-    Bytes data;
-    size_t at = 0;
-};
-
+int select_2e() { return msmachdep_I2CSetSlaveAddress(0x2E); }
 int set_charger_7() { return msmachdep_SetChargerState(7); }
 
-TEST_F(DeviceTest, ControlRequestsPassResultsAndFailuresAsTabled) {
+TEST_F(DeviceTest, RequestsUsePlainNumbersAndTellClosedFromFailed) {
     const struct {
-        const char *name;
+        const char *word;  // perror's word for a failed request
         int (*call)();
         unsigned long request;
-        int answer, error, expected;
+        long argument;
+        int answer, error;   // the driver's result; errno of a failure (0: none)
+        int result, closed;  // expected with the device open, and closed
     } cases[] = {
-        {"msmachdep_SetMagnetGuard", msmachdep_SetMagnetGuard, 0x0710, 0, 0, 0},
-        {"msmachdep_SetMagnetGuard", msmachdep_SetMagnetGuard, 0x0710, 0, EIO, -2},
-        {"msmachdep_GetMagnetGuard", msmachdep_GetMagnetGuard, 0x0709, 0, 0, 0},
-        {"msmachdep_GetMagnetGuard", msmachdep_GetMagnetGuard, 0x0709, 12345, 0, 12345},
-        {"msmachdep_GetMagnetGuard", msmachdep_GetMagnetGuard, 0x0709, 1, EIO, -2},
-        {"msmachdep_GetSensorControlInfo", msmachdep_GetSensorControlInfo, 0x0707, 77, 0, 77},
-        {"msmachdep_GetSensorControlInfo", msmachdep_GetSensorControlInfo, 0x0707, 77, EINVAL, 0},
-        {"msmachdep_SetChargerState", set_charger_7, 0x0708, 5, 0, 0},
-        {"msmachdep_SetChargerState", set_charger_7, 0x0708, 0, EPERM, -1},
+        {"ioctl", select_2e, 0x0706, 0x2E, 0, 0, 0, -1},
+        {"ioctl", select_2e, 0x0706, 0x2E, 0, EIO, -1, -1},
+        {"msmachdep_SetMagnetGuard", msmachdep_SetMagnetGuard, 0x0710, 0, 3, 0, 0, -1},
+        {"msmachdep_SetMagnetGuard", msmachdep_SetMagnetGuard, 0x0710, 0, 0, EIO, -2, -1},
+        {"msmachdep_GetMagnetGuard", msmachdep_GetMagnetGuard, 0x0709, 0, 12345, 0, 12345, -1},
+        {"msmachdep_GetMagnetGuard", msmachdep_GetMagnetGuard, 0x0709, 0, 1, EIO, -2, -1},
+        {"msmachdep_GetSensorControlInfo", msmachdep_GetSensorControlInfo, 0x0707, 0, 77, 0, 77, 0},
+        {"msmachdep_GetSensorControlInfo", msmachdep_GetSensorControlInfo, 0x0707, 0, 77, EINVAL, 0, 0},
+        {"msmachdep_SetChargerState", set_charger_7, 0x0708, 7, 5, 0, 0, -1},
+        {"msmachdep_SetChargerState", set_charger_7, 0x0708, 7, 0, EPERM, -1, -1},
     };
     for (const auto &c : cases) {
-        SCOPED_TRACE(std::string(c.name) + (c.error != 0 ? " failing" : ""));
+        SCOPED_TRACE(std::string(c.word) + " request " + std::to_string(c.request) + (c.error != 0 ? " failing" : ""));
         vphone::reset();
+        vphone::StderrCapture err;
+        EXPECT_EQ(c.call(), c.closed);
+        EXPECT_TRUE(vphone::transcript().empty());  // closed: no system call
         ASSERT_EQ(msmachdep_I2COpen(), 0);
         vphone::set_control_answer(c.request, c.answer);
-        vphone::set_control_error(c.request, c.error);
-        vphone::StderrCapture err;
-        EXPECT_EQ(c.call(), c.expected);
-        EXPECT_EQ(err.text(), c.error != 0 ? message(c.name, c.error) : "");
-        const auto controls = vphone::transcript_of(Kind::Control);
-        ASSERT_EQ(controls.size(), 1u);
-        EXPECT_EQ(controls[0].request, c.request);
-        EXPECT_EQ(controls[0].argument, c.request == 0x0708 ? 7 : 0);
+        if (c.error != 0) vphone::fail_call(Call::Ioctl, 1, c.error);
+        EXPECT_EQ(c.call(), c.result);
+        EXPECT_EQ(err.text(), c.error != 0 ? message(c.word, c.error) : "");
+        const auto &t = vphone::transcript();
+        ASSERT_EQ(t.size(), 2u);  // the open, then exactly one request
+        EXPECT_EQ(t[1].request, c.request);
+        EXPECT_EQ(t[1].argument, c.argument);
         msmachdep_I2CClose();
     }
 }
 
-TEST_F(DeviceTest, TransferLoopsFinishShortTransfersAndGiveUpOnRepeatedZeroBytes) {
+TEST_F(DeviceTest, TransfersFinishShortPiecesAndGiveUpOnThreeZeroResults) {
     const struct {
         const char *name;
         bool write;
         std::vector<size_t> limits;  // per system call: bytes the driver moves at most
         int expected, calls;
-        int error;                   // errno printed, 0 = no message
+        int error;  // errno printed, 0 = no message
     } cases[] = {
-        {"read in one go", false, {}, 0, 1, 0},
-        {"read in three pieces", false, {3, 4}, 0, 3, 0},
-        {"read after two zero results", false, {0, 0}, 0, 3, 0},
+        {"read in the chip's two pieces", false, {}, 0, 2, 0},
+        {"read after two zero results", false, {0, 0}, 0, 4, 0},
         {"read, three zero results", false, {0, 0, 0}, -1, 3, EIO},
         {"write byte by byte", true, {1, 1, 1, 1, 1, 1, 1, 1, 1}, 0, 10, 0},
         {"write, progress resets the zero count", true, {0, 0, 5, 0, 0}, 0, 6, 0},
@@ -147,8 +105,10 @@ TEST_F(DeviceTest, TransferLoopsFinishShortTransfersAndGiveUpOnRepeatedZeroBytes
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
         vphone::reset();
-        Stream stream(out);
-        vphone::attach(0x2E, &stream);
+        vphone::ScriptedDevice chip;  // takes any write; answers reads itself in two pieces
+        vphone::attach(0x2E, &chip);
+        chip.queue_read({0, 1, 2});
+        chip.queue_read({3, 4, 5, 6, 7, 8, 9});
         ASSERT_EQ(msmachdep_I2COpen(), 0);
         ASSERT_EQ(msmachdep_I2CSetSlaveAddress(0x2E), 0);
         const Call kind = c.write ? Call::Write : Call::Read;
@@ -163,39 +123,19 @@ TEST_F(DeviceTest, TransferLoopsFinishShortTransfersAndGiveUpOnRepeatedZeroBytes
         for (const auto &e : vphone::transcript_of(c.write ? Kind::Write : Kind::Read))
             moved.insert(moved.end(), e.bytes.begin(), e.bytes.end());
         EXPECT_EQ(moved, Bytes(out.begin(), out.begin() + static_cast<long>(c.expected == 0 ? 10 : moved.size())));
-        if (!c.write && c.expected == 0) {
-            EXPECT_EQ(Bytes(data, data + 10), out);
-        }
+        EXPECT_EQ(Bytes(data, data + 10), c.write || c.expected != 0 ? Bytes(10, 0) : out);
         msmachdep_I2CClose();
     }
 }
 
-TEST_F(DeviceTest, ZeroLengthTransferMakesNoSystemCall) {
-    ASSERT_EQ(msmachdep_I2COpen(), 0);
-    EXPECT_EQ(msmachdep_I2CWrite(0, nullptr), 0);
-    EXPECT_EQ(msmachdep_I2CRead(0, nullptr), 0);
-    EXPECT_EQ(vphone::calls(Call::Write) + vphone::calls(Call::Read), 0);
-}
-
-TEST_F(DeviceTest, SleepWaitsMillisecondsTimesAThousandIn32Bits) {
-    const struct {
-        uint32_t milliseconds;
-        uint64_t microseconds;
-    } cases[] = {{0, 0}, {13, 13000}, {4294967, 4294967000u}, {4294968, (4294968ull * 1000u) & 0xFFFFFFFFu}};
-    for (const auto &c : cases) {
-        vphone::reset();
-        EXPECT_EQ(msmachdep_Sleep(c.milliseconds), 0);
-        EXPECT_EQ(vphone::now_us(), c.microseconds) << c.milliseconds;
-    }
-}
-
-TEST_F(DeviceTest, MsLogSaveWritesOneWarningLineAndReturnsTheLogResult) {
+TEST_F(DeviceTest, SleepTakesMillisecondsAndMsLogSaveWritesOneWarningLine) {
+    EXPECT_EQ(msmachdep_Sleep(13), 0);
+    EXPECT_EQ(vphone::now_us(), 13000u);
     vphone::LogCapture log;
     vphone::StderrCapture err;
     const int result = MsLogSave(-5, 1234567890123L);
+    ASSERT_EQ(log.lines(), (std::vector<vphone::LogLine>{{5, "MsLogSave", "MsLogSave() [-5, 1234567890123]\r\n"}}));
     EXPECT_EQ(result, __android_log_print(ANDROID_LOG_WARN, "MsLogSave", "MsLogSave() [%d, %ld]\r\n", -5, 1234567890123L));
-    ASSERT_EQ(log.lines().size(), 2u);
-    EXPECT_EQ(log.lines()[0], (vphone::LogLine{5, "MsLogSave", "MsLogSave() [-5, 1234567890123]\r\n"}));
     EXPECT_EQ(err.text(), "");
 }
 
