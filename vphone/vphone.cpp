@@ -318,8 +318,9 @@ using vphone::State;
 namespace {
 
 // One read or write on the bus: faults, limits, then the device at the address.
+// The bytes moved (at bytes, after the device ran) go into the transcript.
 template <class Move>
-ssize_t transfer(int fd, Kind kind, int call, size_t length, Move move) {
+ssize_t transfer(int fd, Kind kind, int call, const uint8_t *bytes, size_t length, Move move) {
     State &s = state();
     Event e{kind};
     e.address = s.compass[fd].address;
@@ -337,7 +338,10 @@ ssize_t transfer(int fd, Kind kind, int call, size_t length, Move move) {
     int r = move(it->second, n);
     if (r < 0) return vphone::fail(std::move(e), -r);
     e.result = std::min<long>(r, static_cast<long>(n));
-    return e.result;  // recorded by the caller with the bytes
+    if (e.result > 0) e.bytes.assign(bytes, bytes + e.result);
+    const ssize_t result = e.result;
+    vphone::record(std::move(e));
+    return result;
 }
 
 }  // namespace
@@ -393,34 +397,14 @@ int vphone_core_compass_close(int fd) {
 
 ssize_t vphone_core_compass_read(int fd, void *buffer, size_t length) {
     auto *bytes = static_cast<uint8_t *>(buffer);
-    ssize_t r = transfer(fd, Kind::Read, VPHONE_CALL_READ, length,
-                         [&](vphone::BusDevice *d, size_t n) { return d->read(bytes, n); });
-    if (r > 0) {
-        Event e{Kind::Read};
-        e.address = state().compass[fd].address;
-        e.time_us = state().clock_us;
-        e.argument = static_cast<long>(length);
-        e.bytes.assign(bytes, bytes + r);
-        e.result = r;
-        vphone::record(std::move(e));
-    }
-    return r;
+    return transfer(fd, Kind::Read, VPHONE_CALL_READ, bytes, length,
+                    [&](vphone::BusDevice *d, size_t n) { return d->read(bytes, n); });
 }
 
 ssize_t vphone_core_compass_write(int fd, const void *buffer, size_t length) {
     const auto *bytes = static_cast<const uint8_t *>(buffer);
-    ssize_t r = transfer(fd, Kind::Write, VPHONE_CALL_WRITE, length,
-                         [&](vphone::BusDevice *d, size_t n) { return d->write(bytes, n); });
-    if (r > 0) {
-        Event e{Kind::Write};
-        e.address = state().compass[fd].address;
-        e.time_us = state().clock_us;
-        e.argument = static_cast<long>(length);
-        e.bytes.assign(bytes, bytes + r);
-        e.result = r;
-        vphone::record(std::move(e));
-    }
-    return r;
+    return transfer(fd, Kind::Write, VPHONE_CALL_WRITE, bytes, length,
+                    [&](vphone::BusDevice *d, size_t n) { return d->write(bytes, n); });
 }
 
 int vphone_core_compass_ioctl(int fd, unsigned long request, unsigned long argument) {
