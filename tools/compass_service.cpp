@@ -225,6 +225,10 @@ int run(const Options &opt)
         replay = std::move(p.record);
     }
 
+    // Output files must be writable before the run starts, not after it.
+    for (const std::string *path : {&opt.outputs_path, &opt.plot_path})
+        if (!path->empty() && !std::ofstream(*path)) return fail("cannot write '" + *path + "'", 2);
+
     // The virtual phone: files in the sandbox, chip models on the bus.
     Phone phone;
     std::string error;

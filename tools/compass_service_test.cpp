@@ -271,6 +271,8 @@ TEST(CompassService, BadInputGetsOneLineAndANonZeroExit)
         {"replay file is not a record", {"--replay", d + "/not-a-record.csv"}, "line 1: not a raw record"},
         {"replay row too short", {"--replay", d + "/short-row.csv"}, "line 7: expected 8 values, found 3"},
         {"replay file is a directory", {"--replay", d}, "it is a directory"},
+        {"plot file cannot be written", {"--sandbox", d + "/phone", "--plot", d + "/no/such/dir/p.png"},
+         "cannot write '"},
         {"record file cannot be written", {"--sandbox", d + "/phone", "--record", d + "/no/such/dir/r.csv"},
          "cannot write record file"},
     };

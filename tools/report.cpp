@@ -220,7 +220,11 @@ bool Report::write_plot(const std::string &path, const std::string &title, std::
              "NaN with lines dt 2 lc rgb '#c00000' title '3-D calibration (63)', "
              "NaN with lines dt 2 lc rgb '#2060c0' title 'planar calibration'\n";
     }
-    FILE *p = popen("gnuplot 2>&1", "w");
+    if (!std::ofstream(path)) {
+        *error = "cannot write plot file '" + path + "'";
+        return false;
+    }
+    FILE *p = popen("gnuplot", "w");
     if (!p) {
         *error = "plot: cannot start gnuplot";
         return false;
