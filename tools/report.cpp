@@ -45,10 +45,10 @@ std::string format_second_line(const SampleOutput &s)
     const double t = static_cast<double>(s.time_us) / 1e6;
     if (s.has_truth) {
         std::snprintf(b, sizeof b,
-                      "t %5.1f s  heading true %3.0f int %3d | azimuth true %3.0f dbl %3d | pitch %4.0f/%4d"
-                      " | roll %4.0f/%4d | calib rc %2d status %d | offset err %5.1f uT  %s",
-                      t, s.truth.heading_int, s.heading_int, s.truth.azimuth_double, s.euler[0], s.truth.pitch,
-                      s.euler[1], s.truth.roll, s.euler[2], s.calib_rc, s.calib_status, offset_error_uT(s), s.phase);
+                      "t %5.1f s  heading true %3.0f int %3d | azimuth true %3.0f dbl %3d | pitch %4ld/%4d"
+                      " | roll %4ld/%4d | calib rc %2d status %d | offset err %5.1f uT  %s",
+                      t, s.truth.heading_int, s.heading_int, s.truth.azimuth_double, s.euler[0],
+                      std::lround(s.truth.pitch), s.euler[1], std::lround(s.truth.roll), s.euler[2], s.calib_rc, s.calib_status, offset_error_uT(s), s.phase);
     } else {
         std::snprintf(b, sizeof b,
                       "t %5.1f s  heading int %3d | azimuth dbl %3d | pitch %4d | roll %4d | calib rc %2d status %d"
