@@ -29,9 +29,14 @@ TEST_F(FrontEnd, StatusAndClassifierEdges) {
     EXPECT_TRUE(g_MsCalibThreshold.ratioMidThreshold == 96 && g_MsCalibEstimator.config.residualThreshold.exponent == 134);
     EXPECT_TRUE(KmxAxesMsCalibSetStatus(8) == -1 && KmxAxesMsCalibGetStatus() == 0);
     EXPECT_TRUE(KmxAxesMsCalibSetStatus(7) == 0 && KmxAxesMsCalibGetStatus() == 7);
-    const int32_t flat[2] = {0, 97};  // planar with a smallest ratio of 0: weight[0] becomes 1
-    int16_t w[2] = {-7, -7};
-    EXPECT_TRUE(KmxAxesMsCalibCheckDistribution(flat, w) == 0 && w[0] == 1 && w[1] == 1024);
+    // A ratio equal to its threshold falls to the next class; planar with a smallest ratio
+    // of 0 sets weight[0] to 1.
+    const struct { int32_t r[2]; int16_t w0, w1; int8_t rc; } dist[] = {
+        {{65, 0}, 0, 1, 0}, {{64, 97}, 0, 1024, 0}, {{0, 97}, 1, 1024, 0}, {{64, 96}, 1024, 1024, 2}};
+    for (const auto &c : dist) {
+        int16_t w[2] = {-7, -7};
+        EXPECT_TRUE(KmxAxesMsCalibCheckDistribution(c.r, w) == c.rc && w[0] == c.w0 && w[1] == c.w1) << c.r[0] << "," << c.r[1];
+    }
     const struct { int32_t n[3]; int8_t bits; } normals[] = {{{-1, 1, 0}, 48}, {{1, -2, 0}, 40}, {{0, -3, 3}, 40}, {{1, 1, -2}, 24}, {{INT32_MIN, INT32_MAX, 0}, 48}};
     for (const auto &c : normals) EXPECT_EQ(KmxAxesMsCalibPlanarAxisBits(c.n), c.bits) << c.n[0] << "," << c.n[1];
 }
