@@ -20,11 +20,7 @@ struct FrontEnd : ::testing::Test {
             EXPECT_EQ(KmxAxesMsCalibUpdateDetail(&batch[i], detail), KmxAxesMsCalibGetStatus());
         return KmxAxesMsCalibUpdateDetail(&batch.back(), detail);
     }
-    static KmxAxesData offset() {
-        KmxAxesData o;
-        KmxAxesMsCalibGetOffset(&o);
-        return o;
-    }
+    static KmxAxesData offset() { KmxAxesData o; return KmxAxesMsCalibGetOffset(&o), o; }
 };
 
 bool same(const KmxAxesData &a, const KmxAxesData &b) { return a.x == b.x && a.y == b.y && a.z == b.z; }
@@ -33,13 +29,15 @@ TEST_F(FrontEnd, StatusAndClassifierEdges) {
     EXPECT_TRUE(g_MsCalibThreshold.ratioMidThreshold == 96 && g_MsCalibEstimator.config.residualThreshold.exponent == 134);
     EXPECT_TRUE(KmxAxesMsCalibSetStatus(8) == -1 && KmxAxesMsCalibGetStatus() == 0);
     EXPECT_TRUE(KmxAxesMsCalibSetStatus(7) == 0 && KmxAxesMsCalibGetStatus() == 7);
-    const int32_t flat[2] = {0, 97};  // planar with a smallest ratio of 0: weight[0] becomes 1
-    int16_t w[2] = {-7, -7};
-    EXPECT_TRUE(KmxAxesMsCalibCheckDistribution(flat, w) == 0 && w[0] == 1 && w[1] == 1024);
-    const struct {
-        int32_t n[3];
-        int8_t bits;
-    } normals[] = {{{-1, 1, 0}, 48}, {{1, -2, 0}, 40}, {{0, -3, 3}, 40}, {{1, 1, -2}, 24}, {{INT32_MIN, INT32_MAX, 0}, 48}};
+    // A ratio equal to its threshold falls to the next class; planar with a smallest ratio
+    // of 0 sets weight[0] to 1.
+    const struct { int32_t r[2]; int16_t w0, w1; int8_t rc; } dist[] = {
+        {{65, 0}, 0, 1, 0}, {{64, 97}, 0, 1024, 0}, {{0, 97}, 1, 1024, 0}, {{64, 96}, 1024, 1024, 2}};
+    for (const auto &c : dist) {
+        int16_t w[2] = {-7, -7};
+        EXPECT_TRUE(KmxAxesMsCalibCheckDistribution(c.r, w) == c.rc && w[0] == c.w0 && w[1] == c.w1) << c.r[0] << "," << c.r[1];
+    }
+    const struct { int32_t n[3]; int8_t bits; } normals[] = {{{-1, 1, 0}, 48}, {{1, -2, 0}, 40}, {{0, -3, 3}, 40}, {{1, 1, -2}, 24}, {{INT32_MIN, INT32_MAX, 0}, 48}};
     for (const auto &c : normals) EXPECT_EQ(KmxAxesMsCalibPlanarAxisBits(c.n), c.bits) << c.n[0] << "," << c.n[1];
 }
 
@@ -96,8 +94,7 @@ TEST_F(FrontEnd, PerpendicularPlanarBatchesCombineIntoFullCalibration) {
         EXPECT_TRUE(feed(xy) == 24 && g_MsCalibPlanarValid == 1);
         g_MsCalibPlanarValid = history;
         KmxAxesMsCalibDetail detail{};
-        const int8_t code = feed(xz, &detail);
-        EXPECT_EQ(code, history ? 63 : 40);
+        EXPECT_EQ(feed(xz, &detail), history ? 63 : 40);
         EXPECT_EQ(KmxAxesMsCalibGetStatus(), history ? 7 : 0);
         EXPECT_EQ(g_MsCalibPlanarValid, !history);
         EXPECT_TRUE(!history || (distance(offset(), centre) <= 3.0 && detail.ratioMin > 64));
@@ -124,11 +121,7 @@ TEST_F(FrontEnd, RejectedBatchesReturnTheStatusAndChangeNothing) {
     Rng rng{9};
     Batch scale;
     for (auto &s : scale) s = {rng.integer(-32768, 32767), INT32_MIN + rng.integer(0, 1), 65536 + rng.integer(-32768, 32767)};
-    const struct {
-        const char *name;
-        Batch batch;
-        int32_t threshold;
-    } cases[] = {{"line", circle_batch({100, 100, 100}, {0.6, 0.8, 0}, {}, 300, 1, rng), 0x200000},
+    const struct { const char *name; Batch batch; int32_t threshold; } cases[] = {{"line", circle_batch({100, 100, 100}, {0.6, 0.8, 0}, {}, 300, 1, rng), 0x200000},
                  {"identical", Batch{}, 0x200000},
                  {"residual threshold 0", sphere_batch({30, 40, 50}, 150, 1, rng), 0},
                  {"full scale", scale, 0x200000}};

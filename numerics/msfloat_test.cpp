@@ -2,24 +2,10 @@
 // value (128-bit integers) truncated to 16 significant bits, not against the steps.
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <cmath>
-#include <ostream>
-#include <random>
-
-#include "numerics/numerics.h"
 #include "numerics/numerics_test_util.h"
-
-bool operator==(const MSFLOAT &a, const MSFLOAT &b) {
-    return a.sign == b.sign && a.exponent == b.exponent && a.mantissa == b.mantissa;
-}
-std::ostream &operator<<(std::ostream &os, const MSFLOAT &f) {
-    return os << "(" << int(f.sign) << ", " << int(f.exponent) << ", " << f.mantissa << ")";
-}
 
 namespace {
 using u128 = unsigned __int128;
-MSFLOAT I(int32_t v) { MSFLOAT f; MSFLOAT_I2F(&f, v); return f; }
 int Status(int e) { return e < 0 ? MSFLOAT_UNDERFLOW : e > 255 ? MSFLOAT_OVERFLOW : 0; }
 // Exact magnitude m * 2^(e-128) truncated to 16 significant bits; e may leave 0..255.
 struct Trunc { int m, e; };
@@ -34,16 +20,8 @@ MSFLOAT Random(std::mt19937 &rng, int eLo = 0, int eHi = 255) {
 
 enum Op { kMul, kDiv, kAdd, kSub, kShift, kSquare, kSqrt };
 int Apply(Op op, MSFLOAT *a, const MSFLOAT *b, int n) {
-    switch (op) {
-        case kMul: return MSFLOAT_OpMultiEq(a, b);
-        case kDiv: return MSFLOAT_OpDivEq(a, b);
-        case kAdd: return MSFLOAT_OpPlusEq(a, b);
-        case kSub: return MSFLOAT_OpMinusEq(a, b);
-        case kShift: return MSFLOAT_OpShiftEq(a, int16_t(n));
-        case kSquare: return MSFLOAT_Square(a);
-        case kSqrt: return MSFLOAT_Sqrt(a);
-    }
-    return 99;
+    if (op >= kShift) return op == kShift ? MSFLOAT_OpShiftEq(a, int16_t(n)) : op == kSquare ? MSFLOAT_Square(a) : MSFLOAT_Sqrt(a);
+    return (op == kMul ? MSFLOAT_OpMultiEq : op == kDiv ? MSFLOAT_OpDivEq : op == kAdd ? MSFLOAT_OpPlusEq : MSFLOAT_OpMinusEq)(a, b);
 }
 
 // What the random properties below do not reach: zeros, the refusals, shifts, and the
@@ -52,7 +30,6 @@ TEST(MsfloatEdge, Operations) {
     struct { const char *name; Op op; MSFLOAT a, b; int n; MSFLOAT want; int status; } cases[] = {
         {"square overflow wrote sign and mantissa, kept exponent", kSquare, F(-1, 200, 49152), {}, 0, F(1, 200, 36864), -127},
         {"square underflow wrote sign and mantissa, kept exponent", kSquare, F(-1, 10, 49152), {}, 0, F(1, 10, 36864), -126},
-        {"x / x is exactly 1", kDiv, F(-1, 77, 51234), F(-1, 77, 51234), 0, MSFLOAT_1, 0},
         {"0 / x is zero", kDiv, MSFLOAT_0, I(-3), 0, MSFLOAT_0, 0},
         {"x / 0 refused, dividend kept", kDiv, I(5), MSFLOAT_0, 0, I(5), -2},
         {"0 x x is zero", kMul, MSFLOAT_0, I(-3), 0, MSFLOAT_0, 0},
@@ -64,7 +41,6 @@ TEST(MsfloatEdge, Operations) {
         {"shift by -24 in range", kShift, F(-1, 30, 40000), {}, -24, F(-1, 6, 40000), 0},
         {"shift of zero stays zero", kShift, MSFLOAT_0, {}, 10, MSFLOAT_0, 0},
         {"shift exponent wraps as signed 16-bit", kShift, F(1, 200, 32768), {}, 32767, F(1, 200, 32768), -126},
-        {"sqrt(1000)", kSqrt, I(1000), {}, 0, F(1, 117, 64763), 0},
         {"sqrt(0)", kSqrt, MSFLOAT_0, {}, 0, MSFLOAT_0, 0},
         {"sqrt(-1) refused, operand kept", kSqrt, I(-1), {}, 0, I(-1), -1},
     };
@@ -72,22 +48,6 @@ TEST(MsfloatEdge, Operations) {
         MSFLOAT a = c.a;
         EXPECT_EQ(Apply(c.op, &a, &c.b, c.n), c.status) << c.name;
         EXPECT_EQ(a, c.want) << c.name;
-    }
-}
-
-TEST(MsfloatEdge, ConversionsAndSign) {
-    struct { const char *name; int32_t v; MSFLOAT f; int32_t back; int status; } cases[] = {
-        {"0", 0, MSFLOAT_0, 0, 0}, {"1", 1, MSFLOAT_1, 1, 0}, {"-1", -1, F(-1, 113, 32768), -1, 0},
-        {"65537 drops its low bit", 65537, F(1, 129, 32768), 65536, 0},
-        {"int max", 2147483647, MSFLOAT_maxsint32, 2147450880, 0},
-        {"int min does not convert back", INT32_MIN, F(-1, 144, 32768), 12345, -127},
-    };
-    for (const auto &c : cases) {
-        EXPECT_EQ(I(c.v), c.f) << c.name;
-        int32_t back = 12345;
-        EXPECT_EQ(MSFLOAT_F2I(&back, &c.f), c.status) << c.name;
-        EXPECT_EQ(back, c.back) << c.name;
-        EXPECT_EQ(MSFLOAT_Sign(&c.f), c.v < 0 ? 0 : c.v == 0 ? 1 : 2) << c.name;
     }
 }
 
@@ -154,12 +114,10 @@ TEST(MsfloatProperty, SqrtIsTheIntegerRootForEveryMantissa) {
     for (int e : {128, 129, 0, 255}) {
         for (int m = 32768; m < 65536; ++m) {
             const uint64_t x = uint64_t(m) << (e % 2 ? 15 : 16);
-            uint64_t root = uint64_t(std::sqrt(double(x)));
-            while (root * root > x) --root;
-            while ((root + 1) * (root + 1) <= x) ++root;
+            const int root = int(std::sqrt(double(x)));  // exact: x < 2^32 and double's sqrt is correctly rounded
             MSFLOAT a = F(1, e, m);
             ASSERT_EQ(MSFLOAT_Sqrt(&a), 0);
-            ASSERT_EQ(a, F(1, (e + 1) / 2 + 56, int(root))) << m << " " << e;
+            ASSERT_EQ(a, F(1, (e + 1) / 2 + 56, root)) << m << " " << e;
         }
     }
 }
@@ -176,8 +134,11 @@ TEST(MsfloatProperty, ComparisonsAgreeWithExactValues) {
 }
 
 // I2F keeps the 16 leading bits of |v| and F2I gives them back; F2I truncates toward
-// zero and refuses magnitudes of 2^31 and more, leaving its output untouched.
+// zero and refuses magnitudes of 2^31 and more, leaving its output untouched. Sign
+// reports 0 negative, 1 zero, 2 positive; the named constants are I2F's results.
 TEST(MsfloatProperty, IntegerRoundTrip) {
+    EXPECT_EQ(I(0), MSFLOAT_0); EXPECT_EQ(I(1), MSFLOAT_1);
+    EXPECT_EQ(I(INT32_MAX), MSFLOAT_maxsint32); EXPECT_EQ(I(INT32_MIN), F(-1, 144, 32768));
     std::mt19937 rng(34);
     for (int i = 0; i < 100000; ++i) {
         const int32_t v = i == 0 ? INT32_MIN : int32_t(rng()) >> (rng() % 32);
@@ -185,6 +146,7 @@ TEST(MsfloatProperty, IntegerRoundTrip) {
         const int drop = std::max(0, 16 - __builtin_clz(mag | 1));
         int32_t back = 99;
         const MSFLOAT f = I(v), g = Random(rng, 100, 150);
+        ASSERT_EQ(MSFLOAT_Sign(&f), v < 0 ? 0 : v == 0 ? 1 : 2) << v;
         ASSERT_EQ(MSFLOAT_F2I(&back, &f), v == INT32_MIN ? -127 : 0);
         ASSERT_EQ(back, v == INT32_MIN ? 99 : int64_t((mag >> drop) << drop) * (v < 0 ? -1 : 1)) << v;
         ASSERT_EQ(MSFLOAT_F2I(&back, &g), g.exponent > 143 ? -127 : 0);

@@ -1,15 +1,24 @@
-// Test helpers: exact conversions between MSFLOAT and double (every MSFLOAT value is a
-// double exactly) and random symmetric matrices of known spectrum.
+// Test helpers: field comparison, exact conversions between MSFLOAT and double (every
+// MSFLOAT value is a double exactly) and random symmetric matrices of known spectrum.
 #ifndef KMXC_NUMERICS_TEST_UTIL_H
 #define KMXC_NUMERICS_TEST_UTIL_H
 
+#include <algorithm>
 #include <cmath>
+#include <ostream>
 #include <random>
 
 #include "numerics/numerics.h"
 
 inline MSFLOAT F(int s, int e, int m) { return {int8_t(s), uint8_t(e), uint16_t(m)}; }
+inline MSFLOAT I(int32_t v) { MSFLOAT f; MSFLOAT_I2F(&f, v); return f; }
 inline double ToDouble(const MSFLOAT &f) { return std::ldexp(double(f.sign) * f.mantissa, f.exponent - 128); }
+inline bool operator==(const MSFLOAT &a, const MSFLOAT &b) {
+    return a.sign == b.sign && a.exponent == b.exponent && a.mantissa == b.mantissa;
+}
+inline std::ostream &operator<<(std::ostream &os, const MSFLOAT &f) {
+    return os << "(" << int(f.sign) << ", " << int(f.exponent) << ", " << f.mantissa << ")";
+}
 // v truncated toward zero to 16 significant bits; v must lie in MSFLOAT's range.
 inline MSFLOAT ToMs(double v) {
     int e;

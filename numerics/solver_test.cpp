@@ -2,15 +2,10 @@
 // well-conditioned symmetric systems against long-double Gauss-Jordan.
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <cmath>
-#include <random>
-
-#include "numerics/numerics.h"
 #include "numerics/numerics_test_util.h"
 
 namespace {
-const MSFLOAT o = MSFLOAT_0, l = MSFLOAT_1, m1 = F(-1, 113, 32768);
+const MSFLOAT o = MSFLOAT_0, l = MSFLOAT_1;
 const MSFLOAT p = F(1, 10, 32768), mp = F(-1, 10, 32768), p2 = F(1, 11, 32768), p3 = F(1, 11, 49152);  // p = 2^-103
 const MSFLOAT H = F(1, 160, 32768);  // 2^47: H / p overflows, so p must never be the pivot of H's row
 const MSFLOAT t = F(1, 53, 32768);   // 2^-60: t * t underflows
@@ -18,7 +13,6 @@ const MSFLOAT t = F(1, 53, 32768);   // 2^-60: t * t underflows
 // The two pivot cases solve to all ones; the wrong pivot would divide H by p.
 TEST(MsSolve, CraftedSystems) {
     struct { const char *name; MSFLOAT A[15], r[5]; int status; } cases[] = {
-        {"identity gives x = r", {l, o, o, o, o, l, o, o, o, l, o, o, l, o, l}, {l, m1, H, p, o}, 0},
         {"equal-magnitude candidate does not displace row 0", {p, mp, o, o, o, o, H, o, o, o, o, o, l, o, l}, {o, H, H, l, l}, 0},
         {"largest candidate, not the first, becomes the pivot", {o, p, p2, o, o, H, o, o, o, o, o, o, l, o, l}, {p3, H, p2, l, l}, 0},
         {"zero first column", {o, o, o, o, o, l, o, o, o, l, o, o, l, o, l}, {l, l, l, l, l}, -2},
@@ -29,11 +23,7 @@ TEST(MsSolve, CraftedSystems) {
     for (const auto &c : cases) {
         MSFLOAT x[5];
         ASSERT_EQ(MsSolve(c.A, c.r, x), c.status) << c.name;
-        for (int i = 0; i < 5 && c.status == 0; ++i) {
-            const MSFLOAT &want = &c == &cases[0] ? c.r[i] : MSFLOAT_1;
-            EXPECT_TRUE(x[i].sign == want.sign && x[i].exponent == want.exponent && x[i].mantissa == want.mantissa)
-                << c.name << " x" << i << " = " << ToDouble(x[i]);
-        }
+        for (int i = 0; i < 5 && c.status == 0; ++i) EXPECT_EQ(x[i], MSFLOAT_1) << c.name << " x" << i;
     }
 }
 

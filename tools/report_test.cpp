@@ -11,27 +11,14 @@ namespace {
 
 SampleOutput sample(int64_t t_us, int calib_rc, int heading, double true_heading)
 {
-    SampleOutput s;
-    s.time_us = t_us;
-    s.calib_rc = calib_rc;
-    s.heading_int = heading;
-    s.euler = {heading, 0, 0};
-    s.has_truth = true;
-    s.truth = TrueAngles{true_heading, true_heading, 0, 0};
-    return s;
+    return {.time_us = t_us, .calib_rc = calib_rc, .heading_int = heading, .euler = {heading, 0, 0}, .has_truth = true,
+            .truth = {true_heading, true_heading, 0, 0}};
 }
 
 TEST(Report, NewOffsetCodesAreRecognised)
 {
-    struct Case {
-        int rc;
-        bool new_offset, three_d;
-    } cases[] = {{0, false, false}, {7, false, false}, {-1, false, false}, {63, true, true},
-                 {24, true, false}, {40, true, false}, {48, true, false}, {31, true, false}, {55, true, false}};
-    for (const auto &c : cases) {
-        EXPECT_EQ(is_new_offset(c.rc), c.new_offset) << c.rc;
-        EXPECT_EQ(is_three_d(c.rc), c.three_d) << c.rc;
-    }
+    for (int rc : {-1, 0, 7, 24, 31, 40, 48, 55, 63})
+        EXPECT_TRUE(is_new_offset(rc) == (rc > 7) && is_three_d(rc) == (rc == 63)) << rc;
 }
 
 TEST(Report, HeadingErrorsCountOnlyAfterTheFirstThreeDimensionalCalibration)

@@ -12,13 +12,7 @@ constexpr double kB = 50.0, kIncl = 60.0;
 const double kBh = kB * std::cos(kIncl * M_PI / 180), kBv = kB * std::sin(kIncl * M_PI / 180);
 
 // Known attitudes, worked out by hand from where the phone's axes point.
-struct KnownAttitude {
-    const char *name;
-    Pose pose;
-    Vec3 field, gravity;
-    double heading_int, azimuth_double, pitch, roll;
-};
-const KnownAttitude kKnown[] = {
+const struct { const char *name; Pose pose; Vec3 field, gravity; double heading_int, azimuth_double, pitch, roll; } kKnown[] = {
     {"flat, top to north", {0, 0, 0}, {0, kBh, -kBv}, {0, 0, -1}, 0, 0, 0, 0},
     {"flat, top to east: north is the phone's -x", {90, 0, 0}, {-kBh, 0, -kBv}, {0, 0, -1}, 90, 90, 0, 0},
     {"flat, top to south-west", {225, 0, 0}, {kBh * M_SQRT1_2, -kBh * M_SQRT1_2, -kBv}, {0, 0, -1}, 225, 225, 0, 0},
@@ -76,10 +70,7 @@ TEST(ScenarioPhysics, RandomPosesKeepLengthsAndTheDipAngle)
 
 TEST(ScenarioScripts, HandlingIsContinuousAndEveryScriptHasItsPhases)
 {
-    struct Case {
-        const char *name;
-        std::vector<std::string> phases;
-    } cases[] = {
+    const struct { const char *name; std::vector<std::string> phases; } cases[] = {
         {"default", {"on table", "picked up", "figure-eight", "walking", "turned flat", "set down"}},
         {"planar", {"on table", "turned flat"}},
         {"two-planes", {"turned flat", "stood up", "turned upright"}},
@@ -88,9 +79,7 @@ TEST(ScenarioScripts, HandlingIsContinuousAndEveryScriptHasItsPhases)
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
-        ScenarioSettings s;
-        s.name = c.name;
-        const Scenario sc(s);
+        const Scenario sc(ScenarioSettings{.name = c.name});
         std::set<std::string> seen;
         Truth prev = sc.ideal(0);
         for (double t = 0.05; t <= sc.duration_s(); t += 0.05) {
