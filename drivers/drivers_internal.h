@@ -39,6 +39,9 @@ void KmxcDrvMakeSensitivityMatrix(const uint8_t *calib, int16_t *sensitivity);
  * selected: results as KmxcDrvMsMeasure without -3. */
 int8_t KmxcDrvMsReadData(KmxAxesData *out, KmxcDrvRawData *raw);
 
+/* Writes one command byte to the selected slave: msmachdep_I2CWrite's result. */
+int8_t KmxcDrvWriteCommand(uint8_t command);
+
 /* ---- Accelerometer glue ---------------------------------------------------------
  * The SMB380 device record in use (p_smb380 points here after the first start-up),
  * the accelerometer mounting matrix (zero until then), and the record's callbacks:

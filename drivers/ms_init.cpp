@@ -10,14 +10,12 @@ constexpr uint8_t kCmdStartUp = 0x01;
 constexpr uint8_t kCmdReadCalibration = 0xC8;
 constexpr uint32_t kStartUpSettleMs = 2;
 
-int8_t write_command(uint8_t command) { return msmachdep_I2CWrite(1, &command); }
-
 // Steps of the start-up that touch the bus; false at the first failure.
 bool start_chip(KmxcDrvState &st) {
     if (msmachdep_I2CSetSlaveAddress(KMXC_MS_SLAVE_ADDRESS) < 0) return false;
-    if (write_command(kCmdStartUp) < 0) return false;
+    if (KmxcDrvWriteCommand(kCmdStartUp) < 0) return false;
     msmachdep_Sleep(kStartUpSettleMs);
-    if (write_command(kCmdReadCalibration) < 0) return false;
+    if (KmxcDrvWriteCommand(kCmdReadCalibration) < 0) return false;
     // The first reading after the command is discarded; the second is kept.
     if (msmachdep_I2CRead(sizeof st.calib, st.calib) < 0) return false;
     if (msmachdep_I2CRead(sizeof st.calib, st.calib) < 0) return false;

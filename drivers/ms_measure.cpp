@@ -13,8 +13,6 @@ constexpr uint8_t kCmdGpoLow = 0xF4;
 constexpr uint32_t kConversionMs = 13;
 constexpr uint8_t kBusy = 0x80;
 
-int8_t write_command(uint8_t command) { return msmachdep_I2CWrite(1, &command); }
-
 // 11-bit value from a byte holding bits 10..8 in its low three bits and the next byte.
 uint16_t decode11(const uint8_t *hi_lo) {
     return static_cast<uint16_t>(((hi_lo[0] & 0x07u) << 8) | hi_lo[1]);
@@ -25,21 +23,23 @@ bool out_of_range(uint16_t channel) { return static_cast<uint16_t>(channel - 2u)
 
 }  // namespace
 
+int8_t KmxcDrvWriteCommand(uint8_t command) { return msmachdep_I2CWrite(1, &command); }
+
 int8_t KmxcDrvMeasurePreparation(void) {
     if (msmachdep_I2CSetSlaveAddress(KMXC_MS_SLAVE_ADDRESS) < 0) return -5;
-    if (write_command(kCmdPrepare) < 0) return -5;
+    if (KmxcDrvWriteCommand(kCmdPrepare) < 0) return -5;
     return 0;
 }
 
 int8_t KmxcDrvSetGPO(int level) {
     if (msmachdep_I2CSetSlaveAddress(KMXC_MS_SLAVE_ADDRESS) < 0) return -5;
-    if (write_command(level != 0 ? kCmdGpoHigh : kCmdGpoLow) < 0) return -5;
+    if (KmxcDrvWriteCommand(level != 0 ? kCmdGpoHigh : kCmdGpoLow) < 0) return -5;
     return 0;
 }
 
 int8_t KmxcDrvMsReadData(KmxAxesData *out, KmxcDrvRawData *raw) {
     if (KmxcDrvHandle()->roughOffsetWritten == 0) return -126;
-    if (write_command(kCmdMeasure) < 0) return -5;
+    if (KmxcDrvWriteCommand(kCmdMeasure) < 0) return -5;
     msmachdep_Sleep(kConversionMs);
     uint8_t block[8];
     if (msmachdep_I2CRead(sizeof block, block) < 0) return -5;

@@ -15,16 +15,14 @@ constexpr uint8_t kChannelCommand[3] = {0x20, 0x40, 0x60};
 constexpr uint8_t kCoilSequence[16] = {0x90, 0x81, 0x91, 0x82, 0x92, 0x83, 0x93, 0x84,
                                        0x94, 0x85, 0x95, 0x86, 0x96, 0x87, 0x97, 0x80};
 
-int8_t write_command(uint8_t command) { return msmachdep_I2CWrite(1, &command); }
-
 bool initialised() { return (KmxcDrvHandle()->initFlags & KMXC_DRV_INIT_MS) != 0; }
 
 }  // namespace
 
 int8_t KmxAxesDrvMsMeasureRoughOffset(uint8_t *out) {
     if (msmachdep_I2CSetSlaveAddress(KMXC_MS_SLAVE_ADDRESS) < 0) return -5;
-    if (write_command(kCmdPrepare) < 0) return -5;
-    if (write_command(kCmdRoughMeasure) < 0) return -5;
+    if (KmxcDrvWriteCommand(kCmdPrepare) < 0) return -5;
+    if (KmxcDrvWriteCommand(kCmdRoughMeasure) < 0) return -5;
     msmachdep_Sleep(kRoughConversionMs);
     uint8_t block[6];
     if (msmachdep_I2CRead(sizeof block, block) < 0) return -5;
@@ -57,7 +55,7 @@ int8_t KmxAxesDrvMsSetRoughOffset(const uint8_t *values) {
         for (int i = 0; i < 3; ++i) st.roughOffset[i] = values[i];
     }
     for (int i = 0; i < 3; ++i) {
-        if (write_command(static_cast<uint8_t>(kChannelCommand[i] | st.roughOffset[i])) < 0) return -5;
+        if (KmxcDrvWriteCommand(static_cast<uint8_t>(kChannelCommand[i] | st.roughOffset[i])) < 0) return -5;
     }
     st.roughOffsetWritten = 1;
     return 0;
@@ -75,7 +73,7 @@ int8_t KmxAxesDrvMsInitCoil(void) {
     if (!initialised()) return -3;
     if (msmachdep_I2CSetSlaveAddress(KMXC_MS_SLAVE_ADDRESS) < 0) return -5;
     for (uint8_t command : kCoilSequence) {
-        if (write_command(command) < 0) return -5;
+        if (KmxcDrvWriteCommand(command) < 0) return -5;
     }
     return 0;
 }

@@ -1,7 +1,6 @@
 // The transformation profile reader shared by both drivers: one line per hardware
 // profile of comma-separated integers, fields 1..9 the accelerometer's mounting
 // matrix, 10..18 the magnetometer's.
-#include <stdio.h>
 #include <unistd.h>
 
 #include "drivers/drivers_internal.h"
@@ -45,19 +44,7 @@ int8_t KmxcDrvReadTransformation(uint8_t firstField, int8_t *matrix) {
     // The profile number is read into the shared line buffer; with a number below 1
     // no line follows and the buffer keeps that text.
     const int32_t profile = msmachdep_ReadProfileNumber();
-    FILE *file = fopen(kProfilePath, "r");
-    if (file == nullptr) {
-        perror("fopen");
-        return -3;
-    }
-    for (int32_t n = 0; n < profile; ++n) {
-        if (fgets(g_LineBuffer, MSMACHDEP_LINE_BUFFER_SIZE, file) == nullptr) {
-            perror("fgets");
-            fclose(file);
-            return -3;
-        }
-    }
-    fclose(file);
+    if (msmachdep_ReadNumberedLine(kProfilePath, profile, 1) < 0) return -3;
     parse_fields(g_LineBuffer, firstField, matrix);
     return 0;
 }

@@ -1,6 +1,5 @@
 // Per-profile charger offsets, read for the calling service. The only platform unit
 // with floating point: the first two triples are doubles.
-#include <cstdio>
 
 #include "platform/platform_internal.h"
 
@@ -27,15 +26,7 @@ extern "C" int msmachdep_LoadChargerOffset(double *first, double *second, int32_
     const int32_t profile = msmachdep_ReadProfileNumber();
     // A profile number below 1 selects no line: nothing is read or filled.
     if (profile < 1) return -1;
-    std::FILE *file = std::fopen(kChargerPath, "r");
-    if (file == nullptr) return -1;
-    for (int32_t line = 0; line < profile; ++line) {
-        if (std::fgets(g_LineBuffer, sizeof g_LineBuffer, file) == nullptr) {
-            std::fclose(file);
-            return -1;
-        }
-    }
-    std::fclose(file);
+    if (msmachdep_ReadNumberedLine(kChargerPath, profile, 0) < 0) return -1;
 
     if (first == nullptr) return -2;
     // The first field starts the split of the selected line.

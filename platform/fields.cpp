@@ -41,6 +41,23 @@ int32_t msmachdep_ParseInt(const char *text) {
     return static_cast<int32_t>(value);
 }
 
+int8_t msmachdep_ReadNumberedLine(const char *path, int32_t number, int report) {
+    std::FILE *file = std::fopen(path, "r");
+    if (file == nullptr) {
+        if (report) std::perror("fopen");
+        return -1;
+    }
+    for (int32_t line = 0; line < number; ++line) {
+        if (std::fgets(g_LineBuffer, sizeof g_LineBuffer, file) == nullptr) {
+            if (report) std::perror("fgets");
+            std::fclose(file);
+            return -1;
+        }
+    }
+    std::fclose(file);
+    return 0;
+}
+
 int32_t msmachdep_ReadProfileNumber(void) {
     std::FILE *file = std::fopen(kProfileNumberPath, "r");
     if (file == nullptr) return 1;

@@ -117,6 +117,16 @@ int8_t save_through_backup(const int32_t (&v)[kFields], bool report_open) {
     return install_backup();
 }
 
+// Rewrites the main file itself with the nine values (no backup, no owner or mode).
+int8_t save_in_place(const int32_t (&v)[kFields]) {
+    std::FILE *file = std::fopen(kMainPath, "w");
+    if (file == nullptr) {
+        std::perror("fopen");
+        return -1;
+    }
+    return write_and_close(file, v, true) ? 0 : -1;
+}
+
 int8_t load_triple(int32_t *out, int first) {
     if (out == nullptr) return -1;
     if (msmachdep_EnsureOffsetFile() < 0) return -1;
@@ -133,24 +143,13 @@ extern "C" {
 int8_t msmachdep_EnsureOffsetFile(void) {
     const int state = main_file_state();
     if (state != 0) return state > 0 ? 0 : -1;
-    std::FILE *file = std::fopen(kBackupPath, "w");
-    if (file == nullptr) {
-        std::perror("fopen");
-        return -1;
-    }
-    if (!write_and_close(file, kDefaults, true)) return -1;
-    return install_backup();
+    return save_through_backup(kDefaults, true);
 }
 
 int8_t msmachdep_EnsureOffsetFileInPlace(void) {
     const int state = main_file_state();
     if (state != 0) return state > 0 ? 0 : -1;
-    std::FILE *file = std::fopen(kMainPath, "w");
-    if (file == nullptr) {
-        std::perror("fopen");
-        return -1;
-    }
-    return write_and_close(file, kDefaults, true) ? 0 : -1;
+    return save_in_place(kDefaults);
 }
 
 int8_t msmachdep_LoadRoughOffset(uint8_t *out) {
@@ -189,12 +188,7 @@ int8_t msmachdep_SaveGsOffset(const int32_t *in) {
     int32_t v[kFields];
     if (read_current(v) < 0) return -1;
     for (int i = 0; i < 3; ++i) v[kGravity + i] = in[i];
-    std::FILE *file = std::fopen(kMainPath, "w");
-    if (file == nullptr) {
-        std::perror("fopen");
-        return -1;
-    }
-    return write_and_close(file, v, true) ? 0 : -1;
+    return save_in_place(v);
 }
 
 int8_t msmachdep_LoadMsOffset(int32_t *out) { return load_triple(out, kMagnetic); }

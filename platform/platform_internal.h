@@ -41,6 +41,13 @@ int32_t msmachdep_ParseInt(const char *text);
  * 1 selects. */
 int32_t msmachdep_ReadProfileNumber(void);
 
+/* Reads lines 1..number of a per-profile configuration file into g_LineBuffer, so it
+ * ends holding line `number` (a line longer than 255 characters counts as more than
+ * one). 0 on success; -1 when the file cannot be opened or has fewer lines, after
+ * perror("fopen") or perror("fgets") when report is non-zero, silently otherwise.
+ * The file is closed on every path. A number below 1 reads no line. */
+int8_t msmachdep_ReadNumberedLine(const char *path, int32_t number, int report);
+
 /* Create the calibration data file with the default content when it is missing:
  * through the backup (owner 1008:1000, mode 0666, renamed into place) or directly in
  * place. 0 when the file exists and is writable or was created; -1 after perror of
