@@ -1,17 +1,12 @@
 // compass_service: the phone's sensor service, played against the shipped
-// libkmxc_orvane.so on the virtual phone.
+// libkmxc_orvane.so on the virtual phone, through the sensor-service kit
+// (service/kmxc_service.h), which owns the library's call order, the calibration's
+// sample feed, the accuracy, anomaly and persistence rules.
 //
-// This file is the reference integration: the order in which a sensor service calls
-// the library, from start-up to shut-down, with nothing else in the way. Read the
-// functions in order: start(), set_rough_offset(), load_stored_offsets(), cycle(),
-// change_rough_offset(), stop(). Everything around them (the scripted handling of
-// the phone, the chip models, raw records, the report and the plot) lives in the
-// other files of tools/.
-//
-// Rules the library sets for its caller, all honoured here: one thread, one call at
-// a time; the service owns every record it passes; offsets move between the
-// library's layers only through the service (calibration -> orientation -> file).
+// What stays here is the demo around the kit: the scripted handling of the phone, the
+// chip models, raw records and replays, the report and the plot.
 #include <cerrno>
+#include <cmath>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
@@ -20,10 +15,9 @@
 #include <sstream>
 #include <unistd.h>
 
-#include "calibration/calibration.h"
 #include "drivers/drivers.h"
-#include "orientation/orientation.h"
 #include "platform/platform.h"
+#include "service/kmxc_service.h"
 #include "tools/options.h"
 #include "tools/phone.h"
 #include "tools/record.h"
@@ -35,144 +29,52 @@ namespace {
 
 using namespace compass;
 
-// ---- 1. Start ---------------------------------------------------------------------
-// Library state first, then both drivers (the first of them opens /dev/compass; each
-// reads its mounting matrix from the transformation profile).
-bool start(std::string *error)
-{
-    KmxAxesLibInit();
-    KmxAxesMsCalibInit();
-    const int ms = KmxAxesDrvMsInit();
-    if (ms != 0) {
-        *error = "magnetometer start-up failed: KmxAxesDrvMsInit returned " + std::to_string(ms);
-        return false;
-    }
-    const int gs = KmxAxesDrvGsInit();
-    if (gs != 0) {
-        *error = "accelerometer start-up failed: KmxAxesDrvGsInit returned " + std::to_string(gs);
-        return false;
-    }
-    return true;
-}
-
-// ---- 2. Rough offset ----------------------------------------------------------------
-// The magnetometer measures nothing (-126) until a rough offset is written. Use the
-// stored one when it is valid; otherwise let the driver measure one. Store what was
-// written. Returns whether it was measured.
-bool set_rough_offset(uint8_t rough[3], bool *measured, std::string *error)
-{
-    uint8_t stored[3] = {255, 255, 255};
-    const bool use_stored = msmachdep_LoadRoughOffset(stored) == 0 && KmxAxesLibIsValidRoughOffset(stored);
-    const int rc = KmxAxesDrvMsSetRoughOffset(use_stored ? stored : nullptr);
-    if (rc != 0) {
-        *error = "rough offset: KmxAxesDrvMsSetRoughOffset returned " + std::to_string(rc);
-        return false;
-    }
-    KmxAxesDrvMsGetWrittenRoughOffset(rough);
-    msmachdep_SaveRoughOffset(rough);
-    *measured = !use_stored;
-    return true;
-}
-
-// ---- 3. Stored offsets --------------------------------------------------------------
-// A valid stored magnetic offset goes to the orientation library and to the
-// calibration (which then refines it instead of starting from zero). Returns whether
-// one was loaded.
-bool load_stored_offsets()
-{
-    bool calibrated = false;
-    int32_t ms[3];
-    if (msmachdep_LoadMsOffset(ms) == 0) {
-        const KmxAxesData offset{ms[0], ms[1], ms[2]};
-        if (KmxAxesLibIsValidMsOffset(&offset)) {
-            KmxAxesLibSetMsOffset(&offset);
-            KmxAxesMsCalibSetOffset(&offset);
-            calibrated = true;
-        }
-    }
-    int32_t gs[3];
-    if (msmachdep_LoadGsOffset(gs) == 0) {
-        const KmxAxesData offset{gs[0], gs[1], gs[2]};
-        KmxAxesLibSetGsOffset(&offset);
-    }
-    return calibrated;
-}
-
-// ---- 4. One cycle -------------------------------------------------------------------
-// Measure both chips, feed the calibration, move a new offset across, and ask for
-// the attitude both ways. raw receives the chips' raw values (for the record).
-SampleOutput cycle(KmxcDrvRawData *raw)
+// One kit event as the report sees it.
+SampleOutput to_sample(const KmxcServiceEvent &e)
 {
     SampleOutput s;
-    KmxAxesData ms = KmxAxesData_Constructor, gs = KmxAxesData_Constructor;
-    s.ms_rc = KmxAxesDrvMsMeasure(&ms, raw); // waits 13 ms for the conversion
-    s.gs_rc = KmxAxesDrvGsMeasure(&gs, raw);
-    if (s.ms_rc < 0 || s.gs_rc < 0) return s; // busy or bus failure: try next cycle
-
-    // The calibration takes the magnetic vector before any offset is subtracted.
-    s.calib_rc = KmxAxesMsCalibUpdate(&ms);
-    s.calib_status = KmxAxesMsCalibGetStatus();
-    if (s.calib_rc == 63 || (s.calib_rc > 0 && (s.calib_rc & 0x38) != 0)) {
-        KmxAxesData offset;
-        KmxAxesMsCalibGetOffset(&offset);
-        KmxAxesLibSetMsOffset(&offset);
-        const int32_t save[3] = {offset.x, offset.y, offset.z};
-        msmachdep_SaveMsOffset(save);
+    s.time_us = static_cast<int64_t>(e.time_us);
+    s.ms_rc = e.ms_result;
+    s.gs_rc = e.gs_result;
+    s.calib_rc = e.calib_result;
+    s.calib_status = e.calib_status;
+    s.heading_int = e.heading_deg;
+    s.attitude_rc = (e.flags & KMXC_SERVICE_HEADING_VALID) ? 0 : -1;
+    s.rotation_rc = (e.flags & KMXC_SERVICE_ORIENTATION_VALID) ? 0 : -1;
+    for (int k = 0; k < 3; ++k) {
+        s.euler[k] = static_cast<int>(e.orientation_deg[k]);
+        s.offset[k] = e.offset[k];
     }
-
-    // Integer path: Q12 attitude rows, then the smoothed heading in whole degrees.
-    KmxAxesAttitude attitude;
-    s.attitude_rc = KmxAxesLibGetAttitude(&ms, &gs, &attitude);
-    uint16_t heading = 0;
-    KmxAxesLibCalcDirection(&attitude, &heading, kDirectionThreshold);
-    s.heading_int = heading;
-
-    // Double path: physical units, rotation matrix, Euler angles (azimuth filtered).
-    double gravity[3], field[3], matrix[9], euler[3] = {0, 0, 0};
-    KmxAxesLibGetGravityEarth(&gs, gravity);
-    KmxAxesLibGetMagneticT(&ms, field);
-    s.rotation_rc = KmxAxesLibGetRotationMatrix(gravity, field, matrix);
-    if (s.rotation_rc == 0) KmxAxesLibGetEuler(matrix, euler);
-    for (int k = 0; k < 3; ++k) s.euler[k] = static_cast<int>(euler[k]);
-
-    KmxAxesData offset;
-    KmxAxesLibGetMsOffset(&offset);
-    s.offset = {offset.x, offset.y, offset.z};
+    s.accuracy = e.accuracy;
+    s.anomaly = e.anomaly;
+    s.flags = e.flags;
+    s.strength_uT = e.strength_centi_uT / 100.0;
+    s.dip_cos = e.dip_cos_permille / 1000.0;
+    s.ratio_min = e.calib_ratio_min;
+    s.ratio_mid = e.calib_ratio_mid;
+    s.residual = e.calib_residual;
     return s;
 }
 
-// ---- 5. Rough-offset change -----------------------------------------------------------
-// A channel out of range means the field moved far from where the rough offset put
-// it (a magnet nearby, say). Measure a new rough offset and carry the magnetic offset
-// over to it, so the calibration need not start again.
-bool change_rough_offset(uint8_t rough[3])
+const char *start_error(int32_t rc)
 {
-    uint8_t fresh[3];
-    if (KmxAxesDrvMsSetRoughOffset(nullptr) != 0) return false; // measure and write
-    KmxAxesDrvMsGetWrittenRoughOffset(fresh);
-    KmxAxesData offset, carried;
-    KmxAxesLibGetMsOffset(&offset);
-    KmxAxesLibRecalcMsOffset(&offset, &carried, rough, fresh);
-    if (KmxAxesLibIsValidMsOffset(&carried)) {
-        KmxAxesLibSetMsOffset(&carried);
-        KmxAxesMsCalibSetOffset(&carried);
-        const int32_t save[3] = {carried.x, carried.y, carried.z};
-        msmachdep_SaveMsOffset(save);
+    switch (rc) {
+    case -1: return "the kit refused the rate";
+    case -2: return "magnetometer start-up failed";
+    case -3: return "accelerometer start-up failed";
+    case -4: return "the rough offset could not be written";
+    default: return "the kit could not start";
     }
-    msmachdep_SaveRoughOffset(fresh);
-    for (int k = 0; k < 3; ++k) rough[k] = fresh[k];
-    return true;
-}
-
-// ---- 6. Stop ------------------------------------------------------------------------
-// The last of the two closes /dev/compass.
-void stop()
-{
-    KmxAxesDrvMsTerm();
-    KmxAxesDrvGsTerm();
 }
 
 // ==== The demo around the service ======================================================
+
+std::string fmt1(uint64_t us)
+{
+    char b[32];
+    std::snprintf(b, sizeof b, "%5.1f", static_cast<double>(us) / 1e6);
+    return b;
+}
 
 int fail(const std::string &message, int code)
 {
@@ -226,7 +128,7 @@ int run(const Options &opt)
     }
 
     // Output files must be writable before the run starts, not after it.
-    for (const std::string *path : {&opt.outputs_path, &opt.plot_path})
+    for (const std::string *path : {&opt.outputs_path, &opt.plot_path, &opt.summary_json_path})
         if (!path->empty() && !std::ofstream(*path)) return fail("cannot write '" + *path + "'", 2);
 
     // The virtual phone: files in the sandbox, chip models on the bus.
@@ -249,11 +151,13 @@ int run(const Options &opt)
     header.has_stored = stored_line(&header.stored);
 
     // The service starts.
-    uint8_t rough[3];
-    bool measured = false;
-    if (!start(&error) || !set_rough_offset(rough, &measured, &error)) return fail(error, 1);
-    const bool calibrated = load_stored_offsets();
-
+    KmxcServiceStart started{};
+    const uint32_t rate = static_cast<uint32_t>(std::lround(opt.rate_hz));
+    if (const int32_t rc = kmxc_service_start(rate, &started); rc != 0)
+        return fail(std::string(start_error(rc)) + " (kmxc_service_start returned " + std::to_string(rc) + ")", 1);
+    const uint8_t *rough = started.rough;
+    const bool measured = started.rough_measured != 0;
+    const bool calibrated = started.offset_loaded != 0;
     std::ofstream record;
     if (!opt.record_path.empty()) {
         record.open(opt.record_path);
@@ -277,28 +181,32 @@ int run(const Options &opt)
     std::cout << (replaying ? "Replaying " + opt.replay_path : "Scenario " + settings.name) << " on the virtual phone"
               << " (sandbox " << opt.sandbox << "); rough offset " << int(rough[0]) << ',' << int(rough[1]) << ','
               << int(rough[2]) << (measured ? " measured" : " from the file") << "; "
-              << (calibrated ? "starting from the stored magnetic offset" : "no stored magnetic offset") << "\n";
+              << (calibrated ? "stored magnetic offset loaded (unreliable until the field confirms it)"
+                             : "no stored magnetic offset")
+              << (started.file_repaired ? "; the calibration file was empty or garbled and was reset" : "") << "\n";
 
     Report report(std::cout, opt.quiet);
     report.set_started_calibrated(calibrated);
     const uint64_t period_us = static_cast<uint64_t>(1e6 / opt.rate_hz);
-    const size_t cycles = replaying ? replay.rows.size()
-                                    : static_cast<size_t>(scenario.duration_s() * opt.rate_hz) + 1;
-    uint64_t last_rough_change_us = 0;
+    const uint64_t end_us = static_cast<uint64_t>(scenario.duration_s() * 1e6);
+    const size_t cycles = replaying ? replay.rows.size() : SIZE_MAX;
     int rough_changes = 0;
+    uint32_t saves = 0, save_failures = 0;
     for (size_t i = 0; i < cycles; ++i) {
-        // Wait (in virtual time) for the cycle's start.
+        // Wait (in virtual time) for the cycle's start. A cycle lasts at least the
+        // magnetometer's 13 ms, so at high rates the cycles start late, not more often.
         const uint64_t due = replaying ? static_cast<uint64_t>(replay.rows[i].time_us) : i * period_us;
         if (vphone::now_us() < due) usleep(static_cast<useconds_t>(due - vphone::now_us()));
         const uint64_t now = vphone::now_us();
+        if (!replaying && now > end_us) break;
         Truth truth;
         if (replaying) phone.deliver(replay.rows[i]);
         else phone.sense(truth = scenario.sample(static_cast<double>(now) / 1e6));
 
         vphone::clear_transcript(); // the demo does not read it; keep long replays small
-        KmxcDrvRawData raw{};
-        SampleOutput s = cycle(&raw);
-        s.time_us = static_cast<int64_t>(now);
+        KmxcServiceEvent e;
+        kmxc_service_cycle(now, &e);
+        SampleOutput s = to_sample(e);
         if (!replaying) {
             s.has_truth = true;
             s.phase = truth.phase;
@@ -306,26 +214,33 @@ int run(const Options &opt)
             s.true_offset = phone.true_offset_counts();
         }
         if (record.is_open() && s.ms_rc >= 0 && s.gs_rc >= 0)
-            write_record_row(record, RecordRow{s.time_us, {raw.ms[0], raw.ms[1], raw.ms[2]}, raw.temperature,
-                                               {raw.gs[0], raw.gs[1], raw.gs[2]}});
+            write_record_row(record, RecordRow{s.time_us,
+                                               {uint16_t(e.raw_ms[0]), uint16_t(e.raw_ms[1]), uint16_t(e.raw_ms[2])},
+                                               uint16_t(e.raw_temperature), {e.raw_gs[0], e.raw_gs[1], e.raw_gs[2]}});
         report.add(s);
-
-        // Channels out of range: move the rough offset (at most once a second).
-        if (s.ms_rc > 0 && (rough_changes == 0 || now - last_rough_change_us >= 1000000)) {
-            last_rough_change_us = now;
-            if (change_rough_offset(rough)) {
-                ++rough_changes;
-                std::cout << "  rough offset changed to " << int(rough[0]) << ',' << int(rough[1]) << ','
-                          << int(rough[2]) << "; magnetic offset carried over\n";
-            }
-            log_rough_readings();
+        if (e.flags & KMXC_SERVICE_SAVE_FAILED)
+            std::cout << "  t " << fmt1(now) << " s  saving the calibration file failed; the previous file is kept\n";
+        if (e.flags & KMXC_SERVICE_ROUGH_CHANGED) {
+            ++rough_changes;
+            std::cout << "  rough offset changed to " << int(e.rough[0]) << ',' << int(e.rough[1]) << ','
+                      << int(e.rough[2]) << "; magnetic offset carried over\n";
         }
+        log_rough_readings();
+        saves = e.saves;
+        save_failures = e.save_failures;
     }
-    stop();
+    kmxc_service_stop();
+    report.set_saves(saves, save_failures, rough_changes);
 
     report.print_summary(persisted_text(opt.sandbox) +
                          (rough_changes ? "; rough offset changed " + std::to_string(rough_changes) + " time(s)" : ""));
     int status = 0;
+    if (save_failures > 0)
+        status = fail("saving the calibration file failed " + std::to_string(save_failures) +
+                          " time(s); the file keeps what it held before",
+                      3);
+    if (!opt.summary_json_path.empty() && !report.write_summary_json(opt.summary_json_path, &error))
+        status = fail(error, 3);
     if (!opt.outputs_path.empty() && !report.write_outputs(opt.outputs_path, &error)) status = fail(error, 3);
     if (!opt.plot_path.empty()) {
         const std::string title = replaying ? "Compass service, replay of " + opt.replay_path

@@ -1,5 +1,7 @@
 #include "tools/options.h"
 
+#include "service/kmxc_service.h"
+
 #include <charconv>
 #include <cmath>
 #include <functional>
@@ -54,7 +56,9 @@ std::string usage_text()
       << mounting_profiles().size()
       << " (1)\n"
          "  --seed N               noise seed (1)\n"
-         "  --rate HZ              measurement cycles per second, 1..50 (10)\n"
+         "  --rate HZ              measurement cycles per second, "
+      << KMXC_SERVICE_RATE_MIN_HZ << ".." << KMXC_SERVICE_RATE_MAX_HZ
+      << ", whole (10)\n"
          "  --sandbox DIR          the virtual phone's files; offsets persist here (out/sandbox;\n"
          "                         replays: out/replay-sandbox, emptied first)\n"
          "  --fresh                empty the sandbox first\n"
@@ -62,6 +66,7 @@ std::string usage_text()
          "  --replay FILE          replay raw chip data from FILE instead of a scenario\n"
          "  --outputs FILE         write every sample's library outputs to FILE (CSV)\n"
          "  --plot FILE            draw heading and offset error over time to FILE (PNG)\n"
+         "  --summary-json FILE    write the summary to FILE (JSON)\n"
          "  --quiet                print the summary only\n"
          "  --help                 this text\n";
     return u.str();
@@ -130,15 +135,25 @@ ParsedOptions parse_options(const std::vector<std::string> &args)
              integer(opt, v, 0, 4294967295LL, &n);
              s.seed = static_cast<uint32_t>(n);
          }},
-        {"--rate", [&](auto &opt, auto &v) { number(opt, v, 1, 50, &o.rate_hz); }},
+        {"--rate", [&](auto &opt, auto &v) {
+             long long n = 0;
+             integer(opt, v, KMXC_SERVICE_RATE_MIN_HZ, KMXC_SERVICE_RATE_MAX_HZ, &n);
+             o.rate_hz = static_cast<double>(n);
+         }},
         {"--sandbox", [&](auto &opt, auto &v) { path(opt, v, &o.sandbox); }},
         {"--record", [&](auto &opt, auto &v) { path(opt, v, &o.record_path); }},
         {"--replay", [&](auto &opt, auto &v) { path(opt, v, &o.replay_path); }},
         {"--outputs", [&](auto &opt, auto &v) { path(opt, v, &o.outputs_path); }},
         {"--plot", [&](auto &opt, auto &v) { path(opt, v, &o.plot_path); }},
+        {"--summary-json", [&](auto &opt, auto &v) { path(opt, v, &o.summary_json_path); }},
     };
     const std::map<std::string, bool *> flags{{"--fresh", &o.fresh}, {"--quiet", &o.quiet}, {"--help", &o.help}};
 
+    // Options that describe the scripted phone; a replay's phone is its record.
+    const std::vector<std::string> scenario_options{"--scenario", "--field", "--inclination", "--declination",
+                                                    "--hard-iron", "--noise", "--temp-drift", "--temperature",
+                                                    "--profile", "--seed", "--rate", "--fresh"};
+    std::string scenario_option_given;
     for (size_t i = 0; i < args.size() && err.empty(); ++i) {
         std::string opt = args[i], value;
         const bool inline_value = opt.rfind("--", 0) == 0 && opt.find('=') != std::string::npos;
@@ -146,6 +161,8 @@ ParsedOptions parse_options(const std::vector<std::string> &args)
             value = opt.substr(opt.find('=') + 1);
             opt = opt.substr(0, opt.find('='));
         }
+        for (const auto &so : scenario_options)
+            if (opt == so && scenario_option_given.empty()) scenario_option_given = so;
         if (auto f = flags.find(opt); f != flags.end()) {
             if (inline_value) err = opt + " takes no value";
             else *f->second = true;
@@ -165,6 +182,9 @@ ParsedOptions parse_options(const std::vector<std::string> &args)
     if (o.sandbox.empty()) o.sandbox = o.replay_path.empty() ? "out/sandbox" : "out/replay-sandbox";
     if (err.empty() && !o.record_path.empty() && !o.replay_path.empty())
         err = "--record and --replay cannot be combined: a replay's raw data is its input file";
+    if (err.empty() && !o.replay_path.empty() && !scenario_option_given.empty())
+        err = scenario_option_given + " and --replay cannot be combined: a replay's phone, rate and handling are "
+                                      "those of its record";
     r.ok = err.empty();
     r.error = err;
     return r;

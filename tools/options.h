@@ -17,6 +17,7 @@ struct Options {
     std::string replay_path;             // read raw chip data from here instead of a scenario
     std::string outputs_path;            // per-sample library outputs, CSV
     std::string plot_path;               // PNG of heading and offset error over time
+    std::string summary_json_path;       // the summary as JSON
     double rate_hz = 10.0;               // measurement cycles per second
     bool quiet = false;                  // no per-second lines
     bool help = false;

@@ -21,6 +21,10 @@ const struct { const char *name; std::vector<std::string> args; const char *erro
     {"empty file name", {"--replay="}, "--replay: empty file name"},
     {"record and replay together", {"--record", "a.csv", "--replay", "b.csv"}, "cannot be combined"},
     {"not-a-number value", {"--noise", "nan"}, "not a number"},
+    {"rate above what the kit serves", {"--rate", "101"}, "--rate: 101 is outside 1..100"},
+    {"fractional rate", {"--rate", "12.5"}, "not a whole number"},
+    {"replay with a scenario option", {"--replay", "r.csv", "--field", "30"}, "--field and --replay cannot be combined"},
+    {"scenario option before the replay", {"--seed", "3", "--replay", "r.csv"}, "--seed and --replay"},
 };
 
 TEST(Options, BadInputGivesOneLineNamingTheProblem)
@@ -37,7 +41,7 @@ TEST(Options, ValuesReachTheSettingsInBothSpellings)
 {
     const ParsedOptions p = parse_options({"--scenario", "two-planes", "--field=30", "--declination", "+12.5",
                                            "--hard-iron", "-1,2.5,3", "--profile", "3", "--seed", "99",
-                                           "--fresh", "--replay", "r.csv", "--field", "65"});
+                                           "--fresh", "--rate", "100", "--field", "65"});
     ASSERT_TRUE(p.ok) << p.error;
     const Options &o = p.options;
     EXPECT_EQ(o.scenario.name, "two-planes");
@@ -46,8 +50,9 @@ TEST(Options, ValuesReachTheSettingsInBothSpellings)
     EXPECT_EQ(o.scenario.hard_iron_uT, (Vec3{-1, 2.5, 3}));
     EXPECT_TRUE(o.scenario.profile == 3 && o.scenario.seed == 99u);
     EXPECT_TRUE(o.fresh);
-    EXPECT_EQ(o.replay_path, "r.csv");
-    EXPECT_EQ(o.sandbox, "out/replay-sandbox") << "a replay must not empty the scenario runs' sandbox";
+    EXPECT_EQ(o.rate_hz, 100);
+    EXPECT_EQ(parse_options({"--replay", "r.csv"}).options.sandbox, "out/replay-sandbox")
+        << "a replay must not empty the scenario runs' sandbox";
     EXPECT_EQ(parse_options({}).options.scenario.name, "default") << "no arguments: the default scenario";
     EXPECT_EQ(parse_options({}).options.sandbox, "out/sandbox");
 }

@@ -1,5 +1,7 @@
 #include "tools/report.h"
 
+#include "service/kmxc_service.h"
+
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
@@ -46,22 +48,56 @@ std::string format_second_line(const SampleOutput &s)
     if (s.has_truth) {
         std::snprintf(b, sizeof b,
                       "t %5.1f s  heading true %3.0f int %3d | azimuth true %3.0f dbl %3d | pitch %4ld/%4d"
-                      " | roll %4ld/%4d | calib rc %2d status %d | offset err %5.1f uT  %s",
+                      " | roll %4ld/%4d | calib rc %2d status %d | offset err %5.1f uT | acc %d  %s",
                       t, s.truth.heading_int, s.heading_int, s.truth.azimuth_double, s.euler[0],
-                      std::lround(s.truth.pitch), s.euler[1], std::lround(s.truth.roll), s.euler[2], s.calib_rc, s.calib_status, offset_error_uT(s), s.phase);
+                      std::lround(s.truth.pitch), s.euler[1], std::lround(s.truth.roll), s.euler[2], s.calib_rc,
+                      s.calib_status, offset_error_uT(s), s.accuracy, s.phase);
     } else {
         std::snprintf(b, sizeof b,
                       "t %5.1f s  heading int %3d | azimuth dbl %3d | pitch %4d | roll %4d | calib rc %2d status %d"
-                      " | offset %d,%d,%d",
+                      " | offset %d,%d,%d | field %5.1f uT dip cos %5.2f | acc %d%s",
                       t, s.heading_int, s.euler[0], s.euler[1], s.euler[2], s.calib_rc, s.calib_status, s.offset[0],
-                      s.offset[1], s.offset[2]);
+                      s.offset[1], s.offset[2], s.strength_uT, s.dip_cos, s.accuracy, s.anomaly ? " anomaly" : "");
     }
     return b;
 }
 
+// Why the calibration refused the full batch this fed sample completed, or "" when
+// it did not complete or refuse one. (A batch refused at the eigenvalue floor leaves
+// no trace in the detail record and is not counted.)
+std::string refusal(const SampleOutput &s)
+{
+    if (!(s.flags & KMXC_SERVICE_FED) || s.calib_rc < 0 || is_new_offset(s.calib_rc)) return "";
+    if (s.ratio_min == 0 && s.ratio_mid == 0 && s.residual == 2147483647) return "";
+    char b[128];
+    if (s.residual == 2147483647)
+        std::snprintf(b, sizeof b, "spread along a line (ratios min %d mid %d /1024)", s.ratio_min, s.ratio_mid);
+    else
+        std::snprintf(b, sizeof b, "fit residual %d too large (ratios min %d mid %d /1024)", s.residual, s.ratio_min,
+                      s.ratio_mid);
+    return b;
+}
+
+void Report::set_saves(unsigned saves, unsigned failures, int rough_changes)
+{
+    summary_.saves = saves;
+    summary_.save_failures = failures;
+    summary_.rough_changes = rough_changes;
+}
+
 void Report::add(const SampleOutput &s)
 {
+    if (!samples_.empty() && s.accuracy >= 0 && s.accuracy <= 3)
+        summary_.accuracy_s[static_cast<size_t>(s.accuracy)] +=
+            static_cast<double>(s.time_us - samples_.back().time_us) / 1e6;
     samples_.push_back(s);
+    if (s.anomaly && !last_anomaly_) ++summary_.anomalies;
+    last_anomaly_ = s.anomaly != 0;
+    const std::string refused = refusal(s);
+    if (!refused.empty()) {
+        ++summary_.batches_refused;
+        if (!quiet_) out_ << "  t " << fmt("%5.1f", s.time_us / 1e6) << " s  batch refused: " << refused << '\n';
+    }
     Summary &m = summary_;
     m.samples = static_cast<int>(samples_.size());
     m.virtual_s = static_cast<double>(s.time_us) / 1e6;
@@ -88,15 +124,21 @@ void Report::add(const SampleOutput &s)
             still_since_us_ = s.time_us;
             still_ref_ = t;
         }
+        const bool heading_ok = (s.flags & KMXC_SERVICE_HEADING_VALID) != 0;
+        const bool azimuth_ok = (s.flags & KMXC_SERVICE_ORIENTATION_VALID) != 0;
+        const double ei = heading_difference(s.heading_int, t.heading_int);
+        const double ed = heading_difference(s.euler[0], t.azimuth_double);
         if (m.started_calibrated || m.first_3d_sample >= 0) {
-            const double ei = heading_difference(s.heading_int, t.heading_int);
-            const double ed = heading_difference(s.euler[0], t.azimuth_double);
-            m.heading_int.add(ei);
-            m.heading_double.add(ed);
+            if (heading_ok) m.heading_int.add(ei);
+            if (azimuth_ok) m.heading_double.add(ed);
             if (s.time_us - still_since_us_ >= 2000000) {
-                m.rest_int.add(ei);
-                m.rest_double.add(ed);
+                if (heading_ok) m.rest_int.add(ei);
+                if (azimuth_ok) m.rest_double.add(ed);
             }
+        }
+        if (azimuth_ok && s.accuracy >= KMXC_SERVICE_MEDIUM) {
+            ++m.trusted_samples;
+            if (std::fabs(ed) > kWrongDeg) ++m.trusted_wrong;
         }
     }
     if (!quiet_ && is_new_offset(s.calib_rc)) {
@@ -147,6 +189,16 @@ void Report::print_summary(const std::string &persisted) const
               << fmt("%.0f", m.rest_double.max_abs) << " deg\n";
         }
     }
+    o << "  seconds at accuracy       unreliable " << fmt("%.1f", m.accuracy_s[0]) << ", low "
+      << fmt("%.1f", m.accuracy_s[1]) << ", medium " << fmt("%.1f", m.accuracy_s[2]) << ", high "
+      << fmt("%.1f", m.accuracy_s[3]) << '\n';
+    if (m.trusted_samples > 0 && samples_.front().has_truth)
+        o << "  medium/high azimuth wrong " << m.trusted_wrong << " of " << m.trusted_samples << " samples ("
+          << fmt("%.1f", 100.0 * m.trusted_wrong / m.trusted_samples) << " %) more than " << fmt("%.0f", kWrongDeg)
+          << " deg off\n";
+    o << "  anomalies flagged         " << m.anomalies << "; batches refused " << m.batches_refused << '\n';
+    o << "  saves                     " << m.saves << " done, " << m.save_failures << " failed\n";
+    o << "  final accuracy            " << (samples_.empty() ? 0 : samples_.back().accuracy) << '\n';
     o << "  persisted                 " << persisted << '\n';
 }
 
@@ -159,11 +211,13 @@ bool Report::write_outputs(const std::string &path, std::string *error) const
     }
     // The library's outputs first; the truth after them (empty on replays).
     f << "time_us,ms_rc,gs_rc,calib_rc,calib_status,attitude_rc,heading_int,rotation_rc,azimuth,pitch,roll,"
-         "offset_x,offset_y,offset_z,true_heading_int,true_azimuth,true_pitch,true_roll,offset_error_uT,phase\n";
+         "offset_x,offset_y,offset_z,accuracy,anomaly,field_uT,dip_cos,"
+         "true_heading_int,true_azimuth,true_pitch,true_roll,offset_error_uT,phase\n";
     for (const SampleOutput &s : samples_)
         f << s.time_us << ',' << s.ms_rc << ',' << s.gs_rc << ',' << s.calib_rc << ',' << s.calib_status << ','
           << s.attitude_rc << ',' << s.heading_int << ',' << s.rotation_rc << ',' << s.euler[0] << ',' << s.euler[1]
           << ',' << s.euler[2] << ',' << s.offset[0] << ',' << s.offset[1] << ',' << s.offset[2] << ','
+          << s.accuracy << ',' << s.anomaly << ',' << fmt("%.2f", s.strength_uT) << ',' << fmt("%.3f", s.dip_cos) << ','
           << (s.has_truth ? fmt("%.3f", s.truth.heading_int) + ',' + fmt("%.3f", s.truth.azimuth_double) + ',' +
                                 fmt("%.3f", s.truth.pitch) + ',' + fmt("%.3f", s.truth.roll) + ',' +
                                 fmt("%.3f", offset_error_uT(s)) + ',' + s.phase
@@ -172,6 +226,41 @@ bool Report::write_outputs(const std::string &path, std::string *error) const
     f.flush();
     if (!f) {
         *error = "writing outputs file '" + path + "' failed";
+        return false;
+    }
+    return true;
+}
+
+bool Report::write_summary_json(const std::string &path, std::string *error) const
+{
+    const Summary &m = summary_;
+    auto num = [](double v, const char *f) { return std::isfinite(v) ? fmt(f, v) : std::string("null"); };
+    std::ostringstream j;
+    j << "{\n  \"samples\": " << m.samples << ",\n  \"virtual_s\": " << num(m.virtual_s, "%.3f")
+      << ",\n  \"started_calibrated\": " << (m.started_calibrated ? "true" : "false")
+      << ",\n  \"first_3d_s\": " << (m.first_3d_sample > 0 ? num(m.first_3d_s, "%.3f") : "null")
+      << ",\n  \"final_offset_error_uT\": "
+      << (m.final_offset_error_uT >= 0 ? num(m.final_offset_error_uT, "%.3f") : "null")
+      << ",\n  \"heading_rms_deg\": {\"integer\": " << num(m.heading_int.rms(), "%.3f")
+      << ", \"double\": " << num(m.heading_double.rms(), "%.3f") << ", \"samples\": " << m.heading_int.count << "}"
+      << ",\n  \"heading_rms_held_steady_deg\": {\"integer\": " << num(m.rest_int.rms(), "%.3f")
+      << ", \"double\": " << num(m.rest_double.rms(), "%.3f") << ", \"samples\": " << m.rest_int.count << "}"
+      << ",\n  \"seconds_at_accuracy\": {\"unreliable\": " << num(m.accuracy_s[0], "%.3f")
+      << ", \"low\": " << num(m.accuracy_s[1], "%.3f") << ", \"medium\": " << num(m.accuracy_s[2], "%.3f")
+      << ", \"high\": " << num(m.accuracy_s[3], "%.3f") << "}"
+      << ",\n  \"medium_high_samples\": " << m.trusted_samples
+      << ",\n  \"medium_high_wrong\": " << m.trusted_wrong
+      << ",\n  \"anomalies_flagged\": " << m.anomalies
+      << ",\n  \"batches_refused\": " << m.batches_refused
+      << ",\n  \"offsets_saved\": " << m.saves
+      << ",\n  \"save_failures\": " << m.save_failures
+      << ",\n  \"rough_offset_changes\": " << m.rough_changes
+      << ",\n  \"final_accuracy\": " << (samples_.empty() ? 0 : samples_.back().accuracy) << "\n}\n";
+    std::ofstream f(path);
+    f << j.str();
+    f.flush();
+    if (!f) {
+        *error = "writing summary file '" + path + "' failed";
         return false;
     }
     return true;

@@ -28,6 +28,14 @@ struct SampleOutput {
     bool has_truth = false;          // false on replays
     TrueAngles truth{};
     std::array<double, 3> true_offset{}; // counts
+    // The kit's judgement and the field diagnostics it works from (replays too).
+    int accuracy = 0;                // 0 unreliable .. 3 high
+    int anomaly = 0;                 // KMXC_SERVICE_ANOMALY_* causes in this sample
+    unsigned flags = 0;              // KMXC_SERVICE_* event flags
+    double strength_uT = 0;          // |field - offset|
+    double dip_cos = 0;              // cos of the angle between field and gravity
+    int ratio_min = 0, ratio_mid = 0; // the calibration's batch ratios (x1024)
+    int residual = 2147483647;       // and fit residual; 2147483647 while a batch fills
 };
 
 // A calibration return code that published a new offset: 63 or one with axis bits.
@@ -54,7 +62,19 @@ struct Summary {
     // The same, counting only samples of a phone held steady: the true attitude has
     // stayed within 8 degrees for the last 2 s (the heading smoother has settled).
     ErrorStats rest_int, rest_double;
+    // Virtual seconds spent at each accuracy (0 unreliable .. 3 high).
+    std::array<double, 4> accuracy_s{};
+    // Samples at medium or high accuracy with a valid azimuth, and those of them whose
+    // azimuth (double path) is more than kWrongDeg off the truth.
+    int trusted_samples = 0, trusted_wrong = 0;
+    int anomalies = 0;                    // anomaly episodes (a flagged sample after an unflagged one)
+    int batches_refused = 0;              // full batches the calibration refused
+    unsigned saves = 0, save_failures = 0;
+    int rough_changes = 0;
 };
+
+// An azimuth this far off the truth at medium or high accuracy counts as wrong.
+constexpr double kWrongDeg = 15.0;
 
 class Report {
 public:
@@ -68,6 +88,8 @@ public:
     void print_summary(const std::string &persisted) const;
     bool write_outputs(const std::string &path, std::string *error) const;
     bool write_plot(const std::string &path, const std::string &title, std::string *error) const;
+    bool write_summary_json(const std::string &path, std::string *error) const;
+    void set_saves(unsigned saves, unsigned failures, int rough_changes);
 
 private:
     std::ostream &out_;
@@ -77,6 +99,7 @@ private:
     int64_t next_line_us_ = 0;
     int64_t still_since_us_ = 0; // start of the current stretch at rest
     TrueAngles still_ref_{};      // attitude at its start
+    bool last_anomaly_ = false;
 };
 
 std::string format_second_line(const SampleOutput &s);

@@ -1,5 +1,7 @@
 #include "tools/report.h"
 
+#include "service/kmxc_service.h"
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -12,7 +14,8 @@ namespace {
 SampleOutput sample(int64_t t_us, int calib_rc, int heading, double true_heading)
 {
     return {.time_us = t_us, .calib_rc = calib_rc, .heading_int = heading, .euler = {heading, 0, 0}, .has_truth = true,
-            .truth = {true_heading, true_heading, 0, 0}};
+            .truth = {true_heading, true_heading, 0, 0},
+            .flags = KMXC_SERVICE_HEADING_VALID | KMXC_SERVICE_ORIENTATION_VALID};
 }
 
 TEST(Report, NewOffsetCodesAreRecognised)

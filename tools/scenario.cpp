@@ -38,7 +38,7 @@ double heading_of(double east, double north) { return wrap360(std::atan2(east, n
 
 const std::vector<std::string> &scenario_names()
 {
-    static const std::vector<std::string> names{"default", "planar", "two-planes", "magnet", "still"};
+    static const std::vector<std::string> names{"default", "planar", "two-planes", "magnet", "still", "slow"};
     return names;
 }
 
@@ -158,6 +158,13 @@ Scenario::Scenario(const ScenarioSettings &s) : settings_(s), rng_(s.seed)
         add(K::FigureEight, "figure-eight", 12, Pose{40, -30, 0});
         add(K::Move, "laid down", 1, flat);
         add(K::Hold, "on table", 3, flat);
+    } else if (s.name == "slow") {
+        // Turned slowly by hand through all its orientations (10 to 20 degrees per
+        // second): each batch of consecutive samples spans only a few degrees.
+        add(K::Hold, "on table", 3, flat);
+        add(K::Tumble, "turned slowly by hand", 60, flat);
+        add(K::Move, "laid down", 2, flat);
+        add(K::Hold, "on table", 3, flat);
     } else if (s.name == "still") {
         add(K::Hold, "on table", 20, flat);
     } else {
@@ -209,6 +216,13 @@ Pose Scenario::pose_at(double t, const Segment **seg_out, double *local_out) con
         const double k = ease((u / seg->duration_s - 0.4) / 0.2);
         return {a.heading_deg + k * (b.heading_deg - a.heading_deg),
                 b.pitch_deg + 3 * std::sin(2 * kPi * 2 * u), b.roll_deg + 3 * std::sin(2 * kPi * u)};
+    }
+    case Segment::Tumble: {
+        // Heading 9 degrees per second, pitch and roll swing slowly (up to 11 and 6
+        // degrees per second): about 15 degrees per second of turning in all.
+        const double k = std::min(u, 1.0); // eases in over the first second
+        return {a.heading_deg + 9 * u, a.pitch_deg - 70 * k * std::sin(2 * kPi * u / 40),
+                a.roll_deg + 50 * k * std::sin(2 * kPi * u / 55)};
     }
     case Segment::Spin: {
         // Turned at a steady rate, speeding up over the first second and slowing down

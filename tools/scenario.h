@@ -103,7 +103,7 @@ public:
 
 private:
     struct Segment {
-        enum Kind { Hold, Move, FigureEight, Walk, Spin } kind;
+        enum Kind { Hold, Move, FigureEight, Walk, Spin, Tumble } kind;
         const char *phase;
         double duration_s;
         Pose from, to;           // Move: eased interpolation from -> to

@@ -1,0 +1,210 @@
+/*
+ * Sensor-service kit: the reference integration of libkmxc_orvane.so, as a C library.
+ *
+ * A phone's sensor service calls three functions: kmxc_service_start() once, then
+ * kmxc_service_cycle() once per measurement, then kmxc_service_stop(). Each cycle
+ * yields one event in the units and conventions an Android sensor HAL reports:
+ * calibrated and uncalibrated magnetic field with its bias (uT), acceleration (m/s^2,
+ * gravity included), orientation (azimuth, pitch, roll in degrees), the integer
+ * heading, and one accuracy value 0..3 for all of them.
+ *
+ * What the kit does on the caller's behalf, in the library's required order:
+ *   start  KmxAxesLibInit, KmxAxesMsCalibInit, both driver inits; the rough offset
+ *          (stored one if valid, else measured, then stored); the stored magnetic and
+ *          gravity offsets, after checking that the calibration file is well formed
+ *          (an empty or garbled file is reset to its defaults, never trusted).
+ *   cycle  both measurements; the sample-feed gate; KmxAxesMsCalibUpdateDetail with the raw
+ *          (offset-free) magnetic vector; a new offset to the orientation library;
+ *          the attitude both ways; accuracy and field-anomaly checks; a rough-offset
+ *          change with the magnetic offset carried over when a channel leaves its
+ *          range; saving a confirmed offset that differs from the stored one.
+ *   stop   both driver terms (the last closes /dev/compass).
+ *
+ * Rules (the constants are below, named once):
+ *   Sample feed. The calibration fits batches of 16 samples and needs them spread
+ *     over the sphere the field traces. A sample is fed only when it lies at least
+ *     KMXC_SERVICE_FEED_MIN_CHANGE counts (12.8 uT, about 15 degrees of turning in a
+ *     48 uT field) from each of the last KMXC_SERVICE_FEED_GATE_HISTORY samples fed,
+ *     so a batch spans the same ground whatever the rate and however slowly the phone
+ *     turns; a phone lying still feeds nothing. A sample with a channel out of range
+ *     is never fed.
+ *   Accuracy. 0 (unreliable) until this run has a three-dimensional fit, or until
+ *     the stored offset is confirmed: KMXC_SERVICE_CONFIRM_SAMPLES fed samples whose
+ *     field strengths, with that offset removed, agree within
+ *     KMXC_SERVICE_AGREE_PERMILLE and lie within the Earth's range. A confirmed stored
+ *     offset gives 2 (medium). A 3-D fit whose batch agrees that closely with it gives
+ *     3 (high); one that agrees within KMXC_SERVICE_FIT_MEDIUM_PERMILLE gives 2; a fit
+ *     agreeing worse gives 1 (low) and is not saved. Once an offset is trusted, a new
+ *     3-D fit replaces it only if its batch agrees with it at least as well as with
+ *     the offset in use (otherwise the calibration is set back to the one in use).
+ *     Planar fits move the offset but neither raise the accuracy nor get saved.
+ *   Anomaly. With a reference (from the fit or the confirmation): strength outside
+ *     KMXC_SERVICE_FIELD_MIN_UT..KMXC_SERVICE_FIELD_MAX_UT gives 0; strength more than
+ *     KMXC_SERVICE_STRENGTH_TOLERANCE_PERMILLE from the reference, or the cosine of the
+ *     angle between field and gravity (the dip) more than
+ *     KMXC_SERVICE_DIP_COS_TOLERANCE_PERMILLE from the reference, gives at most 1. The
+ *     dip is judged only while the accelerometer reads 1 g within
+ *     KMXC_SERVICE_STEADY_GRAVITY_PERMILLE (no hand acceleration). The level climbs back
+ *     when no anomaly has been seen for KMXC_SERVICE_ANOMALY_CLEAR_MS, or at once when
+ *     a new 3-D fit replaces the offset (and the references).
+ *   Persistence. Saved: the offset of a 3-D fit whose batch agrees with it (accuracy
+ *     2 or 3), only when it differs from the stored one; the rough offset after a
+ *     change, with the stored magnetic offset carried over to it. Never saved: planar
+ *     offsets, offsets no agreeing 3-D fit produced, the gravity offset (its library
+ *     save path rewrites the file in place). Every save is read back; a failed save
+ *     is flagged (KMXC_SERVICE_SAVE_FAILED), counted, leaves the previous file (the
+ *     library's saves write a backup and rename it), and is tried again at the next
+ *     new offset. A file that no longer loads after a failure is reset to defaults.
+ *   Warm-up. The integer heading's smoother starts from 180 degrees and from no
+ *     history; for the first KMXC_SERVICE_WARMUP_CYCLES cycles with an attitude the
+ *     event's heading is -1. While the phone turns the smoother lags (about 18
+ *     degrees at 120 degrees per second at 10 Hz); the double path's azimuth (the
+ *     orientation) passes only the library's hold filter.
+ *   Rate. The caller declares its rate at start, KMXC_SERVICE_RATE_MIN_HZ ..
+ *     KMXC_SERVICE_RATE_MAX_HZ, and passes each cycle's timestamp; every window is in
+ *     time, not cycles. A magnetometer measurement waits 13 ms, so one cycle lasts at
+ *     least that: requested rates above 76 Hz run as fast as the chip allows.
+ *
+ * Limits: one instance, static state, no heap, no threads: call from one thread, one
+ * call at a time, and not alongside other users of libkmxc_orvane.so. Integer
+ * arithmetic except where float event fields are filled.
+ */
+#ifndef KMXC_SERVICE_H
+#define KMXC_SERVICE_H
+
+#include <stdint.h>
+
+#ifndef KMXC_SERVICE_API
+#define KMXC_SERVICE_API __attribute__((visibility("default")))
+#endif
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* ---- Constants -------------------------------------------------------------------- */
+
+/* Rates the kit serves, cycles per second. */
+#define KMXC_SERVICE_RATE_MIN_HZ 1
+#define KMXC_SERVICE_RATE_MAX_HZ 100
+/* Up-row y component (Q12) beyond which the integer heading follows the z axis
+ * instead of the y axis: sin(60 degrees). */
+#define KMXC_SERVICE_DIRECTION_THRESHOLD 3547
+/* Cycles with an attitude before the integer heading is reported. */
+#define KMXC_SERVICE_WARMUP_CYCLES 10
+/* Sample-feed gate: least distance (corrected counts, 0.4 uT each) of a fed sample
+ * from each of the last KMXC_SERVICE_FEED_GATE_HISTORY fed samples. */
+#define KMXC_SERVICE_FEED_MIN_CHANGE 32
+#define KMXC_SERVICE_FEED_GATE_HISTORY 4
+/* Fed samples kept for judging fits and stored offsets: one calibration batch. */
+#define KMXC_SERVICE_FEED_HISTORY 16
+/* Earth's field plausibility, uT (a field outside is an anomaly). */
+#define KMXC_SERVICE_FIELD_MIN_UT 10
+#define KMXC_SERVICE_FIELD_MAX_UT 100
+/* Agreement of a batch's field strengths with their mean (largest deviation, in
+ * thousandths of the mean) for a high-accuracy fit or a confirmed stored offset. */
+#define KMXC_SERVICE_AGREE_PERMILLE 40
+/* ... and for a medium-accuracy fit (worse: low, not saved). */
+#define KMXC_SERVICE_FIT_MEDIUM_PERMILLE 80
+/* Fed samples that must agree before a stored offset counts as confirmed. */
+#define KMXC_SERVICE_CONFIRM_SAMPLES 8
+/* Anomaly: strength this far from the reference (thousandths of it). */
+#define KMXC_SERVICE_STRENGTH_TOLERANCE_PERMILLE 150
+/* Anomaly: cosine of the field-gravity angle this far from the reference (x1000). */
+#define KMXC_SERVICE_DIP_COS_TOLERANCE_PERMILLE 120
+/* The dip is judged only while |gravity| is 1 g within this (thousandths). */
+#define KMXC_SERVICE_STEADY_GRAVITY_PERMILLE 60
+/* An anomaly clears after this long without one. */
+#define KMXC_SERVICE_ANOMALY_CLEAR_MS 1000
+/* Least time between two rough-offset changes. */
+#define KMXC_SERVICE_ROUGH_CHANGE_INTERVAL_MS 1000
+
+/* Accuracy values (Android's SENSOR_STATUS_*). */
+#define KMXC_SERVICE_UNRELIABLE 0
+#define KMXC_SERVICE_LOW 1
+#define KMXC_SERVICE_MEDIUM 2
+#define KMXC_SERVICE_HIGH 3
+
+/* Event flags: what happened in this cycle. */
+#define KMXC_SERVICE_MEASURED 0x0001      /* both measurements succeeded; fields valid */
+#define KMXC_SERVICE_FED 0x0002           /* the sample passed the gate to the calibration */
+#define KMXC_SERVICE_NEW_OFFSET 0x0004    /* the calibration published an offset */
+#define KMXC_SERVICE_FIT_3D 0x0008        /* ... from a three-dimensional fit */
+#define KMXC_SERVICE_ANOMALY 0x0010       /* a field anomaly was seen in this sample */
+#define KMXC_SERVICE_ROUGH_CHANGED 0x0020 /* the rough offset was changed, offset carried */
+#define KMXC_SERVICE_SAVED 0x0040         /* the calibration file was written and read back */
+#define KMXC_SERVICE_SAVE_FAILED 0x0080   /* a save failed; the previous file is kept */
+#define KMXC_SERVICE_CONFIRMED 0x0100     /* the stored offset was confirmed by the field */
+#define KMXC_SERVICE_HEADING_VALID 0x0200 /* heading_deg holds a heading (after warm-up) */
+#define KMXC_SERVICE_ORIENTATION_VALID 0x0400 /* orientation_deg holds angles */
+
+/* Anomaly causes (event.anomaly), bits. */
+#define KMXC_SERVICE_ANOMALY_RANGE 1    /* strength outside the Earth's range */
+#define KMXC_SERVICE_ANOMALY_STRENGTH 2 /* strength far from the reference */
+#define KMXC_SERVICE_ANOMALY_DIP 4      /* field-gravity angle far from the reference */
+
+/* ---- Records ---------------------------------------------------------------------- */
+
+/* What start found (filled by kmxc_service_start). */
+typedef struct KmxcServiceStart {
+    uint8_t rough[3];        /* rough offset written to the chip, channels 0..2 */
+    uint8_t rough_measured;  /* 1 measured now, 0 taken from the file */
+    uint8_t offset_loaded;   /* 1 a valid stored magnetic offset was loaded (unconfirmed) */
+    uint8_t file_repaired;   /* 1 the calibration file was empty or garbled and reset */
+    int32_t offset[3];       /* the magnetic offset in use, counts */
+} KmxcServiceStart;
+
+/* One cycle's event. Float fields are valid when their flag says so. */
+typedef struct KmxcServiceEvent {
+    uint64_t time_us;            /* the caller's timestamp of the cycle */
+    float magnetic_uT[3];        /* calibrated field, device axes (x right, y up, z out) */
+    float uncalibrated_uT[3];    /* field before the offset is removed */
+    float bias_uT[3];            /* the offset; magnetic = uncalibrated - bias */
+    float acceleration_ms2[3];   /* gravity included; +9.8 on z lying face up */
+    float orientation_deg[3];    /* azimuth 0..359 (magnetic), pitch -180..179, roll -90..90 */
+    int16_t heading_deg;         /* integer path 0..359; -1 during warm-up or failure */
+    int8_t accuracy;             /* KMXC_SERVICE_UNRELIABLE .. KMXC_SERVICE_HIGH */
+    uint8_t anomaly;             /* KMXC_SERVICE_ANOMALY_* causes seen in this sample */
+    uint16_t flags;              /* KMXC_SERVICE_* event flags */
+    int8_t ms_result;            /* KmxAxesDrvMsMeasure: 0, 1..7 out of range, < 0 failed */
+    int8_t gs_result;            /* KmxAxesDrvGsMeasure */
+    int8_t calib_result;         /* KmxAxesMsCalibUpdate, 0 when the sample was not fed */
+    int8_t calib_status;         /* KmxAxesMsCalibGetStatus */
+    int16_t calib_ratio_min;     /* batch ratios and fit residual of a fed sample: the */
+    int16_t calib_ratio_mid;     /*   KmxAxesMsCalibDetail record (0, 0, 2147483647 */
+    int32_t calib_residual;      /*   while the batch fills) */
+    int16_t raw_ms[3];           /* the magnetometer's raw channels (11 bit) */
+    int16_t raw_temperature;     /* the magnetometer's raw temperature */
+    int16_t raw_gs[3];           /* the accelerometer's counts */
+    uint8_t rough[3];            /* the rough offset in use */
+    int32_t ms[3];               /* corrected magnetic vector, counts (0.4 uT) */
+    int32_t gs[3];               /* gravity vector, 1/4096 g */
+    int32_t offset[3];           /* the magnetic offset in use, counts */
+    int32_t strength_centi_uT;   /* |ms - offset| in 1/100 uT */
+    int32_t dip_cos_permille;    /* 1000 cos(angle between field and gravity) */
+    uint32_t saves;              /* successful saves so far */
+    uint32_t save_failures;      /* failed saves so far */
+} KmxcServiceEvent;
+
+/* ---- Functions -------------------------------------------------------------------
+ * kmxc_service_start(rate_hz, start)   start may be null
+ *     0   started
+ *    -1   rate outside KMXC_SERVICE_RATE_MIN_HZ..KMXC_SERVICE_RATE_MAX_HZ (nothing done)
+ *    -2   magnetometer start failed     -3  accelerometer start failed
+ *    -4   the rough offset could not be written
+ *    -5   already started
+ * kmxc_service_cycle(time_us, event)   timestamps must not decrease
+ *     0   event filled (check its flags: a failed measurement is reported there)
+ *    -1   not started, or event is null
+ * kmxc_service_stop()
+ *     0   stopped; -1 not started
+ */
+KMXC_SERVICE_API int32_t kmxc_service_start(uint32_t rate_hz, KmxcServiceStart *start);
+KMXC_SERVICE_API int32_t kmxc_service_cycle(uint64_t time_us, KmxcServiceEvent *event);
+KMXC_SERVICE_API int32_t kmxc_service_stop(void);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* KMXC_SERVICE_H */
