@@ -26,6 +26,8 @@
 #include <string>
 #include <vector>
 
+#include "service/kmxc_service.h"
+
 namespace compass {
 
 using Vec3 = std::array<double, 3>;
@@ -75,8 +77,9 @@ struct TrueAngles {
     double roll;           // -asin(up.x)
 };
 
-// Up-row y component (Q12) beyond which the integer heading uses the z axis.
-constexpr int kDirectionThreshold = 3547; // sin(60 degrees) in Q12
+// Up-row y component (Q12) beyond which the integer heading uses the z axis: the
+// threshold the kit passes to the library.
+constexpr int kDirectionThreshold = KMXC_SERVICE_DIRECTION_THRESHOLD;
 
 const std::vector<std::string> &scenario_names();
 bool is_scenario_name(const std::string &name);
