@@ -295,7 +295,7 @@ void on_fit(const KmxAxesData &o, KmxcServiceEvent *e)
     g_state.offset_trusted = true;
     g_state.stored_pending = false;
     set_reference(a);
-    if (agrees && !same(o, g_state.stored)) g_state.save_pending = true;
+    if (agrees) g_state.save_pending = true; // saved in the cycle when it differs from the stored one
     (void)e;
 }
 
