@@ -142,6 +142,10 @@ ssize_t fail(Event e, int error) {
 
 void attach(int address, BusDevice *device) { state().devices[address] = device; }
 void detach(int address) { state().devices.erase(address); }
+BusDevice *attached(int address) {
+    const auto it = state().devices.find(address);
+    return it == state().devices.end() ? nullptr : it->second;
+}
 
 int ScriptedDevice::write(const uint8_t *data, size_t length) {
     if (write_error != 0) return -write_error;

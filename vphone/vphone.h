@@ -53,6 +53,8 @@ public:
 // ownership. Transfers to an address with nothing attached fail with ENXIO.
 void attach(int address, BusDevice *device);
 void detach(int address);
+// The device attached at an address, or null.
+BusDevice *attached(int address);
 
 // Records every write and answers each read from a queue of scripted answers: one
 // read() takes one queued answer and delivers min(answer size, length) bytes (a
