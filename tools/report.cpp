@@ -270,45 +270,75 @@ bool Report::write_plot(const std::string &path, const std::string &title, std::
 {
     std::string quoted; // gnuplot doubles a quote inside a single-quoted string
     for (char c : path) quoted += (c == '\'' ? std::string("''") : std::string(1, c));
-    std::ostringstream g;
-    g << "set terminal pngcairo size 1100,600 font 'sans,10'\n"
-      << "set output '" << quoted << "'\n"
-      << "set title \"" << title << "\"\n"
-      << "set xlabel 'virtual time (s)'\n"
-      << "set ylabel 'heading error (degrees)'\n"
-      << "set y2label 'offset error (uT)'\n"
-      << "set yrange [-40:40]\nset ytics nomirror\nset y2tics\nset y2range [0:*]\n"
-      << "set grid\nset key top right box opaque\n";
     const bool truth = !samples_.empty() && samples_.front().has_truth;
-    for (const SampleOutput &s : samples_) {
-        if (!is_new_offset(s.calib_rc)) continue;
+    std::ostringstream g;
+    // Two panels: errors (or headings, on replays) above, the kit's accuracy below;
+    // calibrations, rough-offset changes and anomalies marked in both; the legend
+    // below the plots, off the data; heading errors autoscaled, never clipped.
+    g << "set terminal pngcairo size 1100,760 font 'sans,10'\n"
+      << "set output '" << quoted << "'\n"
+      << "set multiplot title \"" << title << "\"\n"
+      << "set lmargin 10\nset rmargin 10\nset grid\n"
+      << "set key outside bottom center horizontal box\n";
+    const double end_s = samples_.empty() ? 0.0 : static_cast<double>(samples_.back().time_us) / 1e6;
+    g << "set xrange [0:" << end_s << "]\n";
+    for (size_t i = 0; i < samples_.size(); ++i) {
+        const SampleOutput &s = samples_[i];
         const double t = static_cast<double>(s.time_us) / 1e6;
-        g << "set arrow from " << t << ", graph 0 to " << t << ", graph 1 nohead dt 2 lc rgb '"
-          << (is_three_d(s.calib_rc) ? "#c00000" : "#2060c0") << "'\n";
+        const char *colour = nullptr;
+        if (is_new_offset(s.calib_rc)) colour = is_three_d(s.calib_rc) ? "#c00000" : "#2060c0";
+        else if (s.flags & KMXC_SERVICE_ROUGH_CHANGED) colour = "#8000a0";
+        else if (s.anomaly && (i == 0 || !samples_[i - 1].anomaly)) colour = "#e0a000";
+        if (colour)
+            g << "set arrow from " << t << ", graph 0 to " << t << ", graph 1 nohead dt 2 lc rgb '" << colour << "'\n";
+    }
+    // Phase names at the top of the upper panel, where each phase begins.
+    if (truth) {
+        std::string phase;
+        for (const SampleOutput &s : samples_)
+            if (phase != s.phase) {
+                phase = s.phase;
+                g << "set label '" << phase << "' at " << static_cast<double>(s.time_us) / 1e6
+                  << ", graph 0.99 rotate by 90 right front offset 0.8,0 font 'sans,8' tc rgb '#606060'\n";
+            }
     }
     g << "$data << EOD\n";
     for (const SampleOutput &s : samples_) {
         const double t = static_cast<double>(s.time_us) / 1e6;
+        const std::string hi = (s.flags & KMXC_SERVICE_HEADING_VALID) ? std::string() : "NaN";
         if (truth)
-            g << t << ' ' << heading_difference(s.heading_int, s.truth.heading_int) << ' '
-              << heading_difference(s.euler[0], s.truth.azimuth_double) << ' ' << offset_error_uT(s) << '\n';
+            g << t << ' ' << (hi.empty() ? fmt("%.2f", heading_difference(s.heading_int, s.truth.heading_int)) : hi)
+              << ' ' << heading_difference(s.euler[0], s.truth.azimuth_double) << ' ' << offset_error_uT(s) << ' '
+              << s.accuracy << '\n';
         else
-            g << t << ' ' << s.heading_int << ' ' << s.euler[0] << " 0\n";
+            g << t << ' ' << (hi.empty() ? std::to_string(s.heading_int) : hi) << ' ' << s.euler[0] << ' '
+              << s.strength_uT << ' ' << s.accuracy << '\n';
     }
     g << "EOD\n";
+    const std::string marks = "NaN with lines dt 2 lc rgb '#c00000' title '3-D calibration', "
+                              "NaN with lines dt 2 lc rgb '#2060c0' title 'planar calibration', "
+                              "NaN with lines dt 2 lc rgb '#8000a0' title 'rough offset changed', "
+                              "NaN with lines dt 2 lc rgb '#e0a000' title 'anomaly flagged'";
+    g << "set size 1,0.68\nset origin 0,0.32\nset xlabel ''\nset ytics nomirror\nset y2tics\n";
     if (truth) {
-        g << "plot $data using 1:2 with lines lc rgb '#e08000' title 'heading error, integer path', "
-             "$data using 1:3 with lines lc rgb '#008060' title 'heading error, double path', "
-             "$data using 1:4 axes x1y2 with lines lw 2 lc rgb '#000000' title 'offset error (right axis)', "
-             "NaN with lines dt 2 lc rgb '#c00000' title '3-D calibration (63)', "
-             "NaN with lines dt 2 lc rgb '#2060c0' title 'planar calibration'\n";
+        g << "set ylabel 'heading error (degrees)'\nset y2label 'offset error (uT)'\nset autoscale y\n"
+             "set y2range [0:*]\n"
+             "plot $data using 1:2 with lines lc rgb '#e08000' title 'heading error, integer path', "
+             "$data using 1:3 with lines lc rgb '#008060' title 'azimuth error, double path', "
+             "$data using 1:4 axes x1y2 with lines lw 2 lc rgb '#000000' title 'offset error (right axis)'\n";
     } else {
-        g << "set ylabel 'heading (degrees)'\nset yrange [0:360]\nunset y2label\nunset y2tics\n"
+        g << "set ylabel 'heading (degrees)'\nset yrange [0:360]\nset y2label 'field strength (uT)'\n"
+             "set y2range [0:*]\n"
              "plot $data using 1:2 with lines title 'heading, integer path', "
              "$data using 1:3 with lines title 'azimuth, double path', "
-             "NaN with lines dt 2 lc rgb '#c00000' title '3-D calibration (63)', "
-             "NaN with lines dt 2 lc rgb '#2060c0' title 'planar calibration'\n";
+             "$data using 1:4 axes x1y2 with lines lc rgb '#000000' title 'field strength (right axis)'\n";
     }
+    g << "unset label\nset size 1,0.32\nset origin 0,0\nset bmargin 6\nset xlabel 'virtual time (s)' offset 0,0.4\n"
+         "set ylabel 'accuracy'\nset key outside bottom center horizontal box\n"
+         "set yrange [-0.3:3.3]\nset ytics ('unreliable' 0, 'low' 1, 'medium' 2, 'high' 3)\n"
+         "unset y2tics\nunset y2label\n"
+         "plot $data using 1:5 with steps lw 2 lc rgb '#2060c0' title 'accuracy', "
+      << marks << "\nunset multiplot\n";
     if (!std::ofstream(path)) {
         *error = "cannot write plot file '" + path + "'";
         return false;
