@@ -6,7 +6,8 @@ set -euo pipefail
 packages=(
   cmake ninja-build g++ clang            # toolchain
   libgtest-dev libgmock-dev libbenchmark-dev   # tests and benchmarks
-  android-liblog-dev                     # the Android logging library the library links
+  "android-liblog-dev:$(dpkg --print-architecture)"  # the Android logging library the library links
+                                         # (the native one: an :armel copy alone does not do)
   binutils                               # readelf/nm for the contract checks
   gnuplot-nox                            # the demo's plot
 )
