@@ -238,6 +238,19 @@ TEST(CompassService, SecondRunWithTheSameSandboxStartsFromTheStoredOffsets)
         << cfg;
 }
 
+TEST(CompassService, AGarbledCalibrationFileIsResetAndSaidSo)
+{
+    // Letters load as offsets 0,0,0 under the file's rules; the kit must not use them.
+    const std::string d = dir_for("garbled");
+    fs::create_directories(d + "/phone/misc/sensor");
+    std::ofstream(d + "/phone/misc/sensor/kmxc_orvane.cfg") << "calibrated!";
+    const Result r = run(d, {"--sandbox", d + "/phone", "--quiet", "--scenario", "still"});
+    ASSERT_EQ(r.exit_code, 0) << r.err;
+    EXPECT_NE(r.out.find("measured; no stored magnetic offset; the calibration file was empty or garbled and was reset"),
+              std::string::npos)
+        << r.out;
+}
+
 TEST(CompassService, BadInputGetsOneLineAndANonZeroExit)
 {
     const std::string d = dir_for("bad");
@@ -256,6 +269,9 @@ TEST(CompassService, BadInputGetsOneLineAndANonZeroExit)
          "cannot write '"},
         {"record file cannot be written", {"--sandbox", d + "/phone", "--record", d + "/no/such/dir/r.csv"},
          "cannot write record file"},
+        {"replay with a scenario option", {"--replay", d + "/short-row.csv", "--scenario", "slow"},
+         "--scenario and --replay cannot be combined"},
+        {"rate the kit cannot serve", {"--rate", "200"}, "--rate: 200 is outside 1..100"},
     };
     for (const auto &c : cases) {
         const Result r = run(d, c.args);
