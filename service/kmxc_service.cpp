@@ -383,7 +383,8 @@ int32_t kmxc_service_start(uint32_t rate_hz, KmxcServiceStart *start)
     if (!use_stored) save_rough(g_state.rough);
 
     // 3. Stored offsets. The magnetic one is used at once but trusted only once the
-    // live field confirms it (or a fit replaces it).
+    // live field confirms it (or a fit replaces it); it belongs to the stored rough
+    // offset, so it is ignored when a new rough offset had to be measured.
     int32_t ms[3];
     bool loaded = false;
     if (msmachdep_LoadMsOffset(ms) == 0) {

@@ -46,7 +46,8 @@
  *     dip is judged only while the accelerometer reads 1 g within
  *     KMXC_SERVICE_STEADY_GRAVITY_PERMILLE (no hand acceleration). The level climbs back
  *     when no anomaly has been seen for KMXC_SERVICE_ANOMALY_CLEAR_MS, or at once when
- *     a new 3-D fit replaces the offset (and the references).
+ *     a new 3-D fit replaces the offset (and the references). A disturbance that keeps
+ *     both the strength and the dip while it turns the field is not seen.
  *   Persistence. Saved: the offset of a 3-D fit whose batch agrees with it (accuracy
  *     2 or 3), only when it differs from the stored one; the rough offset after a
  *     change, with the stored magnetic offset carried over to it. Never saved: planar
@@ -55,9 +56,11 @@
  *     is flagged (KMXC_SERVICE_SAVE_FAILED), counted, leaves the previous file (the
  *     library's saves write a backup and rename it), and is tried again at the next
  *     new offset. A file that no longer loads after a failure is reset to defaults.
- *   Warm-up. The integer heading's smoother starts from 180 degrees and from no
- *     history; for the first KMXC_SERVICE_WARMUP_CYCLES cycles with an attitude the
- *     event's heading is -1. While the phone turns the smoother lags (about 18
+ *   Warm-up. The integer heading's smoother starts from 180 degrees when the library
+ *     is loaded and keeps its history across restarts; for the first
+ *     KMXC_SERVICE_WARMUP_CYCLES cycles with an attitude the event's heading is -1.
+ *     (Restarted facing 170 degrees away, the smoothed heading is within 1 degree of
+ *     the unsmoothed one after 5 cycles; 10 leaves room for noise.) While the phone turns the smoother lags (about 18
  *     degrees at 120 degrees per second at 10 Hz); the double path's azimuth (the
  *     orientation) passes only the library's hold filter.
  *   Rate. The caller declares its rate at start, KMXC_SERVICE_RATE_MIN_HZ ..
