@@ -37,7 +37,9 @@
  *     agreeing worse gives 1 (low) and is not saved. Once an offset is trusted, a new
  *     3-D fit replaces it only if its batch agrees with it at least as well as with
  *     the offset in use (otherwise the calibration is set back to the one in use).
- *     Planar fits move the offset but neither raise the accuracy nor get saved.
+ *     Planar fits move the offset but neither raise the accuracy nor get saved. The
+ *     calibration's own status is left as the library keeps it (0 after a load, 7
+ *     after a 3-D fit): the accuracy, not the status, says whether to trust the offset.
  *   Anomaly. With a reference (from the fit or the confirmation): strength outside
  *     KMXC_SERVICE_FIELD_MIN_UT..KMXC_SERVICE_FIELD_MAX_UT gives 0; strength more than
  *     KMXC_SERVICE_STRENGTH_TOLERANCE_PERMILLE from the reference, or the cosine of the
