@@ -19,6 +19,9 @@ constexpr int32_t kUnknownOffset = 2147483647; // the file's "not known" magneti
 // Corrected magnetometer counts per microtesla: 0.4 uT per count.
 constexpr int32_t kCountsPer10uT = 25;
 constexpr int32_t kGravityCounts = 4096; // 1 g
+// The calibration's other two thresholds stay at the library's defaults.
+constexpr int16_t kRatioMidThreshold = 96;
+constexpr int32_t kResidualThreshold = 0x200000;
 
 struct Vec {
     int32_t x, y, z;
@@ -357,6 +360,11 @@ int32_t kmxc_service_start(uint32_t rate_hz, KmxcServiceStart *start)
     // 1. Library state, then both drivers.
     KmxAxesLibInit();
     KmxAxesMsCalibInit();
+    // A batch of a slow turn often spreads just short of the library's default for
+    // a three-dimensional fit; the kit accepts a little less, because it judges
+    // every fit by its batch's strengths before trusting or saving it.
+    KmxAxesMsCalibThreshold threshold{KMXC_SERVICE_RATIO_MIN_THRESHOLD, kRatioMidThreshold, kResidualThreshold};
+    KmxAxesMsCalibSetThreshold(&threshold);
     if (KmxAxesDrvMsInit() != 0) return -2;
     if (KmxAxesDrvGsInit() != 0) {
         KmxAxesDrvMsTerm();

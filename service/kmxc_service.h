@@ -27,7 +27,9 @@
  *     48 uT field) from each of the last KMXC_SERVICE_FEED_GATE_HISTORY samples fed,
  *     so a batch spans the same ground whatever the rate and however slowly the phone
  *     turns; a phone lying still feeds nothing. A sample with a channel out of range
- *     is never fed.
+ *     is never fed. A batch counts as three-dimensional from
+ *     KMXC_SERVICE_RATIO_MIN_THRESHOLD (a little below the library's default: slow
+ *     turns often fall just short of it, and the kit checks every fit itself).
  *   Accuracy. 0 (unreliable) until this run has a three-dimensional fit, or until
  *     the stored offset is confirmed: KMXC_SERVICE_CONFIRM_SAMPLES fed samples whose
  *     field strengths, with that offset removed, agree within
@@ -101,6 +103,9 @@ extern "C" {
  * from each of the last KMXC_SERVICE_FEED_GATE_HISTORY fed samples. */
 #define KMXC_SERVICE_FEED_MIN_CHANGE 32
 #define KMXC_SERVICE_FEED_GATE_HISTORY 4
+/* The calibration's three-dimensional threshold as the kit sets it: the smallest
+ * scatter eigenvalue above this many 1024ths of the largest (library default 64). */
+#define KMXC_SERVICE_RATIO_MIN_THRESHOLD 48
 /* Fed samples kept for judging fits and stored offsets: one calibration batch. */
 #define KMXC_SERVICE_FEED_HISTORY 16
 /* Earth's field plausibility, uT (a field outside is an anomaly). */

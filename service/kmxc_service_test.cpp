@@ -127,7 +127,7 @@ TEST_F(Kit, DefaultHandlingFitsInThreeDimensionsWithin20SecondsAtEveryRate) {
 }
 
 TEST_F(Kit, SlowHandTurningFitsWithin30SecondsAtEveryRate) {
-    for (int rate : {10, 20, 100}) {
+    for (int rate : {10, 20, 50, 100}) {
         SCOPED_TRACE(rate);
         vphone::remove_file(kCfg);
         const Trace r = run(scenario("slow"), rate, 40);

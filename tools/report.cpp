@@ -211,13 +211,14 @@ bool Report::write_outputs(const std::string &path, std::string *error) const
     }
     // The library's outputs first; the truth after them (empty on replays).
     f << "time_us,ms_rc,gs_rc,calib_rc,calib_status,attitude_rc,heading_int,rotation_rc,azimuth,pitch,roll,"
-         "offset_x,offset_y,offset_z,accuracy,anomaly,field_uT,dip_cos,"
+         "offset_x,offset_y,offset_z,accuracy,anomaly,field_uT,dip_cos,fed,ratio_min,ratio_mid,residual,"
          "true_heading_int,true_azimuth,true_pitch,true_roll,offset_error_uT,phase\n";
     for (const SampleOutput &s : samples_)
         f << s.time_us << ',' << s.ms_rc << ',' << s.gs_rc << ',' << s.calib_rc << ',' << s.calib_status << ','
           << s.attitude_rc << ',' << s.heading_int << ',' << s.rotation_rc << ',' << s.euler[0] << ',' << s.euler[1]
           << ',' << s.euler[2] << ',' << s.offset[0] << ',' << s.offset[1] << ',' << s.offset[2] << ','
           << s.accuracy << ',' << s.anomaly << ',' << fmt("%.2f", s.strength_uT) << ',' << fmt("%.3f", s.dip_cos) << ','
+          << ((s.flags & KMXC_SERVICE_FED) ? 1 : 0) << ',' << s.ratio_min << ',' << s.ratio_mid << ',' << s.residual << ','
           << (s.has_truth ? fmt("%.3f", s.truth.heading_int) + ',' + fmt("%.3f", s.truth.azimuth_double) + ',' +
                                 fmt("%.3f", s.truth.pitch) + ',' + fmt("%.3f", s.truth.roll) + ',' +
                                 fmt("%.3f", offset_error_uT(s)) + ',' + s.phase
