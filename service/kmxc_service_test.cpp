@@ -127,10 +127,15 @@ TEST_F(Kit, DefaultHandlingFitsInThreeDimensionsWithin20SecondsAtEveryRate) {
 }
 
 TEST_F(Kit, SlowHandTurningFitsWithin30SecondsAtEveryRate) {
-    for (int rate : {10, 20, 50, 100}) {
-        SCOPED_TRACE(rate);
+    // Seeds whose first slow batch spreads just short of the library's own
+    // three-dimensional threshold at 50 and 100 Hz.
+    const struct { int rate; uint32_t seed; } cases[] = {{10, 1}, {20, 1}, {50, 2}, {100, 4}};
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.rate);
         vphone::remove_file(kCfg);
-        const Trace r = run(scenario("slow"), rate, 40);
+        ScenarioSettings s = scenario("slow");
+        s.seed = c.seed;
+        const Trace r = run(s, c.rate, 40);
         EXPECT_GT(r.first_fit_s, 0) << "no 3-D fit";
         EXPECT_LE(r.first_fit_s, 30.0);
     }
