@@ -9,11 +9,15 @@ packages=(
   android-liblog-dev                     # the Android logging library the library links
   binutils                               # readelf/nm for the contract checks
   gnuplot-nox                            # the demo's plot
+  pkgconf dpkg-dev                       # install test (pkg-config), packages (dpkg-architecture)
 )
 
+# Asked for the build machine's architecture: a foreign-architecture copy (the armel
+# liblog of the cross build, say) does not count.
+arch=$(dpkg --print-architecture)
 missing=()
 for p in "${packages[@]}"; do
-  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
+  dpkg-query -W -f='${Status}' "$p:$arch" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
 done
 [ ${#missing[@]} -eq 0 ] && exit 0
 

@@ -63,7 +63,8 @@ std::string usage_text()
          "  --outputs FILE         write every sample's library outputs to FILE (CSV)\n"
          "  --plot FILE            draw heading and offset error over time to FILE (PNG)\n"
          "  --quiet                print the summary only\n"
-         "  --help                 this text\n";
+         "  --help                 this text\n"
+         "  --version              the version of the tools and the library\n";
     return u.str();
 }
 
@@ -137,7 +138,7 @@ ParsedOptions parse_options(const std::vector<std::string> &args)
         {"--outputs", [&](auto &opt, auto &v) { path(opt, v, &o.outputs_path); }},
         {"--plot", [&](auto &opt, auto &v) { path(opt, v, &o.plot_path); }},
     };
-    const std::map<std::string, bool *> flags{{"--fresh", &o.fresh}, {"--quiet", &o.quiet}, {"--help", &o.help}};
+    const std::map<std::string, bool *> flags{{"--fresh", &o.fresh}, {"--quiet", &o.quiet}, {"--help", &o.help}, {"--version", &o.version}};
 
     for (size_t i = 0; i < args.size() && err.empty(); ++i) {
         std::string opt = args[i], value;
