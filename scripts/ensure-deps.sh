@@ -12,12 +12,13 @@ packages=(
   pkgconf dpkg-dev                       # install test (pkg-config), packages (dpkg-architecture)
 )
 
-# Asked for the build machine's architecture: a foreign-architecture copy (the armel
-# liblog of the cross build, say) does not count.
+# Installed for the build machine's architecture (or for all): a foreign-architecture
+# copy (the armel liblog of the cross build, say) does not count.
 arch=$(dpkg --print-architecture)
 missing=()
 for p in "${packages[@]}"; do
-  dpkg-query -W -f='${Status}' "$p:$arch" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
+  status=$(dpkg-query -W -f='${Status} ${Architecture}\n' "$p" 2>/dev/null || true)
+  grep -Eq "^install ok installed ($arch|all)$" <<<"$status" || missing+=("$p")
 done
 [ ${#missing[@]} -eq 0 ] && exit 0
 
