@@ -26,15 +26,17 @@ execute_process(COMMAND ${DPKG_ARCHITECTURE} -t ${CMAKE_LIBRARY_ARCHITECTURE} -q
   OUTPUT_VARIABLE KMXC_DEB_ARCH OUTPUT_STRIP_TRAILING_WHITESPACE ERROR_QUIET COMMAND_ERROR_IS_FATAL ANY)
 set(CPACK_DEBIAN_PACKAGE_ARCHITECTURE ${KMXC_DEB_ARCH})
 
-# Dependencies are declared, not bundled. liblog comes from Debian's android-liblog
-# (the runtime package of android-liblog-dev); the library reaches it through its
-# RUNPATH (/usr/lib/<multiarch>/android), so it needs no copy of its own.
+# Dependencies are declared, not bundled. dpkg-shlibdeps derives them from what the
+# binaries load, for the package's architecture: Debian's android-liblog for liblog
+# (which the library reaches through its RUNPATH, /usr/lib/<multiarch>/android), libc6,
+# and on armel libgcc-s1 for the soft-float and division helpers. Only the packages'
+# dependencies on each other are written here.
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(KMXC_DEB_RUNTIME_NAME libkmxc-orvane)
 set(KMXC_DEB_EXACT "${KMXC_DEB_RUNTIME_NAME} (= ${PROJECT_VERSION}-${CPACK_DEBIAN_PACKAGE_RELEASE})")
 
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME ${KMXC_DEB_RUNTIME_NAME})
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
-set(CPACK_DEBIAN_RUNTIME_PACKAGE_DEPENDS "libc6, android-liblog")
 set(CPACK_DEBIAN_RUNTIME_DESCRIPTION "electronic compass library for phones without an FPU (runtime)
 libkmxc_orvane.so drives a three-axis magnetometer and an SMB380 accelerometer
 behind /dev/compass, calibrates the magnetometer's offset from ordinary
@@ -53,7 +55,7 @@ kmxc_orvane.pc and kmxc_service.pc, and the CMake package
 
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME kmxc-orvane-tools)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION devel)
-set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "${KMXC_DEB_EXACT}, libc6, libstdc++6, libgcc-s1")
+set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "${KMXC_DEB_EXACT}")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_RECOMMENDS "gnuplot-nox") # compass_service --plot
 set(CPACK_DEBIAN_TOOLS_DESCRIPTION "electronic compass library - virtual phone and replay tools
 compass_service plays a phone's sensor service against the library on a
