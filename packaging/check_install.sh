@@ -53,13 +53,17 @@ read -r -a extra <<<"$cflags"
 "$cc" "${extra[@]}" -std=c11 -Wall -Wextra -Werror -pedantic -o "$work/consumer_pkgconfig" \
   "$consumers/consumer.c" "${pc_flags[@]}" -Wl,-rpath,"$pc_libdir" || fail "pkg-config consumer does not build"
 expect_run pkgconfig "$work/consumer_pkgconfig"
-if "$pkg_config" --exists kmxc_service 2>/dev/null || [ -f "$prefix/$libdir/libkmxc_service.so" ]; then
-  "$pkg_config" --cflags --libs kmxc_service >/dev/null || fail "kmxc_service.pc does not resolve"
+# The service kit, when the tree has one: its .pc brings the library's flags along.
+have_kit=no
+if [ -f "$prefix/$libdir/libkmxc_service.so" ]; then
+  have_kit=yes
+  kit_flags=$("$pkg_config" --cflags --libs kmxc_service) || fail "kmxc_service.pc does not resolve"
+  [[ $kit_flags == *-lkmxc_service*-lkmxc_orvane* ]] || fail "kmxc_service.pc gives '$kit_flags'"
 fi
 
 # 2. find_package, with only the scratch prefix to search.
 cmake_args=(-S "$consumers/find_package" -B "$work/consumer-cmake" -G Ninja -DCMAKE_C_COMPILER="$cc"
-  -DCMAKE_C_FLAGS="$cflags" -DCMAKE_PREFIX_PATH="$prefix" -DKMXC_EXPECT_VERSION="$version"
+  -DCMAKE_C_FLAGS="$cflags" -DCMAKE_PREFIX_PATH="$prefix" -DKMXC_EXPECT_VERSION="$version" -DKMXC_EXPECT_KIT=$have_kit
   -DCMAKE_FIND_USE_PACKAGE_REGISTRY=OFF)
 # A cross toolchain confines package searches to its root; add the scratch prefix to it.
 [ -n "$toolchain" ] && cmake_args+=(-DCMAKE_TOOLCHAIN_FILE="$toolchain" -DCMAKE_FIND_ROOT_PATH="$prefix")
