@@ -65,8 +65,7 @@ fi
 cmake_args=(-S "$consumers/find_package" -B "$work/consumer-cmake" -G Ninja -DCMAKE_C_COMPILER="$cc"
   -DCMAKE_C_FLAGS="$cflags" -DCMAKE_PREFIX_PATH="$prefix" -DKMXC_EXPECT_VERSION="$version" -DKMXC_EXPECT_KIT=$have_kit
   -DCMAKE_FIND_USE_PACKAGE_REGISTRY=OFF)
-# A cross toolchain confines package searches to its root; add the scratch prefix to it.
-[ -n "$toolchain" ] && cmake_args+=(-DCMAKE_TOOLCHAIN_FILE="$toolchain" -DCMAKE_FIND_ROOT_PATH="$prefix")
+[ -n "$toolchain" ] && cmake_args+=(-DCMAKE_TOOLCHAIN_FILE="$toolchain")
 cmake "${cmake_args[@]}" >"$work/consumer-cmake.log" 2>&1 || { cat "$work/consumer-cmake.log"; fail "find_package consumer does not configure"; }
 cmake --build "$work/consumer-cmake" >>"$work/consumer-cmake.log" 2>&1 || { cat "$work/consumer-cmake.log"; fail "find_package consumer does not build"; }
 expect_run find_package "$work/consumer-cmake/consumer_cmake"

@@ -99,9 +99,13 @@ install(FILES ${PROJECT_SOURCE_DIR}/docs/record-format.md ${PROJECT_SOURCE_DIR}/
 # emulator. Skipped under the sanitizers, whose runtime the installed tree lacks.
 if(NOT KMXC_SANITIZE)
   find_program(PKG_CONFIG_EXECUTABLE NAMES pkg-config pkgconf REQUIRED)
+  set(kmxc_consumer_cflags "${CMAKE_C_FLAGS}")
+  if(CMAKE_SYSROOT)
+    string(APPEND kmxc_consumer_cflags " --sysroot=${CMAKE_SYSROOT}")
+  endif()
   add_test(NAME install_consumers
     COMMAND ${CMAKE_CURRENT_LIST_DIR}/check_install.sh
       ${PROJECT_BINARY_DIR} ${PROJECT_BINARY_DIR}/install-test ${CMAKE_INSTALL_LIBDIR}
-      ${PROJECT_VERSION} ${CMAKE_C_COMPILER} "${CMAKE_C_FLAGS}" "${CMAKE_TOOLCHAIN_FILE}"
+      ${PROJECT_VERSION} ${CMAKE_C_COMPILER} "${kmxc_consumer_cflags}" "${CMAKE_TOOLCHAIN_FILE}"
       "${CMAKE_CROSSCOMPILING_EMULATOR}" ${PKG_CONFIG_EXECUTABLE})
 endif()
