@@ -34,6 +34,16 @@ set(kmxc_exported kmxc_orvane)
 if(TARGET kmxc_service)
   list(APPEND kmxc_exported kmxc_service)
 endif()
+# In the build the libraries' users include from the source tree; installed, from
+# <includedir>/kmxc_orvane (INCLUDES DESTINATION below). The source path must not reach
+# the exported package, so it is kept to the build.
+foreach(target ${kmxc_exported})
+  get_target_property(dirs ${target} INTERFACE_INCLUDE_DIRECTORIES)
+  if(dirs)
+    list(TRANSFORM dirs REPLACE "^(${PROJECT_SOURCE_DIR}|${PROJECT_BINARY_DIR})(/.*)?$" "$<BUILD_INTERFACE:\\0>")
+    set_property(TARGET ${target} PROPERTY INTERFACE_INCLUDE_DIRECTORIES ${dirs})
+  endif()
+endforeach()
 install(TARGETS ${kmxc_exported} EXPORT kmxc_orvane_targets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime
   INCLUDES DESTINATION ${KMXC_INCLUDE_SUBDIR})
