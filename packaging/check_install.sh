@@ -34,11 +34,11 @@ run_on_phone() {
   fi
 }
 
-expect_run() { # NAME PROGRAM: runs it on a fresh phone, checks its line and the calibration file
-  local name=$1 program=$2 out
+expect_run() { # NAME PROGRAM PATTERN: runs it on a fresh phone, checks its line and the calibration file
+  local name=$1 program=$2 pattern=$3 out
   out=$(run_on_phone "$work/phone-$name" "$program") || fail "$name exited with $?: $out"
   echo "$name: $out"
-  [[ $out =~ ^start\ 0\ cycles\ 5\ .*stored\ 0 ]] || fail "$name: unexpected output"
+  [[ $out =~ $pattern ]] || fail "$name: unexpected output"
   [ -s "$work/phone-$name/misc/sensor/kmxc_orvane.cfg" ] || fail "$name: no calibration file on the phone"
 }
 
@@ -52,13 +52,17 @@ read -r -a pc_flags <<<"$("$pkg_config" --cflags --libs kmxc_orvane)"
 read -r -a extra <<<"$cflags"
 "$cc" "${extra[@]}" -std=c11 -Wall -Wextra -Werror -pedantic -o "$work/consumer_pkgconfig" \
   "$consumers/consumer.c" "${pc_flags[@]}" -Wl,-rpath,"$pc_libdir" || fail "pkg-config consumer does not build"
-expect_run pkgconfig "$work/consumer_pkgconfig"
+library_line='^start 0 cycles 5 .*stored 0 '
+kit_line='^kit start 0 measured 5 heading -?[0-9]+ stop 0$'
+expect_run pkgconfig "$work/consumer_pkgconfig" "$library_line"
 # The service kit, when the tree has one: its .pc brings the library's flags along.
 have_kit=no
 if [ -f "$prefix/$libdir/libkmxc_service.so" ]; then
   have_kit=yes
-  kit_flags=$("$pkg_config" --cflags --libs kmxc_service) || fail "kmxc_service.pc does not resolve"
-  [[ $kit_flags == *-lkmxc_service*-lkmxc_orvane* ]] || fail "kmxc_service.pc gives '$kit_flags'"
+  read -r -a kit_flags <<<"$("$pkg_config" --cflags --libs kmxc_service)" || fail "kmxc_service.pc does not resolve"
+  "$cc" "${extra[@]}" -std=c11 -Wall -Wextra -Werror -pedantic -o "$work/consumer_kit_pkgconfig" \
+    "$consumers/consumer_kit.c" "${kit_flags[@]}" -Wl,-rpath,"$pc_libdir" || fail "pkg-config kit consumer does not build"
+  expect_run kit-pkgconfig "$work/consumer_kit_pkgconfig" "$kit_line"
 fi
 
 # 2. find_package, with only the scratch prefix to search.
@@ -68,7 +72,8 @@ cmake_args=(-S "$consumers/find_package" -B "$work/consumer-cmake" -G Ninja -DCM
 [ -n "$toolchain" ] && cmake_args+=(-DCMAKE_TOOLCHAIN_FILE="$toolchain")
 cmake "${cmake_args[@]}" >"$work/consumer-cmake.log" 2>&1 || { cat "$work/consumer-cmake.log"; fail "find_package consumer does not configure"; }
 cmake --build "$work/consumer-cmake" >>"$work/consumer-cmake.log" 2>&1 || { cat "$work/consumer-cmake.log"; fail "find_package consumer does not build"; }
-expect_run find_package "$work/consumer-cmake/consumer_cmake"
+expect_run find_package "$work/consumer-cmake/consumer_cmake" "$library_line"
+[ $have_kit = no ] || expect_run kit-find_package "$work/consumer-cmake/consumer_kit_cmake" "$kit_line"
 
 # 3. The installed tool finds its libraries through its RUNPATH alone and reports the
 #    project version.

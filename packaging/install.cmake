@@ -33,6 +33,9 @@ set(KMXC_PRELOAD_DIR ${CMAKE_INSTALL_LIBDIR}/kmxc_orvane)
 set(kmxc_exported kmxc_orvane)
 if(TARGET kmxc_service)
   list(APPEND kmxc_exported kmxc_service)
+  # The kit loads libkmxc_orvane.so from beside itself, wherever the pair is installed
+  # (a program's own RUNPATH does not serve the libraries it loads).
+  set_property(TARGET kmxc_service APPEND PROPERTY INSTALL_RPATH "\$ORIGIN")
 endif()
 # In the build the libraries' users include from the source tree; installed, from
 # <includedir>/kmxc_orvane (INCLUDES DESTINATION below). The source path must not reach
