@@ -42,8 +42,9 @@ libkmxc_orvane.so drives a three-axis magnetometer and an SMB380 accelerometer
 behind /dev/compass, calibrates the magnetometer's offset from ordinary
 handling and reports heading, attitude and both field vectors. Integer and
 fixed-point only on its measurement, calibration and heading paths.
-Also holds libkmxc_service.so, the service kit that runs the library's
-call sequence for a sensor service (when built).")
+Also holds libkmxc_service.so, the sensor-service kit: the library's
+start-up, cycle and shut-down sequence as three calls, with its accuracy
+and persistence rules.")
 
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME ${KMXC_DEB_RUNTIME_NAME}-dev)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
