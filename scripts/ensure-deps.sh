@@ -10,11 +10,16 @@ packages=(
                                          # (the native one: an :armel copy alone does not do)
   binutils                               # readelf/nm for the contract checks
   gnuplot-nox                            # the demo's plot
+  pkgconf dpkg-dev                       # install test (pkg-config), packages (dpkg-architecture)
 )
 
+# Installed for the build machine's architecture (or for all): a foreign-architecture
+# copy (the armel liblog of the cross build, say) does not count.
+arch=$(dpkg --print-architecture)
 missing=()
 for p in "${packages[@]}"; do
-  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
+  status=$(dpkg-query -W -f='${Status} ${Architecture}\n' "$p" 2>/dev/null || true)
+  grep -Eq "^install ok installed ($arch|all)$" <<<"$status" || missing+=("$p")
 done
 [ ${#missing[@]} -eq 0 ] && exit 0
 

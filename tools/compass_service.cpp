@@ -266,5 +266,9 @@ int main(int argc, char **argv)
         std::cout << usage_text();
         return 0;
     }
+    if (p.options.version) {
+        std::cout << "compass_service " KMXC_ORVANE_VERSION "\n";
+        return 0;
+    }
     return run(p.options);
 }

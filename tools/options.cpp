@@ -68,7 +68,8 @@ std::string usage_text()
          "  --plot FILE            draw heading and offset error over time to FILE (PNG)\n"
          "  --summary-json FILE    write the summary to FILE (JSON)\n"
          "  --quiet                print the summary only\n"
-         "  --help                 this text\n";
+         "  --help                 this text\n"
+         "  --version              the version of the tools and the library\n";
     return u.str();
 }
 
@@ -147,7 +148,7 @@ ParsedOptions parse_options(const std::vector<std::string> &args)
         {"--plot", [&](auto &opt, auto &v) { path(opt, v, &o.plot_path); }},
         {"--summary-json", [&](auto &opt, auto &v) { path(opt, v, &o.summary_json_path); }},
     };
-    const std::map<std::string, bool *> flags{{"--fresh", &o.fresh}, {"--quiet", &o.quiet}, {"--help", &o.help}};
+    const std::map<std::string, bool *> flags{{"--fresh", &o.fresh}, {"--quiet", &o.quiet}, {"--help", &o.help}, {"--version", &o.version}};
 
     // Options that describe the scripted phone; a replay's phone is its record.
     const std::vector<std::string> scenario_options{"--scenario", "--field", "--inclination", "--declination",

@@ -21,6 +21,7 @@ struct Options {
     double rate_hz = 10.0;               // measurement cycles per second
     bool quiet = false;                  // no per-second lines
     bool help = false;
+    bool version = false;                // print the version and stop
 };
 
 struct ParsedOptions {
