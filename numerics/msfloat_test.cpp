@@ -1,15 +1,17 @@
 // MSFLOAT against exact integer arithmetic: results are checked against the exact
-// value (128-bit integers) truncated to 16 significant bits, not against the steps.
+// value truncated to 16 significant bits, not against the steps. Every exact value
+// here fits 64 bits (mantissas are 16 bits, shifts at most 40), so the check runs
+// unchanged on 32-bit targets, which have no 128-bit integer.
 #include <gtest/gtest.h>
 
 #include "numerics/numerics_test_util.h"
 
 namespace {
-using u128 = unsigned __int128;
+using u64 = uint64_t;
 int Status(int e) { return e < 0 ? MSFLOAT_UNDERFLOW : e > 255 ? MSFLOAT_OVERFLOW : 0; }
 // Exact magnitude m * 2^(e-128) truncated to 16 significant bits; e may leave 0..255.
 struct Trunc { int m, e; };
-Trunc Trunc16(u128 m, int e) {
+Trunc Trunc16(u64 m, int e) {
     while (m >= 65536) m >>= 1, ++e;
     while (m < 32768) m <<= 1, --e;
     return {int(m), e};
@@ -63,14 +65,14 @@ TEST(MsfloatProperty, TruncatedExactResults) {
         MSFLOAT a = Random(rng), b = i % 8 == 0 ? a : Random(rng);
         if (op == kAdd && i % 8) b.sign = a.sign, b.exponent = uint8_t(std::clamp(a.exponent + int(rng() % 41) - 20, 0, 255));
         Trunc t{};
-        if (op == kMul) t = Trunc16(u128(a.mantissa) * b.mantissa, a.exponent + b.exponent - 128);
+        if (op == kMul) t = Trunc16(u64(a.mantissa) * b.mantissa, a.exponent + b.exponent - 128);
         if (op == kMul && uint32_t(a.mantissa) * b.mantissa < 0x80000000u) t.m &= 0xFFFE;
-        if (op == kDiv) t = Trunc16((u128(a.mantissa) << 40) / b.mantissa, a.exponent - b.exponent + 88);
+        if (op == kDiv) t = Trunc16((u64(a.mantissa) << 40) / b.mantissa, a.exponent - b.exponent + 88);
         if (op == kDiv && a.mantissa < b.mantissa) t.m &= 0xFFFE;
         if (op == kAdd) {
             const MSFLOAT &big = MSFLOAT_AbsCompGreater(&a, &b) ? a : b, &small = &big == &a ? b : a;
             const int d = big.exponent - small.exponent;
-            t = d > 40 ? Trunc{big.mantissa, big.exponent} : Trunc16((u128(big.mantissa) << d) + small.mantissa, small.exponent);
+            t = d > 40 ? Trunc{big.mantissa, big.exponent} : Trunc16((u64(big.mantissa) << d) + small.mantissa, small.exponent);
         }
         const MSFLOAT before = a, right = b;
         const int status = Apply(op, &a, i % 8 == 0 ? &a : &b, 0);
@@ -94,16 +96,16 @@ TEST(MsfloatProperty, DifferencesWithinGuardBit) {
         if (i % 8 == 0) b.mantissa = uint16_t(std::max<int>(32768, a.mantissa - rng() % 4));  // deep cancellation
         const int d = a.exponent - b.exponent;
         if (d == 0 && b.mantissa > a.mantissa) std::swap(a.mantissa, b.mantissa);  // a is the bigger
-        const __int128 exact = (__int128(a.mantissa) << d) - b.mantissa;  // in units 2^(b.e-128)
+        const int64_t exact = (int64_t(a.mantissa) << d) - b.mantissa;  // in units 2^(b.e-128)
         MSFLOAT r = a;
         ASSERT_EQ(MSFLOAT_OpPlusEq(&r, &b), 0);
         if (exact == 0) { ASSERT_EQ(r, MSFLOAT_0); continue; }
-        const Trunc t = Trunc16(u128(exact), b.exponent);
+        const Trunc t = Trunc16(u64(exact), b.exponent);
         if (d <= 1) { ASSERT_EQ(r, F(a.sign, t.e, t.m)) << a << b; }
         ASSERT_EQ(r.sign, a.sign);
         const int base = std::min({int(r.exponent), int(b.exponent), a.exponent - 1});  // common unit 2^(base-128)
-        const __int128 err = (__int128(r.mantissa) << (r.exponent - base)) - (exact << (b.exponent - base));
-        const __int128 unit = __int128(1) << (a.exponent - 1 - base);
+        const int64_t err = (int64_t(r.mantissa) << (r.exponent - base)) - (exact << (b.exponent - base));
+        const int64_t unit = int64_t(1) << (a.exponent - 1 - base);
         ASSERT_TRUE(err >= -unit && err < unit) << a << b << r;
     }
 }

@@ -2,6 +2,7 @@
 #include <fcntl.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -131,12 +132,16 @@ TEST_F(DeviceTest, TransfersFinishShortPiecesAndGiveUpOnThreeZeroResults) {
 TEST_F(DeviceTest, SleepTakesMillisecondsAndMsLogSaveWritesOneWarningLine) {
     EXPECT_EQ(msmachdep_Sleep(13), 0);
     EXPECT_EQ(vphone::now_us(), 13000u);
-    vphone::LogCapture log;
-    vphone::StderrCapture err;
-    const int result = MsLogSave(-5, 1234567890123L);
-    ASSERT_EQ(log.lines(), (std::vector<vphone::LogLine>{{5, "MsLogSave", "MsLogSave() [-5, 1234567890123]\r\n"}}));
-    EXPECT_EQ(result, __android_log_print(ANDROID_LOG_WARN, "MsLogSave", "MsLogSave() [%d, %ld]\r\n", -5, 1234567890123L));
-    EXPECT_EQ(err.text(), "");
+    // `long` is the platform's: 64 bits here, 32 on armel; its extremes must print whole.
+    for (const long detail : {0L, -1L, LONG_MAX, LONG_MIN}) {
+        vphone::LogCapture log;
+        vphone::StderrCapture err;
+        const int result = MsLogSave(-5, detail);
+        const std::string line = "MsLogSave() [-5, " + std::to_string(detail) + "]\r\n";
+        ASSERT_EQ(log.lines(), (std::vector<vphone::LogLine>{{5, "MsLogSave", line}}));
+        EXPECT_EQ(result, __android_log_print(ANDROID_LOG_WARN, "MsLogSave", "%s", line.c_str()));
+        EXPECT_EQ(err.text(), "");
+    }
 }
 
 }  // namespace
