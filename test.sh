@@ -1,6 +1,8 @@
 #!/usr/bin/env bash
-# Builds libkmxc_orvane.so and runs every test twice: once as shipped, once under
-# AddressSanitizer and UndefinedBehaviorSanitizer (halting on the first report).
+# Builds libkmxc_orvane.so and runs every test three times: as shipped on x86-64; under
+# AddressSanitizer and UndefinedBehaviorSanitizer (halting on the first report); and
+# cross-built for the real target, ARM without an FPU (Debian armel), run under
+# qemu-arm, where it must also give byte for byte the x86-64 build's results.
 # Installs what is missing first. Usage: ./test.sh
 set -euo pipefail
 cd "$(dirname "$0")"
@@ -8,14 +10,18 @@ scripts/ensure-deps.sh
 
 jobs=$(nproc)
 run_suite() {
-  local dir=$1; shift
+  local name=$1 dir=$2; shift 2
+  local start=$SECONDS
+  echo "== build and test: $name"
   cmake -S . -B "$dir" -G Ninja "$@" >/dev/null
   cmake --build "$dir" -j "$jobs"
   ctest --test-dir "$dir" -j "$jobs" --output-on-failure --timeout 600
+  echo "== $name: $((SECONDS - start)) s"
 }
 
-echo "== build and test: release"
-run_suite build
-echo "== build and test: AddressSanitizer + UndefinedBehaviorSanitizer"
+run_suite "x86-64 release" build
 ASAN_OPTIONS=halt_on_error=1:detect_leaks=1 UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1 \
-  run_suite build-asan -DKMXC_SANITIZE=ON
+  run_suite "x86-64 AddressSanitizer + UndefinedBehaviorSanitizer" build-asan -DKMXC_SANITIZE=ON
+run_suite "armel (ARMv5TE soft-float) under qemu-arm" build-armel \
+  -DCMAKE_TOOLCHAIN_FILE=cmake/armel.cmake -DKMXC_NATIVE_BUILD_DIR="$PWD/build"
+echo "== all passes: $SECONDS s"
