@@ -23,5 +23,5 @@ run_suite "x86-64 release" build
 ASAN_OPTIONS=halt_on_error=1:detect_leaks=1 UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1 \
   run_suite "x86-64 AddressSanitizer + UndefinedBehaviorSanitizer" build-asan -DKMXC_SANITIZE=ON
 run_suite "armel (ARMv5TE soft-float) under qemu-arm" build-armel \
-  -DCMAKE_TOOLCHAIN_FILE=cmake/armel.cmake -DKMXC_NATIVE_BUILD_DIR="$PWD/build"
+  -DCMAKE_TOOLCHAIN_FILE="$PWD/cmake/armel.cmake" -DKMXC_NATIVE_BUILD_DIR="$PWD/build"
 echo "== all passes: $SECONDS s"

@@ -3,6 +3,7 @@
 #include "calibration/calibration.h"
 #include "calibration/calibration_internal.h"
 #include "calibration/estimator_math.h"
+#include "numerics/msfloat_ops.h"
 
 using kmxc_calibration::i2f_wide;
 
@@ -30,7 +31,7 @@ int8_t KmxAxesMsCalib02_Init(KmxAxesMsCalib02Context *context, const KmxAxesMsCa
     context->capacity = kCapacity;
     copy(&context->offset, &KmxAxesData_Constructor);
     context->config = *config;
-    MSFLOAT_I2F(&context->minEigenValue, config->minEigen);
+    msf::I2F(&context->minEigenValue, config->minEigen);
     return 0;
 }
 
@@ -67,9 +68,9 @@ int8_t KmxAxesMsCalib02_AddToBuffer1(KmxAxesMsCalib02Context *context, const Kmx
 // eigenvalue and residual tests as any other instead of a wrapped, meaningless one.
 int8_t KmxAxesMsCalib02_CalcStatistics(const int16_t (*samples)[3], int8_t n, KmxAxesData *centre,
                                        MSFLOAT *matrix, MSFLOAT *vector, MSFLOAT *scalar) {
-    for (int k = 0; k < 6; ++k) matrix[k] = MSFLOAT_0;
-    for (int k = 0; k < 3; ++k) vector[k] = MSFLOAT_0;
-    *scalar = MSFLOAT_0;
+    for (int k = 0; k < 6; ++k) msf::SetZero(&matrix[k]);
+    for (int k = 0; k < 3; ++k) msf::SetZero(&vector[k]);
+    msf::SetZero(scalar);
     copy(centre, &KmxAxesData_Constructor);
     if (n <= 0) return 0;  // no samples: nothing to average
 
@@ -83,47 +84,54 @@ int8_t KmxAxesMsCalib02_CalcStatistics(const int16_t (*samples)[3], int8_t n, Km
 
     auto deviation = [&](int i, int k) { return static_cast<int64_t>(samples[i][k]) - c[k]; };
 
+    // Each squared deviation is converted once: the mean square radius, the matrix's
+    // diagonal and q all add the same MSFLOAT values (n <= 127, an int8).
+    MSFLOAT squares[127][3];
+    for (int i = 0; i < n; ++i)
+        for (int k = 0; k < 3; ++k) i2f_wide(&squares[i][k], deviation(i, k) * deviation(i, k));
+
     // Mean square radius.
     MSFLOAT r2 = MSFLOAT_0;
     MSFLOAT term;
     for (int i = 0; i < n; ++i)
-        for (int k = 0; k < 3; ++k) {
-            i2f_wide(&term, deviation(i, k) * deviation(i, k));
-            MSFLOAT_OpPlusEq(&r2, &term);
-        }
+        for (int k = 0; k < 3; ++k) msf::OpPlusEq(&r2, &squares[i][k]);
     MSFLOAT count;
-    MSFLOAT_I2F(&count, n);
+    msf::I2F(&count, n);
     MSFLOAT_OpDivEq(&r2, &count);
 
+    // Matrix elements in packed order: (0,0) (0,1) (0,2) (1,1) (1,2) (2,2).
     static constexpr int8_t kPairs[6][2] = {{0, 0}, {0, 1}, {0, 2}, {1, 1}, {1, 2}, {2, 2}};
     MSFLOAT sumSquares = MSFLOAT_0;
     for (int i = 0; i < n; ++i) {
         const int64_t d[3] = {deviation(i, 0), deviation(i, 1), deviation(i, 2)};
         for (int p = 0; p < 6; ++p) {
-            i2f_wide(&term, d[kPairs[p][0]] * d[kPairs[p][1]]);
-            MSFLOAT_OpPlusEq(&matrix[p], &term);
+            const int8_t j = kPairs[p][0], k = kPairs[p][1];
+            if (j == k) {
+                msf::OpPlusEq(&matrix[p], &squares[i][j]);
+            } else {
+                i2f_wide(&term, d[j] * d[k]);
+                msf::OpPlusEq(&matrix[p], &term);
+            }
         }
         // q = |d|^2 - R2
         MSFLOAT q;
-        i2f_wide(&q, d[0] * d[0]);
-        i2f_wide(&term, d[1] * d[1]);
-        MSFLOAT_OpPlusEq(&q, &term);
-        i2f_wide(&term, d[2] * d[2]);
-        MSFLOAT_OpPlusEq(&q, &term);
-        MSFLOAT_OpMinusEq(&q, &r2);
+        msf::Copy(&q, squares[i][0]);
+        msf::OpPlusEq(&q, &squares[i][1]);
+        msf::OpPlusEq(&q, &squares[i][2]);
+        msf::OpMinusEq(&q, &r2);
 
-        term = q;
-        MSFLOAT_OpMultiEq(&term, &q);
-        MSFLOAT_OpPlusEq(&sumSquares, &term);
+        msf::Copy(&term, q);
+        msf::OpMultiEq(&term, &q);
+        msf::OpPlusEq(&sumSquares, &term);
 
         for (int k = 0; k < 3; ++k) {
             i2f_wide(&term, d[k]);
-            MSFLOAT_OpMultiEq(&term, &q);
-            MSFLOAT_OpShiftEq(&term, -1);
-            MSFLOAT_OpPlusEq(&vector[k], &term);
+            msf::OpMultiEq(&term, &q);
+            msf::OpShiftEq(&term, -1);
+            msf::OpPlusEq(&vector[k], &term);
         }
     }
-    MSFLOAT_OpShiftEq(&sumSquares, -2);
-    *scalar = sumSquares;
+    msf::OpShiftEq(&sumSquares, -2);
+    msf::Copy(scalar, sumSquares);
     return 0;
 }

@@ -4,6 +4,7 @@
 #include "calibration/calibration.h"
 #include "calibration/calibration_internal.h"
 #include "calibration/estimator_math.h"
+#include "numerics/msfloat_ops.h"
 
 using kmxc_calibration::bounded_q14;
 using kmxc_calibration::i2f_wide;
@@ -34,7 +35,7 @@ int64_t difference_dot(const KmxAxesData *a, const KmxAxesData *b, const int32_t
 // 1024 * lambda / lambda0 as an integer; 0 when the conversion fails.
 int32_t ratio(const MSFLOAT *lambda, const MSFLOAT *lambda0) {
     MSFLOAT q = *lambda;
-    MSFLOAT_OpShiftEq(&q, 10);
+    msf::OpShiftEq(&q, 10);
     MSFLOAT_OpDivEq(&q, lambda0);
     int32_t r = 0;
     MSFLOAT_F2I(&r, &q);
@@ -56,18 +57,18 @@ void KmxAxesMsCalib02_CalcResidual(const MSFLOAT *b, const MsEigenPair *pairs, c
         p[i] = MSFLOAT_0;
         for (int j = 0; j < 3; ++j) {
             MSFLOAT term;
-            MSFLOAT_I2F(&term, pairs[i].vector[j]);
-            MSFLOAT_OpMultiEq(&term, &b[j]);
-            MSFLOAT_OpPlusEq(&p[i], &term);
+            msf::I2F(&term, pairs[i].vector[j]);
+            msf::OpMultiEq(&term, &b[j]);
+            msf::OpPlusEq(&p[i], &term);
         }
-        MSFLOAT_OpShiftEq(&p[i], -14);
+        msf::OpShiftEq(&p[i], -14);
     }
     for (int i = 0; i < 3; ++i) {
-        if (!MSFLOAT_AbsCompGreater(&pairs[i].value, &MSFLOAT_1div1024)) continue;
+        if (!msf::AbsCompGreater(&pairs[i].value, &MSFLOAT_1div1024)) continue;
         MSFLOAT term = p[i];
-        MSFLOAT_OpMultiEq(&term, &p[i]);
+        msf::OpMultiEq(&term, &p[i]);
         MSFLOAT_OpDivEq(&term, &pairs[i].value);
-        MSFLOAT_OpMinusEq(&result, &term);
+        msf::OpMinusEq(&result, &term);
     }
     *residual = result;
 }
@@ -135,7 +136,7 @@ int8_t KmxAxesMsCalib02_Update(KmxAxesMsCalib02Context *context, const KmxAxesDa
     const int32_t ratioMin = ratio(&pairs[2].value, &pairs[0].value);
 
     if (MSFLOAT_OpCompGreater(&context->minEigenValue, &pairs[0].value)) return 5;
-    if (MSFLOAT_AbsCompGreater(&pairs[0].value, &MSFLOAT_maxsint32)) return 3;
+    if (msf::AbsCompGreater(&pairs[0].value, &MSFLOAT_maxsint32)) return 3;
 
     // A configuration without a classifier cannot tell a line from a sphere: refuse.
     if (context->config.checkDistribution == nullptr) return 2;
@@ -161,11 +162,11 @@ int8_t KmxAxesMsCalib02_Update(KmxAxesMsCalib02Context *context, const KmxAxesDa
         for (int j = 0; j < 3; ++j) {
             MSFLOAT *entry = &A[kCouplingIndex[k][j]];
             i2f_wide(entry, int64_t{weight[k]} * e[j]);
-            MSFLOAT_OpShiftEq(entry, -24);
+            msf::OpShiftEq(entry, -24);
         }
         MSFLOAT *diag = &A[kMultiplierDiagIndex[k]];
-        MSFLOAT_I2F(diag, int32_t{weight[k]} - kBound);
-        MSFLOAT_OpShiftEq(diag, -10);
+        msf::I2F(diag, int32_t{weight[k]} - kBound);
+        msf::OpShiftEq(diag, -10);
         MSFLOAT_OpDivEq(diag, &pairs[0].value);
     }
     for (int j = 0; j < 3; ++j) r[j] = b[j];
@@ -174,9 +175,9 @@ int8_t KmxAxesMsCalib02_Update(KmxAxesMsCalib02Context *context, const KmxAxesDa
     for (int k = 0; k < 2; ++k) {
         MSFLOAT w;
         i2f_wide(&r[3 + k], difference_dot(&context->offset, &c, pairs[k + 1].vector));
-        MSFLOAT_I2F(&w, weight[k]);
-        MSFLOAT_OpMultiEq(&r[3 + k], &w);
-        MSFLOAT_OpShiftEq(&r[3 + k], -24);
+        msf::I2F(&w, weight[k]);
+        msf::OpMultiEq(&r[3 + k], &w);
+        msf::OpShiftEq(&r[3 + k], -24);
     }
 
     MSFLOAT x[5];

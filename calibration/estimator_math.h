@@ -5,6 +5,7 @@
 #include <stdint.h>
 
 #include "numerics/numerics.h"
+#include "numerics/msfloat_ops.h"
 
 namespace kmxc_calibration {
 
@@ -16,7 +17,7 @@ namespace kmxc_calibration {
 // with far-away offsets, use this instead of wrapping in 32 bits.
 inline void i2f_wide(MSFLOAT *out, int64_t value) {
     if (value >= INT32_MIN && value <= INT32_MAX) {
-        MSFLOAT_I2F(out, static_cast<int32_t>(value));
+        msf::I2F(out, static_cast<int32_t>(value));
         return;
     }
     uint64_t magnitude = value < 0 ? 0u - static_cast<uint64_t>(value) : static_cast<uint64_t>(value);
@@ -25,9 +26,9 @@ inline void i2f_wide(MSFLOAT *out, int64_t value) {
         magnitude >>= 1;
         ++shift;
     }
-    MSFLOAT_I2F(out, static_cast<int32_t>(magnitude));
-    if (value < 0) MSFLOAT_OpNeg(out);
-    MSFLOAT_OpShiftEq(out, shift);  // at most +33: far inside the exponent range
+    msf::I2F(out, static_cast<int32_t>(magnitude));
+    if (value < 0) msf::OpNeg(out);
+    msf::OpShiftEq(out, shift);  // at most +33: far inside the exponent range
 }
 
 // Eigenvector components are Q14 parts of a unit vector, so they never exceed 16384 in

@@ -4,6 +4,7 @@
 #include <stdint.h>
 
 #include "numerics/numerics.h"
+#include "numerics/msfloat_ops.h"
 #include "numerics/numerics_internal.h"
 
 extern "C" {
@@ -18,25 +19,25 @@ constexpr int kMaxRotations = 6;
 // first x second, formed in a copy of the first factor.
 MSFLOAT Mul(const MSFLOAT &first, const MSFLOAT &second) {
     MSFLOAT out = first;
-    (void)MSFLOAT_OpMultiEq(&out, &second);
+    (void)msf::OpMultiEq(&out, &second);
     return out;
 }
 
 MSFLOAT Add(const MSFLOAT &left, const MSFLOAT &right) {
     MSFLOAT out = left;
-    (void)MSFLOAT_OpPlusEq(&out, &right);
+    (void)msf::OpPlusEq(&out, &right);
     return out;
 }
 
 MSFLOAT Sub(const MSFLOAT &left, const MSFLOAT &right) {
     MSFLOAT out = left;
-    (void)MSFLOAT_OpMinusEq(&out, &right);
+    (void)msf::OpMinusEq(&out, &right);
     return out;
 }
 
 MSFLOAT Shift(const MSFLOAT &value, int16_t n) {
     MSFLOAT out = value;
-    (void)MSFLOAT_OpShiftEq(&out, n);
+    (void)msf::OpShiftEq(&out, n);
     return out;
 }
 
@@ -80,11 +81,11 @@ extern "C" int8_t MsJacobiCalcEigenPair(const MSFLOAT m[6], MsEigenPair pairs[3]
     for (int rotation = 0; rotation < kMaxRotations; ++rotation) {
         // Largest off-diagonal element; ties prefer (0,1), then (0,2), then (1,2).
         int p = 0, q = 1, k = 2;
-        if (MSFLOAT_AbsCompGreater(&W(0, 2), &W(0, 1)) == 1) {
+        if (msf::AbsCompGreater(&W(0, 2), &W(0, 1)) == 1) {
             q = 2;
             k = 1;
         }
-        if (MSFLOAT_AbsCompGreater(&W(1, 2), &W(p, q)) == 1) {
+        if (msf::AbsCompGreater(&W(1, 2), &W(p, q)) == 1) {
             p = 1;
             q = 2;
             k = 0;
@@ -95,7 +96,7 @@ extern "C" int8_t MsJacobiCalcEigenPair(const MSFLOAT m[6], MsEigenPair pairs[3]
         (void)MSFLOAT_Square(&r);
         MSFLOAT apq2 = W(p, q);
         (void)MSFLOAT_Square(&apq2);
-        (void)MSFLOAT_OpPlusEq(&r, &apq2);
+        (void)msf::OpPlusEq(&r, &apq2);
         (void)MSFLOAT_Sqrt(&r);
         // Nothing left to rotate: the pivot is zero and its diagonal pair equal.
         if (MSFLOAT_Sign(&r) == 1) break;
@@ -110,7 +111,7 @@ extern "C" int8_t MsJacobiCalcEigenPair(const MSFLOAT m[6], MsEigenPair pairs[3]
         MSFLOAT s = W(p, q);
         const MSFLOAT twoRc = Shift(Mul(r, c), 1);
         (void)MSFLOAT_OpDivEq(&s, &twoRc);
-        if (MSFLOAT_OpCompGreater(&W(p, p), &W(q, q)) == 1) (void)MSFLOAT_OpNeg(&s);
+        if (MSFLOAT_OpCompGreater(&W(p, p), &W(q, q)) == 1) (void)msf::OpNeg(&s);
 
         MSFLOAT s2 = s;
         (void)MSFLOAT_Square(&s2);

@@ -2,6 +2,7 @@
 #include <stdint.h>
 
 #include "numerics/numerics.h"
+#include "numerics/msfloat_ops.h"
 
 namespace {
 
@@ -10,7 +11,7 @@ constexpr int kN = 5;
 // out = first x second, formed in a copy of the first factor.
 int8_t Product(MSFLOAT *out, const MSFLOAT &first, const MSFLOAT &second) {
     *out = first;
-    return MSFLOAT_OpMultiEq(out, &second);
+    return msf::OpMultiEq(out, &second);
 }
 
 }  // namespace
@@ -34,7 +35,7 @@ extern "C" int8_t MsSolve(const MSFLOAT A[15], const MSFLOAT r[5], MSFLOAT x[5])
         // Strictly greater magnitude only: ties keep the earlier row.
         int pivotRow = k;
         for (int i = k + 1; i < kN; ++i) {
-            if (MSFLOAT_AbsCompGreater(&L[i][k], &L[pivotRow][k]) == 1) pivotRow = i;
+            if (msf::AbsCompGreater(&L[i][k], &L[pivotRow][k]) == 1) pivotRow = i;
         }
         if (pivotRow != k) {
             for (int j = 0; j < kN; ++j) {
@@ -61,11 +62,11 @@ extern "C" int8_t MsSolve(const MSFLOAT A[15], const MSFLOAT r[5], MSFLOAT x[5])
             for (int j = k + 1; j < kN; ++j) {
                 status = Product(&product, L[k][j], L[i][k]);
                 if (status < 0) return status;
-                (void)MSFLOAT_OpMinusEq(&L[i][j], &product);
+                (void)msf::OpMinusEq(&L[i][j], &product);
             }
             status = Product(&product, x[k], L[i][k]);
             if (status < 0) return status;
-            (void)MSFLOAT_OpMinusEq(&x[i], &product);
+            (void)msf::OpMinusEq(&x[i], &product);
         }
     }
 
@@ -73,7 +74,7 @@ extern "C" int8_t MsSolve(const MSFLOAT A[15], const MSFLOAT r[5], MSFLOAT x[5])
         for (int j = i + 1; j < kN; ++j) {
             status = Product(&product, L[i][j], x[j]);
             if (status < 0) return status;
-            (void)MSFLOAT_OpMinusEq(&x[i], &product);
+            (void)msf::OpMinusEq(&x[i], &product);
         }
     }
     return 0;

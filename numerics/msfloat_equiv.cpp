@@ -1,0 +1,151 @@
+#include "numerics/msfloat_equiv.h"
+
+#include "numerics/msfloat_reference.h"
+#include "numerics/numerics.h"
+
+namespace msfloat_equiv {
+namespace {
+
+struct Rng {  // splitmix64: the same sequence on every target
+    uint64_t state;
+    uint64_t next() {
+        uint64_t z = (state += 0x9E3779B97F4A7C15ull);
+        z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9ull;
+        z = (z ^ (z >> 27)) * 0x94D049BB133111EBull;
+        return z ^ (z >> 31);
+    }
+    uint32_t below(uint32_t n) { return static_cast<uint32_t>(next() % n); }
+};
+
+// Exponents where statuses change and conversions start or stop.
+constexpr uint8_t kEdgeExponents[] = {0, 1, 2, 55, 56, 57, 110, 111, 112, 113, 114, 127,
+                                      128, 129, 142, 143, 144, 145, 199, 200, 253, 254, 255};
+
+MSFLOAT Operand(Rng &rng) {
+    MSFLOAT v;
+    v.sign = static_cast<int8_t>(rng.next() & 1 ? 1 : -1);
+    v.exponent = static_cast<uint8_t>(rng.below(256));
+    v.mantissa = static_cast<uint16_t>(32768u + rng.below(32768));
+    switch (rng.below(16)) {
+    case 0:  // zero
+        v.sign = 0, v.exponent = 0, v.mantissa = 0;
+        break;
+    case 1:  // not normalised: any mantissa, zero included
+        v.mantissa = static_cast<uint16_t>(rng.below(65536));
+        break;
+    case 2:
+    case 3:
+        v.exponent = kEdgeExponents[rng.below(sizeof kEdgeExponents)];
+        break;
+    case 4:  // mantissa at its ends
+        v.mantissa = rng.next() & 1 ? 0x8000 : 0xFFFF;
+        break;
+    default:
+        break;
+    }
+    return v;
+}
+
+// Second operands near the first in exponent, so that sums and differences overlap.
+MSFLOAT Partner(Rng &rng, const MSFLOAT &a) {
+    MSFLOAT b = Operand(rng);
+    if (rng.below(4) != 0) {
+        const int e = a.exponent + static_cast<int>(rng.below(41)) - 20;
+        b.exponent = static_cast<uint8_t>(e < 0 ? 0 : e > 255 ? 255 : e);
+        if (rng.below(4) == 0) b.mantissa = static_cast<uint16_t>(a.mantissa ^ rng.below(8));  // near cancellation
+    }
+    return b;
+}
+
+int32_t Integer(Rng &rng) {
+    switch (rng.below(8)) {
+    case 0: {
+        static constexpr int32_t kEdges[] = {0, 1, -1, 32767, 32768, -32768, 65535, 65536, -65536,
+                                             INT32_MAX, INT32_MIN, INT32_MIN + 1};
+        return kEdges[rng.below(sizeof kEdges / sizeof kEdges[0])];
+    }
+    case 1:  // a power of two, plus or minus one
+        return static_cast<int32_t>((1u << rng.below(31)) + rng.below(3) - 1u);
+    default: {
+        const uint32_t width = rng.below(33);  // every magnitude range equally often
+        const uint32_t bits = width == 32 ? static_cast<uint32_t>(rng.next()) : static_cast<uint32_t>(rng.next()) & ((1u << width) - 1u);
+        return static_cast<int32_t>(bits);
+    }
+    }
+}
+
+bool Same(const MSFLOAT &x, const MSFLOAT &y) {
+    return x.sign == y.sign && x.exponent == y.exponent && x.mantissa == y.mantissa;
+}
+
+}  // namespace
+
+uint64_t Run(uint64_t cases, uint64_t seed, Tally t[kOps], FILE *log) {
+    static const char *const kNames[kOps] = {"I2F",       "F2I",           "Sign",      "OpMultiEq", "OpDivEq",
+                                             "OpShiftEq", "OpNeg",         "OpAbs",     "AbsCompGreater",
+                                             "OpPlusEq",  "OpMinusEq",     "OpCompGreater", "Square", "Sqrt"};
+    for (int k = 0; k < kOps; ++k) t[k] = Tally{kNames[k], 0, 0};
+    Rng rng{seed};
+    uint64_t total = 0;
+    auto check = [&](int k, bool same, const MSFLOAT &a, const MSFLOAT &b) {
+        ++t[k].cases;
+        if (same) return;
+        ++t[k].mismatches;
+        if (log && ++total <= 10)
+            fprintf(log, "mismatch in %s: a (%d,%u,%u) b (%d,%u,%u)\n", kNames[k], a.sign, a.exponent, a.mantissa,
+                    b.sign, b.exponent, b.mantissa);
+    };
+    // Binary in-place operations, and each with its operand passed as both arguments.
+    using Lib = int8_t (*)(MSFLOAT *, const MSFLOAT *);
+    static const Lib kLib[] = {MSFLOAT_OpMultiEq, MSFLOAT_OpDivEq, MSFLOAT_OpPlusEq, MSFLOAT_OpMinusEq};
+    static const Lib kRef[] = {msfloat_reference::OpMultiEq, msfloat_reference::OpDivEq, msfloat_reference::OpPlusEq,
+                               msfloat_reference::OpMinusEq};
+    static const int kIndex[] = {3, 4, 9, 10};
+    for (uint64_t i = 0; i < cases; ++i) {
+        const MSFLOAT a = Operand(rng), b = Partner(rng, a);
+        const bool alias = (i & 15) == 0;
+        for (int op = 0; op < 4; ++op) {
+            MSFLOAT x = a, y = a;
+            const int8_t rx = alias ? kLib[op](&x, &x) : kLib[op](&x, &b);
+            const int8_t ry = alias ? kRef[op](&y, &y) : kRef[op](&y, &b);
+            check(kIndex[op], rx == ry && Same(x, y), a, b);
+        }
+        {
+            MSFLOAT x, y;
+            const int32_t v = Integer(rng);
+            const int8_t rx = MSFLOAT_I2F(&x, v), ry = msfloat_reference::I2F(&y, v);
+            check(0, rx == ry && Same(x, y), a, MSFLOAT{0, 0, 0});
+        }
+        {
+            int32_t x = 1, y = 1;
+            const int8_t rx = MSFLOAT_F2I(&x, &a), ry = msfloat_reference::F2I(&y, &a);
+            check(1, rx == ry && x == y, a, b);
+        }
+        check(2, MSFLOAT_Sign(&a) == msfloat_reference::Sign(&a), a, b);
+        {
+            const int16_t n = static_cast<int16_t>(static_cast<int32_t>(rng.below(601)) - 300);
+            MSFLOAT x = a, y = a;
+            const int8_t rx = MSFLOAT_OpShiftEq(&x, n), ry = msfloat_reference::OpShiftEq(&y, n);
+            check(5, rx == ry && Same(x, y), a, b);
+        }
+        {
+            MSFLOAT x = a, y = a;
+            check(6, MSFLOAT_OpNeg(&x) == msfloat_reference::OpNeg(&y) && Same(x, y), a, b);
+            x = a, y = a;
+            check(7, MSFLOAT_OpAbs(&x) == msfloat_reference::OpAbs(&y) && Same(x, y), a, b);
+        }
+        check(8, MSFLOAT_AbsCompGreater(&a, &b) == msfloat_reference::AbsCompGreater(&a, &b), a, b);
+        check(11, MSFLOAT_OpCompGreater(&a, &b) == msfloat_reference::OpCompGreater(&a, &b), a, b);
+        {
+            MSFLOAT x = a, y = a;
+            check(12, MSFLOAT_Square(&x) == msfloat_reference::Square(&y) && Same(x, y), a, b);
+            x = a, y = a;
+            check(13, MSFLOAT_Sqrt(&x) == msfloat_reference::Sqrt(&y) && Same(x, y), a, b);
+        }
+    }
+    total = 0;
+    for (int k = 0; k < kOps; ++k) total += t[k].mismatches;
+    return total;
+}
+
+}  // namespace msfloat_equiv

@@ -1,0 +1,183 @@
+// MSFLOAT operations as inline functions, for the library's own hot loops (the
+// calibration's statistics, the solver, Jacobi): the exported MSFLOAT_* functions are
+// these, and callers inside the library use them directly so the compiler can inline
+// them. Not part of any interface.
+//
+// Normalisation counts leading zeros (std::countl_zero: CLZ on ARMv5TE, LZCNT/BSR on
+// x86-64) instead of shifting one bit per step; the results are the step-by-step
+// ones bit for bit (numerics/msfloat_equiv compares them with the first version).
+#ifndef KMXC_NUMERICS_MSFLOAT_OPS_H
+#define KMXC_NUMERICS_MSFLOAT_OPS_H
+
+#include <stdint.h>
+
+#include <bit>
+
+#include "numerics/numerics.h"
+
+namespace msf {
+
+// The working exponent is a signed 16-bit number; anything wider wraps into it.
+constexpr int16_t Wrap16(int32_t v) {
+    return static_cast<int16_t>(static_cast<uint16_t>(static_cast<uint32_t>(v) & 0xFFFFu));
+}
+
+// Shifts a working mantissa below 2^16 left until bit 15 is set, lowering the exponent
+// by the same count. A zero mantissa (only from a non-normalised operand) stays zero.
+inline void Normalise(uint32_t &m, int16_t &e) {
+    if (m == 0 || m >= 0x8000u) return;
+    const int shift = std::countl_zero(m) - 16;
+    m <<= shift;
+    e = Wrap16(e - shift);
+}
+
+// 0 when the exponent fits 0..255, otherwise the status that reports it.
+inline int8_t ExponentStatus(int16_t e) {
+    if (e < 0) return MSFLOAT_UNDERFLOW;
+    if (e > 255) return MSFLOAT_OVERFLOW;
+    return 0;
+}
+
+inline void SetZero(MSFLOAT *a) {
+    a->sign = 0;
+    a->exponent = 0;
+    a->mantissa = 0;
+}
+
+// Common tail of multiplication and division: sign and mantissa are written before
+// the exponent check, the exponent only when it passes.
+inline int8_t StoreProduct(MSFLOAT *a, int8_t sign, uint32_t m, int16_t e) {
+    Normalise(m, e);
+    a->sign = sign;
+    a->mantissa = static_cast<uint16_t>(m & 0xFFFFu);
+    const int8_t status = ExponentStatus(e);
+    if (status == 0) a->exponent = static_cast<uint8_t>(e);
+    return status;
+}
+
+inline int8_t I2F(MSFLOAT *a, int32_t value) {
+    if (value == 0) {
+        SetZero(a);
+        return 0;
+    }
+    // -2147483648 gives 2147483648.
+    const uint32_t magnitude = value > 0 ? static_cast<uint32_t>(value) : 0u - static_cast<uint32_t>(value);
+    // Keep the 16 leading bits: drop the low ones of a wide value, or shift a narrow
+    // one up. The exponent ends within 113..144.
+    const int width = 32 - std::countl_zero(magnitude);
+    const int shift = width - 16;
+    a->sign = static_cast<int8_t>(value > 0 ? 1 : -1);
+    a->mantissa = static_cast<uint16_t>(shift >= 0 ? magnitude >> shift : magnitude << -shift);
+    a->exponent = static_cast<uint8_t>(128 + shift);
+    return 0;
+}
+
+inline int8_t OpMultiEq(MSFLOAT *a, const MSFLOAT *b) {
+    if (a->sign == 0 || b->sign == 0) {
+        SetZero(a);
+        return 0;
+    }
+    const int8_t sign = a->sign == b->sign ? 1 : -1;
+    const uint32_t m = (static_cast<uint32_t>(a->mantissa) * b->mantissa) >> 16;
+    const int16_t e = Wrap16(int32_t{a->exponent} + b->exponent - 112);
+    return StoreProduct(a, sign, m, e);
+}
+
+inline int8_t OpShiftEq(MSFLOAT *a, int16_t n) {
+    if (a->sign == 0) return 0;
+    const int16_t e = Wrap16(int32_t{a->exponent} + n);
+    const int8_t status = ExponentStatus(e);
+    if (status == 0) a->exponent = static_cast<uint8_t>(e);
+    return status;
+}
+
+inline int8_t OpNeg(MSFLOAT *a) {
+    a->sign = static_cast<int8_t>(static_cast<uint8_t>(0u - static_cast<uint8_t>(a->sign)));
+    return 0;
+}
+
+// Field by field: a whole-record copy of this 2-byte-aligned record becomes a memcpy
+// call on ARMv5TE.
+inline void Copy(MSFLOAT *to, const MSFLOAT &from) {
+    to->sign = from.sign;
+    to->exponent = from.exponent;
+    to->mantissa = from.mantissa;
+}
+
+// |a| > |b| on the fields; a zero mantissa counts as the smallest magnitude.
+inline bool AbsGreater(uint32_t am, uint32_t ae, uint32_t bm, uint32_t be) {
+    if (am == 0) return false;
+    if (bm == 0) return true;
+    if (ae != be) return ae > be;
+    return am > bm;
+}
+
+inline int8_t AbsCompGreater(const MSFLOAT *a, const MSFLOAT *b) {
+    return AbsGreater(a->mantissa, a->exponent, b->mantissa, b->exponent) ? 1 : 0;
+}
+
+// a += (bs, be, bm). The second operand arrives as values, so a may alias it.
+inline int8_t PlusEq(MSFLOAT *a, int8_t bs, uint8_t be, uint16_t bm) {
+    const int8_t as = a->sign;
+    if (as == 0) {
+        a->sign = bs;
+        a->exponent = be;
+        a->mantissa = bm;
+        return 0;
+    }
+    if (bs == 0) return 0;
+    const uint8_t ae = a->exponent;
+    const uint16_t am = a->mantissa;
+    const bool leftBigger = AbsGreater(am, ae, bm, be);  // equal magnitudes: big is b
+    const int8_t bigSign = leftBigger ? as : bs, smallSign = leftBigger ? bs : as;
+    const uint32_t bigExp = leftBigger ? ae : be, smallExp = leftBigger ? be : ae;
+    const uint32_t bigMan = leftBigger ? am : bm, smallMan = leftBigger ? bm : am;
+    int32_t d = static_cast<int32_t>(bigExp) - static_cast<int32_t>(smallExp);
+    if (d < 0) d = 0;  // only with a non-normalised (zero-mantissa) operand
+    if (d > 16) {
+        a->sign = bigSign;
+        a->exponent = static_cast<uint8_t>(bigExp);
+        a->mantissa = static_cast<uint16_t>(bigMan);
+        return 0;
+    }
+    uint32_t m;
+    int16_t e;
+    if (bigSign == smallSign) {
+        m = bigMan + (smallMan >> d);
+        e = static_cast<int16_t>(bigExp);
+    } else {
+        // One guard bit: exact for d <= 1; beyond that the dropped low bits of small
+        // leave the result above the exact difference by under one guard-bit unit.
+        m = 2u * bigMan - ((2u * smallMan) >> d);
+        e = Wrap16(static_cast<int32_t>(bigExp) - 1);
+    }
+    // Back below 2^16. Normalised operands carry at most one bit out; a difference with
+    // a non-normalised operand may have wrapped round 2^32 and drops many.
+    if (m >= 65536u) {
+        const int shift = 16 - std::countl_zero(m);
+        m >>= shift;
+        e = Wrap16(e + shift);
+    }
+    if (m == 0) {
+        SetZero(a);
+        return 0;
+    }
+    Normalise(m, e);
+    const int8_t status = ExponentStatus(e);
+    if (status != 0) return status;
+    a->sign = bigSign;
+    a->mantissa = static_cast<uint16_t>(m);
+    a->exponent = static_cast<uint8_t>(e);
+    return 0;
+}
+
+inline int8_t OpPlusEq(MSFLOAT *a, const MSFLOAT *b) { return PlusEq(a, b->sign, b->exponent, b->mantissa); }
+
+inline int8_t OpMinusEq(MSFLOAT *a, const MSFLOAT *b) {
+    const int8_t negated = static_cast<int8_t>(static_cast<uint8_t>(0u - static_cast<uint8_t>(b->sign)));
+    return PlusEq(a, negated, b->exponent, b->mantissa);
+}
+
+}  // namespace msf
+
+#endif  // KMXC_NUMERICS_MSFLOAT_OPS_H
