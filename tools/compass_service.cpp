@@ -5,6 +5,7 @@
 //
 // What stays here is the demo around the kit: the scripted handling of the phone, the
 // chip models, raw records and replays, the report and the plot.
+#include <algorithm>
 #include <cerrno>
 #include <cmath>
 #include <cstdio>
@@ -127,9 +128,20 @@ int run(const Options &opt)
         replay = std::move(p.record);
     }
 
-    // Output files must be writable before the run starts, not after it.
+    // Output files must be writable before the run starts (and before the sandbox is
+    // touched), not after it; and none of them may be the record being replayed.
+    for (const std::string *path : {&opt.outputs_path, &opt.plot_path, &opt.summary_json_path, &opt.record_path}) {
+        std::error_code ec;
+        if (replaying && !path->empty() && std::filesystem::equivalent(*path, opt.replay_path, ec))
+            return fail("'" + *path + "' is the replay file; name another file", 2);
+    }
     for (const std::string *path : {&opt.outputs_path, &opt.plot_path, &opt.summary_json_path})
         if (!path->empty() && !std::ofstream(*path)) return fail("cannot write '" + *path + "'", 2);
+    std::ofstream record;
+    if (!opt.record_path.empty()) {
+        record.open(opt.record_path);
+        if (!record) return fail("cannot write record file '" + opt.record_path + "'", 2);
+    }
 
     // The virtual phone: files in the sandbox, chip models on the bus.
     Phone phone;
@@ -158,10 +170,7 @@ int run(const Options &opt)
     const uint8_t *rough = started.rough;
     const bool measured = started.rough_measured != 0;
     const bool calibrated = started.offset_loaded != 0;
-    std::ofstream record;
-    if (!opt.record_path.empty()) {
-        record.open(opt.record_path);
-        if (!record) return fail("cannot write record file '" + opt.record_path + "'", 2);
+    if (record.is_open()) {
         const MountingProfile &m = mounting_profiles()[static_cast<size_t>(settings.profile - 1)];
         header.profile = settings.profile;
         for (int i = 0; i < 9; ++i) {
@@ -196,7 +205,11 @@ int run(const Options &opt)
         // Wait (in virtual time) for the cycle's start. A cycle lasts at least the
         // magnetometer's 13 ms, so at high rates the cycles start late, not more often.
         const uint64_t due = replaying ? static_cast<uint64_t>(replay.rows[i].time_us) : i * period_us;
-        if (vphone::now_us() < due) usleep(static_cast<useconds_t>(due - vphone::now_us()));
+        // usleep takes less than a second (and useconds_t may be 32 bits): a long gap
+        // in a recording is waited out in steps.
+        // A failed usleep ends the wait rather than spinning on it.
+        while (vphone::now_us() < due)
+            if (usleep(static_cast<useconds_t>(std::min<uint64_t>(due - vphone::now_us(), 999999))) != 0) break;
         const uint64_t now = vphone::now_us();
         if (!replaying && now > end_us) break;
         Truth truth;

@@ -5,6 +5,7 @@
 
 #include <sys/wait.h>
 
+#include <algorithm>
 #include <cmath>
 #include <filesystem>
 #include <fstream>
@@ -39,9 +40,15 @@ std::string slurp(const std::string &path)
 Result run(const std::string &dir, const std::vector<std::string> &args)
 {
     // Through the emulator in a cross build, as CTest runs this test itself.
-    std::string cmd = std::string(KMXC_EMULATOR) + " '" + COMPASS_SERVICE + "'";
-    for (const auto &a : args) cmd += " '" + a + "'";
-    cmd += " >'" + dir + "/stdout' 2>'" + dir + "/stderr'";
+    // Every word single-quoted for the shell, a quote inside written as '\''.
+    auto quote = [](const std::string &word) {
+        std::string q = "'";
+        for (char c : word) q += c == '\'' ? std::string("'\\''") : std::string(1, c);
+        return q + "'";
+    };
+    std::string cmd = std::string(KMXC_EMULATOR) + " " + quote(COMPASS_SERVICE);
+    for (const auto &a : args) cmd += " " + quote(a);
+    cmd += " >" + quote(dir + "/stdout") + " 2>" + quote(dir + "/stderr");
     const int status = std::system(cmd.c_str());
     Result r;
     r.crashed = WIFSIGNALED(status) || (WIFEXITED(status) && WEXITSTATUS(status) >= 126);
@@ -282,6 +289,105 @@ TEST(CompassService, BadInputGetsOneLineAndANonZeroExit)
         EXPECT_NE(r.err.find(c.error_part), std::string::npos) << c.name << ": " << r.err;
         EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << c.name << ": " << r.err;
     }
+}
+
+// What the tool is pointed at but not given to change stays as it was: it empties only
+// sandboxes it made, never runs text from file names, and reports what it cannot write.
+TEST(CompassService, NeverEmptiesADirectoryItDidNotMake)
+{
+    const std::string d = dir_for("foreign");
+    ASSERT_EQ(run(d, {"--fresh", "--sandbox", d + "/phone", "--quiet", "--scenario", "still", "--record", d + "/r.csv"})
+                  .exit_code,
+              0);
+    const struct { const char *name; std::vector<std::string> args; } cases[] = {
+        {"--fresh", {"--fresh", "--scenario", "still"}},
+        {"a replay", {"--replay", d + "/r.csv"}},
+        {"a plain run", {"--scenario", "still"}},
+    };
+    for (const auto &c : cases) {
+        const std::string mine = d + "/mine-" + std::to_string(&c - cases);
+        fs::create_directories(mine);
+        std::ofstream(mine + "/thesis.txt") << "years of work\n";
+        std::vector<std::string> args = c.args;
+        args.insert(args.end(), {"--sandbox", mine, "--quiet"});
+        const Result r = run(d, args);
+        EXPECT_NE(r.exit_code, 0) << c.name;
+        EXPECT_NE(r.err.find("holds files that are not a virtual phone's"), std::string::npos) << c.name << r.err;
+        EXPECT_EQ(slurp(mine + "/thesis.txt"), "years of work\n") << c.name;
+        EXPECT_EQ(std::distance(fs::directory_iterator(mine), fs::directory_iterator()), 1) << c.name;
+    }
+    // Its own sandbox it empties on request: a stray file goes, the marker stays.
+    std::ofstream(d + "/phone/stray.txt") << "x";
+    ASSERT_EQ(run(d, {"--fresh", "--sandbox", d + "/phone", "--quiet", "--scenario", "still"}).exit_code, 0);
+    EXPECT_FALSE(fs::exists(d + "/phone/stray.txt"));
+    EXPECT_TRUE(fs::exists(d + "/phone/.kmxc-sandbox"));
+}
+
+TEST(CompassService, NamesReachThePlotAsTextNeverAsCommands)
+{
+    const std::string d = dir_for("inject");
+    const std::string record = d + "/r\";system(\"touch INJECTED\");\"x.csv";
+    ASSERT_EQ(run(d, {"--fresh", "--sandbox", d + "/phone", "--quiet", "--scenario", "still", "--record", record})
+                  .exit_code,
+              0);
+    const std::string plot = d + "/p'`touch INJECTED2`'.png";
+    const Result r = run(d, {"--replay", record, "--sandbox", d + "/replay", "--quiet", "--plot", plot});
+    ASSERT_EQ(r.exit_code, 0) << r.err;
+    EXPECT_GT(fs::file_size(plot), 1000u);
+    for (const auto &entry : fs::recursive_directory_iterator(d))
+        EXPECT_EQ(entry.path().filename().string().rfind("INJECTED", 0), std::string::npos) << entry.path();
+    EXPECT_FALSE(fs::exists("INJECTED"));
+    EXPECT_FALSE(fs::exists("INJECTED2"));
+}
+
+TEST(CompassService, FailedWritesAreReportedAndLeaveTheSandboxAlone)
+{
+    const std::string d = dir_for("writes");
+    ASSERT_EQ(run(d, {"--fresh", "--sandbox", d + "/phone", "--quiet", "--scenario", "default"}).exit_code, 0);
+    const std::string cfg = slurp(d + "/phone/misc/sensor/kmxc_orvane.cfg");
+    ASSERT_FALSE(cfg.empty());
+    // Refused before the sandbox is touched, --fresh or not.
+    const Result record = run(d, {"--fresh", "--sandbox", d + "/phone", "--record", d + "/no/such/dir/r.csv"});
+    EXPECT_NE(record.exit_code, 0);
+    EXPECT_EQ(slurp(d + "/phone/misc/sensor/kmxc_orvane.cfg"), cfg);
+    // gnuplot's own failure to write is noticed.
+    if (fs::exists("/dev/full")) {
+        const Result full = run(d, {"--sandbox", d + "/phone", "--quiet", "--scenario", "still", "--plot", "/dev/full"});
+        EXPECT_NE(full.exit_code, 0);
+        EXPECT_NE(full.err.find("plot: cannot write '/dev/full'"), std::string::npos) << full.err;
+    }
+}
+
+TEST(CompassService, ReplayWaitsOutGapsLongerThanThirtyTwoBitsOfMicroseconds)
+{
+    const std::string d = dir_for("gap");
+    ASSERT_EQ(run(d, {"--fresh", "--sandbox", d + "/phone", "--quiet", "--scenario", "still", "--record", d + "/r.csv"})
+                  .exit_code,
+              0);
+    // Every row after the first second moves 4,400,000,000 us later: past 2^32.
+    std::ifstream in(d + "/r.csv");
+    std::ofstream out(d + "/gap.csv");
+    std::string line;
+    int64_t last = 0;
+    while (std::getline(in, line)) {
+        const size_t comma = line.find(',');
+        const std::string first = line.substr(0, comma);
+        if (comma != std::string::npos && !first.empty() && std::all_of(first.begin(), first.end(), ::isdigit) &&
+            std::count(line.begin(), line.end(), ',') == 7) {
+            int64_t t = std::stoll(first);
+            if (t > 1000000) t += 4400000000;
+            last = t;
+            line = std::to_string(t) + line.substr(comma);
+        }
+        out << line << "\n";
+    }
+    out.close();
+    ASSERT_GT(last, 4400000000);
+    const Result r = run(d, {"--replay", d + "/gap.csv", "--sandbox", d + "/replay", "--quiet", "--outputs", d + "/o.csv"});
+    ASSERT_EQ(r.exit_code, 0) << r.err;
+    const auto rows = outputs(d + "/o.csv");
+    ASSERT_FALSE(rows.empty());
+    EXPECT_EQ(std::stoll(rows.back().at("time_us")), last);
 }
 
 } // namespace

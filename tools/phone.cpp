@@ -86,16 +86,55 @@ std::array<int, 18> profile_line(const MountingProfile &p)
     return l;
 }
 
+// A sandbox is a directory this tool made: it carries kSandboxMarker. A directory that
+// holds only the phone's own folders (a sandbox from before the marker) counts too.
+// Nothing else is ever emptied, or written into unless it is empty.
+constexpr const char *kSandboxMarker = ".kmxc-sandbox";
+
+bool is_sandbox(const fs::path &dir, std::error_code &ec)
+{
+    if (fs::exists(dir / kSandboxMarker, ec)) return true;
+    for (const auto &entry : fs::directory_iterator(dir, ec)) {
+        const std::string name = entry.path().filename().string();
+        if (name != "misc" && name != "etc" && name != "sys" && name != "dev") return false;
+    }
+    return !ec;
+}
+
 bool make_phone_dirs(const std::string &dir, bool fresh, std::string *error)
 {
     std::error_code ec;
-    if (fresh) fs::remove_all(dir, ec);
-    for (const char *sub : {"misc/sensor", "etc", "sys/module/zorsensor/parameters", "dev"}) {
-        fs::create_directories(fs::path(dir) / sub, ec);
-        if (ec) {
-            *error = "sandbox: cannot create '" + (fs::path(dir) / sub).string() + "': " + ec.message();
+    const fs::path root(dir);
+    if (fs::exists(root, ec)) {
+        if (!fs::is_directory(root, ec)) {
+            *error = "sandbox: '" + dir + "' exists and is not a directory";
             return false;
         }
+        if (!fs::is_empty(root, ec) && !is_sandbox(root, ec)) {
+            *error = "sandbox: '" + dir + "' holds files that are not a virtual phone's (no " + kSandboxMarker +
+                     "); refusing to " + (fresh ? "empty" : "write into") + " it. Name a new or empty directory.";
+            return false;
+        }
+        if (fresh) {
+            for (const auto &entry : fs::directory_iterator(root, ec)) fs::remove_all(entry.path(), ec);
+            if (ec) {
+                *error = "sandbox: cannot empty '" + dir + "': " + ec.message();
+                return false;
+            }
+        }
+    }
+    for (const char *sub : {"misc/sensor", "etc", "sys/module/zorsensor/parameters", "dev"}) {
+        fs::create_directories(root / sub, ec);
+        if (ec) {
+            *error = "sandbox: cannot create '" + (root / sub).string() + "': " + ec.message();
+            return false;
+        }
+    }
+    std::ofstream marker(root / kSandboxMarker);
+    marker << "A virtual phone's files, made by compass_service; --fresh and replays empty this directory.\n";
+    if (!marker) {
+        *error = "sandbox: cannot write '" + (root / kSandboxMarker).string() + "'";
+        return false;
     }
     vphone::set_root(fs::absolute(dir).string());
     return true;

@@ -3,8 +3,12 @@
 #include "service/kmxc_service.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <ostream>
 #include <sstream>
@@ -267,18 +271,38 @@ bool Report::write_summary_json(const std::string &path, std::string *error) con
     return true;
 }
 
+// Text that reaches gnuplot's script as a string: letters, digits and a few marks
+// only, in single quotes, so no name (a replay file's, say) can end the string or
+// reach gnuplot's command substitution.
+static std::string gnuplot_text(const std::string &text)
+{
+    std::string out;
+    for (unsigned char c : text)
+        out += (std::isalnum(c) || std::strchr(" -_.,:/()+=#", c) != nullptr) && c != 0 ? static_cast<char>(c) : '?';
+    return "'" + out + "'";
+}
+
+namespace fs = std::filesystem;
+
 bool Report::write_plot(const std::string &path, const std::string &title, std::string *error) const
 {
-    std::string quoted; // gnuplot doubles a quote inside a single-quoted string
-    for (char c : path) quoted += (c == '\'' ? std::string("''") : std::string(1, c));
+    // gnuplot draws into a fresh directory of our own under a fixed name; the picture
+    // is then copied to `path`, which never appears in the script.
+    std::error_code ec;
+    std::string scratch = (fs::temp_directory_path(ec) / "kmxc-plot-XXXXXX").string();
+    if (ec || mkdtemp(scratch.data()) == nullptr) {
+        *error = "plot: cannot make a scratch directory";
+        return false;
+    }
+    const std::string drawn = scratch + "/plot.png";
     const bool truth = !samples_.empty() && samples_.front().has_truth;
     std::ostringstream g;
     // Two panels: errors (or headings, on replays) above, the kit's accuracy below;
     // calibrations, rough-offset changes and anomalies marked in both; the legend
     // below the plots, off the data; heading errors autoscaled, never clipped.
     g << "set terminal pngcairo size 1100,760 font 'sans,10'\n"
-      << "set output '" << quoted << "'\n"
-      << "set multiplot title \"" << title << "\"\n"
+      << "set output " << gnuplot_text(drawn) << "\n"
+      << "set multiplot title " << gnuplot_text(title) << "\n"
       << "set lmargin 10\nset rmargin 10\nset grid\n"
       << "set key outside bottom center horizontal box\n";
     const double end_s = samples_.empty() ? 0.0 : static_cast<double>(samples_.back().time_us) / 1e6;
@@ -340,23 +364,28 @@ bool Report::write_plot(const std::string &path, const std::string &title, std::
          "unset y2tics\nunset y2label\n"
          "plot $data using 1:5 with steps lw 2 lc rgb '#2060c0' title 'accuracy', "
       << marks << "\nunset multiplot\n";
-    if (!std::ofstream(path)) {
-        *error = "cannot write plot file '" + path + "'";
-        return false;
-    }
     FILE *p = popen("gnuplot", "w");
     if (!p) {
         *error = "plot: cannot start gnuplot";
+        fs::remove_all(scratch, ec);
         return false;
     }
     const std::string script = g.str();
-    std::fwrite(script.data(), 1, script.size(), p);
+    const bool sent = std::fwrite(script.data(), 1, script.size(), p) == script.size();
     const int rc = pclose(p);
-    if (rc != 0) {
+    bool ok = sent && rc == 0;
+    if (!ok) {
         *error = "plot: gnuplot failed (is gnuplot-nox installed? scripts/ensure-deps.sh installs it)";
-        return false;
+    } else {
+        std::ifstream in(drawn, std::ios::binary);
+        std::ofstream out(path, std::ios::binary | std::ios::trunc);
+        out << in.rdbuf();
+        out.close();
+        ok = in.good() && out.good();
+        if (!ok) *error = "plot: cannot write '" + path + "'";
     }
-    return true;
+    fs::remove_all(scratch, ec);  // only the directory made above
+    return ok;
 }
 
 } // namespace compass
