@@ -187,6 +187,9 @@ ParsedOptions parse_options(const std::vector<std::string> &args)
         err = scenario_option_given + " and --replay cannot be combined: a replay's phone, rate and handling are "
                                       "those of its record";
     r.ok = err.empty();
+    // One line whatever the arguments held: control characters they echo show as '?'.
+    for (char &c : err)
+        if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) c = '?';
     r.error = err;
     return r;
 }

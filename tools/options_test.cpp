@@ -8,6 +8,7 @@ namespace {
 // The one-line error must contain error_part, naming the problem.
 const struct { const char *name; std::vector<std::string> args; const char *error_part; } kBad[] = {
     {"unknown option", {"--colour", "red"}, "unknown option '--colour'"},
+    {"control characters stay on one line", {"--x\ny\r\x1b"}, "unknown option '--x?y?" "?'"},
     {"positional argument", {"default"}, "unknown option 'default'"},
     {"missing value", {"--field"}, "--field needs a value"},
     {"not a number", {"--field", "strong"}, "--field: 'strong' is not a number"},
