@@ -24,6 +24,7 @@
 #include "tools/record.h"
 #include "tools/report.h"
 #include "tools/scenario.h"
+#include "vphone/fault_plan.h"
 #include "vphone/vphone.h"
 
 namespace {
@@ -143,9 +144,13 @@ int run(const Options &opt)
         if (!record) return fail("cannot write record file '" + opt.record_path + "'", 2);
     }
 
+    std::vector<vphone::PlannedFault> faults;
+    std::string error;
+    if (!opt.fault_plan.empty() && !vphone::parse_fault_plan(opt.fault_plan, &faults, &error))
+        return fail("--fault: " + error, 2);
+
     // The virtual phone: files in the sandbox, chip models on the bus.
     Phone phone;
-    std::string error;
     const ScenarioSettings &settings = opt.scenario;
     const bool sandbox_ok = replaying ? phone.open_replay_sandbox(opt.sandbox, replay.header, &error)
                                       : phone.open_sandbox(opt.sandbox, opt.fresh, settings.profile, &error);
@@ -161,6 +166,9 @@ int run(const Options &opt)
 
     RecordHeader header;
     header.has_stored = stored_line(&header.stored);
+
+    // Faults planned with --fault count from here: the service's first call.
+    vphone::apply_fault_plan(faults);
 
     // The service starts.
     KmxcServiceStart started{};

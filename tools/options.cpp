@@ -68,6 +68,8 @@ std::string usage_text()
          "  --plot FILE            draw heading and offset error over time to FILE (PNG)\n"
          "  --summary-json FILE    write the summary to FILE (JSON)\n"
          "  --quiet                print the summary only\n"
+         "  --fault PLAN           fail the virtual phone's calls: CALL:N[:ERRNO[:COUNT]],...\n"
+         "                         e.g. rename:1:EROFS (vphone/README.md; VPHONE_FAULTS too)\n"
          "  --help                 this text\n"
          "  --version              the version of the tools and the library\n";
     return u.str();
@@ -147,6 +149,10 @@ ParsedOptions parse_options(const std::vector<std::string> &args)
         {"--outputs", [&](auto &opt, auto &v) { path(opt, v, &o.outputs_path); }},
         {"--plot", [&](auto &opt, auto &v) { path(opt, v, &o.plot_path); }},
         {"--summary-json", [&](auto &opt, auto &v) { path(opt, v, &o.summary_json_path); }},
+        {"--fault", [&](auto &opt, auto &v) {
+             if (v.empty()) err = opt + ": empty fault plan";
+             o.fault_plan += (o.fault_plan.empty() ? "" : ",") + v;
+         }},
     };
     const std::map<std::string, bool *> flags{{"--fresh", &o.fresh}, {"--quiet", &o.quiet}, {"--help", &o.help}, {"--version", &o.version}};
 

@@ -18,6 +18,7 @@ struct Options {
     std::string outputs_path;            // per-sample library outputs, CSV
     std::string plot_path;               // PNG of heading and offset error over time
     std::string summary_json_path;       // the summary as JSON
+    std::string fault_plan;              // faults for the virtual phone (vphone/fault_plan.h)
     double rate_hz = 10.0;               // measurement cycles per second
     bool quiet = false;                  // no per-second lines
     bool help = false;

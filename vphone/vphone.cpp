@@ -1,6 +1,7 @@
 // State of the virtual phone and its test-facing API (vphone.h); shim.c feeds the
 // intercepted C library calls in through vphone_core.h.
 #include "vphone/vphone.h"
+#include "vphone/fault_plan.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -106,6 +107,7 @@ const std::string &ensure_root() {
 
 // Counts one call; the errno of a fault window it falls into, else 0.
 int take(int call) {
+    apply_environment_fault_plan();  // VPHONE_FAULTS, once, before the first call counts
     State &s = state();
     long n = ++s.counts[call];
     for (const Window &w : s.faults)

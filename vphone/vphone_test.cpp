@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstdio>
 
+#include "vphone/fault_plan.h"
 #include "vphone/phone_fixture.h"
 
 namespace {
@@ -90,6 +91,52 @@ TEST_F(VphoneTest, FaultWindowsCountFromWhenTheyAreSet) {
         for (size_t i = 0; i < c.fails.size(); ++i)
             EXPECT_EQ(::access("/misc/sensor/a", F_OK), c.fails[i] ? -1 : 0) << c.name << ", call " << i + 1;
     }
+}
+
+// A fault plan as an integrator writes it: each entry becomes one fail_call, and text
+// that is not a plan is refused with the entry and the reason.
+TEST_F(VphoneTest, FaultPlansParseToTheirFaultsOrSayWhyNot) {
+    using vphone::PlannedFault;
+    const struct { const char *text; std::vector<PlannedFault> want; const char *error; } cases[] = {
+        {"fopen:3:ENOSPC", {{Call::Fopen, 3, ENOSPC, 1}}, ""},
+        {"write:1", {{Call::Write, 1, EIO, 1}}, ""},
+        {"usleep:2:4:5,rename:1:EROFS:all",
+         {{Call::Usleep, 2, 4, 5}, {Call::Rename, 1, EROFS, vphone::kForever}}, ""},
+        {"", {}, "empty fault plan"},
+        {"fopen", {}, "'fopen': the occurrence must be a whole number from 1"},
+        {"fopen:0", {}, "'fopen:0': the occurrence must be a whole number from 1"},
+        {"flush:1", {}, "'flush:1': unknown call 'flush'"},
+        {"read:1:EWHAT", {}, "'read:1:EWHAT': unknown errno 'EWHAT'"},
+        {"read:1:EIO:0", {}, "'read:1:EIO:0': the count must be a whole number from 1, or all"},
+        {"read:1:EIO:1:9", {}, "'read:1:EIO:1:9': at most CALL:N:ERRNO:COUNT"},
+        {"read:1,", {}, "'': unknown call ''"},
+    };
+    for (const auto &c : cases) {
+        std::vector<PlannedFault> got;
+        std::string error;
+        const bool ok = vphone::parse_fault_plan(c.text, &got, &error);
+        EXPECT_EQ(ok, *c.error == '\0') << c.text;
+        if (!ok) {
+            EXPECT_EQ(error.rfind(c.error, 0), 0u) << c.text << ": " << error;
+            continue;
+        }
+        ASSERT_EQ(got.size(), c.want.size()) << c.text;
+        for (size_t i = 0; i < got.size(); ++i) {
+            EXPECT_EQ(got[i].call, c.want[i].call) << c.text;
+            EXPECT_EQ(got[i].nth, c.want[i].nth) << c.text;
+            EXPECT_EQ(got[i].error, c.want[i].error) << c.text;
+            EXPECT_EQ(got[i].count, c.want[i].count) << c.text;
+        }
+    }
+    // Applied, the plan fails exactly the named occurrence.
+    std::vector<PlannedFault> plan;
+    std::string error;
+    ASSERT_TRUE(vphone::parse_fault_plan("access:2:EACCES", &plan, &error));
+    vphone::apply_fault_plan(plan);
+    EXPECT_EQ(::access("/misc/sensor", F_OK), 0);
+    EXPECT_EQ(::access("/misc/sensor", F_OK), -1);
+    EXPECT_EQ(errno, EACCES);
+    EXPECT_EQ(::access("/misc/sensor", F_OK), 0);
 }
 
 }  // namespace
