@@ -249,10 +249,4 @@ std::vector<std::array<int, 3>> Phone::take_rough_readings()
     return r;
 }
 
-std::array<int, 3> Phone::chip_rough() const
-{
-    const auto &r = chips_->mag.model.roughOffset();
-    return {r[0], r[1], r[2]};
-}
-
 } // namespace compass

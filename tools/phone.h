@@ -51,7 +51,6 @@ public:
     std::vector<std::array<int, 3>> take_rough_readings();
 
     // The rough offset the magnetometer model was last told.
-    std::array<int, 3> chip_rough() const;
 
     Phone();
     ~Phone();

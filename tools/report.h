@@ -83,7 +83,6 @@ public:
     void set_started_calibrated(bool yes) { summary_.started_calibrated = yes; }
     void add(const SampleOutput &s);           // prints the line of each new second
     const Summary &summary() const { return summary_; }
-    const std::vector<SampleOutput> &samples() const { return samples_; }
 
     void print_summary(const std::string &persisted) const;
     bool write_outputs(const std::string &path, std::string *error) const;

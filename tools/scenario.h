@@ -102,7 +102,6 @@ public:
     // The same instant without noise (deterministic, for checks).
     Truth ideal(double t_s) const;
 
-    const ScenarioSettings &settings() const { return settings_; }
 
 private:
     struct Segment {

@@ -75,10 +75,6 @@ void KmxcModel::setNoise(uint32_t seed, double sigmaRaw) {
 }
 void KmxcModel::setCalibration(const std::array<uint8_t, 9> &bytes) { calib_ = bytes; }
 void KmxcModel::setMounting(const std::array<int8_t, 9> &matrix) { mounting_ = matrix; }
-void KmxcModel::setConversionTime(uint32_t measureUs, uint32_t roughUs) {
-    measureUs_ = measureUs;
-    roughUs_ = roughUs;
-}
 
 std::array<double, 3> KmxcModel::idealCentredChannels() const {
     const Vec3 sum = {field_.x + hardIron_.x, field_.y + hardIron_.y, field_.z + hardIron_.z};

@@ -67,7 +67,6 @@ public:
     // Chip-to-phone mounting: the nine numbers of the profile's fields 10..18
     // (row i = phone axis i in chip axes). Default identity.
     void setMounting(const std::array<int8_t, 9> &matrix);
-    void setConversionTime(uint32_t measureUs, uint32_t roughUs);  // default 13000, 2000
 
     // ---- What the chip was told ----
     const std::array<uint8_t, 3> &roughOffset() const { return rough_; }  // power-on 16

@@ -77,7 +77,6 @@ void Smb380Model::load_image() {
 }
 
 void Smb380Model::sample() {
-    ++samples_;
     if ((regs_[kControl] & 0x01) != 0) return;  // asleep: the registers keep the last sample
     if (counts_) {
         last_ = *counts_;

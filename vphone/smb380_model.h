@@ -66,7 +66,6 @@ public:
     void set_reg(uint8_t address, uint8_t value) { regs_[address & 0x7F] = value; }
     // The chip counts of the last sample taken.
     std::array<int16_t, 3> last_counts() const { return last_; }
-    int samples_taken() const { return samples_; }
     int ignored_eeprom_writes() const { return ignored_eeprom_writes_; }
 
     int write(const uint8_t *data, size_t length) override;
@@ -86,7 +85,6 @@ private:
     std::array<int16_t, 3> last_{};
     double noise_sigma_ = 0;
     std::mt19937 rng_;
-    int samples_ = 0;
     int ignored_eeprom_writes_ = 0;
 };
 

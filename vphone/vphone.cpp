@@ -54,7 +54,6 @@ struct State {
     std::map<int, Compass> compass;  // open descriptors
     std::map<unsigned long, int> answers;
     std::map<unsigned long, int> control_errors;
-    std::optional<long> charger_state;
     struct OpenFile {
         std::string host;
         long size_at_open;
@@ -179,11 +178,6 @@ std::vector<Event> transcript_of(Kind kind) {
 }
 void clear_transcript() { state().transcript.clear(); }
 
-const char *kind_name(Kind kind) {
-    static const char *const names[] = {"Open", "Close", "SelectSlave", "Write", "Read", "Control", "Sleep"};
-    return names[static_cast<int>(kind)];
-}
-
 // ---- Control requests and faults -------------------------------------------------------------
 
 void set_control_answer(unsigned long request, int value) { state().answers[request] = value; }
@@ -193,7 +187,6 @@ void set_control_error(unsigned long request, int error) {
     else
         state().control_errors[request] = error;
 }
-std::optional<long> last_charger_state() { return state().charger_state; }
 
 void fail_call(Call call, int nth, int error, int count) {
     Window w = window(call, nth, count);
@@ -306,7 +299,6 @@ void reset() {
     s.devices.clear();
     s.answers.clear();
     s.control_errors.clear();
-    s.charger_state.reset();
     s.owners.clear();
 }
 
@@ -435,7 +427,6 @@ int vphone_core_compass_ioctl(int fd, unsigned long request, unsigned long argum
     case vphone::kSetMagnetGuard: {
         auto err = s.control_errors.find(request);
         if (err != s.control_errors.end()) return static_cast<int>(vphone::fail(std::move(e), err->second));
-        if (request == vphone::kSetChargerState) s.charger_state = e.argument;
         auto answer = s.answers.find(request);
         e.result = answer == s.answers.end() ? 0 : answer->second;
         break;

@@ -95,7 +95,6 @@ struct Event {
 const std::vector<Event> &transcript();
 std::vector<Event> transcript_of(Kind kind);
 void clear_transcript();
-const char *kind_name(Kind kind);
 
 // ---- Control requests ------------------------------------------------------------------
 
@@ -110,8 +109,6 @@ constexpr unsigned long kSetMagnetGuard = 0x0710;
 void set_control_answer(unsigned long request, int value);
 // Every later call of this request fails with errno error (0 clears).
 void set_control_error(unsigned long request, int error);
-// Argument of the last set charger state request (0x0708); nullopt when none.
-std::optional<long> last_charger_state();
 
 // ---- Fault injection -------------------------------------------------------------------
 
