@@ -128,6 +128,28 @@ inline int8_t PlusEq(MSFLOAT *a, int8_t bs, uint8_t be, uint16_t bm) {
     if (bs == 0) return 0;
     const uint8_t ae = a->exponent;
     const uint16_t am = a->mantissa;
+    if (as == bs && am >= 0x8000u && bm >= 0x8000u) {
+        // The common case, both normalised with one sign: the general steps below
+        // reduce to this (no borrow, at most one carry, nothing to normalise).
+        const bool aBig = ae > be || (ae == be && am > bm);
+        const uint32_t bigExp = aBig ? ae : be, smallExp = aBig ? be : ae;
+        const uint32_t bigMan = aBig ? am : bm, smallMan = aBig ? bm : am;
+        const uint32_t d = bigExp - smallExp;
+        if (d > 16) {
+            a->exponent = static_cast<uint8_t>(bigExp);
+            a->mantissa = static_cast<uint16_t>(bigMan);
+            return 0;
+        }
+        uint32_t m = bigMan + (smallMan >> d);
+        uint32_t e = bigExp;
+        if (m >= 65536u) {
+            m >>= 1;
+            if (++e > 255u) return MSFLOAT_OVERFLOW;
+        }
+        a->exponent = static_cast<uint8_t>(e);
+        a->mantissa = static_cast<uint16_t>(m);
+        return 0;
+    }
     const bool leftBigger = AbsGreater(am, ae, bm, be);  // equal magnitudes: big is b
     const int8_t bigSign = leftBigger ? as : bs, smallSign = leftBigger ? bs : as;
     const uint32_t bigExp = leftBigger ? ae : be, smallExp = leftBigger ? be : ae;
