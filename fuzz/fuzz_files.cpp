@@ -3,8 +3,8 @@
 // offsets and the transformation profile with its profile number. The input is split
 // at its first two NUL bytes into the three files.
 #include <stdint.h>
-#include <stdlib.h>
-#include <unistd.h>
+
+#include <cstdlib>
 
 #include <string>
 #include <string_view>
@@ -14,12 +14,13 @@
 #include "vphone/vphone.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-    static const std::string root = [] {
-        char dir[] = "/tmp/kmxc-fuzz-files-XXXXXX";
-        return std::string(mkdtemp(dir));
+    static const bool sandbox = [] {  // one for the whole run, removed at its end
+        vphone::make_sandbox();
+        std::atexit([] { vphone::remove_sandbox(); });
+        return true;
     }();
+    (void)sandbox;
     vphone::reset();
-    vphone::set_root(root);
     std::string_view all(reinterpret_cast<const char *>(data), size);
     std::string_view part[3];
     for (int k = 0; k < 2; ++k) {
