@@ -4,6 +4,7 @@
 
 #include <charconv>
 #include <cmath>
+#include <cstring>
 #include <functional>
 #include <map>
 #include <sstream>
@@ -71,7 +72,9 @@ std::string usage_text()
          "  --fault PLAN           fail the virtual phone's calls: CALL:N[:ERRNO[:COUNT]],...\n"
          "                         e.g. rename:1:EROFS (vphone/README.md; VPHONE_FAULTS too)\n"
          "  --help                 this text\n"
-         "  --version              the version of the tools and the library\n";
+         "  --version              the version of the tools and the library\n"
+         "Scenarios:\n";
+    for (const ScenarioInfo &i : scenarios()) u << "  " << i.name << std::string(23 - std::strlen(i.name), ' ') << i.description << "\n";
     return u.str();
 }
 

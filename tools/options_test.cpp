@@ -55,6 +55,11 @@ TEST(Options, ValuesReachTheSettingsInBothSpellings)
     EXPECT_EQ(parse_options({"--replay", "r.csv"}).options.sandbox, "out/replay-sandbox")
         << "a replay must not empty the scenario runs' sandbox";
     EXPECT_EQ(parse_options({}).options.scenario.name, "default") << "no arguments: the default scenario";
+    for (const ScenarioInfo &i : scenarios()) {  // each scenario is offered and explained
+        EXPECT_TRUE(parse_options({"--scenario", i.name}).ok) << i.name;
+        EXPECT_NE(usage_text().find(std::string("  ") + i.name + " "), std::string::npos) << i.name;
+        EXPECT_NE(usage_text().find(i.description), std::string::npos) << i.name;
+    }
     EXPECT_EQ(parse_options({}).options.sandbox, "out/sandbox");
 }
 

@@ -3,6 +3,8 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdio>
+#include <cstdlib>
 
 namespace compass {
 namespace {
@@ -36,9 +38,39 @@ double heading_of(double east, double north) { return wrap360(std::atan2(east, n
 
 } // namespace
 
+const std::vector<Scenario::Entry> &Scenario::table()
+{
+    static const std::vector<Entry> entries{
+        {{"default", "on the table, picked up, a figure-eight, carried while walking, laid flat and turned, set down"},
+         &Scenario::script_default},
+        {{"planar", "only ever turned flat on the table"}, &Scenario::script_planar},
+        {{"two-planes", "turned flat, then stood on its edge and turned"}, &Scenario::script_two_planes},
+        {{"magnet", "calibrated, then a magnetic clip is attached and a second figure-eight follows"},
+         &Scenario::script_magnet},
+        {{"still", "lies on the table"}, &Scenario::script_still},
+        {{"slow", "turned slowly by hand (10 to 20 degrees per second) through all orientations"},
+         &Scenario::script_slow},
+    };
+    return entries;
+}
+
+const std::vector<ScenarioInfo> &scenarios()
+{
+    static const std::vector<ScenarioInfo> infos = [] {
+        std::vector<ScenarioInfo> v;
+        for (const auto &e : Scenario::table()) v.push_back(e.info);
+        return v;
+    }();
+    return infos;
+}
+
 const std::vector<std::string> &scenario_names()
 {
-    static const std::vector<std::string> names{"default", "planar", "two-planes", "magnet", "still", "slow"};
+    static const std::vector<std::string> names = [] {
+        std::vector<std::string> v;
+        for (const ScenarioInfo &i : scenarios()) v.emplace_back(i.name);
+        return v;
+    }();
     return names;
 }
 
@@ -118,65 +150,91 @@ double heading_difference(double a, double b)
 
 Scenario::Scenario(const ScenarioSettings &s) : settings_(s), rng_(s.seed)
 {
-    using K = Segment::Kind;
-    auto add = [this](K kind, const char *phase, double dur, Pose to, double rate = 0) {
-        Pose from = to; // each segment starts where the one before ended
-        if (!script_.empty()) {
-            const Segment *seg = nullptr;
-            double local = 0;
-            from = pose_at(duration_s_, &seg, &local);
+    for (const Entry &e : table())
+        if (s.name == e.info.name) {
+            (this->*e.script)();
+            return;
         }
-        script_.push_back(Segment{kind, phase, dur, from, to, rate});
-        duration_s_ += dur;
-    };
-    const Pose flat{40, 0, 0};
-    if (s.name == "planar") {
-        // Only ever turned on the table: samples lie in one plane.
-        add(K::Hold, "on table", 3, flat);
-        add(K::Spin, "turned flat", 40, flat, 120);
-        add(K::Hold, "on table", 3, flat);
-    } else if (s.name == "two-planes") {
-        // Turned flat on the table, then stood on its bottom edge and turned again.
-        add(K::Hold, "on table", 3, flat);
-        add(K::Spin, "turned flat", 12, flat, 120);
-        add(K::Move, "stood up", 2, Pose{40, -90, 0});
-        add(K::Spin, "turned upright", 12, Pose{40, -90, 0}, 120);
-        add(K::Move, "laid down", 2, flat);
-        add(K::Hold, "on table", 3, flat);
-    } else if (s.name == "magnet") {
-        // Calibrated in a figure-eight; then a magnetic clip goes onto the phone on the
-        // table (the magnetometer's channels leave their range, and the service moves
-        // the rough offset), and a second figure-eight calibrates again.
-        add(K::Hold, "on table", 3, flat);
-        add(K::Move, "picked up", 1, Pose{40, -30, 0});
-        add(K::FigureEight, "figure-eight", 12, Pose{40, -30, 0});
-        add(K::Move, "laid down", 1, flat);
-        add(K::Hold, "on table", 3, flat);
-        magnet_from_s_ = duration_s_;
-        add(K::Hold, "magnet clipped on", 4, flat);
-        add(K::Move, "picked up", 1, Pose{40, -30, 0});
-        add(K::FigureEight, "figure-eight", 12, Pose{40, -30, 0});
-        add(K::Move, "laid down", 1, flat);
-        add(K::Hold, "on table", 3, flat);
-    } else if (s.name == "slow") {
-        // Turned slowly by hand through all its orientations (10 to 20 degrees per
-        // second): each batch of consecutive samples spans only a few degrees.
-        add(K::Hold, "on table", 3, flat);
-        add(K::Tumble, "turned slowly by hand", 60, flat);
-        add(K::Move, "laid down", 2, flat);
-        add(K::Hold, "on table", 3, flat);
-    } else if (s.name == "still") {
-        add(K::Hold, "on table", 20, flat);
-    } else {
-        add(K::Hold, "on table", 6, flat);
-        add(K::Move, "picked up", 2, Pose{40, -30, 0});
-        add(K::FigureEight, "figure-eight", 16, Pose{40, -30, 0});
-        add(K::Move, "raised to read", 1, Pose{40, -35, 0});
-        add(K::Walk, "walking", 30, Pose{130, -35, 0});
-        add(K::Move, "laid flat", 2, Pose{130, 0, 0});
-        add(K::Spin, "turned flat", 15, Pose{130, 0, 0}, 120);
-        add(K::Hold, "set down", 6, flat);
+    // The command line accepts only the table's names; anything else is a programming error.
+    std::fprintf(stderr, "compass_service: unknown scenario '%s'\n", s.name.c_str());
+    std::abort();
+}
+
+void Scenario::add(Segment::Kind kind, const char *phase, double dur, Pose to, double rate)
+{
+    Pose from = to; // each segment starts where the one before ended
+    if (!script_.empty()) {
+        const Segment *seg = nullptr;
+        double local = 0;
+        from = pose_at(duration_s_, &seg, &local);
     }
+    script_.push_back(Segment{kind, phase, dur, from, to, rate});
+    duration_s_ += dur;
+}
+
+namespace {
+const Pose kFlat{40, 0, 0}; // lying face up, heading 40 degrees
+} // namespace
+
+void Scenario::script_planar()
+{
+    // Only ever turned on the table: samples lie in one plane.
+    add(Segment::Hold, "on table", 3, kFlat);
+    add(Segment::Spin, "turned flat", 40, kFlat, 120);
+    add(Segment::Hold, "on table", 3, kFlat);
+}
+
+void Scenario::script_two_planes()
+{
+    // Turned flat on the table, then stood on its bottom edge and turned again.
+    add(Segment::Hold, "on table", 3, kFlat);
+    add(Segment::Spin, "turned flat", 12, kFlat, 120);
+    add(Segment::Move, "stood up", 2, Pose{40, -90, 0});
+    add(Segment::Spin, "turned upright", 12, Pose{40, -90, 0}, 120);
+    add(Segment::Move, "laid down", 2, kFlat);
+    add(Segment::Hold, "on table", 3, kFlat);
+}
+
+void Scenario::script_magnet()
+{
+    // Calibrated in a figure-eight; then a magnetic clip goes onto the phone on the
+    // table (the magnetometer's channels leave their range, and the service moves
+    // the rough offset), and a second figure-eight calibrates again.
+    add(Segment::Hold, "on table", 3, kFlat);
+    add(Segment::Move, "picked up", 1, Pose{40, -30, 0});
+    add(Segment::FigureEight, "figure-eight", 12, Pose{40, -30, 0});
+    add(Segment::Move, "laid down", 1, kFlat);
+    add(Segment::Hold, "on table", 3, kFlat);
+    magnet_from_s_ = duration_s_;
+    add(Segment::Hold, "magnet clipped on", 4, kFlat);
+    add(Segment::Move, "picked up", 1, Pose{40, -30, 0});
+    add(Segment::FigureEight, "figure-eight", 12, Pose{40, -30, 0});
+    add(Segment::Move, "laid down", 1, kFlat);
+    add(Segment::Hold, "on table", 3, kFlat);
+}
+
+void Scenario::script_slow()
+{
+    // Turned slowly by hand through all its orientations (10 to 20 degrees per
+    // second): each batch of consecutive samples spans only a few degrees.
+    add(Segment::Hold, "on table", 3, kFlat);
+    add(Segment::Tumble, "turned slowly by hand", 60, kFlat);
+    add(Segment::Move, "laid down", 2, kFlat);
+    add(Segment::Hold, "on table", 3, kFlat);
+}
+
+void Scenario::script_still() { add(Segment::Hold, "on table", 20, kFlat); }
+
+void Scenario::script_default()
+{
+    add(Segment::Hold, "on table", 6, kFlat);
+    add(Segment::Move, "picked up", 2, Pose{40, -30, 0});
+    add(Segment::FigureEight, "figure-eight", 16, Pose{40, -30, 0});
+    add(Segment::Move, "raised to read", 1, Pose{40, -35, 0});
+    add(Segment::Walk, "walking", 30, Pose{130, -35, 0});
+    add(Segment::Move, "laid flat", 2, Pose{130, 0, 0});
+    add(Segment::Spin, "turned flat", 15, Pose{130, 0, 0}, 120);
+    add(Segment::Hold, "set down", 6, kFlat);
 }
 
 Pose Scenario::pose_at(double t, const Segment **seg_out, double *local_out) const

@@ -81,6 +81,12 @@ struct TrueAngles {
 // threshold the kit passes to the library.
 constexpr int kDirectionThreshold = KMXC_SERVICE_DIRECTION_THRESHOLD;
 
+// The shipped scenarios, in one table (scenario.cpp): name, a line for --help, script.
+struct ScenarioInfo {
+    const char *name;
+    const char *description;
+};
+const std::vector<ScenarioInfo> &scenarios();
 const std::vector<std::string> &scenario_names();
 bool is_scenario_name(const std::string &name);
 
@@ -111,6 +117,21 @@ private:
         Pose from, to;           // Move: eased interpolation from -> to
         double rate_deg_s = 0;   // Spin: heading rate
     };
+    // The scripts of the scenario table; each adds its segments in order.
+    void add(Segment::Kind kind, const char *phase, double duration_s, Pose to, double rate_deg_s = 0);
+    void script_default();
+    void script_planar();
+    void script_two_planes();
+    void script_magnet();
+    void script_still();
+    void script_slow();
+    struct Entry {
+        ScenarioInfo info;
+        void (Scenario::*script)();
+    };
+    static const std::vector<Entry> &table();
+    friend const std::vector<ScenarioInfo> &scenarios();
+
     Pose pose_at(double t_s, const Segment **seg, double *local_s) const;
     Vec3 linear_accel_g(const Segment &seg, double local_s) const;
 

@@ -76,7 +76,11 @@ TEST(ScenarioScripts, HandlingIsContinuousAndEveryScriptHasItsPhases)
         {"two-planes", {"turned flat", "stood up", "turned upright"}},
         {"magnet", {"figure-eight", "magnet clipped on"}},
         {"still", {"on table"}},
+        {"slow", {"turned slowly by hand", "laid down"}},
     };
+    // Every scenario the command line offers has a case here, and no case is extra.
+    ASSERT_EQ(scenario_names().size(), std::size(cases));
+    for (const auto &c : cases) EXPECT_TRUE(is_scenario_name(c.name)) << c.name;
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
         const Scenario sc(ScenarioSettings{.name = c.name});
