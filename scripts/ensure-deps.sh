@@ -6,6 +6,7 @@ set -euo pipefail
 arch=$(dpkg --print-architecture)
 packages=(
   cmake ninja-build g++ clang            # toolchain
+  libclang-rt-14-dev                     # clang's sanitizer and libFuzzer runtimes (fuzz/)
   libgtest-dev libgmock-dev libbenchmark-dev   # tests and benchmarks
   "android-liblog-dev:$arch"             # the Android logging library the library links
   binutils                               # readelf/nm/objdump for the contract checks

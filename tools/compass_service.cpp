@@ -115,6 +115,20 @@ std::string persisted_text(const std::string &sandbox)
     return o.str();
 }
 
+// Whether path names something inside dir (symbolic links followed as far as they exist).
+bool is_inside(const std::string &path, const std::string &dir)
+{
+    namespace fs = std::filesystem;
+    std::error_code ec;
+    const fs::path p = fs::weakly_canonical(fs::absolute(path, ec), ec);
+    const fs::path d = fs::weakly_canonical(fs::absolute(dir, ec), ec);
+    if (ec) return false;
+    auto pi = p.begin(), di = d.begin();
+    for (; di != d.end() && !di->empty(); ++pi, ++di)
+        if (pi == p.end() || *pi != *di) return false;
+    return pi != p.end();
+}
+
 int run(const Options &opt)
 {
     const bool replaying = !opt.replay_path.empty();
@@ -136,6 +150,15 @@ int run(const Options &opt)
         if (replaying && !path->empty() && std::filesystem::equivalent(*path, opt.replay_path, ec))
             return fail("'" + *path + "' is the replay file; name another file", 2);
     }
+    // The sandbox is the phone's file system, emptied by --fresh and by every replay: a
+    // file named on the command line may not live in it, or it would be lost (a record
+    // written there would go to a file already deleted).
+    for (const std::string *path :
+         {&opt.replay_path, &opt.outputs_path, &opt.plot_path, &opt.summary_json_path, &opt.record_path})
+        if (!path->empty() && is_inside(*path, opt.sandbox))
+            return fail("'" + *path + "' is inside the sandbox '" + opt.sandbox +
+                            "', which --fresh and replays empty; name a file outside it",
+                        2);
     for (const std::string *path : {&opt.outputs_path, &opt.plot_path, &opt.summary_json_path})
         if (!path->empty() && !std::ofstream(*path)) return fail("cannot write '" + *path + "'", 2);
     std::ofstream record;

@@ -246,17 +246,42 @@ TEST(CompassService, SecondRunWithTheSameSandboxStartsFromTheStoredOffsets)
         << cfg;
 }
 
-TEST(CompassService, AGarbledCalibrationFileIsResetAndSaidSo)
+// A whole calibration line: nine integers, comma-separated, one newline at most.
+bool whole_calibration_line(const std::string &text)
 {
-    // Letters load as offsets 0,0,0 under the file's rules; the kit must not use them.
-    const std::string d = dir_for("garbled");
-    fs::create_directories(d + "/phone/misc/sensor");
-    std::ofstream(d + "/phone/misc/sensor/kmxc_orvane.cfg") << "calibrated!";
-    const Result r = run(d, {"--sandbox", d + "/phone", "--quiet", "--scenario", "still"});
-    ASSERT_EQ(r.exit_code, 0) << r.err;
-    EXPECT_NE(r.out.find("measured; no stored magnetic offset; the calibration file was empty or garbled and was reset"),
-              std::string::npos)
-        << r.out;
+    std::istringstream in(text);
+    long long v;
+    char comma;
+    for (int i = 0; i < 9; ++i)
+        if (!(in >> v) || (i < 8 && (!(in >> comma) || comma != ','))) return false;
+    std::string rest;
+    std::getline(in, rest);
+    return rest.empty() && in.peek() == EOF;
+}
+
+TEST(CompassService, AnEmptyOrGarbledCalibrationFileIsResetAndSaidSo)
+{
+    // An empty file fails every load; letters load as offsets 0,0,0 under the file's
+    // rules. The kit must use neither, and must leave a file later runs can load.
+    const struct { const char *name, *content; } cases[] = {{"empty", ""}, {"garbled", "calibrated!"}};
+    for (const auto &c : cases) {
+        const std::string d = dir_for(std::string("damaged-") + c.name);
+        fs::create_directories(d + "/phone/misc/sensor");
+        std::ofstream(d + "/phone/.kmxc-sandbox");
+        std::ofstream(d + "/phone/misc/sensor/kmxc_orvane.cfg") << c.content;
+        const Result r = run(d, {"--sandbox", d + "/phone", "--quiet", "--scenario", "still"});
+        ASSERT_EQ(r.exit_code, 0) << c.name << r.err;
+        EXPECT_NE(r.out.find("measured; no stored magnetic offset; the calibration file was empty or garbled and was "
+                             "reset"),
+                  std::string::npos)
+            << c.name << r.out;
+        EXPECT_TRUE(whole_calibration_line(slurp(d + "/phone/misc/sensor/kmxc_orvane.cfg")))
+            << c.name << ": '" << slurp(d + "/phone/misc/sensor/kmxc_orvane.cfg") << "'";
+        const Result again = run(d, {"--sandbox", d + "/phone", "--quiet", "--scenario", "still"});
+        EXPECT_EQ(again.exit_code, 0) << c.name;
+        EXPECT_EQ(again.err, "") << c.name << ": the next run must load the file without a complaint";
+        EXPECT_NE(again.out.find("from the file"), std::string::npos) << c.name << again.out;
+    }
 }
 
 TEST(CompassService, BadInputGetsOneLineAndANonZeroExit)
@@ -316,11 +341,68 @@ TEST(CompassService, NeverEmptiesADirectoryItDidNotMake)
         EXPECT_EQ(slurp(mine + "/thesis.txt"), "years of work\n") << c.name;
         EXPECT_EQ(std::distance(fs::directory_iterator(mine), fs::directory_iterator()), 1) << c.name;
     }
+    // A folder that merely looks like a phone's (a root file system being put together)
+    // is not a sandbox either.
+    const std::string rootfs = d + "/rootfs";
+    for (const char *sub : {"/etc", "/dev", "/sys", "/misc"}) fs::create_directories(rootfs + sub);
+    std::ofstream(rootfs + "/etc/fstab") << "proc /proc proc defaults 0 0\n";
+    const Result lookalike = run(d, {"--fresh", "--sandbox", rootfs, "--quiet", "--scenario", "still"});
+    EXPECT_NE(lookalike.exit_code, 0);
+    EXPECT_EQ(slurp(rootfs + "/etc/fstab"), "proc /proc proc defaults 0 0\n");
+    EXPECT_FALSE(fs::exists(rootfs + "/.kmxc-sandbox"));
     // Its own sandbox it empties on request: a stray file goes, the marker stays.
     std::ofstream(d + "/phone/stray.txt") << "x";
     ASSERT_EQ(run(d, {"--fresh", "--sandbox", d + "/phone", "--quiet", "--scenario", "still"}).exit_code, 0);
     EXPECT_FALSE(fs::exists(d + "/phone/stray.txt"));
     EXPECT_TRUE(fs::exists(d + "/phone/.kmxc-sandbox"));
+}
+
+TEST(CompassService, FilesNamedInsideTheSandboxAreRefusedBeforeAnythingIsLost)
+{
+    // --fresh and replays empty the sandbox: a record opened there would be written to a
+    // file already deleted, a replay file there would be deleted after reading.
+    const std::string d = dir_for("inside");
+    ASSERT_EQ(run(d, {"--fresh", "--sandbox", d + "/phone", "--quiet", "--scenario", "still", "--record",
+                      d + "/phone/r.csv"})
+                  .exit_code,
+              2);
+    EXPECT_FALSE(fs::exists(d + "/phone")) << "refused before the sandbox was made";
+    ASSERT_EQ(run(d, {"--fresh", "--sandbox", d + "/phone", "--quiet", "--scenario", "still", "--record", d + "/r.csv"})
+                  .exit_code,
+              0);
+    fs::copy_file(d + "/r.csv", d + "/phone/r.csv");
+    const struct { const char *name; std::vector<std::string> args; } cases[] = {
+        {"record", {"--fresh", "--scenario", "still", "--record", d + "/phone/misc/r2.csv"}},
+        {"outputs", {"--fresh", "--scenario", "still", "--outputs", d + "/phone/o.csv"}},
+        {"replay file", {"--replay", d + "/phone/r.csv"}},
+        {"plot, named through ..", {"--scenario", "still", "--plot", d + "/phone/etc/../p.png"}},
+    };
+    for (const auto &c : cases) {
+        std::vector<std::string> args = c.args;
+        args.insert(args.end(), {"--sandbox", d + "/phone", "--quiet"});
+        const Result r = run(d, args);
+        EXPECT_EQ(r.exit_code, 2) << c.name;
+        EXPECT_NE(r.err.find("is inside the sandbox"), std::string::npos) << c.name << ": " << r.err;
+        EXPECT_EQ(slurp(d + "/phone/r.csv"), slurp(d + "/r.csv")) << c.name;
+    }
+    EXPECT_FALSE(fs::exists(d + "/phone/misc/r2.csv"));
+    EXPECT_FALSE(fs::exists(d + "/phone/o.csv"));
+}
+
+TEST(CompassService, AFailedSaveIsReportedAndTheExitStatusSaysSo)
+{
+    const std::string d = dir_for("save-fails");
+    ASSERT_EQ(run(d, {"--fresh", "--sandbox", d + "/phone", "--quiet"}).exit_code, 0);
+    const std::string cfg = slurp(d + "/phone/misc/sensor/kmxc_orvane.cfg");
+    ASSERT_TRUE(whole_calibration_line(cfg)) << cfg;
+    // The magnet moves the rough offset and a new fit follows: saves the file system
+    // refuses, every one.
+    const Result r = run(d, {"--sandbox", d + "/phone", "--quiet", "--scenario", "magnet", "--fault",
+                             "rename:1:EROFS:all"});
+    EXPECT_EQ(r.exit_code, 3) << r.err;
+    EXPECT_NE(r.err.find("compass_service: saving the calibration file failed"), std::string::npos) << r.err;
+    EXPECT_NE(r.out.find(" 0 done, "), std::string::npos) << r.out;
+    EXPECT_EQ(slurp(d + "/phone/misc/sensor/kmxc_orvane.cfg"), cfg);
 }
 
 TEST(CompassService, NamesReachThePlotAsTextNeverAsCommands)

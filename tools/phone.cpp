@@ -86,19 +86,14 @@ std::array<int, 18> profile_line(const MountingProfile &p)
     return l;
 }
 
-// A sandbox is a directory this tool made: it carries kSandboxMarker. A directory that
-// holds only the phone's own folders (a sandbox from before the marker) counts too.
-// Nothing else is ever emptied, or written into unless it is empty.
+// A sandbox is a directory this tool made: it carries kSandboxMarker. Nothing else is
+// ever emptied, or written into unless it is empty: a folder that merely looks like a
+// phone's (a root file system's etc, dev, sys) may be someone's work.
 constexpr const char *kSandboxMarker = ".kmxc-sandbox";
 
 bool is_sandbox(const fs::path &dir, std::error_code &ec)
 {
-    if (fs::exists(dir / kSandboxMarker, ec)) return true;
-    for (const auto &entry : fs::directory_iterator(dir, ec)) {
-        const std::string name = entry.path().filename().string();
-        if (name != "misc" && name != "etc" && name != "sys" && name != "dev") return false;
-    }
-    return !ec;
+    return fs::is_regular_file(dir / kSandboxMarker, ec);
 }
 
 bool make_phone_dirs(const std::string &dir, bool fresh, std::string *error)
