@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# Memcheck pass: every test program of a build, and three runs of the compass service
-# (a fresh default run, a second run from its stored offsets, a replay), under
+# Memcheck pass: every test program of a build, and six runs of the compass service
+# (a fresh default run, a second run from its stored offsets, a replay, and three with
+# failing files or bus), under
 # valgrind's memcheck; any error or definite leak fails. Test scripts and the
 # emulated armel build are left out (valgrind would check bash or qemu).
 # Usage: scripts/memcheck.sh [BUILD_DIR]   (default build; builds it when missing)
@@ -16,14 +17,15 @@ vg=(valgrind --quiet --error-exitcode=99 --leak-check=full --errors-for-leak-kin
 
 checked=0
 failed=()
-check() { # NAME COMMAND...
-  local name=$1; shift
-  if "${vg[@]}" --log-file="$work/$name.log" "$@" >"$work/$name.out" 2>&1; then
+check() { # NAME COMMAND...   (the exit status must be $want, 0 unless set)
+  local name=$1 status=0; shift
+  "${vg[@]}" --log-file="$work/$name.log" "$@" >"$work/$name.out" 2>&1 || status=$?
+  if [ $status -ne 99 ] && [ ! -s "$work/$name.log" ] && [ $status -eq "${want:-0}" ]; then
     checked=$((checked + 1))
-  elif grep -q 'ERROR SUMMARY: [1-9]\|definitely lost' "$work/$name.log" || [ -s "$work/$name.log" ]; then
-    failed+=("$name"); echo "memcheck: $name: $(grep -m1 -E '==[0-9]+== [A-Z]' "$work/$name.log")"
+  elif [ $status -eq 99 ] || [ -s "$work/$name.log" ]; then
+    failed+=("$name"); echo "memcheck: $name: $(grep -m1 -E '==[0-9]+== [^ ]' "$work/$name.log")"
   else
-    failed+=("$name"); echo "memcheck: $name exited non-zero: $(tail -2 "$work/$name.out")"
+    failed+=("$name"); echo "memcheck: $name exited $status: $(tail -2 "$work/$name.out")"
   fi
 }
 
@@ -44,6 +46,12 @@ service=$build/tools/compass_service
 check service-fresh "$service" --quiet --fresh --sandbox "$work/phone" --record "$work/r.csv"
 check service-stored "$service" --quiet --sandbox "$work/phone"
 check service-replay "$service" --quiet --replay "$work/r.csv" --sandbox "$work/replay"
+# The error paths: every fopen from the fifth on fails (each save fails: exit 3), every
+# rename fails,
+# and a bus that stops answering part way through.
+want=3 check service-files-fail "$service" --quiet --sandbox "$work/phone" --fault fopen:5:ENOSPC:all
+want=3 check service-renames-fail "$service" --quiet --sandbox "$work/phone" --scenario magnet --fault rename:1:EROFS:all
+check service-bus-fails "$service" --quiet --sandbox "$work/phone" --scenario still --fault read:200:EIO:all
 
 echo "memcheck: $checked programs and runs clean, ${#failed[@]} failed${failed:+: ${failed[*]}}"
 [ ${#failed[@]} -eq 0 ]
