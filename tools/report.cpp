@@ -302,7 +302,7 @@ bool Report::write_plot(const std::string &path, const std::string &title, std::
     // below the plots, off the data; heading errors autoscaled, never clipped.
     g << "set terminal pngcairo size 1100,760 font 'sans,10'\n"
       << "set output " << gnuplot_text(drawn) << "\n"
-      << "set multiplot title " << gnuplot_text(title) << "\n"
+      << "set multiplot title " << gnuplot_text(title) << " noenhanced\n" // a name's _ is no subscript
       << "set lmargin 10\nset rmargin 10\nset grid\n"
       << "set key outside bottom center horizontal box\n";
     const double end_s = samples_.empty() ? 0.0 : static_cast<double>(samples_.back().time_us) / 1e6;
