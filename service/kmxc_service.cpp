@@ -3,6 +3,7 @@
 // registers); the float fields of the event are filled in event_fill.cpp.
 #include "service/kmxc_service.h"
 
+#include <errno.h>
 #include <stdio.h>
 
 #include "calibration/calibration.h"
@@ -51,6 +52,8 @@ struct State {
     uint32_t warm_cycles;
     uint32_t saves, save_failures;
     bool save_pending;         // a confirmed offset waits to be saved (after a failure)
+    bool file_damaged;         // the start could not reset a damaged calibration file
+    bool file_unchecked;       // the start could not read the calibration file
 };
 
 State g_state;
@@ -188,24 +191,30 @@ void remember_fed(const Vec &m, const Vec &g)
 
 // ---- Calibration file ---------------------------------------------------------------
 
-// One line of nine comma-separated decimal integers, as the library writes it.
-bool file_well_formed()
+// The calibration file as the kit finds it: one line of nine comma-separated decimal
+// integers, as the library writes it; missing (the library creates it with defaults);
+// damaged (anything else); or unreadable just now (it may be fine).
+enum class FileState { kWellFormed, kMissing, kDamaged, kUnreadable };
+
+FileState file_state()
 {
     FILE *f = fopen(kCalibrationFile, "r");
-    if (f == nullptr) return true; // missing: the library creates it with defaults
+    if (f == nullptr) return errno == ENOENT ? FileState::kMissing : FileState::kUnreadable;
     char line[256];
     const bool got = fgets(line, sizeof line, f) != nullptr;
+    const bool read_error = !got && ferror(f) != 0;
     fclose(f);
-    if (!got) return false;
+    if (read_error) return FileState::kUnreadable;
+    if (!got) return FileState::kDamaged;
     int fields = 0;
     const char *p = line;
     for (;;) {
         if (*p == '-') ++p;
-        if (*p < '0' || *p > '9') return false;
+        if (*p < '0' || *p > '9') return FileState::kDamaged;
         int digits = 0;
         while (*p >= '0' && *p <= '9') {
             ++p;
-            if (++digits > 10) return false;
+            if (++digits > 10) return FileState::kDamaged;
         }
         ++fields;
         if (*p == ',') {
@@ -214,14 +223,52 @@ bool file_well_formed()
         }
         break;
     }
-    return fields == 9 && (*p == '\0' || (*p == '\n' && p[1] == '\0'));
+    return fields == 9 && (*p == '\0' || (*p == '\n' && p[1] == '\0')) ? FileState::kWellFormed
+                                                                       : FileState::kDamaged;
 }
 
+bool file_well_formed() { return file_state() == FileState::kWellFormed; }
+
 bool same(const KmxAxesData &a, const KmxAxesData &b) { return a.x == b.x && a.y == b.y && a.z == b.z; }
+
+// A reset (the library's, which returns nothing) took when the file is then whole and
+// loads.
+bool reset_file()
+{
+    msmachdep_ResetOffsetData();
+    uint8_t rough[3];
+    return file_well_formed() && msmachdep_LoadRoughOffset(rough) == 0;
+}
+
+// A file the start could not read is checked, and a damaged one the start could not
+// reset is reset, before anything is saved into it (with the rough offset in use), so
+// no value read from damage ever persists. A failure counts as a failed save.
+bool repair_damaged_file()
+{
+    if (g_state.file_unchecked) {
+        const FileState state = file_state();
+        if (state == FileState::kUnreadable) {
+            ++g_state.save_failures;
+            return false;
+        }
+        g_state.file_unchecked = false;
+        g_state.file_damaged = state == FileState::kDamaged;
+    }
+    if (!g_state.file_damaged) return true;
+    uint8_t back[3];
+    if (reset_file() && msmachdep_SaveRoughOffset(g_state.rough) == 0 && msmachdep_LoadRoughOffset(back) == 0 &&
+        back[0] == g_state.rough[0] && back[1] == g_state.rough[1] && back[2] == g_state.rough[2]) {
+        g_state.file_damaged = false;
+        return true;
+    }
+    ++g_state.save_failures;
+    return false;
+}
 
 // Saves offset as the stored magnetic offset and reads it back.
 bool save_offset(const KmxAxesData &offset)
 {
+    if (!repair_damaged_file()) return false;
     const int32_t v[3] = {offset.x, offset.y, offset.z};
     int32_t back[3];
     if (msmachdep_SaveMsOffset(v) == 0 && msmachdep_LoadMsOffset(back) == 0 && back[0] == v[0] && back[1] == v[1] &&
@@ -231,11 +278,11 @@ bool save_offset(const KmxAxesData &offset)
         return true;
     }
     ++g_state.save_failures;
-    // A file that no longer loads is reset, so later loads and saves work again.
+    // A file that no longer loads is reset, so later loads and saves work again (or,
+    // when that fails too, before the next save).
     uint8_t rough[3];
     if (msmachdep_LoadRoughOffset(rough) != 0 || !file_well_formed()) {
-        msmachdep_ResetOffsetData();
-        msmachdep_SaveRoughOffset(g_state.rough);
+        g_state.file_damaged = !reset_file() || msmachdep_SaveRoughOffset(g_state.rough) != 0;
         g_state.stored = KmxAxesData{kUnknownOffset, kUnknownOffset, kUnknownOffset};
     }
     return false;
@@ -243,6 +290,7 @@ bool save_offset(const KmxAxesData &offset)
 
 bool save_rough(const uint8_t rough[3])
 {
+    if (!repair_damaged_file()) return false;
     uint8_t back[3];
     if (msmachdep_SaveRoughOffset(rough) == 0 && msmachdep_LoadRoughOffset(back) == 0 && back[0] == rough[0] &&
         back[1] == rough[1] && back[2] == rough[2]) {
@@ -372,13 +420,23 @@ int32_t kmxc_service_start(uint32_t rate_hz, KmxcServiceStart *start)
     }
 
     // The calibration file: an empty or garbled one is reset, never read as offsets.
+    // A reset that does not take is a failed save; then nothing in the file is used and
+    // the reset is tried again before the first save. A file that cannot be read just
+    // now is not used either, and checked again before the first save.
     uint8_t stored_rough[3] = {255, 255, 255};
     bool repaired = false;
-    if (!file_well_formed() || msmachdep_LoadRoughOffset(stored_rough) != 0) {
-        msmachdep_ResetOffsetData();
-        repaired = true;
+    const FileState state = file_state();
+    if (state == FileState::kUnreadable) {
+        g_state.file_unchecked = true;
+    } else if (state == FileState::kDamaged || msmachdep_LoadRoughOffset(stored_rough) != 0) {
         stored_rough[0] = stored_rough[1] = stored_rough[2] = 255;
-        if (msmachdep_LoadRoughOffset(stored_rough) != 0) stored_rough[0] = 255;
+        if (reset_file()) {
+            repaired = true;
+            if (msmachdep_LoadRoughOffset(stored_rough) != 0) stored_rough[0] = 255;
+        } else {
+            g_state.file_damaged = true;
+            ++g_state.save_failures;
+        }
     }
 
     // 2. Rough offset: the stored one when valid, else measured; what was written is stored.
@@ -406,7 +464,7 @@ int32_t kmxc_service_start(uint32_t rate_hz, KmxcServiceStart *start)
         }
     }
     int32_t gs[3];
-    if (msmachdep_LoadGsOffset(gs) == 0) {
+    if (!g_state.file_damaged && !g_state.file_unchecked && msmachdep_LoadGsOffset(gs) == 0) {
         const KmxAxesData offset{gs[0], gs[1], gs[2]};
         KmxAxesLibSetGsOffset(&offset);
     }

@@ -12,7 +12,10 @@
  *   start  KmxAxesLibInit, KmxAxesMsCalibInit, both driver inits; the rough offset
  *          (stored one if valid, else measured, then stored); the stored magnetic and
  *          gravity offsets, after checking that the calibration file is well formed
- *          (an empty or garbled file is reset to its defaults, never trusted).
+ *          (an empty or garbled file is reset to its defaults, never trusted; a
+ *          reset that fails counts as a failed save and is tried again before the
+ *          first save; a file that cannot be read at start is not used and is
+ *          checked again before the first save).
  *   cycle  both measurements; the sample-feed gate; KmxAxesMsCalibUpdateDetail with the raw
  *          (offset-free) magnetic vector; a new offset to the orientation library;
  *          the attitude both ways; accuracy and field-anomaly checks; a rough-offset

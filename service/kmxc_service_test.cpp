@@ -417,6 +417,43 @@ TEST_F(Kit, AnEmptyOrGarbledFileIsResetNotTrusted) {
     }
 }
 
+// A damaged file whose values would load as a valid rough and magnetic offset: with any
+// one file call failing along the way, none of them is used, and the file ends reset
+// (the defaults after the rough offset) or, untouched, with the failure counted.
+TEST_F(Kit, ADamagedFileIsNeverTrustedWhicheverFileCallFails) {
+    const std::string damaged = "16,16,16,0,0,0,1,2,3x";
+    const vphone::Call calls[] = {vphone::Call::Fopen,  vphone::Call::Fgets, vphone::Call::Fprintf,
+                                  vphone::Call::Fclose, vphone::Call::Chown, vphone::Call::Chmod,
+                                  vphone::Call::Rename};
+    int started = 0, failures_counted = 0;  // runs with a failed write, reported
+    for (const vphone::Call call : calls) {
+        for (int nth = 1; nth <= 8; ++nth) {
+            SCOPED_TRACE(std::string(vphone::call_name(call)) + " #" + std::to_string(nth));
+            vphone::write_file(kCfg, damaged);
+            vphone::fail_call(call, nth, EIO, 1);
+            const Trace r = run(scenario("still"), 5, 1);
+            vphone::reset();  // faults off; the chips go too
+            phone_.attach_chips(1, kDemoCalib);
+            if (r.start_rc != 0) continue;  // a start-up failure is reported as such
+            ++started;
+            EXPECT_EQ(r.start.offset_loaded, 0);
+            EXPECT_EQ(r.start.rough_measured, 1);
+            const auto after = vphone::read_file(kCfg);
+            ASSERT_TRUE(after);
+            const uint32_t failures = r.events.empty() ? 0 : r.events.back().save_failures;
+            if (failures > 0) ++failures_counted;
+            if (*after == damaged) {
+                EXPECT_GE(failures, 1u) << "the damage stayed and nobody was told";
+            } else {
+                EXPECT_EQ(after->substr(after_rough(*after)), std::string(kDefaults).substr(after_rough(kDefaults)))
+                    << *after;
+            }
+        }
+    }
+    EXPECT_GT(started, 40);
+    EXPECT_GT(failures_counted, 0) << "no failing reset: the sweep misses it";
+}
+
 // ---- Start-up ----------------------------------------------------------------------------
 
 TEST_F(Kit, RatesOutsideTheServedRangeAreRefusedBeforeAnything) {
