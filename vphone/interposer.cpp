@@ -63,7 +63,7 @@ int vphone_core_map_path(const char *path, char *out, size_t size) {
     return 1;
 }
 
-int vphone_core_is_compass_path(const char *path) { return std::strcmp(path, "/dev/compass") == 0; }
+int vphone_core_is_compass_path(const char *path) { return std::strcmp(path, compass_device::kPath) == 0; }
 
 int vphone_core_take_fault(int call) { return vphone::take(call); }
 
