@@ -13,8 +13,8 @@ constinit int16_t g_MsCalibPlanarHistory[8][3] = {};
 namespace {
 
 constexpr uint8_t kStatusCalibrated = 7;
-constexpr uint8_t kStatusMask = 7;
-constexpr int8_t kCalibrated = 63;
+constexpr uint8_t kStatusMask = KMXC_CALIB_STATUS_MASK;
+constexpr int8_t kCalibrated = KMXC_CALIB_THREE_D;
 constexpr int32_t kDefaultResidualThreshold = 0x200000;
 constexpr int16_t kBound = 1024;
 
@@ -36,16 +36,16 @@ int64_t magnitude(int32_t v) { return v < 0 ? -int64_t{v} : int64_t{v}; }
 // adopted into the main estimator, 0 otherwise.
 int8_t run_trial(KmxAxesMsCalibDetail *detail) {
     KmxAxesMsCalib02Context trial;
-    if (KmxAxesMsCalib02_Init(&trial, &g_MsCalibConfig) < 0) return -1;
+    if (KmxAxesMsCalib02_Init(&trial, &g_MsCalibConfig) < 0) return KMXC_CALIB_SOLVE_FAILED;
     KmxAxesMsCalib02Result r2 = {};
     int8_t adopted = 0;
     for (int i = 0; i < 8; ++i) {
         const KmxAxesData fromHistory = widen(g_MsCalibPlanarHistory[i]);
-        if (KmxAxesMsCalib02_Update(&trial, &fromHistory, &r2) < 0) return -1;
+        if (KmxAxesMsCalib02_Update(&trial, &fromHistory, &r2) < KMXC_EST_FIT_ACCEPTED) return KMXC_CALIB_SOLVE_FAILED;
         const KmxAxesData fromBatch = widen(g_MsCalibEstimator.buffer[2 * i]);
         const int8_t code = KmxAxesMsCalib02_Update(&trial, &fromBatch, &r2);
-        if (code < 0) return -1;
-        if (code == 0 && three_dimensional(r2)) {
+        if (code < KMXC_EST_FIT_ACCEPTED) return KMXC_CALIB_SOLVE_FAILED;
+        if (code == KMXC_EST_FIT_ACCEPTED && three_dimensional(r2)) {
             KmxAxesData offset;
             KmxAxesMsCalib02_GetOffset(&trial, &offset);
             KmxAxesMsCalib02_SetOffset(&g_MsCalibEstimator, &offset);
@@ -61,8 +61,8 @@ int8_t run_trial(KmxAxesMsCalibDetail *detail) {
 int8_t KmxAxesMsCalibPlanarAxisBits(const int32_t *normal) {
     const int64_t x = magnitude(normal[0]), y = magnitude(normal[1]), z = magnitude(normal[2]);
     const int64_t larger = y > x ? y : x;
-    if (z > larger) return 24;
-    return y > x ? 40 : 48;
+    if (z > larger) return KMXC_CALIB_PLANE_Z;
+    return y > x ? KMXC_CALIB_PLANE_Y : KMXC_CALIB_PLANE_X;
 }
 
 int8_t KmxAxesMsCalibInit(void) {
@@ -114,16 +114,16 @@ int8_t KmxAxesMsCalibCheckDistribution(const int32_t *ratios, int16_t *weights) 
     if (ratios[0] > g_MsCalibThreshold.ratioMinThreshold) {
         weights[0] = 0;
         weights[1] = 1;
-        return 0;
+        return KMXC_SPREAD_ACCEPTED;
     }
     if (ratios[1] > g_MsCalibThreshold.ratioMidThreshold) {
         weights[0] = ratios[0] <= 0 ? 1 : 0;
         weights[1] = kBound;
-        return 0;
+        return KMXC_SPREAD_ACCEPTED;
     }
     weights[0] = kBound;
     weights[1] = kBound;
-    return 2;
+    return KMXC_SPREAD_LINE;
 }
 
 int8_t KmxAxesMsCalibUpdate(const KmxAxesData *sample) { return KmxAxesMsCalibUpdateDetail(sample, nullptr); }
@@ -132,9 +132,9 @@ int8_t KmxAxesMsCalibUpdateDetail(const KmxAxesData *sample, KmxAxesMsCalibDetai
     KmxAxesMsCalib02Result r = {};
     const int8_t code = KmxAxesMsCalib02_Update(&g_MsCalibEstimator, sample, &r);
     fill_detail(detail, r);
-    if (code < 0) return -1;
+    if (code < KMXC_EST_FIT_ACCEPTED) return KMXC_CALIB_SOLVE_FAILED;
     const int8_t status = static_cast<int8_t>(g_MsCalibStatus);
-    if (code > 0) return status;
+    if (code != KMXC_EST_FIT_ACCEPTED) return status;
 
     if (three_dimensional(r)) {
         g_MsCalibPlanarValid = 0;
@@ -146,7 +146,7 @@ int8_t KmxAxesMsCalibUpdateDetail(const KmxAxesData *sample, KmxAxesMsCalibDetai
     int8_t adopted = 0;
     if (g_MsCalibPlanarValid != 0) {
         adopted = run_trial(detail);
-        if (adopted < 0) return -1;
+        if (adopted < 0) return KMXC_CALIB_SOLVE_FAILED;
     }
     const int8_t axisBits = KmxAxesMsCalibPlanarAxisBits(r.eigenVector[2]);
     for (int i = 0; i < 8; ++i)

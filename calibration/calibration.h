@@ -29,13 +29,9 @@
 #include "numerics/numerics.h"
 #include "orientation/orientation.h"
 
-#ifndef KMXC_API
-#define KMXC_API __attribute__((visibility("default")))
-#endif
+#include "platform/kmxc_api.h"
 
-#ifdef __cplusplus
-extern "C" {
-#endif
+KMXC_BEGIN_DECLS
 
 /* ---- Records ---------------------------------------------------------------------- */
 
@@ -173,8 +169,6 @@ KMXC_API int8_t KmxAxesMsCalib02_AddToBuffer1(KmxAxesMsCalib02Context *context, 
 KMXC_API int8_t KmxAxesMsCalib02_Update(KmxAxesMsCalib02Context *context, const KmxAxesData *sample,
                                         KmxAxesMsCalib02Result *result);
 
-#ifdef __cplusplus
-}
-#endif
+KMXC_END_DECLS
 
 #endif /* KMXC_CALIBRATION_H */

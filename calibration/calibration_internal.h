@@ -8,6 +8,7 @@
 #include <stdint.h>
 
 #include "calibration/calibration.h"
+#include "calibration/calibration_results.h"
 
 #ifdef __cplusplus
 extern "C" {

@@ -120,35 +120,35 @@ int8_t KmxAxesMsCalib02_Update(KmxAxesMsCalib02Context *context, const KmxAxesDa
     // Decimation; the counters compare as signed bytes.
     const uint8_t old = context->skipCounter;
     context->skipCounter = static_cast<uint8_t>(old + 1u);
-    if (static_cast<int8_t>(context->config.skipPeriod) > static_cast<int8_t>(old)) return 6;
+    if (static_cast<int8_t>(context->config.skipPeriod) > static_cast<int8_t>(old)) return KMXC_EST_SKIPPED;
     context->skipCounter = 1;
 
     KmxAxesMsCalib02_AddToBuffer1(context, sample);
-    if (context->count < context->capacity) return 1;
+    if (context->count < context->capacity) return KMXC_EST_BUFFERED;
 
     KmxAxesData c;
     MSFLOAT scatter[6], b[3], s;
-    if (KmxAxesMsCalib02_CalcStatistics(context->buffer, context->count, &c, scatter, b, &s) < 0) return -1;
+    if (KmxAxesMsCalib02_CalcStatistics(context->buffer, context->count, &c, scatter, b, &s) < 0) return KMXC_EST_STATISTICS_FAILED;
 
     MsEigenPair pairs[3];
     MsJacobiCalcEigenPair(scatter, pairs);
     const int32_t ratioMid = ratio(&pairs[1].value, &pairs[0].value);
     const int32_t ratioMin = ratio(&pairs[2].value, &pairs[0].value);
 
-    if (MSFLOAT_OpCompGreater(&context->minEigenValue, &pairs[0].value)) return 5;
-    if (msf::AbsCompGreater(&pairs[0].value, &MSFLOAT_maxsint32)) return 3;
+    if (MSFLOAT_OpCompGreater(&context->minEigenValue, &pairs[0].value)) return KMXC_EST_EIGEN_TOO_SMALL;
+    if (msf::AbsCompGreater(&pairs[0].value, &MSFLOAT_maxsint32)) return KMXC_EST_EIGEN_TOO_LARGE;
 
     // A configuration without a classifier cannot tell a line from a sphere: refuse.
-    if (context->config.checkDistribution == nullptr) return 2;
+    if (context->config.checkDistribution == nullptr) return KMXC_EST_REFUSED_SPREAD;
     const int32_t ratios[2] = {ratioMin, ratioMid};
     int16_t weight[2] = {0, 0};
-    if (context->config.checkDistribution(ratios, weight) != 0) return 2;
+    if (context->config.checkDistribution(ratios, weight) != KMXC_SPREAD_ACCEPTED) return KMXC_EST_REFUSED_SPREAD;
 
     MSFLOAT residual;
     KmxAxesMsCalib02_CalcResidual(b, pairs, &s, &residual);
     if (MSFLOAT_OpCompGreater(&residual, &context->config.residualThreshold)) {
         reset_batch(context);
-        return 4;
+        return KMXC_EST_RESIDUAL_TOO_LARGE;
     }
 
     // Least squares with up to two side conditions by Lagrange multipliers: rows 0..2
@@ -181,7 +181,7 @@ int8_t KmxAxesMsCalib02_Update(KmxAxesMsCalib02Context *context, const KmxAxesDa
     }
 
     MSFLOAT x[5];
-    if (MsSolve(A, r, x) < 0) return -2;
+    if (MsSolve(A, r, x) < 0) return KMXC_EST_SOLVE_FAILED;
 
     // The centre must be an int32 offset. A solution beyond that (possible only with a
     // far-away old offset or an unusual classifier) is refused like a failed solve
@@ -190,9 +190,9 @@ int8_t KmxAxesMsCalib02_Update(KmxAxesMsCalib02Context *context, const KmxAxesDa
     int32_t *n[3] = {&candidate.x, &candidate.y, &candidate.z};
     for (int j = 0; j < 3; ++j) {
         int32_t shift = 0;
-        if (MSFLOAT_F2I(&shift, &x[j]) < 0) return -2;
+        if (MSFLOAT_F2I(&shift, &x[j]) < 0) return KMXC_EST_SOLVE_FAILED;
         const int64_t value = int64_t{shift} + component(&c, j);
-        if (value < INT32_MIN || value > INT32_MAX) return -2;
+        if (value < INT32_MIN || value > INT32_MAX) return KMXC_EST_SOLVE_FAILED;
         *n[j] = static_cast<int32_t>(value);
     }
 
@@ -212,5 +212,5 @@ int8_t KmxAxesMsCalib02_Update(KmxAxesMsCalib02Context *context, const KmxAxesDa
         }
         MSFLOAT_F2I(&result->residual, &residual);
     }
-    return 0;
+    return KMXC_EST_FIT_ACCEPTED;
 }

@@ -31,13 +31,9 @@
 
 #include "orientation/orientation.h"
 
-#ifndef KMXC_API
-#define KMXC_API __attribute__((visibility("default")))
-#endif
+#include "platform/kmxc_api.h"
 
-#ifdef __cplusplus
-extern "C" {
-#endif
+KMXC_BEGIN_DECLS
 
 /* initFlags bits. */
 #define KMXC_DRV_INIT_GS 0x01u /* accelerometer glue initialised */
@@ -139,8 +135,6 @@ KMXC_API uint32_t KmxcDrvGsTerm(void);
 
 /* ---- end of Accelerometer glue ---------------------------------------------------- */
 
-#ifdef __cplusplus
-}
-#endif
+KMXC_END_DECLS
 
 #endif /* KMXC_DRIVERS_H */

@@ -8,13 +8,22 @@
 #include <stdint.h>
 
 #include "drivers/drivers.h"
+#include "drivers/kmxc_protocol.h"
 #include "smb380/smb380.h"
 
 #ifdef __cplusplus
 extern "C" {
 #endif
 
-#define KMXC_MS_SLAVE_ADDRESS 0x2E
+/* The drivers' results (drivers.h lists which function gives which). */
+enum KmxcDrvResult {
+    KMXC_DRV_OK = 0,
+    KMXC_DRV_INVALID = -1,          /* matrix fails the check, or an invalid argument */
+    KMXC_DRV_NOT_READY = -3,        /* not initialised, or the profile is unreadable */
+    KMXC_DRV_BUSY = -4,             /* conversion not finished after the full wait */
+    KMXC_DRV_BUS_FAILURE = -5,      /* compass device or bus failure */
+    KMXC_DRV_NO_ROUGH_OFFSET = -126 /* no rough offset written since start-up */
+};
 
 /* Mounting matrix check: every row and every column holds exactly one entry of
  * +1 or -1 (other values are not counted). 0 valid, -1 invalid. */

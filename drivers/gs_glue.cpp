@@ -4,15 +4,16 @@
 #include "drivers/drivers_internal.h"
 #include "platform/platform.h"
 #include "smb380/smb380.h"
+#include "smb380/smb380_protocol.h"
 
 constinit smb380_dev g_Smb380Dev = {0, 0, 0, 0, 0, nullptr, nullptr, nullptr};
 constinit int8_t g_GsMatrix[9] = {0, 0, 0, 0, 0, 0, 0, 0, 0};
 
 namespace {
 
-constexpr uint8_t kRangeCode = 0;      // +-2 g: 256 counts per g
+constexpr uint8_t kRangeCode = 0;  // +-2 g
 constexpr uint8_t kBandwidthCode = 0;
-constexpr int32_t kCountsToQ12 = 16;   // 256 counts per g -> 4096 per g
+constexpr int32_t kCountsToQ12 = 4096 / smb380_regs::counts_per_g(kRangeCode);
 constexpr uint8_t kMaxRegistersPerWrite = 128;  // count taken modulo 128
 
 uint8_t &init_flags() { return KmxcDrvHandle()->initFlags; }
@@ -33,7 +34,7 @@ int8_t KmxcDrvGsBusWrite(uint8_t reg, const uint8_t *data, uint8_t count) {
 }
 
 int8_t KmxcDrvGsBusRead(uint8_t reg, uint8_t *data, uint8_t count) {
-    const auto address = static_cast<uint8_t>(reg & 0x7F);  // the driver's read flag
+    const auto address = static_cast<uint8_t>(reg & ~smb380_regs::kReadFlag);  // the driver's read flag
     msmachdep_I2CSetSlaveAddress(SMB380_SLAVE_ADDRESS);
     msmachdep_I2CWrite(1, &address);
     msmachdep_I2CRead(count, data);
@@ -55,16 +56,16 @@ uint32_t KmxcDrvGsInit(const int8_t *matrix) {
 
 int8_t KmxAxesDrvGsInit(void) {
     int8_t matrix[9];
-    if (KmxcDrvReadTransformation(KMXC_PROFILE_GS_FIRST_FIELD, matrix) != 0) return -3;
-    if (KmxAxesDrvCheckMatrix(matrix) != 0) return -1;
-    if (init_flags() == 0 && msmachdep_I2COpen() < 0) return -5;
+    if (KmxcDrvReadTransformation(KMXC_PROFILE_GS_FIRST_FIELD, matrix) != KMXC_DRV_OK) return KMXC_DRV_NOT_READY;
+    if (KmxAxesDrvCheckMatrix(matrix) != KMXC_DRV_OK) return KMXC_DRV_INVALID;
+    if (init_flags() == 0 && msmachdep_I2COpen() < 0) return KMXC_DRV_BUS_FAILURE;
     KmxcDrvGsInit(matrix);
     init_flags() = static_cast<uint8_t>(init_flags() | KMXC_DRV_INIT_GS);
-    return 0;
+    return KMXC_DRV_OK;
 }
 
 int8_t KmxcDrvGsMeasure(KmxAxesData *out, KmxcDrvRawData *raw) {
-    if (init_flags() == 0) return -3;
+    if (init_flags() == 0) return KMXC_DRV_NOT_READY;
     // Zero start: a read that delivers nothing yields a zero vector, never stale stack.
     smb380_accel sample = {0, 0, 0};
     smb380_read_accel_xyz(&sample);
@@ -80,21 +81,21 @@ int8_t KmxcDrvGsMeasure(KmxAxesData *out, KmxcDrvRawData *raw) {
         const int8_t *row = &g_GsMatrix[3 * i];
         *o[i] = kCountsToQ12 * (row[0] * v[0] + row[1] * v[1] + row[2] * v[2]);
     }
-    return 0;
+    return KMXC_DRV_OK;
 }
 
 int8_t KmxAxesDrvGsMeasure(KmxAxesData *out, KmxcDrvRawData *raw) {
-    if ((init_flags() & KMXC_DRV_INIT_GS) == 0) return -3;
+    if ((init_flags() & KMXC_DRV_INIT_GS) == 0) return KMXC_DRV_NOT_READY;
     return KmxcDrvGsMeasure(out, raw);
 }
 
 uint32_t KmxcDrvGsTerm(void) { return 0; }
 
 int8_t KmxAxesDrvGsTerm(void) {
-    if ((init_flags() & KMXC_DRV_INIT_GS) == 0) return -3;
+    if ((init_flags() & KMXC_DRV_INIT_GS) == 0) return KMXC_DRV_NOT_READY;
     init_flags() = static_cast<uint8_t>(init_flags() & ~KMXC_DRV_INIT_GS);
     KmxcDrvGsTerm();
     // The last driver to stop closes the device.
-    if (init_flags() == 0 && msmachdep_I2CClose() < 0) return -5;
-    return 0;
+    if (init_flags() == 0 && msmachdep_I2CClose() < 0) return KMXC_DRV_BUS_FAILURE;
+    return KMXC_DRV_OK;
 }

@@ -14,6 +14,7 @@
 #include "drivers/drivers.h"
 #include "smb380/smb380.h"
 #include "vphone/phone_fixture.h"
+#include "drivers/kmxc_protocol.h"
 #include "vphone/smb380_model.h"
 
 namespace {
@@ -40,7 +41,7 @@ protected:
     void SetUp() override {
         PhoneTest::SetUp();
         vphone::attach(vphone::Smb380Model::kAddress, &chip);
-        vphone::attach(0x2E, &magnetometer);
+        vphone::attach(kmxc::kBusAddress, &magnetometer);
     }
     void TearDown() override {
         KmxAxesDrvGsTerm();

@@ -6,6 +6,8 @@
 #include "drivers/drivers.h"
 #include "drivers/drivers_internal.h"
 
+using namespace kmxc;
+
 namespace {
 
 constinit KmxcDrvState g_MsState = {};
@@ -40,35 +42,15 @@ KmxcDrvState *KmxcDrvHandle(void) { return &g_MsState; }
 
 int8_t KmxAxesDrvCheckMatrix(const int8_t *matrix) {
     for (int row = 0; row < 3; ++row) {
-        if (unit_entries(matrix + 3 * row, 1) != 1) return -1;
+        if (unit_entries(matrix + 3 * row, 1) != 1) return KMXC_DRV_INVALID;
     }
     for (int col = 0; col < 3; ++col) {
-        if (unit_entries(matrix + col, 3) != 1) return -1;
+        if (unit_entries(matrix + col, 3) != 1) return KMXC_DRV_INVALID;
     }
-    return 0;
+    return KMXC_DRV_OK;
 }
 
-void KmxcDrvMakeSensitivityMatrix(const uint8_t *c, int16_t *s) {
-    // Bit fields of c0..c5, first byte's bits high where two pieces join; each
-    // field has a fixed bias. Bit 0 of c5 is unused.
-    const int f01 = c[0] >> 2;
-    const int f02 = ((c[0] & 0x03) << 2) | (c[1] >> 6);
-    const int f10 = c[1] & 0x3F;
-    const int f11 = c[2] >> 2;
-    const int f12 = ((c[2] & 0x03) << 4) | (c[3] >> 4);
-    const int f20 = ((c[3] & 0x0F) << 2) | (c[4] >> 6);
-    const int f21 = c[4] & 0x3F;
-    const int f22 = c[5] >> 1;
-    s[0] = 100;
-    s[1] = static_cast<int16_t>(f01 - 32);
-    s[2] = static_cast<int16_t>(f02 - 8);
-    s[3] = static_cast<int16_t>(f10 - 32);
-    s[4] = static_cast<int16_t>(f11 + 38);
-    s[5] = static_cast<int16_t>(f12 - 32);
-    s[6] = static_cast<int16_t>(f20 - 32);
-    s[7] = static_cast<int16_t>(f21 - 32);
-    s[8] = static_cast<int16_t>(f22 + 66);
-}
+void KmxcDrvMakeSensitivityMatrix(const uint8_t *c, int16_t *s) { sensitivity_matrix(c, s); }
 
 uint32_t KmxcDrvMakeCorrectionMatrix(const int8_t *transformation, const int16_t *sensitivity,
                                      int16_t *correction) {
@@ -96,10 +78,10 @@ uint32_t KmxcDrvTransform(const int16_t *matrix, const int16_t *vector, int32_t 
 uint32_t KmxAxesDrvMsensCorrection(const uint16_t *raw, uint16_t temperature, KmxAxesData *out) {
     const KmxcDrvState &st = g_MsState;
     // k = 31457 * (T - 256): the drift per coefficient unit, 31457/65536 = 0.48.
-    const int32_t k = wrap32(31457u * temperature - 8052992u);
+    const int32_t k = wrap32(kDriftPerCoefUnit * temperature - kDriftPerCoefUnit * kTemperatureReference);
     int16_t t[3];
     for (int i = 0; i < 3; ++i) {
-        const int16_t centred = wrap16(u32(raw[i]) * 16u - 8192u);  // centred on 512, x16
+        const int16_t centred = wrap16((u32(raw[i]) - kChannelCentre) * 16u);  // centred on 512, x16
         const int32_t p = wrap32(u32(st.tempCoef[i]) * u32(k));
         t[i] = remove_temperature_drift(centred, p);
     }

@@ -4,15 +4,13 @@
 #include "drivers/drivers_internal.h"
 #include "platform/platform.h"
 
-namespace {
+using namespace kmxc;
 
-constexpr uint8_t kCmdStartUp = 0x01;
-constexpr uint8_t kCmdReadCalibration = 0xC8;
-constexpr uint32_t kStartUpSettleMs = 2;
+namespace {
 
 // Steps of the start-up that touch the bus; false at the first failure.
 bool start_chip(KmxcDrvState &st) {
-    if (msmachdep_I2CSetSlaveAddress(KMXC_MS_SLAVE_ADDRESS) < 0) return false;
+    if (msmachdep_I2CSetSlaveAddress(kBusAddress) < 0) return false;
     if (KmxcDrvWriteCommand(kCmdStartUp) < 0) return false;
     msmachdep_Sleep(kStartUpSettleMs);
     if (KmxcDrvWriteCommand(kCmdReadCalibration) < 0) return false;
@@ -27,23 +25,25 @@ bool start_chip(KmxcDrvState &st) {
 int8_t KmxAxesDrvMsInit(void) {
     int8_t transformation[9];
     const int8_t read = KmxcDrvReadTransformation(KMXC_PROFILE_MS_FIRST_FIELD, transformation);
-    if (read != 0) return read;
-    if (KmxAxesDrvCheckMatrix(transformation) != 0) return -1;
+    if (read != KMXC_DRV_OK) return read;
+    if (KmxAxesDrvCheckMatrix(transformation) != KMXC_DRV_OK) return KMXC_DRV_INVALID;
 
     KmxcDrvState &st = *KmxcDrvHandle();
     st.roughOffsetWritten = 0;
-    if (st.initFlags == 0 && msmachdep_I2COpen() < 0) return -5;
+    if (st.initFlags == 0 && msmachdep_I2COpen() < 0) return KMXC_DRV_BUS_FAILURE;
     if (!start_chip(st)) {
         // Closed even when the accelerometer is using the device: a magnetometer
         // that fails its start-up leaves the bus in an unknown state.
         msmachdep_I2CClose();
-        return -5;
+        return KMXC_DRV_BUS_FAILURE;
     }
 
     int16_t sensitivity[9];
     KmxcDrvMakeSensitivityMatrix(st.calib, sensitivity);
     KmxcDrvMakeCorrectionMatrix(transformation, sensitivity, st.correction);
-    for (int i = 0; i < 3; ++i) st.tempCoef[i] = static_cast<int8_t>(static_cast<int>(st.calib[6 + i]) - 128);
+    for (int i = 0; i < 3; ++i) {
+        st.tempCoef[i] = static_cast<int8_t>(static_cast<int>(st.calib[kTempCoefFirstByte + i]) - kTempCoefBias);
+    }
     st.initFlags = static_cast<uint8_t>(st.initFlags | KMXC_DRV_INIT_MS);
-    return 0;
+    return KMXC_DRV_OK;
 }

@@ -245,17 +245,17 @@ TEST_F(MsPhoneTest, SequencesGoOutByteForByteAndStopAtAnyBusFailureWithMinusFive
 
 // ---- Physics: the model's field comes back through the library --------------------------------
 
-KmxcModel::Vec3 random_vector(std::mt19937 &rng, double lo, double hi) {
+vphone::Vec3 random_vector(std::mt19937 &rng, double lo, double hi) {
     std::normal_distribution<double> g(0, 1);
-    const KmxcModel::Vec3 v{g(rng), g(rng), g(rng)};
-    const double s = std::uniform_real_distribution<double>(lo, hi)(rng) / std::hypot(v.x, v.y, v.z);
-    return {v.x * s, v.y * s, v.z * s};
+    const vphone::Vec3 v{g(rng), g(rng), g(rng)};
+    const double s = std::uniform_real_distribution<double>(lo, hi)(rng) / std::hypot(v[0], v[1], v[2]);
+    return {v[0] * s, v[1] * s, v[2] * s};
 }
 
 // Largest per-axis difference, in corrected counts, from a vector in uT.
-double error_counts(const KmxAxesData &v, const KmxcModel::Vec3 &ut) {
+double error_counts(const KmxAxesData &v, const vphone::Vec3 &ut) {
     const double k = 1.0 / KmxcModel::kMicroteslaPerCount;
-    return std::max({std::fabs(v.x - ut.x * k), std::fabs(v.y - ut.y * k), std::fabs(v.z - ut.z * k)});
+    return std::max({std::fabs(v.x - ut[0] * k), std::fabs(v.y - ut[1] * k), std::fabs(v.z - ut[2] * k)});
 }
 
 // Half a raw count on each channel through the largest sensitivity row
@@ -283,16 +283,17 @@ TEST_F(MsPhoneTest, FieldComesBackInPhoneAxesAndAfterARoughOffsetChange) {
         for (int8_t v : m) line += "," + std::to_string(v);
         for (auto &b : calib) b = static_cast<uint8_t>(rng());
         vphone::write_file(kProfileFile, line + "\n");
-        chip.setMounting(m);
-        chip.setCalibration(calib);
-        chip.setTemperature(static_cast<uint16_t>(156 + rng() % 201));
-        chip.setHardIron(random_vector(rng, 0, 150));
-        chip.setField({0, 0, 0});
+        ASSERT_TRUE(chip.set_mounting(m));
+        chip.set_calibration(calib);
+        chip.set_temperature_c(KmxcModel::celsius(static_cast<int>(156 + rng() % 201)));
+        const vphone::Vec3 iron = random_vector(rng, 0, 150);
+        chip.set_hard_iron_ut(iron[0], iron[1], iron[2]);
+        chip.set_field_ut(0, 0, 0);
         ASSERT_EQ(KmxAxesDrvMsInit(), 0) << "scenario " << n;
         ASSERT_EQ(KmxAxesDrvMsSetRoughOffset(nullptr), 0) << "scenario " << n;
         uint8_t from[3], to[3];
         ASSERT_EQ(KmxAxesDrvMsGetWrittenRoughOffset(from), 0);
-        ASSERT_TRUE(std::equal(from, from + 3, chip.roughOffset().begin())) << "scenario " << n;
+        ASSERT_TRUE(std::equal(from, from + 3, chip.rough_offset().begin())) << "scenario " << n;
         KmxAxesData offset{};
         for (int f = 0; f < 9; ++f) {
             const bool after = f > 4;
@@ -301,9 +302,9 @@ TEST_F(MsPhoneTest, FieldComesBackInPhoneAxesAndAfterARoughOffsetChange) {
                 ASSERT_EQ(KmxAxesDrvMsSetRoughOffset(to), 0);
                 ASSERT_EQ(KmxAxesLibRecalcMsOffset(&offset, &offset, from, to), 0);
             }
-            const KmxcModel::Vec3 field = f == 0 ? KmxcModel::Vec3{0, 0, 0} : random_vector(rng, 20, 65);
-            chip.setField(field);
-            const auto raw = chip.rawChannels();
+            const vphone::Vec3 field = f == 0 ? vphone::Vec3{0, 0, 0} : random_vector(rng, 20, 65);
+            chip.set_field_ut(field[0], field[1], field[2]);
+            const auto raw = chip.raw_channels();
             int flags = 0;
             for (int i = 0; i < 3; ++i) flags |= (raw[i] < 2 || raw[i] > 1023) ? 1 << i : 0;
             KmxAxesData v{};
@@ -311,7 +312,7 @@ TEST_F(MsPhoneTest, FieldComesBackInPhoneAxesAndAfterARoughOffsetChange) {
             if (f == 0) offset = v;
             if (flags != 0 && after) continue;  // a channel pushed out of range by the change
             const double e = after ? error_counts({v.x - offset.x, v.y - offset.y, v.z - offset.z}, field)
-                                   : error_counts(v, chip.expectedMicrotesla());
+                                   : error_counts(v, chip.expected_microtesla());
             worst[after] = std::max(worst[after], e);
             ASSERT_LE(e, after ? 2 * kQuantisationCounts : kQuantisationCounts) << "scenario " << n << " field " << f;
         }

@@ -39,12 +39,12 @@ int8_t KmxcDrvReadTransformation(uint8_t firstField, int8_t *matrix) {
     for (int i = 0; i < 9; ++i) matrix[i] = kIdentity[i];
     // The test is for write permission: an absent or non-writable profile file
     // leaves the identity, without a message.
-    if (access(kProfilePath, W_OK) != 0) return 0;
+    if (access(kProfilePath, W_OK) != 0) return KMXC_DRV_OK;
 
     // The profile number is read into the shared line buffer; with a number below 1
     // no line follows and the buffer keeps that text.
     const int32_t profile = msmachdep_ReadProfileNumber();
-    if (msmachdep_ReadNumberedLine(kProfilePath, profile, 1) < 0) return -3;
+    if (msmachdep_ReadNumberedLine(kProfilePath, profile, 1) < 0) return KMXC_DRV_NOT_READY;
     parse_fields(g_LineBuffer, firstField, matrix);
-    return 0;
+    return KMXC_DRV_OK;
 }

@@ -29,13 +29,9 @@
 
 #include <stdint.h>
 
-#ifndef KMXC_API
-#define KMXC_API __attribute__((visibility("default")))
-#endif
+#include "platform/kmxc_api.h"
 
-#ifdef __cplusplus
-extern "C" {
-#endif
+KMXC_BEGIN_DECLS
 
 /* Software floating-point value; four bytes, copied by assignment. */
 typedef struct MSFLOAT {
@@ -134,8 +130,6 @@ KMXC_API int8_t MSFLOAT_Sqrt(MSFLOAT *a);
 KMXC_API int8_t MsSolve(const MSFLOAT A[15], const MSFLOAT r[5], MSFLOAT x[5]);
 KMXC_API int8_t MsJacobiCalcEigenPair(const MSFLOAT m[6], MsEigenPair pairs[3]);
 
-#ifdef __cplusplus
-}
-#endif
+KMXC_END_DECLS
 
 #endif /* KMXC_NUMERICS_H */

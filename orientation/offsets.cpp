@@ -9,35 +9,22 @@ namespace {
 constexpr int32_t kMsOffsetLimit = 16384;
 constexpr uint8_t kRoughOffsetMax = 31;
 
-void copy(KmxAxesData *to, const KmxAxesData *from) {
+// Field by field; returns 0, the result of every offset accessor.
+int8_t copy(KmxAxesData *to, const KmxAxesData *from) {
     to->x = from->x;
     to->y = from->y;
     to->z = from->z;
+    return 0;
 }
 
 bool within_limit(int32_t v) { return v >= -kMsOffsetLimit && v <= kMsOffsetLimit; }
 
 }  // namespace
 
-int8_t KmxAxesLibGetMsOffset(KmxAxesData *out) {
-    copy(out, &g_AxesLib.msOffset);
-    return 0;
-}
-
-int8_t KmxAxesLibSetMsOffset(const KmxAxesData *in) {
-    copy(&g_AxesLib.msOffset, in);
-    return 0;
-}
-
-int8_t KmxAxesLibGetGsOffset(KmxAxesData *out) {
-    copy(out, &g_AxesLib.gsOffset);
-    return 0;
-}
-
-int8_t KmxAxesLibSetGsOffset(const KmxAxesData *in) {
-    copy(&g_AxesLib.gsOffset, in);
-    return 0;
-}
+int8_t KmxAxesLibGetMsOffset(KmxAxesData *out) { return copy(out, &g_AxesLib.msOffset); }
+int8_t KmxAxesLibSetMsOffset(const KmxAxesData *in) { return copy(&g_AxesLib.msOffset, in); }
+int8_t KmxAxesLibGetGsOffset(KmxAxesData *out) { return copy(out, &g_AxesLib.gsOffset); }
+int8_t KmxAxesLibSetGsOffset(const KmxAxesData *in) { return copy(&g_AxesLib.gsOffset, in); }
 
 int8_t KmxAxesLibIsValidMsOffset(const KmxAxesData *offset) {
     if (offset == nullptr) return 0;

@@ -18,13 +18,9 @@
 
 #include <stdint.h>
 
-#ifndef KMXC_API
-#define KMXC_API __attribute__((visibility("default")))
-#endif
+#include "platform/kmxc_api.h"
 
-#ifdef __cplusplus
-extern "C" {
-#endif
+KMXC_BEGIN_DECLS
 
 /* Three-axis sample or offset. */
 typedef struct KmxAxesData {
@@ -163,8 +159,6 @@ KMXC_API int8_t KmxAxesLibInit(void);
 KMXC_API int8_t KmxAxesLibRecalcMsOffset(const KmxAxesData *in, KmxAxesData *out, const uint8_t *oldRough,
                                          const uint8_t *newRough);
 
-#ifdef __cplusplus
-}
-#endif
+KMXC_END_DECLS
 
 #endif /* KMXC_ORIENTATION_H */

@@ -9,14 +9,19 @@ constexpr double kGravityPerCount = 0.000244140625;  // exactly 1/4096 g
 constexpr double kStandardGravity = 9.80665;         // m/s^2
 constexpr double kMicroteslaPerCount = 0.4;
 
+// The sample less the offset, each axis limited as for the attitude.
+void offset_removed(const KmxAxesData &v, const KmxAxesData &o, int32_t *d) {
+    d[0] = KmxAxesLibLimitedDifference(v.x, o.x);
+    d[1] = KmxAxesLibLimitedDifference(v.y, o.y);
+    d[2] = KmxAxesLibLimitedDifference(v.z, o.z);
+}
+
 }  // namespace
 
 int8_t KmxAxesLibGetGravityEarth(const KmxAxesData *gs, double *out) {
     if (out == nullptr || gs == nullptr) return -1;
-    const KmxAxesData &o = g_AxesLib.gsOffset;
-    const int32_t d[3] = {KmxAxesLibLimitedDifference(gs->x, o.x),
-                          KmxAxesLibLimitedDifference(gs->y, o.y),
-                          KmxAxesLibLimitedDifference(gs->z, o.z)};
+    int32_t d[3];
+    offset_removed(*gs, g_AxesLib.gsOffset, d);
     // Two rounded multiplications, not one combined factor.
     for (int i = 0; i < 3; ++i) out[i] = (static_cast<double>(d[i]) * kGravityPerCount) * kStandardGravity;
     return 0;
@@ -24,10 +29,8 @@ int8_t KmxAxesLibGetGravityEarth(const KmxAxesData *gs, double *out) {
 
 int8_t KmxAxesLibGetMagneticT(const KmxAxesData *ms, double *out) {
     if (out == nullptr || ms == nullptr) return -1;
-    const KmxAxesData &o = g_AxesLib.msOffset;
-    const int32_t d[3] = {KmxAxesLibLimitedDifference(ms->x, o.x),
-                          KmxAxesLibLimitedDifference(ms->y, o.y),
-                          KmxAxesLibLimitedDifference(ms->z, o.z)};
+    int32_t d[3];
+    offset_removed(*ms, g_AxesLib.msOffset, d);
     for (int i = 0; i < 3; ++i) out[i] = static_cast<double>(d[i]) * kMicroteslaPerCount;
     return 0;
 }

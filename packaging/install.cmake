@@ -55,6 +55,8 @@ foreach(subsystem orientation calibration numerics drivers platform smb380)
   install(FILES ${PROJECT_SOURCE_DIR}/${subsystem}/${subsystem}.h
     DESTINATION ${KMXC_INCLUDE_SUBDIR}/${subsystem} COMPONENT development)
 endforeach()
+install(FILES ${PROJECT_SOURCE_DIR}/platform/kmxc_api.h
+  DESTINATION ${KMXC_INCLUDE_SUBDIR}/platform COMPONENT development)
 if(TARGET kmxc_service)
   install(FILES ${PROJECT_SOURCE_DIR}/service/kmxc_service.h
     DESTINATION ${KMXC_INCLUDE_SUBDIR}/service COMPONENT development)

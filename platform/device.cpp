@@ -8,18 +8,12 @@
 #include <cerrno>
 #include <cstdio>
 
+#include "platform/compass_device.h"
 #include "platform/platform_internal.h"
 
+using namespace compass_device;
+
 namespace {
-
-constexpr char kCompassPath[] = "/dev/compass";
-
-// Plain request numbers of the compass driver (no direction or size bits).
-constexpr unsigned long kSelectSlave = 0x0706;
-constexpr unsigned long kGetSensorControlInfo = 0x0707;
-constexpr unsigned long kSetChargerState = 0x0708;
-constexpr unsigned long kGetMagnetGuard = 0x0709;
-constexpr unsigned long kSetMagnetGuard = 0x0710;
 
 // Moves exactly length bytes with read or write, stopping at the first error. The
 // remaining count stays 8-bit like the length. A result of 0 bytes makes no
@@ -51,6 +45,18 @@ int8_t transfer(uint8_t length, Buffer *buffer, const char *name, Call call) {
     return 0;
 }
 
+// One control request on the open device: `closed` when it is not open, `failed`
+// after perror(word) when the request fails, else the request's result.
+int control(unsigned long request, int argument, const char *word, int closed, int failed) {
+    if (g_CompassFd == -1) return closed;
+    const int result = ioctl(g_CompassFd, request, argument);
+    if (result < 0) {
+        std::perror(word);
+        return failed;
+    }
+    return result;
+}
+
 }  // namespace
 
 extern "C" {
@@ -58,7 +64,7 @@ extern "C" {
 constinit int32_t g_CompassFd = -1;
 
 int8_t msmachdep_I2COpen(void) {
-    g_CompassFd = open(kCompassPath, O_RDWR);
+    g_CompassFd = open(kPath, O_RDWR);
     if (g_CompassFd == -1) {
         std::perror("open");
         return -1;
@@ -74,12 +80,7 @@ int8_t msmachdep_I2CClose(void) {
 }
 
 int8_t msmachdep_I2CSetSlaveAddress(int address) {
-    if (g_CompassFd == -1) return -1;
-    if (ioctl(g_CompassFd, kSelectSlave, address) < 0) {
-        std::perror("ioctl");
-        return -1;
-    }
-    return 0;
+    return control(kSelectSlave, address, "ioctl", -1, -1) < 0 ? -1 : 0;
 }
 
 int8_t msmachdep_I2CRead(uint8_t length, uint8_t *buffer) {
@@ -99,41 +100,18 @@ int8_t msmachdep_Sleep(uint32_t milliseconds) {
 }
 
 int msmachdep_SetMagnetGuard(void) {
-    if (g_CompassFd == -1) return -1;
-    if (ioctl(g_CompassFd, kSetMagnetGuard, 0) < 0) {
-        std::perror("msmachdep_SetMagnetGuard");
-        return -2;
-    }
-    return 0;
+    const int result = control(kSetMagnetGuard, 0, "msmachdep_SetMagnetGuard", -1, -2);
+    return result < 0 ? result : 0;
 }
 
-int msmachdep_GetMagnetGuard(void) {
-    if (g_CompassFd == -1) return -1;
-    const int result = ioctl(g_CompassFd, kGetMagnetGuard, 0);
-    if (result < 0) {
-        std::perror("msmachdep_GetMagnetGuard");
-        return -2;
-    }
-    return result;
-}
+int msmachdep_GetMagnetGuard(void) { return control(kGetMagnetGuard, 0, "msmachdep_GetMagnetGuard", -1, -2); }
 
 int msmachdep_GetSensorControlInfo(void) {
-    if (g_CompassFd == -1) return 0;
-    const int result = ioctl(g_CompassFd, kGetSensorControlInfo, 0);
-    if (result < 0) {
-        std::perror("msmachdep_GetSensorControlInfo");
-        return 0;
-    }
-    return result;
+    return control(kGetSensorControlInfo, 0, "msmachdep_GetSensorControlInfo", 0, 0);
 }
 
 int msmachdep_SetChargerState(int state) {
-    if (g_CompassFd == -1) return -1;
-    if (ioctl(g_CompassFd, kSetChargerState, state) < 0) {
-        std::perror("msmachdep_SetChargerState");
-        return -1;
-    }
-    return 0;
+    return control(kSetChargerState, state, "msmachdep_SetChargerState", -1, -1) < 0 ? -1 : 0;
 }
 
 int MsLogSave(int value, long detail) {

@@ -4,6 +4,7 @@
 
 #include "platform/platform.h"
 #include "vphone/vphone.h"
+#include "drivers/kmxc_protocol.h"
 
 namespace {
 
@@ -18,12 +19,12 @@ struct Answering : vphone::BusDevice {
 void BM_MeasurementCycle(benchmark::State &state) {
     vphone::make_sandbox();
     Answering chip;
-    vphone::attach(0x2E, &chip);
+    vphone::attach(kmxc::kBusAddress, &chip);
     msmachdep_I2COpen();
-    const uint8_t command = 0x01;
+    const uint8_t command = kmxc::kCmdMeasure;
     uint8_t block[8];
     for (auto _ : state) {
-        msmachdep_I2CSetSlaveAddress(0x2E);
+        msmachdep_I2CSetSlaveAddress(kmxc::kBusAddress);
         msmachdep_I2CWrite(1, &command);
         msmachdep_Sleep(13);
         msmachdep_I2CRead(8, block);

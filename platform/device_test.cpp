@@ -9,6 +9,7 @@
 
 #include "platform/platform.h"
 #include "vphone/phone_fixture.h"
+#include "drivers/kmxc_protocol.h"
 
 namespace {
 
@@ -44,7 +45,7 @@ TEST_F(DeviceTest, OpenCloseLengthZeroAndTransfersOnAClosedDevice) {
     EXPECT_EQ(err.text(), message("open", ENOENT) + message("read", EBADF));
 }
 
-int select_2e() { return msmachdep_I2CSetSlaveAddress(0x2E); }
+int select_magnetometer() { return msmachdep_I2CSetSlaveAddress(kmxc::kBusAddress); }
 int set_charger_7() { return msmachdep_SetChargerState(7); }
 
 TEST_F(DeviceTest, RequestsUsePlainNumbersAndTellClosedFromFailed) {
@@ -56,8 +57,8 @@ TEST_F(DeviceTest, RequestsUsePlainNumbersAndTellClosedFromFailed) {
         int answer, error;   // the driver's result; errno of a failure (0: none)
         int result, closed;  // expected with the device open, and closed
     } cases[] = {
-        {"ioctl", select_2e, 0x0706, 0x2E, 0, 0, 0, -1},
-        {"ioctl", select_2e, 0x0706, 0x2E, 0, EIO, -1, -1},
+        {"ioctl", select_magnetometer, vphone::kSelectSlave, kmxc::kBusAddress, 0, 0, 0, -1},
+        {"ioctl", select_magnetometer, vphone::kSelectSlave, kmxc::kBusAddress, 0, EIO, -1, -1},
         {"msmachdep_SetMagnetGuard", msmachdep_SetMagnetGuard, 0x0710, 0, 3, 0, 0, -1},
         {"msmachdep_SetMagnetGuard", msmachdep_SetMagnetGuard, 0x0710, 0, 0, EIO, -2, -1},
         {"msmachdep_GetMagnetGuard", msmachdep_GetMagnetGuard, 0x0709, 0, 12345, 0, 12345, -1},
@@ -107,11 +108,11 @@ TEST_F(DeviceTest, TransfersFinishShortPiecesAndGiveUpOnThreeZeroResults) {
         SCOPED_TRACE(c.name);
         vphone::reset();
         vphone::ScriptedDevice chip;  // takes any write; answers reads itself in two pieces
-        vphone::attach(0x2E, &chip);
+        vphone::attach(kmxc::kBusAddress, &chip);
         chip.queue_read({0, 1, 2});
         chip.queue_read({3, 4, 5, 6, 7, 8, 9});
         ASSERT_EQ(msmachdep_I2COpen(), 0);
-        ASSERT_EQ(msmachdep_I2CSetSlaveAddress(0x2E), 0);
+        ASSERT_EQ(msmachdep_I2CSetSlaveAddress(kmxc::kBusAddress), 0);
         const Call kind = c.write ? Call::Write : Call::Read;
         for (size_t i = 0; i < c.limits.size(); ++i) vphone::limit_transfer(kind, c.limits[i], static_cast<int>(i) + 1);
         if (c.error == EREMOTEIO) vphone::fail_call(kind, 2, EREMOTEIO);

@@ -127,11 +127,15 @@ int8_t save_in_place(const int32_t (&v)[kFields]) {
     return write_and_close(file, v, true) ? 0 : -1;
 }
 
-int8_t load_triple(int32_t *out, int first) {
-    if (out == nullptr) return -1;
+// The file's nine values, the file made first when it is missing; -1 on failure.
+int8_t current_fields(int32_t (&v)[kFields]) {
     if (msmachdep_EnsureOffsetFile() < 0) return -1;
+    return read_current(v) < 0 ? -1 : 0;
+}
+
+int8_t load_triple(int32_t *out, int first) {
     int32_t v[kFields];
-    if (read_current(v) < 0) return -1;
+    if (out == nullptr || current_fields(v) < 0) return -1;
     for (int i = 0; i < 3; ++i) out[i] = v[first + i];
     return 0;
 }
@@ -153,19 +157,15 @@ int8_t msmachdep_EnsureOffsetFileInPlace(void) {
 }
 
 int8_t msmachdep_LoadRoughOffset(uint8_t *out) {
-    if (out == nullptr) return -1;
-    if (msmachdep_EnsureOffsetFile() < 0) return -1;
     int32_t v[kFields];
-    if (read_current(v) < 0) return -1;
+    if (out == nullptr || current_fields(v) < 0) return -1;
     for (int i = 0; i < 3; ++i) out[i] = static_cast<uint8_t>(static_cast<uint32_t>(v[kRough + i]) & 0xFFu);
     return 0;
 }
 
 int8_t msmachdep_SaveRoughOffset(const uint8_t *in) {
-    if (in == nullptr) return -1;
-    if (msmachdep_EnsureOffsetFile() < 0) return -1;
     int32_t v[kFields];
-    if (read_current(v) < 0) return -1;
+    if (in == nullptr || current_fields(v) < 0) return -1;
     for (int i = 0; i < 3; ++i) v[kRough + i] = in[i];
     return save_through_backup(v, true);
 }
@@ -183,10 +183,8 @@ int8_t msmachdep_LoadGsOffset(int32_t *out) {
 }
 
 int8_t msmachdep_SaveGsOffset(const int32_t *in) {
-    if (in == nullptr) return -1;
-    if (msmachdep_EnsureOffsetFileInPlace() < 0) return -1;
     int32_t v[kFields];
-    if (read_current(v) < 0) return -1;
+    if (in == nullptr || msmachdep_EnsureOffsetFileInPlace() < 0 || read_current(v) < 0) return -1;
     for (int i = 0; i < 3; ++i) v[kGravity + i] = in[i];
     return save_in_place(v);
 }
@@ -194,10 +192,8 @@ int8_t msmachdep_SaveGsOffset(const int32_t *in) {
 int8_t msmachdep_LoadMsOffset(int32_t *out) { return load_triple(out, kMagnetic); }
 
 int8_t msmachdep_SaveMsOffset(const int32_t *in) {
-    if (in == nullptr) return -1;
-    if (msmachdep_EnsureOffsetFile() < 0) return -1;
     int32_t v[kFields];
-    if (read_current(v) < 0) return -1;
+    if (in == nullptr || current_fields(v) < 0) return -1;
     for (int i = 0; i < 3; ++i) v[kMagnetic + i] = in[i];
     return save_through_backup(v, false);
 }

@@ -33,13 +33,9 @@
 
 #include <stdint.h>
 
-#ifndef KMXC_API
-#define KMXC_API __attribute__((visibility("default")))
-#endif
+#include "platform/kmxc_api.h"
 
-#ifdef __cplusplus
-extern "C" {
-#endif
+KMXC_BEGIN_DECLS
 
 /* ---- Compass device ----------------------------------------------------------------
  * Bus functions return 0 on success and -1 on failure (test for a negative value).
@@ -133,8 +129,6 @@ KMXC_API const char *msmachdep_TokenOrMax(void);
 KMXC_API int msmachdep_LoadChargerOffset(double *first, double *second, int32_t *third,
                                          int32_t *fourth);
 
-#ifdef __cplusplus
-}
-#endif
+KMXC_END_DECLS
 
 #endif /* KMXC_PLATFORM_H */

@@ -7,6 +7,7 @@
 #include <stdio.h>
 
 #include "calibration/calibration.h"
+#include "calibration/calibration_results.h"
 #include "drivers/drivers.h"
 #include "orientation/orientation.h"
 #include "platform/platform.h"
@@ -523,8 +524,8 @@ int32_t kmxc_service_cycle(uint64_t now, KmxcServiceEvent *e)
             e->calib_ratio_mid = detail.ratioMid;
             e->calib_residual = detail.residual;
             e->calib_status = KmxAxesMsCalibGetStatus();
-            const bool three_d = e->calib_result == 63;
-            if (three_d || (e->calib_result > 0 && (e->calib_result & 0x38) != 0)) {
+            const bool three_d = e->calib_result == KMXC_CALIB_THREE_D;
+            if (kmxc_calib_new_offset(e->calib_result)) {
                 KmxAxesData offset;
                 KmxAxesMsCalibGetOffset(&offset);
                 // A new fit replaces a trusted offset only when the batch it came from

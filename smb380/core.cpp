@@ -9,9 +9,6 @@ constinit smb380_dev *p_smb380 = nullptr;
 
 namespace {
 
-constexpr uint8_t kSoftReset = 0x02;     // whole-register values of 0x0A
-constexpr uint8_t kUpdateImage = 0x20;
-constexpr uint8_t kSelfTestMask = 0x0C;  // 0x0A bits 3..2
 constexpr uint32_t kOffsetEepromWaitMs = 34;
 constexpr uint32_t kWriteEeWaitMs = 28;
 
@@ -39,39 +36,39 @@ int32_t smb380_init(smb380_dev *dev) {
 
 int32_t smb380_soft_reset(void) {
     if (no_device()) return SMB380_ERR_NULL_DEV;
-    return write_byte(kControl, kSoftReset);
+    return write_byte(kControl, kCtlSoftReset);
 }
 
 int32_t smb380_update_image(void) {
     if (no_device()) return SMB380_ERR_NULL_DEV;
-    return write_byte(kControl, kUpdateImage);
+    return write_byte(kControl, kCtlUpdateImage);
 }
 
 int32_t smb380_set_ee_w(uint8_t flag) {
     if (no_device()) return SMB380_ERR_NULL_DEV;
     uint8_t byte;
     read_byte(kControl, &byte);  // only the write's result counts
-    return write_byte(kControl, with_field(byte, kEeWriteEnable, 4, flag));
+    return write_byte(kControl, with_field(byte, kCtlEeWriteEnable, 4, flag));
 }
 
 int32_t smb380_set_image(const uint8_t *image19) {
     if (no_device()) return SMB380_ERR_NULL_DEV;
     uint8_t control;
     read_byte(kControl, &control);
-    write_byte(kControl, static_cast<uint8_t>(control | kEeWriteEnable));
+    write_byte(kControl, static_cast<uint8_t>(control | kCtlEeWriteEnable));
     p_smb380->write_fn(kImageFirst, image19, kImageLength);
     read_byte(kControl, &control);
-    return write_byte(kControl, static_cast<uint8_t>(control & ~kEeWriteEnable));
+    return write_byte(kControl, static_cast<uint8_t>(control & ~kCtlEeWriteEnable));
 }
 
 int32_t smb380_get_image(uint8_t *image19) {
     if (no_device()) return SMB380_ERR_NULL_DEV;
     uint8_t control;
     read_byte(kControl, &control);
-    write_byte(kControl, static_cast<uint8_t>(control | kEeWriteEnable));
+    write_byte(kControl, static_cast<uint8_t>(control | kCtlEeWriteEnable));
     p_smb380->read_fn(static_cast<uint8_t>(kImageFirst | kReadFlag), image19, kImageLength);
     // Disabled again from the first reading, without a second read.
-    return write_byte(kControl, static_cast<uint8_t>(control & ~kEeWriteEnable));
+    return write_byte(kControl, static_cast<uint8_t>(control & ~kCtlEeWriteEnable));
 }
 
 int32_t smb380_get_offset(uint8_t axis, uint16_t *offset) {
@@ -106,7 +103,7 @@ int32_t smb380_set_offset_eeprom(uint8_t axis, uint16_t offset) {
 
 int32_t smb380_selftest(uint8_t code) {
     if (no_device()) return SMB380_ERR_NULL_DEV;
-    return set_field(kControl, kSelfTestMask, 2, code);
+    return set_field(kControl, kCtlSelfTestMask, 2, code);
 }
 
 int32_t smb380_read_reg(uint8_t reg, uint8_t *data, uint8_t count) {

@@ -47,7 +47,8 @@ TEST(Smb380Init, StoresIdentificationFieldsAndSumsTheTwoReads) {
     g_bus.results = {1, 2};
     p_smb380 = nullptr;
     EXPECT_EQ(smb380_init(&g_dev), 3);
-    EXPECT_TRUE(p_smb380 == &g_dev && g_dev.slave_address == 0x38);
+    EXPECT_EQ(p_smb380, &g_dev);
+    EXPECT_EQ(g_dev.slave_address, SMB380_SLAVE_ADDRESS);
     EXPECT_TRUE(g_dev.chip_id == 2 && g_dev.version_low == 7 && g_dev.version_high == 10);
     EXPECT_EQ(g_bus.calls, (std::vector<Call>{R(0x80, {0xFA}), R(0x81, {0xA7})}));
 }

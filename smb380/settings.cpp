@@ -7,9 +7,6 @@ using namespace smb380_regs;
 
 namespace {
 
-constexpr uint8_t kRangeMax = 2;
-constexpr uint8_t kBandwidthMax = 7;
-constexpr uint8_t kResetInterrupt = 0x40;  // whole-register value of 0x0A
 
 // Interrupt mask bits 0, 1, 6, 7 sit in 0x0B at the same positions; bits 3..5 sit in
 // 0x15 bits 4..6. Mask bit 2 has no register bit.
@@ -39,16 +36,16 @@ int32_t get_field(uint8_t reg, uint8_t mask, uint8_t shift, uint8_t *out) {
 int32_t smb380_set_range(uint8_t code) {
     if (no_device()) return SMB380_ERR_NULL_DEV;
     if (code > kRangeMax) return 0;
-    return set_field(kRangeBandwidth, 0x18, 3, code);
+    return set_field(kRangeBandwidth, kRangeMask, kRangeShift, code);
 }
-int32_t smb380_get_range(uint8_t *code) { return get_field(kRangeBandwidth, 0x18, 3, code); }
+int32_t smb380_get_range(uint8_t *code) { return get_field(kRangeBandwidth, kRangeMask, kRangeShift, code); }
 
 int32_t smb380_set_bandwidth(uint8_t code) {
     if (no_device()) return SMB380_ERR_NULL_DEV;
     if (code > kBandwidthMax) return 0;
-    return set_field(kRangeBandwidth, 0x07, 0, code);
+    return set_field(kRangeBandwidth, kBandwidthMask, kBandwidthShift, code);
 }
-int32_t smb380_get_bandwidth(uint8_t *code) { return get_field(kRangeBandwidth, 0x07, 0, code); }
+int32_t smb380_get_bandwidth(uint8_t *code) { return get_field(kRangeBandwidth, kBandwidthMask, kBandwidthShift, code); }
 
 int32_t smb380_set_wake_up_pause(uint8_t code) { return set_rmw(kWakeUp, 0x06, 1, code); }
 int32_t smb380_get_wake_up_pause(uint8_t *code) { return get_field(kWakeUp, 0x06, 1, code); }
@@ -127,4 +124,4 @@ int32_t smb380_get_interrupt_mask(uint8_t *mask) {
     return 0;  // the reads' results are not reported
 }
 
-int32_t smb380_reset_interrupt(void) { return set_whole(kControl, kResetInterrupt); }
+int32_t smb380_reset_interrupt(void) { return set_whole(kControl, kCtlResetInterrupt); }

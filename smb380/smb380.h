@@ -42,13 +42,9 @@
 
 #include <stdint.h>
 
-#ifndef KMXC_API
-#define KMXC_API __attribute__((visibility("default")))
-#endif
+#include "platform/kmxc_api.h"
 
-#ifdef __cplusplus
-extern "C" {
-#endif
+KMXC_BEGIN_DECLS
 
 #define SMB380_ERR_NULL_DEV 129
 #define SMB380_SLAVE_ADDRESS 0x38
@@ -198,8 +194,6 @@ KMXC_API int32_t smb380_read_accel_xyz(smb380_accel *accel);
 KMXC_API int32_t smb380_read_temperature(uint8_t *temperature);
 KMXC_API int32_t smb380_get_interrupt_status(uint8_t *status);
 
-#ifdef __cplusplus
-}
-#endif
+KMXC_END_DECLS
 
 #endif /* KMXC_SMB380_H */

@@ -104,7 +104,7 @@ TEST(CompassService, DefaultScenarioCalibratesInThreeDimensionsAndHoldsTheHeadin
     compass::ErrorStats integer, dbl, steady_integer, steady_dbl;
     int first_3d = -1;
     for (size_t i = 0; i < rows.size(); ++i) {
-        if (first_3d < 0 && num(rows[i], "calib_rc") == 63) first_3d = static_cast<int>(i);
+        if (first_3d < 0 && compass::is_three_d(static_cast<int>(num(rows[i], "calib_rc")))) first_3d = static_cast<int>(i);
         if (first_3d < 0) continue;
         const double ei = compass::heading_difference(num(rows[i], "heading_int"), num(rows[i], "true_heading_int"));
         const double ed = compass::heading_difference(num(rows[i], "azimuth"), num(rows[i], "true_azimuth"));
@@ -139,8 +139,8 @@ Codes codes_of(const std::vector<std::map<std::string, std::string>> &rows)
     Codes c;
     for (const auto &row : rows) {
         const int rc = static_cast<int>(num(row, "calib_rc"));
-        if (rc > 0 && (rc & 0x38) != 0) c.seen.insert(rc);
-        if (rc == 63 && c.first_3d_s < 0) c.first_3d_s = num(row, "time_us") / 1e6;
+        if (kmxc_calib_new_offset(rc)) c.seen.insert(rc);
+        if (compass::is_three_d(rc) && c.first_3d_s < 0) c.first_3d_s = num(row, "time_us") / 1e6;
     }
     return c;
 }
@@ -172,7 +172,7 @@ TEST(CompassService, TwoPlanesCombineIntoAThreeDimensionalCalibration)
     const auto rows = outputs(d + "/o.csv");
     const Codes c = codes_of(rows);
     EXPECT_TRUE(c.seen.count(24)) << "no planar fit with the normal along z (flat)";
-    EXPECT_TRUE(c.seen.count(63)) << "the two planes were not combined";
+    EXPECT_TRUE(c.seen.count(KMXC_CALIB_THREE_D)) << "the two planes were not combined";
     EXPECT_TRUE(c.seen.count(47)) << "no planar fit with the normal along y (upright) after the status reached 7";
     // The first 63 comes from a batch taken wholly in the upright plane (16 samples,
     // 1.6 s, after that phase began): such a batch alone is planar, so the full

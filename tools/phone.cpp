@@ -15,7 +15,8 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr double kUtPerCount = 0.4;
+using namespace kmxc;
+constexpr double kUtPerCount = vphone::KmxcModel::kMicroteslaPerCount;
 
 // The magnetometer model on the bus, with the replay's raw values laid over its
 // answers: measurement blocks (8-byte reads) carry the recorded channels and
@@ -35,31 +36,28 @@ public:
     int read(uint8_t *d, size_t n) override
     {
         const int got = model.read(d, n);
-        if (got != static_cast<int>(n) || (d[0] & 0x80) != 0) return got;
+        if (got != static_cast<int>(n) || (d[0] & kBusy) != 0) return got;
+        auto rough_of = [d] {
+            return std::array<int, 3>{d[kRoughChannelAt[0]], d[kRoughChannelAt[1]], d[kRoughChannelAt[2]]};
+        };
         if (!replay) {
-            if (n == 6) rough_seen.push_back({d[5], d[3], d[1]});
+            if (n == kRoughBlockBytes) rough_seen.push_back(rough_of());
             return got;
         }
-        auto hi = [](int v) { return static_cast<uint8_t>((v >> 8) & 0x07); };
-        auto lo = [](int v) { return static_cast<uint8_t>(v & 0xFF); };
-        if (n == 8) { // channels listed last to first, then the temperature
-            d[0] = static_cast<uint8_t>((d[0] & 0x80) | hi(row.ms[2]));
-            d[1] = lo(row.ms[2]);
-            d[2] = hi(row.ms[1]);
-            d[3] = lo(row.ms[1]);
-            d[4] = hi(row.ms[0]);
-            d[5] = lo(row.ms[0]);
-            d[6] = hi(row.temperature);
-            d[7] = lo(row.temperature);
-        } else if (n == 6) {
+        auto put11 = [d](int at, int v) {
+            d[at] = static_cast<uint8_t>((d[at] & kBusy) | ((v >> 8) & kHighBitsMask));
+            d[at + 1] = static_cast<uint8_t>(v & 0xFF);
+        };
+        if (n == kMeasureBlockBytes) {
+            for (int k = 0; k < 3; ++k) put11(kMeasureChannelAt[k], row.ms[k]);
+            put11(kMeasureTemperatureAt, row.temperature);
+        } else if (n == kRoughBlockBytes) {
             std::array<int, 3> r = rough_default;
             if (!rough_answers.empty()) {
                 r = rough_answers.front();
                 rough_answers.pop_front();
             }
-            d[5] = lo(r[0]);
-            d[3] = lo(r[1]);
-            d[1] = lo(r[2]);
+            for (int k = 0; k < 3; ++k) d[kRoughChannelAt[k]] = static_cast<uint8_t>(r[k] & 0xFF);
             rough_seen.push_back(r);
         }
         return got;
@@ -137,12 +135,6 @@ bool make_phone_dirs(const std::string &dir, bool fresh, std::string *error)
 
 } // namespace
 
-int raw_temperature(double celsius)
-{
-    const long raw = 256 + std::lround((celsius - 25.0) * 4.0);
-    return static_cast<int>(std::clamp(raw, 0L, 2047L));
-}
-
 struct Phone::Chips {
     Magnetometer mag;
     vphone::Smb380Model accel;
@@ -194,8 +186,8 @@ void Phone::attach_chips(int profile, const std::array<int, 9> &calib)
         mag[i] = static_cast<int8_t>(p.mag[i]);
         accel[i] = static_cast<int8_t>(p.accel[i]);
     }
-    chips_->mag.model.setCalibration(bytes);
-    chips_->mag.model.setMounting(mag);
+    chips_->mag.model.set_calibration(bytes);
+    chips_->mag.model.set_mounting(mag);
     chips_->accel.set_mounting(accel);
     vphone::attach(vphone::KmxcModel::kAddress, &chips_->mag);
     vphone::attach(vphone::Smb380Model::kAddress, &chips_->accel);
@@ -205,28 +197,26 @@ void Phone::attach_replay_chips(const RecordHeader &h)
 {
     std::array<uint8_t, 9> bytes{};
     for (int i = 0; i < 9; ++i) bytes[i] = static_cast<uint8_t>(h.calib[i]);
-    chips_->mag.model.setCalibration(bytes);
+    chips_->mag.model.set_calibration(bytes);
     chips_->mag.replay = true;
-    for (int k = 0; k < 3; ++k) chips_->mag.rough_default[k] = h.rough[k] + 5;
+    for (int k = 0; k < 3; ++k) chips_->mag.rough_default[k] = h.rough[k] + kRoughReadingBias;
     vphone::attach(vphone::KmxcModel::kAddress, &chips_->mag);
     vphone::attach(vphone::Smb380Model::kAddress, &chips_->accel);
 }
 
 void Phone::sense(const Truth &t)
 {
-    vphone::KmxcModel &m = chips_->mag.model;
-    m.setField({t.field_uT[0], t.field_uT[1], t.field_uT[2]});
-    m.setHardIron({t.hard_iron_uT[0], t.hard_iron_uT[1], t.hard_iron_uT[2]});
-    m.setTemperature(static_cast<uint16_t>(raw_temperature(t.temperature_C)));
+    const vphone::Physics p{t.field_uT, t.hard_iron_uT, t.gravity_g, t.temperature_C};
+    chips_->mag.model.set_physics(p);
+    chips_->accel.set_physics(p);
     chips_->field_uT = t.field_uT;
-    chips_->accel.set_gravity_g(t.gravity_g[0], t.gravity_g[1], t.gravity_g[2]);
 }
 
 Vec3 Phone::true_offset_counts() const
 {
-    const auto e = chips_->mag.model.expectedMicrotesla();
+    const auto e = chips_->mag.model.expected_microtesla();
     const Vec3 &f = chips_->field_uT;
-    return {(e.x - f[0]) / kUtPerCount, (e.y - f[1]) / kUtPerCount, (e.z - f[2]) / kUtPerCount};
+    return {(e[0] - f[0]) / kUtPerCount, (e[1] - f[1]) / kUtPerCount, (e[2] - f[2]) / kUtPerCount};
 }
 
 void Phone::deliver(const RecordRow &row)

@@ -18,8 +18,6 @@ namespace compass {
 // The demo's magnetometer: calibration bytes of a plausible chip (sensitivities near
 // 100, small cross terms, non-zero temperature coefficients).
 constexpr std::array<int, 9> kDemoCalib{0x8A, 0x20, 0xFA, 0x08, 0x1E, 0x44, 0x8A, 0x76, 0x84};
-// The virtual chip's temperature scale: raw 256 at 25 degrees C, 4 counts per degree.
-int raw_temperature(double celsius);
 
 class Phone {
 public:
@@ -49,8 +47,6 @@ public:
 
     // Readings of the rough-offset measurements since the last call (for the record).
     std::vector<std::array<int, 3>> take_rough_readings();
-
-    // The rough offset the magnetometer model was last told.
 
     Phone();
     ~Phone();

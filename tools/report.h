@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "calibration/calibration_results.h"
 #include "tools/scenario.h"
 
 namespace compass {
@@ -39,8 +40,8 @@ struct SampleOutput {
 };
 
 // A calibration return code that published a new offset: 63 or one with axis bits.
-inline bool is_new_offset(int calib_rc) { return calib_rc > 0 && (calib_rc & 0x38) != 0; }
-inline bool is_three_d(int calib_rc) { return calib_rc == 63; }
+inline bool is_new_offset(int calib_rc) { return kmxc_calib_new_offset(calib_rc); }
+inline bool is_three_d(int calib_rc) { return calib_rc == KMXC_CALIB_THREE_D; }
 
 struct ErrorStats {
     int count = 0;

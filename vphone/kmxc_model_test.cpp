@@ -26,7 +26,7 @@ struct KmxcModelTest : ::testing::Test {
 };
 
 TEST_F(KmxcModelTest, MeasurementIsBusyUntilItsConversionTimeHasPassed) {
-    chip.setTemperature(0x5A3);
+    chip.set_temperature_c(KmxcModel::celsius(0x5A3));
     send({0xC0, 0x02});
     vphone::advance_us(12999);
     EXPECT_EQ(receive(8)[0] & 0x80, 0x80);
@@ -37,7 +37,7 @@ TEST_F(KmxcModelTest, MeasurementIsBusyUntilItsConversionTimeHasPassed) {
 
 TEST_F(KmxcModelTest, StartUpCommandsLeadToTheCalibrationBytes) {
     const std::array<uint8_t, 9> calib = {1, 2, 3, 4, 5, 6, 7, 8, 9};
-    chip.setCalibration(calib);
+    chip.set_calibration(calib);
     send({0xC0, 0x02});  // a measurement left behind does not matter
     send({0x01});
     send({0xC8});
@@ -48,7 +48,7 @@ TEST_F(KmxcModelTest, StartUpCommandsLeadToTheCalibrationBytes) {
 TEST_F(KmxcModelTest, RoughReadingIsFivePlusTheSettingThatCentresEachChannel) {
     struct Case {
         const char *name;
-        KmxcModel::Vec3 hard_iron;  // uT; with 100 x identity one count = 1 raw count
+        vphone::Vec3 hard_iron;  // uT; with 100 x identity one count = 1 raw count
         std::array<uint8_t, 3> reading;
     } cases[] = {
         {"no field", {0, 0, 0}, {21, 21, 21}},
@@ -59,7 +59,7 @@ TEST_F(KmxcModelTest, RoughReadingIsFivePlusTheSettingThatCentresEachChannel) {
         {"clamped at 0", {3000, 0, 0}, {0, 21, 21}},
     };
     for (const auto &c : cases) {
-        chip.setHardIron(c.hard_iron);
+        chip.set_hard_iron_ut(c.hard_iron[0], c.hard_iron[1], c.hard_iron[2]);
         send({0xC0, 0x01});
         EXPECT_EQ(receive(6)[0] & 0x80, 0x80) << c.name;
         vphone::advance_us(2000);
@@ -72,21 +72,21 @@ TEST_F(KmxcModelTest, RoughReadingIsFivePlusTheSettingThatCentresEachChannel) {
 }
 
 TEST_F(KmxcModelTest, RoughCommandsMoveTheirChannelAndAreReported) {
-    EXPECT_FALSE(chip.roughOffsetGiven());
+    EXPECT_FALSE(chip.rough_offset_given());
     send({0x3F, 0x40});
-    EXPECT_FALSE(chip.roughOffsetGiven());
+    EXPECT_FALSE(chip.rough_offset_given());
     send({0x71});
-    EXPECT_TRUE(chip.roughOffsetGiven());
-    EXPECT_EQ(chip.roughOffset(), (std::array<uint8_t, 3>{31, 0, 17}));
+    EXPECT_TRUE(chip.rough_offset_given());
+    EXPECT_EQ(chip.rough_offset(), (std::array<uint8_t, 3>{31, 0, 17}));
     // Each step above 16 lowers the channel by 226 from 512; saturating at 0 and 2047.
-    EXPECT_EQ(chip.rawChannels(), (std::array<int, 3>{0, 2047, 512 - 226}));
+    EXPECT_EQ(chip.raw_channels(), (std::array<int, 3>{0, 2047, 512 - 226}));
     send({0xF5});
     EXPECT_EQ(chip.gpo(), 1);
 }
 
 TEST_F(KmxcModelTest, NoiseIsRepeatableForASeed) {
     auto sample = [this](uint32_t seed) {
-        chip.setNoise(seed, 3.0);
+        chip.set_noise(seed, 3.0);
         std::vector<uint8_t> all;
         for (int i = 0; i < 5; ++i) {
             send({0xC0, 0x02});

@@ -1,7 +1,7 @@
 // GoogleTest helpers for tests on the virtual phone.
 //
 //   class MyTest : public vphone::PhoneTest {};   // fresh sandbox + reset per test
-//   TEST_F(MyTest, X) { vphone::ScriptedDevice chip; vphone::attach(0x2E, &chip); ... }
+//   TEST_F(MyTest, X) { vphone::ScriptedDevice chip; vphone::attach(kmxc::kBusAddress, &chip); ... }
 //
 //   vphone::StderrCapture err;  ... ; EXPECT_EQ(err.text(), "open: No such file...\n");
 //   vphone::LogCapture log;     ... ; EXPECT_EQ(log.lines(), (std::vector<LogLine>{{6, "Tag", "text"}}));

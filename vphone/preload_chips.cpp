@@ -15,7 +15,7 @@ void attach_chips_from_environment() {
     if (list == nullptr) return;
     // Never destroyed: the program may still be talking to them during exit.
     if (std::strstr(list, "kmxc") != nullptr) attach(KmxcModel::kAddress, new KmxcModel);
-    if (std::strstr(list, "smb380") != nullptr) attach(0x38, new Smb380Model);
+    if (std::strstr(list, "smb380") != nullptr) attach(Smb380Model::kAddress, new Smb380Model);
 }
 
 }  // namespace vphone

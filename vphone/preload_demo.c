@@ -4,6 +4,7 @@
 #include <stdio.h>
 
 #include "platform/platform.h"
+#include "smb380/smb380.h"
 
 int main(void) {
     uint8_t rough[3] = {0, 0, 0};
@@ -11,9 +12,9 @@ int main(void) {
     int opened = msmachdep_I2COpen();
     int guard = msmachdep_GetMagnetGuard();
     msmachdep_Sleep(13);
-    /* One register read from the accelerometer at 0x38: register 0, one byte. */
+    /* One register read from the accelerometer: register 0, one byte. */
     uint8_t reg = 0, value = 0;
-    int bus = msmachdep_I2CSetSlaveAddress(0x38);
+    int bus = msmachdep_I2CSetSlaveAddress(SMB380_SLAVE_ADDRESS);
     if (bus == 0) bus = msmachdep_I2CWrite(1, &reg);
     if (bus == 0) bus = msmachdep_I2CRead(1, &value);
     int closed = msmachdep_I2CClose();

@@ -141,7 +141,7 @@ void start_world() {
         vphone::write_file("/sys/module/zorsensor/parameters/profile", std::to_string(s.profile) + "\n");
         world->phone.attach_chips(s.profile, kDemoCalib);
     }
-    for (int address : {static_cast<int>(vphone::KmxcModel::kAddress), vphone::Smb380Model::kAddress})
+    for (int address : {int{vphone::KmxcModel::kAddress}, int{vphone::Smb380Model::kAddress}})
         vphone::attach(address, new Forward(world, vphone::attached(address)));
     world->update();
 }

@@ -78,27 +78,20 @@ static int phone_open(const char *name, const char *path, int flags, mode_t mode
     return real(target, flags, mode);
 }
 
-VPHONE_EXPORT int open(const char *path, int flags, ...) {
-    mode_t mode = 0;
-    if ((flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE) {
-        va_list ap;
-        va_start(ap, flags);
-        mode = (mode_t)va_arg(ap, unsigned);
-        va_end(ap);
+/* open and open64: the mode argument is there only with O_CREAT or O_TMPFILE. */
+#define VPHONE_DEFINE_OPEN(fn)                                              \
+    VPHONE_EXPORT int fn(const char *path, int flags, ...) {                \
+        mode_t mode = 0;                                                    \
+        if ((flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE) {   \
+            va_list ap;                                                     \
+            va_start(ap, flags);                                            \
+            mode = (mode_t)va_arg(ap, unsigned);                            \
+            va_end(ap);                                                     \
+        }                                                                   \
+        return phone_open(#fn, path, flags, mode);                          \
     }
-    return phone_open("open", path, flags, mode);
-}
-
-VPHONE_EXPORT int open64(const char *path, int flags, ...) {
-    mode_t mode = 0;
-    if ((flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE) {
-        va_list ap;
-        va_start(ap, flags);
-        mode = (mode_t)va_arg(ap, unsigned);
-        va_end(ap);
-    }
-    return phone_open("open64", path, flags, mode);
-}
+VPHONE_DEFINE_OPEN(open)
+VPHONE_DEFINE_OPEN(open64)
 
 VPHONE_EXPORT int __open_2(const char *path, int flags) { return phone_open("open", path, flags, 0); }
 VPHONE_EXPORT int __open64_2(const char *path, int flags) { return phone_open("open64", path, flags, 0); }

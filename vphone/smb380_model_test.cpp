@@ -29,7 +29,7 @@ TEST(Smb380Model, RangeCodeSetsCountsPerGAndMountingIsInverted) {
     Chip chip;
     // Chip z is the phone's -x: 0.5 g along phone x reads -0.5 g on chip z.
     ASSERT_TRUE(chip.set_mounting({0, 0, -1, 0, 1, 0, 1, 0, 0}));
-    chip.set_gravity_ms2(0.5 * vphone::Smb380Model::kStandardGravity, 0, 0);
+    chip.set_gravity_g(0.5, 0, 0);
     const struct {
         uint8_t reg14;
         int z;
@@ -72,7 +72,7 @@ TEST(Smb380Model, SleepHoldsTheLastSampleAndNoiseIsSeeded) {
     EXPECT_EQ(chip.z(), -256);
     std::vector<int> first, second;
     for (auto *run : {&first, &second}) {
-        chip.set_noise(3.0, 77);
+        chip.set_noise(77, 3.0);
         for (int i = 0; i < 8; ++i) run->push_back(chip.z());
     }
     EXPECT_EQ(first, second);

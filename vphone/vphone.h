@@ -34,6 +34,8 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/compass_device.h"
+
 namespace vphone {
 
 // ---- Chip models ------------------------------------------------------------------
@@ -98,11 +100,12 @@ void clear_transcript();
 
 // ---- Control requests ------------------------------------------------------------------
 
-constexpr unsigned long kSelectSlave = 0x0706;
-constexpr unsigned long kGetSensorControlInfo = 0x0707;
-constexpr unsigned long kSetChargerState = 0x0708;
-constexpr unsigned long kGetMagnetGuard = 0x0709;
-constexpr unsigned long kSetMagnetGuard = 0x0710;
+// The compass driver's request numbers (platform/compass_device.h).
+constexpr unsigned long kSelectSlave = compass_device::kSelectSlave;
+constexpr unsigned long kGetSensorControlInfo = compass_device::kGetSensorControlInfo;
+constexpr unsigned long kSetChargerState = compass_device::kSetChargerState;
+constexpr unsigned long kGetMagnetGuard = compass_device::kGetMagnetGuard;
+constexpr unsigned long kSetMagnetGuard = compass_device::kSetMagnetGuard;
 
 // What a control request (0x0707..0x0710) returns; 0 after reset. Other requests on
 // /dev/compass fail with ENOTTY.

@@ -9,6 +9,8 @@
 
 #include "vphone/fault_plan.h"
 #include "vphone/phone_fixture.h"
+#include "drivers/kmxc_protocol.h"
+#include "smb380/smb380_protocol.h"
 
 namespace {
 
@@ -47,14 +49,14 @@ TEST_F(VphoneTest, OnlyThePhonesPathsGoToTheSandbox) {
 
 TEST_F(VphoneTest, EachDescriptorKeepsItsSlaveAddressAndTransfersReachThatChip) {
     vphone::ScriptedDevice mag, acc;
-    vphone::attach(0x2E, &mag);
-    vphone::attach(0x38, &acc);
+    vphone::attach(kmxc::kBusAddress, &mag);
+    vphone::attach(smb380_regs::kBusAddress, &acc);
     const int a = ::open("/dev/compass", O_RDWR), b = ::open("/dev/compass", O_RDWR);
     const uint8_t cmd[2] = {1, 2};
     EXPECT_EQ(::write(a, cmd, 2), -1);  // no address selected yet: nobody answers
     EXPECT_EQ(errno, ENXIO);
-    EXPECT_EQ(::ioctl(a, 0x0706, 0x2E), 0);
-    EXPECT_EQ(::ioctl(b, 0x0706, 0x38), 0);
+    EXPECT_EQ(::ioctl(a, vphone::kSelectSlave, kmxc::kBusAddress), 0);
+    EXPECT_EQ(::ioctl(b, vphone::kSelectSlave, smb380_regs::kBusAddress), 0);
     EXPECT_EQ(::write(a, cmd, 2), 2);
     acc.queue_read({9, 8, 7, 6});
     uint8_t in[3] = {};
@@ -68,7 +70,7 @@ TEST_F(VphoneTest, EachDescriptorKeepsItsSlaveAddressAndTransfersReachThatChip) 
     EXPECT_EQ(vphone::open_compass_descriptors(), 0);
     const auto reads = vphone::transcript_of(Kind::Read);
     ASSERT_EQ(reads.size(), 2u);
-    EXPECT_EQ(reads[0].address, 0x38);
+    EXPECT_EQ(reads[0].address, smb380_regs::kBusAddress);
     EXPECT_EQ(reads[0].bytes, (Bytes{9, 8, 7}));
     EXPECT_EQ(reads[0].time_us, 13000u);
     EXPECT_EQ(reads[1].error, EIO);

@@ -125,7 +125,7 @@ int main() {
                 fit, cycle, unsigned(g_heading), g_angles[0], g_centre_d[0], g_centre_d[1], g_centre_d[2],
                 double(g_centre_f[0]), double(g_centre_f[1]), double(g_centre_f[2]));
     // 63: a new offset on all three axes; 7: no new offset, the status of a 3-D calibration.
-    const bool ok = fit == 63 && cycle == 7 && near(g_centre_d[0], 100) && near(g_centre_d[1], -50) &&
+    const bool ok = fit == KMXC_CALIB_THREE_D && cycle == 7 && near(g_centre_d[0], 100) && near(g_centre_d[1], -50) &&
                     near(g_centre_d[2], 200) && near(g_centre_f[0], 100) && near(g_centre_f[2], 200);
     return ok ? 0 : 1;
 }

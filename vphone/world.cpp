@@ -1,0 +1,138 @@
+// The simulated world behind the interposed calls: the bus and its chips, the virtual
+// clock, the transcript, control answers and injected faults (vphone.h).
+#include <algorithm>
+#include <cerrno>
+
+#include "vphone/fault_plan.h"
+#include "vphone/world.h"
+
+namespace vphone {
+
+State &state() {
+    static State *s = new State;  // never destroyed: calls may arrive during exit
+    return *s;
+}
+
+int take(int call) {
+    apply_environment_fault_plan();  // VPHONE_FAULTS, once, before the first call counts
+    State &s = state();
+    long n = ++s.counts[call];
+    for (const Window &w : s.faults)
+        if (w.call == call && w.contains(n)) return w.error;
+    return 0;
+}
+
+size_t limit_of(int call, long n, size_t length) {
+    for (const Window &w : state().limits)
+        if (w.call == call && w.contains(n)) length = std::min(length, w.max_bytes);
+    return length;
+}
+
+void record(Event e) { state().transcript.push_back(std::move(e)); }
+
+ssize_t fail(Event e, int error) {
+    e.result = -1;
+    e.error = error;
+    record(std::move(e));
+    errno = error;
+    return -1;
+}
+
+namespace {
+
+Window window(Call call, int nth, int count) {
+    int c = static_cast<int>(call);
+    long first = state().counts[c] + std::max(nth, 1);
+    long last = count == kForever ? -1 : first + std::max(count, 1) - 1;
+    return Window{c, first, last, 0, 0};
+}
+
+}  // namespace
+
+// ---- Chip models --------------------------------------------------------------------
+
+void attach(int address, BusDevice *device) { state().devices[address] = device; }
+void detach(int address) { state().devices.erase(address); }
+BusDevice *attached(int address) {
+    const auto it = state().devices.find(address);
+    return it == state().devices.end() ? nullptr : it->second;
+}
+
+int ScriptedDevice::write(const uint8_t *data, size_t length) {
+    if (write_error != 0) return -write_error;
+    writes.emplace_back(data, data + length);
+    return static_cast<int>(length);
+}
+
+int ScriptedDevice::read(uint8_t *data, size_t length) {
+    if (answers.empty()) return -EIO;
+    std::vector<uint8_t> answer = std::move(answers.front());
+    answers.pop_front();
+    size_t n = std::min(length, answer.size());
+    std::copy_n(answer.begin(), n, data);
+    reads.emplace_back(answer.begin(), answer.begin() + static_cast<std::ptrdiff_t>(n));
+    return static_cast<int>(n);
+}
+
+// ---- Clock and transcript -----------------------------------------------------------------
+
+uint64_t now_us() { return state().clock_us; }
+void advance_us(uint64_t microseconds) { state().clock_us += microseconds; }
+
+const std::vector<Event> &transcript() { return state().transcript; }
+std::vector<Event> transcript_of(Kind kind) {
+    std::vector<Event> out;
+    for (const Event &e : state().transcript)
+        if (e.kind == kind) out.push_back(e);
+    return out;
+}
+void clear_transcript() { state().transcript.clear(); }
+
+// ---- Control requests and faults -------------------------------------------------------------
+
+void set_control_answer(unsigned long request, int value) { state().answers[request] = value; }
+void set_control_error(unsigned long request, int error) {
+    if (error == 0)
+        state().control_errors.erase(request);
+    else
+        state().control_errors[request] = error;
+}
+
+void fail_call(Call call, int nth, int error, int count) {
+    Window w = window(call, nth, count);
+    w.error = error;
+    state().faults.push_back(w);
+}
+
+void limit_transfer(Call call, size_t max_bytes, int nth, int count) {
+    Window w = window(call, nth, count);
+    w.max_bytes = max_bytes;
+    state().limits.push_back(w);
+}
+
+int calls(Call call) { return static_cast<int>(state().counts[static_cast<int>(call)]); }
+
+const char *call_name(Call call) {
+    static const char *const names[] = {"open", "close", "read", "write", "ioctl", "usleep", "fopen",
+                                        "fgets", "fprintf", "fclose", "access", "chown", "chmod", "rename"};
+    return names[static_cast<int>(call)];
+}
+
+// ---- Whole state ----------------------------------------------------------------------------------
+
+void reset() {
+    State &s = state();
+    s.clock_us = 0;
+    s.transcript.clear();
+    s.counts.fill(0);
+    s.faults.clear();
+    s.limits.clear();
+    s.devices.clear();
+    s.answers.clear();
+    s.control_errors.clear();
+    s.owners.clear();
+}
+
+int open_compass_descriptors() { return static_cast<int>(state().compass.size()); }
+
+}  // namespace vphone
