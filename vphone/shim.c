@@ -237,13 +237,21 @@ VPHONE_EXPORT int __fprintf_chk(FILE *file, int flag, const char *format, ...) {
 
 /* ---- path calls ------------------------------------------------------------------ */
 
+/* Where a call on one path goes: the path itself when it is not the phone's, its
+ * sandbox path (in host) when it is, NULL with errno set when a fault fails the call. */
+static const char *phone_target(const char *path, char *host, size_t size, int call) {
+    if (!vphone_core_map_path(path, host, size)) return path;
+    int error = vphone_core_take_fault(call);
+    if (error == 0) return host;
+    errno = error;
+    return NULL;
+}
+
 VPHONE_EXPORT int access(const char *path, int how) {
     char host[PATH_MAX];
     NEXT(access_fn, access);
-    if (!vphone_core_map_path(path, host, sizeof host)) return real_access(path, how);
-    int error = vphone_core_take_fault(VPHONE_CALL_ACCESS);
-    if (error != 0) return fail_with(error);
-    return real_access(host, how);
+    const char *target = phone_target(path, host, sizeof host, VPHONE_CALL_ACCESS);
+    return target == NULL ? -1 : real_access(target, how);
 }
 
 /* Ownership is simulated: the sandbox belongs to whoever runs the tests, so the
@@ -263,10 +271,8 @@ VPHONE_EXPORT int chown(const char *path, uid_t uid, gid_t gid) {
 VPHONE_EXPORT int chmod(const char *path, mode_t mode) {
     char host[PATH_MAX];
     NEXT(chmod_fn, chmod);
-    if (!vphone_core_map_path(path, host, sizeof host)) return real_chmod(path, mode);
-    int error = vphone_core_take_fault(VPHONE_CALL_CHMOD);
-    if (error != 0) return fail_with(error);
-    return real_chmod(host, mode);
+    const char *target = phone_target(path, host, sizeof host, VPHONE_CALL_CHMOD);
+    return target == NULL ? -1 : real_chmod(target, mode);
 }
 
 VPHONE_EXPORT int rename(const char *from, const char *to) {
