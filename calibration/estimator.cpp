@@ -82,17 +82,24 @@ int8_t KmxAxesMsCalib02_CalcStatistics(const int16_t (*samples)[3], int8_t n, Km
     centre->y = c[1];
     centre->z = c[2];
 
-    auto deviation = [&](int i, int k) { return static_cast<int64_t>(samples[i][k]) - c[k]; };
+    auto deviation = [&](int i, int k) { return static_cast<int32_t>(samples[i][k]) - c[k]; };
+
+    // Each sum is formed in a local accumulator, one sum at a time and in sample order,
+    // which is the order the definition adds in: the same bits, with the running sum
+    // kept in registers.
 
     // Each squared deviation is converted once: the mean square radius, the matrix's
     // diagonal and q all add the same MSFLOAT values (n <= 127, an int8).
     MSFLOAT squares[127][3];
     for (int i = 0; i < n; ++i)
-        for (int k = 0; k < 3; ++k) i2f_wide(&squares[i][k], deviation(i, k) * deviation(i, k));
+        for (int k = 0; k < 3; ++k) {
+            const int64_t d = deviation(i, k);
+            i2f_wide(&squares[i][k], d * d);
+        }
 
     // Mean square radius.
-    MSFLOAT r2 = MSFLOAT_0;
-    MSFLOAT term;
+    MSFLOAT r2;
+    msf::SetZero(&r2);
     for (int i = 0; i < n; ++i)
         for (int k = 0; k < 3; ++k) msf::OpPlusEq(&r2, &squares[i][k]);
     MSFLOAT count;
@@ -101,35 +108,49 @@ int8_t KmxAxesMsCalib02_CalcStatistics(const int16_t (*samples)[3], int8_t n, Km
 
     // Matrix elements in packed order: (0,0) (0,1) (0,2) (1,1) (1,2) (2,2).
     static constexpr int8_t kPairs[6][2] = {{0, 0}, {0, 1}, {0, 2}, {1, 1}, {1, 2}, {2, 2}};
-    MSFLOAT sumSquares = MSFLOAT_0;
-    for (int i = 0; i < n; ++i) {
-        const int64_t d[3] = {deviation(i, 0), deviation(i, 1), deviation(i, 2)};
-        for (int p = 0; p < 6; ++p) {
-            const int8_t j = kPairs[p][0], k = kPairs[p][1];
+    MSFLOAT term;
+    for (int p = 0; p < 6; ++p) {
+        const int8_t j = kPairs[p][0], k = kPairs[p][1];
+        MSFLOAT acc;
+        msf::SetZero(&acc);
+        for (int i = 0; i < n; ++i) {
             if (j == k) {
-                msf::OpPlusEq(&matrix[p], &squares[i][j]);
+                msf::OpPlusEq(&acc, &squares[i][j]);
             } else {
-                i2f_wide(&term, d[j] * d[k]);
-                msf::OpPlusEq(&matrix[p], &term);
+                i2f_wide(&term, static_cast<int64_t>(deviation(i, j)) * deviation(i, k));
+                msf::OpPlusEq(&acc, &term);
             }
         }
-        // q = |d|^2 - R2
-        MSFLOAT q;
-        msf::Copy(&q, squares[i][0]);
-        msf::OpPlusEq(&q, &squares[i][1]);
-        msf::OpPlusEq(&q, &squares[i][2]);
-        msf::OpMinusEq(&q, &r2);
+        msf::Copy(&matrix[p], acc);
+    }
 
-        msf::Copy(&term, q);
-        msf::OpMultiEq(&term, &q);
+    // q = |d|^2 - R2 for each sample.
+    MSFLOAT q[127];
+    for (int i = 0; i < n; ++i) {
+        msf::Copy(&q[i], squares[i][0]);
+        msf::OpPlusEq(&q[i], &squares[i][1]);
+        msf::OpPlusEq(&q[i], &squares[i][2]);
+        msf::OpMinusEq(&q[i], &r2);
+    }
+
+    MSFLOAT sumSquares;
+    msf::SetZero(&sumSquares);
+    for (int i = 0; i < n; ++i) {
+        msf::Copy(&term, q[i]);
+        msf::OpMultiEq(&term, &q[i]);
         msf::OpPlusEq(&sumSquares, &term);
+    }
 
-        for (int k = 0; k < 3; ++k) {
-            i2f_wide(&term, d[k]);
-            msf::OpMultiEq(&term, &q);
+    for (int k = 0; k < 3; ++k) {
+        MSFLOAT acc;
+        msf::SetZero(&acc);
+        for (int i = 0; i < n; ++i) {
+            msf::I2F(&term, deviation(i, k));
+            msf::OpMultiEq(&term, &q[i]);
             msf::OpShiftEq(&term, -1);
-            msf::OpPlusEq(&vector[k], &term);
+            msf::OpPlusEq(&acc, &term);
         }
+        msf::Copy(&vector[k], acc);
     }
     msf::OpShiftEq(&sumSquares, -2);
     msf::Copy(scalar, sumSquares);

@@ -51,10 +51,11 @@ void reset_batch(KmxAxesMsCalib02Context *context) {
 
 void KmxAxesMsCalib02_CalcResidual(const MSFLOAT *b, const MsEigenPair *pairs, const MSFLOAT *s,
                                    MSFLOAT *residual) {
-    MSFLOAT result = *s;
+    MSFLOAT result;
+    msf::Copy(&result, *s);
     MSFLOAT p[3];
     for (int i = 0; i < 3; ++i) {
-        p[i] = MSFLOAT_0;
+        msf::SetZero(&p[i]);
         for (int j = 0; j < 3; ++j) {
             MSFLOAT term;
             msf::I2F(&term, pairs[i].vector[j]);
@@ -65,12 +66,13 @@ void KmxAxesMsCalib02_CalcResidual(const MSFLOAT *b, const MsEigenPair *pairs, c
     }
     for (int i = 0; i < 3; ++i) {
         if (!msf::AbsCompGreater(&pairs[i].value, &MSFLOAT_1div1024)) continue;
-        MSFLOAT term = p[i];
+        MSFLOAT term;
+        msf::Copy(&term, p[i]);
         msf::OpMultiEq(&term, &p[i]);
         MSFLOAT_OpDivEq(&term, &pairs[i].value);
         msf::OpMinusEq(&result, &term);
     }
-    *residual = result;
+    msf::Copy(residual, result);
 }
 
 // The plain 32-bit formulation overflows at a * a once the old offset lies about 2900
@@ -155,7 +157,7 @@ int8_t KmxAxesMsCalib02_Update(KmxAxesMsCalib02Context *context, const KmxAxesDa
     // the scatter system coupled to the multipliers, row 3 + k the condition that binds
     // the centre's component along e(k + 1) to the old offset's with weight[k] / 1024.
     MSFLOAT A[15], r[5];
-    for (int p = 0; p < 6; ++p) A[kScatterIndex[p]] = scatter[p];
+    for (int p = 0; p < 6; ++p) msf::Copy(&A[kScatterIndex[p]], scatter[p]);
     A[13] = MSFLOAT_0;
     for (int k = 0; k < 2; ++k) {
         const int32_t *e = pairs[k + 1].vector;

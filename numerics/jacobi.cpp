@@ -24,7 +24,8 @@ MSFLOAT Mul(const MSFLOAT &first, const MSFLOAT &second) {
 }
 
 MSFLOAT Add(const MSFLOAT &left, const MSFLOAT &right) {
-    MSFLOAT out = left;
+    MSFLOAT out;
+    msf::Copy(&out, left);
     (void)msf::OpPlusEq(&out, &right);
     return out;
 }
@@ -71,10 +72,10 @@ extern "C" int8_t MsJacobiSortEigenPair(const MSFLOAT w[6], const MSFLOAT v[3][3
 
 extern "C" int8_t MsJacobiCalcEigenPair(const MSFLOAT m[6], MsEigenPair pairs[3]) {
     MSFLOAT w[6];
-    for (int i = 0; i < 6; ++i) w[i] = m[i];
+    for (int i = 0; i < 6; ++i) msf::Copy(&w[i], m[i]);
     MSFLOAT v[3][3];
     for (int i = 0; i < 3; ++i) {
-        for (int j = 0; j < 3; ++j) v[i][j] = i == j ? MSFLOAT_0x4000 : MSFLOAT_0;
+        for (int j = 0; j < 3; ++j) msf::Copy(&v[i][j], i == j ? MSFLOAT_0x4000 : MSFLOAT_0);
     }
     auto W = [&w](int i, int j) -> MSFLOAT & { return w[MsPackedIndex[i][j]]; };
 
@@ -127,7 +128,7 @@ extern "C" int8_t MsJacobiCalcEigenPair(const MSFLOAT m[6], MsEigenPair pairs[3]
         W(q, k) = qk;
         W(p, p) = pp;
         W(q, q) = qq;
-        W(p, q) = MSFLOAT_0;
+        msf::SetZero(&W(p, q));
 
         for (int i = 0; i < 3; ++i) {
             const MSFLOAT vp = Sub(Mul(c, v[i][p]), Mul(s, v[i][q]));

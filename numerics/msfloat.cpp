@@ -14,6 +14,65 @@ const MSFLOAT MSFLOAT_maxsint32 = {1, 143, 0xFFFF};
 const MSFLOAT MSFLOAT_invsqrt2 = {1, 112, 46340};
 }
 
+namespace msf {
+
+// Every case of a += b the inline PlusEq does not take.
+int8_t PlusEqGeneral(MSFLOAT *a, int8_t bs, uint8_t be, uint16_t bm) {
+    const int8_t as = a->sign;
+    if (as == 0) {
+        a->sign = bs;
+        a->exponent = be;
+        a->mantissa = bm;
+        return 0;
+    }
+    if (bs == 0) return 0;
+    const uint8_t ae = a->exponent;
+    const uint16_t am = a->mantissa;
+    const bool leftBigger = AbsGreater(am, ae, bm, be);  // equal magnitudes: big is b
+    const int8_t bigSign = leftBigger ? as : bs, smallSign = leftBigger ? bs : as;
+    const uint32_t bigExp = leftBigger ? ae : be, smallExp = leftBigger ? be : ae;
+    const uint32_t bigMan = leftBigger ? am : bm, smallMan = leftBigger ? bm : am;
+    int32_t d = static_cast<int32_t>(bigExp) - static_cast<int32_t>(smallExp);
+    if (d < 0) d = 0;  // only with a non-normalised (zero-mantissa) operand
+    if (d > 16) {
+        a->sign = bigSign;
+        a->exponent = static_cast<uint8_t>(bigExp);
+        a->mantissa = static_cast<uint16_t>(bigMan);
+        return 0;
+    }
+    uint32_t m;
+    int16_t e;
+    if (bigSign == smallSign) {
+        m = bigMan + (smallMan >> d);
+        e = static_cast<int16_t>(bigExp);
+    } else {
+        // One guard bit: exact for d <= 1; beyond that the dropped low bits of small
+        // leave the result above the exact difference by under one guard-bit unit.
+        m = 2u * bigMan - ((2u * smallMan) >> d);
+        e = Wrap16(static_cast<int32_t>(bigExp) - 1);
+    }
+    // Back below 2^16. Normalised operands carry at most one bit out; a difference with
+    // a non-normalised operand may have wrapped round 2^32 and drops many.
+    if (m >= 65536u) {
+        const int shift = 16 - std::countl_zero(m);
+        m >>= shift;
+        e = Wrap16(e + shift);
+    }
+    if (m == 0) {
+        SetZero(a);
+        return 0;
+    }
+    Normalise(m, e);
+    const int8_t status = ExponentStatus(e);
+    if (status != 0) return status;
+    a->sign = bigSign;
+    a->mantissa = static_cast<uint16_t>(m);
+    a->exponent = static_cast<uint8_t>(e);
+    return 0;
+}
+
+}  // namespace msf
+
 using msf::SetZero;
 using msf::StoreProduct;
 using msf::Wrap16;
@@ -75,8 +134,9 @@ int8_t MSFLOAT_OpCompGreater(const MSFLOAT *a, const MSFLOAT *b) {
 }
 
 int8_t MSFLOAT_Square(MSFLOAT *a) {
-    const MSFLOAT copy = *a;
-    return MSFLOAT_OpMultiEq(a, &copy);
+    MSFLOAT copy;
+    msf::Copy(&copy, *a);
+    return msf::OpMultiEq(a, &copy);
 }
 
 // Integer bisection for the root's mantissa. For an odd exponent the trial g is

@@ -116,80 +116,35 @@ inline int8_t AbsCompGreater(const MSFLOAT *a, const MSFLOAT *b) {
     return AbsGreater(a->mantissa, a->exponent, b->mantissa, b->exponent) ? 1 : 0;
 }
 
+// a += (bs, be, bm) for every case but the common one (see PlusEq).
+int8_t PlusEqGeneral(MSFLOAT *a, int8_t bs, uint8_t be, uint16_t bm);
+
 // a += (bs, be, bm). The second operand arrives as values, so a may alias it.
 inline int8_t PlusEq(MSFLOAT *a, int8_t bs, uint8_t be, uint16_t bm) {
     const int8_t as = a->sign;
-    if (as == 0) {
-        a->sign = bs;
-        a->exponent = be;
-        a->mantissa = bm;
-        return 0;
-    }
-    if (bs == 0) return 0;
-    const uint8_t ae = a->exponent;
     const uint16_t am = a->mantissa;
-    if (as == bs && am >= 0x8000u && bm >= 0x8000u) {
-        // The common case, both normalised with one sign: the general steps below
-        // reduce to this (no borrow, at most one carry, nothing to normalise).
-        const bool aBig = ae > be || (ae == be && am > bm);
-        const uint32_t bigExp = aBig ? ae : be, smallExp = aBig ? be : ae;
-        const uint32_t bigMan = aBig ? am : bm, smallMan = aBig ? bm : am;
-        const uint32_t d = bigExp - smallExp;
-        if (d > 16) {
-            a->exponent = static_cast<uint8_t>(bigExp);
-            a->mantissa = static_cast<uint16_t>(bigMan);
-            return 0;
-        }
-        uint32_t m = bigMan + (smallMan >> d);
-        uint32_t e = bigExp;
-        if (m >= 65536u) {
-            m >>= 1;
-            if (++e > 255u) return MSFLOAT_OVERFLOW;
-        }
-        a->exponent = static_cast<uint8_t>(e);
-        a->mantissa = static_cast<uint16_t>(m);
-        return 0;
-    }
-    const bool leftBigger = AbsGreater(am, ae, bm, be);  // equal magnitudes: big is b
-    const int8_t bigSign = leftBigger ? as : bs, smallSign = leftBigger ? bs : as;
-    const uint32_t bigExp = leftBigger ? ae : be, smallExp = leftBigger ? be : ae;
-    const uint32_t bigMan = leftBigger ? am : bm, smallMan = leftBigger ? bm : am;
-    int32_t d = static_cast<int32_t>(bigExp) - static_cast<int32_t>(smallExp);
-    if (d < 0) d = 0;  // only with a non-normalised (zero-mantissa) operand
+    if (as != bs || as == 0 || am < 0x8000u || bm < 0x8000u) return PlusEqGeneral(a, bs, be, bm);
+    // The common case, both normalised with one sign: the general steps reduce to this
+    // (no borrow, at most one carry, nothing to normalise). Inline, so that sums in
+    // loops stay in registers.
+    const uint8_t ae = a->exponent;
+    const bool aBig = ae > be || (ae == be && am > bm);
+    const uint32_t bigExp = aBig ? ae : be, smallExp = aBig ? be : ae;
+    const uint32_t bigMan = aBig ? am : bm, smallMan = aBig ? bm : am;
+    const uint32_t d = bigExp - smallExp;
     if (d > 16) {
-        a->sign = bigSign;
         a->exponent = static_cast<uint8_t>(bigExp);
         a->mantissa = static_cast<uint16_t>(bigMan);
         return 0;
     }
-    uint32_t m;
-    int16_t e;
-    if (bigSign == smallSign) {
-        m = bigMan + (smallMan >> d);
-        e = static_cast<int16_t>(bigExp);
-    } else {
-        // One guard bit: exact for d <= 1; beyond that the dropped low bits of small
-        // leave the result above the exact difference by under one guard-bit unit.
-        m = 2u * bigMan - ((2u * smallMan) >> d);
-        e = Wrap16(static_cast<int32_t>(bigExp) - 1);
-    }
-    // Back below 2^16. Normalised operands carry at most one bit out; a difference with
-    // a non-normalised operand may have wrapped round 2^32 and drops many.
+    uint32_t m = bigMan + (smallMan >> d);
+    uint32_t e = bigExp;
     if (m >= 65536u) {
-        const int shift = 16 - std::countl_zero(m);
-        m >>= shift;
-        e = Wrap16(e + shift);
+        m >>= 1;
+        if (++e > 255u) return MSFLOAT_OVERFLOW;
     }
-    if (m == 0) {
-        SetZero(a);
-        return 0;
-    }
-    Normalise(m, e);
-    const int8_t status = ExponentStatus(e);
-    if (status != 0) return status;
-    a->sign = bigSign;
-    a->mantissa = static_cast<uint16_t>(m);
     a->exponent = static_cast<uint8_t>(e);
+    a->mantissa = static_cast<uint16_t>(m);
     return 0;
 }
 

@@ -10,21 +10,21 @@ constexpr int kN = 5;
 
 // out = first x second, formed in a copy of the first factor.
 int8_t Product(MSFLOAT *out, const MSFLOAT &first, const MSFLOAT &second) {
-    *out = first;
+    msf::Copy(out, first);
     return msf::OpMultiEq(out, &second);
 }
 
 }  // namespace
 
 extern "C" int8_t MsSolve(const MSFLOAT A[15], const MSFLOAT r[5], MSFLOAT x[5]) {
-    for (int i = 0; i < kN; ++i) x[i] = r[i];
+    for (int i = 0; i < kN; ++i) msf::Copy(&x[i], r[i]);
 
     MSFLOAT L[kN][kN];
     int packed = 0;
     for (int i = 0; i < kN; ++i) {
         for (int j = i; j < kN; ++j) {
-            L[i][j] = A[packed];
-            L[j][i] = A[packed];
+            msf::Copy(&L[i][j], A[packed]);
+            msf::Copy(&L[j][i], A[packed]);
             ++packed;
         }
     }
@@ -39,13 +39,15 @@ extern "C" int8_t MsSolve(const MSFLOAT A[15], const MSFLOAT r[5], MSFLOAT x[5])
         }
         if (pivotRow != k) {
             for (int j = 0; j < kN; ++j) {
-                const MSFLOAT held = L[k][j];
-                L[k][j] = L[pivotRow][j];
-                L[pivotRow][j] = held;
+                MSFLOAT held;
+                msf::Copy(&held, L[k][j]);
+                msf::Copy(&L[k][j], L[pivotRow][j]);
+                msf::Copy(&L[pivotRow][j], held);
             }
-            const MSFLOAT held = x[k];
-            x[k] = x[pivotRow];
-            x[pivotRow] = held;
+            MSFLOAT held;
+            msf::Copy(&held, x[k]);
+            msf::Copy(&x[k], x[pivotRow]);
+            msf::Copy(&x[pivotRow], held);
         }
 
         // L(k,k) stays as it is and counts as 1 from here on. A zero pivot ends the
