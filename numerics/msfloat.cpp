@@ -2,6 +2,8 @@
 // No rounding anywhere; every dropped bit is discarded.
 #include <stdint.h>
 
+#include <bit>
+
 #include "numerics/numerics.h"
 #include "numerics/msfloat_ops.h"
 #include "numerics/numerics_internal.h"
@@ -139,13 +141,37 @@ int8_t MSFLOAT_Square(MSFLOAT *a) {
     return msf::OpMultiEq(a, &copy);
 }
 
-// Integer bisection for the root's mantissa. For an odd exponent the trial g is
-// tested as 2 * (g / sqrt 2)^2 and the result scaled by 1/sqrt(2) at the end, so the
-// result is the integer root of m * 32768 rather than of m * 65536.
-int8_t MSFLOAT_Sqrt(MSFLOAT *a) {
+}  // extern "C"
+
+namespace {
+
+// floor(sqrt(x)), two bits of x per step from the highest pair that is set.
+uint32_t IntegerSqrt(uint32_t x) {
+    if (x == 0) return 0;
+    uint32_t root = 0;
+    for (uint32_t bit = 1u << ((31 - std::countl_zero(x)) & ~1); bit != 0; bit >>= 2) {
+        if (x >= root + bit) {
+            x -= root + bit;
+            root = (root >> 1) + bit;
+        } else {
+            root >>= 1;
+        }
+    }
+    return root;
+}
+
+}  // namespace
+
+// The root's mantissa g is the largest in 32768..65535 whose square s(g) does not
+// exceed m * 65536 (32768 when none does). For an odd exponent s(g) is 2 r(g)^2 with
+// r(g) = g / sqrt 2 in 16-bit fixed point, (g * 46340) >> 16, and the result is scaled
+// by 1/sqrt(2) at the end, so it is the root of m * 32768 rather than of m * 65536.
+// s grows with g, so g follows from one integer root: the first version found it by
+// bisection, and equals this one for every mantissa (numerics/msfloat_equiv).
+extern "C" int8_t MSFLOAT_Sqrt(MSFLOAT *a) {
     if (a->sign < 0) return MSFLOAT_NEGSQRT;
     if (a->sign == 0) {
-        *a = MSFLOAT_0;
+        SetZero(a);
         return 0;
     }
     const uint32_t m = a->mantissa;
@@ -153,32 +179,25 @@ int8_t MSFLOAT_Sqrt(MSFLOAT *a) {
     const uint32_t odd = e & 1u;
     const uint32_t target = m << 16;
     if (odd != 0 && m >= 65534u) {
-        // The root lies above what the scaled bisection can reach.
+        // The root lies above what the scaled search can reach.
         a->mantissa = 46340;
         a->exponent = static_cast<uint8_t>((e >> 1) + 57u);
         return 0;
     }
-    uint32_t lo = 32768, hi = 65536, g = 49152;
-    for (int i = 0; i < 15; ++i) {
-        uint32_t s;
-        if (odd == 0) {
-            s = g * g;
-        } else {
-            const uint32_t r = (g * 46340u) >> 16;
-            s = 2u * r * r;
-        }
-        if (s > target) {
-            hi = g;
-        } else {
-            lo = g;
-        }
-        g = (lo + hi) >> 1;
+    uint32_t g;
+    if (odd == 0) {
+        g = IntegerSqrt(target);  // at most 65535
+    } else {
+        // 2 r^2 <= target exactly when r <= R; the largest g with r(g) <= R follows,
+        // (R + 1) * 65536 staying below 2^32 as R <= 46340.
+        const uint32_t R = IntegerSqrt(target >> 1);
+        g = (((R + 1u) << 16) - 1u) / 46340u;
+        if (g > 65535u) g = 65535u;
     }
+    if (g < 32768u) g = 32768u;
     a->sign = 1;
     a->mantissa = static_cast<uint16_t>(g);
     a->exponent = static_cast<uint8_t>(odd + (e >> 1) + 56u);  // 56..184
-    if (odd != 0) (void)MSFLOAT_OpMultiEq(a, &MSFLOAT_invsqrt2);
+    if (odd != 0) (void)msf::OpMultiEq(a, &MSFLOAT_invsqrt2);
     return 0;
 }
-
-}  // extern "C"

@@ -148,4 +148,17 @@ uint64_t Run(uint64_t cases, uint64_t seed, Tally t[kOps], FILE *log) {
     return total;
 }
 
+uint64_t SqrtSweep(int exponentFrom, int exponentTo, FILE *log) {
+    uint64_t mismatches = 0;
+    for (int e = exponentFrom; e <= exponentTo; ++e)
+        for (uint32_t m = 0; m <= 0xFFFFu; ++m)
+            for (int s = 0; s < 2; ++s) {
+                const MSFLOAT a{static_cast<int8_t>(s == 0 ? 1 : -1), static_cast<uint8_t>(e), static_cast<uint16_t>(m)};
+                MSFLOAT x = a, y = a;
+                if (MSFLOAT_Sqrt(&x) == msfloat_reference::Sqrt(&y) && Same(x, y)) continue;
+                if (++mismatches <= 10 && log) fprintf(log, "Sqrt differs for (%d,%d,%u)\n", a.sign, e, m);
+            }
+    return mismatches;
+}
+
 }  // namespace msfloat_equiv

@@ -22,6 +22,11 @@ constexpr int kOps = 14;
 // total of mismatches.
 uint64_t Run(uint64_t cases, uint64_t seed, Tally tallies[kOps], FILE *log);
 
+// The root depends on the mantissa and the exponent only: compares Sqrt for every
+// mantissa, each with the exponents from `exponentFrom` to `exponentTo` (0..255), and
+// both signs of non-zero. Returns the mismatches; the first few are printed to `log`.
+uint64_t SqrtSweep(int exponentFrom, int exponentTo, FILE *log);
+
 }  // namespace msfloat_equiv
 
 #endif  // KMXC_NUMERICS_MSFLOAT_EQUIV_H

@@ -165,3 +165,9 @@ TEST(MsfloatEquivalence, EveryOperationMatchesTheFirstImplementation) {
     EXPECT_EQ(msfloat_equiv::Run(200000, 7, tallies, stderr), 0u);
     for (const auto &t : tallies) EXPECT_EQ(t.mismatches, 0u) << t.op;
 }
+
+// Every mantissa, with exponents of both parities at the low edge, mid-range and the
+// high edge of the range.
+TEST(MsfloatEquivalence, SqrtMatchesTheFirstImplementationForEveryMantissa) {
+    for (int e : {0, 1, 112, 113, 254, 255}) EXPECT_EQ(msfloat_equiv::SqrtSweep(e, e, stderr), 0u) << "exponent " << e;
+}
