@@ -84,9 +84,8 @@ int8_t KmxAxesMsCalib02_CalcStatistics(const int16_t (*samples)[3], int8_t n, Km
 
     auto deviation = [&](int i, int k) { return static_cast<int32_t>(samples[i][k]) - c[k]; };
 
-    // Each sum is formed in a local accumulator, one sum at a time and in sample order,
-    // which is the order the definition adds in: the same bits, with the running sum
-    // kept in registers.
+    // Each sum is formed in a register accumulator (msf::Sum), one sum at a time and in
+    // sample order, which is the order the definition adds in: the same bits.
 
     // Each squared deviation is converted once: the mean square radius, the matrix's
     // diagonal and q all add the same MSFLOAT values (n <= 127, an int8).
@@ -99,9 +98,12 @@ int8_t KmxAxesMsCalib02_CalcStatistics(const int16_t (*samples)[3], int8_t n, Km
 
     // Mean square radius.
     MSFLOAT r2;
-    msf::SetZero(&r2);
-    for (int i = 0; i < n; ++i)
-        for (int k = 0; k < 3; ++k) msf::OpPlusEq(&r2, &squares[i][k]);
+    {
+        msf::Sum acc;
+        for (int i = 0; i < n; ++i)
+            for (int k = 0; k < 3; ++k) acc.Add(squares[i][k]);
+        acc.Store(&r2);
+    }
     MSFLOAT count;
     msf::I2F(&count, n);
     MSFLOAT_OpDivEq(&r2, &count);
@@ -111,46 +113,49 @@ int8_t KmxAxesMsCalib02_CalcStatistics(const int16_t (*samples)[3], int8_t n, Km
     MSFLOAT term;
     for (int p = 0; p < 6; ++p) {
         const int8_t j = kPairs[p][0], k = kPairs[p][1];
-        MSFLOAT acc;
-        msf::SetZero(&acc);
+        msf::Sum acc;
         for (int i = 0; i < n; ++i) {
             if (j == k) {
-                msf::OpPlusEq(&acc, &squares[i][j]);
+                acc.Add(squares[i][j]);
             } else {
                 i2f_wide(&term, static_cast<int64_t>(deviation(i, j)) * deviation(i, k));
-                msf::OpPlusEq(&acc, &term);
+                acc.Add(term);
             }
         }
-        msf::Copy(&matrix[p], acc);
+        acc.Store(&matrix[p]);
     }
 
     // q = |d|^2 - R2 for each sample.
     MSFLOAT q[127];
     for (int i = 0; i < n; ++i) {
-        msf::Copy(&q[i], squares[i][0]);
-        msf::OpPlusEq(&q[i], &squares[i][1]);
-        msf::OpPlusEq(&q[i], &squares[i][2]);
-        msf::OpMinusEq(&q[i], &r2);
+        msf::Sum acc;
+        acc.Add(squares[i][0]);
+        acc.Add(squares[i][1]);
+        acc.Add(squares[i][2]);
+        acc.Subtract(r2);
+        acc.Store(&q[i]);
     }
 
     MSFLOAT sumSquares;
-    msf::SetZero(&sumSquares);
-    for (int i = 0; i < n; ++i) {
-        msf::Copy(&term, q[i]);
-        msf::OpMultiEq(&term, &q[i]);
-        msf::OpPlusEq(&sumSquares, &term);
+    {
+        msf::Sum acc;
+        for (int i = 0; i < n; ++i) {
+            msf::Copy(&term, q[i]);
+            msf::OpMultiEq(&term, &q[i]);
+            acc.Add(term);
+        }
+        acc.Store(&sumSquares);
     }
 
     for (int k = 0; k < 3; ++k) {
-        MSFLOAT acc;
-        msf::SetZero(&acc);
+        msf::Sum acc;
         for (int i = 0; i < n; ++i) {
             msf::I2F(&term, deviation(i, k));
             msf::OpMultiEq(&term, &q[i]);
             msf::OpShiftEq(&term, -1);
-            msf::OpPlusEq(&acc, &term);
+            acc.Add(term);
         }
-        msf::Copy(&vector[k], acc);
+        acc.Store(&vector[k]);
     }
     msf::OpShiftEq(&sumSquares, -2);
     msf::Copy(scalar, sumSquares);

@@ -1,5 +1,6 @@
 #include "numerics/msfloat_equiv.h"
 
+#include "numerics/msfloat_ops.h"
 #include "numerics/msfloat_reference.h"
 #include "numerics/numerics.h"
 
@@ -83,7 +84,8 @@ bool Same(const MSFLOAT &x, const MSFLOAT &y) {
 uint64_t Run(uint64_t cases, uint64_t seed, Tally t[kOps], FILE *log) {
     static const char *const kNames[kOps] = {"I2F",       "F2I",           "Sign",      "OpMultiEq", "OpDivEq",
                                              "OpShiftEq", "OpNeg",         "OpAbs",     "AbsCompGreater",
-                                             "OpPlusEq",  "OpMinusEq",     "OpCompGreater", "Square", "Sqrt"};
+                                             "OpPlusEq",  "OpMinusEq",     "OpCompGreater", "Square", "Sqrt",
+                                             "Sum::Add", "Sum::Subtract"};
     for (int k = 0; k < kOps; ++k) t[k] = Tally{kNames[k], 0, 0};
     Rng rng{seed};
     uint64_t total = 0;
@@ -141,6 +143,22 @@ uint64_t Run(uint64_t cases, uint64_t seed, Tally t[kOps], FILE *log) {
             check(12, MSFLOAT_Square(&x) == msfloat_reference::Square(&y) && Same(x, y), a, b);
             x = a, y = a;
             check(13, MSFLOAT_Sqrt(&x) == msfloat_reference::Sqrt(&y) && Same(x, y), a, b);
+        }
+        for (int op = 0; op < 2; ++op) {  // the loops' register sum, its status dropped
+            msf::Sum sum;
+            sum.sign = a.sign;
+            sum.exponent = a.exponent;
+            sum.mantissa = a.mantissa;
+            MSFLOAT x, y = a;
+            if (op == 0) {
+                sum.Add(b);
+                (void)msfloat_reference::OpPlusEq(&y, &b);
+            } else {
+                sum.Subtract(b);
+                (void)msfloat_reference::OpMinusEq(&y, &b);
+            }
+            sum.Store(&x);
+            check(14 + op, Same(x, y), a, b);
         }
     }
     total = 0;

@@ -155,6 +155,87 @@ inline int8_t OpMinusEq(MSFLOAT *a, const MSFLOAT *b) {
     return PlusEq(a, negated, b->exponent, b->mantissa);
 }
 
+// A running sum for loops: the fields of an MSFLOAT as words, so the sum stays in
+// registers. Add(b) leaves what OpPlusEq(&sum, &b) would, its status dropped (a sum
+// that would leave the exponent range stays as it was, as OpPlusEq leaves it).
+// Zeros and two normalised operands of either sign are added inline; non-normalised
+// operands go through the general steps.
+struct Sum {
+    int32_t sign = 0;
+    uint32_t exponent = 0, mantissa = 0;
+
+    void Add(int32_t bs, uint32_t be, uint32_t bm) {
+        if (sign == 0) {  // the first term of a sum: taken as it is
+            sign = bs;
+            exponent = be;
+            mantissa = bm;
+            return;
+        }
+        if (bs == 0) return;
+        if (mantissa < 0x8000u || bm < 0x8000u) {
+            MSFLOAT t{static_cast<int8_t>(sign), static_cast<uint8_t>(exponent), static_cast<uint16_t>(mantissa)};
+            (void)PlusEqGeneral(&t, static_cast<int8_t>(bs), static_cast<uint8_t>(be), static_cast<uint16_t>(bm));
+            sign = t.sign;
+            exponent = t.exponent;
+            mantissa = t.mantissa;
+            return;
+        }
+        const bool aBig = exponent > be || (exponent == be && mantissa > bm);  // a tie: big is b
+        const int32_t bigSign = aBig ? sign : bs;
+        const uint32_t bigExp = aBig ? exponent : be, smallExp = aBig ? be : exponent;
+        const uint32_t bigMan = aBig ? mantissa : bm, smallMan = aBig ? bm : mantissa;
+        const uint32_t d = bigExp - smallExp;
+        if (d > 16) {
+            sign = bigSign;
+            exponent = bigExp;
+            mantissa = bigMan;
+            return;
+        }
+        if (sign == bs) {
+            uint32_t m = bigMan + (smallMan >> d);
+            uint32_t e = bigExp;
+            if (m >= 65536u) {
+                m >>= 1;
+                if (++e > 255u) return;  // overflow: unchanged
+            }
+            exponent = e;
+            mantissa = m;
+            return;
+        }
+        // Opposite signs, with one guard bit as in the general steps.
+        uint32_t m = 2u * bigMan - ((2u * smallMan) >> d);
+        int32_t e = static_cast<int32_t>(bigExp) - 1;
+        if (m >= 65536u) {  // below 2^17
+            m >>= 1;
+            ++e;
+        }
+        if (m == 0) {
+            sign = 0;
+            exponent = 0;
+            mantissa = 0;
+            return;
+        }
+        if (m < 0x8000u) {
+            const int shift = std::countl_zero(m) - 16;
+            m <<= shift;
+            e -= shift;
+        }
+        if (e < 0) return;  // underflow: unchanged
+        sign = bigSign;
+        exponent = static_cast<uint32_t>(e);
+        mantissa = m;
+    }
+    void Add(const MSFLOAT &b) { Add(b.sign, b.exponent, b.mantissa); }
+    void Subtract(const MSFLOAT &b) {
+        Add(static_cast<int8_t>(static_cast<uint8_t>(0u - static_cast<uint8_t>(b.sign))), b.exponent, b.mantissa);
+    }
+    void Store(MSFLOAT *out) const {
+        out->sign = static_cast<int8_t>(sign);
+        out->exponent = static_cast<uint8_t>(exponent);
+        out->mantissa = static_cast<uint16_t>(mantissa);
+    }
+};
+
 }  // namespace msf
 
 #endif  // KMXC_NUMERICS_MSFLOAT_OPS_H
