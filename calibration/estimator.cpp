@@ -87,13 +87,28 @@ int8_t KmxAxesMsCalib02_CalcStatistics(const int16_t (*samples)[3], int8_t n, Km
     // Each sum is formed in a register accumulator (msf::Sum), one sum at a time and in
     // sample order, which is the order the definition adds in: the same bits.
 
+    // Deviations reach 65535 counts; up to 46340 their squares and products fit 32
+    // bits and are converted in registers, beyond that through i2f_wide.
+    int32_t dev[127][3];
+    uint32_t largest = 0;
+    for (int i = 0; i < n; ++i)
+        for (int k = 0; k < 3; ++k) {
+            dev[i][k] = deviation(i, k);
+            const uint32_t magnitude = dev[i][k] < 0 ? 0u - static_cast<uint32_t>(dev[i][k]) : dev[i][k];
+            if (magnitude > largest) largest = magnitude;
+        }
+    const bool narrow = largest <= 46340u;
+
     // Each squared deviation is converted once: the mean square radius, the matrix's
     // diagonal and q all add the same MSFLOAT values (n <= 127, an int8).
     MSFLOAT squares[127][3];
     for (int i = 0; i < n; ++i)
         for (int k = 0; k < 3; ++k) {
-            const int64_t d = deviation(i, k);
-            i2f_wide(&squares[i][k], d * d);
+            if (narrow) {
+                msf::I2F(&squares[i][k], dev[i][k] * dev[i][k]);
+            } else {
+                i2f_wide(&squares[i][k], static_cast<int64_t>(dev[i][k]) * dev[i][k]);
+            }
         }
 
     // Mean square radius.
@@ -114,11 +129,13 @@ int8_t KmxAxesMsCalib02_CalcStatistics(const int16_t (*samples)[3], int8_t n, Km
     for (int p = 0; p < 6; ++p) {
         const int8_t j = kPairs[p][0], k = kPairs[p][1];
         msf::Sum acc;
-        for (int i = 0; i < n; ++i) {
-            if (j == k) {
-                acc.Add(squares[i][j]);
-            } else {
-                i2f_wide(&term, static_cast<int64_t>(deviation(i, j)) * deviation(i, k));
+        if (j == k) {
+            for (int i = 0; i < n; ++i) acc.Add(squares[i][j]);
+        } else if (narrow) {
+            for (int i = 0; i < n; ++i) acc.AddInteger(dev[i][j] * dev[i][k]);
+        } else {
+            for (int i = 0; i < n; ++i) {
+                i2f_wide(&term, static_cast<int64_t>(dev[i][j]) * dev[i][k]);
                 acc.Add(term);
             }
         }
@@ -150,7 +167,7 @@ int8_t KmxAxesMsCalib02_CalcStatistics(const int16_t (*samples)[3], int8_t n, Km
     for (int k = 0; k < 3; ++k) {
         msf::Sum acc;
         for (int i = 0; i < n; ++i) {
-            msf::I2F(&term, deviation(i, k));
+            msf::I2F(&term, dev[i][k]);
             msf::OpMultiEq(&term, &q[i]);
             msf::OpShiftEq(&term, -1);
             acc.Add(term);

@@ -5,6 +5,7 @@
 
 #include "calibration/calibration_internal.h"
 #include "calibration/test_streams.h"
+#include "numerics/msfloat_reference.h"
 
 namespace {
 
@@ -71,6 +72,87 @@ TEST(EstimatorStatistics, MatchDoublePrecisionNormalEquations) {
         for (int k = 0; k < 3; ++k) ASSERT_NEAR(value(gb[k]), b[k], 0x1p-12 * std::sqrt(16 * r2 * scale)) << k;
         ASSERT_NEAR(value(gs), s, 0x1p-12 * scale);
     }
+}
+
+namespace ref = msfloat_reference;
+
+// The MSFLOAT of an integer of any width: its 16 leading bits, the rest dropped.
+MSFLOAT leading_bits(int64_t v) {
+    if (v == 0) return MSFLOAT{0, 0, 0};
+    uint64_t magnitude = v < 0 ? 0 - uint64_t(v) : uint64_t(v);
+    int width = 0;
+    while (width < 64 && (magnitude >> width) != 0) ++width;
+    const int shift = width - 16;
+    const uint64_t m = shift >= 0 ? magnitude >> shift : magnitude << -shift;
+    return MSFLOAT{int8_t(v < 0 ? -1 : 1), uint8_t(128 + shift), uint16_t(m)};
+}
+
+bool same(const MSFLOAT &a, const MSFLOAT &b) {
+    return a.sign == b.sign && a.exponent == b.exponent && a.mantissa == b.mantissa;
+}
+
+// The statistics sum term by term, in sample order, with the first MSFLOAT; the
+// library's register sums and 32-bit shortcuts must give the very same bits.
+TEST(EstimatorStatistics, EqualTheTermByTermSumsOfTheFirstMsfloatBitForBit) {
+    Rng rng{11};
+    int batches = 0, wide = 0;
+    for (int round = 0; round < 400; ++round, ++batches) {
+        int16_t in[16][3];
+        const int32_t spread = round % 4 == 0 ? 32767 : round % 4 == 1 ? 3000 : 200;
+        for (auto &s : in)
+            for (auto &v : s) v = int16_t(rng.integer(-spread, spread));
+        if (round % 4 == 0) {  // a crowd at one end, one sample at the other: deviations to 61439
+            for (auto &s : in)
+                for (auto &v : s) v = int16_t(rng.integer(-32768, -30000));
+            for (auto &v : in[round % 16]) v = int16_t(rng.integer(30000, 32767));
+        }
+        KmxAxesData c;
+        MSFLOAT gm[6], gb[3], gs;
+        ASSERT_EQ(KmxAxesMsCalib02_CalcStatistics(in, 16, &c, gm, gb, &gs), 0);
+        int64_t d[16][3];
+        bool beyond = false;
+        for (int i = 0; i < 16; ++i)
+            for (int k = 0; k < 3; ++k) {
+                d[i][k] = in[i][k] - (&c.x)[k];
+                beyond |= d[i][k] > 46340 || d[i][k] < -46340;
+            }
+        wide += beyond;
+        MSFLOAT r2{0, 0, 0}, m[6] = {}, b[3] = {}, s{0, 0, 0}, count;
+        for (auto &p : d)
+            for (int64_t v : p) {
+                const MSFLOAT t = leading_bits(v * v);
+                ref::OpPlusEq(&r2, &t);
+            }
+        ref::I2F(&count, 16);
+        ref::OpDivEq(&r2, &count);
+        const int pairs[6][2] = {{0, 0}, {0, 1}, {0, 2}, {1, 1}, {1, 2}, {2, 2}};
+        for (auto &p : d) {
+            for (int j = 0; j < 6; ++j) {
+                const MSFLOAT t = leading_bits(p[pairs[j][0]] * p[pairs[j][1]]);
+                ref::OpPlusEq(&m[j], &t);
+            }
+            MSFLOAT q = leading_bits(p[0] * p[0]);
+            for (int k = 1; k < 3; ++k) {
+                const MSFLOAT t = leading_bits(p[k] * p[k]);
+                ref::OpPlusEq(&q, &t);
+            }
+            ref::OpMinusEq(&q, &r2);
+            MSFLOAT qq = q;
+            ref::OpMultiEq(&qq, &q);
+            ref::OpPlusEq(&s, &qq);
+            for (int k = 0; k < 3; ++k) {
+                MSFLOAT t = leading_bits(p[k]);
+                ref::OpMultiEq(&t, &q);
+                ref::OpShiftEq(&t, -1);
+                ref::OpPlusEq(&b[k], &t);
+            }
+        }
+        ref::OpShiftEq(&s, -2);
+        for (int j = 0; j < 6; ++j) ASSERT_TRUE(same(gm[j], m[j])) << "matrix " << j << ", batch " << round;
+        for (int k = 0; k < 3; ++k) ASSERT_TRUE(same(gb[k], b[k])) << "vector " << k << ", batch " << round;
+        ASSERT_TRUE(same(gs, s)) << "scalar, batch " << round;
+    }
+    EXPECT_GT(wide, 50) << "batches with deviations beyond 46340 counts, of " << batches;
 }
 
 }  // namespace

@@ -226,6 +226,14 @@ struct Sum {
         mantissa = m;
     }
     void Add(const MSFLOAT &b) { Add(b.sign, b.exponent, b.mantissa); }
+    // Adds I2F(value), converted in registers.
+    void AddInteger(int32_t value) {
+        if (value == 0) return Add(0, 0, 0);
+        const uint32_t magnitude = value > 0 ? static_cast<uint32_t>(value) : 0u - static_cast<uint32_t>(value);
+        const int shift = 16 - std::countl_zero(magnitude);
+        Add(value > 0 ? 1 : -1, static_cast<uint32_t>(128 + shift),
+            (shift >= 0 ? magnitude >> shift : magnitude << -shift) & 0xFFFFu);
+    }
     void Subtract(const MSFLOAT &b) {
         Add(static_cast<int8_t>(static_cast<uint8_t>(0u - static_cast<uint8_t>(b.sign))), b.exponent, b.mantissa);
     }
