@@ -119,66 +119,31 @@ inline int8_t AbsCompGreater(const MSFLOAT *a, const MSFLOAT *b) {
 // a += (bs, be, bm) for every case but the common one (see PlusEq).
 int8_t PlusEqGeneral(MSFLOAT *a, int8_t bs, uint8_t be, uint16_t bm);
 
-// a += (bs, be, bm). The second operand arrives as values, so a may alias it.
-inline int8_t PlusEq(MSFLOAT *a, int8_t bs, uint8_t be, uint16_t bm) {
-    const int8_t as = a->sign;
-    const uint16_t am = a->mantissa;
-    if (as != bs || as == 0 || am < 0x8000u || bm < 0x8000u) return PlusEqGeneral(a, bs, be, bm);
-    // The common case, both normalised with one sign: the general steps reduce to this
-    // (no borrow, at most one carry, nothing to normalise). Inline, so that sums in
-    // loops stay in registers.
-    const uint8_t ae = a->exponent;
-    const bool aBig = ae > be || (ae == be && am > bm);
-    const uint32_t bigExp = aBig ? ae : be, smallExp = aBig ? be : ae;
-    const uint32_t bigMan = aBig ? am : bm, smallMan = aBig ? bm : am;
-    const uint32_t d = bigExp - smallExp;
-    if (d > 16) {
-        a->exponent = static_cast<uint8_t>(bigExp);
-        a->mantissa = static_cast<uint16_t>(bigMan);
-        return 0;
-    }
-    uint32_t m = bigMan + (smallMan >> d);
-    uint32_t e = bigExp;
-    if (m >= 65536u) {
-        m >>= 1;
-        if (++e > 255u) return MSFLOAT_OVERFLOW;
-    }
-    a->exponent = static_cast<uint8_t>(e);
-    a->mantissa = static_cast<uint16_t>(m);
-    return 0;
-}
-
-inline int8_t OpPlusEq(MSFLOAT *a, const MSFLOAT *b) { return PlusEq(a, b->sign, b->exponent, b->mantissa); }
-
-inline int8_t OpMinusEq(MSFLOAT *a, const MSFLOAT *b) {
-    const int8_t negated = static_cast<int8_t>(static_cast<uint8_t>(0u - static_cast<uint8_t>(b->sign)));
-    return PlusEq(a, negated, b->exponent, b->mantissa);
-}
-
-// A running sum for loops: the fields of an MSFLOAT as words, so the sum stays in
-// registers. Add(b) leaves what OpPlusEq(&sum, &b) would, its status dropped (a sum
-// that would leave the exponent range stays as it was, as OpPlusEq leaves it).
+// Addition on the fields of an MSFLOAT held as words, so that a running sum stays in
+// registers; PlusEq is this on a record. Add returns the status of the addition: a sum
+// that would leave the exponent range stays as it was.
 // Zeros and two normalised operands of either sign are added inline; non-normalised
 // operands go through the general steps.
 struct Sum {
     int32_t sign = 0;
     uint32_t exponent = 0, mantissa = 0;
 
-    void Add(int32_t bs, uint32_t be, uint32_t bm) {
+    [[gnu::always_inline]] int8_t Add(int32_t bs, uint32_t be, uint32_t bm) {
         if (sign == 0) {  // the first term of a sum: taken as it is
             sign = bs;
             exponent = be;
             mantissa = bm;
-            return;
+            return 0;
         }
-        if (bs == 0) return;
+        if (bs == 0) return 0;
         if (mantissa < 0x8000u || bm < 0x8000u) {
             MSFLOAT t{static_cast<int8_t>(sign), static_cast<uint8_t>(exponent), static_cast<uint16_t>(mantissa)};
-            (void)PlusEqGeneral(&t, static_cast<int8_t>(bs), static_cast<uint8_t>(be), static_cast<uint16_t>(bm));
+            const int8_t status =
+                PlusEqGeneral(&t, static_cast<int8_t>(bs), static_cast<uint8_t>(be), static_cast<uint16_t>(bm));
             sign = t.sign;
             exponent = t.exponent;
             mantissa = t.mantissa;
-            return;
+            return status;
         }
         const bool aBig = exponent > be || (exponent == be && mantissa > bm);  // a tie: big is b
         const int32_t bigSign = aBig ? sign : bs;
@@ -189,18 +154,18 @@ struct Sum {
             sign = bigSign;
             exponent = bigExp;
             mantissa = bigMan;
-            return;
+            return 0;
         }
         if (sign == bs) {
             uint32_t m = bigMan + (smallMan >> d);
             uint32_t e = bigExp;
             if (m >= 65536u) {
                 m >>= 1;
-                if (++e > 255u) return;  // overflow: unchanged
+                if (++e > 255u) return MSFLOAT_OVERFLOW;  // unchanged
             }
             exponent = e;
             mantissa = m;
-            return;
+            return 0;
         }
         // Opposite signs, with one guard bit as in the general steps.
         uint32_t m = 2u * bigMan - ((2u * smallMan) >> d);
@@ -213,29 +178,33 @@ struct Sum {
             sign = 0;
             exponent = 0;
             mantissa = 0;
-            return;
+            return 0;
         }
         if (m < 0x8000u) {
             const int shift = std::countl_zero(m) - 16;
             m <<= shift;
             e -= shift;
         }
-        if (e < 0) return;  // underflow: unchanged
+        if (e < 0) return MSFLOAT_UNDERFLOW;  // unchanged
         sign = bigSign;
         exponent = static_cast<uint32_t>(e);
         mantissa = m;
+        return 0;
     }
-    void Add(const MSFLOAT &b) { Add(b.sign, b.exponent, b.mantissa); }
+    void Add(const MSFLOAT &b) { (void)Add(b.sign, b.exponent, b.mantissa); }
     // Adds I2F(value), converted in registers.
-    void AddInteger(int32_t value) {
-        if (value == 0) return Add(0, 0, 0);
+    [[gnu::always_inline]] void AddInteger(int32_t value) {
+        if (value == 0) {
+            (void)Add(0, 0, 0);
+            return;
+        }
         const uint32_t magnitude = value > 0 ? static_cast<uint32_t>(value) : 0u - static_cast<uint32_t>(value);
         const int shift = 16 - std::countl_zero(magnitude);
-        Add(value > 0 ? 1 : -1, static_cast<uint32_t>(128 + shift),
+        (void)Add(value > 0 ? 1 : -1, static_cast<uint32_t>(128 + shift),
             (shift >= 0 ? magnitude >> shift : magnitude << -shift) & 0xFFFFu);
     }
     void Subtract(const MSFLOAT &b) {
-        Add(static_cast<int8_t>(static_cast<uint8_t>(0u - static_cast<uint8_t>(b.sign))), b.exponent, b.mantissa);
+        (void)Add(static_cast<int8_t>(static_cast<uint8_t>(0u - static_cast<uint8_t>(b.sign))), b.exponent, b.mantissa);
     }
     void Store(MSFLOAT *out) const {
         out->sign = static_cast<int8_t>(sign);
@@ -243,6 +212,21 @@ struct Sum {
         out->mantissa = static_cast<uint16_t>(mantissa);
     }
 };
+
+// a += (bs, be, bm). The second operand arrives as values, so a may alias it.
+inline int8_t PlusEq(MSFLOAT *a, int8_t bs, uint8_t be, uint16_t bm) {
+    Sum sum{a->sign, a->exponent, a->mantissa};
+    const int8_t status = sum.Add(bs, be, bm);
+    sum.Store(a);
+    return status;
+}
+
+inline int8_t OpPlusEq(MSFLOAT *a, const MSFLOAT *b) { return PlusEq(a, b->sign, b->exponent, b->mantissa); }
+
+inline int8_t OpMinusEq(MSFLOAT *a, const MSFLOAT *b) {
+    const int8_t negated = static_cast<int8_t>(static_cast<uint8_t>(0u - static_cast<uint8_t>(b->sign)));
+    return PlusEq(a, negated, b->exponent, b->mantissa);
+}
 
 }  // namespace msf
 
