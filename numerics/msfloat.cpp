@@ -108,7 +108,7 @@ int8_t MSFLOAT_OpDivEq(MSFLOAT *a, const MSFLOAT *b) {
         return 0;
     }
     const int8_t sign = a->sign == b->sign ? 1 : -1;
-    uint32_t q = (static_cast<uint32_t>(a->mantissa) << 16) / b->mantissa;
+    uint32_t q = msf::MantissaQuotient(a->mantissa, b->mantissa);
     q = (q >> 1) & 0xFFFFu;
     const int16_t e = Wrap16(int32_t{a->exponent} - b->exponent + 113);
     return StoreProduct(a, sign, q, e);

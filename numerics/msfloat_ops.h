@@ -55,6 +55,46 @@ inline int8_t StoreProduct(MSFLOAT *a, int8_t sign, uint32_t m, int16_t e) {
     return status;
 }
 
+// Whether the target divides in hardware. ARMv5TE does not: its division is a library
+// routine of some sixty instructions, which the quotient below replaces.
+#if defined(__arm__) && !defined(__ARM_FEATURE_IDIV)
+constexpr bool kHardwareDivide = false;
+#else
+constexpr bool kHardwareDivide = true;
+#endif
+
+// 2^24 / (257 + i), rounded down: a reciprocal of every divisor in
+// [(256 + i) * 128, (257 + i) * 128) to eight bits, never above it.
+constexpr struct ReciprocalTable {
+    uint16_t entry[256];
+    constexpr ReciprocalTable() : entry{} {
+        for (uint32_t i = 0; i < 256; ++i) entry[i] = static_cast<uint16_t>((1u << 24) / (257u + i));
+    }
+} kReciprocal;
+
+// n / d rounded down, for d in [2^15, 2^16), by multiplication: a table reciprocal,
+// one Newton step (from below, so it stays below 2^46 / d), a product and at most a
+// few corrections. The same quotient as the division, for every n and such d.
+inline uint32_t QuotientByReciprocal(uint32_t n, uint32_t d) {
+    const uint32_t x0 = static_cast<uint32_t>(kReciprocal.entry[(d >> 7) - 256u]) << 15;
+    const uint64_t error = (uint64_t{1} << 46) - uint64_t{d} * x0;  // below 2^39
+    const uint32_t x1 = x0 + static_cast<uint32_t>((uint64_t{x0} * static_cast<uint32_t>(error >> 8)) >> 38);
+    uint32_t q = static_cast<uint32_t>((uint64_t{n} * x1) >> 46);
+    uint32_t r = n - q * d;
+    while (r >= d) {
+        ++q;
+        r -= d;
+    }
+    return q;
+}
+
+// (am * 2^16) / bm rounded down, bm non-zero: the mantissa quotient of a division.
+inline uint32_t MantissaQuotient(uint32_t am, uint32_t bm) {
+    const uint32_t n = am << 16;
+    if (kHardwareDivide || bm < 0x8000u) return n / bm;
+    return QuotientByReciprocal(n, bm);
+}
+
 inline int8_t I2F(MSFLOAT *a, int32_t value) {
     if (value == 0) {
         SetZero(a);

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include "numerics/msfloat_equiv.h"
+#include "numerics/msfloat_ops.h"
 #include "numerics/numerics_test_util.h"
 
 namespace {
@@ -164,6 +165,24 @@ TEST(MsfloatEquivalence, EveryOperationMatchesTheFirstImplementation) {
     msfloat_equiv::Tally tallies[msfloat_equiv::kOps];
     EXPECT_EQ(msfloat_equiv::Run(200000, 7, tallies, stderr), 0u);
     for (const auto &t : tallies) EXPECT_EQ(t.mismatches, 0u) << t.op;
+}
+
+// The division's quotient without a divide instruction (used where the target has
+// none, checked on every target): every normalised divisor, with dividends at the
+// edges and spread between them.
+TEST(MsfloatProperty, QuotientByReciprocalIsTheDivisionForEveryNormalisedDivisor) {
+    const uint32_t dividends[] = {0u, 1u, 0x7FFFu, 0x8000u, 0xFFFFu, 0x12345u, 0x7FFFFFFFu, 0x80000000u,
+                                  0xFFFEFFFFu, 0xFFFF0000u, 0xFFFFFFFFu};
+    uint64_t wrong = 0;
+    for (uint32_t d = 0x8000u; d <= 0xFFFFu; ++d) {
+        for (uint32_t n : dividends) wrong += msf::QuotientByReciprocal(n, d) != n / d;
+        for (uint32_t k = 1; k < 16; ++k) {  // multiples of d and their neighbours
+            const uint32_t n = d * (k * 8191u);
+            wrong += msf::QuotientByReciprocal(n, d) != n / d;
+            wrong += msf::QuotientByReciprocal(n - 1, d) != (n - 1) / d;
+        }
+    }
+    EXPECT_EQ(wrong, 0u);
 }
 
 // Every mantissa, with exponents of both parities at the low edge, mid-range and the
