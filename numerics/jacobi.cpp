@@ -94,9 +94,9 @@ extern "C" int8_t MsJacobiCalcEigenPair(const MSFLOAT m[6], MsEigenPair pairs[3]
 
         const MSFLOAT h = Shift(Sub(W(q, q), W(p, p)), -1);
         MSFLOAT r = h;
-        (void)MSFLOAT_Square(&r);
+        (void)msf::Square(&r);
         MSFLOAT apq2 = W(p, q);
-        (void)MSFLOAT_Square(&apq2);
+        (void)msf::Square(&apq2);
         (void)msf::OpPlusEq(&r, &apq2);
         (void)MSFLOAT_Sqrt(&r);
         // Nothing left to rotate: the pivot is zero and its diagonal pair equal.
@@ -115,7 +115,7 @@ extern "C" int8_t MsJacobiCalcEigenPair(const MSFLOAT m[6], MsEigenPair pairs[3]
         if (MSFLOAT_OpCompGreater(&W(p, p), &W(q, q)) == 1) (void)msf::OpNeg(&s);
 
         MSFLOAT s2 = s;
-        (void)MSFLOAT_Square(&s2);
+        (void)msf::Square(&s2);
         const MSFLOAT sc = Mul(s, c);
         const MSFLOAT t = Shift(Mul(W(p, q), sc), 1);
 

@@ -136,20 +136,19 @@ int8_t MSFLOAT_OpCompGreater(const MSFLOAT *a, const MSFLOAT *b) {
 }
 
 int8_t MSFLOAT_Square(MSFLOAT *a) {
-    MSFLOAT copy;
-    msf::Copy(&copy, *a);
-    return msf::OpMultiEq(a, &copy);
+    return msf::Square(a);
 }
 
 }  // extern "C"
 
 namespace {
 
-// floor(sqrt(x)), two bits of x per step from the highest pair that is set.
+// floor(sqrt(x)), two bits of x per step. Always sixteen steps, unrolled: the leading
+// ones only shift a zero root while x is small.
 uint32_t IntegerSqrt(uint32_t x) {
-    if (x == 0) return 0;
     uint32_t root = 0;
-    for (uint32_t bit = 1u << ((31 - std::countl_zero(x)) & ~1); bit != 0; bit >>= 2) {
+#pragma GCC unroll 16
+    for (uint32_t bit = 1u << 30; bit != 0; bit >>= 2) {
         if (x >= root + bit) {
             x -= root + bit;
             root = (root >> 1) + bit;

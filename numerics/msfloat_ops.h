@@ -123,6 +123,11 @@ inline int8_t OpMultiEq(MSFLOAT *a, const MSFLOAT *b) {
     return StoreProduct(a, sign, m, e);
 }
 
+inline int8_t Square(MSFLOAT *a) {
+    const MSFLOAT copy{a->sign, a->exponent, a->mantissa};
+    return OpMultiEq(a, &copy);
+}
+
 inline int8_t OpShiftEq(MSFLOAT *a, int16_t n) {
     if (a->sign == 0) return 0;
     const int16_t e = Wrap16(int32_t{a->exponent} + n);
