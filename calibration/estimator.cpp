@@ -121,7 +121,7 @@ int8_t KmxAxesMsCalib02_CalcStatistics(const int16_t (*samples)[3], int8_t n, Km
     }
     MSFLOAT count;
     msf::I2F(&count, n);
-    MSFLOAT_OpDivEq(&r2, &count);
+    msf::OpDivEq(&r2, &count);
 
     // Matrix elements in packed order: (0,0) (0,1) (0,2) (1,1) (1,2) (2,2).
     static constexpr int8_t kPairs[6][2] = {{0, 0}, {0, 1}, {0, 2}, {1, 1}, {1, 2}, {2, 2}};

@@ -36,7 +36,7 @@ int64_t difference_dot(const KmxAxesData *a, const KmxAxesData *b, const int32_t
 int32_t ratio(const MSFLOAT *lambda, const MSFLOAT *lambda0) {
     MSFLOAT q = *lambda;
     msf::OpShiftEq(&q, 10);
-    MSFLOAT_OpDivEq(&q, lambda0);
+    msf::OpDivEq(&q, lambda0);
     int32_t r = 0;
     MSFLOAT_F2I(&r, &q);
     return r;
@@ -69,7 +69,7 @@ void KmxAxesMsCalib02_CalcResidual(const MSFLOAT *b, const MsEigenPair *pairs, c
         MSFLOAT term;
         msf::Copy(&term, p[i]);
         msf::OpMultiEq(&term, &p[i]);
-        MSFLOAT_OpDivEq(&term, &pairs[i].value);
+        msf::OpDivEq(&term, &pairs[i].value);
         msf::OpMinusEq(&result, &term);
     }
     msf::Copy(residual, result);
@@ -137,7 +137,7 @@ int8_t KmxAxesMsCalib02_Update(KmxAxesMsCalib02Context *context, const KmxAxesDa
     const int32_t ratioMid = ratio(&pairs[1].value, &pairs[0].value);
     const int32_t ratioMin = ratio(&pairs[2].value, &pairs[0].value);
 
-    if (MSFLOAT_OpCompGreater(&context->minEigenValue, &pairs[0].value)) return KMXC_EST_EIGEN_TOO_SMALL;
+    if (msf::OpCompGreater(&context->minEigenValue, &pairs[0].value)) return KMXC_EST_EIGEN_TOO_SMALL;
     if (msf::AbsCompGreater(&pairs[0].value, &MSFLOAT_maxsint32)) return KMXC_EST_EIGEN_TOO_LARGE;
 
     // A configuration without a classifier cannot tell a line from a sphere: refuse.
@@ -148,7 +148,7 @@ int8_t KmxAxesMsCalib02_Update(KmxAxesMsCalib02Context *context, const KmxAxesDa
 
     MSFLOAT residual;
     KmxAxesMsCalib02_CalcResidual(b, pairs, &s, &residual);
-    if (MSFLOAT_OpCompGreater(&residual, &context->config.residualThreshold)) {
+    if (msf::OpCompGreater(&residual, &context->config.residualThreshold)) {
         reset_batch(context);
         return KMXC_EST_RESIDUAL_TOO_LARGE;
     }
@@ -169,7 +169,7 @@ int8_t KmxAxesMsCalib02_Update(KmxAxesMsCalib02Context *context, const KmxAxesDa
         MSFLOAT *diag = &A[kMultiplierDiagIndex[k]];
         msf::I2F(diag, int32_t{weight[k]} - kBound);
         msf::OpShiftEq(diag, -10);
-        MSFLOAT_OpDivEq(diag, &pairs[0].value);
+        msf::OpDivEq(diag, &pairs[0].value);
     }
     for (int j = 0; j < 3; ++j) r[j] = b[j];
     // (offset - c).e is exact in 64 bits: an old offset some 75000 counts from the batch

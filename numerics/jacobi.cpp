@@ -50,9 +50,9 @@ extern "C" int8_t MsJacobiSortEigenPair(const MSFLOAT w[6], const MSFLOAT v[3][3
                            &w[MsPackedDiagIndex[2]]};
     int maxIndex = 0, minIndex = 0;
     for (int i = 1; i < 3; ++i) {
-        if (MSFLOAT_OpCompGreater(d[maxIndex], d[i]) == 0) {
+        if (msf::OpCompGreater(d[maxIndex], d[i]) == 0) {
             maxIndex = i;  // a later equal value takes the max place
-        } else if (MSFLOAT_OpCompGreater(d[i], d[minIndex]) == 0) {
+        } else if (msf::OpCompGreater(d[i], d[minIndex]) == 0) {
             minIndex = i;
         }
     }
@@ -104,15 +104,15 @@ extern "C" int8_t MsJacobiCalcEigenPair(const MSFLOAT m[6], MsEigenPair pairs[3]
 
         MSFLOAT ratio = h;
         (void)MSFLOAT_OpAbs(&ratio);
-        (void)MSFLOAT_OpDivEq(&ratio, &r);
+        (void)msf::OpDivEq(&ratio, &r);
         const MSFLOAT c2 = Shift(Add(MSFLOAT_1, ratio), -1);
         MSFLOAT c = c2;
         (void)MSFLOAT_Sqrt(&c);
 
         MSFLOAT s = W(p, q);
         const MSFLOAT twoRc = Shift(Mul(r, c), 1);
-        (void)MSFLOAT_OpDivEq(&s, &twoRc);
-        if (MSFLOAT_OpCompGreater(&W(p, p), &W(q, q)) == 1) (void)msf::OpNeg(&s);
+        (void)msf::OpDivEq(&s, &twoRc);
+        if (msf::OpCompGreater(&W(p, p), &W(q, q)) == 1) (void)msf::OpNeg(&s);
 
         MSFLOAT s2 = s;
         (void)msf::Square(&s2);

@@ -99,20 +99,7 @@ int8_t MSFLOAT_Sign(const MSFLOAT *a) { return static_cast<int8_t>(a->sign + 1);
 
 int8_t MSFLOAT_OpMultiEq(MSFLOAT *a, const MSFLOAT *b) { return msf::OpMultiEq(a, b); }
 
-int8_t MSFLOAT_OpDivEq(MSFLOAT *a, const MSFLOAT *b) {
-    // A non-zero sign with a zero mantissa is not a valid operand; it is refused like
-    // zero rather than divided by.
-    if (b->sign == 0 || b->mantissa == 0) return MSFLOAT_DIVZERO;
-    if (a->sign == 0) {
-        SetZero(a);
-        return 0;
-    }
-    const int8_t sign = a->sign == b->sign ? 1 : -1;
-    uint32_t q = msf::MantissaQuotient(a->mantissa, b->mantissa);
-    q = (q >> 1) & 0xFFFFu;
-    const int16_t e = Wrap16(int32_t{a->exponent} - b->exponent + 113);
-    return StoreProduct(a, sign, q, e);
-}
+int8_t MSFLOAT_OpDivEq(MSFLOAT *a, const MSFLOAT *b) { return msf::OpDivEq(a, b); }
 
 int8_t MSFLOAT_OpShiftEq(MSFLOAT *a, int16_t n) { return msf::OpShiftEq(a, n); }
 
@@ -129,11 +116,7 @@ int8_t MSFLOAT_OpPlusEq(MSFLOAT *a, const MSFLOAT *b) { return msf::OpPlusEq(a, 
 
 int8_t MSFLOAT_OpMinusEq(MSFLOAT *a, const MSFLOAT *b) { return msf::OpMinusEq(a, b); }
 
-int8_t MSFLOAT_OpCompGreater(const MSFLOAT *a, const MSFLOAT *b) {
-    if (a->sign == 1) return b->sign == -1 ? 1 : MSFLOAT_AbsCompGreater(a, b);
-    if (b->sign != -1) return 0;
-    return MSFLOAT_AbsCompGreater(b, a);
-}
+int8_t MSFLOAT_OpCompGreater(const MSFLOAT *a, const MSFLOAT *b) { return msf::OpCompGreater(a, b); }
 
 int8_t MSFLOAT_Square(MSFLOAT *a) {
     return msf::Square(a);

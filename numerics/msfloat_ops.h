@@ -123,6 +123,21 @@ inline int8_t OpMultiEq(MSFLOAT *a, const MSFLOAT *b) {
     return StoreProduct(a, sign, m, e);
 }
 
+inline int8_t OpDivEq(MSFLOAT *a, const MSFLOAT *b) {
+    // A non-zero sign with a zero mantissa is not a valid operand; it is refused like
+    // zero rather than divided by.
+    if (b->sign == 0 || b->mantissa == 0) return MSFLOAT_DIVZERO;
+    if (a->sign == 0) {
+        SetZero(a);
+        return 0;
+    }
+    const int8_t sign = a->sign == b->sign ? 1 : -1;
+    uint32_t q = MantissaQuotient(a->mantissa, b->mantissa);
+    q = (q >> 1) & 0xFFFFu;
+    const int16_t e = Wrap16(int32_t{a->exponent} - b->exponent + 113);
+    return StoreProduct(a, sign, q, e);
+}
+
 inline int8_t Square(MSFLOAT *a) {
     const MSFLOAT copy{a->sign, a->exponent, a->mantissa};
     return OpMultiEq(a, &copy);
@@ -159,6 +174,12 @@ inline bool AbsGreater(uint32_t am, uint32_t ae, uint32_t bm, uint32_t be) {
 
 inline int8_t AbsCompGreater(const MSFLOAT *a, const MSFLOAT *b) {
     return AbsGreater(a->mantissa, a->exponent, b->mantissa, b->exponent) ? 1 : 0;
+}
+
+inline int8_t OpCompGreater(const MSFLOAT *a, const MSFLOAT *b) {
+    if (a->sign == 1) return b->sign == -1 ? 1 : AbsCompGreater(a, b);
+    if (b->sign != -1) return 0;
+    return AbsCompGreater(b, a);
 }
 
 // a += (bs, be, bm) for every case but the common one (see PlusEq).

@@ -53,10 +53,10 @@ extern "C" int8_t MsSolve(const MSFLOAT A[15], const MSFLOAT r[5], MSFLOAT x[5])
         // L(k,k) stays as it is and counts as 1 from here on. A zero pivot ends the
         // solve here with the division's status.
         for (int j = k + 1; j < kN; ++j) {
-            status = MSFLOAT_OpDivEq(&L[k][j], &L[k][k]);
+            status = msf::OpDivEq(&L[k][j], &L[k][k]);
             if (status < 0) return status;
         }
-        status = MSFLOAT_OpDivEq(&x[k], &L[k][k]);
+        status = msf::OpDivEq(&x[k], &L[k][k]);
         if (status < 0) return status;
 
         // L(i,k) below the pivot is left in place, never read again.
