@@ -116,7 +116,7 @@ int8_t KmxAxesMsCalib02_CalcStatistics(const int16_t (*samples)[3], int8_t n, Km
     {
         msf::Sum acc;
         for (int i = 0; i < n; ++i)
-            for (int k = 0; k < 3; ++k) acc.Add(squares[i][k]);
+            for (int k = 0; k < 3; ++k) acc.AddNonNegative(squares[i][k]);
         acc.Store(&r2);
     }
     MSFLOAT count;
@@ -130,7 +130,7 @@ int8_t KmxAxesMsCalib02_CalcStatistics(const int16_t (*samples)[3], int8_t n, Km
         const int8_t j = kPairs[p][0], k = kPairs[p][1];
         msf::Sum acc;
         if (j == k) {
-            for (int i = 0; i < n; ++i) acc.Add(squares[i][j]);
+            for (int i = 0; i < n; ++i) acc.AddNonNegative(squares[i][j]);
         } else if (narrow) {
             for (int i = 0; i < n; ++i) acc.AddInteger(dev[i][j] * dev[i][k]);
         } else {
@@ -146,9 +146,9 @@ int8_t KmxAxesMsCalib02_CalcStatistics(const int16_t (*samples)[3], int8_t n, Km
     MSFLOAT q[127];
     for (int i = 0; i < n; ++i) {
         msf::Sum acc;
-        acc.Add(squares[i][0]);
-        acc.Add(squares[i][1]);
-        acc.Add(squares[i][2]);
+        acc.AddNonNegative(squares[i][0]);
+        acc.AddNonNegative(squares[i][1]);
+        acc.AddNonNegative(squares[i][2]);
         acc.Subtract(r2);
         acc.Store(&q[i]);
     }

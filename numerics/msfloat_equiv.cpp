@@ -85,7 +85,8 @@ uint64_t Run(uint64_t cases, uint64_t seed, Tally t[kOps], FILE *log) {
     static const char *const kNames[kOps] = {"I2F",       "F2I",           "Sign",      "OpMultiEq", "OpDivEq",
                                              "OpShiftEq", "OpNeg",         "OpAbs",     "AbsCompGreater",
                                              "OpPlusEq",  "OpMinusEq",     "OpCompGreater", "Square", "Sqrt",
-                                             "Sum::Add", "Sum::Subtract"};
+                                             "Sum::Add", "Sum::Subtract",
+                                             "Sum::AddNonNegative"};
     for (int k = 0; k < kOps; ++k) t[k] = Tally{kNames[k], 0, 0};
     Rng rng{seed};
     uint64_t total = 0;
@@ -159,6 +160,20 @@ uint64_t Run(uint64_t cases, uint64_t seed, Tally t[kOps], FILE *log) {
             }
             sum.Store(&x);
             check(14 + op, Same(x, y), a, b);
+        }
+        {  // its short form for sums of zero or positive normalised terms
+            auto nonNegative = [](MSFLOAT v) {
+                if (v.sign == 0 || (v.mantissa & 0x8000u) == 0) return MSFLOAT{0, 0, 0};
+                return MSFLOAT{1, v.exponent, v.mantissa};
+            };
+            const MSFLOAT p = nonNegative(a), r = nonNegative(b);
+            msf::Sum sum;
+            sum.AddNonNegative(p);
+            sum.AddNonNegative(r);
+            MSFLOAT x, y = p;
+            (void)msfloat_reference::OpPlusEq(&y, &r);
+            sum.Store(&x);
+            check(16, Same(x, y), p, r);
         }
     }
     total = 0;

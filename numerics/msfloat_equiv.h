@@ -15,7 +15,7 @@ struct Tally {
     uint64_t cases;
     uint64_t mismatches;
 };
-constexpr int kOps = 16;
+constexpr int kOps = 17;
 
 // Runs `cases` operand sets through each operation from `seed`; fills one tally per
 // operation and prints the first few mismatches to `log` (may be null). Returns the

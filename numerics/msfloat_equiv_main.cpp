@@ -16,11 +16,11 @@ int main(int argc, char **argv) {
     }
     msfloat_equiv::Tally tallies[msfloat_equiv::kOps];
     const uint64_t mismatches = msfloat_equiv::Run(cases, seed, tallies, stderr);
-    printf("%-16s %14s %10s\n", "operation", "cases", "mismatches");
+    printf("%-20s %14s %10s\n", "operation", "cases", "mismatches");
     for (const auto &t : tallies)
-        printf("%-16s %14llu %10llu\n", t.op, (unsigned long long)t.cases, (unsigned long long)t.mismatches);
+        printf("%-20s %14llu %10llu\n", t.op, (unsigned long long)t.cases, (unsigned long long)t.mismatches);
     const uint64_t roots = msfloat_equiv::SqrtSweep(0, 255, stderr);
-    printf("%-16s %14llu %10llu  (every mantissa and exponent)\n", "Sqrt", 2ull * 65536ull * 256ull,
+    printf("%-20s %14llu %10llu  (every mantissa and exponent)\n", "Sqrt", 2ull * 65536ull * 256ull,
            (unsigned long long)roots);
     return mismatches == 0 && roots == 0 ? 0 : 1;
 }

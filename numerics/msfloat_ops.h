@@ -211,6 +211,7 @@ struct Sum {
             mantissa = t.mantissa;
             return status;
         }
+        if (sign == bs) return AddSameSign(be, bm);
         const bool aBig = exponent > be || (exponent == be && mantissa > bm);  // a tie: big is b
         const int32_t bigSign = aBig ? sign : bs;
         const uint32_t bigExp = aBig ? exponent : be, smallExp = aBig ? be : exponent;
@@ -220,17 +221,6 @@ struct Sum {
             sign = bigSign;
             exponent = bigExp;
             mantissa = bigMan;
-            return 0;
-        }
-        if (sign == bs) {
-            uint32_t m = bigMan + (smallMan >> d);
-            uint32_t e = bigExp;
-            if (m >= 65536u) {
-                m >>= 1;
-                if (++e > 255u) return MSFLOAT_OVERFLOW;  // unchanged
-            }
-            exponent = e;
-            mantissa = m;
             return 0;
         }
         // Opposite signs, with one guard bit as in the general steps.
@@ -258,6 +248,19 @@ struct Sum {
         return 0;
     }
     void Add(const MSFLOAT &b) { (void)Add(b.sign, b.exponent, b.mantissa); }
+    // Add for a term that is zero or positive and normalised (I2F of a non-negative
+    // integer) into a sum of such terms: the same result without the tests of signs
+    // and normalisation.
+    [[gnu::always_inline]] void AddNonNegative(const MSFLOAT &b) {
+        if (b.sign == 0) return;
+        if (sign == 0) {
+            sign = b.sign;
+            exponent = b.exponent;
+            mantissa = b.mantissa;
+            return;
+        }
+        (void)AddSameSign(b.exponent, b.mantissa);
+    }
     // Adds I2F(value), converted in registers.
     [[gnu::always_inline]] void AddInteger(int32_t value) {
         if (value == 0) {
@@ -271,6 +274,27 @@ struct Sum {
     }
     void Subtract(const MSFLOAT &b) {
         (void)Add(static_cast<int8_t>(static_cast<uint8_t>(0u - static_cast<uint8_t>(b.sign))), b.exponent, b.mantissa);
+    }
+    // Two normalised operands of one sign: no borrow, at most one carry.
+    [[gnu::always_inline]] int8_t AddSameSign(uint32_t be, uint32_t bm) {
+        const bool aBig = exponent > be || (exponent == be && mantissa > bm);
+        const uint32_t bigExp = aBig ? exponent : be, smallExp = aBig ? be : exponent;
+        const uint32_t bigMan = aBig ? mantissa : bm, smallMan = aBig ? bm : mantissa;
+        const uint32_t d = bigExp - smallExp;
+        if (d > 16) {
+            exponent = bigExp;
+            mantissa = bigMan;
+            return 0;
+        }
+        uint32_t m = bigMan + (smallMan >> d);
+        uint32_t e = bigExp;
+        if (m >= 65536u) {
+            m >>= 1;
+            if (++e > 255u) return MSFLOAT_OVERFLOW;  // unchanged
+        }
+        exponent = e;
+        mantissa = m;
+        return 0;
     }
     void Store(MSFLOAT *out) const {
         out->sign = static_cast<int8_t>(sign);
