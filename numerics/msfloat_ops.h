@@ -247,7 +247,7 @@ struct Sum {
         mantissa = m;
         return 0;
     }
-    void Add(const MSFLOAT &b) { (void)Add(b.sign, b.exponent, b.mantissa); }
+    [[gnu::always_inline]] void Add(const MSFLOAT &b) { (void)Add(b.sign, b.exponent, b.mantissa); }
     // Add for a term that is zero or positive and normalised (I2F of a non-negative
     // integer) into a sum of such terms: the same result without the tests of signs
     // and normalisation.
@@ -313,7 +313,7 @@ inline int8_t PlusEq(MSFLOAT *a, int8_t bs, uint8_t be, uint16_t bm) {
 
 inline int8_t OpPlusEq(MSFLOAT *a, const MSFLOAT *b) { return PlusEq(a, b->sign, b->exponent, b->mantissa); }
 
-inline int8_t OpMinusEq(MSFLOAT *a, const MSFLOAT *b) {
+[[gnu::always_inline]] inline int8_t OpMinusEq(MSFLOAT *a, const MSFLOAT *b) {
     const int8_t negated = static_cast<int8_t>(static_cast<uint8_t>(0u - static_cast<uint8_t>(b->sign)));
     return PlusEq(a, negated, b->exponent, b->mantissa);
 }
