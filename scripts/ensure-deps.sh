@@ -10,6 +10,7 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev   # tests and benchmarks
   "android-liblog-dev:$arch"             # the Android logging library the library links
   binutils                               # readelf/nm/objdump for the contract checks
+  clang-format                           # the tree's one style (.clang-format, scripts/check-format.sh)
   gnuplot-nox                            # the demo's plot
   pkgconf dpkg-dev                       # install test (pkg-config), packages (dpkg-architecture)
   valgrind                               # exact instruction counts on x86-64 (bench/icount)
