@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Checks that the integer-only units compiled to integer code: their disassembly holds
-# no floating-point instruction (VFP on ARM, SSE/x87 on x86-64) and no call to the
+# no floating-point instruction (VFP on ARM, SSE/x87 arithmetic on x86-64) and no call to the
 # compiler's floating-point helpers, which is how a soft-float target (armel) does
 # float and double arithmetic without an FPU.
 # Usage: check_integer_only.sh OBJDUMP "OBJECTS;..." UNIT...   (units relative to the tree)
@@ -8,7 +8,9 @@ set -uo pipefail
 objdump=$1 objects=$2; shift 2
 fail=0
 helpers='__aeabi_(f|d|[ilu]+2[fd]|[fd]2)[a-z0-9]*|__(add|sub|mul|div|neg|cmp|eq|ne|lt|le|gt|ge|unord)[sdt]f[23]|__(float|fix|extend|trunc)[a-z]*[sdt]f[a-z0-9]*'
-fpinsn='\bv(add|sub|mul|div|neg|abs|sqrt|cmp|cvt|ldr|str|mov|push|pop|ld|st|mla|mls|fma)[a-z0-9.]*|\b(fmrx|fmxr|fmstat)\b|%xmm|%ymm|\bfld|\bfst[p ]|\bfadd|\bfmul|\bfdiv'
+# VFP on ARM; on x86-64 scalar/packed float arithmetic, conversions and x87 (a compiler
+# may move or zero integer blocks through SSE registers: movups, xorps are not floats).
+fpinsn='\bv(add|sub|mul|div|neg|abs|sqrt|cmp|cvt|ldr|str|mov|push|pop|ld|st|mla|mls|fma)[a-z0-9.]*|\b(fmrx|fmxr|fmstat)\b|\b(add|sub|mul|div|sqrt|min|max|round|cmp[a-z]*|u?comi)[sp][sd]\b|\bcvt[a-z0-9]*\b|\bf(ld|st|add|sub|mul|div|ild|ist)[a-z]*\b'
 checked=0
 IFS=';' read -r -a objs <<<"$objects"
 for unit in "$@"; do
@@ -22,7 +24,7 @@ for unit in "$@"; do
   [ -n "$obj" ] || { echo "integer-only: no object for $unit"; fail=1; continue; }
   dis=$("$objdump" -dr --no-show-raw-insn "$obj")
   calls=$(grep -oE "$helpers" <<<"$dis" | sort -u | tr '\n' ' ')
-  insns=$(grep -P '^\s+[0-9a-f]+:\t' <<<"$dis" | cut -f2- | grep -oE "$fpinsn" | sort -u | tr '\n' ' ')
+  insns=$(grep -P '^\s*[0-9a-f]+:\s' <<<"$dis" | cut -f2- | grep -oE "$fpinsn" | sort -u | tr '\n' ' ')
   [ -z "$calls" ] || { echo "integer-only: $unit calls floating-point helpers: $calls"; fail=1; }
   [ -z "$insns" ] || { echo "integer-only: $unit has floating-point instructions: $insns"; fail=1; }
   checked=$((checked + 1))
