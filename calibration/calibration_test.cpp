@@ -26,16 +26,21 @@ struct FrontEnd : ::testing::Test {
 bool same(const KmxAxesData &a, const KmxAxesData &b) { return a.x == b.x && a.y == b.y && a.z == b.z; }
 
 TEST_F(FrontEnd, StatusAndClassifierEdges) {
-    EXPECT_TRUE(g_MsCalibThreshold.ratioMidThreshold == 96 && g_MsCalibEstimator.config.residualThreshold.exponent == 134);
-    EXPECT_TRUE(KmxAxesMsCalibSetStatus(8) == -1 && KmxAxesMsCalibGetStatus() == 0);
-    EXPECT_TRUE(KmxAxesMsCalibSetStatus(7) == 0 && KmxAxesMsCalibGetStatus() == 7);
+    EXPECT_EQ(g_MsCalibThreshold.ratioMidThreshold, 96);
+    EXPECT_EQ(g_MsCalibEstimator.config.residualThreshold.exponent, 134);
+    EXPECT_EQ(KmxAxesMsCalibSetStatus(8), -1);
+    EXPECT_EQ(KmxAxesMsCalibGetStatus(), 0);
+    EXPECT_EQ(KmxAxesMsCalibSetStatus(7), 0);
+    EXPECT_EQ(KmxAxesMsCalibGetStatus(), 7);
     // A ratio equal to its threshold falls to the next class; planar with a smallest ratio
     // of 0 sets weight[0] to 1.
     const struct { int32_t r[2]; int16_t w0, w1; int8_t rc; } dist[] = {
         {{65, 0}, 0, 1, 0}, {{64, 97}, 0, 1024, 0}, {{0, 97}, 1, 1024, 0}, {{64, 96}, 1024, 1024, 2}};
     for (const auto &c : dist) {
         int16_t w[2] = {-7, -7};
-        EXPECT_TRUE(KmxAxesMsCalibCheckDistribution(c.r, w) == c.rc && w[0] == c.w0 && w[1] == c.w1) << c.r[0] << "," << c.r[1];
+        EXPECT_EQ(KmxAxesMsCalibCheckDistribution(c.r, w), c.rc) << c.r[0] << "," << c.r[1];
+        EXPECT_EQ(w[0], c.w0) << c.r[0] << "," << c.r[1];
+        EXPECT_EQ(w[1], c.w1) << c.r[0] << "," << c.r[1];
     }
     const struct { int32_t n[3]; int8_t bits; } normals[] = {{{-1, 1, 0}, 48}, {{1, -2, 0}, 40}, {{0, -3, 3}, 40}, {{1, 1, -2}, 24}, {{INT32_MIN, INT32_MAX, 0}, 48}};
     for (const auto &c : normals) EXPECT_EQ(KmxAxesMsCalibPlanarAxisBits(c.n), c.bits) << c.n[0] << "," << c.n[1];
@@ -51,9 +56,12 @@ TEST_F(FrontEnd, SphereBatchesCalibrateAllThreeAxes) {
         KmxAxesMsCalibDetail detail{};
         ASSERT_EQ(feed(sphere_batch(centre, rng.uniform(100, 160), 1, rng), &detail), 63) << i;
         worst = std::max(worst, distance(offset(), centre));
-        EXPECT_TRUE(detail.ratioMin > 64 && detail.residual >= 0 && detail.residual <= 0x200000) << i;
+        EXPECT_GT(detail.ratioMin, 64) << i;
+        EXPECT_GE(detail.residual, 0) << i;
+        EXPECT_LE(detail.residual, 0x200000) << i;
     }
-    EXPECT_TRUE(KmxAxesMsCalibGetStatus() == 7 && g_MsCalibPlanarValid == 0);
+    EXPECT_EQ(KmxAxesMsCalibGetStatus(), 7);
+    EXPECT_EQ(g_MsCalibPlanarValid, 0);
     EXPECT_LE(worst, 3.0);
     std::printf("sphere batches: worst offset error %.2f counts\n", worst);
 }
@@ -72,7 +80,9 @@ TEST_F(FrontEnd, PlanarBatchFitsThePlaneAndKeepsTheNormalComponent) {
         const KmxAxesData now = offset();
         for (int k = 0; k < 3; ++k)
             EXPECT_NEAR((&now.x)[k], k == n ? (&old.x)[k] : (&centre.x)[k], k == n ? 1 : 3) << n << " axis " << k;
-        EXPECT_TRUE(KmxAxesMsCalibGetStatus() == 5 && g_MsCalibPlanarValid == 1 && g_MsCalibPlanarHistory[7][0] == batch[14].x);
+        EXPECT_EQ(KmxAxesMsCalibGetStatus(), 5);
+        EXPECT_EQ(g_MsCalibPlanarValid, 1);
+        EXPECT_EQ(g_MsCalibPlanarHistory[7][0], batch[14].x);
         // Same plane again, old offset straight off it (alignment above 230): it stays, and
         // the trial of two co-planar batches is not adopted.
         const KmxAxesData off_plane{n == 0 ? 310 : 250, n == 1 ? -120 : -180, n == 2 ? 150 : 90};
@@ -91,13 +101,17 @@ TEST_F(FrontEnd, PerpendicularPlanarBatchesCombineIntoFullCalibration) {
     const Batch xz = circle_batch(centre + Vec{0, -30, 0}, {1, 0, 0}, {0, 0, 1}, std::sqrt(140 * 140 - 900), 1, rng);
     for (bool history : {false, true}) {
         KmxAxesMsCalibInit();
-        EXPECT_TRUE(feed(xy) == 24 && g_MsCalibPlanarValid == 1);
+        EXPECT_EQ(feed(xy), 24);
+        EXPECT_EQ(g_MsCalibPlanarValid, 1);
         g_MsCalibPlanarValid = history;
         KmxAxesMsCalibDetail detail{};
         EXPECT_EQ(feed(xz, &detail), history ? 63 : 40);
         EXPECT_EQ(KmxAxesMsCalibGetStatus(), history ? 7 : 0);
         EXPECT_EQ(g_MsCalibPlanarValid, !history);
-        EXPECT_TRUE(!history || (distance(offset(), centre) <= 3.0 && detail.ratioMin > 64));
+        if (history) {
+            EXPECT_LE(distance(offset(), centre), 3.0);
+            EXPECT_GT(detail.ratioMin, 64);
+        }
     }
     std::printf("two perpendicular circles: offset error %.2f counts\n", distance(offset(), centre));
 }
@@ -133,8 +147,11 @@ TEST_F(FrontEnd, RejectedBatchesReturnTheStatusAndChangeNothing) {
         KmxAxesMsCalibSetOffset(&old);
         KmxAxesMsCalibDetail detail{5, 5, 5};
         EXPECT_EQ(feed(c.batch, &detail), 3) << c.name;
-        EXPECT_TRUE(same(offset(), old) && g_MsCalibPlanarValid == 0) << c.name;
-        EXPECT_TRUE(detail.ratioMin == 0 && detail.ratioMid == 0 && detail.residual == INT32_MAX) << c.name;
+        EXPECT_TRUE(same(offset(), old)) << c.name;
+        EXPECT_EQ(g_MsCalibPlanarValid, 0) << c.name;
+        EXPECT_EQ(detail.ratioMin, 0) << c.name;
+        EXPECT_EQ(detail.ratioMid, 0) << c.name;
+        EXPECT_EQ(detail.residual, INT32_MAX) << c.name;
     }
 }
 

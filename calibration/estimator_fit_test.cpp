@@ -80,15 +80,23 @@ TEST(EstimatorFit, ResultCodesCountersAndRecord) {
         KmxAxesMsCalib02Result r;
         std::memset(&r, 0x5A, sizeof r);
         EXPECT_EQ(run(c, ctx, r), c.code) << c.name;
-        EXPECT_TRUE(ctx.count == c.count && ctx.writeIndex == (c.ring ? 4 : c.count)) << c.name;
+        EXPECT_EQ(ctx.count, c.count) << c.name;
+        EXPECT_EQ(ctx.writeIndex, (c.ring ? 4 : c.count)) << c.name;
         KmxAxesData got;
         KmxAxesMsCalib02_GetOffset(&ctx, &got);
         if (c.code == 0) {
             EXPECT_LE(distance(got, c.centre), 3.0) << c.name;
-            EXPECT_TRUE(r.weights[0] == 0 && r.weights[1] == 1 && r.ratioMin > 64 && r.residual <= c.threshold) << c.name;
+            EXPECT_EQ(r.weights[0], 0) << c.name;
+            EXPECT_EQ(r.weights[1], 1) << c.name;
+            EXPECT_GT(r.ratioMin, 64) << c.name;
+            EXPECT_LE(r.residual, c.threshold) << c.name;
         } else {
-            EXPECT_TRUE(got.x == c.old.x && got.y == c.old.y && got.z == c.old.z) << c.name;
-            EXPECT_TRUE(r.ratioMin == 0 && r.ratioMid == 0 && r.residual == INT32_MAX) << c.name;
+            EXPECT_EQ(got.x, c.old.x) << c.name;
+            EXPECT_EQ(got.y, c.old.y) << c.name;
+            EXPECT_EQ(got.z, c.old.z) << c.name;
+            EXPECT_EQ(r.ratioMin, 0) << c.name;
+            EXPECT_EQ(r.ratioMid, 0) << c.name;
+            EXPECT_EQ(r.residual, INT32_MAX) << c.name;
             EXPECT_EQ(r.eigenVector[1][1], 0x5A5A5A5A) << c.name << ": slots 2..14 are left alone";
         }
     }

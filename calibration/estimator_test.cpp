@@ -24,13 +24,18 @@ TEST(EstimatorBuffer, BatchRestartsRingSlidesLow16BitsKept) {
             const KmxAxesData s{i < 5 ? wide[i] : i, -i, 7};
             KmxAxesMsCalib02_AddToBuffer1(&ctx, &s);
         }
-        EXPECT_TRUE(ctx.count == (ring ? 16 : 1) && ctx.writeIndex == 1 && ctx.buffer[0][0] == 16) << int(ring);
+        EXPECT_EQ(ctx.count, (ring ? 16 : 1)) << int(ring);
+        EXPECT_EQ(ctx.writeIndex, 1) << int(ring);
+        EXPECT_EQ(ctx.buffer[0][0], 16) << int(ring);
         for (int i = 1; i < 5; ++i) EXPECT_EQ(ctx.buffer[i][0], kept[i]) << i;
         const KmxAxesData set{1, 2, 3};  // drops the batch, not the slots
         KmxAxesMsCalib02_SetOffset(&ctx, &set);
         KmxAxesData got{};
         KmxAxesMsCalib02_GetOffset(&ctx, &got);
-        EXPECT_TRUE(ctx.count == 0 && ctx.writeIndex == 0 && got.z == 3 && ctx.buffer[5][1] == -5);
+        EXPECT_EQ(ctx.count, 0);
+        EXPECT_EQ(ctx.writeIndex, 0);
+        EXPECT_EQ(got.z, 3);
+        EXPECT_EQ(ctx.buffer[5][1], -5);
     }
 }
 

@@ -77,14 +77,21 @@ TEST_F(GsGlue, BusTransfersOfStartUpSampleAndRegisterWrites) {
     KmxcDrvRawData raw{{7, 8, 9}, {0, 0, 0}, 10};
     EXPECT_EQ(KmxAxesDrvGsMeasure(&out, &raw), 0);
     EXPECT_EQ(bus_events(), (Lines{"sel 38", "w 02", "r 01 80 C1 7F 41 FF"}));
-    EXPECT_TRUE(raw.gs[0] == -512 && raw.gs[1] == 511 && raw.gs[2] == -3 && out.z == -48);
-    EXPECT_TRUE(raw.ms[0] == 7 && raw.ms[2] == 9 && raw.temperature == 10);  // not the glue's fields
+    EXPECT_EQ(raw.gs[0], -512);
+    EXPECT_EQ(raw.gs[1], 511);
+    EXPECT_EQ(raw.gs[2], -3);
+    EXPECT_EQ(out.z, -48);
+    EXPECT_EQ(raw.ms[0], 7);
+    EXPECT_EQ(raw.ms[2], 9);
+    EXPECT_EQ(raw.temperature, 10);  // not the glue's fields
 
     vphone::fail_call(vphone::Call::Read, 1, EIO);  // a read that delivers nothing: zero vector
     vphone::StderrCapture err;
     EXPECT_EQ(KmxAxesDrvGsMeasure(&out, nullptr), 0);
     EXPECT_EQ(err.text(), "read: Input/output error\n");
-    EXPECT_TRUE(out.x == 0 && out.y == 0 && out.z == 0);
+    EXPECT_EQ(out.x, 0);
+    EXPECT_EQ(out.y, 0);
+    EXPECT_EQ(out.z, 0);
 
     vphone::clear_transcript();  // the count is taken modulo 128: 130 registers are 2
     const uint8_t many[130] = {0x11, 0x22};

@@ -181,7 +181,9 @@ TEST_F(MsPhoneTest, ReadingsAreDecodedAndRangeChecked) {
         EXPECT_EQ(out, c.out) << c.name;
         if (c.rough) continue;
         const uint16_t t = c.result < 0 ? 0 : c.in[3];  // the accelerometer's fields are left alone
-        EXPECT_TRUE(raw.temperature == t && g_Temprature == (c.result < 0 ? 1 : t) && raw.gs[2] == -3) << c.name;
+        EXPECT_EQ(raw.temperature, t) << c.name;
+        EXPECT_EQ(g_Temprature, (c.result < 0 ? 1 : t)) << c.name;
+        EXPECT_EQ(raw.gs[2], -3) << c.name;
     }
 }
 

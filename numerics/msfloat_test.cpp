@@ -108,7 +108,8 @@ TEST(MsfloatProperty, DifferencesWithinGuardBit) {
         const int base = std::min({int(r.exponent), int(b.exponent), a.exponent - 1});  // common unit 2^(base-128)
         const int64_t err = (int64_t(r.mantissa) << (r.exponent - base)) - (exact << (b.exponent - base));
         const int64_t unit = int64_t(1) << (a.exponent - 1 - base);
-        ASSERT_TRUE(err >= -unit && err < unit) << a << b << r;
+        ASSERT_GE(err, -unit) << a << b << r;
+        ASSERT_LT(err, unit) << a << b << r;
     }
 }
 

@@ -138,7 +138,8 @@ TEST(IntSqrt, IsTheLargestRootNotAboveTheArgument) {
     std::uniform_int_distribution<uint32_t> any(0, 46341u * 46341 - 1);
     for (int i = 0; i < 20005; ++i) {
         const uint64_t s = i < 5 ? fixed[i] : any(rng), r = KmxAxesLibIntSqrt(static_cast<uint32_t>(s));
-        ASSERT_TRUE(r * r <= s && (r + 1) * (r + 1) > s) << s << " gave " << r;
+        ASSERT_LE(r * r, s) << s << " gave " << r;
+        ASSERT_GT((r + 1) * (r + 1), s) << s << " gave " << r;
     }
 }
 

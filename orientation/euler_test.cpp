@@ -113,9 +113,10 @@ TEST(EulerProperty, RecoversRandomAttitudes) {
         ASSERT_EQ(KmxAxesLibGetEuler(m, angles), 0);
         const double want[3] = {az, up_face ? -ey : (ey >= 0 ? ey - 180 : ey + 180), -ex};
         if (std::any_of(want, want + 3, [](double v) { return std::fabs(v - std::round(v)) < 1e-6; })) continue;
-        for (int i = 0; i < 3; ++i)  // truncated toward zero, keeping the sign of a zero result
-            EXPECT_TRUE(angles[i] == std::trunc(want[i]) && std::signbit(angles[i]) == std::signbit(want[i]))
-                << i << ": " << angles[i] << " for " << want[i];
+        for (int i = 0; i < 3; ++i) {  // truncated toward zero, keeping the sign of a zero result
+            EXPECT_EQ(angles[i], std::trunc(want[i])) << i << ": " << angles[i] << " for " << want[i];
+            EXPECT_EQ(std::signbit(angles[i]), std::signbit(want[i])) << i << ": " << angles[i] << " for " << want[i];
+        }
         ++checked;
     }
     std::printf("worst orthonormality error %.3g, %d attitudes\n", worst_orthonormal, checked);

@@ -29,7 +29,11 @@ TEST(Init, ZeroesOffsetsFreesTheFilterAndKeepsTheHeadingHistory) {
     KmxAxesData back[2] = {ms, gs};
     KmxAxesLibGetMsOffset(&back[0]);
     KmxAxesLibGetGsOffset(&back[1]);
-    for (const auto &b : back) EXPECT_TRUE(b.x == 0 && b.y == 0 && b.z == 0) << b.x << "," << b.y << "," << b.z;
+    for (const auto &b : back) {
+        EXPECT_EQ(b.x, 0) << b.x << "," << b.y << "," << b.z;
+        EXPECT_EQ(b.y, 0) << b.x << "," << b.y << "," << b.z;
+        EXPECT_EQ(b.z, 0) << b.x << "," << b.y << "," << b.z;
+    }
     EXPECT_EQ(KmxAxesLibGetAzimuthFiltered(0.0, &out), 0);
     EXPECT_EQ(out, 0.0);  // free again: the input comes back, not the held 3
     for (const auto &[attitude, want] : {std::pair{&east, 108}, {&none, 73}}) {

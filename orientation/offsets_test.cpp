@@ -13,11 +13,14 @@ TEST(Offsets, StartAtZeroAndAreSetIndependently) {
     const KmxAxesData zero{0, 0, 0}, new_ms{5, -6, 7}, new_gs{-1, 2, -3};
     KmxAxesData ms{1, 1, 1}, gs{1, 1, 1};
     EXPECT_EQ(KmxAxesLibGetMsOffset(&ms) | KmxAxesLibGetGsOffset(&gs), 0);
-    EXPECT_TRUE(same(ms, zero) && same(gs, zero));
+    EXPECT_TRUE(same(ms, zero));
+    EXPECT_TRUE(same(gs, zero));
     EXPECT_EQ(KmxAxesLibSetGsOffset(&new_gs) | KmxAxesLibSetMsOffset(&new_ms), 0);
     KmxAxesLibGetMsOffset(&ms);
     KmxAxesLibGetGsOffset(&gs);
-    EXPECT_TRUE(same(ms, new_ms) && same(gs, new_gs) && same(g_AxesLib.msOffset, new_ms));
+    EXPECT_TRUE(same(ms, new_ms));
+    EXPECT_TRUE(same(gs, new_gs));
+    EXPECT_TRUE(same(g_AxesLib.msOffset, new_ms));
     KmxAxesLibInit();
 }
 

@@ -33,8 +33,9 @@ TEST(RecalcMsOffset, AppliesEachStepResponseOncePerStep) {
         KmxAxesData in{1000, 2000, 3000}, out{};
         KmxAxesData *to = c.in_place ? &in : &out;
         EXPECT_EQ(KmxAxesLibRecalcMsOffset(&in, to, c.from.data(), c.to.data()), 0) << c.name;
-        EXPECT_TRUE(to->x == c.expected.x && to->y == c.expected.y && to->z == c.expected.z)
-            << c.name << ": " << to->x << "," << to->y << "," << to->z;
+        EXPECT_EQ(to->x, c.expected.x) << c.name << ": " << to->x << "," << to->y << "," << to->z;
+        EXPECT_EQ(to->y, c.expected.y) << c.name << ": " << to->x << "," << to->y << "," << to->z;
+        EXPECT_EQ(to->z, c.expected.z) << c.name << ": " << to->x << "," << to->y << "," << to->z;
     }
 
     // A null pointer in any of the four places is refused and out is left alone.
@@ -46,7 +47,9 @@ TEST(RecalcMsOffset, AppliesEachStepResponseOncePerStep) {
                                            null_at == 2 ? nullptr : from.data(), null_at == 3 ? nullptr : to.data()),
                   -1)
             << null_at;
-        EXPECT_TRUE(out.x == 7 && out.y == 8 && out.z == 9) << null_at;
+        EXPECT_EQ(out.x, 7) << null_at;
+        EXPECT_EQ(out.y, 8) << null_at;
+        EXPECT_EQ(out.z, 9) << null_at;
     }
     *KmxcDrvHandle() = saved;
     g_Temprature = saved_temperature;

@@ -76,7 +76,8 @@ TEST_F(ChargerOffsetTest, ProfileLineFillsTheTriplesUpToTheFirstNull) {
         EXPECT_EQ(msmachdep_LoadChargerOffset(c.nulls & 1 ? nullptr : a, c.nulls & 2 ? nullptr : b,
                                               c.nulls & 4 ? nullptr : t, c.nulls & 8 ? nullptr : f),
                   c.result);
-        EXPECT_TRUE(log.lines().empty() && err.text().empty());  // nothing is logged or printed on any path
+        EXPECT_TRUE(log.lines().empty());
+        EXPECT_TRUE(err.text().empty());  // nothing is logged or printed on any path
         EXPECT_EQ(D(a, a + 3), c.first.empty() ? kLeftD : c.first);
         EXPECT_EQ(D(b, b + 3), c.second.empty() ? kLeftD : c.second);
         EXPECT_EQ(I(t, t + 3), c.third.empty() ? kLeftI : c.third);

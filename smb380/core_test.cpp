@@ -35,7 +35,11 @@ TEST(Smb380WithoutRecord, EveryFunctionReturns129AndTouchesNothing) {
     };
     for (size_t i = 0; i < std::size(calls); ++i) EXPECT_EQ(calls[i](), SMB380_ERR_NULL_DEV) << "call " << i;
     EXPECT_TRUE(g_bus.calls.empty());
-    EXPECT_TRUE(byte == 0x5A && offset == 0x1234 && axis == 77 && accel.z == 3 && image[0] == 0x77);
+    EXPECT_EQ(byte, 0x5A);
+    EXPECT_EQ(offset, 0x1234);
+    EXPECT_EQ(axis, 77);
+    EXPECT_EQ(accel.z, 3);
+    EXPECT_EQ(image[0], 0x77);
     attach();  // writing the EEPROM needs the wait callback too
     g_dev.sleep_fn = nullptr;
     EXPECT_EQ(smb380_write_ee(0x16, 1), SMB380_ERR_NULL_DEV);
@@ -49,7 +53,9 @@ TEST(Smb380Init, StoresIdentificationFieldsAndSumsTheTwoReads) {
     EXPECT_EQ(smb380_init(&g_dev), 3);
     EXPECT_EQ(p_smb380, &g_dev);
     EXPECT_EQ(g_dev.slave_address, SMB380_SLAVE_ADDRESS);
-    EXPECT_TRUE(g_dev.chip_id == 2 && g_dev.version_low == 7 && g_dev.version_high == 10);
+    EXPECT_EQ(g_dev.chip_id, 2);
+    EXPECT_EQ(g_dev.version_low, 7);
+    EXPECT_EQ(g_dev.version_high, 10);
     EXPECT_EQ(g_bus.calls, (std::vector<Call>{R(0x80, {0xFA}), R(0x81, {0xA7})}));
 }
 

@@ -37,7 +37,11 @@ TEST(Smb380Readout, XyzTemperatureAndStatusAreSingleReads) {
         {"status: raw byte", {{0x09, 0x81}}, [&] { return smb380_get_interrupt_status(&s); }, {R(0x89, {0x81})}, 1},
     };
     for (const auto &c : cases) check(c);
-    EXPECT_TRUE(a.x == -512 && a.y == 511 && a.z == -3 && t == 0xFF && s == 0x81) << a.x << "," << a.y << "," << a.z;
+    EXPECT_EQ(a.x, -512) << a.x << "," << a.y << "," << a.z;
+    EXPECT_EQ(a.y, 511) << a.x << "," << a.y << "," << a.z;
+    EXPECT_EQ(a.z, -3) << a.x << "," << a.y << "," << a.z;
+    EXPECT_EQ(t, 0xFF) << a.x << "," << a.y << "," << a.z;
+    EXPECT_EQ(s, 0x81) << a.x << "," << a.y << "," << a.z;
 }
 
 // Leaves recognisable junk on the stack where the next call's locals will live.

@@ -59,7 +59,8 @@ TEST(Smb380Settings, EveryFieldSetterChangesOnlyItsFieldAndReadsBack) {
             g_bus.results = whole ? std::vector<int8_t>{2} : std::vector<int8_t>{1, 2};
             const int32_t result = f.set(static_cast<uint8_t>(arg));
             if (arg > f.max_arg) {
-                EXPECT_TRUE(result == 0 && g_bus.calls.empty()) << arg;
+                EXPECT_EQ(result, 0) << arg;
+                EXPECT_TRUE(g_bus.calls.empty()) << arg;
                 continue;
             }
             EXPECT_EQ(result, whole || f.set == smb380_set_any_motion_count ? 2 : 3);

@@ -49,7 +49,8 @@ TEST(Options, ValuesReachTheSettingsInBothSpellings)
     EXPECT_EQ(o.scenario.field_uT, 65) << "the last one counts; range ends are allowed";
     EXPECT_EQ(o.scenario.declination_deg, 12.5);
     EXPECT_EQ(o.scenario.hard_iron_uT, (Vec3{-1, 2.5, 3}));
-    EXPECT_TRUE(o.scenario.profile == 3 && o.scenario.seed == 99u);
+    EXPECT_EQ(o.scenario.profile, 3);
+    EXPECT_EQ(o.scenario.seed, 99u);
     EXPECT_TRUE(o.fresh);
     EXPECT_EQ(o.rate_hz, 100);
     EXPECT_EQ(parse_options({"--replay", "r.csv"}).options.sandbox, "out/replay-sandbox")
