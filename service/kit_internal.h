@@ -1,0 +1,110 @@
+// The sensor-service kit's own state and the rules its units share (C++ only, hidden
+// in libkmxc_service.so). Integer arithmetic only: these units are built without
+// floating-point registers.
+#ifndef KMXC_SERVICE_KIT_INTERNAL_H
+#define KMXC_SERVICE_KIT_INTERNAL_H
+
+#include <stdint.h>
+
+#include "orientation/orientation.h"
+#include "service/kmxc_service.h"
+
+namespace kmxc_kit {
+
+// The library's calibration file, read here only to check that it is well formed.
+constexpr const char *kCalibrationFile = "/misc/sensor/kmxc_orvane.cfg";
+constexpr int32_t kUnknownOffset = 2147483647; // the file's "not known" magnetic offset
+// Corrected magnetometer counts per microtesla: 0.4 uT per count.
+constexpr int32_t kCountsPer10uT = 25;
+constexpr int32_t kGravityCounts = 4096; // 1 g
+// The calibration's other two thresholds stay at the library's defaults.
+constexpr int16_t kRatioMidThreshold = 96;
+constexpr int32_t kResidualThreshold = 0x200000;
+
+struct Vec {
+    int32_t x, y, z;
+};
+
+struct State {
+    bool started;
+    uint32_t rate_hz;
+    uint8_t rough[3];
+    KmxAxesData stored;        // the magnetic offset the file holds (kUnknownOffset: none)
+    bool offset_trusted;       // a 3-D fit of this run, or a confirmed stored offset
+    bool stored_pending;       // a stored offset waits for confirmation
+    int8_t base_accuracy;      // accuracy without anomaly
+    bool reference;            // ref_strength and ref_dip hold values
+    int32_t ref_strength;      // |field| counts, reference
+    int32_t ref_dip;           // 1000 cos(field, gravity), reference
+    bool ref_dip_valid;
+    bool in_anomaly;
+    uint8_t anomaly_level_cap; // accuracy limit while in anomaly
+    uint64_t last_anomaly_us;
+    bool rough_changed_once;
+    uint64_t last_rough_change_us;
+    Vec fed[KMXC_SERVICE_FEED_HISTORY];  // the last fed samples (raw field), ring
+    Vec fed_g[KMXC_SERVICE_FEED_HISTORY]; // the gravity of each
+    int fed_count, fed_next;
+    int confirm_count;         // fed samples since start (for the stored offset's check)
+    uint32_t warm_cycles;
+    uint32_t saves, save_failures;
+    bool save_pending;         // a confirmed offset waits to be saved (after a failure)
+    bool file_damaged;         // the start could not reset a damaged calibration file
+    bool file_unchecked;       // the start could not read the calibration file
+};
+
+extern State g_state;
+
+// ---- Rules (kit_rules.cpp) ----------------------------------------------------------
+
+Vec minus(const Vec &a, const KmxAxesData &o);
+int32_t length(const Vec &v);
+// 1000 cos of the angle between field and gravity; 0 when either has no length.
+int32_t dip_cos(const Vec &field, const Vec &gravity);
+
+// Field strengths of the last n fed samples with offset o removed: mean, and whether
+// every one lies within permille of the mean and in the Earth's range. Also the mean
+// dip over the samples taken in steady gravity.
+struct Agreement {
+    int32_t mean;
+    int32_t worst_permille;
+    int64_t spread; // sum of squared deviations from the mean
+    bool in_range;
+    int32_t dip;
+    bool dip_valid;
+};
+Agreement agreement(const KmxAxesData &o, int n);
+
+// Far enough from each of the last few fed samples to be fed.
+bool passes_gate(const Vec &m);
+void remember_fed(const Vec &m, const Vec &g);
+
+// A 3-D fit published offset o: judge it by its batch (the last fed samples).
+void on_fit(const KmxAxesData &o, KmxcServiceEvent *e);
+// A stored offset waits for confirmation: enough fed samples that agree with it.
+void try_confirm(const KmxAxesData &o, KmxcServiceEvent *e);
+// Anomaly causes of this sample against the reference.
+uint8_t anomaly_of(const Vec &g, int32_t strength, int32_t dip);
+int8_t accuracy_now(uint64_t now);
+
+// ---- Persistence (kit_file.cpp) -----------------------------------------------------
+
+// The calibration file as the kit finds it: one line of nine comma-separated decimal
+// integers, as the library writes it; missing (the library creates it with defaults);
+// damaged (anything else); or unreadable just now (it may be fine).
+enum class FileState { kWellFormed, kMissing, kDamaged, kUnreadable };
+FileState file_state();
+bool same(const KmxAxesData &a, const KmxAxesData &b);
+// A reset (the library's, which returns nothing) took when the file is then whole and
+// loads.
+bool reset_file();
+// Saves offset as the stored magnetic offset and reads it back.
+bool save_offset(const KmxAxesData &offset);
+bool save_rough(const uint8_t rough[3]);
+// Measure a new rough offset; carry the library's offset, the calibration's and the
+// stored one over to it.
+bool change_rough_offset(KmxcServiceEvent *e);
+
+}  // namespace kmxc_kit
+
+#endif  // KMXC_SERVICE_KIT_INTERNAL_H
