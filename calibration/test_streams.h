@@ -7,6 +7,7 @@
 #include <cmath>
 #include <cstdint>
 
+#include "numerics/splitmix.h"
 #include "orientation/orientation.h"
 
 namespace calib_test {
@@ -20,14 +21,7 @@ inline Vec operator*(double s, Vec a) { return {s * a.x, s * a.y, s * a.z}; }
 inline double dot(Vec a, Vec b) { return a.x * b.x + a.y * b.y + a.z * b.z; }
 inline double distance(const KmxAxesData &a, Vec b) { return std::hypot(a.x - b.x, a.y - b.y, a.z - b.z); }
 
-struct Rng {  // splitmix64: identical on every compiler and standard library
-    uint64_t state;
-    uint64_t next() {
-        uint64_t z = (state += 0x9E3779B97F4A7C15ull);
-        z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9ull;
-        z = (z ^ (z >> 27)) * 0x94D049BB133111EBull;
-        return z ^ (z >> 31);
-    }
+struct Rng : SplitMix64 {
     double uniform(double lo, double hi) { return lo + (hi - lo) * static_cast<double>(next() >> 11) * 0x1.0p-53; }
     int32_t integer(int32_t lo, int32_t hi) { return lo + static_cast<int32_t>(next() % uint64_t(int64_t{hi} - lo + 1)); }
     KmxAxesData sample(Vec p, int32_t noise) {

@@ -156,23 +156,19 @@ extern "C" int8_t MSFLOAT_Sqrt(MSFLOAT *a) {
         SetZero(a);
         return 0;
     }
-    const uint32_t m = a->mantissa;
-    const uint32_t e = a->exponent;
-    const uint32_t odd = e & 1u;
-    const uint32_t target = m << 16;
-    if (odd != 0 && m >= 65534u) {
+    const uint32_t m = a->mantissa, e = a->exponent, odd = e & 1u;
+    uint32_t g;
+    if (odd == 0) {
+        g = IntegerSqrt(m << 16);  // at most 65535
+    } else if (m >= 65534u) {
         // The root lies above what the scaled search can reach.
         a->mantissa = 46340;
         a->exponent = static_cast<uint8_t>((e >> 1) + 57u);
         return 0;
-    }
-    uint32_t g;
-    if (odd == 0) {
-        g = IntegerSqrt(target);  // at most 65535
     } else {
-        // 2 r^2 <= target exactly when r <= R; the largest g with r(g) <= R follows,
+        // 2 r^2 <= m * 65536 exactly when r <= R; the largest g with r(g) <= R follows,
         // (R + 1) * 65536 staying below 2^32 as R <= 46340.
-        const uint32_t R = IntegerSqrt(target >> 1);
+        const uint32_t R = IntegerSqrt((m << 16) >> 1);
         g = (((R + 1u) << 16) - 1u) / 46340u;
         if (g > 65535u) g = 65535u;
     }

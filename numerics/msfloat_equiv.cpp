@@ -3,20 +3,12 @@
 #include "numerics/msfloat_ops.h"
 #include "numerics/msfloat_reference.h"
 #include "numerics/numerics.h"
+#include "numerics/splitmix.h"
 
 namespace msfloat_equiv {
 namespace {
 
-struct Rng {  // splitmix64: the same sequence on every target
-    uint64_t state;
-    uint64_t next() {
-        uint64_t z = (state += 0x9E3779B97F4A7C15ull);
-        z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9ull;
-        z = (z ^ (z >> 27)) * 0x94D049BB133111EBull;
-        return z ^ (z >> 31);
-    }
-    uint32_t below(uint32_t n) { return static_cast<uint32_t>(next() % n); }
-};
+using Rng = SplitMix64;
 
 // Exponents where statuses change and conversions start or stop.
 constexpr uint8_t kEdgeExponents[] = {0, 1, 2, 55, 56, 57, 110, 111, 112, 113, 114, 127,

@@ -212,11 +212,9 @@ struct Sum {
             return status;
         }
         if (sign == bs) return AddSameSign(be, bm);
-        const bool aBig = exponent > be || (exponent == be && mantissa > bm);  // a tie: big is b
+        uint32_t bigExp, bigMan, smallMan, d;
+        const bool aBig = Order(be, bm, bigExp, bigMan, smallMan, d);
         const int32_t bigSign = aBig ? sign : bs;
-        const uint32_t bigExp = aBig ? exponent : be, smallExp = aBig ? be : exponent;
-        const uint32_t bigMan = aBig ? mantissa : bm, smallMan = aBig ? bm : mantissa;
-        const uint32_t d = bigExp - smallExp;
         if (d > 16) {
             sign = bigSign;
             exponent = bigExp;
@@ -275,12 +273,21 @@ struct Sum {
     void Subtract(const MSFLOAT &b) {
         (void)Add(static_cast<int8_t>(static_cast<uint8_t>(0u - static_cast<uint8_t>(b.sign))), b.exponent, b.mantissa);
     }
+    // The sum and b by magnitude (a tie: big is b) and their exponents' distance;
+    // whether the sum is the bigger.
+    [[gnu::always_inline]] bool Order(uint32_t be, uint32_t bm, uint32_t &bigExp, uint32_t &bigMan, uint32_t &smallMan,
+                                      uint32_t &d) const {
+        const bool aBig = exponent > be || (exponent == be && mantissa > bm);
+        bigExp = aBig ? exponent : be;
+        bigMan = aBig ? mantissa : bm;
+        smallMan = aBig ? bm : mantissa;
+        d = bigExp - (aBig ? be : exponent);
+        return aBig;
+    }
     // Two normalised operands of one sign: no borrow, at most one carry.
     [[gnu::always_inline]] int8_t AddSameSign(uint32_t be, uint32_t bm) {
-        const bool aBig = exponent > be || (exponent == be && mantissa > bm);
-        const uint32_t bigExp = aBig ? exponent : be, smallExp = aBig ? be : exponent;
-        const uint32_t bigMan = aBig ? mantissa : bm, smallMan = aBig ? bm : mantissa;
-        const uint32_t d = bigExp - smallExp;
+        uint32_t bigExp, bigMan, smallMan, d;
+        (void)Order(be, bm, bigExp, bigMan, smallMan, d);
         if (d > 16) {
             exponent = bigExp;
             mantissa = bigMan;
