@@ -10,6 +10,7 @@
 
 #include "calibration/calibration_internal.h"
 #include "drivers/drivers.h"
+#include "drivers/typical_chip.h"
 #include "orientation/orientation.h"
 
 namespace {
@@ -107,12 +108,7 @@ int main() {
     const int8_t fit = g_code;
 
     // A cycle: correction, a calibration sample that only fills the batch, heading.
-    KmxcDrvState &st = *KmxcDrvHandle();
-    const int16_t correction[9] = {100, -32, -8, -32, 38, -32, -32, -32, 66};
-    for (int i = 0; i < 9; ++i) st.correction[i] = correction[i];
-    st.tempCoef[0] = 10;
-    st.tempCoef[1] = -10;
-    st.tempCoef[2] = 3;
+    load_typical_chip_coefficients();
     g_MsCalibEstimator.count = g_MsCalibEstimator.writeIndex = 3;
     measure(icount_case_cycle);
     const int8_t cycle = g_code;
