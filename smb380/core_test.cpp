@@ -85,8 +85,6 @@ TEST(Smb380Core, SequencesMakeExactlyTheseTransfersAndSumTheseResults) {
          {R(0x95, {0x00}), W(0x15, {0x40}), W(0x19, {0x00})}, 7},
         {"offset EEPROM cells, 34 ms each", {{0x17, 0x2A}}, [] { return smb380_set_offset_eeprom(1, 0x2C6); },
          {R(0x97, {0x2A}), W(0x37, {0xAA}), S(34), W(0x3B, {0xB1}), S(34)}, 7},
-        {"selftest drops code bits above 1", {{0x0A, 0xF3}}, [] { return smb380_selftest(7); },
-         {R(0x8A, {0xF3}), W(0x0A, {0xFF})}, 3},
         {"read_reg sets bit 7", {{0x40, 9}, {0x41, 8}}, [&] { return smb380_read_reg(0x40, buf, 2); },
          {R(0xC0, {9, 8})}, 1},
         {"write_reg passes straight", {}, [] { return smb380_write_reg(0x0C, kImage, 3); },

@@ -40,6 +40,7 @@ const Field kFields[] = {
     {"high_g_threshold", smb380_set_high_g_threshold, smb380_get_high_g_threshold, 0x0E, 0xFF, 255},
     {"high_g_duration", smb380_set_high_g_duration, smb380_get_high_g_duration, 0x0F, 0xFF, 255},
     {"any_motion_threshold", smb380_set_any_motion_threshold, smb380_get_any_motion_threshold, 0x10, 0xFF, 255},
+    {"selftest", smb380_selftest, nullptr, 0x0A, 0x0C, 255},
 };
 
 int lowest_bit(uint8_t mask) { return __builtin_ctz(mask); }
