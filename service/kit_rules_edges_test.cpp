@@ -1,0 +1,69 @@
+// The kit's rules at their thresholds, on hand-placed samples (no phone): the feed gate,
+// the Earth's-field range and the strength anomaly each decide exactly at their limit.
+#include <gtest/gtest.h>
+
+#include "service/kit_internal.h"
+
+namespace kmxc_kit {
+State g_state;  // the rules' state, here the test's own
+}  // namespace kmxc_kit
+
+namespace {
+
+using namespace kmxc_kit;
+
+void feed(std::initializer_list<Vec> samples) {
+    g_state = State{};
+    for (const Vec &m : samples) remember_fed(m, Vec{0, 0, -4096});
+}
+
+TEST(KitRuleEdges, TheGateOpensAtExactlyItsDistanceFromEachOfTheLastFewFed) {
+    static_assert(KMXC_SERVICE_FEED_MIN_CHANGE == 32 && KMXC_SERVICE_FEED_GATE_HISTORY == 4);
+    const struct {
+        const char *name;
+        std::initializer_list<Vec> fed;
+        Vec candidate;
+        bool passes;
+    } cases[] = {
+        {"nothing fed yet", {}, {0, 0, 0}, true},
+        {"exactly 32 counts along an axis", {{100, 0, 0}}, {132, 0, 0}, true},
+        {"31 counts", {{100, 0, 0}}, {131, 0, 0}, false},
+        {"exactly 32 counts, negative axis", {{0, 0, 0}}, {0, 0, -32}, true},
+        {"just over 32 on a diagonal (19, 19, 19)", {{0, 0, 0}}, {19, 19, 19}, true},
+        {"just under 32 on a diagonal (18, 18, 18)", {{0, 0, 0}}, {18, 18, 18}, false},
+        {"near the fourth-last fed", {{0, 0, 0}, {100, 0, 0}, {200, 0, 0}, {300, 0, 0}}, {10, 0, 0}, false},
+        {"near only the fifth-last fed", {{0, 0, 0}, {100, 0, 0}, {200, 0, 0}, {300, 0, 0}, {400, 0, 0}},
+         {10, 0, 0}, true},
+    };
+    for (const auto &c : cases) {
+        feed(c.fed);
+        EXPECT_EQ(passes_gate(c.candidate), c.passes) << c.name;
+    }
+}
+
+// 0.4 uT per count: 10 uT is 25 counts, 100 uT is 250; the strength anomaly is more
+// than 150 thousandths from the reference.
+TEST(KitRuleEdges, RangeAndStrengthAnomaliesStartJustPastTheirLimits) {
+    const struct {
+        int32_t reference, strength;
+        uint8_t causes;
+    } cases[] = {
+        {0, 25, 0},
+        {0, 24, KMXC_SERVICE_ANOMALY_RANGE},
+        {0, 250, 0},
+        {0, 251, KMXC_SERVICE_ANOMALY_RANGE},
+        {200, 230, 0},
+        {200, 231, KMXC_SERVICE_ANOMALY_STRENGTH},
+        {200, 170, 0},
+        {200, 169, KMXC_SERVICE_ANOMALY_STRENGTH},
+    };
+    for (const auto &c : cases) {
+        g_state = State{};
+        g_state.reference = c.reference != 0;
+        g_state.ref_strength = c.reference;
+        EXPECT_EQ(anomaly_of(Vec{0, 0, -4096}, c.strength, 0), c.causes)
+            << "reference " << c.reference << ", strength " << c.strength;
+    }
+}
+
+}  // namespace
