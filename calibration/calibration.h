@@ -57,35 +57,35 @@ typedef int8_t (*KmxAxesMsCalibCheckDistributionFunc)(const int32_t *ratios, int
 
 /* Estimator configuration, copied into each context by KmxAxesMsCalib02_Init. */
 typedef struct KmxAxesMsCalib02Config {
-    uint8_t skipPeriod;                                     /* one sample in skipPeriod is used */
-    int32_t minEigen;                                       /* floor for the largest eigenvalue */
-    KmxAxesMsCalibCheckDistributionFunc checkDistribution;  /* batch classifier */
-    int8_t ringMode;                                        /* 0 batches, else sliding window of 16 */
-    uint8_t initialSkipCounter;                             /* start of the decimation counter */
-    MSFLOAT residualThreshold;                              /* largest accepted residual */
+    uint8_t skipPeriod;                                    /* one sample in skipPeriod is used */
+    int32_t minEigen;                                      /* floor for the largest eigenvalue */
+    KmxAxesMsCalibCheckDistributionFunc checkDistribution; /* batch classifier */
+    int8_t ringMode;                                       /* 0 batches, else sliding window of 16 */
+    uint8_t initialSkipCounter;                            /* start of the decimation counter */
+    MSFLOAT residualThreshold;                             /* largest accepted residual */
 } KmxAxesMsCalib02Config;
 
 /* Estimator state; owned by its user, the estimator keeps no pointers. */
 typedef struct KmxAxesMsCalib02Context {
-    int16_t buffer[16][3];          /* the batch, x, y, z; never cleared by counter resets */
-    uint8_t skipCounter;            /* decimation counter */
-    int8_t count;                   /* valid samples in buffer, 0..capacity */
-    int8_t capacity;                /* 16 */
-    int8_t writeIndex;              /* slot of the next sample, 0..capacity */
-    KmxAxesData offset;             /* current offset estimate */
-    KmxAxesMsCalib02Config config;  /* private copy of the configuration */
-    MSFLOAT minEigenValue;          /* MSFLOAT of config.minEigen */
+    int16_t buffer[16][3];         /* the batch, x, y, z; never cleared by counter resets */
+    uint8_t skipCounter;           /* decimation counter */
+    int8_t count;                  /* valid samples in buffer, 0..capacity */
+    int8_t capacity;               /* 16 */
+    int8_t writeIndex;             /* slot of the next sample, 0..capacity */
+    KmxAxesData offset;            /* current offset estimate */
+    KmxAxesMsCalib02Config config; /* private copy of the configuration */
+    MSFLOAT minEigenValue;         /* MSFLOAT of config.minEigen */
 } KmxAxesMsCalib02Context;
 
 /* Report of one estimator step: 16 int32 slots. Only code 0 fills it completely; every
  * step sets ratioMin = ratioMid = 0 and residual = 2147483647 first. */
 typedef struct KmxAxesMsCalib02Result {
-    int32_t ratioMin;             /* slot 0: F2I(1024 * lambda2 / lambda0) */
-    int32_t ratioMid;             /* slot 1: F2I(1024 * lambda1 / lambda0) */
-    int16_t weights[2];           /* slot 2: the classifier's weights, weights[0] first */
-    MSFLOAT eigenValue[3];        /* slots 3..5: lambda0 >= lambda1 >= lambda2, as stored */
-    int32_t eigenVector[3][3];    /* slots 6..14: e0, e1, e2, each x, y, z in Q14 */
-    int32_t residual;             /* slot 15: F2I of the fit's residual */
+    int32_t ratioMin;          /* slot 0: F2I(1024 * lambda2 / lambda0) */
+    int32_t ratioMid;          /* slot 1: F2I(1024 * lambda1 / lambda0) */
+    int16_t weights[2];        /* slot 2: the classifier's weights, weights[0] first */
+    MSFLOAT eigenValue[3];     /* slots 3..5: lambda0 >= lambda1 >= lambda2, as stored */
+    int32_t eigenVector[3][3]; /* slots 6..14: e0, e1, e2, each x, y, z in Q14 */
+    int32_t residual;          /* slot 15: F2I of the fit's residual */
 } KmxAxesMsCalib02Result;
 
 #ifdef __cplusplus

@@ -16,11 +16,11 @@ extern "C" {
 
 /* ---- Front-end state (single instance, zero before KmxAxesMsCalibInit) ---------- */
 extern KmxAxesMsCalibThreshold g_MsCalibThreshold; /* as last set; ratios read per batch */
-extern uint8_t g_MsCalibStatus;                     /* 0..7 */
-extern KmxAxesMsCalib02Context g_MsCalibEstimator;  /* the main estimator */
-extern KmxAxesMsCalib02Config g_MsCalibConfig;      /* main and trial estimators' config */
-extern uint8_t g_MsCalibPlanarValid;                /* 1: history holds the last planar batch */
-extern int16_t g_MsCalibPlanarHistory[8][3];        /* every second sample of that batch */
+extern uint8_t g_MsCalibStatus;                    /* 0..7 */
+extern KmxAxesMsCalib02Context g_MsCalibEstimator; /* the main estimator */
+extern KmxAxesMsCalib02Config g_MsCalibConfig;     /* main and trial estimators' config */
+extern uint8_t g_MsCalibPlanarValid;               /* 1: history holds the last planar batch */
+extern int16_t g_MsCalibPlanarHistory[8][3];       /* every second sample of that batch */
 
 /* Axis bits of a planar result for a plane normal (x, y, z): 48 normal along x, 40
  * along y, 24 along z. The largest magnitude wins; ties go to the lower axis. */
@@ -37,13 +37,12 @@ extern const MSFLOAT MSFLOAT_1div1024;
  *   vector  b = sum d (|d|^2 - R2) / 2, R2 the mean of |d|^2
  *   scalar  s = sum ((|d|^2 - R2) / 2)^2
  * n <= 0 yields all zeros. Returns 0. */
-int8_t KmxAxesMsCalib02_CalcStatistics(const int16_t (*samples)[3], int8_t n, KmxAxesData *centre,
-                                       MSFLOAT *matrix, MSFLOAT *vector, MSFLOAT *scalar);
+int8_t KmxAxesMsCalib02_CalcStatistics(const int16_t (*samples)[3], int8_t n, KmxAxesData *centre, MSFLOAT *matrix,
+                                       MSFLOAT *vector, MSFLOAT *scalar);
 
 /* Residual of the unconstrained fit, s - b.M^+ b, over the eigenpairs of M (eigenvalues
  * of 2^-10 or less left out) into *residual. */
-void KmxAxesMsCalib02_CalcResidual(const MSFLOAT *b, const MsEigenPair *pairs, const MSFLOAT *s,
-                                   MSFLOAT *residual);
+void KmxAxesMsCalib02_CalcResidual(const MSFLOAT *b, const MsEigenPair *pairs, const MSFLOAT *s, MSFLOAT *residual);
 
 /* 256 cos^2 of the angle between the plane normal e (Q14) and the old offset's
  * difference from the new offset moved along e into the samples' plane; 257 when that

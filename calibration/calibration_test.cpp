@@ -20,7 +20,10 @@ struct FrontEnd : ::testing::Test {
             EXPECT_EQ(KmxAxesMsCalibUpdateDetail(&batch[i], detail), KmxAxesMsCalibGetStatus());
         return KmxAxesMsCalibUpdateDetail(&batch.back(), detail);
     }
-    static KmxAxesData offset() { KmxAxesData o; return KmxAxesMsCalibGetOffset(&o), o; }
+    static KmxAxesData offset() {
+        KmxAxesData o;
+        return KmxAxesMsCalibGetOffset(&o), o;
+    }
 };
 
 bool same(const KmxAxesData &a, const KmxAxesData &b) { return a.x == b.x && a.y == b.y && a.z == b.z; }
@@ -34,15 +37,22 @@ TEST_F(FrontEnd, StatusAndClassifierEdges) {
     EXPECT_EQ(KmxAxesMsCalibGetStatus(), 7);
     // A ratio equal to its threshold falls to the next class; planar with a smallest ratio
     // of 0 sets weight[0] to 1.
-    const struct { int32_t r[2]; int16_t w0, w1; int8_t rc; } dist[] = {
-        {{65, 0}, 0, 1, 0}, {{64, 97}, 0, 1024, 0}, {{0, 97}, 1, 1024, 0}, {{64, 96}, 1024, 1024, 2}};
+    const struct {
+        int32_t r[2];
+        int16_t w0, w1;
+        int8_t rc;
+    } dist[] = {{{65, 0}, 0, 1, 0}, {{64, 97}, 0, 1024, 0}, {{0, 97}, 1, 1024, 0}, {{64, 96}, 1024, 1024, 2}};
     for (const auto &c : dist) {
         int16_t w[2] = {-7, -7};
         EXPECT_EQ(KmxAxesMsCalibCheckDistribution(c.r, w), c.rc) << c.r[0] << "," << c.r[1];
         EXPECT_EQ(w[0], c.w0) << c.r[0] << "," << c.r[1];
         EXPECT_EQ(w[1], c.w1) << c.r[0] << "," << c.r[1];
     }
-    const struct { int32_t n[3]; int8_t bits; } normals[] = {{{-1, 1, 0}, 48}, {{1, -2, 0}, 40}, {{0, -3, 3}, 40}, {{1, 1, -2}, 24}, {{INT32_MIN, INT32_MAX, 0}, 48}};
+    const struct {
+        int32_t n[3];
+        int8_t bits;
+    } normals[] = {
+        {{-1, 1, 0}, 48}, {{1, -2, 0}, 40}, {{0, -3, 3}, 40}, {{1, 1, -2}, 24}, {{INT32_MIN, INT32_MAX, 0}, 48}};
     for (const auto &c : normals) EXPECT_EQ(KmxAxesMsCalibPlanarAxisBits(c.n), c.bits) << c.n[0] << "," << c.n[1];
 }
 
@@ -123,10 +133,12 @@ TEST_F(FrontEnd, FitsArePinnedBitForBit) {
     KmxAxesMsCalibDetail d{};
     EXPECT_EQ(feed(sphere_batch({123, -45, 67}, 140, 2, rng), &d), 63);
     KmxAxesData o = offset();
-    EXPECT_EQ(std::vector<int32_t>({o.x, o.y, o.z, d.ratioMin, d.ratioMid, d.residual}), std::vector<int32_t>({122, -45, 67, 924, 1003, 380824}));
+    EXPECT_EQ(std::vector<int32_t>({o.x, o.y, o.z, d.ratioMin, d.ratioMid, d.residual}),
+              std::vector<int32_t>({122, -45, 67, 924, 1003, 380824}));
     EXPECT_EQ(feed(circle_batch({-60, 30, 90}, {0.6, 0, 0.8}, {0, 1, 0}, 120, 0, rng), &d), 7 | 48);
     o = offset();
-    EXPECT_EQ(std::vector<int32_t>({o.x, o.y, o.z, d.ratioMin, d.ratioMid, d.residual}), std::vector<int32_t>({67, 30, -5, 0, 1020, 32354}));
+    EXPECT_EQ(std::vector<int32_t>({o.x, o.y, o.z, d.ratioMin, d.ratioMid, d.residual}),
+              std::vector<int32_t>({67, 30, -5, 0, 1020, 32354}));
 }
 
 // Lines, identical samples, any batch under a residual threshold of 0, and full-scale
@@ -134,8 +146,13 @@ TEST_F(FrontEnd, FitsArePinnedBitForBit) {
 TEST_F(FrontEnd, RejectedBatchesReturnTheStatusAndChangeNothing) {
     Rng rng{9};
     Batch scale;
-    for (auto &s : scale) s = {rng.integer(-32768, 32767), INT32_MIN + rng.integer(0, 1), 65536 + rng.integer(-32768, 32767)};
-    const struct { const char *name; Batch batch; int32_t threshold; } cases[] = {{"line", circle_batch({100, 100, 100}, {0.6, 0.8, 0}, {}, 300, 1, rng), 0x200000},
+    for (auto &s : scale)
+        s = {rng.integer(-32768, 32767), INT32_MIN + rng.integer(0, 1), 65536 + rng.integer(-32768, 32767)};
+    const struct {
+        const char *name;
+        Batch batch;
+        int32_t threshold;
+    } cases[] = {{"line", circle_batch({100, 100, 100}, {0.6, 0.8, 0}, {}, 300, 1, rng), 0x200000},
                  {"identical", Batch{}, 0x200000},
                  {"residual threshold 0", sphere_batch({30, 40, 50}, 150, 1, rng), 0},
                  {"full scale", scale, 0x200000}};

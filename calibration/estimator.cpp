@@ -66,8 +66,8 @@ int8_t KmxAxesMsCalib02_AddToBuffer1(KmxAxesMsCalib02Context *context, const Kmx
 // and converted exactly (i2f_wide): within 32 bits the result is the plain formulation's
 // bit for bit, beyond it the statistics stay true, and such a batch meets the same
 // eigenvalue and residual tests as any other instead of a wrapped, meaningless one.
-int8_t KmxAxesMsCalib02_CalcStatistics(const int16_t (*samples)[3], int8_t n, KmxAxesData *centre,
-                                       MSFLOAT *matrix, MSFLOAT *vector, MSFLOAT *scalar) {
+int8_t KmxAxesMsCalib02_CalcStatistics(const int16_t (*samples)[3], int8_t n, KmxAxesData *centre, MSFLOAT *matrix,
+                                       MSFLOAT *vector, MSFLOAT *scalar) {
     for (int k = 0; k < 6; ++k) msf::SetZero(&matrix[k]);
     for (int k = 0; k < 3; ++k) msf::SetZero(&vector[k]);
     msf::SetZero(scalar);

@@ -14,8 +14,8 @@ constinit const MSFLOAT MSFLOAT_1div1024 = {1, 103, 0x8000};
 namespace {
 
 constexpr int32_t kNoResidual = 2147483647;
-constexpr int16_t kBound = 1024;         // weight that binds a component to the old offset
-constexpr int16_t kKeepOldAbove = 230;   // shift alignment above which a planar fit keeps the old offset
+constexpr int16_t kBound = 1024;        // weight that binds a component to the old offset
+constexpr int16_t kKeepOldAbove = 230;  // shift alignment above which a planar fit keeps the old offset
 constexpr int64_t kQ14 = 16384;
 
 // Packed 5x5 indexes of A(j, 3) and A(j, 4) for j = 0..2, and of A(3,3), A(4,4).
@@ -49,8 +49,7 @@ void reset_batch(KmxAxesMsCalib02Context *context) {
 
 }  // namespace
 
-void KmxAxesMsCalib02_CalcResidual(const MSFLOAT *b, const MsEigenPair *pairs, const MSFLOAT *s,
-                                   MSFLOAT *residual) {
+void KmxAxesMsCalib02_CalcResidual(const MSFLOAT *b, const MsEigenPair *pairs, const MSFLOAT *s, MSFLOAT *residual) {
     MSFLOAT result;
     msf::Copy(&result, *s);
     MSFLOAT p[3];
@@ -130,7 +129,8 @@ int8_t KmxAxesMsCalib02_Update(KmxAxesMsCalib02Context *context, const KmxAxesDa
 
     KmxAxesData c;
     MSFLOAT scatter[6], b[3], s;
-    if (KmxAxesMsCalib02_CalcStatistics(context->buffer, context->count, &c, scatter, b, &s) < 0) return KMXC_EST_STATISTICS_FAILED;
+    if (KmxAxesMsCalib02_CalcStatistics(context->buffer, context->count, &c, scatter, b, &s) < 0)
+        return KMXC_EST_STATISTICS_FAILED;
 
     MsEigenPair pairs[3];
     MsJacobiCalcEigenPair(scatter, pairs);

@@ -47,10 +47,12 @@ TEST(EstimatorFit, ResultCodesCountersAndRecord) {
     Stream thinned, line20(line.begin(), line.end()), big, far_line, axes(16);
     for (const KmxAxesData &s : sphere) thinned.insert(thinned.end(), {{30000, -30000, 9}, {-30000, 0, 30000}, s});
     for (int32_t k = 0; k < 16; ++k)
-        big.push_back({rng.integer(-30000, 30000), rng.integer(-30000, 30000), 0}), far_line.push_back({10 * k - 80, 10 * k - 80, 10 * k - 80});
-    for (size_t i = 0; i < 12; ++i) axes[i] = {i % 6 / 2 == 0 ? 100 - int32_t(i % 2) * 200 : 0,  // scatter exactly
-                                               i % 6 / 2 == 1 ? 80 - int32_t(i % 2) * 160 : 0,   // diag(40000,
-                                               i % 6 / 2 == 2 ? 60 - int32_t(i % 2) * 120 : 0};  // 25600, 14400)
+        big.push_back({rng.integer(-30000, 30000), rng.integer(-30000, 30000), 0}),
+            far_line.push_back({10 * k - 80, 10 * k - 80, 10 * k - 80});
+    for (size_t i = 0; i < 12; ++i)
+        axes[i] = {i % 6 / 2 == 0 ? 100 - int32_t(i % 2) * 200 : 0,  // scatter exactly
+                   i % 6 / 2 == 1 ? 80 - int32_t(i % 2) * 160 : 0,   // diag(40000,
+                   i % 6 / 2 == 2 ? 60 - int32_t(i % 2) * 120 : 0};  // 25600, 14400)
     line20.insert(line20.end(), line.begin(), line.begin() + 4);
     KmxAxesMsCalib02Context probe;
     KmxAxesMsCalib02Result p;
@@ -65,15 +67,33 @@ TEST(EstimatorFit, ResultCodesCountersAndRecord) {
         {"largest eigenvalue beyond int32", big, 3, 16},
         {"residual equal to threshold", Stream(noisy.begin(), noisy.end()), 0, 0, centre, p.residual},
         {"residual one above", Stream(noisy.begin(), noisy.end()), 4, 0, {}, p.residual - 1},
-        {.name = "floor equal to lambda0 passes", .stream = axes, .code = 4, .count = 0, .threshold = 0, .minEigen = 40000},
+        {.name = "floor equal to lambda0 passes",
+         .stream = axes,
+         .code = 4,
+         .count = 0,
+         .threshold = 0,
+         .minEigen = 40000},
         {.name = "floor above lambda0", .stream = axes, .code = 5, .count = 16, .threshold = 0, .minEigen = 40001},
         {.name = "period 3 uses every third", .stream = thinned, .code = 0, .count = 0, .centre = centre, .period = 3},
-        {.name = "period 200 is a negative byte: all used", .stream = Stream(sphere.begin(), sphere.end()), .code = 0,
-         .count = 0, .centre = centre, .period = 200},
-        {.name = "free fit of a flat plane: singular", .stream = Stream(flat.begin(), flat.end()), .code = -2, .count = 16,
-         .threshold = INT32_MAX, .check = free_fit},
-        {.name = "centre beyond int32 refused", .stream = far_line, .code = -2, .count = 16, .threshold = INT32_MAX,
-         .check = bind_both, .old = {INT32_MIN, INT32_MIN, INT32_MAX}},
+        {.name = "period 200 is a negative byte: all used",
+         .stream = Stream(sphere.begin(), sphere.end()),
+         .code = 0,
+         .count = 0,
+         .centre = centre,
+         .period = 200},
+        {.name = "free fit of a flat plane: singular",
+         .stream = Stream(flat.begin(), flat.end()),
+         .code = -2,
+         .count = 16,
+         .threshold = INT32_MAX,
+         .check = free_fit},
+        {.name = "centre beyond int32 refused",
+         .stream = far_line,
+         .code = -2,
+         .count = 16,
+         .threshold = INT32_MAX,
+         .check = bind_both,
+         .old = {INT32_MIN, INT32_MIN, INT32_MAX}},
     };
     for (const Case &c : cases) {
         KmxAxesMsCalib02Context ctx;
@@ -103,9 +123,17 @@ TEST(EstimatorFit, ResultCodesCountersAndRecord) {
 }
 
 TEST(EstimatorFit, ResidualLeavesOutEigenvaluesUpTo2PowMinus10) {
-    auto f = [](int32_t v) { MSFLOAT m; MSFLOAT_I2F(&m, v); return m; };
+    auto f = [](int32_t v) {
+        MSFLOAT m;
+        MSFLOAT_I2F(&m, v);
+        return m;
+    };
     const MSFLOAT b[3] = {f(20), f(10), f(4)}, s = f(1000), just_above = {1, 103, 0x8001};
-    const struct { MSFLOAT lambda2; double want; } cases[] = {{f(16), 997}, {MSFLOAT_1div1024, 998}, {MSFLOAT_0, 998}, {just_above, 998 - 16 / std::ldexp(0x8001, -25)}};
+    const struct {
+        MSFLOAT lambda2;
+        double want;
+    } cases[] = {
+        {f(16), 997}, {MSFLOAT_1div1024, 998}, {MSFLOAT_0, 998}, {just_above, 998 - 16 / std::ldexp(0x8001, -25)}};
     for (const auto &c : cases) {
         const MsEigenPair pairs[3] = {{f(400), {16384, 0, 0}}, {f(100), {0, 16384, 0}}, {c.lambda2, {0, 0, 16384}}};
         MSFLOAT out;  // s - sum (e.b)^2 / lambda over the pairs used
@@ -119,11 +147,19 @@ TEST(EstimatorFit, ResidualLeavesOutEigenvaluesUpTo2PowMinus10) {
 TEST(EstimatorFit, ShiftAlignmentIsTheSquaredCosineToTheNormal) {
     const int32_t ez[3] = {0, 0, 16384}, absurd[3] = {INT32_MAX, INT32_MIN, INT32_MAX};
     const KmxAxesData fresh{10, 20, 5}, centre{0, 0, 30};  // new offset projected: (10, 20, 30)
-    const struct { const char *name; KmxAxesData old; int16_t want; } cases[] = {{"on the projection", {10, 20, 30}, 257}, {"along the normal", {10, 20, 80}, 256},
-                 {"in the plane", {60, 20, 30}, 0},         {"45 degrees", {60, 20, 80}, 128},
-                 {"3-4-5", {13, 20, 34}, 163},              {"3-4-5 at 5000 counts", {3010, 20, 4030}, 163},
+    const struct {
+        const char *name;
+        KmxAxesData old;
+        int16_t want;
+    } cases[] = {{"on the projection", {10, 20, 30}, 257},
+                 {"along the normal", {10, 20, 80}, 256},
+                 {"in the plane", {60, 20, 30}, 0},
+                 {"45 degrees", {60, 20, 80}, 128},
+                 {"3-4-5", {13, 20, 34}, 163},
+                 {"3-4-5 at 5000 counts", {3010, 20, 4030}, 163},
                  {"3-4-5 at 2^30 counts", {10 + 3 * (1 << 28), 20, 30 + (1 << 30)}, 163}};
-    for (const auto &c : cases) EXPECT_EQ(KmxAxesMsCalib02_CalcShiftAlignment(&c.old, &fresh, &centre, ez), c.want) << c.name;
+    for (const auto &c : cases)
+        EXPECT_EQ(KmxAxesMsCalib02_CalcShiftAlignment(&c.old, &fresh, &centre, ez), c.want) << c.name;
     const KmxAxesData lo{INT32_MIN, INT32_MIN, INT32_MIN}, hi{INT32_MAX, INT32_MAX, INT32_MAX};
     EXPECT_NEAR(KmxAxesMsCalib02_CalcShiftAlignment(&hi, &lo, &KmxAxesData_Constructor, ez), 256 / 9.0, 1);
     KmxAxesMsCalib02_CalcShiftAlignment(&lo, &hi, &lo, absurd);  // not a unit vector: merely harmless

@@ -23,7 +23,9 @@ inline double distance(const KmxAxesData &a, Vec b) { return std::hypot(a.x - b.
 
 struct Rng : SplitMix64 {
     double uniform(double lo, double hi) { return lo + (hi - lo) * static_cast<double>(next() >> 11) * 0x1.0p-53; }
-    int32_t integer(int32_t lo, int32_t hi) { return lo + static_cast<int32_t>(next() % uint64_t(int64_t{hi} - lo + 1)); }
+    int32_t integer(int32_t lo, int32_t hi) {
+        return lo + static_cast<int32_t>(next() % uint64_t(int64_t{hi} - lo + 1));
+    }
     KmxAxesData sample(Vec p, int32_t noise) {
         return {int32_t(std::lround(p.x)) + integer(-noise, noise), int32_t(std::lround(p.y)) + integer(-noise, noise),
                 int32_t(std::lround(p.z)) + integer(-noise, noise)};

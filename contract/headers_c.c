@@ -31,7 +31,8 @@ _Static_assert(offsetof(KmxcDrvState, roughOffset) == 9 && offsetof(KmxcDrvState
                    offsetof(KmxcDrvState, initFlags) == 35,
                "calib, roughOffset, roughOffsetWritten, correction, tempCoef, initFlags");
 _Static_assert(offsetof(KmxcDrvRawData, gs) == 6 && offsetof(KmxcDrvRawData, temperature) == 12, "ms, gs, temperature");
-_Static_assert(offsetof(smb380_dev, slave_address) == 4 && offsetof(smb380_dev, write_fn) == 8, "bytes, then callbacks");
+_Static_assert(offsetof(smb380_dev, slave_address) == 4 && offsetof(smb380_dev, write_fn) == 8,
+               "bytes, then callbacks");
 _Static_assert(sizeof(smb380_accel) == 6, "three int16");
 
 static int failures = 0;

@@ -41,12 +41,12 @@ KMXC_BEGIN_DECLS
 
 /* Driver state shared by both drivers; all zero at load. */
 typedef struct KmxcDrvState {
-    uint8_t calib[9];           /* calibration bytes of the last (attempted) start-up */
-    uint8_t roughOffset[3];     /* rough offsets last recorded, channels 0, 1, 2 (0..31) */
-    int8_t roughOffsetWritten;  /* 0 after each start-up, 1 once a rough offset is written */
-    int16_t correction[9];      /* transformation x sensitivity, 3x3 row-major */
-    int8_t tempCoef[3];         /* temperature coefficients: calib[6 + i] - 128 */
-    uint8_t initFlags;          /* KMXC_DRV_INIT_GS | KMXC_DRV_INIT_MS; other bits 0 */
+    uint8_t calib[9];          /* calibration bytes of the last (attempted) start-up */
+    uint8_t roughOffset[3];    /* rough offsets last recorded, channels 0, 1, 2 (0..31) */
+    int8_t roughOffsetWritten; /* 0 after each start-up, 1 once a rough offset is written */
+    int16_t correction[9];     /* transformation x sensitivity, 3x3 row-major */
+    int8_t tempCoef[3];        /* temperature coefficients: calib[6 + i] - 128 */
+    uint8_t initFlags;         /* KMXC_DRV_INIT_GS | KMXC_DRV_INIT_MS; other bits 0 */
 } KmxcDrvState;
 
 /* Optional raw values of one cycle; each measurement fills only its own fields. */

@@ -191,7 +191,10 @@ TEST_F(GsGlue, EveryStartStopOrderOpensAtFirstStartAndClosesAtLastStop) {
                           : step == GsTerm ? KmxAxesDrvGsTerm() + KmxAxesDrvGsTerm() + 3
                                            : KmxAxesDrvMsTerm() + KmxAxesDrvMsTerm() + 3;
             EXPECT_EQ(r, 0) << trace;
-            if (step == GsInit || step == MsInit) opens += running++ == 0; else closes += --running == 0;
+            if (step == GsInit || step == MsInit)
+                opens += running++ == 0;
+            else
+                closes += --running == 0;
             KmxAxesData out{};
             EXPECT_EQ(KmxAxesDrvGsMeasure(&out, nullptr), at(GsInit) <= at(step) && at(step) < at(GsTerm) ? 0 : -3)
                 << trace;

@@ -11,13 +11,13 @@ namespace kmxc {
 constexpr uint8_t kBusAddress = 0x2E;  // 7-bit slave address
 
 // ---- Commands: every byte written is one command --------------------------------
-constexpr uint8_t kCmdStartUp = 0x01;        // start-up (when no preparation is pending)
-constexpr uint8_t kCmdPrepare = 0xC0;        // prepare a measurement or rough measurement
-constexpr uint8_t kCmdRoughMeasure = 0x01;   // after kCmdPrepare: rough-offset measurement
-constexpr uint8_t kCmdMeasure = 0x02;        // after kCmdPrepare: field measurement
+constexpr uint8_t kCmdStartUp = 0x01;          // start-up (when no preparation is pending)
+constexpr uint8_t kCmdPrepare = 0xC0;          // prepare a measurement or rough measurement
+constexpr uint8_t kCmdRoughMeasure = 0x01;     // after kCmdPrepare: rough-offset measurement
+constexpr uint8_t kCmdMeasure = 0x02;          // after kCmdPrepare: field measurement
 constexpr uint8_t kCmdReadCalibration = 0xC8;  // reads then return the calibration bytes
-constexpr uint8_t kCmdGpoLow = 0xF4;         // general-purpose output low
-constexpr uint8_t kCmdGpoHigh = 0xF5;        // general-purpose output high
+constexpr uint8_t kCmdGpoLow = 0xF4;           // general-purpose output low
+constexpr uint8_t kCmdGpoHigh = 0xF5;          // general-purpose output high
 // Rough offset of channel k: kCmdRoughChannel[k] | setting (0..kRoughMax).
 constexpr uint8_t kCmdRoughChannel[3] = {0x20, 0x40, 0x60};
 constexpr uint8_t kRoughSettingMask = 0x1F;
@@ -29,8 +29,8 @@ constexpr uint8_t kCoilSequence[16] = {0x90, 0x81, 0x91, 0x82, 0x92, 0x83, 0x93,
 
 // ---- Conversion and settling times -----------------------------------------------
 constexpr uint32_t kStartUpSettleMs = 2;
-constexpr uint32_t kConversionMs = 13;       // field measurement
-constexpr uint32_t kRoughConversionMs = 2;   // rough-offset measurement
+constexpr uint32_t kConversionMs = 13;      // field measurement
+constexpr uint32_t kRoughConversionMs = 2;  // rough-offset measurement
 
 // ---- Data blocks ------------------------------------------------------------------
 constexpr uint8_t kBusy = 0x80;  // byte 0 bit 7 of a block: conversion not finished
@@ -47,13 +47,13 @@ constexpr uint8_t kRoughBlockBytes = 6;
 constexpr uint8_t kRoughChannelAt[3] = {5, 3, 1};
 
 // ---- Channels and rough offset ---------------------------------------------------
-constexpr uint16_t kChannelCentre = 512;      // raw channel of zero field
-constexpr uint16_t kChannelInRangeMin = 2;    // usable raw channels: 2..1023
+constexpr uint16_t kChannelCentre = 512;    // raw channel of zero field
+constexpr uint16_t kChannelInRangeMin = 2;  // usable raw channels: 2..1023
 constexpr uint16_t kChannelInRangeMax = 1023;
-constexpr uint8_t kRoughMax = 31;             // largest rough setting
-constexpr uint8_t kRoughCentre = 16;          // the setting that shifts nothing
-constexpr uint8_t kRoughReadingBias = 5;      // a rough reading sits 5 above its setting
-constexpr uint8_t kRoughReadingMin = 1;       // usable rough readings: 1..32
+constexpr uint8_t kRoughMax = 31;         // largest rough setting
+constexpr uint8_t kRoughCentre = 16;      // the setting that shifts nothing
+constexpr uint8_t kRoughReadingBias = 5;  // a rough reading sits 5 above its setting
+constexpr uint8_t kRoughReadingMin = 1;   // usable rough readings: 1..32
 constexpr uint8_t kRoughReadingMax = 32;
 
 // ---- Calibration bytes -----------------------------------------------------------

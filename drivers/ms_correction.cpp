@@ -52,14 +52,11 @@ int8_t KmxAxesDrvCheckMatrix(const int8_t *matrix) {
 
 void KmxcDrvMakeSensitivityMatrix(const uint8_t *c, int16_t *s) { sensitivity_matrix(c, s); }
 
-uint32_t KmxcDrvMakeCorrectionMatrix(const int8_t *transformation, const int16_t *sensitivity,
-                                     int16_t *correction) {
+uint32_t KmxcDrvMakeCorrectionMatrix(const int8_t *transformation, const int16_t *sensitivity, int16_t *correction) {
     for (int i = 0; i < 3; ++i) {
         for (int j = 0; j < 3; ++j) {
             uint32_t sum = 0;
-            for (int m = 0; m < 3; ++m) {
-                sum += u32(transformation[3 * i + m]) * u32(sensitivity[3 * m + j]);
-            }
+            for (int m = 0; m < 3; ++m) { sum += u32(transformation[3 * i + m]) * u32(sensitivity[3 * m + j]); }
             correction[3 * i + j] = wrap16(sum);
         }
     }

@@ -9,9 +9,7 @@ using namespace kmxc;
 namespace {
 
 // 11-bit value from a byte holding bits 10..8 in its low three bits and the next byte.
-uint16_t decode11(const uint8_t *hi_lo) {
-    return static_cast<uint16_t>(((hi_lo[0] & kHighBitsMask) << 8) | hi_lo[1]);
-}
+uint16_t decode11(const uint8_t *hi_lo) { return static_cast<uint16_t>(((hi_lo[0] & kHighBitsMask) << 8) | hi_lo[1]); }
 
 // In range: kChannelInRangeMin..kChannelInRangeMax, tested as channel - min wrapped
 // to 16 bits.

@@ -35,7 +35,8 @@ Lines bus_log() {
     char hex[8];
     for (const auto &e : vphone::transcript()) {
         std::string s = e.kind == Kind::Open ? "open" : e.kind == Kind::Close ? "close" : "";
-        if (e.kind == Kind::SelectSlave) std::snprintf(hex, sizeof hex, "%02lX", e.argument), s = "select " + std::string(hex);
+        if (e.kind == Kind::SelectSlave)
+            std::snprintf(hex, sizeof hex, "%02lX", e.argument), s = "select " + std::string(hex);
         if (e.kind == Kind::Read) s = "read " + std::to_string(e.argument);
         if (e.kind == Kind::Sleep) s = "sleep " + std::to_string(e.argument);
         if (e.kind == Kind::Write) s = "write";
@@ -118,7 +119,9 @@ TEST_F(MsPhoneTest, RefusalsAndTerminationInOrder) {
         Lines bus;
     } cases[] = {
         {"start-up again: no second open", [] { return int{KmxAxesDrvMsInit()}; }, 0, kStartUp},
-        {"measurement before a rough offset", [] { return int{KmxAxesDrvMsMeasure(&g_out, nullptr)}; }, -126,
+        {"measurement before a rough offset",
+         [] { return int{KmxAxesDrvMsMeasure(&g_out, nullptr)}; },
+         -126,
          {"select 2E", "write C0"}},
         {"written rough offset, none yet", [] { return int{KmxAxesDrvMsGetWrittenRoughOffset(g_rough)}; }, -126, {}},
         {"rough offset above 31", [] { return int{KmxAxesDrvMsSetRoughOffset(kAbove31)}; }, -1, {"select 2E"}},
@@ -196,23 +199,32 @@ TEST_F(MsPhoneTest, SequencesGoOutByteForByteAndStopAtAnyBusFailureWithMinusFive
         int (*run)();
         Lines bus;
     } sequences[] = {
-        {"start-up", false, [] { return int{KmxAxesDrvMsInit()}; },
+        {"start-up",
+         false,
+         [] { return int{KmxAxesDrvMsInit()}; },
          {"open", "select 2E", "write 01", "sleep 2000", "write C8", "read 9", "read 9"}},
         {"measurement", true, [] { return int{KmxAxesDrvMsMeasure(&g_out, nullptr)}; }, kMeasurement},
-        {"rough offset measured", true, [] { return int{KmxAxesDrvMsSetRoughOffset(nullptr)}; },
+        {"rough offset measured",
+         true,
+         [] { return int{KmxAxesDrvMsSetRoughOffset(nullptr)}; },
          {"select 2E", "select 2E", "write C0", "write 01", "sleep 2000", "read 6", "write 30", "write 50",
           "write 70"}},
-        {"rough offset given", true, [] { return int{KmxAxesDrvMsSetRoughOffset(kGiven)}; },
+        {"rough offset given",
+         true,
+         [] { return int{KmxAxesDrvMsSetRoughOffset(kGiven)}; },
          {"select 2E", "write 3F", "write 40", "write 71"}},
-        {"coil", true, [] { return int{KmxAxesDrvMsInitCoil()}; },
-         {"select 2E", "write 90", "write 81", "write 91", "write 82", "write 92", "write 83", "write 93",
-          "write 84", "write 94", "write 85", "write 95", "write 86", "write 96", "write 87", "write 97",
-          "write 80"}},
+        {"coil",
+         true,
+         [] { return int{KmxAxesDrvMsInitCoil()}; },
+         {"select 2E", "write 90", "write 81", "write 91", "write 82", "write 92", "write 83", "write 93", "write 84",
+          "write 94", "write 85", "write 95", "write 86", "write 96", "write 87", "write 97", "write 80"}},
         {"output high", true, [] { return int{KmxcDrvSetGPO(7)}; }, {"select 2E", "write F5"}},
         {"output low", true, [] { return int{KmxcDrvSetGPO(0)}; }, {"select 2E", "write F4"}},
     };
-    const std::map<Kind, Call> failable = {
-        {Kind::Open, Call::Open}, {Kind::SelectSlave, Call::Ioctl}, {Kind::Write, Call::Write}, {Kind::Read, Call::Read}};
+    const std::map<Kind, Call> failable = {{Kind::Open, Call::Open},
+                                           {Kind::SelectSlave, Call::Ioctl},
+                                           {Kind::Write, Call::Write},
+                                           {Kind::Read, Call::Read}};
     for (const auto &seq : sequences) {
         const bool closes = !seq.needs_ready;
         if (seq.needs_ready) ready();
@@ -300,7 +312,8 @@ TEST_F(MsPhoneTest, FieldComesBackInPhoneAxesAndAfterARoughOffsetChange) {
         for (int f = 0; f < 9; ++f) {
             const bool after = f > 4;
             if (f == 5) {
-                for (int i = 0; i < 3; ++i) to[i] = static_cast<uint8_t>(std::clamp<int>(from[i] + int(rng() % 5) - 2, 0, 31));
+                for (int i = 0; i < 3; ++i)
+                    to[i] = static_cast<uint8_t>(std::clamp<int>(from[i] + int(rng() % 5) - 2, 0, 31));
                 ASSERT_EQ(KmxAxesDrvMsSetRoughOffset(to), 0);
                 ASSERT_EQ(KmxAxesLibRecalcMsOffset(&offset, &offset, from, to), 0);
             }

@@ -32,7 +32,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     vphone::write_file("/misc/sensor/kmxc_orvane.cfg", part[0]);
     vphone::write_file("/etc/kmxc_charger_offset.cfg", part[1]);
     vphone::write_file("/etc/kmxc_transformation.cfg", part[2]);
-    vphone::write_file("/sys/module/zorsensor/parameters/profile", size > 0 ? std::string(1, char('0' + data[0] % 4)) : "");
+    vphone::write_file("/sys/module/zorsensor/parameters/profile",
+                       size > 0 ? std::string(1, char('0' + data[0] % 4)) : "");
 
     uint8_t rough[3];
     int32_t offset[3];

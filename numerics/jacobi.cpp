@@ -44,10 +44,8 @@ MSFLOAT Shift(const MSFLOAT &value, int16_t n) {
 
 }  // namespace
 
-extern "C" int8_t MsJacobiSortEigenPair(const MSFLOAT w[6], const MSFLOAT v[3][3],
-                                        MsEigenPair out[3]) {
-    const MSFLOAT *d[3] = {&w[MsPackedDiagIndex[0]], &w[MsPackedDiagIndex[1]],
-                           &w[MsPackedDiagIndex[2]]};
+extern "C" int8_t MsJacobiSortEigenPair(const MSFLOAT w[6], const MSFLOAT v[3][3], MsEigenPair out[3]) {
+    const MSFLOAT *d[3] = {&w[MsPackedDiagIndex[0]], &w[MsPackedDiagIndex[1]], &w[MsPackedDiagIndex[2]]};
     int maxIndex = 0, minIndex = 0;
     for (int i = 1; i < 3; ++i) {
         if (msf::OpCompGreater(d[maxIndex], d[i]) == 0) {

@@ -11,12 +11,23 @@ namespace {
 // makes c2 exactly 1/2 while c = sqrt(1/2) = 46340 * 2^-16, s = c, s2 = sc = 65532 * 2^-17:
 // the block's values become 1 and 3 - 2^-13; the five remaining rotations have s = 0.
 TEST(MsJacobi, WorkedCases) {
-    struct { const char *name; int m[6]; double value[3]; int32_t vector[3][3]; } cases[] = {
-        {"2I stops at once; equal values sort by the tie rules", {2, 0, 0, 2, 0, 2}, {2, 2, 2},
+    struct {
+        const char *name;
+        int m[6];
+        double value[3];
+        int32_t vector[3][3];
+    } cases[] = {
+        {"2I stops at once; equal values sort by the tie rules",
+         {2, 0, 0, 2, 0, 2},
+         {2, 2, 2},
          {{0, 0, 16384}, {0, 16384, 0}, {16384, 0, 0}}},
-        {"negative value clamped to zero, its vector kept", {-1, 0, 0, 2, 0, 1}, {2, 1, 0},
+        {"negative value clamped to zero, its vector kept",
+         {-1, 0, 0, 2, 0, 1},
+         {2, 1, 0},
          {{0, 16384, 0}, {0, 0, 16384}, {16384, 0, 0}}},
-        {"one 45-degree rotation of the 2-1 block", {2, 1, 0, 2, 0, 2}, {3 - 0x1p-13, 2, 1},
+        {"one 45-degree rotation of the 2-1 block",
+         {2, 1, 0, 2, 0, 2},
+         {3 - 0x1p-13, 2, 1},
          {{11585, 11585, 0}, {0, 0, 16384}, {11585, -11585, 0}}},
     };
     for (const auto &c : cases) {
@@ -33,9 +44,15 @@ TEST(MsJacobi, WorkedCases) {
 
 // The sort alone: which diagonal index lands in which place, and the clamp.
 TEST(MsJacobi, SortTieRules) {
-    struct { const char *name; int d[3]; int order[3]; } cases[] = {
-        {"equal low pair", {2, 1, 1}, {0, 1, 2}}, {"equal high pair", {2, 2, 1}, {1, 0, 2}},
-        {"equal ends", {1, 2, 1}, {1, 0, 2}},     {"zero and negatives", {-1, 0, -2}, {1, 0, 2}},
+    struct {
+        const char *name;
+        int d[3];
+        int order[3];
+    } cases[] = {
+        {"equal low pair", {2, 1, 1}, {0, 1, 2}},
+        {"equal high pair", {2, 2, 1}, {1, 0, 2}},
+        {"equal ends", {1, 2, 1}, {1, 0, 2}},
+        {"zero and negatives", {-1, 0, -2}, {1, 0, 2}},
     };
     for (const auto &c : cases) {
         const MSFLOAT w[6] = {I(c.d[0]), I(9), I(9), I(c.d[1]), I(9), I(c.d[2])};
@@ -70,12 +87,16 @@ TEST(MsJacobi, RandomMatricesMatchKnownSpectrum) {
         std::sort(lambda, lambda + 3, std::greater<>());
         const double big = std::max(std::fabs(lambda[0]), std::fabs(lambda[2]));
         for (int k = 0; k < 3; ++k) {
-            if (k < 2) { ASSERT_EQ(MSFLOAT_OpCompGreater(&pairs[k + 1].value, &pairs[k].value), 0) << "not descending"; }
+            if (k < 2) {
+                ASSERT_EQ(MSFLOAT_OpCompGreater(&pairs[k + 1].value, &pairs[k].value), 0) << "not descending";
+            }
             valueErr = std::max(valueErr, std::fabs(ToDouble(pairs[k].value) - std::max(lambda[k], 0.0)) / big);
             const int32_t *v = pairs[k].vector;
             for (int j = k; j < 3; ++j) {  // v.w against 1 (w = v) or 0, in units of 2^28
                 const int32_t *w = pairs[j].vector;
-                orthoErr = std::max(orthoErr, std::fabs((double(v[0]) * w[0] + double(v[1]) * w[1] + double(v[2]) * w[2]) / 0x1p28 - (j == k)));
+                orthoErr = std::max(
+                    orthoErr,
+                    std::fabs((double(v[0]) * w[0] + double(v[1]) * w[1] + double(v[2]) * w[2]) / 0x1p28 - (j == k)));
             }
             for (int i = 0; i < 3; ++i) {  // component i of (A - lambda) v
                 double r = -lambda[k] * v[i];
@@ -84,7 +105,8 @@ TEST(MsJacobi, RandomMatricesMatchKnownSpectrum) {
             }
         }
     }
-    std::printf("Jacobi worst: value %.3g, v.w - delta %.3g, |(A-l)v| %.3g (relative to max|l|)\n", valueErr, orthoErr, residual);
+    std::printf("Jacobi worst: value %.3g, v.w - delta %.3g, |(A-l)v| %.3g (relative to max|l|)\n", valueErr, orthoErr,
+                residual);
     // Measured (seed 61): value 2.3e-4, |v|-1 2.0e-4 (so v.v - 1 about 4e-4), v.w 1.5e-4, residual 8.8e-4.
     EXPECT_LT(valueErr, 4e-4);
     EXPECT_LT(orthoErr, 8e-4);

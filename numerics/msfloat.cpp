@@ -118,9 +118,7 @@ int8_t MSFLOAT_OpMinusEq(MSFLOAT *a, const MSFLOAT *b) { return msf::OpMinusEq(a
 
 int8_t MSFLOAT_OpCompGreater(const MSFLOAT *a, const MSFLOAT *b) { return msf::OpCompGreater(a, b); }
 
-int8_t MSFLOAT_Square(MSFLOAT *a) {
-    return msf::Square(a);
-}
+int8_t MSFLOAT_Square(MSFLOAT *a) { return msf::Square(a); }
 
 }  // extern "C"
 

@@ -11,7 +11,7 @@ namespace {
 using Rng = SplitMix64;
 
 // Exponents where statuses change and conversions start or stop.
-constexpr uint8_t kEdgeExponents[] = {0, 1, 2, 55, 56, 57, 110, 111, 112, 113, 114, 127,
+constexpr uint8_t kEdgeExponents[] = {0,   1,   2,   55,  56,  57,  110, 111, 112, 113, 114, 127,
                                       128, 129, 142, 143, 144, 145, 199, 200, 253, 254, 255};
 
 MSFLOAT Operand(Rng &rng) {
@@ -27,14 +27,11 @@ MSFLOAT Operand(Rng &rng) {
         v.mantissa = static_cast<uint16_t>(rng.below(65536));
         break;
     case 2:
-    case 3:
-        v.exponent = kEdgeExponents[rng.below(sizeof kEdgeExponents)];
-        break;
+    case 3: v.exponent = kEdgeExponents[rng.below(sizeof kEdgeExponents)]; break;
     case 4:  // mantissa at its ends
         v.mantissa = rng.next() & 1 ? 0x8000 : 0xFFFF;
         break;
-    default:
-        break;
+    default: break;
     }
     return v;
 }
@@ -53,15 +50,16 @@ MSFLOAT Partner(Rng &rng, const MSFLOAT &a) {
 int32_t Integer(Rng &rng) {
     switch (rng.below(8)) {
     case 0: {
-        static constexpr int32_t kEdges[] = {0, 1, -1, 32767, 32768, -32768, 65535, 65536, -65536,
-                                             INT32_MAX, INT32_MIN, INT32_MIN + 1};
+        static constexpr int32_t kEdges[] = {0,     1,     -1,     32767,     32768,     -32768,
+                                             65535, 65536, -65536, INT32_MAX, INT32_MIN, INT32_MIN + 1};
         return kEdges[rng.below(sizeof kEdges / sizeof kEdges[0])];
     }
     case 1:  // a power of two, plus or minus one
         return static_cast<int32_t>((1u << rng.below(31)) + rng.below(3) - 1u);
     default: {
         const uint32_t width = rng.below(33);  // every magnitude range equally often
-        const uint32_t bits = width == 32 ? static_cast<uint32_t>(rng.next()) : static_cast<uint32_t>(rng.next()) & ((1u << width) - 1u);
+        const uint32_t bits =
+            width == 32 ? static_cast<uint32_t>(rng.next()) : static_cast<uint32_t>(rng.next()) & ((1u << width) - 1u);
         return static_cast<int32_t>(bits);
     }
     }
@@ -74,10 +72,22 @@ bool Same(const MSFLOAT &x, const MSFLOAT &y) {
 }  // namespace
 
 uint64_t Run(uint64_t cases, uint64_t seed, Tally t[kOps], FILE *log) {
-    static const char *const kNames[kOps] = {"I2F",       "F2I",           "Sign",      "OpMultiEq", "OpDivEq",
-                                             "OpShiftEq", "OpNeg",         "OpAbs",     "AbsCompGreater",
-                                             "OpPlusEq",  "OpMinusEq",     "OpCompGreater", "Square", "Sqrt",
-                                             "Sum::Add", "Sum::Subtract",
+    static const char *const kNames[kOps] = {"I2F",
+                                             "F2I",
+                                             "Sign",
+                                             "OpMultiEq",
+                                             "OpDivEq",
+                                             "OpShiftEq",
+                                             "OpNeg",
+                                             "OpAbs",
+                                             "AbsCompGreater",
+                                             "OpPlusEq",
+                                             "OpMinusEq",
+                                             "OpCompGreater",
+                                             "Square",
+                                             "Sqrt",
+                                             "Sum::Add",
+                                             "Sum::Subtract",
                                              "Sum::AddNonNegative"};
     for (int k = 0; k < kOps; ++k) t[k] = Tally{kNames[k], 0, 0};
     Rng rng{seed};
@@ -178,7 +188,8 @@ uint64_t SqrtSweep(int exponentFrom, int exponentTo, FILE *log) {
     for (int e = exponentFrom; e <= exponentTo; ++e)
         for (uint32_t m = 0; m <= 0xFFFFu; ++m)
             for (int s = 0; s < 2; ++s) {
-                const MSFLOAT a{static_cast<int8_t>(s == 0 ? 1 : -1), static_cast<uint8_t>(e), static_cast<uint16_t>(m)};
+                const MSFLOAT a{static_cast<int8_t>(s == 0 ? 1 : -1), static_cast<uint8_t>(e),
+                                static_cast<uint16_t>(m)};
                 MSFLOAT x = a, y = a;
                 if (MSFLOAT_Sqrt(&x) == msfloat_reference::Sqrt(&y) && Same(x, y)) continue;
                 if (++mismatches <= 10 && log) fprintf(log, "Sqrt differs for (%d,%d,%u)\n", a.sign, e, m);

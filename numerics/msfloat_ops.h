@@ -268,7 +268,7 @@ struct Sum {
         const uint32_t magnitude = value > 0 ? static_cast<uint32_t>(value) : 0u - static_cast<uint32_t>(value);
         const int shift = 16 - std::countl_zero(magnitude);
         (void)Add(value > 0 ? 1 : -1, static_cast<uint32_t>(128 + shift),
-            (shift >= 0 ? magnitude >> shift : magnitude << -shift) & 0xFFFFu);
+                  (shift >= 0 ? magnitude >> shift : magnitude << -shift) & 0xFFFFu);
     }
     void Subtract(const MSFLOAT &b) {
         (void)Add(static_cast<int8_t>(static_cast<uint8_t>(0u - static_cast<uint8_t>(b.sign))), b.exponent, b.mantissa);

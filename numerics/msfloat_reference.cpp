@@ -8,7 +8,6 @@
 #include "numerics/numerics_internal.h"
 #include "numerics/msfloat_reference.h"
 
-
 namespace msfloat_reference {
 namespace {
 
@@ -54,7 +53,6 @@ int8_t StoreProduct(MSFLOAT *a, int8_t sign, uint32_t m, int16_t e) {
 }
 
 }  // namespace
-
 
 int8_t I2F(MSFLOAT *a, int32_t value) {
     SetZero(a);

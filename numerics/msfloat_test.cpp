@@ -12,28 +12,54 @@ namespace {
 using u64 = uint64_t;
 int Status(int e) { return e < 0 ? MSFLOAT_UNDERFLOW : e > 255 ? MSFLOAT_OVERFLOW : 0; }
 // Exact magnitude m * 2^(e-128) truncated to 16 significant bits; e may leave 0..255.
-struct Trunc { int m, e; };
+struct Trunc {
+    int m, e;
+};
 Trunc Trunc16(u64 m, int e) {
     while (m >= 65536) m >>= 1, ++e;
     while (m < 32768) m <<= 1, --e;
     return {int(m), e};
 }
 MSFLOAT Random(std::mt19937 &rng, int eLo = 0, int eHi = 255) {
-    return F(rng() & 1 ? 1 : -1, std::uniform_int_distribution(eLo, eHi)(rng), std::uniform_int_distribution(32768, 65535)(rng));
+    return F(rng() & 1 ? 1 : -1, std::uniform_int_distribution(eLo, eHi)(rng),
+             std::uniform_int_distribution(32768, 65535)(rng));
 }
 
 enum Op { kMul, kDiv, kAdd, kSub, kShift, kSquare, kSqrt };
 int Apply(Op op, MSFLOAT *a, const MSFLOAT *b, int n) {
-    if (op >= kShift) return op == kShift ? MSFLOAT_OpShiftEq(a, int16_t(n)) : op == kSquare ? MSFLOAT_Square(a) : MSFLOAT_Sqrt(a);
-    return (op == kMul ? MSFLOAT_OpMultiEq : op == kDiv ? MSFLOAT_OpDivEq : op == kAdd ? MSFLOAT_OpPlusEq : MSFLOAT_OpMinusEq)(a, b);
+    if (op >= kShift)
+        return op == kShift ? MSFLOAT_OpShiftEq(a, int16_t(n)) : op == kSquare ? MSFLOAT_Square(a) : MSFLOAT_Sqrt(a);
+    return (op == kMul   ? MSFLOAT_OpMultiEq
+            : op == kDiv ? MSFLOAT_OpDivEq
+            : op == kAdd ? MSFLOAT_OpPlusEq
+                         : MSFLOAT_OpMinusEq)(a, b);
 }
 
 // What the random properties below do not reach: zeros, the refusals, shifts, and the
 // fields left behind by a failed square.
 TEST(MsfloatEdge, Operations) {
-    struct { const char *name; Op op; MSFLOAT a, b; int n; MSFLOAT want; int status; } cases[] = {
-        {"square overflow wrote sign and mantissa, kept exponent", kSquare, F(-1, 200, 49152), {}, 0, F(1, 200, 36864), -127},
-        {"square underflow wrote sign and mantissa, kept exponent", kSquare, F(-1, 10, 49152), {}, 0, F(1, 10, 36864), -126},
+    struct {
+        const char *name;
+        Op op;
+        MSFLOAT a, b;
+        int n;
+        MSFLOAT want;
+        int status;
+    } cases[] = {
+        {"square overflow wrote sign and mantissa, kept exponent",
+         kSquare,
+         F(-1, 200, 49152),
+         {},
+         0,
+         F(1, 200, 36864),
+         -127},
+        {"square underflow wrote sign and mantissa, kept exponent",
+         kSquare,
+         F(-1, 10, 49152),
+         {},
+         0,
+         F(1, 10, 36864),
+         -126},
         {"0 / x is zero", kDiv, MSFLOAT_0, I(-3), 0, MSFLOAT_0, 0},
         {"x / 0 refused, dividend kept", kDiv, I(5), MSFLOAT_0, 0, I(5), -2},
         {"0 x x is zero", kMul, MSFLOAT_0, I(-3), 0, MSFLOAT_0, 0},
@@ -65,7 +91,8 @@ TEST(MsfloatProperty, TruncatedExactResults) {
     for (int i = 0; i < 200000; ++i) {
         const Op op = Op(i % 3);
         MSFLOAT a = Random(rng), b = i % 8 == 0 ? a : Random(rng);
-        if (op == kAdd && i % 8) b.sign = a.sign, b.exponent = uint8_t(std::clamp(a.exponent + int(rng() % 41) - 20, 0, 255));
+        if (op == kAdd && i % 8)
+            b.sign = a.sign, b.exponent = uint8_t(std::clamp(a.exponent + int(rng() % 41) - 20, 0, 255));
         Trunc t{};
         if (op == kMul) t = Trunc16(u64(a.mantissa) * b.mantissa, a.exponent + b.exponent - 128);
         if (op == kMul && uint32_t(a.mantissa) * b.mantissa < 0x80000000u) t.m &= 0xFFFE;
@@ -74,7 +101,8 @@ TEST(MsfloatProperty, TruncatedExactResults) {
         if (op == kAdd) {
             const MSFLOAT &big = MSFLOAT_AbsCompGreater(&a, &b) ? a : b, &small = &big == &a ? b : a;
             const int d = big.exponent - small.exponent;
-            t = d > 40 ? Trunc{big.mantissa, big.exponent} : Trunc16((u64(big.mantissa) << d) + small.mantissa, small.exponent);
+            t = d > 40 ? Trunc{big.mantissa, big.exponent}
+                       : Trunc16((u64(big.mantissa) << d) + small.mantissa, small.exponent);
         }
         const MSFLOAT before = a, right = b;
         const int status = Apply(op, &a, i % 8 == 0 ? &a : &b, 0);
@@ -98,10 +126,13 @@ TEST(MsfloatProperty, DifferencesWithinGuardBit) {
         if (i % 8 == 0) b.mantissa = uint16_t(std::max<int>(32768, a.mantissa - rng() % 4));  // deep cancellation
         const int d = a.exponent - b.exponent;
         if (d == 0 && b.mantissa > a.mantissa) std::swap(a.mantissa, b.mantissa);  // a is the bigger
-        const int64_t exact = (int64_t(a.mantissa) << d) - b.mantissa;  // in units 2^(b.e-128)
+        const int64_t exact = (int64_t(a.mantissa) << d) - b.mantissa;             // in units 2^(b.e-128)
         MSFLOAT r = a;
         ASSERT_EQ(MSFLOAT_OpPlusEq(&r, &b), 0);
-        if (exact == 0) { ASSERT_EQ(r, MSFLOAT_0); continue; }
+        if (exact == 0) {
+            ASSERT_EQ(r, MSFLOAT_0);
+            continue;
+        }
         const Trunc t = Trunc16(u64(exact), b.exponent);
         if (d <= 1) { ASSERT_EQ(r, F(a.sign, t.e, t.m)) << a << b; }
         ASSERT_EQ(r.sign, a.sign);
@@ -142,8 +173,10 @@ TEST(MsfloatProperty, ComparisonsAgreeWithExactValues) {
 // zero and refuses magnitudes of 2^31 and more, leaving its output untouched. Sign
 // reports 0 negative, 1 zero, 2 positive; the named constants are I2F's results.
 TEST(MsfloatProperty, IntegerRoundTrip) {
-    EXPECT_EQ(I(0), MSFLOAT_0); EXPECT_EQ(I(1), MSFLOAT_1);
-    EXPECT_EQ(I(INT32_MAX), MSFLOAT_maxsint32); EXPECT_EQ(I(INT32_MIN), F(-1, 144, 32768));
+    EXPECT_EQ(I(0), MSFLOAT_0);
+    EXPECT_EQ(I(1), MSFLOAT_1);
+    EXPECT_EQ(I(INT32_MAX), MSFLOAT_maxsint32);
+    EXPECT_EQ(I(INT32_MIN), F(-1, 144, 32768));
     std::mt19937 rng(34);
     for (int i = 0; i < 100000; ++i) {
         const int32_t v = i == 0 ? INT32_MIN : int32_t(rng()) >> (rng() % 32);
@@ -172,8 +205,8 @@ TEST(MsfloatEquivalence, EveryOperationMatchesTheFirstImplementation) {
 // none, checked on every target): every normalised divisor, with dividends at the
 // edges and spread between them.
 TEST(MsfloatProperty, QuotientByReciprocalIsTheDivisionForEveryNormalisedDivisor) {
-    const uint32_t dividends[] = {0u, 1u, 0x7FFFu, 0x8000u, 0xFFFFu, 0x12345u, 0x7FFFFFFFu, 0x80000000u,
-                                  0xFFFEFFFFu, 0xFFFF0000u, 0xFFFFFFFFu};
+    const uint32_t dividends[] = {0u,          1u,          0x7FFFu,     0x8000u,     0xFFFFu,    0x12345u,
+                                  0x7FFFFFFFu, 0x80000000u, 0xFFFEFFFFu, 0xFFFF0000u, 0xFFFFFFFFu};
     uint64_t wrong = 0;
     for (uint32_t d = 0x8000u; d <= 0xFFFFu; ++d) {
         for (uint32_t n : dividends) wrong += msf::QuotientByReciprocal(n, d) != n / d;

@@ -47,7 +47,10 @@ void Compare(benchmark::State &state) {
 }
 int8_t Shift(MSFLOAT *a) { return MSFLOAT_OpShiftEq(a, -3); }
 int8_t Sign(MSFLOAT *a) { return MSFLOAT_Sign(a); }
-int8_t Sqrt(MSFLOAT *a) { MSFLOAT_OpAbs(a); return MSFLOAT_Sqrt(a); }
+int8_t Sqrt(MSFLOAT *a) {
+    MSFLOAT_OpAbs(a);
+    return MSFLOAT_Sqrt(a);
+}
 
 void I2F(benchmark::State &state) {
     unsigned i = 0;
@@ -67,7 +70,11 @@ void F2I(benchmark::State &state) {
     }
 }
 
-MSFLOAT I(int32_t v) { MSFLOAT f; MSFLOAT_I2F(&f, v); return f; }
+MSFLOAT I(int32_t v) {
+    MSFLOAT f;
+    MSFLOAT_I2F(&f, v);
+    return f;
+}
 
 void Solve(benchmark::State &state) {
     // Symmetric, needs pivoting in the first column.

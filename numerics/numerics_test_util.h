@@ -11,7 +11,11 @@
 #include "numerics/numerics.h"
 
 inline MSFLOAT F(int s, int e, int m) { return {int8_t(s), uint8_t(e), uint16_t(m)}; }
-inline MSFLOAT I(int32_t v) { MSFLOAT f; MSFLOAT_I2F(&f, v); return f; }
+inline MSFLOAT I(int32_t v) {
+    MSFLOAT f;
+    MSFLOAT_I2F(&f, v);
+    return f;
+}
 inline double ToDouble(const MSFLOAT &f) { return std::ldexp(double(f.sign) * f.mantissa, f.exponent - 128); }
 inline bool operator==(const MSFLOAT &a, const MSFLOAT &b) {
     return a.sign == b.sign && a.exponent == b.exponent && a.mantissa == b.mantissa;

@@ -12,11 +12,24 @@ const MSFLOAT t = F(1, 53, 32768);   // 2^-60: t * t underflows
 
 // The two pivot cases solve to all ones; the wrong pivot would divide H by p.
 TEST(MsSolve, CraftedSystems) {
-    struct { const char *name; MSFLOAT A[15], r[5]; int status; } cases[] = {
-        {"equal-magnitude candidate does not displace row 0", {p, mp, o, o, o, o, H, o, o, o, o, o, l, o, l}, {o, H, H, l, l}, 0},
-        {"largest candidate, not the first, becomes the pivot", {o, p, p2, o, o, H, o, o, o, o, o, o, l, o, l}, {p3, H, p2, l, l}, 0},
+    struct {
+        const char *name;
+        MSFLOAT A[15], r[5];
+        int status;
+    } cases[] = {
+        {"equal-magnitude candidate does not displace row 0",
+         {p, mp, o, o, o, o, H, o, o, o, o, o, l, o, l},
+         {o, H, H, l, l},
+         0},
+        {"largest candidate, not the first, becomes the pivot",
+         {o, p, p2, o, o, H, o, o, o, o, o, o, l, o, l},
+         {p3, H, p2, l, l},
+         0},
         {"zero first column", {o, o, o, o, o, l, o, o, o, l, o, o, l, o, l}, {l, l, l, l, l}, -2},
-        {"all-ones matrix: second pivot column is exactly zero", {l, l, l, l, l, l, l, l, l, l, l, l, l, l, l}, {l, l, l, l, l}, -2},
+        {"all-ones matrix: second pivot column is exactly zero",
+         {l, l, l, l, l, l, l, l, l, l, l, l, l, l, l},
+         {l, l, l, l, l},
+         -2},
         {"quotient overflow", {p, o, o, o, o, l, o, o, o, l, o, o, l, o, l}, {F(1, 250, 32768), l, l, l, l}, -127},
         {"tiny coupling: its square underflows", {l, t, o, o, o, l, o, o, o, l, o, o, l, o, l}, {l, l, l, l, l}, -126},
     };
@@ -45,7 +58,8 @@ TEST(MsSolve, RandomWellConditionedSystemsMatchLongDouble) {
         for (int i = 0, k = 0; i < 5; M[i][5] = ToDouble(r[i]), ++i)
             for (int j = i; j < 5; ++j, ++k) M[i][j] = M[j][i] = ToDouble(A[k]);
         for (int k = 0; k < 5; ++k) {
-            std::swap(M[k], *std::max_element(M + k, M + 5, [k](auto &u, auto &v) { return std::fabs(u[k]) < std::fabs(v[k]); }));
+            std::swap(M[k], *std::max_element(M + k, M + 5,
+                                              [k](auto &u, auto &v) { return std::fabs(u[k]) < std::fabs(v[k]); }));
             for (int i = 0; i < 5; ++i)
                 for (int j = 5; j >= k && i != k; --j) M[i][j] -= M[i][k] / M[k][k] * M[k][j];
         }

@@ -35,24 +35,19 @@ struct Vec {
 };
 
 Vec limited(const KmxAxesData &sample, const KmxAxesData &offset) {
-    return {KmxAxesLibLimitedDifference(sample.x, offset.x),
-            KmxAxesLibLimitedDifference(sample.y, offset.y),
+    return {KmxAxesLibLimitedDifference(sample.x, offset.x), KmxAxesLibLimitedDifference(sample.y, offset.y),
             KmxAxesLibLimitedDifference(sample.z, offset.z)};
 }
 
 uint32_t sum_of_squares(const Vec &v) {
-    return static_cast<uint32_t>(v.x * v.x) + static_cast<uint32_t>(v.y * v.y) +
-           static_cast<uint32_t>(v.z * v.z);
+    return static_cast<uint32_t>(v.x * v.x) + static_cast<uint32_t>(v.y * v.y) + static_cast<uint32_t>(v.z * v.z);
 }
 
-Vec scaled_by_norm(const Vec &v, int32_t norm) {
-    return {v.x * kOne / norm, v.y * kOne / norm, v.z * kOne / norm};
-}
+Vec scaled_by_norm(const Vec &v, int32_t norm) { return {v.x * kOne / norm, v.y * kOne / norm, v.z * kOne / norm}; }
 
 // a x b with each component divided by 4096.
 Vec cross_q12(const Vec &a, const Vec &b) {
-    return {(a.y * b.z - a.z * b.y) / kOne, (a.z * b.x - a.x * b.z) / kOne,
-            (a.x * b.y - a.y * b.x) / kOne};
+    return {(a.y * b.z - a.z * b.y) / kOne, (a.z * b.x - a.x * b.z) / kOne, (a.x * b.y - a.y * b.x) / kOne};
 }
 
 void store(KmxAxesData *to, const Vec &v) {

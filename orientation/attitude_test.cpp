@@ -15,8 +15,12 @@ constexpr KmxAxesData kZero{0, 0, 0};
 constexpr KmxAxesAttitude kDefault{{4096, 0, 0, 0, 4096, 0, 0, 0, 4096}, 0, 0, 4096, {0, 0, 0}, {0, 0, 0}};
 
 TEST(Attitude, RowsNormsCosineLimitingAndDegenerateInputs) {
-    const struct { const char *name; KmxAxesData msOffset, gsOffset, ms, gs; int8_t result; KmxAxesAttitude want; }
-        cases[] = {
+    const struct {
+        const char *name;
+        KmxAxesData msOffset, gsOffset, ms, gs;
+        int8_t result;
+        KmxAxesAttitude want;
+    } cases[] = {
         // clang-format off
         {"level, facing north", kZero, kZero, {0, 200, -300}, {0, 0, -4096}, 0,
          {{4096, 0, 0, 0, 4096, 0, 0, 0, 4096}, 360, 4096, 3413, {0, 200, -300}, {0, 0, -4096}}},
@@ -43,8 +47,8 @@ TEST(Attitude, RowsNormsCosineLimitingAndDegenerateInputs) {
         std::memset(&a, 0x5a, sizeof a);
         EXPECT_EQ(KmxAxesLibGetAttitude(&c.ms, &c.gs, &a), c.result) << c.name;
         EXPECT_EQ(std::memcmp(&a, &c.want, sizeof a), 0)
-            << c.name << ": " << testing::PrintToString(a.matrix) << " norms " << a.msNorm << "," << a.gsNorm
-            << " cos " << a.msGsCos;
+            << c.name << ": " << testing::PrintToString(a.matrix) << " norms " << a.msNorm << "," << a.gsNorm << " cos "
+            << a.msGsCos;
     }
     KmxAxesLibInit();
 }
@@ -120,7 +124,10 @@ TEST(Attitude, HalfTurnAboutTheScreenNormalNegatesXAndYExactly) {
 // the dot product can pass 4096 (here 6144); the cosine stops at +-4096.
 TEST(Attitude, CosineStopsAtOne) {
     KmxAxesLibInit();
-    const struct { KmxAxesData ms, gs; int16_t cosine; } cases[] = {
+    const struct {
+        KmxAxesData ms, gs;
+        int16_t cosine;
+    } cases[] = {
         {{0, 1, -1}, {0, 1, -2}, 4096},
         {{0, -1, 1}, {0, 1, -2}, -4096},
     };

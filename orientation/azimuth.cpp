@@ -3,22 +3,20 @@
 #include "orientation/orientation.h"
 #include "orientation/orientation_internal.h"
 
-constinit const uint8_t KmxAxesLibAtanTable[33] = {
-    0,  1,  3,  5,  6,  8,  11, 13, 15, 18, 21,  24,  27,  31,  34,  39,  43,
-    48, 53, 58, 63, 69, 75, 82, 89, 96, 103, 110, 118, 126, 134, 143, 152};
+constinit const uint8_t KmxAxesLibAtanTable[33] = {0,  1,  3,  5,  6,   8,   11,  13,  15,  18,  21,
+                                                   24, 27, 31, 34, 39,  43,  48,  53,  58,  63,  69,
+                                                   75, 82, 89, 96, 103, 110, 118, 126, 134, 143, 152};
 
 constinit KmxAxesLibSmootherHistory KmxAxesLibDirectionState = {0, 0, 0, 0};
 
 namespace {
 
-constexpr int32_t kQuarterTurn8 = 720;   // eighths of a degree
-constexpr int32_t kHalfTurn4 = 720;      // quarter-degrees
-constexpr int32_t kFullTurn4 = 1440;     // quarter-degrees
+constexpr int32_t kQuarterTurn8 = 720;  // eighths of a degree
+constexpr int32_t kHalfTurn4 = 720;     // quarter-degrees
+constexpr int32_t kFullTurn4 = 1440;    // quarter-degrees
 
 // |v| as unsigned; defined for INT32_MIN as well.
-uint32_t magnitude(int32_t v) {
-    return v < 0 ? 0u - static_cast<uint32_t>(v) : static_cast<uint32_t>(v);
-}
+uint32_t magnitude(int32_t v) { return v < 0 ? 0u - static_cast<uint32_t>(v) : static_cast<uint32_t>(v); }
 
 // arctan(i/32) in eighths of a degree.
 int32_t table_angle(uint32_t i) { return static_cast<int32_t>(16 * i) - KmxAxesLibAtanTable[i]; }
@@ -61,8 +59,7 @@ int16_t KmxAxesLibAtan2(int32_t x, int32_t y) {
     return static_cast<int16_t>(t);
 }
 
-int8_t KmxAxesLibCalcDirectionWOF(const KmxAxesAttitude *attitude, uint16_t *heading,
-                                  int32_t threshold) {
+int8_t KmxAxesLibCalcDirectionWOF(const KmxAxesAttitude *attitude, uint16_t *heading, int32_t threshold) {
     const int16_t *m = attitude->matrix;
     const int32_t up_y = m[7];
     int32_t x;
@@ -87,8 +84,7 @@ int8_t KmxAxesLibCalcDirectionWOF(const KmxAxesAttitude *attitude, uint16_t *hea
     return 0;
 }
 
-void KmxAxesLibSmoothDirection(KmxAxesLibSmootherHistory *history, uint16_t heading,
-                               uint16_t *smoothed) {
+void KmxAxesLibSmoothDirection(KmxAxesLibSmootherHistory *history, uint16_t heading, uint16_t *smoothed) {
     const int32_t x = 4 * static_cast<int32_t>(heading) - kHalfTurn4;
     const int32_t in1 = next_to(x, history->prevInput);
     const int32_t in2 = next_to(x, history->olderInput);
@@ -113,8 +109,7 @@ void KmxAxesLibSmoothDirection(KmxAxesLibSmootherHistory *history, uint16_t head
     history->olderOutput = static_cast<int16_t>(out1);
 }
 
-int8_t KmxAxesLibCalcDirection(const KmxAxesAttitude *attitude, uint16_t *heading,
-                               int32_t threshold) {
+int8_t KmxAxesLibCalcDirection(const KmxAxesAttitude *attitude, uint16_t *heading, int32_t threshold) {
     uint16_t raw = 0;
     // A heading that could not be formed is 0 and is smoothed like any other.
     (void)KmxAxesLibCalcDirectionWOF(attitude, &raw, threshold);

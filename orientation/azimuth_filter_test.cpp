@@ -12,7 +12,10 @@ namespace {
 
 TEST(AzimuthFilter, HoldsWhileStillAndReleasesWhenTurned) {
     // The second sequence continues from the first; the first starts fresh.
-    const struct { const char *name; std::vector<double> inputs, outputs; } sequences[] = {
+    const struct {
+        const char *name;
+        std::vector<double> inputs, outputs;
+    } sequences[] = {
         {"0 ten times: held at 3 once the smoothed heading settles",
          {0, 0, 0, 0, 0, 0, 0, 0, 0, 0},
          {0, 0, 0, 0, 3, 3, 3, 3, 3, 3}},
@@ -33,11 +36,17 @@ TEST(AzimuthFilter, HoldsWhileStillAndReleasesWhenTurned) {
 // The stage history is settled at 2 degrees, so feeding 2 keeps the smoothed
 // heading at 2; holding and releasing happen just beyond 5 degrees, across 0 too.
 TEST(AzimuthFilter, HoldsAndReleasesBeyondFiveDegreesTheShortWayRound) {
-    const struct { const char *name; int8_t hold; uint16_t held; int16_t recent[5]; double out; int8_t hold_after; }
-        cases[] = {{"held 5 away across 0: kept", 1, 357, {}, 357, 1},
-                   {"held 6 away: released", 1, 356, {}, 2, 0},
-                   {"recent within 5 across 0: held", 0, 0, {0, 7, 357, 2, 2}, 2, 1},
-                   {"one recent 6 away: stays free", 0, 0, {0, 8, 2, 2, 2}, 2, 0}};
+    const struct {
+        const char *name;
+        int8_t hold;
+        uint16_t held;
+        int16_t recent[5];
+        double out;
+        int8_t hold_after;
+    } cases[] = {{"held 5 away across 0: kept", 1, 357, {}, 357, 1},
+                 {"held 6 away: released", 1, 356, {}, 2, 0},
+                 {"recent within 5 across 0: held", 0, 0, {0, 7, 357, 2, 2}, 2, 1},
+                 {"one recent 6 away: stays free", 0, 0, {0, 8, 2, 2, 2}, 2, 0}};
     for (const auto &c : cases) {
         KmxAxesLibAzimuthFilterInit();
         auto &f = KmxAxesLibAzimuthFilterState;
@@ -55,9 +64,12 @@ TEST(AzimuthFilter, HoldsAndReleasesBeyondFiveDegreesTheShortWayRound) {
 // A free filter writes the input truncated to whole degrees; inputs outside
 // 0..360 are refused and leave both the output and the filter state alone.
 TEST(AzimuthFilter, FreeFilterTruncatesAndRefusesOutOfRangeInputs) {
-    const struct { double heading; int8_t result; double out; } cases[] = {
-        {360.0, 0, 360.0}, {359.99, 0, 359.0}, {0.0, 0, 0.0},  {-0.5, -1, -7},
-        {360.5, -1, -7},   {-1e-300, -1, -7},  {std::nan(""), -1, -7}};
+    const struct {
+        double heading;
+        int8_t result;
+        double out;
+    } cases[] = {{360.0, 0, 360.0}, {359.99, 0, 359.0}, {0.0, 0, 0.0},         {-0.5, -1, -7},
+                 {360.5, -1, -7},   {-1e-300, -1, -7},  {std::nan(""), -1, -7}};
     for (const auto &c : cases) {
         KmxAxesLibAzimuthFilterInit();
         double out = -7;

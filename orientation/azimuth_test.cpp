@@ -21,10 +21,11 @@ constexpr double kEighthsPerRadian = 1440.0 / kPi;
 // and within 1.75 once larger b are shifted down together with a.
 TEST(Atan, TableEntriesAndMeasuredErrorBound) {
     for (int i = 0; i <= 32; ++i)
-        EXPECT_EQ(KmxAxesLibAtanTable[i], 16 * i - int(std::ceil(std::atan(i / 32.0) * kEighthsPerRadian)))
-            << i;
-    const struct { int32_t b; double bound; } cases[] = {{1023, 1.06}, {-1000, 1.06}, {517, 1.06},  {33, 1.06},
-                 {4096, 1.75}, {-8191, 1.75}, {70000, 1.75}};
+        EXPECT_EQ(KmxAxesLibAtanTable[i], 16 * i - int(std::ceil(std::atan(i / 32.0) * kEighthsPerRadian))) << i;
+    const struct {
+        int32_t b;
+        double bound;
+    } cases[] = {{1023, 1.06}, {-1000, 1.06}, {517, 1.06}, {33, 1.06}, {4096, 1.75}, {-8191, 1.75}, {70000, 1.75}};
     for (const auto &c : cases) {
         const int32_t span = std::abs(c.b);
         for (int32_t a = -span; a <= span; a += span > 8191 ? 7 : 1) {
@@ -35,15 +36,23 @@ TEST(Atan, TableEntriesAndMeasuredErrorBound) {
 }
 
 TEST(Atan2, CoversTheFullTurnInEighths) {
-    const struct { int32_t x, y; int16_t eighths; } cases[] = {
-        {1, 0, 0},       {0, 1, 720},      {-1, 0, 1440},   {0, -1, 2160},     {1, 1, 360},   {100, -100, 2520},
-        {510, 419, 315}, {419, 510, 405}, {-510, -419, 1755}, {-1, 1, 1080}, {-4096, 0, 1440}, {0, -4096, 2160},
-        {1025, 3, 0}};  // 1025 is halved below 1024 together with 3 first, so the 1.3 eighths become 0
+    const struct {
+        int32_t x, y;
+        int16_t eighths;
+    } cases[] = {{1, 0, 0},         {0, 1, 720},      {-1, 0, 1440},   {0, -1, 2160},      {1, 1, 360},
+                 {100, -100, 2520}, {510, 419, 315},  {419, 510, 405}, {-510, -419, 1755}, {-1, 1, 1080},
+                 {-4096, 0, 1440},  {0, -4096, 2160}, {1025, 3, 0}};  // 1025 is halved below 1024 together with 3
+                                                                      // first, so the 1.3 eighths become 0
     for (const auto &c : cases) EXPECT_EQ(KmxAxesLibAtan2(c.x, c.y), c.eighths) << c.x << "," << c.y;
 }
 
 TEST(CalcDirectionWOF, HeadsTheYAxisOrTheZAxisWhenSteep) {
-    const struct { const char *name; int16_t rows[9]; int8_t result; uint16_t heading; } cases[] = {
+    const struct {
+        const char *name;
+        int16_t rows[9];
+        int8_t result;
+        uint16_t heading;
+    } cases[] = {
         {"identity", {4096, 0, 0, 0, 4096, 0, 0, 0, 4096}, 0, 0},
         {"facing west", {0, -4096, 0, 4096, 0, 0, 0, 0, 4096}, 0, 270},
         {"facing south-east", {-2896, 2896, 0, -2896, -2896, 0, 0, 0, 4096}, 0, 135},
@@ -62,7 +71,10 @@ TEST(CalcDirectionWOF, HeadsTheYAxisOrTheZAxisWhenSteep) {
 }
 
 TEST(SmoothDirection, ConvergesFromZeroHistoryTheShortWayRound) {
-    const struct { const char *name; std::vector<uint16_t> inputs, outputs; } cases[] = {
+    const struct {
+        const char *name;
+        std::vector<uint16_t> inputs, outputs;
+    } cases[] = {
         {"90 seven times", {90, 90, 90, 90, 90, 90, 90}, {157, 132, 108, 96, 91, 90, 90}},
         {"0, then 180: an opposite history value is taken from above", {0, 180}, {135, 175}},
         {"10 ten times, then 350 eight times",
@@ -119,8 +131,7 @@ TEST(HeadingProperty, IntegerHeadingMatchesADoubleReference) {
         }
         ++checked;
     }
-    std::printf("heading error [%.4f, %.4f] deg, worst row dot %.6f, %d cases\n", lowest, highest, worst_dot,
-                checked);
+    std::printf("heading error [%.4f, %.4f] deg, worst row dot %.6f, %d cases\n", lowest, highest, worst_dot, checked);
     EXPECT_GT(checked, 15000);
     EXPECT_GT(lowest, -0.3);
     EXPECT_LT(highest, 1.15);

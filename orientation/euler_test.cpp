@@ -51,10 +51,16 @@ TEST(RotationMatrixAndEuler, KnownAttitudes) {
 
 TEST(RotationMatrixAndEuler, RefuseNullAndDegenerateInputsWithoutWriting) {
     const double zero[3] = {0, 0, 0}, down[3] = {0, 0, -2}, up_field[3] = {0, 0, 7}, field[3] = {0, 20, -30};
-    const struct { const char *name; const double *gravity, *field; bool matrix; } cases[] = {
-        {"field parallel to gravity", down, up_field, true}, {"zero gravity", zero, field, true},
-        {"zero field", down, zero, true}, {"null gravity", nullptr, field, true},
-        {"null field", down, nullptr, true}, {"null matrix", down, field, false}};
+    const struct {
+        const char *name;
+        const double *gravity, *field;
+        bool matrix;
+    } cases[] = {{"field parallel to gravity", down, up_field, true},
+                 {"zero gravity", zero, field, true},
+                 {"zero field", down, zero, true},
+                 {"null gravity", nullptr, field, true},
+                 {"null field", down, nullptr, true},
+                 {"null matrix", down, field, false}};
     for (const auto &c : cases) {
         double m[9] = {7, 7, 7, 7, 7, 7, 7, 7, 7};
         EXPECT_EQ(KmxAxesLibGetRotationMatrix(c.gravity, c.field, c.matrix ? m : nullptr), -1) << c.name;

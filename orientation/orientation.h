@@ -70,16 +70,15 @@ KMXC_API int8_t KmxAxesGsCalibGetGsOffset(const KmxAxesData *resting, KmxAxesDat
  * No pointer is checked.
  */
 typedef struct KmxAxesAttitude {
-    int16_t matrix[9];   /* Q12 row-major: row 0 east, row 1 north, row 2 up (device axes) */
-    uint16_t msNorm;     /* length of the limited magnetic vector, magnetic counts */
-    uint16_t gsNorm;     /* length of the limited gravity vector, gravity counts */
-    int16_t msGsCos;     /* Q12 cosine between gravity and field, -4096..4096 */
-    KmxAxesData ms;      /* magnetic sample - msOffset, limited to +-16384 */
-    KmxAxesData gs;      /* gravity sample - gsOffset, limited to +-16384 */
+    int16_t matrix[9]; /* Q12 row-major: row 0 east, row 1 north, row 2 up (device axes) */
+    uint16_t msNorm;   /* length of the limited magnetic vector, magnetic counts */
+    uint16_t gsNorm;   /* length of the limited gravity vector, gravity counts */
+    int16_t msGsCos;   /* Q12 cosine between gravity and field, -4096..4096 */
+    KmxAxesData ms;    /* magnetic sample - msOffset, limited to +-16384 */
+    KmxAxesData gs;    /* gravity sample - gsOffset, limited to +-16384 */
 } KmxAxesAttitude;
 
-KMXC_API int8_t KmxAxesLibGetAttitude(const KmxAxesData *ms, const KmxAxesData *gs,
-                                      KmxAxesAttitude *out);
+KMXC_API int8_t KmxAxesLibGetAttitude(const KmxAxesData *ms, const KmxAxesData *gs, KmxAxesAttitude *out);
 
 /* ---- Heading (integer) -------------------------------------------------------------
  * Heading in whole degrees 0..359, north toward east, of the device's y axis; when
@@ -95,10 +94,8 @@ KMXC_API int8_t KmxAxesLibGetAttitude(const KmxAxesData *ms, const KmxAxesData *
  *                               KmxAxesLibInit either).
  * No pointer is checked.
  */
-KMXC_API int8_t KmxAxesLibCalcDirectionWOF(const KmxAxesAttitude *attitude, uint16_t *heading,
-                                           int32_t threshold);
-KMXC_API int8_t KmxAxesLibCalcDirection(const KmxAxesAttitude *attitude, uint16_t *heading,
-                                        int32_t threshold);
+KMXC_API int8_t KmxAxesLibCalcDirectionWOF(const KmxAxesAttitude *attitude, uint16_t *heading, int32_t threshold);
+KMXC_API int8_t KmxAxesLibCalcDirection(const KmxAxesAttitude *attitude, uint16_t *heading, int32_t threshold);
 
 /* ---- Azimuth hold filter -----------------------------------------------------------
  * Holds one heading while the recent headings agree with their smoothed value to
@@ -130,8 +127,7 @@ KMXC_API int8_t KmxAxesLibGetAzimuthFiltered(double heading, double *out);
  * elevation of the x axis); each truncated toward zero to a whole number.
  *   0 done; -1 a pointer is null
  */
-KMXC_API int8_t KmxAxesLibGetRotationMatrix(const double *gravity, const double *field,
-                                            double *matrix);
+KMXC_API int8_t KmxAxesLibGetRotationMatrix(const double *gravity, const double *field, double *matrix);
 KMXC_API int8_t KmxAxesLibGetEuler(const double *matrix, double *angles);
 
 /* ---- Physical units -----------------------------------------------------------------

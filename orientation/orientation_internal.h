@@ -35,17 +35,16 @@ int16_t KmxAxesLibAtan2(int32_t x, int32_t y);
 
 /* History of one smoothing stage, centred quarter-degrees. */
 typedef struct KmxAxesLibSmootherHistory {
-    int16_t prevInput;    /* previous input */
-    int16_t olderInput;   /* the input before it */
-    int16_t prevOutput;   /* previous output */
-    int16_t olderOutput;  /* the output before it */
+    int16_t prevInput;   /* previous input */
+    int16_t olderInput;  /* the input before it */
+    int16_t prevOutput;  /* previous output */
+    int16_t olderOutput; /* the output before it */
 } KmxAxesLibSmootherHistory;
 
 /* One step of the second-order heading smoother (input weights 2, 1, 1; output
  * weights 5, -1; divisor 8), taking the short way round the circle. heading and
  * *smoothed are whole degrees 0..359. */
-void KmxAxesLibSmoothDirection(KmxAxesLibSmootherHistory *history, uint16_t heading,
-                               uint16_t *smoothed);
+void KmxAxesLibSmoothDirection(KmxAxesLibSmootherHistory *history, uint16_t heading, uint16_t *smoothed);
 
 /* The smoother history of KmxAxesLibCalcDirection: zero at load, never reset. */
 extern KmxAxesLibSmootherHistory KmxAxesLibDirectionState;

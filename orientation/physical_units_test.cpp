@@ -7,8 +7,12 @@
 namespace {
 
 TEST(PhysicalUnits, ScaleTheLimitedDifferenceAndRefuseNull) {
-    const struct { const char *name; int8_t (*convert)(const KmxAxesData *, double *);
-                   KmxAxesData offset, sample; double out[3]; } cases[] = {
+    const struct {
+        const char *name;
+        int8_t (*convert)(const KmxAxesData *, double *);
+        KmxAxesData offset, sample;
+        double out[3];
+    } cases[] = {
         // clang-format off
         {"resting gravity", KmxAxesLibGetGravityEarth, {0, 0, 0}, {0, 0, -4096}, {0, 0, -9.80665}},
         {"half g on x", KmxAxesLibGetGravityEarth, {0, 0, 0}, {2048, 0, 0}, {4.903325, 0, 0}},

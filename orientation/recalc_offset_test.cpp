@@ -21,7 +21,12 @@ TEST(RecalcMsOffset, AppliesEachStepResponseOncePerStep) {
 
     using Steps = std::array<uint8_t, 3>;
     // in_place: in and out are the same record.
-    const struct { const char *name; Steps from, to; KmxAxesData expected; bool in_place; } cases[] = {
+    const struct {
+        const char *name;
+        Steps from, to;
+        KmxAxesData expected;
+        bool in_place;
+    } cases[] = {
         {"no change", {5, 5, 5}, {5, 5, 5}, {1000, 2000, 3000}, false},
         {"channel 0 up three", {5, 5, 5}, {8, 5, 5}, {1000 + 3 * 226, 2000, 3000}, false},
         {"channel 1 down one", {5, 5, 5}, {5, 4, 5}, {1000, 2000 - 226, 3000 + 226}, false},

@@ -9,7 +9,8 @@ constexpr char kChargerPath[] = "/etc/kmxc_charger_offset.cfg";
 constexpr double kScale = 100000.0;
 
 void fill_scaled(double *out) {
-    for (int i = 0; i < 3; ++i) out[i] = static_cast<double>(msmachdep_ParseInt(msmachdep_TokenOrZero(nullptr))) / kScale;
+    for (int i = 0; i < 3; ++i)
+        out[i] = static_cast<double>(msmachdep_ParseInt(msmachdep_TokenOrZero(nullptr))) / kScale;
 }
 
 // 0 in a field (missing or written as 0) cannot be configured: it takes the default.
@@ -31,7 +32,8 @@ extern "C" int msmachdep_LoadChargerOffset(double *first, double *second, int32_
     if (first == nullptr) return -2;
     // The first field starts the split of the selected line.
     first[0] = static_cast<double>(msmachdep_ParseInt(msmachdep_TokenOrZero(g_LineBuffer))) / kScale;
-    for (int i = 1; i < 3; ++i) first[i] = static_cast<double>(msmachdep_ParseInt(msmachdep_TokenOrZero(nullptr))) / kScale;
+    for (int i = 1; i < 3; ++i)
+        first[i] = static_cast<double>(msmachdep_ParseInt(msmachdep_TokenOrZero(nullptr))) / kScale;
     if (second == nullptr) return -3;
     fill_scaled(second);
     if (third == nullptr) return -4;

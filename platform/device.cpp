@@ -84,13 +84,11 @@ int8_t msmachdep_I2CSetSlaveAddress(int address) {
 }
 
 int8_t msmachdep_I2CRead(uint8_t length, uint8_t *buffer) {
-    return transfer(length, buffer, "read",
-                    [](int fd, uint8_t *at, uint8_t n) { return read(fd, at, n); });
+    return transfer(length, buffer, "read", [](int fd, uint8_t *at, uint8_t n) { return read(fd, at, n); });
 }
 
 int8_t msmachdep_I2CWrite(uint8_t length, const uint8_t *buffer) {
-    return transfer(length, buffer, "write",
-                    [](int fd, const uint8_t *at, uint8_t n) { return write(fd, at, n); });
+    return transfer(length, buffer, "write", [](int fd, const uint8_t *at, uint8_t n) { return write(fd, at, n); });
 }
 
 int8_t msmachdep_Sleep(uint32_t milliseconds) {

@@ -45,8 +45,11 @@ int run(Op op, const int32_t (&in)[3]) {
     const uint8_t rough[3] = {static_cast<uint8_t>(in[0]), static_cast<uint8_t>(in[1]), static_cast<uint8_t>(in[2])};
     int32_t out[3];
     if (op == kReset) msmachdep_ResetOffsetData();
-    return op == kSaveRough ? msmachdep_SaveRoughOffset(rough) : op == kSaveGs ? msmachdep_SaveGsOffset(in)
-         : op == kSaveMs    ? msmachdep_SaveMsOffset(in)       : op == kLoadGs ? msmachdep_LoadGsOffset(out) : 0;
+    return op == kSaveRough ? msmachdep_SaveRoughOffset(rough)
+           : op == kSaveGs  ? msmachdep_SaveGsOffset(in)
+           : op == kSaveMs  ? msmachdep_SaveMsOffset(in)
+           : op == kLoadGs  ? msmachdep_LoadGsOffset(out)
+                            : 0;
 }
 
 class OffsetFileTest : public vphone::PhoneTest {};
@@ -69,7 +72,8 @@ TEST_F(OffsetFileTest, LoadsReadFieldByFieldWithDefaultsForMissingOnes) {
         {"only the first line counts", "1,2,3\n4,5,6", {1, 2, 3, 0, 0, 0, kMax, kMax, kMax}},
         {"consecutive commas count as one", "1,,2,,,3", {1, 2, 3, 0, 0, 0, kMax, kMax, kMax}},
         {"non-numeric text", "a,b,c,d,e,f,g,h,i", {0, 0, 0, 0, 0, 0, 0, 0, 0}},
-        {"beyond 32 bits saturates", "4294967296,-4294967297,99999999999999999999999,2147483648,-2147483649,0,1,1,1",
+        {"beyond 32 bits saturates",
+         "4294967296,-4294967297,99999999999999999999999,2147483648,-2147483649,0,1,1,1",
          {255, 0, 255, kMax, kMin, 0, 1, 1, 1}},
         // 246 blanks and "1,2,3,4,5" are the 255 characters read: "56" is cut to 5.
         {"longer than 255 characters", std::string(246, ' ') + "1,2,3,4,56,6", {1, 2, 3, 4, 5, 0, kMax, kMax, kMax}},
@@ -84,16 +88,18 @@ TEST_F(OffsetFileTest, LoadsReadFieldByFieldWithDefaultsForMissingOnes) {
         EXPECT_EQ(vphone::read_file(kMain), c.content.value_or(kDefault));  // loading never rewrites
         EXPECT_EQ(vphone::owner_of(kMain) == kCompassOwner && vphone::mode_of(kMain) == 0666u, !c.content);
         std::string words = err.text();  // fgets at end of file leaves errno as it was: compare the words
-        for (size_t at = 0; (at = words.find(": ", at)) != std::string::npos;) words.erase(at, words.find('\n', at) - at);
+        for (size_t at = 0; (at = words.find(": ", at)) != std::string::npos;)
+            words.erase(at, words.find('\n', at) - at);
         EXPECT_EQ(words, fails ? "fgets\nfgets\nfgets\n" : "");
-        EXPECT_EQ(log.lines(), fails ? std::vector<LogLine>{log_line("msmachdep_LoadGsOffset() fail #3")}
-                                     : std::vector<LogLine>{});
+        EXPECT_EQ(log.lines(),
+                  fails ? std::vector<LogLine>{log_line("msmachdep_LoadGsOffset() fail #3")} : std::vector<LogLine>{});
     }
 }
 
 TEST_F(OffsetFileTest, NullPointerFailsWithoutTouchingTheFile) {
     EXPECT_EQ(msmachdep_LoadRoughOffset(nullptr) + msmachdep_LoadGsOffset(nullptr) + msmachdep_LoadMsOffset(nullptr) +
-                  msmachdep_SaveRoughOffset(nullptr) + msmachdep_SaveGsOffset(nullptr) + msmachdep_SaveMsOffset(nullptr),
+                  msmachdep_SaveRoughOffset(nullptr) + msmachdep_SaveGsOffset(nullptr) +
+                  msmachdep_SaveMsOffset(nullptr),
               -6);
     EXPECT_EQ(vphone::calls(Call::Access) + vphone::calls(Call::Fopen), 0);
 }
@@ -112,8 +118,11 @@ struct Outcome {
 Outcome expected(Op op, Call call, int nth, const Text &before) {
     auto perror_of = [](const char *name) { return std::string(name) + ": " + std::strerror(EIO) + "\n"; };
     if (op == kReset) {
-        const int step = call == Call::Fopen ? 1 : call == Call::Fprintf || call == Call::Fclose ? 2
-                       : call == Call::Chown ? 3 : call == Call::Chmod ? 4 : 5;
+        const int step = call == Call::Fopen                             ? 1
+                         : call == Call::Fprintf || call == Call::Fclose ? 2
+                         : call == Call::Chown                           ? 3
+                         : call == Call::Chmod                           ? 4
+                                                                         : 5;
         return {0, "", {log_line("msmachdep_ResetOffsetData() fail #" + std::to_string(step))}, true, before};
     }
     // A missing file is created first (each creation call once); then the line is
@@ -123,7 +132,7 @@ Outcome expected(Op op, Call call, int nth, const Text &before) {
     Outcome o{-1, perror_of(vphone::call_name(call)), {}, true, creating || before ? before : Text{kDefault}};
     if (call == Call::Fopen && op == kSaveMs && !creating && !reading) o.err = "";  // the magnetic backup's: silent
     if (call == Call::Fclose && reading) return {0, "", {}, false, {}};  // closing after reading: result unused
-    if (call == Call::Fclose) o.err = perror_of("fprintf");  // a failed close of a write loses the text
+    if (call == Call::Fclose) o.err = perror_of("fprintf");              // a failed close of a write loses the text
     if (op == kLoadGs) {
         const int fail = creating || call == Call::Access ? 1 : call == Call::Fopen ? 2 : call == Call::Fgets ? 3 : 0;
         if (fail != 0) o.log = {log_line("msmachdep_LoadGsOffset() fail #" + std::to_string(fail))};
@@ -146,8 +155,16 @@ TEST_F(OffsetFileTest, SavesRewriteTheirTripleAndAFaultAtAnyStepLeavesTheMainFil
         {"gravity", full, kSaveGs, {1, 2, 3}, "10,20,30,1,2,3,100,-200,300"},
         {"magnetic", full, kSaveMs, {4, 5, 6}, "10,20,30,-5,6,7,4,5,6"},
         {"rough", full, kSaveRough, {31, 0, 255}, "31,0,255,-5,6,7,100,-200,300"},
-        {"rough 300 carried by gravity", "300,2,3", kSaveGs, {0, 0, -1}, "300,2,3,0,0,-1,2147483647,2147483647,2147483647"},
-        {"rough 300 carried by magnetic", "300,2,3", kSaveMs, {kMax, kMin, 0}, "300,2,3,0,0,0,2147483647,-2147483648,0"},
+        {"rough 300 carried by gravity",
+         "300,2,3",
+         kSaveGs,
+         {0, 0, -1},
+         "300,2,3,0,0,-1,2147483647,2147483647,2147483647"},
+        {"rough 300 carried by magnetic",
+         "300,2,3",
+         kSaveMs,
+         {kMax, kMin, 0},
+         "300,2,3,0,0,0,2147483647,-2147483648,0"},
         {"rough, no file", std::nullopt, kSaveRough, {1, 2, 3}, "1,2,3,0,0,0,2147483647,2147483647,2147483647"},
         {"magnetic, no file", std::nullopt, kSaveMs, {9, 9, 9}, "255,255,255,0,0,0,9,9,9"},
         {"gravity, no file", std::nullopt, kSaveGs, {9, 9, 9}, "255,255,255,9,9,9,2147483647,2147483647,2147483647"},
@@ -191,7 +208,7 @@ TEST_F(OffsetFileTest, SavesRewriteTheirTripleAndAFaultAtAnyStepLeavesTheMainFil
             if (!want.check_main) continue;
             EXPECT_EQ(vphone::read_file(kMain), want.main);
             if (want.main == "") continue;  // loads now fail with "fgets" until a reset
-            vphone::reset();  // and it loads: as before, or created afresh
+            vphone::reset();                // and it loads: as before, or created afresh
             vphone::StderrCapture quiet;
             EXPECT_EQ(load_all().first, 0);
         }

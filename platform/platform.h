@@ -126,8 +126,7 @@ KMXC_API const char *msmachdep_TokenOrMax(void);
  *   -4  third is null; first and second filled
  *   -5  fourth is null; first, second and third filled
  */
-KMXC_API int msmachdep_LoadChargerOffset(double *first, double *second, int32_t *third,
-                                         int32_t *fourth);
+KMXC_API int msmachdep_LoadChargerOffset(double *first, double *second, int32_t *third, int32_t *fourth);
 
 KMXC_END_DECLS
 

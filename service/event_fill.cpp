@@ -4,11 +4,10 @@
 
 namespace {
 constexpr float kMicroteslaPerCount = 0.4f;
-} // namespace
+}  // namespace
 
 void kmxc_service_fill_floats(const KmxAxesData *ms, const KmxAxesData *gs, const KmxAxesData *offset,
-                              KmxcServiceEvent *e)
-{
+                              KmxcServiceEvent *e) {
     const int32_t m[3] = {ms->x, ms->y, ms->z}, o[3] = {offset->x, offset->y, offset->z};
     double gravity[3], field[3], matrix[9], euler[3] = {0, 0, 0};
     KmxAxesLibGetGravityEarth(gs, gravity);

@@ -14,8 +14,7 @@
 
 static const char *const kAccuracy[] = {"unreliable", "low", "medium", "high"};
 
-int main(int argc, char **argv)
-{
+int main(int argc, char **argv) {
     const long rate = argc > 1 ? strtol(argv[1], NULL, 10) : 50;
     const long seconds = argc > 2 ? strtol(argv[2], NULL, 10) : 30;
     if (seconds < 1 || seconds > 3600) {

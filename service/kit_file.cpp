@@ -12,8 +12,7 @@ namespace kmxc_kit {
 
 // ---- Calibration file ---------------------------------------------------------------
 
-FileState file_state()
-{
+FileState file_state() {
     FILE *f = fopen(kCalibrationFile, "r");
     if (f == nullptr) return errno == ENOENT ? FileState::kMissing : FileState::kUnreadable;
     char line[256];
@@ -39,16 +38,14 @@ FileState file_state()
         }
         break;
     }
-    return fields == 9 && (*p == '\0' || (*p == '\n' && p[1] == '\0')) ? FileState::kWellFormed
-                                                                       : FileState::kDamaged;
+    return fields == 9 && (*p == '\0' || (*p == '\n' && p[1] == '\0')) ? FileState::kWellFormed : FileState::kDamaged;
 }
 
 static bool file_well_formed() { return file_state() == FileState::kWellFormed; }
 
 bool same(const KmxAxesData &a, const KmxAxesData &b) { return a.x == b.x && a.y == b.y && a.z == b.z; }
 
-bool reset_file()
-{
+bool reset_file() {
     msmachdep_ResetOffsetData();
     uint8_t rough[3];
     return file_well_formed() && msmachdep_LoadRoughOffset(rough) == 0;
@@ -57,8 +54,7 @@ bool reset_file()
 // A file the start could not read is checked, and a damaged one the start could not
 // reset is reset, before anything is saved into it (with the rough offset in use), so
 // no value read from damage ever persists. A failure counts as a failed save.
-static bool repair_damaged_file()
-{
+static bool repair_damaged_file() {
     if (g_state.file_unchecked) {
         const FileState state = file_state();
         if (state == FileState::kUnreadable) {
@@ -79,8 +75,7 @@ static bool repair_damaged_file()
     return false;
 }
 
-bool save_offset(const KmxAxesData &offset)
-{
+bool save_offset(const KmxAxesData &offset) {
     if (!repair_damaged_file()) return false;
     const int32_t v[3] = {offset.x, offset.y, offset.z};
     int32_t back[3];
@@ -101,8 +96,7 @@ bool save_offset(const KmxAxesData &offset)
     return false;
 }
 
-bool save_rough(const uint8_t rough[3])
-{
+bool save_rough(const uint8_t rough[3]) {
     if (!repair_damaged_file()) return false;
     uint8_t back[3];
     if (msmachdep_SaveRoughOffset(rough) == 0 && msmachdep_LoadRoughOffset(back) == 0 && back[0] == rough[0] &&
@@ -116,8 +110,7 @@ bool save_rough(const uint8_t rough[3])
 
 // ---- Rough-offset change --------------------------------------------------------------
 
-bool change_rough_offset(KmxcServiceEvent *e)
-{
+bool change_rough_offset(KmxcServiceEvent *e) {
     uint8_t fresh[3];
     if (KmxAxesDrvMsSetRoughOffset(nullptr) != 0) return false;
     KmxAxesDrvMsGetWrittenRoughOffset(fresh);
@@ -132,9 +125,8 @@ bool change_rough_offset(KmxcServiceEvent *e)
     if (KmxAxesLibIsValidMsOffset(&g_state.stored)) {
         KmxAxesData stored;
         KmxAxesLibRecalcMsOffset(&g_state.stored, &stored, g_state.rough, fresh);
-        saved = save_offset(KmxAxesLibIsValidMsOffset(&stored)
-                                ? stored
-                                : KmxAxesData{kUnknownOffset, kUnknownOffset, kUnknownOffset});
+        saved = save_offset(
+            KmxAxesLibIsValidMsOffset(&stored) ? stored : KmxAxesData{kUnknownOffset, kUnknownOffset, kUnknownOffset});
     }
     saved = save_rough(fresh) && saved;
     e->flags |= saved ? KMXC_SERVICE_SAVED : KMXC_SERVICE_SAVE_FAILED;

@@ -18,22 +18,20 @@ TEST_F(Kit, SavesOnlyAgreeingThreeDimensionalOffsetsThatDiffer) {
             const Trace r = run(scenario(name), rate);
             const auto cfg = vphone::read_file(kCfg);
             ASSERT_TRUE(cfg);
-            std::string saved; // the file's magnetic offset as the kit saved it
-            int saves = 1;     // the measured rough offset at start
+            std::string saved;  // the file's magnetic offset as the kit saved it
+            int saves = 1;      // the measured rough offset at start
             for (const auto &e : r.events) {
-                if (e.flags & KMXC_SERVICE_ROUGH_CHANGED) ++saves; // rough offset, carried offset
+                if (e.flags & KMXC_SERVICE_ROUGH_CHANGED) ++saves;  // rough offset, carried offset
                 if (!(e.flags & KMXC_SERVICE_SAVED) || (e.flags & KMXC_SERVICE_ROUGH_CHANGED)) continue;
                 EXPECT_TRUE(e.flags & KMXC_SERVICE_FIT_3D) << "saved without a 3-D fit";
-                const std::string now = std::to_string(e.offset[0]) + "," + std::to_string(e.offset[1]) + "," +
-                                        std::to_string(e.offset[2]);
+                const std::string now =
+                    std::to_string(e.offset[0]) + "," + std::to_string(e.offset[1]) + "," + std::to_string(e.offset[2]);
                 EXPECT_NE(now, saved) << "saved an unchanged offset at " << e.time_us;
                 saved = now;
                 ++saves;
             }
             EXPECT_LE(r.events.back().saves, static_cast<uint32_t>(saves + 1));
-            if (!saved.empty()) {
-                EXPECT_EQ(cfg->substr(cfg->size() - saved.size()), saved) << *cfg;
-            }
+            if (!saved.empty()) { EXPECT_EQ(cfg->substr(cfg->size() - saved.size()), saved) << *cfg; }
         }
 }
 
@@ -67,7 +65,7 @@ TEST_F(Kit, AStoredOffsetIsUsedButTrustedOnlyWhenTheFieldConfirmsIt) {
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
         vphone::write_file(kCfg, c.file);
-        const Trace r = run(scenario("slow"), 20, 25); // before the slow handling's first fit
+        const Trace r = run(scenario("slow"), 20, 25);  // before the slow handling's first fit
         ASSERT_EQ(r.start_rc, 0);
         EXPECT_EQ(r.start.offset_loaded, 1);
         EXPECT_EQ(r.first_fit_s, -1);
@@ -91,7 +89,7 @@ TEST_F(Kit, AFailedSaveIsReportedAndLeavesThePreviousFile) {
         SCOPED_TRACE(c.name);
         vphone::fail_call(c.call, 1, EIO, vphone::kForever);
         const Trace fit = run(scenario("default"), 20, 16);
-        vphone::reset(); // faults off; the chips go too
+        vphone::reset();  // faults off; the chips go too
         phone_.attach_chips(1, kDemoCalib);
         ASSERT_GT(fit.first_fit_s, 0);
         bool failed = false;
@@ -137,9 +135,8 @@ TEST_F(Kit, AnEmptyOrGarbledFileIsResetNotTrusted) {
 // (the defaults after the rough offset) or, untouched, with the failure counted.
 TEST_F(Kit, ADamagedFileIsNeverTrustedWhicheverFileCallFails) {
     const std::string damaged = "16,16,16,0,0,0,1,2,3x";
-    const vphone::Call calls[] = {vphone::Call::Fopen,  vphone::Call::Fgets, vphone::Call::Fprintf,
-                                  vphone::Call::Fclose, vphone::Call::Chown, vphone::Call::Chmod,
-                                  vphone::Call::Rename};
+    const vphone::Call calls[] = {vphone::Call::Fopen, vphone::Call::Fgets, vphone::Call::Fprintf, vphone::Call::Fclose,
+                                  vphone::Call::Chown, vphone::Call::Chmod, vphone::Call::Rename};
     int started = 0, failures_counted = 0;  // runs with a failed write, reported
     for (const vphone::Call call : calls) {
         for (int nth = 1; nth <= 8; ++nth) {

@@ -13,10 +13,10 @@ namespace kmxc_kit {
 
 // The library's calibration file, read here only to check that it is well formed.
 constexpr const char *kCalibrationFile = "/misc/sensor/kmxc_orvane.cfg";
-constexpr int32_t kUnknownOffset = 2147483647; // the file's "not known" magnetic offset
+constexpr int32_t kUnknownOffset = 2147483647;  // the file's "not known" magnetic offset
 // Corrected magnetometer counts per microtesla: 0.4 uT per count.
 constexpr int32_t kCountsPer10uT = 25;
-constexpr int32_t kGravityCounts = 4096; // 1 g
+constexpr int32_t kGravityCounts = 4096;  // 1 g
 // The calibration's other two thresholds stay at the library's defaults.
 constexpr int16_t kRatioMidThreshold = 96;
 constexpr int32_t kResidualThreshold = 0x200000;
@@ -29,28 +29,28 @@ struct State {
     bool started;
     uint32_t rate_hz;
     uint8_t rough[3];
-    KmxAxesData stored;        // the magnetic offset the file holds (kUnknownOffset: none)
-    bool offset_trusted;       // a 3-D fit of this run, or a confirmed stored offset
-    bool stored_pending;       // a stored offset waits for confirmation
-    int8_t base_accuracy;      // accuracy without anomaly
-    bool reference;            // ref_strength and ref_dip hold values
-    int32_t ref_strength;      // |field| counts, reference
-    int32_t ref_dip;           // 1000 cos(field, gravity), reference
+    KmxAxesData stored;    // the magnetic offset the file holds (kUnknownOffset: none)
+    bool offset_trusted;   // a 3-D fit of this run, or a confirmed stored offset
+    bool stored_pending;   // a stored offset waits for confirmation
+    int8_t base_accuracy;  // accuracy without anomaly
+    bool reference;        // ref_strength and ref_dip hold values
+    int32_t ref_strength;  // |field| counts, reference
+    int32_t ref_dip;       // 1000 cos(field, gravity), reference
     bool ref_dip_valid;
     bool in_anomaly;
-    uint8_t anomaly_level_cap; // accuracy limit while in anomaly
+    uint8_t anomaly_level_cap;  // accuracy limit while in anomaly
     uint64_t last_anomaly_us;
     bool rough_changed_once;
     uint64_t last_rough_change_us;
-    Vec fed[KMXC_SERVICE_FEED_HISTORY];  // the last fed samples (raw field), ring
-    Vec fed_g[KMXC_SERVICE_FEED_HISTORY]; // the gravity of each
+    Vec fed[KMXC_SERVICE_FEED_HISTORY];    // the last fed samples (raw field), ring
+    Vec fed_g[KMXC_SERVICE_FEED_HISTORY];  // the gravity of each
     int fed_count, fed_next;
-    int confirm_count;         // fed samples since start (for the stored offset's check)
+    int confirm_count;  // fed samples since start (for the stored offset's check)
     uint32_t warm_cycles;
     uint32_t saves, save_failures;
-    bool save_pending;         // a confirmed offset waits to be saved (after a failure)
-    bool file_damaged;         // the start could not reset a damaged calibration file
-    bool file_unchecked;       // the start could not read the calibration file
+    bool save_pending;    // a confirmed offset waits to be saved (after a failure)
+    bool file_damaged;    // the start could not reset a damaged calibration file
+    bool file_unchecked;  // the start could not read the calibration file
 };
 
 extern State g_state;
@@ -68,7 +68,7 @@ int32_t dip_cos(const Vec &field, const Vec &gravity);
 struct Agreement {
     int32_t mean;
     int32_t worst_permille;
-    int64_t spread; // sum of squared deviations from the mean
+    int64_t spread;  // sum of squared deviations from the mean
     bool in_range;
     int32_t dip;
     bool dip_valid;

@@ -6,8 +6,7 @@ namespace kmxc_kit {
 
 // ---- Integer helpers --------------------------------------------------------------
 
-static uint32_t isqrt64(uint64_t v)
-{
+static uint32_t isqrt64(uint64_t v) {
     uint64_t r = 0, bit = uint64_t{1} << 62;
     while (bit > v) bit >>= 2;
     while (bit != 0) {
@@ -22,17 +21,13 @@ static uint32_t isqrt64(uint64_t v)
     return static_cast<uint32_t>(r);
 }
 
-static int64_t dot(const Vec &a, const Vec &b)
-{
-    return int64_t{a.x} * b.x + int64_t{a.y} * b.y + int64_t{a.z} * b.z;
-}
+static int64_t dot(const Vec &a, const Vec &b) { return int64_t{a.x} * b.x + int64_t{a.y} * b.y + int64_t{a.z} * b.z; }
 
 Vec minus(const Vec &a, const KmxAxesData &o) { return Vec{a.x - o.x, a.y - o.y, a.z - o.z}; }
 
 int32_t length(const Vec &v) { return static_cast<int32_t>(isqrt64(static_cast<uint64_t>(dot(v, v)))); }
 
-int32_t dip_cos(const Vec &field, const Vec &gravity)
-{
+int32_t dip_cos(const Vec &field, const Vec &gravity) {
     const int64_t lf = length(field), lg = length(gravity);
     if (lf == 0 || lg == 0) return 0;
     return static_cast<int32_t>(dot(field, gravity) * 1000 / (lf * lg));
@@ -40,19 +35,16 @@ int32_t dip_cos(const Vec &field, const Vec &gravity)
 
 static int32_t abs32(int32_t v) { return v < 0 ? -v : v; }
 
-static bool strength_in_earth_range(int32_t counts)
-{
+static bool strength_in_earth_range(int32_t counts) {
     return counts * 10 >= KMXC_SERVICE_FIELD_MIN_UT * kCountsPer10uT &&
            counts * 10 <= KMXC_SERVICE_FIELD_MAX_UT * kCountsPer10uT;
 }
 
-static bool gravity_steady(const Vec &g)
-{
+static bool gravity_steady(const Vec &g) {
     return abs32(length(g) - kGravityCounts) * 1000 <= KMXC_SERVICE_STEADY_GRAVITY_PERMILLE * kGravityCounts;
 }
 
-Agreement agreement(const KmxAxesData &o, int n)
-{
+Agreement agreement(const KmxAxesData &o, int n) {
     Agreement a{0, 0, 0, true, 0, false};
     int64_t sum = 0, dip_sum = 0;
     int dips = 0;
@@ -82,8 +74,7 @@ Agreement agreement(const KmxAxesData &o, int n)
     return a;
 }
 
-static void set_reference(const Agreement &a)
-{
+static void set_reference(const Agreement &a) {
     g_state.reference = true;
     g_state.ref_strength = a.mean;
     g_state.ref_dip = a.dip;
@@ -96,8 +87,7 @@ static void set_reference(const Agreement &a)
 // Far enough from each of the last few fed samples. (Against the last one only, a
 // phone rocked to and fro across the gate would feed the same two places; against the
 // whole batch, a figure-eight's return to its centre would wait for a new place.)
-bool passes_gate(const Vec &m)
-{
+bool passes_gate(const Vec &m) {
     const int64_t min_sq = int64_t{KMXC_SERVICE_FEED_MIN_CHANGE} * KMXC_SERVICE_FEED_MIN_CHANGE;
     for (int j = 0; j < g_state.fed_count && j < KMXC_SERVICE_FEED_GATE_HISTORY; ++j) {
         const int i = (g_state.fed_next - 1 - j + 2 * KMXC_SERVICE_FEED_HISTORY) % KMXC_SERVICE_FEED_HISTORY;
@@ -107,8 +97,7 @@ bool passes_gate(const Vec &m)
     return true;
 }
 
-void remember_fed(const Vec &m, const Vec &g)
-{
+void remember_fed(const Vec &m, const Vec &g) {
     g_state.fed[g_state.fed_next] = m;
     g_state.fed_g[g_state.fed_next] = g;
     g_state.fed_next = (g_state.fed_next + 1) % KMXC_SERVICE_FEED_HISTORY;
@@ -117,22 +106,20 @@ void remember_fed(const Vec &m, const Vec &g)
 
 // ---- Accuracy -------------------------------------------------------------------------
 
-void on_fit(const KmxAxesData &o, KmxcServiceEvent *e)
-{
+void on_fit(const KmxAxesData &o, KmxcServiceEvent *e) {
     const Agreement a = agreement(o, g_state.fed_count);
     const bool agrees = a.in_range && a.worst_permille <= KMXC_SERVICE_FIT_MEDIUM_PERMILLE;
-    g_state.base_accuracy = !agrees ? KMXC_SERVICE_LOW
+    g_state.base_accuracy = !agrees                                           ? KMXC_SERVICE_LOW
                             : a.worst_permille <= KMXC_SERVICE_AGREE_PERMILLE ? KMXC_SERVICE_HIGH
-                                                                            : KMXC_SERVICE_MEDIUM;
+                                                                              : KMXC_SERVICE_MEDIUM;
     g_state.offset_trusted = true;
     g_state.stored_pending = false;
     set_reference(a);
-    if (agrees) g_state.save_pending = true; // saved in the cycle when it differs from the stored one
+    if (agrees) g_state.save_pending = true;  // saved in the cycle when it differs from the stored one
     (void)e;
 }
 
-void try_confirm(const KmxAxesData &o, KmxcServiceEvent *e)
-{
+void try_confirm(const KmxAxesData &o, KmxcServiceEvent *e) {
     if (g_state.confirm_count < KMXC_SERVICE_CONFIRM_SAMPLES) return;
     const int n = g_state.fed_count < KMXC_SERVICE_CONFIRM_SAMPLES ? g_state.fed_count : KMXC_SERVICE_CONFIRM_SAMPLES;
     const Agreement a = agreement(o, n);
@@ -144,8 +131,7 @@ void try_confirm(const KmxAxesData &o, KmxcServiceEvent *e)
     e->flags |= KMXC_SERVICE_CONFIRMED;
 }
 
-uint8_t anomaly_of(const Vec &g, int32_t strength, int32_t dip)
-{
+uint8_t anomaly_of(const Vec &g, int32_t strength, int32_t dip) {
     uint8_t causes = 0;
     if (!strength_in_earth_range(strength)) causes |= KMXC_SERVICE_ANOMALY_RANGE;
     if (g_state.reference) {
@@ -159,8 +145,7 @@ uint8_t anomaly_of(const Vec &g, int32_t strength, int32_t dip)
     return causes;
 }
 
-int8_t accuracy_now(uint64_t now)
-{
+int8_t accuracy_now(uint64_t now) {
     if (!g_state.offset_trusted) return KMXC_SERVICE_UNRELIABLE;
     if (g_state.in_anomaly) {
         if (now - g_state.last_anomaly_us < uint64_t{KMXC_SERVICE_ANOMALY_CLEAR_MS} * 1000) {

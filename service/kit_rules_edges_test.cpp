@@ -32,8 +32,10 @@ TEST(KitRuleEdges, TheGateOpensAtExactlyItsDistanceFromEachOfTheLastFewFed) {
         {"just over 32 on a diagonal (19, 19, 19)", {{0, 0, 0}}, {19, 19, 19}, true},
         {"just under 32 on a diagonal (18, 18, 18)", {{0, 0, 0}}, {18, 18, 18}, false},
         {"near the fourth-last fed", {{0, 0, 0}, {100, 0, 0}, {200, 0, 0}, {300, 0, 0}}, {10, 0, 0}, false},
-        {"near only the fifth-last fed", {{0, 0, 0}, {100, 0, 0}, {200, 0, 0}, {300, 0, 0}, {400, 0, 0}},
-         {10, 0, 0}, true},
+        {"near only the fifth-last fed",
+         {{0, 0, 0}, {100, 0, 0}, {200, 0, 0}, {300, 0, 0}, {400, 0, 0}},
+         {10, 0, 0},
+         true},
     };
     for (const auto &c : cases) {
         feed(c.fed);
@@ -48,14 +50,10 @@ TEST(KitRuleEdges, RangeAndStrengthAnomaliesStartJustPastTheirLimits) {
         int32_t reference, strength;
         uint8_t causes;
     } cases[] = {
-        {0, 25, 0},
-        {0, 24, KMXC_SERVICE_ANOMALY_RANGE},
-        {0, 250, 0},
-        {0, 251, KMXC_SERVICE_ANOMALY_RANGE},
-        {200, 230, 0},
-        {200, 231, KMXC_SERVICE_ANOMALY_STRENGTH},
-        {200, 170, 0},
-        {200, 169, KMXC_SERVICE_ANOMALY_STRENGTH},
+        {0, 25, 0},    {0, 24, KMXC_SERVICE_ANOMALY_RANGE},
+        {0, 250, 0},   {0, 251, KMXC_SERVICE_ANOMALY_RANGE},
+        {200, 230, 0}, {200, 231, KMXC_SERVICE_ANOMALY_STRENGTH},
+        {200, 170, 0}, {200, 169, KMXC_SERVICE_ANOMALY_STRENGTH},
     };
     for (const auto &c : cases) {
         g_state = State{};

@@ -26,7 +26,10 @@ TEST_F(Kit, DefaultHandlingFitsInThreeDimensionsWithin20SecondsAtEveryRate) {
 TEST_F(Kit, SlowHandTurningFitsWithin30SecondsAtEveryRate) {
     // Seeds whose first slow batch spreads just short of the library's own
     // three-dimensional threshold at 50 and 100 Hz.
-    const struct { int rate; uint32_t seed; } cases[] = {{10, 1}, {20, 1}, {50, 2}, {100, 4}};
+    const struct {
+        int rate;
+        uint32_t seed;
+    } cases[] = {{10, 1}, {20, 1}, {50, 2}, {100, 4}};
     for (const auto &c : cases) {
         SCOPED_TRACE(c.rate);
         vphone::remove_file(kCfg);
@@ -71,9 +74,7 @@ TEST_F(Kit, UnreliableUntilTheFirstFitThenHighWithRightHeadings) {
     for (size_t i = 0; i < r.events.size(); ++i) {
         const KmxcServiceEvent &e = r.events[i];
         const double t = static_cast<double>(e.time_us) / 1e6;
-        if (t < r.first_fit_s) {
-            EXPECT_EQ(e.accuracy, KMXC_SERVICE_UNRELIABLE) << t;
-        }
+        if (t < r.first_fit_s) { EXPECT_EQ(e.accuracy, KMXC_SERVICE_UNRELIABLE) << t; }
         if (e.accuracy >= KMXC_SERVICE_MEDIUM && (e.flags & KMXC_SERVICE_ORIENTATION_VALID)) {
             ++trusted;
             const double truth = true_angles(r.truths[i].attitude).azimuth_double;
@@ -92,7 +93,7 @@ struct Disturbance {
     const char *name;
     std::function<void(Truth &)> apply;
     uint8_t cause;
-    int8_t cap; // highest accuracy while it lasts
+    int8_t cap;  // highest accuracy while it lasts
 };
 
 const Disturbance kDisturbances[] = {
@@ -100,7 +101,10 @@ const Disturbance kDisturbances[] = {
     // rules: +25 uT along x here would turn the heading by 60 degrees unnoticed.)
     {"magnet approaches from below (field +25 uT down)", [](Truth &t) { t.field_uT[2] -= 25; },
      KMXC_SERVICE_ANOMALY_STRENGTH, KMXC_SERVICE_LOW},
-    {"field weakens to 60 %", [](Truth &t) { for (double &f : t.field_uT) f *= 0.6; },
+    {"field weakens to 60 %",
+     [](Truth &t) {
+         for (double &f : t.field_uT) f *= 0.6;
+     },
      KMXC_SERVICE_ANOMALY_STRENGTH, KMXC_SERVICE_LOW},
     {"strong magnet (over 100 uT)", [](Truth &t) { t.field_uT[1] += 80; }, KMXC_SERVICE_ANOMALY_RANGE,
      KMXC_SERVICE_UNRELIABLE},
@@ -119,7 +123,7 @@ TEST_F(Kit, FieldAnomaliesLowerTheAccuracyUntilTheyAreGone) {
         SCOPED_TRACE(d.name);
         vphone::remove_file(kCfg);
         ScenarioSettings s = scenario("magnet");
-        s.magnet_uT = {0, 0, 0}; // the clip stays off: the disturbance is the test's
+        s.magnet_uT = {0, 0, 0};  // the clip stays off: the disturbance is the test's
         const Trace r = run(s, 20, 24, [&](double t, Truth &truth) {
             if (t >= 19 && t < 21.5) d.apply(truth);
         });
@@ -132,9 +136,7 @@ TEST_F(Kit, FieldAnomaliesLowerTheAccuracyUntilTheyAreGone) {
                 EXPECT_LE(e.accuracy, d.cap) << t;
                 flagged |= (e.anomaly & d.cause) != 0;
             }
-            if (t >= 21.5 + KMXC_SERVICE_ANOMALY_CLEAR_MS / 1000.0 + 0.2) {
-                EXPECT_EQ(e.accuracy, before) << t;
-            }
+            if (t >= 21.5 + KMXC_SERVICE_ANOMALY_CLEAR_MS / 1000.0 + 0.2) { EXPECT_EQ(e.accuracy, before) << t; }
         }
         EXPECT_EQ(before, KMXC_SERVICE_HIGH);
         EXPECT_TRUE(flagged) << "cause not reported";
@@ -150,9 +152,7 @@ TEST_F(Kit, MagnetClippedOnIsFlaggedAndANewFitRestoresTheAccuracy) {
         if (clip_s < 0 && (e.flags & KMXC_SERVICE_ANOMALY) && t > 15) clip_s = t;
         rough_changed |= (e.flags & KMXC_SERVICE_ROUGH_CHANGED) != 0;
         if (clip_s > 0 && refit_s < 0 && (e.flags & KMXC_SERVICE_FIT_3D)) refit_s = t;
-        if (clip_s > 0 && refit_s < 0) {
-            EXPECT_LE(e.accuracy, KMXC_SERVICE_LOW) << t;
-        }
+        if (clip_s > 0 && refit_s < 0) { EXPECT_LE(e.accuracy, KMXC_SERVICE_LOW) << t; }
     }
     EXPECT_NEAR(clip_s, 20.0, 0.2) << "the clip goes on at 20 s";
     EXPECT_TRUE(rough_changed);

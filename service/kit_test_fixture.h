@@ -35,7 +35,7 @@ constexpr const char *kDefaults = "255,255,255,0,0,0,2147483647,2147483647,21474
 struct Trace {
     std::vector<KmxcServiceEvent> events;
     std::vector<Truth> truths;
-    std::vector<Vec3> true_offsets; // counts
+    std::vector<Vec3> true_offsets;  // counts
     KmxcServiceStart start{};
     int start_rc = 0;
     double first_fit_s = -1;
@@ -61,7 +61,7 @@ protected:
     // Runs a scenario through the kit at rate_hz until until_s (or the script's end);
     // disturb may change what the phone senses at each instant.
     Trace run(ScenarioSettings settings, int rate_hz, double until_s = 1e9,
-            const std::function<void(double t, Truth &)> &disturb = {}) {
+              const std::function<void(double t, Truth &)> &disturb = {}) {
         Trace r;
         Scenario scenario(settings);
         const uint64_t start_us = vphone::now_us();

@@ -22,18 +22,16 @@ using namespace kmxc_kit;
 namespace {
 
 // 6. Stop: both driver terms; the last of them closes /dev/compass.
-void stop_drivers()
-{
+void stop_drivers() {
     KmxAxesDrvMsTerm();
     KmxAxesDrvGsTerm();
 }
 
-} // namespace
+}  // namespace
 
 extern "C" {
 
-int32_t kmxc_service_start(uint32_t rate_hz, KmxcServiceStart *start)
-{
+int32_t kmxc_service_start(uint32_t rate_hz, KmxcServiceStart *start) {
     if (rate_hz < KMXC_SERVICE_RATE_MIN_HZ || rate_hz > KMXC_SERVICE_RATE_MAX_HZ) return -1;
     if (g_state.started) return -5;
     g_state = State{};
@@ -119,8 +117,7 @@ int32_t kmxc_service_start(uint32_t rate_hz, KmxcServiceStart *start)
     return 0;
 }
 
-int32_t kmxc_service_cycle(uint64_t now, KmxcServiceEvent *e)
-{
+int32_t kmxc_service_cycle(uint64_t now, KmxcServiceEvent *e) {
     if (!g_state.started || e == nullptr) return -1;
     *e = KmxcServiceEvent{};
     e->time_us = now;
@@ -130,7 +127,7 @@ int32_t kmxc_service_cycle(uint64_t now, KmxcServiceEvent *e)
     // 4. Both measurements.
     KmxAxesData ms = KmxAxesData_Constructor, gs = KmxAxesData_Constructor;
     KmxcDrvRawData raw{};
-    e->ms_result = KmxAxesDrvMsMeasure(&ms, &raw); // waits 13 ms for the conversion
+    e->ms_result = KmxAxesDrvMsMeasure(&ms, &raw);  // waits 13 ms for the conversion
     e->gs_result = KmxAxesDrvGsMeasure(&gs, &raw);
     for (int k = 0; k < 3; ++k) {
         e->raw_ms[k] = static_cast<int16_t>(raw.ms[k]);
@@ -207,8 +204,8 @@ int32_t kmxc_service_cycle(uint64_t now, KmxcServiceEvent *e)
         if (e->ms_result == 0 && g_state.offset_trusted) {
             e->anomaly = anomaly_of(g, strength, dip);
             if (e->anomaly != 0) {
-                const uint8_t cap = (e->anomaly & KMXC_SERVICE_ANOMALY_RANGE) != 0 ? KMXC_SERVICE_UNRELIABLE
-                                                                                  : KMXC_SERVICE_LOW;
+                const uint8_t cap =
+                    (e->anomaly & KMXC_SERVICE_ANOMALY_RANGE) != 0 ? KMXC_SERVICE_UNRELIABLE : KMXC_SERVICE_LOW;
                 if (!g_state.in_anomaly || cap < g_state.anomaly_level_cap) g_state.anomaly_level_cap = cap;
                 g_state.in_anomaly = true;
                 g_state.last_anomaly_us = now;
@@ -253,12 +250,11 @@ int32_t kmxc_service_cycle(uint64_t now, KmxcServiceEvent *e)
     return 0;
 }
 
-int32_t kmxc_service_stop(void)
-{
+int32_t kmxc_service_stop(void) {
     if (!g_state.started) return -1;
     stop_drivers();
     g_state.started = false;
     return 0;
 }
 
-} // extern "C"
+}  // extern "C"

@@ -139,16 +139,16 @@ extern "C" {
 #define KMXC_SERVICE_HIGH 3
 
 /* Event flags: what happened in this cycle. */
-#define KMXC_SERVICE_MEASURED 0x0001      /* both measurements succeeded; fields valid */
-#define KMXC_SERVICE_FED 0x0002           /* the sample passed the gate to the calibration */
-#define KMXC_SERVICE_NEW_OFFSET 0x0004    /* the calibration published an offset */
-#define KMXC_SERVICE_FIT_3D 0x0008        /* ... from a three-dimensional fit */
-#define KMXC_SERVICE_ANOMALY 0x0010       /* a field anomaly was seen in this sample */
-#define KMXC_SERVICE_ROUGH_CHANGED 0x0020 /* the rough offset was changed, offset carried */
-#define KMXC_SERVICE_SAVED 0x0040         /* the calibration file was written and read back */
-#define KMXC_SERVICE_SAVE_FAILED 0x0080   /* a save failed; the previous file is kept */
-#define KMXC_SERVICE_CONFIRMED 0x0100     /* the stored offset was confirmed by the field */
-#define KMXC_SERVICE_HEADING_VALID 0x0200 /* heading_deg holds a heading (after warm-up) */
+#define KMXC_SERVICE_MEASURED 0x0001          /* both measurements succeeded; fields valid */
+#define KMXC_SERVICE_FED 0x0002               /* the sample passed the gate to the calibration */
+#define KMXC_SERVICE_NEW_OFFSET 0x0004        /* the calibration published an offset */
+#define KMXC_SERVICE_FIT_3D 0x0008            /* ... from a three-dimensional fit */
+#define KMXC_SERVICE_ANOMALY 0x0010           /* a field anomaly was seen in this sample */
+#define KMXC_SERVICE_ROUGH_CHANGED 0x0020     /* the rough offset was changed, offset carried */
+#define KMXC_SERVICE_SAVED 0x0040             /* the calibration file was written and read back */
+#define KMXC_SERVICE_SAVE_FAILED 0x0080       /* a save failed; the previous file is kept */
+#define KMXC_SERVICE_CONFIRMED 0x0100         /* the stored offset was confirmed by the field */
+#define KMXC_SERVICE_HEADING_VALID 0x0200     /* heading_deg holds a heading (after warm-up) */
 #define KMXC_SERVICE_ORIENTATION_VALID 0x0400 /* orientation_deg holds angles */
 
 /* Anomaly causes (event.anomaly), bits. */
@@ -160,43 +160,43 @@ extern "C" {
 
 /* What start found (filled by kmxc_service_start). */
 typedef struct KmxcServiceStart {
-    uint8_t rough[3];        /* rough offset written to the chip, channels 0..2 */
-    uint8_t rough_measured;  /* 1 measured now, 0 taken from the file */
-    uint8_t offset_loaded;   /* 1 a valid stored magnetic offset was loaded (unconfirmed) */
-    uint8_t file_repaired;   /* 1 the calibration file was empty or garbled and reset */
-    int32_t offset[3];       /* the magnetic offset in use, counts */
+    uint8_t rough[3];       /* rough offset written to the chip, channels 0..2 */
+    uint8_t rough_measured; /* 1 measured now, 0 taken from the file */
+    uint8_t offset_loaded;  /* 1 a valid stored magnetic offset was loaded (unconfirmed) */
+    uint8_t file_repaired;  /* 1 the calibration file was empty or garbled and reset */
+    int32_t offset[3];      /* the magnetic offset in use, counts */
 } KmxcServiceStart;
 
 /* One cycle's event. Float fields are valid when their flag says so. */
 typedef struct KmxcServiceEvent {
-    uint64_t time_us;            /* the caller's timestamp of the cycle */
-    float magnetic_uT[3];        /* calibrated field, device axes (x right, y up, z out) */
-    float uncalibrated_uT[3];    /* field before the offset is removed */
-    float bias_uT[3];            /* the offset; magnetic = uncalibrated - bias */
-    float acceleration_ms2[3];   /* gravity included; +9.8 on z lying face up */
-    float orientation_deg[3];    /* azimuth 0..359 (magnetic), pitch -180..179, roll -90..90 */
-    int16_t heading_deg;         /* integer path 0..359; -1 during warm-up or failure */
-    int8_t accuracy;             /* KMXC_SERVICE_UNRELIABLE .. KMXC_SERVICE_HIGH */
-    uint8_t anomaly;             /* KMXC_SERVICE_ANOMALY_* causes seen in this sample */
-    uint16_t flags;              /* KMXC_SERVICE_* event flags */
-    int8_t ms_result;            /* KmxAxesDrvMsMeasure: 0, 1..7 out of range, < 0 failed */
-    int8_t gs_result;            /* KmxAxesDrvGsMeasure */
-    int8_t calib_result;         /* KmxAxesMsCalibUpdate, 0 when the sample was not fed */
-    int8_t calib_status;         /* KmxAxesMsCalibGetStatus */
-    int16_t calib_ratio_min;     /* batch ratios and fit residual of a fed sample: the */
-    int16_t calib_ratio_mid;     /*   KmxAxesMsCalibDetail record (0, 0, 2147483647 */
-    int32_t calib_residual;      /*   while the batch fills) */
-    int16_t raw_ms[3];           /* the magnetometer's raw channels (11 bit) */
-    int16_t raw_temperature;     /* the magnetometer's raw temperature */
-    int16_t raw_gs[3];           /* the accelerometer's counts */
-    uint8_t rough[3];            /* the rough offset in use */
-    int32_t ms[3];               /* corrected magnetic vector, counts (0.4 uT) */
-    int32_t gs[3];               /* gravity vector, 1/4096 g */
-    int32_t offset[3];           /* the magnetic offset in use, counts */
-    int32_t strength_centi_uT;   /* |ms - offset| in 1/100 uT */
-    int32_t dip_cos_permille;    /* 1000 cos(angle between field and gravity) */
-    uint32_t saves;              /* successful saves so far */
-    uint32_t save_failures;      /* failed saves so far */
+    uint64_t time_us;          /* the caller's timestamp of the cycle */
+    float magnetic_uT[3];      /* calibrated field, device axes (x right, y up, z out) */
+    float uncalibrated_uT[3];  /* field before the offset is removed */
+    float bias_uT[3];          /* the offset; magnetic = uncalibrated - bias */
+    float acceleration_ms2[3]; /* gravity included; +9.8 on z lying face up */
+    float orientation_deg[3];  /* azimuth 0..359 (magnetic), pitch -180..179, roll -90..90 */
+    int16_t heading_deg;       /* integer path 0..359; -1 during warm-up or failure */
+    int8_t accuracy;           /* KMXC_SERVICE_UNRELIABLE .. KMXC_SERVICE_HIGH */
+    uint8_t anomaly;           /* KMXC_SERVICE_ANOMALY_* causes seen in this sample */
+    uint16_t flags;            /* KMXC_SERVICE_* event flags */
+    int8_t ms_result;          /* KmxAxesDrvMsMeasure: 0, 1..7 out of range, < 0 failed */
+    int8_t gs_result;          /* KmxAxesDrvGsMeasure */
+    int8_t calib_result;       /* KmxAxesMsCalibUpdate, 0 when the sample was not fed */
+    int8_t calib_status;       /* KmxAxesMsCalibGetStatus */
+    int16_t calib_ratio_min;   /* batch ratios and fit residual of a fed sample: the */
+    int16_t calib_ratio_mid;   /*   KmxAxesMsCalibDetail record (0, 0, 2147483647 */
+    int32_t calib_residual;    /*   while the batch fills) */
+    int16_t raw_ms[3];         /* the magnetometer's raw channels (11 bit) */
+    int16_t raw_temperature;   /* the magnetometer's raw temperature */
+    int16_t raw_gs[3];         /* the accelerometer's counts */
+    uint8_t rough[3];          /* the rough offset in use */
+    int32_t ms[3];             /* corrected magnetic vector, counts (0.4 uT) */
+    int32_t gs[3];             /* gravity vector, 1/4096 g */
+    int32_t offset[3];         /* the magnetic offset in use, counts */
+    int32_t strength_centi_uT; /* |ms - offset| in 1/100 uT */
+    int32_t dip_cos_permille;  /* 1000 cos(angle between field and gravity) */
+    uint32_t saves;            /* successful saves so far */
+    uint32_t save_failures;    /* failed saves so far */
 } KmxcServiceEvent;
 
 /* ---- Functions -------------------------------------------------------------------

@@ -16,7 +16,8 @@ TEST(Smb380Readout, EveryPatternSignExtendsOnEveryAxis) {
     } readers[] = {{smb380_read_accel_x, 0x02}, {smb380_read_accel_y, 0x04}, {smb380_read_accel_z, 0x06}};
     for (const auto &r : readers) {
         for (int v = -512; v < 512; ++v) {
-            const auto lsb = static_cast<uint8_t>((v & 3) << 6 | (v & 0x3F)), msb = static_cast<uint8_t>((v & 0x3FF) >> 2);
+            const auto lsb = static_cast<uint8_t>((v & 3) << 6 | (v & 0x3F)),
+                       msb = static_cast<uint8_t>((v & 0x3FF) >> 2);
             attach({{r.reg, lsb}, {static_cast<uint8_t>(r.reg + 1), msb}});
             g_bus.results = {-7};
             int16_t out = 1000;
@@ -31,8 +32,11 @@ TEST(Smb380Readout, XyzTemperatureAndStatusAreSingleReads) {
     smb380_accel a{};
     uint8_t t = 0, s = 0;
     const Sequence cases[] = {
-        {"xyz: one six-byte read", {{0x02, 0x02}, {0x03, 0x80}, {0x04, 0xC0}, {0x05, 0x7F}, {0x06, 0x40}, {0x07, 0xFF}},
-         [&] { return smb380_read_accel_xyz(&a); }, {R(0x82, {0x02, 0x80, 0xC0, 0x7F, 0x40, 0xFF})}, 1},
+        {"xyz: one six-byte read",
+         {{0x02, 0x02}, {0x03, 0x80}, {0x04, 0xC0}, {0x05, 0x7F}, {0x06, 0x40}, {0x07, 0xFF}},
+         [&] { return smb380_read_accel_xyz(&a); },
+         {R(0x82, {0x02, 0x80, 0xC0, 0x7F, 0x40, 0xFF})},
+         1},
         {"temperature: raw byte", {{0x08, 0xFF}}, [&] { return smb380_read_temperature(&t); }, {R(0x88, {0xFF})}, 1},
         {"status: raw byte", {{0x09, 0x81}}, [&] { return smb380_get_interrupt_status(&s); }, {R(0x89, {0x81})}, 1},
     };

@@ -34,7 +34,7 @@ struct Bus {
     std::vector<Call> calls;
     std::vector<int8_t> results;  // of the read and write calls in order; then 0
     size_t next_result = 0;
-    bool fill_reads = true;       // false: reads leave the destination alone
+    bool fill_reads = true;  // false: reads leave the destination alone
 };
 extern Bus g_bus;
 extern smb380_dev g_dev;  // wired to g_bus

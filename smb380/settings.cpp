@@ -7,7 +7,6 @@ using namespace smb380_regs;
 
 namespace {
 
-
 // Interrupt mask bits 0, 1, 6, 7 sit in 0x0B at the same positions; bits 3..5 sit in
 // 0x15 bits 4..6. Mask bit 2 has no register bit.
 constexpr uint8_t kMaskInIntEnable = 0xC3;
@@ -45,7 +44,9 @@ int32_t smb380_set_bandwidth(uint8_t code) {
     if (code > kBandwidthMax) return 0;
     return set_field(kRangeBandwidth, kBandwidthMask, kBandwidthShift, code);
 }
-int32_t smb380_get_bandwidth(uint8_t *code) { return get_field(kRangeBandwidth, kBandwidthMask, kBandwidthShift, code); }
+int32_t smb380_get_bandwidth(uint8_t *code) {
+    return get_field(kRangeBandwidth, kBandwidthMask, kBandwidthShift, code);
+}
 
 int32_t smb380_set_wake_up_pause(uint8_t code) { return set_rmw(kWakeUp, 0x06, 1, code); }
 int32_t smb380_get_wake_up_pause(uint8_t *code) { return get_field(kWakeUp, 0x06, 1, code); }

@@ -58,11 +58,11 @@ typedef int8_t (*smb380_sleep_fn)(uint32_t ms);
 
 /* Device record, owned by the caller. */
 typedef struct smb380_dev {
-    uint8_t mode;           /* last value given to smb380_set_mode */
-    uint8_t chip_id;        /* bits 2..0 of register 0x00, read by smb380_init */
-    uint8_t version_low;    /* bits 3..0 of register 0x01, read by smb380_init */
-    uint8_t version_high;   /* bits 7..4 of register 0x01 shifted down (0..15) */
-    uint8_t slave_address;  /* 0x38, set by smb380_init */
+    uint8_t mode;          /* last value given to smb380_set_mode */
+    uint8_t chip_id;       /* bits 2..0 of register 0x00, read by smb380_init */
+    uint8_t version_low;   /* bits 3..0 of register 0x01, read by smb380_init */
+    uint8_t version_high;  /* bits 7..4 of register 0x01 shifted down (0..15) */
+    uint8_t slave_address; /* 0x38, set by smb380_init */
     smb380_write_fn write_fn;
     smb380_read_fn read_fn;
     smb380_sleep_fn sleep_fn;

@@ -38,7 +38,7 @@ constexpr uint8_t kOffsetHigh = 0x1A;  // + axis: offset bits 9..2
 constexpr uint8_t kImageFirst = 0x0B;
 constexpr uint8_t kImageLength = 19;
 constexpr uint8_t kImageLast = kImageFirst + kImageLength - 1;
-constexpr uint8_t kEepromBit = 0x20;  // EEPROM cell = image register | 0x20
+constexpr uint8_t kEepromBit = 0x20;     // EEPROM cell = image register | 0x20
 constexpr uint8_t kRegisterMask = 0x7F;  // register addresses are 7-bit
 constexpr uint8_t kReadFlag = 0x80;      // the driver's read_fn marks reads with bit 7
 

@@ -32,8 +32,7 @@ namespace {
 using namespace compass;
 
 // One kit event as the report sees it.
-SampleOutput to_sample(const KmxcServiceEvent &e)
-{
+SampleOutput to_sample(const KmxcServiceEvent &e) {
     SampleOutput s;
     s.time_us = static_cast<int64_t>(e.time_us);
     s.ms_rc = e.ms_result;
@@ -58,8 +57,7 @@ SampleOutput to_sample(const KmxcServiceEvent &e)
     return s;
 }
 
-const char *start_error(int32_t rc)
-{
+const char *start_error(int32_t rc) {
     switch (rc) {
     case -1: return "the kit refused the rate";
     case -2: return "magnetometer start-up failed";
@@ -71,23 +69,20 @@ const char *start_error(int32_t rc)
 
 // ==== The demo around the service ======================================================
 
-std::string fmt1(uint64_t us)
-{
+std::string fmt1(uint64_t us) {
     char b[32];
     std::snprintf(b, sizeof b, "%5.1f", static_cast<double>(us) / 1e6);
     return b;
 }
 
-int fail(const std::string &message, int code)
-{
+int fail(const std::string &message, int code) {
     std::cerr << "compass_service: " << message << '\n';
     return code;
 }
 
 // The calibration file's nine fields as the run starts (the defaults when there is
 // none yet), for the record's header.
-bool stored_line(std::array<long long, 9> *out)
-{
+bool stored_line(std::array<long long, 9> *out) {
     const auto text = vphone::read_file("/misc/sensor/kmxc_orvane.cfg");
     std::array<long long, 9> v{255, 255, 255, 0, 0, 0, 2147483647, 2147483647, 2147483647};
     if (text) {
@@ -100,8 +95,7 @@ bool stored_line(std::array<long long, 9> *out)
     return true;
 }
 
-std::string persisted_text(const std::string &sandbox)
-{
+std::string persisted_text(const std::string &sandbox) {
     uint8_t rough[3];
     int32_t ms[3], gs[3];
     std::ostringstream o;
@@ -109,15 +103,16 @@ std::string persisted_text(const std::string &sandbox)
         return "nothing readable";
     o << sandbox << "/misc/sensor/kmxc_orvane.cfg: rough offset " << int(rough[0]) << ',' << int(rough[1]) << ','
       << int(rough[2]) << "; magnetic offset ";
-    if (ms[0] == 2147483647) o << "not known";
-    else o << ms[0] << ',' << ms[1] << ',' << ms[2] << " counts";
+    if (ms[0] == 2147483647)
+        o << "not known";
+    else
+        o << ms[0] << ',' << ms[1] << ',' << ms[2] << " counts";
     o << "; gravity offset " << gs[0] << ',' << gs[1] << ',' << gs[2];
     return o.str();
 }
 
 // Whether path names something inside dir (symbolic links followed as far as they exist).
-bool is_inside(const std::string &path, const std::string &dir)
-{
+bool is_inside(const std::string &path, const std::string &dir) {
     namespace fs = std::filesystem;
     std::error_code ec;
     const fs::path p = fs::weakly_canonical(fs::absolute(path, ec), ec);
@@ -129,8 +124,7 @@ bool is_inside(const std::string &path, const std::string &dir)
     return pi != p.end();
 }
 
-int run(const Options &opt)
-{
+int run(const Options &opt) {
     const bool replaying = !opt.replay_path.empty();
     Record replay;
     if (replaying) {
@@ -185,7 +179,7 @@ int run(const Options &opt)
         phone.attach_chips(settings.profile, kDemoCalib);
     }
     Scenario scenario(settings);
-    if (!replaying) phone.sense(scenario.sample(0.0)); // what the chips sense at start-up
+    if (!replaying) phone.sense(scenario.sample(0.0));  // what the chips sense at start-up
 
     RecordHeader header;
     header.has_stored = stored_line(&header.stored);
@@ -244,10 +238,12 @@ int run(const Options &opt)
         const uint64_t now = vphone::now_us();
         if (!replaying && now > end_us) break;
         Truth truth;
-        if (replaying) phone.deliver(replay.rows[i]);
-        else phone.sense(truth = scenario.sample(static_cast<double>(now) / 1e6));
+        if (replaying)
+            phone.deliver(replay.rows[i]);
+        else
+            phone.sense(truth = scenario.sample(static_cast<double>(now) / 1e6));
 
-        vphone::clear_transcript(); // the demo does not read it; keep long replays small
+        vphone::clear_transcript();  // the demo does not read it; keep long replays small
         KmxcServiceEvent e;
         kmxc_service_cycle(now, &e);
         SampleOutput s = to_sample(e);
@@ -260,7 +256,8 @@ int run(const Options &opt)
         if (record.is_open() && s.ms_rc >= 0 && s.gs_rc >= 0)
             write_record_row(record, RecordRow{s.time_us,
                                                {uint16_t(e.raw_ms[0]), uint16_t(e.raw_ms[1]), uint16_t(e.raw_ms[2])},
-                                               uint16_t(e.raw_temperature), {e.raw_gs[0], e.raw_gs[1], e.raw_gs[2]}});
+                                               uint16_t(e.raw_temperature),
+                                               {e.raw_gs[0], e.raw_gs[1], e.raw_gs[2]}});
         report.add(s);
         if (e.flags & KMXC_SERVICE_SAVE_FAILED)
             std::cout << "  t " << fmt1(now) << " s  saving the calibration file failed; the previous file is kept\n";
@@ -289,21 +286,24 @@ int run(const Options &opt)
     if (!opt.plot_path.empty()) {
         const std::string title = replaying ? "Compass service, replay of " + opt.replay_path
                                             : "Compass service on the virtual phone, scenario " + settings.name;
-        if (report.write_plot(opt.plot_path, title, &error)) std::cout << "  plot                      " << opt.plot_path << '\n';
-        else status = fail(error, 3);
+        if (report.write_plot(opt.plot_path, title, &error))
+            std::cout << "  plot                      " << opt.plot_path << '\n';
+        else
+            status = fail(error, 3);
     }
     if (record.is_open()) {
         record.flush();
-        if (!record) status = fail("writing record file '" + opt.record_path + "' failed", 3);
-        else std::cout << "  raw record                " << opt.record_path << '\n';
+        if (!record)
+            status = fail("writing record file '" + opt.record_path + "' failed", 3);
+        else
+            std::cout << "  raw record                " << opt.record_path << '\n';
     }
     return status;
 }
 
-} // namespace
+}  // namespace
 
-int main(int argc, char **argv)
-{
+int main(int argc, char **argv) {
     const ParsedOptions p = parse_options(std::vector<std::string>(argv + 1, argv + argc));
     if (!p.ok) return fail(p.error, 2);
     if (p.options.help) {

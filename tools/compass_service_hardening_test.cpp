@@ -9,8 +9,7 @@ namespace {
 
 using namespace service_run;
 
-TEST(CompassService, AnEmptyOrGarbledCalibrationFileIsResetAndSaidSo)
-{
+TEST(CompassService, AnEmptyOrGarbledCalibrationFileIsResetAndSaidSo) {
     // An empty file fails every load; letters load as offsets 0,0,0 under the file's
     // rules. The kit must use neither, and must leave a file later runs can load.
     const struct { const char *name, *content; } cases[] = {{"empty", ""}, {"garbled", "calibrated!"}};
@@ -34,25 +33,31 @@ TEST(CompassService, AnEmptyOrGarbledCalibrationFileIsResetAndSaidSo)
     }
 }
 
-TEST(CompassService, BadInputGetsOneLineAndANonZeroExit)
-{
+TEST(CompassService, BadInputGetsOneLineAndANonZeroExit) {
     const std::string d = dir_for("bad");
     std::ofstream(d + "/not-a-record.csv") << "hello\n";
     std::ofstream(d + "/short-row.csv") << "# kmxc raw record 1\nprofile,1\n"
                                            "transformation,1,0,0,0,1,0,0,0,1,1,0,0,0,1,0,0,0,1\n"
                                            "calib,130,32,250,8,32,68,128,128,128\nrough,16,16,16\n"
                                            "time_us,ms0,ms1,ms2,temperature,gs_x,gs_y,gs_z\n0,512,512\n";
-    const struct { const char *name; std::vector<std::string> args; const char *error_part; } cases[] = {
+    const struct {
+        const char *name;
+        std::vector<std::string> args;
+        const char *error_part;
+    } cases[] = {
         {"unknown option", {"--frobnicate"}, "unknown option '--frobnicate'"},
         {"missing replay file", {"--replay", d + "/missing.csv"}, "cannot read replay file"},
         {"replay file is not a record", {"--replay", d + "/not-a-record.csv"}, "line 1: not a raw record"},
         {"replay row too short", {"--replay", d + "/short-row.csv"}, "line 7: expected 8 values, found 3"},
         {"replay file is a directory", {"--replay", d}, "it is a directory"},
-        {"plot file cannot be written", {"--sandbox", d + "/phone", "--plot", d + "/no/such/dir/p.png"},
+        {"plot file cannot be written",
+         {"--sandbox", d + "/phone", "--plot", d + "/no/such/dir/p.png"},
          "cannot write '"},
-        {"record file cannot be written", {"--sandbox", d + "/phone", "--record", d + "/no/such/dir/r.csv"},
+        {"record file cannot be written",
+         {"--sandbox", d + "/phone", "--record", d + "/no/such/dir/r.csv"},
          "cannot write record file"},
-        {"replay with a scenario option", {"--replay", d + "/short-row.csv", "--scenario", "slow"},
+        {"replay with a scenario option",
+         {"--replay", d + "/short-row.csv", "--scenario", "slow"},
          "--scenario and --replay cannot be combined"},
         {"rate the kit cannot serve", {"--rate", "200"}, "--rate: 200 is outside 1..100"},
     };
@@ -68,13 +73,15 @@ TEST(CompassService, BadInputGetsOneLineAndANonZeroExit)
 
 // What the tool is pointed at but not given to change stays as it was: it empties only
 // sandboxes it made, never runs text from file names, and reports what it cannot write.
-TEST(CompassService, NeverEmptiesADirectoryItDidNotMake)
-{
+TEST(CompassService, NeverEmptiesADirectoryItDidNotMake) {
     const std::string d = dir_for("foreign");
     ASSERT_EQ(run(d, {"--fresh", "--sandbox", d + "/phone", "--quiet", "--scenario", "still", "--record", d + "/r.csv"})
                   .exit_code,
               0);
-    const struct { const char *name; std::vector<std::string> args; } cases[] = {
+    const struct {
+        const char *name;
+        std::vector<std::string> args;
+    } cases[] = {
         {"--fresh", {"--fresh", "--scenario", "still"}},
         {"a replay", {"--replay", d + "/r.csv"}},
         {"a plain run", {"--scenario", "still"}},
@@ -107,21 +114,23 @@ TEST(CompassService, NeverEmptiesADirectoryItDidNotMake)
     EXPECT_TRUE(fs::exists(d + "/phone/.kmxc-sandbox"));
 }
 
-TEST(CompassService, FilesNamedInsideTheSandboxAreRefusedBeforeAnythingIsLost)
-{
+TEST(CompassService, FilesNamedInsideTheSandboxAreRefusedBeforeAnythingIsLost) {
     // --fresh and replays empty the sandbox: a record opened there would be written to a
     // file already deleted, a replay file there would be deleted after reading.
     const std::string d = dir_for("inside");
-    ASSERT_EQ(run(d, {"--fresh", "--sandbox", d + "/phone", "--quiet", "--scenario", "still", "--record",
-                      d + "/phone/r.csv"})
-                  .exit_code,
-              2);
+    ASSERT_EQ(
+        run(d, {"--fresh", "--sandbox", d + "/phone", "--quiet", "--scenario", "still", "--record", d + "/phone/r.csv"})
+            .exit_code,
+        2);
     EXPECT_FALSE(fs::exists(d + "/phone")) << "refused before the sandbox was made";
     ASSERT_EQ(run(d, {"--fresh", "--sandbox", d + "/phone", "--quiet", "--scenario", "still", "--record", d + "/r.csv"})
                   .exit_code,
               0);
     fs::copy_file(d + "/r.csv", d + "/phone/r.csv");
-    const struct { const char *name; std::vector<std::string> args; } cases[] = {
+    const struct {
+        const char *name;
+        std::vector<std::string> args;
+    } cases[] = {
         {"record", {"--fresh", "--scenario", "still", "--record", d + "/phone/misc/r2.csv"}},
         {"outputs", {"--fresh", "--scenario", "still", "--outputs", d + "/phone/o.csv"}},
         {"replay file", {"--replay", d + "/phone/r.csv"}},
@@ -139,29 +148,27 @@ TEST(CompassService, FilesNamedInsideTheSandboxAreRefusedBeforeAnythingIsLost)
     EXPECT_FALSE(fs::exists(d + "/phone/o.csv"));
 }
 
-TEST(CompassService, AFailedSaveIsReportedAndTheExitStatusSaysSo)
-{
+TEST(CompassService, AFailedSaveIsReportedAndTheExitStatusSaysSo) {
     const std::string d = dir_for("save-fails");
     ASSERT_EQ(run(d, {"--fresh", "--sandbox", d + "/phone", "--quiet"}).exit_code, 0);
     const std::string cfg = slurp(d + "/phone/misc/sensor/kmxc_orvane.cfg");
     ASSERT_TRUE(whole_calibration_line(cfg)) << cfg;
     // The magnet moves the rough offset and a new fit follows: saves the file system
     // refuses, every one.
-    const Result r = run(d, {"--sandbox", d + "/phone", "--quiet", "--scenario", "magnet", "--fault",
-                             "rename:1:EROFS:all"});
+    const Result r =
+        run(d, {"--sandbox", d + "/phone", "--quiet", "--scenario", "magnet", "--fault", "rename:1:EROFS:all"});
     EXPECT_EQ(r.exit_code, 3) << r.err;
     EXPECT_NE(r.err.find("compass_service: saving the calibration file failed"), std::string::npos) << r.err;
     EXPECT_NE(r.out.find(" 0 done, "), std::string::npos) << r.out;
     EXPECT_EQ(slurp(d + "/phone/misc/sensor/kmxc_orvane.cfg"), cfg);
 }
 
-TEST(CompassService, NamesReachThePlotAsTextNeverAsCommands)
-{
+TEST(CompassService, NamesReachThePlotAsTextNeverAsCommands) {
     const std::string d = dir_for("inject");
     const std::string record = d + "/r\";system(\"touch INJECTED\");\"x.csv";
-    ASSERT_EQ(run(d, {"--fresh", "--sandbox", d + "/phone", "--quiet", "--scenario", "still", "--record", record})
-                  .exit_code,
-              0);
+    ASSERT_EQ(
+        run(d, {"--fresh", "--sandbox", d + "/phone", "--quiet", "--scenario", "still", "--record", record}).exit_code,
+        0);
     const std::string plot = d + "/p'`touch INJECTED2`'.png";
     const Result r = run(d, {"--replay", record, "--sandbox", d + "/replay", "--quiet", "--plot", plot});
     ASSERT_EQ(r.exit_code, 0) << r.err;
@@ -172,8 +179,7 @@ TEST(CompassService, NamesReachThePlotAsTextNeverAsCommands)
     EXPECT_FALSE(fs::exists("INJECTED2"));
 }
 
-TEST(CompassService, FailedWritesAreReportedAndLeaveTheSandboxAlone)
-{
+TEST(CompassService, FailedWritesAreReportedAndLeaveTheSandboxAlone) {
     const std::string d = dir_for("writes");
     ASSERT_EQ(run(d, {"--fresh", "--sandbox", d + "/phone", "--quiet", "--scenario", "default"}).exit_code, 0);
     const std::string cfg = slurp(d + "/phone/misc/sensor/kmxc_orvane.cfg");
@@ -184,14 +190,14 @@ TEST(CompassService, FailedWritesAreReportedAndLeaveTheSandboxAlone)
     EXPECT_EQ(slurp(d + "/phone/misc/sensor/kmxc_orvane.cfg"), cfg);
     // gnuplot's own failure to write is noticed.
     if (fs::exists("/dev/full")) {
-        const Result full = run(d, {"--sandbox", d + "/phone", "--quiet", "--scenario", "still", "--plot", "/dev/full"});
+        const Result full =
+            run(d, {"--sandbox", d + "/phone", "--quiet", "--scenario", "still", "--plot", "/dev/full"});
         EXPECT_NE(full.exit_code, 0);
         EXPECT_NE(full.err.find("plot: cannot write '/dev/full'"), std::string::npos) << full.err;
     }
 }
 
-TEST(CompassService, ReplayWaitsOutGapsLongerThanThirtyTwoBitsOfMicroseconds)
-{
+TEST(CompassService, ReplayWaitsOutGapsLongerThanThirtyTwoBitsOfMicroseconds) {
     const std::string d = dir_for("gap");
     ASSERT_EQ(run(d, {"--fresh", "--sandbox", d + "/phone", "--quiet", "--scenario", "still", "--record", d + "/r.csv"})
                   .exit_code,
@@ -215,7 +221,8 @@ TEST(CompassService, ReplayWaitsOutGapsLongerThanThirtyTwoBitsOfMicroseconds)
     }
     out.close();
     ASSERT_GT(last, 4400000000);
-    const Result r = run(d, {"--replay", d + "/gap.csv", "--sandbox", d + "/replay", "--quiet", "--outputs", d + "/o.csv"});
+    const Result r =
+        run(d, {"--replay", d + "/gap.csv", "--sandbox", d + "/replay", "--quiet", "--outputs", d + "/o.csv"});
     ASSERT_EQ(r.exit_code, 0) << r.err;
     const auto rows = outputs(d + "/o.csv");
     ASSERT_FALSE(rows.empty());

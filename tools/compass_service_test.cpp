@@ -9,8 +9,7 @@ namespace {
 
 using namespace service_run;
 
-TEST(CompassService, DefaultScenarioCalibratesInThreeDimensionsAndHoldsTheHeading)
-{
+TEST(CompassService, DefaultScenarioCalibratesInThreeDimensionsAndHoldsTheHeading) {
     const std::string d = dir_for("default");
     const Result r = run(d, {"--fresh", "--sandbox", d + "/phone", "--quiet", "--outputs", d + "/o.csv"});
     ASSERT_EQ(r.exit_code, 0) << r.err;
@@ -19,7 +18,8 @@ TEST(CompassService, DefaultScenarioCalibratesInThreeDimensionsAndHoldsTheHeadin
     compass::ErrorStats integer, dbl, steady_integer, steady_dbl;
     int first_3d = -1;
     for (size_t i = 0; i < rows.size(); ++i) {
-        if (first_3d < 0 && compass::is_three_d(static_cast<int>(num(rows[i], "calib_rc")))) first_3d = static_cast<int>(i);
+        if (first_3d < 0 && compass::is_three_d(static_cast<int>(num(rows[i], "calib_rc"))))
+            first_3d = static_cast<int>(i);
         if (first_3d < 0) continue;
         const double ei = compass::heading_difference(num(rows[i], "heading_int"), num(rows[i], "true_heading_int"));
         const double ed = compass::heading_difference(num(rows[i], "azimuth"), num(rows[i], "true_azimuth"));
@@ -48,9 +48,11 @@ TEST(CompassService, DefaultScenarioCalibratesInThreeDimensionsAndHoldsTheHeadin
 
 // Distinct calibration return codes that published an offset, and the time of the
 // first 63.
-struct Codes { std::set<int> seen; double first_3d_s = -1; };
-Codes codes_of(const std::vector<std::map<std::string, std::string>> &rows)
-{
+struct Codes {
+    std::set<int> seen;
+    double first_3d_s = -1;
+};
+Codes codes_of(const std::vector<std::map<std::string, std::string>> &rows) {
     Codes c;
     for (const auto &row : rows) {
         const int rc = static_cast<int>(num(row, "calib_rc"));
@@ -60,8 +62,7 @@ Codes codes_of(const std::vector<std::map<std::string, std::string>> &rows)
     return c;
 }
 
-TEST(CompassService, HorizontalRotationCalibratesThroughThePlanarPath)
-{
+TEST(CompassService, HorizontalRotationCalibratesThroughThePlanarPath) {
     const std::string d = dir_for("planar");
     const Result r =
         run(d, {"--fresh", "--sandbox", d + "/phone", "--quiet", "--scenario", "planar", "--outputs", d + "/o.csv"});
@@ -77,11 +78,10 @@ TEST(CompassService, HorizontalRotationCalibratesThroughThePlanarPath)
     EXPECT_NEAR(num(rows.back(), "offset_error_uT"), std::fabs(defaults.hard_iron_uT[2]), 1.0);
 }
 
-TEST(CompassService, TwoPlanesCombineIntoAThreeDimensionalCalibration)
-{
+TEST(CompassService, TwoPlanesCombineIntoAThreeDimensionalCalibration) {
     const std::string d = dir_for("two-planes");
-    const Result r = run(d, {"--fresh", "--sandbox", d + "/phone", "--quiet", "--scenario", "two-planes",
-                             "--outputs", d + "/o.csv", "--plot", d + "/plot.png"});
+    const Result r = run(d, {"--fresh", "--sandbox", d + "/phone", "--quiet", "--scenario", "two-planes", "--outputs",
+                             d + "/o.csv", "--plot", d + "/plot.png"});
     ASSERT_EQ(r.exit_code, 0) << r.err;
     EXPECT_EQ(slurp(d + "/plot.png").substr(0, 4), "\x89PNG") << "gnuplot drew no PNG";
     const auto rows = outputs(d + "/o.csv");
@@ -100,12 +100,11 @@ TEST(CompassService, TwoPlanesCombineIntoAThreeDimensionalCalibration)
     EXPECT_LT(num(rows.back(), "offset_error_uT"), 2.0);
 }
 
-TEST(CompassService, ReplayOfARecordGivesTheSameOutputsSampleForSample)
-{
+TEST(CompassService, ReplayOfARecordGivesTheSameOutputsSampleForSample) {
     for (const char *scenario : {"default", "magnet"}) {
         const std::string d = dir_for(std::string("replay-") + scenario);
-        const Result rec = run(d, {"--fresh", "--sandbox", d + "/phone", "--quiet", "--scenario", scenario,
-                                   "--record", d + "/raw.csv", "--outputs", d + "/live.csv"});
+        const Result rec = run(d, {"--fresh", "--sandbox", d + "/phone", "--quiet", "--scenario", scenario, "--record",
+                                   d + "/raw.csv", "--outputs", d + "/live.csv"});
         ASSERT_EQ(rec.exit_code, 0) << rec.err;
         const Result rep =
             run(d, {"--sandbox", d + "/replay", "--quiet", "--replay", d + "/raw.csv", "--outputs", d + "/replay.csv"});
@@ -118,11 +117,10 @@ TEST(CompassService, ReplayOfARecordGivesTheSameOutputsSampleForSample)
     }
 }
 
-TEST(CompassService, MagnetMovesTheRoughOffsetAndCarriesTheOffsetOver)
-{
+TEST(CompassService, MagnetMovesTheRoughOffsetAndCarriesTheOffsetOver) {
     const std::string d = dir_for("magnet");
-    const Result r = run(d, {"--fresh", "--sandbox", d + "/phone", "--quiet", "--scenario", "magnet", "--outputs",
-                             d + "/o.csv"});
+    const Result r =
+        run(d, {"--fresh", "--sandbox", d + "/phone", "--quiet", "--scenario", "magnet", "--outputs", d + "/o.csv"});
     ASSERT_EQ(r.exit_code, 0) << r.err;
     EXPECT_NE(r.out.find("rough offset changed 1 time"), std::string::npos) << r.out;
     // Right after the change the offset is off by the magnet alone: the rough-offset
@@ -137,8 +135,7 @@ TEST(CompassService, MagnetMovesTheRoughOffsetAndCarriesTheOffsetOver)
     EXPECT_LT(num(rows.back(), "offset_error_uT"), 2.0) << "the second figure-eight should calibrate again";
 }
 
-TEST(CompassService, SecondRunWithTheSameSandboxStartsFromTheStoredOffsets)
-{
+TEST(CompassService, SecondRunWithTheSameSandboxStartsFromTheStoredOffsets) {
     const std::string d = dir_for("persist");
     const Result first = run(d, {"--fresh", "--sandbox", d + "/phone", "--quiet", "--outputs", d + "/a.csv"});
     ASSERT_EQ(first.exit_code, 0) << first.err;

@@ -13,33 +13,29 @@ namespace compass {
 namespace {
 
 // Whole text must be a finite number.
-bool to_double(const std::string &text, double *out)
-{
+bool to_double(const std::string &text, double *out) {
     const char *b = text.data(), *e = text.data() + text.size();
     if (b != e && *b == '+') ++b;
     const auto r = std::from_chars(b, e, *out);
     return r.ec == std::errc() && r.ptr == e && std::isfinite(*out);
 }
 
-bool to_long(const std::string &text, long long *out)
-{
+bool to_long(const std::string &text, long long *out) {
     const char *b = text.data(), *e = text.data() + text.size();
     if (b != e && *b == '+') ++b;
     const auto r = std::from_chars(b, e, *out);
     return r.ec == std::errc() && r.ptr == e;
 }
 
-std::string names_list()
-{
+std::string names_list() {
     std::string s;
     for (const auto &n : scenario_names()) s += (s.empty() ? "" : ", ") + n;
     return s;
 }
 
-} // namespace
+}  // namespace
 
-std::string usage_text()
-{
+std::string usage_text() {
     std::ostringstream u;
     u << "usage: compass_service [options]\n"
          "Runs the compass library on the virtual phone the way a sensor service does.\n"
@@ -74,12 +70,12 @@ std::string usage_text()
          "  --help                 this text\n"
          "  --version              the version of the tools and the library\n"
          "Scenarios:\n";
-    for (const ScenarioInfo &i : scenarios()) u << "  " << i.name << std::string(23 - std::strlen(i.name), ' ') << i.description << "\n";
+    for (const ScenarioInfo &i : scenarios())
+        u << "  " << i.name << std::string(23 - std::strlen(i.name), ' ') << i.description << "\n";
     return u.str();
 }
 
-ParsedOptions parse_options(const std::vector<std::string> &args)
-{
+ParsedOptions parse_options(const std::vector<std::string> &args) {
     ParsedOptions r;
     Options &o = r.options;
     ScenarioSettings &s = o.scenario;
@@ -87,38 +83,51 @@ ParsedOptions parse_options(const std::vector<std::string> &args)
 
     auto number = [&](const std::string &opt, const std::string &v, double lo, double hi, double *out) {
         double d = 0;
-        if (!to_double(v, &d)) err = opt + ": '" + v + "' is not a number";
+        if (!to_double(v, &d))
+            err = opt + ": '" + v + "' is not a number";
         else if (d < lo || d > hi) {
             std::ostringstream m;
             m << opt << ": " << v << " is outside " << lo << ".." << hi;
             err = m.str();
-        } else *out = d;
+        } else
+            *out = d;
     };
     auto integer = [&](const std::string &opt, const std::string &v, long long lo, long long hi, long long *out) {
         long long n = 0;
-        if (!to_long(v, &n)) err = opt + ": '" + v + "' is not a whole number";
-        else if (n < lo || n > hi) err = opt + ": " + v + " is outside " + std::to_string(lo) + ".." + std::to_string(hi);
-        else *out = n;
+        if (!to_long(v, &n))
+            err = opt + ": '" + v + "' is not a whole number";
+        else if (n < lo || n > hi)
+            err = opt + ": " + v + " is outside " + std::to_string(lo) + ".." + std::to_string(hi);
+        else
+            *out = n;
     };
     auto path = [&](const std::string &opt, const std::string &v, std::string *out) {
-        if (v.empty()) err = opt + ": empty file name";
-        else *out = v;
+        if (v.empty())
+            err = opt + ": empty file name";
+        else
+            *out = v;
     };
 
     using Handler = std::function<void(const std::string &opt, const std::string &value)>;
     const std::map<std::string, Handler> with_value{
-        {"--scenario", [&](auto &opt, auto &v) {
-             if (!is_scenario_name(v)) err = opt + ": unknown scenario '" + v + "' (choose " + names_list() + ")";
-             else s.name = v;
+        {"--scenario",
+         [&](auto &opt, auto &v) {
+             if (!is_scenario_name(v))
+                 err = opt + ": unknown scenario '" + v + "' (choose " + names_list() + ")";
+             else
+                 s.name = v;
          }},
         {"--field", [&](auto &opt, auto &v) { number(opt, v, 25, 65, &s.field_uT); }},
         {"--inclination", [&](auto &opt, auto &v) { number(opt, v, -90, 90, &s.inclination_deg); }},
         {"--declination", [&](auto &opt, auto &v) { number(opt, v, -180, 180, &s.declination_deg); }},
-        {"--hard-iron", [&](auto &opt, auto &v) {
+        {"--hard-iron",
+         [&](auto &opt, auto &v) {
              std::vector<std::string> parts{""};
              for (char c : v) {
-                 if (c == ',') parts.emplace_back();
-                 else parts.back() += c;
+                 if (c == ',')
+                     parts.emplace_back();
+                 else
+                     parts.back() += c;
              }
              if (parts.size() != 3) {
                  err = opt + ": '" + v + "' is not three numbers X,Y,Z";
@@ -131,17 +140,20 @@ ParsedOptions parse_options(const std::vector<std::string> &args)
         {"--noise", [&](auto &opt, auto &v) { number(opt, v, 0, 5, &s.noise_uT); }},
         {"--temp-drift", [&](auto &opt, auto &v) { number(opt, v, -20, 20, &s.temp_drift_C_per_min); }},
         {"--temperature", [&](auto &opt, auto &v) { number(opt, v, -20, 60, &s.temperature_C); }},
-        {"--profile", [&](auto &opt, auto &v) {
+        {"--profile",
+         [&](auto &opt, auto &v) {
              long long n = 0;
              integer(opt, v, 1, static_cast<long long>(mounting_profiles().size()), &n);
              s.profile = static_cast<int>(n);
          }},
-        {"--seed", [&](auto &opt, auto &v) {
+        {"--seed",
+         [&](auto &opt, auto &v) {
              long long n = 0;
              integer(opt, v, 0, 4294967295LL, &n);
              s.seed = static_cast<uint32_t>(n);
          }},
-        {"--rate", [&](auto &opt, auto &v) {
+        {"--rate",
+         [&](auto &opt, auto &v) {
              long long n = 0;
              integer(opt, v, KMXC_SERVICE_RATE_MIN_HZ, KMXC_SERVICE_RATE_MAX_HZ, &n);
              o.rate_hz = static_cast<double>(n);
@@ -152,17 +164,19 @@ ParsedOptions parse_options(const std::vector<std::string> &args)
         {"--outputs", [&](auto &opt, auto &v) { path(opt, v, &o.outputs_path); }},
         {"--plot", [&](auto &opt, auto &v) { path(opt, v, &o.plot_path); }},
         {"--summary-json", [&](auto &opt, auto &v) { path(opt, v, &o.summary_json_path); }},
-        {"--fault", [&](auto &opt, auto &v) {
+        {"--fault",
+         [&](auto &opt, auto &v) {
              if (v.empty()) err = opt + ": empty fault plan";
              o.fault_plan += (o.fault_plan.empty() ? "" : ",") + v;
          }},
     };
-    const std::map<std::string, bool *> flags{{"--fresh", &o.fresh}, {"--quiet", &o.quiet}, {"--help", &o.help}, {"--version", &o.version}};
+    const std::map<std::string, bool *> flags{
+        {"--fresh", &o.fresh}, {"--quiet", &o.quiet}, {"--help", &o.help}, {"--version", &o.version}};
 
     // Options that describe the scripted phone; a replay's phone is its record.
-    const std::vector<std::string> scenario_options{"--scenario", "--field", "--inclination", "--declination",
-                                                    "--hard-iron", "--noise", "--temp-drift", "--temperature",
-                                                    "--profile", "--seed", "--rate", "--fresh"};
+    const std::vector<std::string> scenario_options{"--scenario",  "--field", "--inclination", "--declination",
+                                                    "--hard-iron", "--noise", "--temp-drift",  "--temperature",
+                                                    "--profile",   "--seed",  "--rate",        "--fresh"};
     std::string scenario_option_given;
     for (size_t i = 0; i < args.size() && err.empty(); ++i) {
         std::string opt = args[i], value;
@@ -174,8 +188,10 @@ ParsedOptions parse_options(const std::vector<std::string> &args)
         for (const auto &so : scenario_options)
             if (opt == so && scenario_option_given.empty()) scenario_option_given = so;
         if (auto f = flags.find(opt); f != flags.end()) {
-            if (inline_value) err = opt + " takes no value";
-            else *f->second = true;
+            if (inline_value)
+                err = opt + " takes no value";
+            else
+                *f->second = true;
         } else if (auto h = with_value.find(opt); h != with_value.end()) {
             if (!inline_value) {
                 if (i + 1 >= args.size()) {
@@ -193,8 +209,9 @@ ParsedOptions parse_options(const std::vector<std::string> &args)
     if (err.empty() && !o.record_path.empty() && !o.replay_path.empty())
         err = "--record and --replay cannot be combined: a replay's raw data is its input file";
     if (err.empty() && !o.replay_path.empty() && !scenario_option_given.empty())
-        err = scenario_option_given + " and --replay cannot be combined: a replay's phone, rate and handling are "
-                                      "those of its record";
+        err = scenario_option_given +
+              " and --replay cannot be combined: a replay's phone, rate and handling are "
+              "those of its record";
     r.ok = err.empty();
     // One line whatever the arguments held: control characters they echo show as '?'.
     for (char &c : err)
@@ -203,4 +220,4 @@ ParsedOptions parse_options(const std::vector<std::string> &args)
     return r;
 }
 
-} // namespace compass
+}  // namespace compass

@@ -11,23 +11,23 @@ namespace compass {
 
 struct Options {
     ScenarioSettings scenario;
-    std::string sandbox;                 // the virtual phone's file system (default by mode)
-    bool fresh = false;                  // empty the sandbox first
-    std::string record_path;             // write the raw chip data here
-    std::string replay_path;             // read raw chip data from here instead of a scenario
-    std::string outputs_path;            // per-sample library outputs, CSV
-    std::string plot_path;               // PNG of heading and offset error over time
-    std::string summary_json_path;       // the summary as JSON
-    std::string fault_plan;              // faults for the virtual phone (vphone/fault_plan.h)
-    double rate_hz = 10.0;               // measurement cycles per second
-    bool quiet = false;                  // no per-second lines
+    std::string sandbox;            // the virtual phone's file system (default by mode)
+    bool fresh = false;             // empty the sandbox first
+    std::string record_path;        // write the raw chip data here
+    std::string replay_path;        // read raw chip data from here instead of a scenario
+    std::string outputs_path;       // per-sample library outputs, CSV
+    std::string plot_path;          // PNG of heading and offset error over time
+    std::string summary_json_path;  // the summary as JSON
+    std::string fault_plan;         // faults for the virtual phone (vphone/fault_plan.h)
+    double rate_hz = 10.0;          // measurement cycles per second
+    bool quiet = false;             // no per-second lines
     bool help = false;
-    bool version = false;                // print the version and stop
+    bool version = false;  // print the version and stop
 };
 
 struct ParsedOptions {
     bool ok = false;
-    std::string error; // one line naming the problem when !ok
+    std::string error;  // one line naming the problem when !ok
     Options options;
 };
 
@@ -35,6 +35,6 @@ struct ParsedOptions {
 ParsedOptions parse_options(const std::vector<std::string> &args);
 std::string usage_text();
 
-} // namespace compass
+}  // namespace compass
 
 #endif

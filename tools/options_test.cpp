@@ -6,9 +6,16 @@ namespace compass {
 namespace {
 
 // The one-line error must contain error_part, naming the problem.
-const struct { const char *name; std::vector<std::string> args; const char *error_part; } kBad[] = {
+const struct {
+    const char *name;
+    std::vector<std::string> args;
+    const char *error_part;
+} kBad[] = {
     {"unknown option", {"--colour", "red"}, "unknown option '--colour'"},
-    {"control characters stay on one line", {"--x\ny\r\x1b"}, "unknown option '--x?y?" "?'"},
+    {"control characters stay on one line",
+     {"--x\ny\r\x1b"},
+     "unknown option '--x?y?"
+     "?'"},
     {"positional argument", {"default"}, "unknown option 'default'"},
     {"missing value", {"--field"}, "--field needs a value"},
     {"not a number", {"--field", "strong"}, "--field: 'strong' is not a number"},
@@ -24,12 +31,13 @@ const struct { const char *name; std::vector<std::string> args; const char *erro
     {"not-a-number value", {"--noise", "nan"}, "not a number"},
     {"rate above what the kit serves", {"--rate", "101"}, "--rate: 101 is outside 1..100"},
     {"fractional rate", {"--rate", "12.5"}, "not a whole number"},
-    {"replay with a scenario option", {"--replay", "r.csv", "--field", "30"}, "--field and --replay cannot be combined"},
+    {"replay with a scenario option",
+     {"--replay", "r.csv", "--field", "30"},
+     "--field and --replay cannot be combined"},
     {"scenario option before the replay", {"--seed", "3", "--replay", "r.csv"}, "--seed and --replay"},
 };
 
-TEST(Options, BadInputGivesOneLineNamingTheProblem)
-{
+TEST(Options, BadInputGivesOneLineNamingTheProblem) {
     for (const auto &c : kBad) {
         const ParsedOptions p = parse_options(c.args);
         EXPECT_FALSE(p.ok) << c.name;
@@ -38,11 +46,10 @@ TEST(Options, BadInputGivesOneLineNamingTheProblem)
     }
 }
 
-TEST(Options, ValuesReachTheSettingsInBothSpellings)
-{
-    const ParsedOptions p = parse_options({"--scenario", "two-planes", "--field=30", "--declination", "+12.5",
-                                           "--hard-iron", "-1,2.5,3", "--profile", "3", "--seed", "99",
-                                           "--fresh", "--rate", "100", "--field", "65"});
+TEST(Options, ValuesReachTheSettingsInBothSpellings) {
+    const ParsedOptions p =
+        parse_options({"--scenario", "two-planes", "--field=30", "--declination", "+12.5", "--hard-iron", "-1,2.5,3",
+                       "--profile", "3", "--seed", "99", "--fresh", "--rate", "100", "--field", "65"});
     ASSERT_TRUE(p.ok) << p.error;
     const Options &o = p.options;
     EXPECT_EQ(o.scenario.name, "two-planes");
@@ -64,5 +71,5 @@ TEST(Options, ValuesReachTheSettingsInBothSpellings)
     EXPECT_EQ(parse_options({}).options.sandbox, "out/sandbox");
 }
 
-} // namespace
-} // namespace compass
+}  // namespace
+}  // namespace compass

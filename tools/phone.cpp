@@ -27,14 +27,13 @@ class Magnetometer : public vphone::BusDevice {
 public:
     vphone::KmxcModel model;
     bool replay = false;
-    RecordRow row;                                // replay: the current cycle
-    std::deque<std::array<int, 3>> rough_answers; // replay: later rough measurements
-    std::array<int, 3> rough_default{};           // replay: when none is left
-    std::vector<std::array<int, 3>> rough_seen;   // readings delivered, for the record
+    RecordRow row;                                 // replay: the current cycle
+    std::deque<std::array<int, 3>> rough_answers;  // replay: later rough measurements
+    std::array<int, 3> rough_default{};            // replay: when none is left
+    std::vector<std::array<int, 3>> rough_seen;    // readings delivered, for the record
 
     int write(const uint8_t *data, size_t length) override { return model.write(data, length); }
-    int read(uint8_t *d, size_t n) override
-    {
+    int read(uint8_t *d, size_t n) override {
         const int got = model.read(d, n);
         if (got != static_cast<int>(n) || (d[0] & kBusy) != 0) return got;
         auto rough_of = [d] {
@@ -64,8 +63,7 @@ public:
     }
 };
 
-std::string profile_file(const std::vector<std::array<int, 18>> &lines)
-{
+std::string profile_file(const std::vector<std::array<int, 18>> &lines) {
     std::ostringstream f;
     for (const auto &line : lines) {
         for (size_t i = 0; i < line.size(); ++i) f << (i ? "," : "") << line[i];
@@ -74,8 +72,7 @@ std::string profile_file(const std::vector<std::array<int, 18>> &lines)
     return f.str();
 }
 
-std::array<int, 18> profile_line(const MountingProfile &p)
-{
+std::array<int, 18> profile_line(const MountingProfile &p) {
     std::array<int, 18> l{};
     for (int i = 0; i < 9; ++i) {
         l[i] = p.accel[i];
@@ -89,13 +86,9 @@ std::array<int, 18> profile_line(const MountingProfile &p)
 // phone's (a root file system's etc, dev, sys) may be someone's work.
 constexpr const char *kSandboxMarker = ".kmxc-sandbox";
 
-bool is_sandbox(const fs::path &dir, std::error_code &ec)
-{
-    return fs::is_regular_file(dir / kSandboxMarker, ec);
-}
+bool is_sandbox(const fs::path &dir, std::error_code &ec) { return fs::is_regular_file(dir / kSandboxMarker, ec); }
 
-bool make_phone_dirs(const std::string &dir, bool fresh, std::string *error)
-{
+bool make_phone_dirs(const std::string &dir, bool fresh, std::string *error) {
     std::error_code ec;
     const fs::path root(dir);
     if (fs::exists(root, ec)) {
@@ -133,23 +126,21 @@ bool make_phone_dirs(const std::string &dir, bool fresh, std::string *error)
     return true;
 }
 
-} // namespace
+}  // namespace
 
 struct Phone::Chips {
     Magnetometer mag;
     vphone::Smb380Model accel;
-    Vec3 field_uT{}; // the ambient field last sensed
+    Vec3 field_uT{};  // the ambient field last sensed
 };
 
 Phone::Phone() : chips_(std::make_unique<Chips>()) {}
-Phone::~Phone()
-{
+Phone::~Phone() {
     vphone::detach(vphone::KmxcModel::kAddress);
     vphone::detach(vphone::Smb380Model::kAddress);
 }
 
-bool Phone::open_sandbox(const std::string &dir, bool fresh, int profile, std::string *error)
-{
+bool Phone::open_sandbox(const std::string &dir, bool fresh, int profile, std::string *error) {
     if (!make_phone_dirs(dir, fresh, error)) return false;
     std::vector<std::array<int, 18>> lines;
     for (const auto &p : mounting_profiles()) lines.push_back(profile_line(p));
@@ -158,8 +149,7 @@ bool Phone::open_sandbox(const std::string &dir, bool fresh, int profile, std::s
     return true;
 }
 
-bool Phone::open_replay_sandbox(const std::string &dir, const RecordHeader &h, std::string *error)
-{
+bool Phone::open_replay_sandbox(const std::string &dir, const RecordHeader &h, std::string *error) {
     if (!make_phone_dirs(dir, true, error)) return false;
     // The recorded profile's line at its number; identity lines before it.
     std::vector<std::array<int, 18>> lines(static_cast<size_t>(h.profile), profile_line(mounting_profiles()[0]));
@@ -176,8 +166,7 @@ bool Phone::open_replay_sandbox(const std::string &dir, const RecordHeader &h, s
     return true;
 }
 
-void Phone::attach_chips(int profile, const std::array<int, 9> &calib)
-{
+void Phone::attach_chips(int profile, const std::array<int, 9> &calib) {
     const MountingProfile &p = mounting_profiles()[static_cast<size_t>(profile - 1)];
     std::array<uint8_t, 9> bytes{};
     std::array<int8_t, 9> mag{}, accel{};
@@ -193,8 +182,7 @@ void Phone::attach_chips(int profile, const std::array<int, 9> &calib)
     vphone::attach(vphone::Smb380Model::kAddress, &chips_->accel);
 }
 
-void Phone::attach_replay_chips(const RecordHeader &h)
-{
+void Phone::attach_replay_chips(const RecordHeader &h) {
     std::array<uint8_t, 9> bytes{};
     for (int i = 0; i < 9; ++i) bytes[i] = static_cast<uint8_t>(h.calib[i]);
     chips_->mag.model.set_calibration(bytes);
@@ -204,34 +192,30 @@ void Phone::attach_replay_chips(const RecordHeader &h)
     vphone::attach(vphone::Smb380Model::kAddress, &chips_->accel);
 }
 
-void Phone::sense(const Truth &t)
-{
+void Phone::sense(const Truth &t) {
     const vphone::Physics p{t.field_uT, t.hard_iron_uT, t.gravity_g, t.temperature_C};
     chips_->mag.model.set_physics(p);
     chips_->accel.set_physics(p);
     chips_->field_uT = t.field_uT;
 }
 
-Vec3 Phone::true_offset_counts() const
-{
+Vec3 Phone::true_offset_counts() const {
     const auto e = chips_->mag.model.expected_microtesla();
     const Vec3 &f = chips_->field_uT;
     return {(e[0] - f[0]) / kUtPerCount, (e[1] - f[1]) / kUtPerCount, (e[2] - f[2]) / kUtPerCount};
 }
 
-void Phone::deliver(const RecordRow &row)
-{
+void Phone::deliver(const RecordRow &row) {
     chips_->mag.row = row;
     chips_->accel.set_counts(row.gs[0], row.gs[1], row.gs[2]);
 }
 
 void Phone::queue_rough(const std::array<int, 3> &r) { chips_->mag.rough_answers.push_back(r); }
 
-std::vector<std::array<int, 3>> Phone::take_rough_readings()
-{
+std::vector<std::array<int, 3>> Phone::take_rough_readings() {
     std::vector<std::array<int, 3>> r;
     r.swap(chips_->mag.rough_seen);
     return r;
 }
 
-} // namespace compass
+}  // namespace compass

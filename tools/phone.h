@@ -56,6 +56,6 @@ private:
     std::unique_ptr<Chips> chips_;
 };
 
-} // namespace compass
+}  // namespace compass
 
 #endif

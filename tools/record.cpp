@@ -11,18 +11,18 @@ namespace {
 constexpr const char *kMagic = "# kmxc raw record 1";
 constexpr const char *kColumns = "time_us,ms0,ms1,ms2,temperature,gs_x,gs_y,gs_z";
 
-std::vector<std::string> split(const std::string &line)
-{
+std::vector<std::string> split(const std::string &line) {
     std::vector<std::string> f{""};
     for (char c : line) {
-        if (c == ',') f.emplace_back();
-        else if (c != '\r' && c != ' ' && c != '\t') f.back() += c;
+        if (c == ',')
+            f.emplace_back();
+        else if (c != '\r' && c != ' ' && c != '\t')
+            f.back() += c;
     }
     return f;
 }
 
-bool to_int(const std::string &s, long long lo, long long hi, long long *out)
-{
+bool to_int(const std::string &s, long long lo, long long hi, long long *out) {
     const char *b = s.data(), *e = s.data() + s.size();
     if (b != e && *b == '+') ++b;
     const auto r = std::from_chars(b, e, *out);
@@ -30,17 +30,15 @@ bool to_int(const std::string &s, long long lo, long long hi, long long *out)
 }
 
 template <size_t N, typename T>
-void join(std::ostream &out, const char *key, const std::array<T, N> &v)
-{
+void join(std::ostream &out, const char *key, const std::array<T, N> &v) {
     out << key;
     for (const T &x : v) out << ',' << x;
     out << '\n';
 }
 
-} // namespace
+}  // namespace
 
-void write_record_header(std::ostream &out, const RecordHeader &h)
-{
+void write_record_header(std::ostream &out, const RecordHeader &h) {
     out << kMagic << '\n';
     out << "profile," << h.profile << '\n';
     join(out, "transformation", h.transformation);
@@ -50,19 +48,14 @@ void write_record_header(std::ostream &out, const RecordHeader &h)
     out << kColumns << '\n';
 }
 
-void write_record_row(std::ostream &out, const RecordRow &r)
-{
-    out << r.time_us << ',' << r.ms[0] << ',' << r.ms[1] << ',' << r.ms[2] << ',' << r.temperature << ','
-        << r.gs[0] << ',' << r.gs[1] << ',' << r.gs[2] << '\n';
+void write_record_row(std::ostream &out, const RecordRow &r) {
+    out << r.time_us << ',' << r.ms[0] << ',' << r.ms[1] << ',' << r.ms[2] << ',' << r.temperature << ',' << r.gs[0]
+        << ',' << r.gs[1] << ',' << r.gs[2] << '\n';
 }
 
-void write_rough_reading(std::ostream &out, const std::array<int, 3> &reading)
-{
-    join(out, "rough_reading", reading);
-}
+void write_rough_reading(std::ostream &out, const std::array<int, 3> &reading) { join(out, "rough_reading", reading); }
 
-ParsedRecord parse_record(std::istream &in)
-{
+ParsedRecord parse_record(std::istream &in) {
     ParsedRecord p;
     RecordHeader &h = p.record.header;
     std::string line;
@@ -75,12 +68,13 @@ ParsedRecord parse_record(std::istream &in)
     // Reads fields 1.. of a header line into v, each within lo..hi.
     auto fields = [&](const std::vector<std::string> &f, auto &v, long long lo, long long hi) -> std::string {
         if (f.size() != v.size() + 1)
-            return "'" + f[0] + "' needs " + std::to_string(v.size()) + " values, found " + std::to_string(f.size() - 1);
+            return "'" + f[0] + "' needs " + std::to_string(v.size()) + " values, found " +
+                   std::to_string(f.size() - 1);
         for (size_t i = 0; i < v.size(); ++i) {
             long long x = 0;
             if (!to_int(f[i + 1], lo, hi, &x))
-                return "'" + f[0] + "' value " + std::to_string(i + 1) + " ('" + f[i + 1] + "') is not a whole number in " +
-                       std::to_string(lo) + ".." + std::to_string(hi);
+                return "'" + f[0] + "' value " + std::to_string(i + 1) + " ('" + f[i + 1] +
+                       "') is not a whole number in " + std::to_string(lo) + ".." + std::to_string(hi);
             v[i] = static_cast<std::remove_reference_t<decltype(v[0])>>(x);
         }
         return "";
@@ -139,8 +133,8 @@ ParsedRecord parse_record(std::istream &in)
         static const long long hi[8] = {(1LL << 53), 2047, 2047, 2047, 2047, 32767, 32767, 32767};
         for (int i = 0; i < 8; ++i)
             if (!to_int(f[i], lo[i], hi[i], &v[i]))
-                return fail(std::string(names[i]) + " '" + f[i] + "' is not a whole number in " + std::to_string(lo[i]) +
-                            ".." + std::to_string(hi[i]));
+                return fail(std::string(names[i]) + " '" + f[i] + "' is not a whole number in " +
+                            std::to_string(lo[i]) + ".." + std::to_string(hi[i]));
         r.time_us = v[0];
         if (!p.record.rows.empty() && r.time_us <= p.record.rows.back().time_us)
             return fail("time_us " + f[0] + " does not increase");
@@ -161,4 +155,4 @@ ParsedRecord parse_record(std::istream &in)
     return p;
 }
 
-} // namespace compass
+}  // namespace compass

@@ -13,20 +13,20 @@
 namespace compass {
 
 struct RecordHeader {
-    int profile = 1;                      // hardware profile number
-    std::array<int, 18> transformation{}; // the profile's line: accelerometer, magnetometer matrix
-    std::array<int, 9> calib{};           // magnetometer calibration bytes as the driver read them
-    std::array<int, 3> rough{};           // rough offset written to the magnetometer
-    bool has_stored = false;              // calibration file line at the start of the run
+    int profile = 1;                       // hardware profile number
+    std::array<int, 18> transformation{};  // the profile's line: accelerometer, magnetometer matrix
+    std::array<int, 9> calib{};            // magnetometer calibration bytes as the driver read them
+    std::array<int, 3> rough{};            // rough offset written to the magnetometer
+    bool has_stored = false;               // calibration file line at the start of the run
     std::array<long long, 9> stored{};
     bool operator==(const RecordHeader &) const = default;
 };
 
 struct RecordRow {
-    int64_t time_us = 0;                  // virtual time of the cycle's start
-    std::array<int, 3> ms{};              // magnetometer channels 0, 1, 2 (11-bit raw)
-    int temperature = 0;                  // magnetometer chip temperature (11-bit raw)
-    std::array<int, 3> gs{};              // accelerometer counts x, y, z (chip axes)
+    int64_t time_us = 0;      // virtual time of the cycle's start
+    std::array<int, 3> ms{};  // magnetometer channels 0, 1, 2 (11-bit raw)
+    int temperature = 0;      // magnetometer chip temperature (11-bit raw)
+    std::array<int, 3> gs{};  // accelerometer counts x, y, z (chip axes)
     bool operator==(const RecordRow &) const = default;
 };
 
@@ -45,11 +45,11 @@ void write_rough_reading(std::ostream &out, const std::array<int, 3> &reading);
 
 struct ParsedRecord {
     bool ok = false;
-    std::string error; // "line N: ..." when !ok
+    std::string error;  // "line N: ..." when !ok
     Record record;
 };
 ParsedRecord parse_record(std::istream &in);
 
-} // namespace compass
+}  // namespace compass
 
 #endif

@@ -9,8 +9,7 @@
 namespace compass {
 namespace {
 
-Record random_record(uint32_t seed, int rows)
-{
+Record random_record(uint32_t seed, int rows) {
     std::mt19937 rng(seed);
     std::uniform_int_distribution<int> ch(0, 2047), acc(-512, 511), byte(0, 255), rough(0, 31);
     Record r;
@@ -33,8 +32,7 @@ Record random_record(uint32_t seed, int rows)
     return r;
 }
 
-std::string text_of(const Record &r)
-{
+std::string text_of(const Record &r) {
     std::ostringstream o;
     write_record_header(o, r.header);
     write_rough_reading(o, r.rough_readings.at(0));
@@ -43,8 +41,7 @@ std::string text_of(const Record &r)
     return o.str();
 }
 
-TEST(Record, WrittenRecordsParseBackExactly)
-{
+TEST(Record, WrittenRecordsParseBackExactly) {
     for (uint32_t seed : {1u, 2u, 3u}) {
         const Record r = random_record(seed, 200);
         std::istringstream in(text_of(r));
@@ -57,13 +54,16 @@ TEST(Record, WrittenRecordsParseBackExactly)
 // Each case edits a good three-sample file: replaces the line that starts with
 // line_start (nothing: appends after the column line, all samples dropped; "*": the
 // whole file) by with.
-const struct { const char *name, *line_start, *with, *error_part; } kMalformed[] = {
+const struct {
+    const char *name, *line_start, *with, *error_part;
+} kMalformed[] = {
     {"empty", "*", "", "empty file"},
     {"not a record", "# kmxc", "hello", "line 1: not a raw record"},
     {"unknown header key", "profile,", "profil,2", "line 2: unknown header line 'profil'"},
     {"short calib", "calib,", "calib,1,2", "'calib' needs 9 values, found 2"},
     {"rough beyond 31", "rough,", "rough,32,0,0", "'rough' value 1 ('32')"},
-    {"matrix entry 2", "transformation,", "transformation,2,0,0,0,1,0,0,0,1,1,0,0,0,1,0,0,0,1", "'transformation' value 1"},
+    {"matrix entry 2", "transformation,", "transformation,2,0,0,0,1,0,0,0,1,1,0,0,0,1,0,0,0,1",
+     "'transformation' value 1"},
     {"missing calib before columns", "calib,", "# no calib", "needs 'transformation', 'calib' and 'rough'"},
     {"no columns", "time_us,", "time,x", "unknown header line 'time'"},
     {"too few values", "", "0,1,2,3", "line 8: expected 8 values, found 4"},
@@ -74,8 +74,7 @@ const struct { const char *name, *line_start, *with, *error_part; } kMalformed[]
     {"no samples", "", "# nothing", "no samples"},
 };
 
-TEST(Record, MalformedFilesAreRefusedWithTheLineAndTheProblem)
-{
+TEST(Record, MalformedFilesAreRefusedWithTheLineAndTheProblem) {
     std::ostringstream o;
     write_record_header(o, random_record(5, 3).header);
     const std::string head = o.str(), text = text_of(random_record(5, 3));
@@ -85,7 +84,7 @@ TEST(Record, MalformedFilesAreRefusedWithTheLineAndTheProblem)
             t = head + c.with + "\n";
         } else if (std::string(c.line_start) != "*") {
             const auto at = text.rfind(std::string("\n") + c.line_start);
-            const auto from = at == std::string::npos ? 0 : at + 1; // the first line has no newline before it
+            const auto from = at == std::string::npos ? 0 : at + 1;  // the first line has no newline before it
             t = text;
             t.replace(from, t.find('\n', from) - from, c.with);
         }
@@ -96,5 +95,5 @@ TEST(Record, MalformedFilesAreRefusedWithTheLineAndTheProblem)
     }
 }
 
-} // namespace
-} // namespace compass
+}  // namespace
+}  // namespace compass

@@ -17,19 +17,17 @@ namespace compass {
 namespace {
 
 constexpr double kUtPerCount = 0.4;
-constexpr double kSteadyDeg = 8.0; // a phone held steady (walking included) stays within this
+constexpr double kSteadyDeg = 8.0;  // a phone held steady (walking included) stays within this
 
-std::string fmt(const char *f, double v)
-{
+std::string fmt(const char *f, double v) {
     char b[64];
     std::snprintf(b, sizeof b, f, v);
     return b;
 }
 
-} // namespace
+}  // namespace
 
-void ErrorStats::add(double e)
-{
+void ErrorStats::add(double e) {
     ++count;
     sum_sq += e * e;
     max_abs = std::max(max_abs, std::fabs(e));
@@ -37,16 +35,14 @@ void ErrorStats::add(double e)
 
 double ErrorStats::rms() const { return count ? std::sqrt(sum_sq / count) : 0.0; }
 
-double offset_error_uT(const SampleOutput &s)
-{
+double offset_error_uT(const SampleOutput &s) {
     if (!s.has_truth) return -1;
     double sq = 0;
     for (int k = 0; k < 3; ++k) sq += (s.offset[k] - s.true_offset[k]) * (s.offset[k] - s.true_offset[k]);
     return std::sqrt(sq) * kUtPerCount;
 }
 
-std::string format_second_line(const SampleOutput &s)
-{
+std::string format_second_line(const SampleOutput &s) {
     char b[256];
     const double t = static_cast<double>(s.time_us) / 1e6;
     if (s.has_truth) {
@@ -69,8 +65,7 @@ std::string format_second_line(const SampleOutput &s)
 // Why the calibration refused the full batch this fed sample completed, or "" when
 // it did not complete or refuse one. (A batch refused at the eigenvalue floor leaves
 // no trace in the detail record and is not counted.)
-std::string refusal(const SampleOutput &s)
-{
+std::string refusal(const SampleOutput &s) {
     if (!(s.flags & KMXC_SERVICE_FED) || s.calib_rc < 0 || is_new_offset(s.calib_rc)) return "";
     if (s.ratio_min == 0 && s.ratio_mid == 0 && s.residual == 2147483647) return "";
     char b[128];
@@ -82,15 +77,13 @@ std::string refusal(const SampleOutput &s)
     return b;
 }
 
-void Report::set_saves(unsigned saves, unsigned failures, int rough_changes)
-{
+void Report::set_saves(unsigned saves, unsigned failures, int rough_changes) {
     summary_.saves = saves;
     summary_.save_failures = failures;
     summary_.rough_changes = rough_changes;
 }
 
-void Report::add(const SampleOutput &s)
-{
+void Report::add(const SampleOutput &s) {
     if (!samples_.empty() && s.accuracy >= 0 && s.accuracy <= 3)
         summary_.accuracy_s[static_cast<size_t>(s.accuracy)] +=
             static_cast<double>(s.time_us - samples_.back().time_us) / 1e6;
@@ -157,8 +150,7 @@ void Report::add(const SampleOutput &s)
     }
 }
 
-void Report::print_summary(const std::string &persisted) const
-{
+void Report::print_summary(const std::string &persisted) const {
     const Summary &m = summary_;
     std::ostream &o = out_;
     o << "\nSummary\n";
@@ -206,8 +198,7 @@ void Report::print_summary(const std::string &persisted) const
     o << "  persisted                 " << persisted << '\n';
 }
 
-bool Report::write_outputs(const std::string &path, std::string *error) const
-{
+bool Report::write_outputs(const std::string &path, std::string *error) const {
     std::ofstream f(path);
     if (!f) {
         *error = "cannot write outputs file '" + path + "'";
@@ -220,9 +211,10 @@ bool Report::write_outputs(const std::string &path, std::string *error) const
     for (const SampleOutput &s : samples_)
         f << s.time_us << ',' << s.ms_rc << ',' << s.gs_rc << ',' << s.calib_rc << ',' << s.calib_status << ','
           << s.attitude_rc << ',' << s.heading_int << ',' << s.rotation_rc << ',' << s.euler[0] << ',' << s.euler[1]
-          << ',' << s.euler[2] << ',' << s.offset[0] << ',' << s.offset[1] << ',' << s.offset[2] << ','
-          << s.accuracy << ',' << s.anomaly << ',' << fmt("%.2f", s.strength_uT) << ',' << fmt("%.3f", s.dip_cos) << ','
-          << ((s.flags & KMXC_SERVICE_FED) ? 1 : 0) << ',' << s.ratio_min << ',' << s.ratio_mid << ',' << s.residual << ','
+          << ',' << s.euler[2] << ',' << s.offset[0] << ',' << s.offset[1] << ',' << s.offset[2] << ',' << s.accuracy
+          << ',' << s.anomaly << ',' << fmt("%.2f", s.strength_uT) << ',' << fmt("%.3f", s.dip_cos) << ','
+          << ((s.flags & KMXC_SERVICE_FED) ? 1 : 0) << ',' << s.ratio_min << ',' << s.ratio_mid << ',' << s.residual
+          << ','
           << (s.has_truth ? fmt("%.3f", s.truth.heading_int) + ',' + fmt("%.3f", s.truth.azimuth_double) + ',' +
                                 fmt("%.3f", s.truth.pitch) + ',' + fmt("%.3f", s.truth.roll) + ',' +
                                 fmt("%.3f", offset_error_uT(s)) + ',' + s.phase
@@ -236,8 +228,7 @@ bool Report::write_outputs(const std::string &path, std::string *error) const
     return true;
 }
 
-bool Report::write_summary_json(const std::string &path, std::string *error) const
-{
+bool Report::write_summary_json(const std::string &path, std::string *error) const {
     const Summary &m = summary_;
     auto num = [](double v, const char *f) { return std::isfinite(v) ? fmt(f, v) : std::string("null"); };
     std::ostringstream j;
@@ -253,12 +244,9 @@ bool Report::write_summary_json(const std::string &path, std::string *error) con
       << ",\n  \"seconds_at_accuracy\": {\"unreliable\": " << num(m.accuracy_s[0], "%.3f")
       << ", \"low\": " << num(m.accuracy_s[1], "%.3f") << ", \"medium\": " << num(m.accuracy_s[2], "%.3f")
       << ", \"high\": " << num(m.accuracy_s[3], "%.3f") << "}"
-      << ",\n  \"medium_high_samples\": " << m.trusted_samples
-      << ",\n  \"medium_high_wrong\": " << m.trusted_wrong
-      << ",\n  \"anomalies_flagged\": " << m.anomalies
-      << ",\n  \"batches_refused\": " << m.batches_refused
-      << ",\n  \"offsets_saved\": " << m.saves
-      << ",\n  \"save_failures\": " << m.save_failures
+      << ",\n  \"medium_high_samples\": " << m.trusted_samples << ",\n  \"medium_high_wrong\": " << m.trusted_wrong
+      << ",\n  \"anomalies_flagged\": " << m.anomalies << ",\n  \"batches_refused\": " << m.batches_refused
+      << ",\n  \"offsets_saved\": " << m.saves << ",\n  \"save_failures\": " << m.save_failures
       << ",\n  \"rough_offset_changes\": " << m.rough_changes
       << ",\n  \"final_accuracy\": " << (samples_.empty() ? 0 : samples_.back().accuracy) << "\n}\n";
     std::ofstream f(path);
@@ -274,8 +262,7 @@ bool Report::write_summary_json(const std::string &path, std::string *error) con
 // Text that reaches gnuplot's script as a string: letters, digits and a few marks
 // only, in single quotes, so no name (a replay file's, say) can end the string or
 // reach gnuplot's command substitution.
-static std::string gnuplot_text(const std::string &text)
-{
+static std::string gnuplot_text(const std::string &text) {
     std::string out;
     for (unsigned char c : text)
         out += (std::isalnum(c) || std::strchr(" -_.,:/()+=#", c) != nullptr) && c != 0 ? static_cast<char>(c) : '?';
@@ -284,8 +271,7 @@ static std::string gnuplot_text(const std::string &text)
 
 namespace fs = std::filesystem;
 
-bool Report::write_plot(const std::string &path, const std::string &title, std::string *error) const
-{
+bool Report::write_plot(const std::string &path, const std::string &title, std::string *error) const {
     // gnuplot draws into a fresh directory of our own under a fixed name; the picture
     // is then copied to `path`, which never appears in the script.
     std::error_code ec;
@@ -302,7 +288,7 @@ bool Report::write_plot(const std::string &path, const std::string &title, std::
     // below the plots, off the data; heading errors autoscaled, never clipped.
     g << "set terminal pngcairo size 1100,760 font 'sans,10'\n"
       << "set output " << gnuplot_text(drawn) << "\n"
-      << "set multiplot title " << gnuplot_text(title) << " noenhanced\n" // a name's _ is no subscript
+      << "set multiplot title " << gnuplot_text(title) << " noenhanced\n"  // a name's _ is no subscript
       << "set lmargin 10\nset rmargin 10\nset grid\n"
       << "set key outside bottom center horizontal box\n";
     const double end_s = samples_.empty() ? 0.0 : static_cast<double>(samples_.back().time_us) / 1e6;
@@ -311,9 +297,12 @@ bool Report::write_plot(const std::string &path, const std::string &title, std::
         const SampleOutput &s = samples_[i];
         const double t = static_cast<double>(s.time_us) / 1e6;
         const char *colour = nullptr;
-        if (is_new_offset(s.calib_rc)) colour = is_three_d(s.calib_rc) ? "#c00000" : "#2060c0";
-        else if (s.flags & KMXC_SERVICE_ROUGH_CHANGED) colour = "#8000a0";
-        else if (s.anomaly && (i == 0 || !samples_[i - 1].anomaly)) colour = "#e0a000";
+        if (is_new_offset(s.calib_rc))
+            colour = is_three_d(s.calib_rc) ? "#c00000" : "#2060c0";
+        else if (s.flags & KMXC_SERVICE_ROUGH_CHANGED)
+            colour = "#8000a0";
+        else if (s.anomaly && (i == 0 || !samples_[i - 1].anomaly))
+            colour = "#e0a000";
         if (colour)
             g << "set arrow from " << t << ", graph 0 to " << t << ", graph 1 nohead dt 2 lc rgb '" << colour << "'\n";
     }
@@ -340,10 +329,11 @@ bool Report::write_plot(const std::string &path, const std::string &title, std::
               << s.strength_uT << ' ' << s.accuracy << '\n';
     }
     g << "EOD\n";
-    const std::string marks = "NaN with lines dt 2 lc rgb '#c00000' title '3-D calibration', "
-                              "NaN with lines dt 2 lc rgb '#2060c0' title 'planar calibration', "
-                              "NaN with lines dt 2 lc rgb '#8000a0' title 'rough offset changed', "
-                              "NaN with lines dt 2 lc rgb '#e0a000' title 'anomaly flagged'";
+    const std::string marks =
+        "NaN with lines dt 2 lc rgb '#c00000' title '3-D calibration', "
+        "NaN with lines dt 2 lc rgb '#2060c0' title 'planar calibration', "
+        "NaN with lines dt 2 lc rgb '#8000a0' title 'rough offset changed', "
+        "NaN with lines dt 2 lc rgb '#e0a000' title 'anomaly flagged'";
     g << "set size 1,0.68\nset origin 0,0.32\nset xlabel ''\nset ytics nomirror\nset y2tics\n";
     if (truth) {
         g << "set ylabel 'heading error (degrees)'\nset y2label 'offset error (uT)'\nset autoscale y\n"
@@ -388,4 +378,4 @@ bool Report::write_plot(const std::string &path, const std::string &title, std::
     return ok;
 }
 
-} // namespace compass
+}  // namespace compass

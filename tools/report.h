@@ -18,25 +18,25 @@ namespace compass {
 struct SampleOutput {
     int64_t time_us = 0;
     const char *phase = "";
-    int ms_rc = 0, gs_rc = 0;        // measurement results
-    int calib_rc = 0;                // KmxAxesMsCalibUpdate
-    int calib_status = 0;            // KmxAxesMsCalibGetStatus after the update
-    int heading_int = 0;             // integer path, smoothed whole degrees
-    int attitude_rc = 0;             // KmxAxesLibGetAttitude
-    int rotation_rc = 0;             // KmxAxesLibGetRotationMatrix
-    std::array<int, 3> euler{};      // double path: azimuth, pitch, roll (whole degrees)
-    std::array<int, 3> offset{};     // the library's magnetic offset, counts
-    bool has_truth = false;          // false on replays
+    int ms_rc = 0, gs_rc = 0;     // measurement results
+    int calib_rc = 0;             // KmxAxesMsCalibUpdate
+    int calib_status = 0;         // KmxAxesMsCalibGetStatus after the update
+    int heading_int = 0;          // integer path, smoothed whole degrees
+    int attitude_rc = 0;          // KmxAxesLibGetAttitude
+    int rotation_rc = 0;          // KmxAxesLibGetRotationMatrix
+    std::array<int, 3> euler{};   // double path: azimuth, pitch, roll (whole degrees)
+    std::array<int, 3> offset{};  // the library's magnetic offset, counts
+    bool has_truth = false;       // false on replays
     TrueAngles truth{};
-    std::array<double, 3> true_offset{}; // counts
+    std::array<double, 3> true_offset{};  // counts
     // The kit's judgement and the field diagnostics it works from (replays too).
-    int accuracy = 0;                // 0 unreliable .. 3 high
-    int anomaly = 0;                 // KMXC_SERVICE_ANOMALY_* causes in this sample
-    unsigned flags = 0;              // KMXC_SERVICE_* event flags
-    double strength_uT = 0;          // |field - offset|
-    double dip_cos = 0;              // cos of the angle between field and gravity
-    int ratio_min = 0, ratio_mid = 0; // the calibration's batch ratios (x1024)
-    int residual = 2147483647;       // and fit residual; 2147483647 while a batch fills
+    int accuracy = 0;                  // 0 unreliable .. 3 high
+    int anomaly = 0;                   // KMXC_SERVICE_ANOMALY_* causes in this sample
+    unsigned flags = 0;                // KMXC_SERVICE_* event flags
+    double strength_uT = 0;            // |field - offset|
+    double dip_cos = 0;                // cos of the angle between field and gravity
+    int ratio_min = 0, ratio_mid = 0;  // the calibration's batch ratios (x1024)
+    int residual = 2147483647;         // and fit residual; 2147483647 while a batch fills
 };
 
 // A calibration return code that published a new offset: 63 or one with axis bits.
@@ -53,12 +53,12 @@ struct ErrorStats {
 struct Summary {
     int samples = 0;
     double virtual_s = 0;
-    bool started_calibrated = false;      // a valid stored offset was loaded
-    int first_3d_sample = -1;             // 1-based sample number of the first 63, -1 none
+    bool started_calibrated = false;  // a valid stored offset was loaded
+    int first_3d_sample = -1;         // 1-based sample number of the first 63, -1 none
     double first_3d_s = 0;
     int planar_events = 0, three_d_events = 0;
-    std::vector<int> codes_seen;          // distinct calibration codes that published an offset
-    double final_offset_error_uT = -1;    // -1 unknown (replay)
+    std::vector<int> codes_seen;        // distinct calibration codes that published an offset
+    double final_offset_error_uT = -1;  // -1 unknown (replay)
     ErrorStats heading_int, heading_double;
     // The same, counting only samples of a phone held steady: the true attitude has
     // stayed within 8 degrees for the last 2 s (the heading smoother has settled).
@@ -68,8 +68,8 @@ struct Summary {
     // Samples at medium or high accuracy with a valid azimuth, and those of them whose
     // azimuth (double path) is more than kWrongDeg off the truth.
     int trusted_samples = 0, trusted_wrong = 0;
-    int anomalies = 0;                    // anomaly episodes (a flagged sample after an unflagged one)
-    int batches_refused = 0;              // full batches the calibration refused
+    int anomalies = 0;        // anomaly episodes (a flagged sample after an unflagged one)
+    int batches_refused = 0;  // full batches the calibration refused
     unsigned saves = 0, save_failures = 0;
     int rough_changes = 0;
 };
@@ -82,7 +82,7 @@ public:
     explicit Report(std::ostream &out, bool quiet) : out_(out), quiet_(quiet) {}
 
     void set_started_calibrated(bool yes) { summary_.started_calibrated = yes; }
-    void add(const SampleOutput &s);           // prints the line of each new second
+    void add(const SampleOutput &s);  // prints the line of each new second
     const Summary &summary() const { return summary_; }
 
     void print_summary(const std::string &persisted) const;
@@ -97,14 +97,14 @@ private:
     Summary summary_;
     std::vector<SampleOutput> samples_;
     int64_t next_line_us_ = 0;
-    int64_t still_since_us_ = 0; // start of the current stretch at rest
+    int64_t still_since_us_ = 0;  // start of the current stretch at rest
     TrueAngles still_ref_{};      // attitude at its start
     bool last_anomaly_ = false;
 };
 
 std::string format_second_line(const SampleOutput &s);
-double offset_error_uT(const SampleOutput &s); // -1 when unknown
+double offset_error_uT(const SampleOutput &s);  // -1 when unknown
 
-} // namespace compass
+}  // namespace compass
 
 #endif

@@ -11,23 +11,24 @@
 namespace compass {
 namespace {
 
-SampleOutput sample(int64_t t_us, int calib_rc, int heading, double true_heading)
-{
-    return {.time_us = t_us, .calib_rc = calib_rc, .heading_int = heading, .euler = {heading, 0, 0}, .has_truth = true,
+SampleOutput sample(int64_t t_us, int calib_rc, int heading, double true_heading) {
+    return {.time_us = t_us,
+            .calib_rc = calib_rc,
+            .heading_int = heading,
+            .euler = {heading, 0, 0},
+            .has_truth = true,
             .truth = {true_heading, true_heading, 0, 0},
             .flags = KMXC_SERVICE_HEADING_VALID | KMXC_SERVICE_ORIENTATION_VALID};
 }
 
-TEST(Report, NewOffsetCodesAreRecognised)
-{
+TEST(Report, NewOffsetCodesAreRecognised) {
     for (int rc : {-1, 0, 7, 24, 31, 40, 48, 55, 63}) {
         EXPECT_EQ(is_new_offset(rc), (rc > 7)) << rc;
         EXPECT_EQ(is_three_d(rc), (rc == 63)) << rc;
     }
 }
 
-TEST(Report, HeadingErrorsCountOnlyAfterTheFirstThreeDimensionalCalibration)
-{
+TEST(Report, HeadingErrorsCountOnlyAfterTheFirstThreeDimensionalCalibration) {
     std::ostringstream out;
     Report r(out, true);
     r.add(sample(0, 0, 100, 10));        // uncalibrated: 90 degrees off, ignored
@@ -45,14 +46,13 @@ TEST(Report, HeadingErrorsCountOnlyAfterTheFirstThreeDimensionalCalibration)
     EXPECT_NEAR(m.heading_int.rms(), std::sqrt((4.0 + 16.0) / 2), 1e-12);
 }
 
-TEST(Report, OneLinePerSimulatedSecond)
-{
+TEST(Report, OneLinePerSimulatedSecond) {
     std::ostringstream out;
     Report r(out, false);
     for (int i = 0; i < 35; ++i) r.add(sample(i * 100000, 0, 10, 10));
     const std::string text = out.str();
-    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 4) << text; // seconds 0..3
+    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 4) << text;  // seconds 0..3
 }
 
-} // namespace
-} // namespace compass
+}  // namespace
+}  // namespace compass

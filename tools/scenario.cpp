@@ -12,14 +12,13 @@ namespace {
 constexpr double kPi = 3.14159265358979323846;
 constexpr double kDeg = kPi / 180.0;
 
-double ease(double u) // 0..1 -> 0..1 with zero slope at both ends
+double ease(double u)  // 0..1 -> 0..1 with zero slope at both ends
 {
     u = std::clamp(u, 0.0, 1.0);
     return 0.5 - 0.5 * std::cos(kPi * u);
 }
 
-Mat3 multiply(const Mat3 &a, const Mat3 &b)
-{
+Mat3 multiply(const Mat3 &a, const Mat3 &b) {
     Mat3 r{};
     for (int i = 0; i < 3; ++i)
         for (int j = 0; j < 3; ++j)
@@ -27,8 +26,7 @@ Mat3 multiply(const Mat3 &a, const Mat3 &b)
     return r;
 }
 
-double wrap360(double deg)
-{
+double wrap360(double deg) {
     deg = std::fmod(deg, 360.0);
     return deg < 0 ? deg + 360.0 : deg;
 }
@@ -36,10 +34,9 @@ double wrap360(double deg)
 // Heading in degrees 0..360 of a direction given by its east and north components.
 double heading_of(double east, double north) { return wrap360(std::atan2(east, north) / kDeg); }
 
-} // namespace
+}  // namespace
 
-const std::vector<Scenario::Entry> &Scenario::table()
-{
+const std::vector<Scenario::Entry> &Scenario::table() {
     static const std::vector<Entry> entries{
         {{"default", "on the table, picked up, a figure-eight, carried while walking, laid flat and turned, set down"},
          &Scenario::script_default},
@@ -54,8 +51,7 @@ const std::vector<Scenario::Entry> &Scenario::table()
     return entries;
 }
 
-const std::vector<ScenarioInfo> &scenarios()
-{
+const std::vector<ScenarioInfo> &scenarios() {
     static const std::vector<ScenarioInfo> infos = [] {
         std::vector<ScenarioInfo> v;
         for (const auto &e : Scenario::table()) v.push_back(e.info);
@@ -64,8 +60,7 @@ const std::vector<ScenarioInfo> &scenarios()
     return infos;
 }
 
-const std::vector<std::string> &scenario_names()
-{
+const std::vector<std::string> &scenario_names() {
     static const std::vector<std::string> names = [] {
         std::vector<std::string> v;
         for (const ScenarioInfo &i : scenarios()) v.emplace_back(i.name);
@@ -74,14 +69,12 @@ const std::vector<std::string> &scenario_names()
     return names;
 }
 
-bool is_scenario_name(const std::string &name)
-{
+bool is_scenario_name(const std::string &name) {
     const auto &n = scenario_names();
     return std::find(n.begin(), n.end(), name) != n.end();
 }
 
-const std::vector<MountingProfile> &mounting_profiles()
-{
+const std::vector<MountingProfile> &mounting_profiles() {
     // 1: both chips aligned with the phone. 2: magnetometer turned a quarter turn
     // about z, accelerometer turned the other way. 3: magnetometer on the back of the
     // board (upside down about y), accelerometer aligned.
@@ -93,8 +86,7 @@ const std::vector<MountingProfile> &mounting_profiles()
     return profiles;
 }
 
-Mat3 attitude_matrix(const Pose &p)
-{
+Mat3 attitude_matrix(const Pose &p) {
     // Phone-to-world rotation R = Rz(-heading) * Rx(-pitch) * Ry(roll).
     const double h = -p.heading_deg * kDeg, e = -p.pitch_deg * kDeg, r = p.roll_deg * kDeg;
     const Mat3 rz{{{std::cos(h), -std::sin(h), 0}, {std::sin(h), std::cos(h), 0}, {0, 0, 1}}};
@@ -103,22 +95,19 @@ Mat3 attitude_matrix(const Pose &p)
     return multiply(multiply(rz, rx), ry);
 }
 
-Vec3 earth_field_uT(double strength_uT, double inclination_deg)
-{
+Vec3 earth_field_uT(double strength_uT, double inclination_deg) {
     const double i = inclination_deg * kDeg;
     return {0.0, strength_uT * std::cos(i), -strength_uT * std::sin(i)};
 }
 
-Vec3 to_phone(const Mat3 &a, const Vec3 &w)
-{
+Vec3 to_phone(const Mat3 &a, const Vec3 &w) {
     // R maps phone to world, so phone = R^T * world.
     Vec3 v{};
     for (int j = 0; j < 3; ++j) v[j] = a[0][j] * w[0] + a[1][j] * w[1] + a[2][j] * w[2];
     return v;
 }
 
-TrueAngles true_angles(const Mat3 &a)
-{
+TrueAngles true_angles(const Mat3 &a) {
     // a[i][j]: world axis i (east, north, up) component along phone axis j.
     TrueAngles t{};
     const double up_y = a[2][1];
@@ -140,16 +129,14 @@ TrueAngles true_angles(const Mat3 &a)
     return t;
 }
 
-double heading_difference(double a, double b)
-{
+double heading_difference(double a, double b) {
     double d = std::fmod(a - b, 360.0);
     if (d > 180.0) d -= 360.0;
     if (d < -180.0) d += 360.0;
     return d;
 }
 
-Scenario::Scenario(const ScenarioSettings &s) : settings_(s), rng_(s.seed)
-{
+Scenario::Scenario(const ScenarioSettings &s) : settings_(s), rng_(s.seed) {
     for (const Entry &e : table())
         if (s.name == e.info.name) {
             (this->*e.script)();
@@ -160,9 +147,8 @@ Scenario::Scenario(const ScenarioSettings &s) : settings_(s), rng_(s.seed)
     std::abort();
 }
 
-void Scenario::add(Segment::Kind kind, const char *phase, double dur, Pose to, double rate)
-{
-    Pose from = to; // each segment starts where the one before ended
+void Scenario::add(Segment::Kind kind, const char *phase, double dur, Pose to, double rate) {
+    Pose from = to;  // each segment starts where the one before ended
     if (!script_.empty()) {
         const Segment *seg = nullptr;
         double local = 0;
@@ -173,19 +159,17 @@ void Scenario::add(Segment::Kind kind, const char *phase, double dur, Pose to, d
 }
 
 namespace {
-const Pose kFlat{40, 0, 0}; // lying face up, heading 40 degrees
-} // namespace
+const Pose kFlat{40, 0, 0};  // lying face up, heading 40 degrees
+}  // namespace
 
-void Scenario::script_planar()
-{
+void Scenario::script_planar() {
     // Only ever turned on the table: samples lie in one plane.
     add(Segment::Hold, "on table", 3, kFlat);
     add(Segment::Spin, "turned flat", 40, kFlat, 120);
     add(Segment::Hold, "on table", 3, kFlat);
 }
 
-void Scenario::script_two_planes()
-{
+void Scenario::script_two_planes() {
     // Turned flat on the table, then stood on its bottom edge and turned again.
     add(Segment::Hold, "on table", 3, kFlat);
     add(Segment::Spin, "turned flat", 12, kFlat, 120);
@@ -195,8 +179,7 @@ void Scenario::script_two_planes()
     add(Segment::Hold, "on table", 3, kFlat);
 }
 
-void Scenario::script_magnet()
-{
+void Scenario::script_magnet() {
     // Calibrated in a figure-eight; then a magnetic clip goes onto the phone on the
     // table (the magnetometer's channels leave their range, and the service moves
     // the rough offset), and a second figure-eight calibrates again.
@@ -213,8 +196,7 @@ void Scenario::script_magnet()
     add(Segment::Hold, "on table", 3, kFlat);
 }
 
-void Scenario::script_slow()
-{
+void Scenario::script_slow() {
     // Turned slowly by hand through all its orientations (10 to 20 degrees per
     // second): each batch of consecutive samples spans only a few degrees.
     add(Segment::Hold, "on table", 3, kFlat);
@@ -225,8 +207,7 @@ void Scenario::script_slow()
 
 void Scenario::script_still() { add(Segment::Hold, "on table", 20, kFlat); }
 
-void Scenario::script_default()
-{
+void Scenario::script_default() {
     add(Segment::Hold, "on table", 6, kFlat);
     add(Segment::Move, "picked up", 2, Pose{40, -30, 0});
     add(Segment::FigureEight, "figure-eight", 16, Pose{40, -30, 0});
@@ -237,8 +218,7 @@ void Scenario::script_default()
     add(Segment::Hold, "set down", 6, kFlat);
 }
 
-Pose Scenario::pose_at(double t, const Segment **seg_out, double *local_out) const
-{
+Pose Scenario::pose_at(double t, const Segment **seg_out, double *local_out) const {
     double start = 0;
     const Segment *seg = &script_.back();
     for (const Segment &s : script_) {
@@ -254,8 +234,7 @@ Pose Scenario::pose_at(double t, const Segment **seg_out, double *local_out) con
     *local_out = u;
     const Pose &a = seg->from, &b = seg->to;
     switch (seg->kind) {
-    case Segment::Hold:
-        return a;
+    case Segment::Hold: return a;
     case Segment::Move: {
         // Turns the short way round to the target heading.
         const double k = ease(u / seg->duration_s);
@@ -272,13 +251,13 @@ Pose Scenario::pose_at(double t, const Segment **seg_out, double *local_out) con
     case Segment::Walk: {
         // Held in front while walking; turns a corner halfway, bobs with every step.
         const double k = ease((u / seg->duration_s - 0.4) / 0.2);
-        return {a.heading_deg + k * (b.heading_deg - a.heading_deg),
-                b.pitch_deg + 3 * std::sin(2 * kPi * 2 * u), b.roll_deg + 3 * std::sin(2 * kPi * u)};
+        return {a.heading_deg + k * (b.heading_deg - a.heading_deg), b.pitch_deg + 3 * std::sin(2 * kPi * 2 * u),
+                b.roll_deg + 3 * std::sin(2 * kPi * u)};
     }
     case Segment::Tumble: {
         // Heading 9 degrees per second, pitch and roll swing slowly (up to 11 and 6
         // degrees per second): about 15 degrees per second of turning in all.
-        const double k = std::min(u, 1.0); // eases in over the first second
+        const double k = std::min(u, 1.0);  // eases in over the first second
         return {a.heading_deg + 9 * u, a.pitch_deg - 70 * k * std::sin(2 * kPi * u / 40),
                 a.roll_deg + 50 * k * std::sin(2 * kPi * u / 55)};
     }
@@ -286,27 +265,28 @@ Pose Scenario::pose_at(double t, const Segment **seg_out, double *local_out) con
         // Turned at a steady rate, speeding up over the first second and slowing down
         // over the last one.
         const double d = seg->duration_s;
-        auto ramp = [](double x) { return 0.5 * x - std::sin(kPi * x) / (2 * kPi); }; // angle over a 1 s ramp
+        auto ramp = [](double x) { return 0.5 * x - std::sin(kPi * x) / (2 * kPi); };  // angle over a 1 s ramp
         double turns;
-        if (u < 1.0) turns = ramp(u);
-        else if (u > d - 1.0) turns = (d - 1.0) - ramp(d - u);
-        else turns = u - 0.5;
+        if (u < 1.0)
+            turns = ramp(u);
+        else if (u > d - 1.0)
+            turns = (d - 1.0) - ramp(d - u);
+        else
+            turns = u - 0.5;
         return {a.heading_deg + seg->rate_deg_s * turns, a.pitch_deg, a.roll_deg};
     }
     }
     return b;
 }
 
-Vec3 Scenario::linear_accel_g(const Segment &seg, double u) const
-{
+Vec3 Scenario::linear_accel_g(const Segment &seg, double u) const {
     if (seg.kind != Segment::Walk) return {0, 0, 0};
     // Step bounce (vertical) and sway (forward), in the magnetic world frame is close
     // enough: the bounce is what matters to the accelerometer.
     return {0.0, 0.03 * std::sin(2 * kPi * 2 * u + 0.5), 0.12 * std::sin(2 * kPi * 2 * u)};
 }
 
-Truth Scenario::ideal(double t) const
-{
+Truth Scenario::ideal(double t) const {
     Truth tr;
     const Segment *seg = nullptr;
     double u = 0;
@@ -329,8 +309,7 @@ Truth Scenario::ideal(double t) const
     return tr;
 }
 
-Truth Scenario::sample(double t)
-{
+Truth Scenario::sample(double t) {
     Truth tr = ideal(t);
     std::normal_distribution<double> mag(0.0, settings_.noise_uT), acc(0.0, settings_.accel_noise_g);
     for (int k = 0; k < 3; ++k) {
@@ -340,4 +319,4 @@ Truth Scenario::sample(double t)
     return tr;
 }
 
-} // namespace compass
+}  // namespace compass

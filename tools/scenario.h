@@ -31,28 +31,28 @@
 namespace compass {
 
 using Vec3 = std::array<double, 3>;
-using Mat3 = std::array<Vec3, 3>; // row-major
+using Mat3 = std::array<Vec3, 3>;  // row-major
 
 struct Pose {
-    double heading_deg = 0; // geographic heading of the phone's y axis
+    double heading_deg = 0;  // geographic heading of the phone's y axis
     double pitch_deg = 0;
     double roll_deg = 0;
 };
 
 struct ScenarioSettings {
-    std::string name = "default";      // which script, see scenario_names()
+    std::string name = "default";  // which script, see scenario_names()
     // Scenario "magnet": a magnetic clip is attached to the phone halfway, adding
     // this to the hard iron.
     Vec3 magnet_uT{230.0, 0.0, 0.0};
-    double field_uT = 48.0;            // Earth field strength, 25..65
-    double inclination_deg = 60.0;     // -90..90
-    double declination_deg = 3.0;      // -180..180
+    double field_uT = 48.0;         // Earth field strength, 25..65
+    double inclination_deg = 60.0;  // -90..90
+    double declination_deg = 3.0;   // -180..180
     Vec3 hard_iron_uT{18.0, -12.0, 9.0};
-    double noise_uT = 0.15;            // magnetometer noise, standard deviation per axis
-    double accel_noise_g = 0.003;      // accelerometer noise, standard deviation per axis
-    double temperature_C = 25.0;       // at the start of the run
-    double temp_drift_C_per_min = 0.5; // warming (or cooling) during the run
-    int profile = 1;                   // mounting profile, see mounting_profiles()
+    double noise_uT = 0.15;             // magnetometer noise, standard deviation per axis
+    double accel_noise_g = 0.003;       // accelerometer noise, standard deviation per axis
+    double temperature_C = 25.0;        // at the start of the run
+    double temp_drift_C_per_min = 0.5;  // warming (or cooling) during the run
+    int profile = 1;                    // mounting profile, see mounting_profiles()
     uint32_t seed = 1;
 };
 
@@ -60,21 +60,21 @@ struct ScenarioSettings {
 struct Truth {
     double t_s = 0;
     const char *phase = "";
-    Pose pose;          // script pose (geographic heading)
-    Mat3 attitude{};    // rows: magnetic east, north, up in phone axes
-    Vec3 field_uT{};    // ambient field in phone axes: Earth + noise
-    Vec3 hard_iron_uT{}; // field fixed to the phone, phone axes
-    Vec3 gravity_g{};   // accelerometer reading in phone axes, g
+    Pose pose;            // script pose (geographic heading)
+    Mat3 attitude{};      // rows: magnetic east, north, up in phone axes
+    Vec3 field_uT{};      // ambient field in phone axes: Earth + noise
+    Vec3 hard_iron_uT{};  // field fixed to the phone, phone axes
+    Vec3 gravity_g{};     // accelerometer reading in phone axes, g
     double temperature_C = 0;
 };
 
 // The angles each library path reports, computed from the true attitude with the
 // definitions the library documents (whole-degree truncation left out).
 struct TrueAngles {
-    double heading_int;    // heading of the y axis, or of -z/+z when the y axis is steep
-    double azimuth_double; // rotation about the vertical: atan2(E.y - N.x, E.x + N.y)
-    double pitch;          // -asin(up.y), folded beyond +-90 when facing down
-    double roll;           // -asin(up.x)
+    double heading_int;     // heading of the y axis, or of -z/+z when the y axis is steep
+    double azimuth_double;  // rotation about the vertical: atan2(E.y - N.x, E.x + N.y)
+    double pitch;           // -asin(up.y), folded beyond +-90 when facing down
+    double roll;            // -asin(up.x)
 };
 
 // Up-row y component (Q12) beyond which the integer heading uses the z axis: the
@@ -96,7 +96,7 @@ struct MountingProfile {
     std::array<int, 9> accel;
     std::array<int, 9> mag;
 };
-const std::vector<MountingProfile> &mounting_profiles(); // profile n is entry n-1
+const std::vector<MountingProfile> &mounting_profiles();  // profile n is entry n-1
 
 class Scenario {
 public:
@@ -108,14 +108,13 @@ public:
     // The same instant without noise (deterministic, for checks).
     Truth ideal(double t_s) const;
 
-
 private:
     struct Segment {
         enum Kind { Hold, Move, FigureEight, Walk, Spin, Tumble } kind;
         const char *phase;
         double duration_s;
-        Pose from, to;           // Move: eased interpolation from -> to
-        double rate_deg_s = 0;   // Spin: heading rate
+        Pose from, to;          // Move: eased interpolation from -> to
+        double rate_deg_s = 0;  // Spin: heading rate
     };
     // The scripts of the scenario table; each adds its segments in order.
     void add(Segment::Kind kind, const char *phase, double duration_s, Pose to, double rate_deg_s = 0);
@@ -138,17 +137,17 @@ private:
     ScenarioSettings settings_;
     std::vector<Segment> script_;
     double duration_s_ = 0;
-    double magnet_from_s_ = -1; // the magnet clip is on from then, when >= 0
+    double magnet_from_s_ = -1;  // the magnet clip is on from then, when >= 0
     std::mt19937 rng_;
 };
 
 Mat3 attitude_matrix(const Pose &pose_magnetic);
-Vec3 earth_field_uT(double strength_uT, double inclination_deg); // magnetic world frame
+Vec3 earth_field_uT(double strength_uT, double inclination_deg);  // magnetic world frame
 Vec3 to_phone(const Mat3 &attitude, const Vec3 &world);
 TrueAngles true_angles(const Mat3 &attitude);
 // Signed difference a - b of two headings, in -180..180.
 double heading_difference(double a_deg, double b_deg);
 
-} // namespace compass
+}  // namespace compass
 
 #endif

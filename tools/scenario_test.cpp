@@ -12,10 +12,15 @@ constexpr double kB = 50.0, kIncl = 60.0;
 const double kBh = kB * std::cos(kIncl * M_PI / 180), kBv = kB * std::sin(kIncl * M_PI / 180);
 
 // Known attitudes, worked out by hand from where the phone's axes point.
-const struct { const char *name; Pose pose; Vec3 field, gravity; double heading_int, azimuth_double, pitch, roll; } kKnown[] = {
+const struct {
+    const char *name;
+    Pose pose;
+    Vec3 field, gravity;
+    double heading_int, azimuth_double, pitch, roll;
+} kKnown[] = {
     {"flat, top to north", {0, 0, 0}, {0, kBh, -kBv}, {0, 0, -1}, 0, 0, 0, 0},
     {"flat, top to east: north is the phone's -x", {90, 0, 0}, {-kBh, 0, -kBv}, {0, 0, -1}, 90, 90, 0, 0},
-    {"flat, top to south-west", {225, 0, 0}, {kBh * M_SQRT1_2, -kBh * M_SQRT1_2, -kBv}, {0, 0, -1}, 225, 225, 0, 0},
+    {"flat, top to south-west", {225, 0, 0}, {kBh * M_SQRT1_2, -kBh *M_SQRT1_2, -kBv}, {0, 0, -1}, 225, 225, 0, 0},
     // Stood on its bottom edge facing north: y up, screen facing south; the integer
     // heading switches to the -z axis, which points north.
     {"upright, screen to south", {0, -90, 0}, {0, -kBv, -kBh}, {0, -1, 0}, 0, 0, -90, 0},
@@ -26,8 +31,7 @@ const struct { const char *name; Pose pose; Vec3 field, gravity; double heading_
     {"face down", {0, 180, 0}, {0, -kBh, kBv}, {0, 0, 1}, 180, 0, -180, 0},
 };
 
-TEST(ScenarioPhysics, KnownAttitudesGiveHandWorkedVectorsAndAngles)
-{
+TEST(ScenarioPhysics, KnownAttitudesGiveHandWorkedVectorsAndAngles) {
     for (const auto &c : kKnown) {
         SCOPED_TRACE(c.name);
         const Mat3 a = attitude_matrix(c.pose);
@@ -45,8 +49,7 @@ TEST(ScenarioPhysics, KnownAttitudesGiveHandWorkedVectorsAndAngles)
     }
 }
 
-TEST(ScenarioPhysics, RandomPosesKeepLengthsAndTheDipAngle)
-{
+TEST(ScenarioPhysics, RandomPosesKeepLengthsAndTheDipAngle) {
     std::mt19937 rng(7);
     std::uniform_real_distribution<double> h(0, 360), p(-59, 59), r(-80, 80);
     for (int i = 0; i < 500; ++i) {
@@ -68,9 +71,11 @@ TEST(ScenarioPhysics, RandomPosesKeepLengthsAndTheDipAngle)
     }
 }
 
-TEST(ScenarioScripts, HandlingIsContinuousAndEveryScriptHasItsPhases)
-{
-    const struct { const char *name; std::vector<std::string> phases; } cases[] = {
+TEST(ScenarioScripts, HandlingIsContinuousAndEveryScriptHasItsPhases) {
+    const struct {
+        const char *name;
+        std::vector<std::string> phases;
+    } cases[] = {
         {"default", {"on table", "picked up", "figure-eight", "walking", "turned flat", "set down"}},
         {"planar", {"on table", "turned flat"}},
         {"two-planes", {"turned flat", "stood up", "turned upright"}},
@@ -93,7 +98,8 @@ TEST(ScenarioScripts, HandlingIsContinuousAndEveryScriptHasItsPhases)
             // most a few hundred degrees per second.
             double worst = 0;
             for (int i = 0; i < 3; ++i)
-                for (int j = 0; j < 3; ++j) worst = std::max(worst, std::fabs(now.attitude[i][j] - prev.attitude[i][j]));
+                for (int j = 0; j < 3; ++j)
+                    worst = std::max(worst, std::fabs(now.attitude[i][j] - prev.attitude[i][j]));
             ASSERT_LT(worst, 0.35) << "jump at t=" << t << " in " << now.phase;
             prev = now;
         }
@@ -101,5 +107,5 @@ TEST(ScenarioScripts, HandlingIsContinuousAndEveryScriptHasItsPhases)
     }
 }
 
-} // namespace
-} // namespace compass
+}  // namespace
+}  // namespace compass

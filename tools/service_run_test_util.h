@@ -23,25 +23,26 @@ namespace service_run {
 
 namespace fs = std::filesystem;
 
-struct Result { int exit_code = -1; bool crashed = false; std::string out, err; };
+struct Result {
+    int exit_code = -1;
+    bool crashed = false;
+    std::string out, err;
+};
 
-inline std::string dir_for(const std::string &name)
-{
+inline std::string dir_for(const std::string &name) {
     const fs::path d = fs::path(COMPASS_TEST_DIR) / name;
     fs::remove_all(d);
     fs::create_directories(d);
     return d.string();
 }
 
-inline std::string slurp(const std::string &path)
-{
+inline std::string slurp(const std::string &path) {
     std::stringstream s;
     s << std::ifstream(path).rdbuf();
     return s.str();
 }
 
-inline Result run(const std::string &dir, const std::vector<std::string> &args)
-{
+inline Result run(const std::string &dir, const std::vector<std::string> &args) {
     // Through the emulator in a cross build, as CTest runs this test itself.
     // Every word single-quoted for the shell, a quote inside written as '\''.
     auto quote = [](const std::string &word) {
@@ -62,8 +63,7 @@ inline Result run(const std::string &dir, const std::vector<std::string> &args)
 }
 
 // The --outputs CSV: one map of column to text per sample.
-inline std::vector<std::map<std::string, std::string>> outputs(const std::string &path)
-{
+inline std::vector<std::map<std::string, std::string>> outputs(const std::string &path) {
     std::ifstream in(path);
     std::string line, field;
     std::vector<std::string> names;
@@ -72,24 +72,27 @@ inline std::vector<std::map<std::string, std::string>> outputs(const std::string
         std::istringstream fields(line + ",");
         std::map<std::string, std::string> row;
         for (size_t i = 0; std::getline(fields, field, ','); ++i)
-            if (header) names.push_back(field);
-            else if (i < names.size()) row[names[i]] = field;
+            if (header)
+                names.push_back(field);
+            else if (i < names.size())
+                row[names[i]] = field;
         if (!header) rows.push_back(row);
     }
     return rows;
 }
 
-inline double num(const std::map<std::string, std::string> &row, const std::string &col) { return std::stod(row.at(col)); }
+inline double num(const std::map<std::string, std::string> &row, const std::string &col) {
+    return std::stod(row.at(col));
+}
 
 // Library outputs (not the truth) must agree sample for sample.
-inline const char *const kLibraryColumns[] = {"time_us", "ms_rc", "gs_rc", "calib_rc", "calib_status", "attitude_rc",
-                                 "heading_int", "rotation_rc", "azimuth", "pitch", "roll",
-                                 "offset_x", "offset_y", "offset_z"};
+inline const char *const kLibraryColumns[] = {"time_us",     "ms_rc",       "gs_rc",       "calib_rc", "calib_status",
+                                              "attitude_rc", "heading_int", "rotation_rc", "azimuth",  "pitch",
+                                              "roll",        "offset_x",    "offset_y",    "offset_z"};
 
 // Whether the true attitude stayed within 8 degrees over the 2 s (20 samples)
 // before sample i: the phone is held steady and the heading smoother has settled.
-inline bool held_steady(const std::vector<std::map<std::string, std::string>> &rows, size_t i)
-{
+inline bool held_steady(const std::vector<std::map<std::string, std::string>> &rows, size_t i) {
     if (i < 20) return false;
     for (size_t j = i - 20; j < i; ++j)
         for (const char *col : {"true_heading_int", "true_pitch", "true_roll"})
@@ -98,8 +101,7 @@ inline bool held_steady(const std::vector<std::map<std::string, std::string>> &r
 }
 
 // A whole calibration line: nine integers, comma-separated, one newline at most.
-inline bool whole_calibration_line(const std::string &text)
-{
+inline bool whole_calibration_line(const std::string &text) {
     std::istringstream in(text);
     long long v;
     char comma;

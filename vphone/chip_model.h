@@ -29,9 +29,9 @@ using Vec3 = std::array<double, 3>;
 
 // What the phone is exposed to, in the phone's axes.
 struct Physics {
-    Vec3 field_ut{};             // ambient magnetic field
-    Vec3 hard_iron_ut{};         // magnetism fixed to the phone
-    Vec3 gravity_g{0, 0, -1};    // lying flat, face up
+    Vec3 field_ut{};           // ambient magnetic field
+    Vec3 hard_iron_ut{};       // magnetism fixed to the phone
+    Vec3 gravity_g{0, 0, -1};  // lying flat, face up
     double temperature_c = 25.0;
 };
 

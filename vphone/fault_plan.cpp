@@ -9,19 +9,19 @@
 namespace vphone {
 namespace {
 
-constexpr Call kCalls[] = {Call::Open,  Call::Close,  Call::Read,    Call::Write,  Call::Ioctl,
-                           Call::Usleep, Call::Fopen, Call::Fgets,   Call::Fprintf, Call::Fclose,
-                           Call::Access, Call::Chown, Call::Chmod,   Call::Rename};
+constexpr Call kCalls[] = {Call::Open,   Call::Close, Call::Read,  Call::Write,   Call::Ioctl,
+                           Call::Usleep, Call::Fopen, Call::Fgets, Call::Fprintf, Call::Fclose,
+                           Call::Access, Call::Chown, Call::Chmod, Call::Rename};
 
 struct ErrnoName {
     const char *name;
     int value;
 };
-constexpr ErrnoName kErrnos[] = {{"EPERM", EPERM},   {"ENOENT", ENOENT}, {"EINTR", EINTR},   {"EIO", EIO},
-                                 {"ENXIO", ENXIO},   {"EBADF", EBADF},   {"EAGAIN", EAGAIN}, {"ENOMEM", ENOMEM},
-                                 {"EACCES", EACCES}, {"EFAULT", EFAULT}, {"EBUSY", EBUSY},   {"EEXIST", EEXIST},
-                                 {"ENODEV", ENODEV}, {"EISDIR", EISDIR}, {"EINVAL", EINVAL}, {"EMFILE", EMFILE},
-                                 {"ENOTTY", ENOTTY}, {"EFBIG", EFBIG},   {"ENOSPC", ENOSPC}, {"EROFS", EROFS},
+constexpr ErrnoName kErrnos[] = {{"EPERM", EPERM},        {"ENOENT", ENOENT}, {"EINTR", EINTR},   {"EIO", EIO},
+                                 {"ENXIO", ENXIO},        {"EBADF", EBADF},   {"EAGAIN", EAGAIN}, {"ENOMEM", ENOMEM},
+                                 {"EACCES", EACCES},      {"EFAULT", EFAULT}, {"EBUSY", EBUSY},   {"EEXIST", EEXIST},
+                                 {"ENODEV", ENODEV},      {"EISDIR", EISDIR}, {"EINVAL", EINVAL}, {"EMFILE", EMFILE},
+                                 {"ENOTTY", ENOTTY},      {"EFBIG", EFBIG},   {"ENOSPC", ENOSPC}, {"EROFS", EROFS},
                                  {"ETIMEDOUT", ETIMEDOUT}};
 
 bool whole(std::string_view text, int lo, int *out) {
@@ -76,7 +76,8 @@ bool parse_entry(std::string_view entry, PlannedFault *f, std::string *error) {
         }
     }
     f->count = 1;
-    if (n == 4 && field[3] == "all") f->count = kForever;
+    if (n == 4 && field[3] == "all")
+        f->count = kForever;
     else if (n == 4 && !whole(field[3], 1, &f->count)) {
         *error = "'" + std::string(entry) + "': the count must be a whole number from 1, or all";
         return false;

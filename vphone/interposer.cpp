@@ -98,7 +98,6 @@ int vphone_core_compass_close(int fd) {
     return 0;
 }
 
-
 ssize_t vphone_core_compass_read(int fd, void *buffer, size_t length) {
     auto *bytes = static_cast<uint8_t *>(buffer);
     return transfer(fd, Kind::Read, VPHONE_CALL_READ, bytes, length,
@@ -137,8 +136,7 @@ int vphone_core_compass_ioctl(int fd, unsigned long request, unsigned long argum
         e.result = answer == s.answers.end() ? 0 : answer->second;
         break;
     }
-    default:
-        return static_cast<int>(vphone::fail(std::move(e), ENOTTY));
+    default: return static_cast<int>(vphone::fail(std::move(e), ENOTTY));
     }
     long result = e.result;
     vphone::record(std::move(e));

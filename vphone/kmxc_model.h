@@ -49,7 +49,7 @@ namespace vphone {
 class KmxcModel : public ChipModel {
 public:
     static constexpr uint8_t kAddress = kmxc::kBusAddress;
-    static constexpr int kRawPerRoughStep = 226;  // raw counts per rough step
+    static constexpr int kRawPerRoughStep = 226;        // raw counts per rough step
     static constexpr double kMicroteslaPerCount = 0.4;  // one corrected count
 
     // The chip's temperature scale: raw 256 at 25 degrees C, 4 counts per degree,
@@ -64,8 +64,8 @@ public:
 
     // ---- What the chip was told ----
     const std::array<uint8_t, 3> &rough_offset() const { return rough_; }  // power-on 16
-    bool rough_offset_given() const { return roughGiven_ == 0x7; }  // all channels written
-    int gpo() const { return gpo_; }  // -1 never set, else 0 / 1
+    bool rough_offset_given() const { return roughGiven_ == 0x7; }         // all channels written
+    int gpo() const { return gpo_; }                                       // -1 never set, else 0 / 1
 
     // ---- Predictions (noise-free, unquantised) ----
     // What the library's corrected vector should read, in uT, phone axes.

@@ -105,8 +105,10 @@ void start_world() {
     }
     if (name != nullptr && replay != nullptr) refuse("VPHONE_SCENARIO and VPHONE_REPLAY cannot be combined");
     std::vector<std::string> args;
-    if (name != nullptr) args = {"--scenario", name};
-    else args = {"--replay", replay};
+    if (name != nullptr)
+        args = {"--scenario", name};
+    else
+        args = {"--replay", replay};
     std::istringstream words(extra != nullptr ? extra : "");
     for (std::string w; words >> w;) args.push_back(w);
     const ParsedOptions p = parse_options(args);
@@ -149,4 +151,4 @@ void start_world() {
 // Runs when the preloaded library is loaded, before the program's main.
 __attribute__((constructor)) void load() { start_world(); }
 
-} // namespace
+}  // namespace

@@ -32,8 +32,8 @@ static void *next_symbol(const char *name) {
     return symbol;
 }
 
-#define NEXT(type, name)                                                  \
-    static type real_##name;                                              \
+#define NEXT(type, name)     \
+    static type real_##name; \
     if (real_##name == NULL) real_##name = (type)next_symbol(#name)
 
 typedef int (*open_fn)(const char *, int, ...);
@@ -79,16 +79,16 @@ static int phone_open(const char *name, const char *path, int flags, mode_t mode
 }
 
 /* open and open64: the mode argument is there only with O_CREAT or O_TMPFILE. */
-#define VPHONE_DEFINE_OPEN(fn)                                              \
-    VPHONE_EXPORT int fn(const char *path, int flags, ...) {                \
-        mode_t mode = 0;                                                    \
-        if ((flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE) {   \
-            va_list ap;                                                     \
-            va_start(ap, flags);                                            \
-            mode = (mode_t)va_arg(ap, unsigned);                            \
-            va_end(ap);                                                     \
-        }                                                                   \
-        return phone_open(#fn, path, flags, mode);                          \
+#define VPHONE_DEFINE_OPEN(fn)                                            \
+    VPHONE_EXPORT int fn(const char *path, int flags, ...) {              \
+        mode_t mode = 0;                                                  \
+        if ((flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE) { \
+            va_list ap;                                                   \
+            va_start(ap, flags);                                          \
+            mode = (mode_t)va_arg(ap, unsigned);                          \
+            va_end(ap);                                                   \
+        }                                                                 \
+        return phone_open(#fn, path, flags, mode);                        \
     }
 VPHONE_DEFINE_OPEN(open)
 VPHONE_DEFINE_OPEN(open64)
@@ -168,7 +168,7 @@ VPHONE_EXPORT int fclose(FILE *file) {
     if (file != NULL && vphone_core_is_tracked_file(file)) {
         int error = vphone_core_take_fault(VPHONE_CALL_FCLOSE);
         int result = real_fclose(file);
-        if (error != 0) vphone_core_lose_unflushed(file);  /* by name: the FILE is gone */
+        if (error != 0) vphone_core_lose_unflushed(file); /* by name: the FILE is gone */
         vphone_core_untrack_file(file);
         if (error != 0) return fail_with(error);
         return result;
@@ -211,9 +211,7 @@ static int phone_vfprintf_chk(FILE *file, int flag, const char *format, va_list 
     return real___vfprintf_chk(file, flag, format, ap);
 }
 
-VPHONE_EXPORT int vfprintf(FILE *file, const char *format, va_list ap) {
-    return phone_vfprintf(file, format, ap);
-}
+VPHONE_EXPORT int vfprintf(FILE *file, const char *format, va_list ap) { return phone_vfprintf(file, format, ap); }
 
 VPHONE_EXPORT int fprintf(FILE *file, const char *format, ...) {
     va_list ap;

@@ -14,13 +14,16 @@ constexpr uint8_t kPowerOnTemperature = 0x40;
 
 // EEPROM content at delivery: a setting image that differs from what the library
 // programs (range code 1, bandwidth code 6), so a missing setting shows.
-constexpr std::array<uint8_t, kImageLength> kDefaultImage = {0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00,
-                                                             0x00, 0x00, 0x0E, 0x00, 0x00, 0x00, 0x00,
-                                                             0x00, 0x00, 0x00, 0x00, 0x00};
+constexpr std::array<uint8_t, kImageLength> kDefaultImage = {0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x0E,
+                                                             0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00};
 
-int16_t clamp_count(long v) { return static_cast<int16_t>(std::clamp(v, static_cast<long>(kAccelMin), static_cast<long>(kAccelMax))); }
+int16_t clamp_count(long v) {
+    return static_cast<int16_t>(std::clamp(v, static_cast<long>(kAccelMin), static_cast<long>(kAccelMax)));
+}
 
-bool is_eeprom(uint8_t address) { return address >= (kImageFirst | kEepromBit) && address <= (kImageLast | kEepromBit); }
+bool is_eeprom(uint8_t address) {
+    return address >= (kImageFirst | kEepromBit) && address <= (kImageLast | kEepromBit);
+}
 
 }  // namespace
 

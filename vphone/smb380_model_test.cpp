@@ -40,7 +40,7 @@ TEST(Smb380Model, RangeCodeSetsCountsPerGAndMountingIsInverted) {
         EXPECT_EQ(chip.last_counts()[2], c.z);
     }
     EXPECT_FALSE(chip.set_mounting({1, 0, 0, 1, 0, 0, 0, 0, 1}));  // singular: refused
-    chip.set_gravity_g(-2.5, 0, 0);  // beyond the range: clamped
+    chip.set_gravity_g(-2.5, 0, 0);                                // beyond the range: clamped
     chip.set({0x14, 0x00});
     EXPECT_EQ(chip.z(), 511);
 }

@@ -71,12 +71,12 @@ public:
     std::vector<std::vector<uint8_t>> writes;  // bytes of every accepted write
     std::vector<std::vector<uint8_t>> reads;   // bytes delivered by every read
     std::deque<std::vector<uint8_t>> answers;  // still queued
-    int write_error = 0;  // when not 0, every write fails with this errno
+    int write_error = 0;                       // when not 0, every write fails with this errno
 };
 
 // ---- Virtual clock -------------------------------------------------------------------
 
-uint64_t now_us();                  // microseconds since the last reset()
+uint64_t now_us();  // microseconds since the last reset()
 void advance_us(uint64_t microseconds);
 
 // ---- Transcript -------------------------------------------------------------------------
@@ -85,13 +85,13 @@ enum class Kind { Open, Close, SelectSlave, Write, Read, Control, Sleep };
 
 struct Event {
     Kind kind = Kind::Open;
-    int address = -1;            // selected slave address (transfers, SelectSlave: the new one)
+    int address = -1;              // selected slave address (transfers, SelectSlave: the new one)
     std::vector<uint8_t> bytes{};  // bytes actually moved (Write, Read)
-    uint64_t time_us = 0;        // virtual time when the call was made
-    unsigned long request = 0;   // ioctl request (SelectSlave, Control)
-    long argument = 0;           // ioctl argument; Sleep: microseconds; Read/Write: length asked
-    long result = 0;             // what the call returned
-    int error = 0;               // errno when result is -1
+    uint64_t time_us = 0;          // virtual time when the call was made
+    unsigned long request = 0;     // ioctl request (SelectSlave, Control)
+    long argument = 0;             // ioctl argument; Sleep: microseconds; Read/Write: length asked
+    long result = 0;               // what the call returned
+    int error = 0;                 // errno when result is -1
 };
 
 const std::vector<Event> &transcript();
@@ -117,8 +117,22 @@ void set_control_error(unsigned long request, int error);
 
 // Calls counted and failable. Only calls that concern the phone count: phone paths,
 // the compass descriptor, files opened on phone paths; usleep always.
-enum class Call { Open, Close, Read, Write, Ioctl, Usleep, Fopen, Fgets, Fprintf, Fclose,
-                  Access, Chown, Chmod, Rename };
+enum class Call {
+    Open,
+    Close,
+    Read,
+    Write,
+    Ioctl,
+    Usleep,
+    Fopen,
+    Fgets,
+    Fprintf,
+    Fclose,
+    Access,
+    Chown,
+    Chmod,
+    Rename
+};
 constexpr int kForever = -1;
 
 // The nth next call of this kind (1 = the very next one) and the count-1 after it

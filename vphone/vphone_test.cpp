@@ -24,9 +24,13 @@ TEST_F(VphoneTest, OnlyThePhonesPathsGoToTheSandbox) {
     const struct {
         const char *path;
         bool phone;
-    } cases[] = {{"/misc/sensor/kmxc_orvane.cfg", true}, {"/etc/kmxc_transformation.cfg", true},
-                 {"/sys/module/zorsensor/parameters/profile", true}, {"/dev/compass", true},
-                 {"/etc/passwd", false}, {"/dev/compass2", false}, {"misc/sensor/x", false},
+    } cases[] = {{"/misc/sensor/kmxc_orvane.cfg", true},
+                 {"/etc/kmxc_transformation.cfg", true},
+                 {"/sys/module/zorsensor/parameters/profile", true},
+                 {"/dev/compass", true},
+                 {"/etc/passwd", false},
+                 {"/dev/compass2", false},
+                 {"misc/sensor/x", false},
                  {"/sys/module/other/parameters/profile", false}};
     for (const auto &c : cases) {
         EXPECT_EQ(vphone::host_path(c.path), c.phone ? vphone::root() + c.path : c.path) << c.path;
@@ -99,11 +103,14 @@ TEST_F(VphoneTest, FaultWindowsCountFromWhenTheyAreSet) {
 // that is not a plan is refused with the entry and the reason.
 TEST_F(VphoneTest, FaultPlansParseToTheirFaultsOrSayWhyNot) {
     using vphone::PlannedFault;
-    const struct { const char *text; std::vector<PlannedFault> want; const char *error; } cases[] = {
+    const struct {
+        const char *text;
+        std::vector<PlannedFault> want;
+        const char *error;
+    } cases[] = {
         {"fopen:3:ENOSPC", {{Call::Fopen, 3, ENOSPC, 1}}, ""},
         {"write:1", {{Call::Write, 1, EIO, 1}}, ""},
-        {"usleep:2:4:5,rename:1:EROFS:all",
-         {{Call::Usleep, 2, 4, 5}, {Call::Rename, 1, EROFS, vphone::kForever}}, ""},
+        {"usleep:2:4:5,rename:1:EROFS:all", {{Call::Usleep, 2, 4, 5}, {Call::Rename, 1, EROFS, vphone::kForever}}, ""},
         {"", {}, "empty fault plan"},
         {"fopen", {}, "'fopen': the occurrence must be a whole number from 1"},
         {"fopen:0", {}, "'fopen:0': the occurrence must be a whole number from 1"},

@@ -113,8 +113,8 @@ void limit_transfer(Call call, size_t max_bytes, int nth, int count) {
 int calls(Call call) { return static_cast<int>(state().counts[static_cast<int>(call)]); }
 
 const char *call_name(Call call) {
-    static const char *const names[] = {"open", "close", "read", "write", "ioctl", "usleep", "fopen",
-                                        "fgets", "fprintf", "fclose", "access", "chown", "chmod", "rename"};
+    static const char *const names[] = {"open",  "close",   "read",   "write",  "ioctl", "usleep", "fopen",
+                                        "fgets", "fprintf", "fclose", "access", "chown", "chmod",  "rename"};
     return names[static_cast<int>(call)];
 }
 
