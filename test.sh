@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Builds libkmxc_orvane.so and runs every test three times: as shipped on x86-64; under
+# Checks that every C and C++ file has the tree's style, then builds libkmxc_orvane.so
+# and runs every test three times: as shipped on x86-64; under
 # AddressSanitizer and UndefinedBehaviorSanitizer (halting on the first report); and
 # cross-built for the real target, ARM without an FPU (Debian armel), run under
 # qemu-arm, where it must also give byte for byte the x86-64 build's results. Last, a
@@ -8,6 +9,7 @@
 set -euo pipefail
 cd "$(dirname "$0")"
 scripts/ensure-deps.sh
+scripts/check-format.sh
 
 jobs=$(nproc)
 run_suite() {
