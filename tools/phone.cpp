@@ -81,6 +81,10 @@ std::array<int, 18> profile_line(const MountingProfile &p) {
     return l;
 }
 
+void write_profile_number(int profile) {
+    vphone::write_file("/sys/module/zorsensor/parameters/profile", std::to_string(profile) + "\n");
+}
+
 // A sandbox is a directory this tool made: it carries kSandboxMarker. Nothing else is
 // ever emptied, or written into unless it is empty: a folder that merely looks like a
 // phone's (a root file system's etc, dev, sys) may be someone's work.
@@ -128,6 +132,21 @@ bool make_phone_dirs(const std::string &dir, bool fresh, std::string *error) {
 
 }  // namespace
 
+void write_profile_files(int profile) {
+    std::vector<std::array<int, 18>> lines;
+    for (const auto &p : mounting_profiles()) lines.push_back(profile_line(p));
+    vphone::write_file("/etc/kmxc_transformation.cfg", profile_file(lines));
+    write_profile_number(profile);
+}
+
+void write_replay_profile_files(const RecordHeader &h) {
+    // The recorded profile's line at its number; identity lines before it.
+    std::vector<std::array<int, 18>> lines(static_cast<size_t>(h.profile), profile_line(mounting_profiles()[0]));
+    lines.back() = h.transformation;
+    vphone::write_file("/etc/kmxc_transformation.cfg", profile_file(lines));
+    write_profile_number(h.profile);
+}
+
 struct Phone::Chips {
     Magnetometer mag;
     vphone::Smb380Model accel;
@@ -142,20 +161,13 @@ Phone::~Phone() {
 
 bool Phone::open_sandbox(const std::string &dir, bool fresh, int profile, std::string *error) {
     if (!make_phone_dirs(dir, fresh, error)) return false;
-    std::vector<std::array<int, 18>> lines;
-    for (const auto &p : mounting_profiles()) lines.push_back(profile_line(p));
-    vphone::write_file("/etc/kmxc_transformation.cfg", profile_file(lines));
-    vphone::write_file("/sys/module/zorsensor/parameters/profile", std::to_string(profile) + "\n");
+    write_profile_files(profile);
     return true;
 }
 
 bool Phone::open_replay_sandbox(const std::string &dir, const RecordHeader &h, std::string *error) {
     if (!make_phone_dirs(dir, true, error)) return false;
-    // The recorded profile's line at its number; identity lines before it.
-    std::vector<std::array<int, 18>> lines(static_cast<size_t>(h.profile), profile_line(mounting_profiles()[0]));
-    lines.back() = h.transformation;
-    vphone::write_file("/etc/kmxc_transformation.cfg", profile_file(lines));
-    vphone::write_file("/sys/module/zorsensor/parameters/profile", std::to_string(h.profile) + "\n");
+    write_replay_profile_files(h);
     std::ostringstream cfg;
     if (h.has_stored) {
         for (size_t i = 0; i < h.stored.size(); ++i) cfg << (i ? "," : "") << h.stored[i];

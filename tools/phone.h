@@ -19,6 +19,12 @@ namespace compass {
 // 100, small cross terms, non-zero temperature coefficients).
 constexpr std::array<int, 9> kDemoCalib{0x8A, 0x20, 0xFA, 0x08, 0x1E, 0x44, 0x8A, 0x76, 0x84};
 
+// The phone's transformation profile file and profile number, in the selected
+// sandbox. Scenario runs: a line for every mounting profile. Replays: the recorded
+// line at the recorded number, identity lines before it.
+void write_profile_files(int profile);
+void write_replay_profile_files(const RecordHeader &h);
+
 class Phone {
 public:
     // Selects dir as the phone's file system (created if missing; emptied first when

@@ -80,21 +80,6 @@ private:
     _exit(2);
 }
 
-std::string profile_line(const std::array<int, 18> &v) {
-    std::string s;
-    for (size_t i = 0; i < v.size(); ++i) s += (i ? "," : "") + std::to_string(v[i]);
-    return s + "\n";
-}
-
-std::array<int, 18> line_of(const MountingProfile &p) {
-    std::array<int, 18> l{};
-    for (int i = 0; i < 9; ++i) {
-        l[i] = p.accel[i];
-        l[9 + i] = p.mag[i];
-    }
-    return l;
-}
-
 void start_world() {
     const char *name = std::getenv("VPHONE_SCENARIO");
     const char *replay = std::getenv("VPHONE_REPLAY");
@@ -125,10 +110,7 @@ void start_world() {
         world->replay = std::move(r.record);
         world->replaying = true;
         const RecordHeader &h = world->replay.header;
-        std::string lines;
-        for (int i = 1; i < h.profile; ++i) lines += profile_line(line_of(mounting_profiles()[0]));
-        vphone::write_file("/etc/kmxc_transformation.cfg", lines + profile_line(h.transformation));
-        vphone::write_file("/sys/module/zorsensor/parameters/profile", std::to_string(h.profile) + "\n");
+        write_replay_profile_files(h);
         if (h.has_stored) {
             std::string cfg;
             for (size_t i = 0; i < h.stored.size(); ++i) cfg += (i ? "," : "") + std::to_string(h.stored[i]);
@@ -137,10 +119,7 @@ void start_world() {
         world->phone.attach_replay_chips(h);
         for (const auto &rough : world->replay.rough_readings) world->phone.queue_rough(rough);
     } else {
-        std::string lines;
-        for (const auto &m : mounting_profiles()) lines += profile_line(line_of(m));
-        vphone::write_file("/etc/kmxc_transformation.cfg", lines);
-        vphone::write_file("/sys/module/zorsensor/parameters/profile", std::to_string(s.profile) + "\n");
+        write_profile_files(s.profile);
         world->phone.attach_chips(s.profile, kDemoCalib);
     }
     for (int address : {int{vphone::KmxcModel::kAddress}, int{vphone::Smb380Model::kAddress}})
