@@ -13,10 +13,10 @@ constexpr uint32_t kOffsetEepromWaitMs = 34;
 constexpr uint32_t kWriteEeWaitMs = 28;
 
 uint8_t offset_low_byte(uint8_t old, uint16_t offset) {
-    return static_cast<uint8_t>((old & 0x3Fu) | (static_cast<uint32_t>(offset) << 6));
+    return static_cast<uint8_t>((old & kOffsetLowKeep) | (static_cast<uint32_t>(offset) << kOffsetLowShift));
 }
 
-uint8_t offset_high_byte(uint16_t offset) { return static_cast<uint8_t>(offset >> 2); }
+uint8_t offset_high_byte(uint16_t offset) { return static_cast<uint8_t>(offset >> kOffsetHighShift); }
 
 uint8_t plus(uint8_t reg, uint8_t axis) { return static_cast<uint8_t>(reg + axis); }
 
@@ -26,11 +26,11 @@ int32_t smb380_init(smb380_dev *dev) {
     p_smb380 = dev;
     dev->slave_address = SMB380_SLAVE_ADDRESS;
     uint8_t byte;
-    int32_t sum = read_byte(kChipId, &byte);
-    dev->chip_id = field_of(byte, 0x07, 0);
-    sum += read_byte(kVersion, &byte);
-    dev->version_low = field_of(byte, 0x0F, 0);
-    dev->version_high = field_of(byte, 0xF0, 4);
+    int32_t sum = read_byte(kChipIdField.reg, &byte);
+    dev->chip_id = field_of(byte, kChipIdField);
+    sum += read_byte(kVersionLowField.reg, &byte);
+    dev->version_low = field_of(byte, kVersionLowField);
+    dev->version_high = field_of(byte, kVersionHighField);
     return sum;
 }
 
@@ -48,7 +48,7 @@ int32_t smb380_set_ee_w(uint8_t flag) {
     if (no_device()) return SMB380_ERR_NULL_DEV;
     uint8_t byte;
     read_byte(kControl, &byte);  // only the write's result counts
-    return write_byte(kControl, with_field(byte, kCtlEeWriteEnable, 4, flag));
+    return write_byte(kEeWriteField.reg, with_field(byte, kEeWriteField, flag));
 }
 
 int32_t smb380_set_image(const uint8_t *image19) {
@@ -75,9 +75,9 @@ int32_t smb380_get_offset(uint8_t axis, uint16_t *offset) {
     if (no_device()) return SMB380_ERR_NULL_DEV;
     uint8_t low, high;
     int32_t sum = read_byte(plus(kOffsetLow, axis), &low);
-    *offset = static_cast<uint16_t>(low >> 6);
+    *offset = static_cast<uint16_t>(low >> kOffsetLowShift);
     sum += read_byte(plus(kOffsetHigh, axis), &high);
-    *offset = static_cast<uint16_t>(*offset | (static_cast<uint32_t>(high) << 2));
+    *offset = static_cast<uint16_t>(*offset | (static_cast<uint32_t>(high) << kOffsetHighShift));
     return sum;
 }
 
@@ -103,7 +103,7 @@ int32_t smb380_set_offset_eeprom(uint8_t axis, uint16_t offset) {
 
 int32_t smb380_selftest(uint8_t code) {
     if (no_device()) return SMB380_ERR_NULL_DEV;
-    return set_field(kControl, kCtlSelfTestMask, 2, code);
+    return set_field(kSelfTestField, code);
 }
 
 int32_t smb380_read_reg(uint8_t reg, uint8_t *data, uint8_t count) {

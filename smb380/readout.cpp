@@ -9,8 +9,9 @@ namespace {
 // 10-bit two's complement from an axis's LSB register (value bits 1..0 in bits 7..6;
 // bits 5..0 belong to no value) and MSB register (value bits 9..2).
 int16_t axis_value(uint8_t lsb, uint8_t msb) {
-    const uint32_t raw = (static_cast<uint32_t>(msb) << 2) | (static_cast<uint32_t>(lsb) >> 6);
-    const int32_t value = static_cast<int32_t>(raw) - ((raw & 0x200u) != 0 ? 1024 : 0);
+    const uint32_t raw =
+        (static_cast<uint32_t>(msb) << kAccelHighShift) | (static_cast<uint32_t>(lsb) >> kAccelLowShift);
+    const int32_t value = static_cast<int32_t>(raw) - ((raw & kAccelSignBit) != 0 ? 2 * kAccelSignBit : 0);
     return static_cast<int16_t>(value);
 }
 

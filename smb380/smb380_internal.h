@@ -31,11 +31,16 @@ inline uint8_t field_of(uint8_t byte, uint8_t mask, uint8_t shift) {
     return static_cast<uint8_t>((byte & mask) >> shift);
 }
 
+inline uint8_t with_field(uint8_t byte, const Field &f, uint8_t value) {
+    return with_field(byte, f.mask, f.shift, value);
+}
+inline uint8_t field_of(uint8_t byte, const Field &f) { return field_of(byte, f.mask, f.shift); }
+
 // Read-modify-write of one field; the sum of the read and the write.
-inline int32_t set_field(uint8_t reg, uint8_t mask, uint8_t shift, uint8_t value) {
+inline int32_t set_field(const Field &f, uint8_t value) {
     uint8_t byte;
-    const int32_t r = read_byte(reg, &byte);
-    return r + write_byte(reg, with_field(byte, mask, shift, value));
+    const int32_t r = read_byte(f.reg, &byte);
+    return r + write_byte(f.reg, with_field(byte, f, value));
 }
 
 }  // namespace smb380_regs

@@ -43,6 +43,13 @@ constexpr uint8_t kRegisterMask = 0x7F;  // register addresses are 7-bit
 constexpr uint8_t kReadFlag = 0x80;      // the driver's read_fn marks reads with bit 7
 
 // ---- Bits and fields ---------------------------------------------------------------
+// A bit field: its register, its (contiguous) mask and the position of its lowest bit.
+struct Field {
+    uint8_t reg;
+    uint8_t mask;
+    uint8_t shift;
+};
+
 // Control register 0x0A. Soft reset, image update and interrupt reset clear themselves.
 constexpr uint8_t kCtlSleep = 0x01;
 constexpr uint8_t kCtlSoftReset = 0x02;
@@ -50,6 +57,9 @@ constexpr uint8_t kCtlSelfTestMask = 0x0C;  // bits 3..2
 constexpr uint8_t kCtlEeWriteEnable = 0x10;
 constexpr uint8_t kCtlUpdateImage = 0x20;
 constexpr uint8_t kCtlResetInterrupt = 0x40;
+constexpr Field kSleepField{kControl, kCtlSleep, 0};  // mode bit 1
+constexpr Field kSelfTestField{kControl, kCtlSelfTestMask, 2};
+constexpr Field kEeWriteField{kControl, kCtlEeWriteEnable, 4};
 // Register 0x14: range in bits 4..3, bandwidth in bits 2..0.
 constexpr uint8_t kRangeMask = 0x18;
 constexpr uint8_t kRangeShift = 3;
@@ -57,10 +67,45 @@ constexpr uint8_t kRangeMax = 2;
 constexpr uint8_t kBandwidthMask = 0x07;
 constexpr uint8_t kBandwidthShift = 0;
 constexpr uint8_t kBandwidthMax = 7;
+constexpr Field kRangeField{kRangeBandwidth, kRangeMask, kRangeShift};
+constexpr Field kBandwidthField{kRangeBandwidth, kBandwidthMask, kBandwidthShift};
+// Identification: chip id in 0x00 bits 2..0; version in 0x01, low and high nibble.
+constexpr Field kChipIdField{kChipId, 0x07, 0};
+constexpr Field kVersionLowField{kVersion, 0x0F, 0};
+constexpr Field kVersionHighField{kVersion, 0xF0, 4};
+// Interrupt enables and counters, 0x0B.
+constexpr Field kLowGIntField{kIntEnable, 0x01, 0};
+constexpr Field kHighGIntField{kIntEnable, 0x02, 1};
+constexpr Field kLowGCountdownField{kIntEnable, 0x0C, 2};
+constexpr Field kHighGCountdownField{kIntEnable, 0x30, 4};
+constexpr Field kAnyMotionIntField{kIntEnable, 0x40, 6};
+constexpr Field kAlertIntField{kIntEnable, 0x80, 7};
+// Any-motion sample count, 0x11 bits 7..6.
+constexpr Field kAnyMotionCountField{kAnyMotionCount, 0xC0, 6};
+// Wake-up and interrupt configuration, 0x15.
+constexpr Field kWakeUpField{kWakeUp, 0x01, 0};  // mode bit 0
+constexpr Field kWakeUpPauseField{kWakeUp, 0x06, 1};
+constexpr Field kLatchIntField{kWakeUp, 0x10, 4};
+constexpr Field kNewDataIntField{kWakeUp, 0x20, 5};
+constexpr Field kAdvancedIntField{kWakeUp, 0x40, 6};
+// The interrupt mask of smb380_set_interrupt_mask: its bits 0, 1, 6, 7 are 0x0B's at
+// the same positions; its bits 3..5 are 0x15's bits 4..6 (one place lower in the
+// mask); its bit 2 has no register bit.
+constexpr uint8_t kMaskInIntEnable = 0xC3;
+constexpr uint8_t kMaskInWakeUp = 0x70;
+constexpr uint8_t kMaskToWakeUpShift = 1;
+// Offsets: 10 bits per axis, bits 1..0 in bits 7..6 of kOffsetLow + axis (its bits
+// 5..0 belong to other settings), bits 9..2 in kOffsetHigh + axis.
+constexpr uint8_t kOffsetLowShift = 6;
+constexpr uint8_t kOffsetLowKeep = 0x3F;
+constexpr uint8_t kOffsetHighShift = 2;
 // Acceleration: 10-bit two's complement, bits 1..0 in LSB bits 7..6, bits 9..2 in the
 // MSB; LSB bit 0 flags new data.
 constexpr uint8_t kAccelLowShift = 6;
+constexpr uint8_t kAccelHighShift = 2;
 constexpr uint8_t kNewData = 0x01;
+constexpr uint16_t kAccelBits = 0x3FF;
+constexpr uint16_t kAccelSignBit = 0x200;
 constexpr int kAccelMin = -512;
 constexpr int kAccelMax = 511;
 

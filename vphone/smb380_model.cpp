@@ -55,9 +55,10 @@ void Smb380Model::sample() {
         for (int i = 0; i < 3; ++i) last_[i] = clamp_count(std::lround(chip[i] * per_g + n[i]));
     }
     for (int i = 0; i < 3; ++i) {
-        const auto bits = static_cast<uint16_t>(last_[i] & 0x3FF);
-        regs_[kAccelX + 2 * i] = static_cast<uint8_t>(((bits & 0x03) << kAccelLowShift) | kNewData);
-        regs_[kAccelX + 2 * i + 1] = static_cast<uint8_t>(bits >> 2);
+        const auto bits = static_cast<uint16_t>(static_cast<uint32_t>(last_[i]) & kAccelBits);
+        const auto low = static_cast<uint8_t>(bits & ((1u << kAccelHighShift) - 1u));
+        regs_[kAccelX + 2 * i] = static_cast<uint8_t>((low << kAccelLowShift) | kNewData);
+        regs_[kAccelX + 2 * i + 1] = static_cast<uint8_t>(bits >> kAccelHighShift);
     }
 }
 
