@@ -1,0 +1,124 @@
+#!/usr/bin/env python3
+"""Plants realistic faults in the library one at a time and names the tests that catch each.
+
+Usage: scripts/plant_faults.py [--only NAME ...] [--list]
+
+Works on a scratch git worktree of HEAD (commit what you want tested first) (made under build-faults/, removed at the end),
+never on the checkout itself: for each fault in scripts/faults.txt it replaces one
+line, builds the x86-64 tree, runs CTest and restores the line. A fault that no test
+catches is a missing test; the script exits 1 when there is one.
+
+faults.txt: blocks separated by blank lines, each
+    name: a short name (what the fault is)
+    file: path/in/tree.cpp
+    from: the exact text (must occur once in the file)
+    to:   the text that replaces it
+where \n in from and to stands for a line break.
+"""
+import argparse
+import os
+import subprocess
+import sys
+import time
+
+ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
+WORK = os.path.join(ROOT, "build-faults")
+TREE = os.path.join(WORK, "tree")
+BUILD = os.path.join(WORK, "build")
+
+
+def load_faults(path):
+    faults, block = [], {}
+    with open(path, encoding="utf-8") as f:
+        lines = f.read().split("\n")
+    for line in lines + [""]:
+        if line.startswith("#"):
+            continue
+        if not line.strip():
+            if block:
+                missing = {"name", "file", "from", "to"} - block.keys()
+                if missing:
+                    sys.exit(f"faults.txt: '{block.get('name', '?')}' lacks {', '.join(sorted(missing))}")
+                faults.append(block)
+            block = {}
+            continue
+        key, sep, value = line.partition(":")
+        if not sep or key.strip() not in ("name", "file", "from", "to"):
+            sys.exit(f"faults.txt: cannot read line '{line}'")
+        value = value[1:] if value.startswith(" ") else value
+        block[key.strip()] = value.replace("\\n", "\n") if key.strip() in ("from", "to") else value
+    return faults
+
+
+def run(cmd, **kw):
+    return subprocess.run(cmd, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, **kw)
+
+
+def main():
+    ap = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
+    ap.add_argument("--only", nargs="*", default=None, help="plant only these faults")
+    ap.add_argument("--list", action="store_true", help="list the faults and stop")
+    args = ap.parse_args()
+
+    faults = load_faults(os.path.join(ROOT, "scripts", "faults.txt"))
+    if args.only:
+        unknown = set(args.only) - {f["name"].split(" ")[0] for f in faults}
+        if unknown:
+            sys.exit(f"unknown fault(s): {', '.join(sorted(unknown))}")
+        faults = [f for f in faults if f["name"].split(" ")[0] in args.only]
+    if args.list:
+        for f in faults:
+            print(f"{f['name']}  ({f['file']})")
+        return 0
+
+    if os.path.exists(TREE):
+        sys.exit(f"{TREE} exists (a run in progress, or one that was stopped): remove it with "
+                 f"'git worktree remove --force {TREE}'")
+    os.makedirs(WORK, exist_ok=True)
+    r = run(["git", "-C", ROOT, "worktree", "add", "--detach", TREE, "HEAD"])
+    if r.returncode != 0:
+        sys.exit(r.stdout)
+    missed = 0
+    try:
+        r = run(["cmake", "-S", TREE, "-B", BUILD, "-G", "Ninja"])
+        if r.returncode != 0:
+            sys.exit(r.stdout)
+        r = run(["cmake", "--build", BUILD, "-j", str(os.cpu_count() or 2)])
+        if r.returncode != 0:
+            sys.exit("the unchanged tree does not build:\n" + r.stdout[-3000:])
+        for f in faults:
+            path = os.path.join(TREE, f["file"])
+            with open(path, encoding="utf-8") as fh:
+                original = fh.read()
+            if original.count(f["from"]) != 1:
+                print(f"{f['name']}: the text occurs {original.count(f['from'])} times in {f['file']}; skipped")
+                missed += 1
+                continue
+            start = time.time()
+            with open(path, "w", encoding="utf-8") as fh:
+                fh.write(original.replace(f["from"], f["to"]))
+            try:
+                b = run(["cmake", "--build", BUILD, "-j", str(os.cpu_count() or 2)])
+                if b.returncode != 0:
+                    print(f"{f['name']}: does not build (not a valid fault)")
+                    missed += 1
+                    continue
+                t = run(["ctest", "--test-dir", BUILD, "-j", str(os.cpu_count() or 2), "--timeout", "300"])
+                failed = [l.split(" - ")[1].split(" (")[0].strip() for l in t.stdout.splitlines()
+                          if " - " in l and ("(Failed)" in l or "(Timeout)" in l or "(SEGFAULT)" in l
+                                             or "(Subprocess aborted)" in l or "(Not Run)" in l)]
+                caught = t.returncode != 0
+                verdict = "caught by " + ", ".join(failed) if caught else "MISSED"
+                print(f"{f['name']}: {verdict}  [{time.time() - start:.0f} s]", flush=True)
+                missed += 0 if caught else 1
+            finally:
+                with open(path, "w", encoding="utf-8") as fh:
+                    fh.write(original)
+    finally:
+        run(["git", "-C", ROOT, "worktree", "remove", "--force", TREE])
+    print(f"{len(faults) - missed} of {len(faults)} faults caught")
+    return 1 if missed else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
