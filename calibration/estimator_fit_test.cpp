@@ -166,3 +166,60 @@ TEST(EstimatorFit, ShiftAlignmentIsTheSquaredCosineToTheNormal) {
 }
 
 }  // namespace
+
+namespace {
+
+// A planar fit takes its centre while the old offset's shift is at most 230 (of 256)
+// aligned with the plane's normal, and keeps the old offset above. Old offsets are
+// turned from the plane toward the normal in small steps; for each adopted centre the
+// alignment is recomputed from the batch's own centre and normal: every one must be at
+// most 230, and 230 itself must be among them.
+TEST(EstimatorFit, PlanarFitAdoptsItsCentreUpToAlignment230) {
+    KmxAxesMsCalibInit();  // the default classifier
+    Rng rng{31};
+    const Vec centre{120, -60, 40};
+    const Batch flat = circle_batch(centre, {1, 0, 0}, {0, 1, 0}, 140, 1, rng);
+    KmxAxesData c;
+    MSFLOAT scatter[6], b[3], s;
+    int16_t samples[16][3];
+    for (int i = 0; i < 16; ++i)
+        for (int k = 0; k < 3; ++k) samples[i][k] = static_cast<int16_t>((&flat[size_t(i)].x)[k]);
+    ASSERT_EQ(KmxAxesMsCalib02_CalcStatistics(samples, 16, &c, scatter, b, &s), 0);
+    int adopted = 0, kept = 0, at_limit = 0;
+    for (int step = 0; step <= 400; ++step) {
+        const double angle = 0.2 + 1.2 * step / 400.0;  // radians from the plane
+        const KmxAxesData old{int32_t(std::lround(centre.x + 300 * std::cos(angle))), int32_t(centre.y),
+                              int32_t(std::lround(centre.z + 300 * std::sin(angle)))};
+        KmxAxesMsCalib02Context ctx;
+        KmxAxesMsCalib02Result r;
+        const int8_t code = run({"plane",
+                                 Stream(flat.begin(), flat.end()),
+                                 0,
+                                 0,
+                                 {},
+                                 0x200000,
+                                 24576,
+                                 KmxAxesMsCalibCheckDistribution,
+                                 1,
+                                 0,
+                                 old},
+                                ctx, r);
+        ASSERT_EQ(code, 0) << step;
+        ASSERT_EQ(r.weights[1], 1024) << step << ": a planar fit";
+        KmxAxesData got;
+        KmxAxesMsCalib02_GetOffset(&ctx, &got);
+        if (got.x == old.x && got.y == old.y && got.z == old.z) {
+            ++kept;
+            continue;
+        }
+        ++adopted;
+        const int16_t alignment = KmxAxesMsCalib02_CalcShiftAlignment(&old, &got, &c, r.eigenVector[2]);
+        EXPECT_LE(alignment, 230) << step;
+        at_limit += alignment == 230;
+    }
+    EXPECT_GT(adopted, 0);
+    EXPECT_GT(kept, 0);
+    EXPECT_GT(at_limit, 0) << "no old offset at alignment 230 was adopted";
+}
+
+}  // namespace
