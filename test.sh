@@ -3,8 +3,9 @@
 # and runs every test three times: as shipped on x86-64; under
 # AddressSanitizer and UndefinedBehaviorSanitizer (halting on the first report); and
 # cross-built for the real target, ARM without an FPU (Debian armel), run under
-# qemu-arm, where it must also give byte for byte the x86-64 build's results. Last, a
-# short run of every libFuzzer target under the sanitizers (clang).
+# qemu-arm, where it must also give byte for byte the x86-64 build's results. Then a
+# short run of every libFuzzer target under the sanitizers (clang). Last, realistic
+# faults planted one at a time, each of which some test must catch.
 # Installs what is missing first. Usage: ./test.sh
 set -euo pipefail
 cd "$(dirname "$0")"
@@ -45,4 +46,11 @@ for t in $targets; do
   echo "fuzz: $t $(grep -E '^Done' "build-fuzz/fuzz-scratch/$t.log")"
 done
 echo "== fuzz smoke: $((SECONDS - start)) s"
+
+# Planted faults: each fault of scripts/faults.txt alone in a scratch worktree; every
+# one must make some test fail.
+start=$SECONDS
+echo "== planted faults: scripts/plant_faults.py"
+scripts/plant_faults.py
+echo "== planted faults: $((SECONDS - start)) s"
 echo "== all passes: $SECONDS s"

@@ -3,10 +3,12 @@
 
 Usage: scripts/plant_faults.py [--only NAME ...] [--list]
 
-Works on a scratch git worktree of HEAD (commit what you want tested first) (made under build-faults/, removed at the end),
-never on the checkout itself: for each fault in scripts/faults.txt it replaces one
-line, builds the x86-64 tree, runs CTest and restores the line. A fault that no test
-catches is a missing test; the script exits 1 when there is one.
+Works on a scratch git worktree (made under build-faults/, removed at the end) of the
+tracked files as they stand, uncommitted changes included; never on the checkout
+itself. For each fault in scripts/faults.txt it replaces the text, builds the x86-64
+tree, runs CTest and restores the text. A fault that no test catches is a missing
+test, and a fault whose text is no longer in its file must be brought up to date: the
+script exits 1 on either.
 
 faults.txt: blocks separated by blank lines, each
     name: a short name (what the fault is)
@@ -75,7 +77,10 @@ def main():
         sys.exit(f"{TREE} exists (a run in progress, or one that was stopped): remove it with "
                  f"'git worktree remove --force {TREE}'")
     os.makedirs(WORK, exist_ok=True)
-    r = run(["git", "-C", ROOT, "worktree", "add", "--detach", TREE, "HEAD"])
+    # The tracked files as they stand, uncommitted changes included (git stash create
+    # records them without touching the checkout); HEAD when there are none.
+    snapshot = run(["git", "-C", ROOT, "stash", "create"]).stdout.strip() or "HEAD"
+    r = run(["git", "-C", ROOT, "worktree", "add", "--detach", TREE, snapshot])
     if r.returncode != 0:
         sys.exit(r.stdout)
     missed = 0
