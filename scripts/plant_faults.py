@@ -19,6 +19,7 @@ where \n in from and to stands for a line break.
 """
 import argparse
 import os
+import re
 import subprocess
 import sys
 import time
@@ -50,6 +51,21 @@ def load_faults(path):
         value = value[1:] if value.startswith(" ") else value
         block[key.strip()] = value.replace("\\n", "\n") if key.strip() in ("from", "to") else value
     return faults
+
+
+def failures(ctest_output):
+    """The failed CTest tests, each with the GoogleTest cases that failed in it."""
+    tests, current = {}, None
+    for line in ctest_output.splitlines():
+        m = re.search(r"Test +#\d+: (\S+) \.+\**(Failed|Timeout|Exception|Not Run|Subprocess)", line)
+        if m:
+            current = m.group(1)
+            tests.setdefault(current, [])
+            continue
+        m = re.match(r"\[  FAILED  \] ([\w/.]+)( \(|,| *$)", line)
+        if m and current is not None and m.group(1) not in tests[current]:
+            tests[current].append(m.group(1))
+    return [f"{t} ({', '.join(cases)})" if cases else t for t, cases in tests.items()]
 
 
 def run(cmd, **kw):
@@ -108,12 +124,10 @@ def main():
                     print(f"{f['name']}: does not build (not a valid fault)")
                     missed += 1
                     continue
-                t = run(["ctest", "--test-dir", BUILD, "-j", str(os.cpu_count() or 2), "--timeout", "300"])
-                failed = [l.split(" - ")[1].split(" (")[0].strip() for l in t.stdout.splitlines()
-                          if " - " in l and ("(Failed)" in l or "(Timeout)" in l or "(SEGFAULT)" in l
-                                             or "(Subprocess aborted)" in l or "(Not Run)" in l)]
+                t = run(["ctest", "--test-dir", BUILD, "-j", str(os.cpu_count() or 2), "--timeout", "300",
+                         "--output-on-failure"])
                 caught = t.returncode != 0
-                verdict = "caught by " + ", ".join(failed) if caught else "MISSED"
+                verdict = "caught by " + "; ".join(failures(t.stdout)) if caught else "MISSED"
                 print(f"{f['name']}: {verdict}  [{time.time() - start:.0f} s]", flush=True)
                 missed += 0 if caught else 1
             finally:
