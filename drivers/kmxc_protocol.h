@@ -55,6 +55,11 @@ constexpr uint8_t kRoughCentre = 16;      // the setting that shifts nothing
 constexpr uint8_t kRoughReadingBias = 5;  // a rough reading sits 5 above its setting
 constexpr uint8_t kRoughReadingMin = 1;   // usable rough readings: 1..32
 constexpr uint8_t kRoughReadingMax = 32;
+constexpr uint16_t kRawCountsPerRoughStep = 226;  // one rough step shifts its raw channel by this
+
+// ---- Corrected output (the driver's unit, sensitivity 100 per raw count) -----------
+constexpr double kMicroteslaPerCount = 0.4;
+constexpr int32_t kCountsPer10Microtesla = 25;
 
 // ---- Calibration bytes -----------------------------------------------------------
 // Bytes 0..5 hold the sensitivity matrix's bit fields; bytes 6..8 the temperature

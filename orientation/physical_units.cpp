@@ -1,5 +1,6 @@
 // Samples in physical units: offset removed and limited as for the attitude, then
 // scaled in double precision.
+#include "drivers/kmxc_protocol.h"
 #include "orientation/orientation.h"
 #include "orientation/orientation_internal.h"
 
@@ -7,7 +8,7 @@ namespace {
 
 constexpr double kGravityPerCount = 0.000244140625;  // exactly 1/4096 g
 constexpr double kStandardGravity = 9.80665;         // m/s^2
-constexpr double kMicroteslaPerCount = 0.4;
+using kmxc::kMicroteslaPerCount;
 
 // The sample less the offset, each axis limited as for the attitude.
 void offset_removed(const KmxAxesData &v, const KmxAxesData &o, int32_t *d) {

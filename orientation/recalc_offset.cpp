@@ -5,11 +5,12 @@
 // temperature, so the carried offset includes the temperature term and the
 // mounting transformation exactly as the samples do.
 #include "drivers/drivers.h"
+#include "drivers/kmxc_protocol.h"
 #include "orientation/orientation.h"
 
 namespace {
 
-constexpr uint16_t kRawCountsPerRoughStep = 226;
+using kmxc::kRawCountsPerRoughStep;
 
 int32_t wrap_add(int32_t a, int32_t b) {
     return static_cast<int32_t>(static_cast<uint32_t>(a) + static_cast<uint32_t>(b));

@@ -2,8 +2,10 @@
 // orientation through the library's double path.
 #include "service/event_fill.h"
 
+#include "drivers/kmxc_protocol.h"
+
 namespace {
-constexpr float kMicroteslaPerCount = 0.4f;
+constexpr float kMicroteslaPerCount = static_cast<float>(kmxc::kMicroteslaPerCount);
 }  // namespace
 
 void kmxc_service_fill_floats(const KmxAxesData *ms, const KmxAxesData *gs, const KmxAxesData *offset,

@@ -6,6 +6,7 @@
 
 #include <stdint.h>
 
+#include "drivers/kmxc_protocol.h"
 #include "orientation/orientation.h"
 #include "service/kmxc_service.h"
 
@@ -13,10 +14,9 @@ namespace kmxc_kit {
 
 // The library's calibration file, read here only to check that it is well formed.
 constexpr const char *kCalibrationFile = "/misc/sensor/kmxc_orvane.cfg";
-constexpr int32_t kUnknownOffset = 2147483647;  // the file's "not known" magnetic offset
-// Corrected magnetometer counts per microtesla: 0.4 uT per count.
-constexpr int32_t kCountsPer10uT = 25;
-constexpr int32_t kGravityCounts = 4096;  // 1 g
+constexpr int32_t kUnknownOffset = 2147483647;                    // the file's "not known" magnetic offset
+constexpr int32_t kCountsPer10uT = kmxc::kCountsPer10Microtesla;  // corrected counts
+constexpr int32_t kGravityCounts = 4096;                          // 1 g
 // The calibration's other two thresholds stay at the library's defaults.
 constexpr int16_t kRatioMidThreshold = 96;
 constexpr int32_t kResidualThreshold = 0x200000;

@@ -1,5 +1,6 @@
 #include "tools/report.h"
 
+#include "drivers/kmxc_protocol.h"
 #include "service/kmxc_service.h"
 
 #include <algorithm>
@@ -16,7 +17,7 @@
 namespace compass {
 namespace {
 
-constexpr double kUtPerCount = 0.4;
+constexpr double kUtPerCount = kmxc::kMicroteslaPerCount;
 constexpr double kSteadyDeg = 8.0;  // a phone held steady (walking included) stays within this
 
 std::string fmt(const char *f, double v) {

@@ -86,7 +86,7 @@ std::array<int, 3> KmxcModel::channels(const std::array<double, 3> &noise) const
     std::array<int, 3> raw{};
     for (int k = 0; k < 3; ++k) {
         const double v =
-            kChannelCentre + ideal[k] + driftRaw(k) - kRawPerRoughStep * (rough_[k] - kRoughCentre) + noise[k];
+            kChannelCentre + ideal[k] + driftRaw(k) - kRawCountsPerRoughStep * (rough_[k] - kRoughCentre) + noise[k];
         raw[k] = static_cast<int>(std::clamp(std::lround(v), 0L, static_cast<long>(kRawMax)));
     }
     return raw;
@@ -96,7 +96,7 @@ std::array<int, 3> KmxcModel::raw_channels() const { return channels({0, 0, 0});
 
 Vec3 KmxcModel::expected_microtesla() const {
     std::array<double, 3> shift{};
-    for (int k = 0; k < 3; ++k) shift[k] = -static_cast<double>(kRawPerRoughStep) * (rough_[k] - kRoughCentre);
+    for (int k = 0; k < 3; ++k) shift[k] = -static_cast<double>(kRawCountsPerRoughStep) * (rough_[k] - kRoughCentre);
     const auto counts = times(response(mounting(), calib_), shift);
     Vec3 out{};
     for (int i = 0; i < 3; ++i)
@@ -114,7 +114,7 @@ void KmxcModel::command(uint8_t byte, uint64_t nowUs) {
             uint8_t reading[3];
             for (int k = 0; k < 3; ++k) {
                 const double d = ideal[k] + driftRaw(k);
-                reading[k] = clamp_byte(kRoughCentre + kRoughReadingBias + std::lround(d / kRawPerRoughStep));
+                reading[k] = clamp_byte(kRoughCentre + kRoughReadingBias + std::lround(d / kRawCountsPerRoughStep));
             }
             roughBlock_.fill(0);
             for (int k = 0; k < 3; ++k) roughBlock_[kRoughChannelAt[k]] = reading[k];

@@ -49,8 +49,7 @@ namespace vphone {
 class KmxcModel : public ChipModel {
 public:
     static constexpr uint8_t kAddress = kmxc::kBusAddress;
-    static constexpr int kRawPerRoughStep = 226;        // raw counts per rough step
-    static constexpr double kMicroteslaPerCount = 0.4;  // one corrected count
+    static constexpr double kMicroteslaPerCount = kmxc::kMicroteslaPerCount;  // one corrected count
 
     // The chip's temperature scale: raw 256 at 25 degrees C, 4 counts per degree,
     // rounded and clamped to 0..2047; celsius() is its inverse on whole counts.
