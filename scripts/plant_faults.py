@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Plants realistic faults in the library one at a time and names the tests that catch each.
 
-Usage: scripts/plant_faults.py [--only NAME ...] [--list]
+Usage: scripts/plant_faults.py [--only NAME ...] [--list] [--work DIR]
 
 Works on a scratch git worktree (made under build-faults/, removed at the end) of the
 tracked files as they stand, uncommitted changes included; never on the checkout
@@ -25,9 +25,6 @@ import sys
 import time
 
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
-WORK = os.path.join(ROOT, "build-faults")
-TREE = os.path.join(WORK, "tree")
-BUILD = os.path.join(WORK, "build")
 
 
 def load_faults(path):
@@ -76,7 +73,10 @@ def main():
     ap = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     ap.add_argument("--only", nargs="*", default=None, help="plant only these faults")
     ap.add_argument("--list", action="store_true", help="list the faults and stop")
+    ap.add_argument("--work", default="build-faults", help="scratch folder for the worktree and its build")
     args = ap.parse_args()
+    work = os.path.join(ROOT, args.work)
+    tree, build = os.path.join(work, "tree"), os.path.join(work, "build")
 
     faults = load_faults(os.path.join(ROOT, "scripts", "faults.txt"))
     if args.only:
@@ -89,26 +89,26 @@ def main():
             print(f"{f['name']}  ({f['file']})")
         return 0
 
-    if os.path.exists(TREE):
-        sys.exit(f"{TREE} exists (a run in progress, or one that was stopped): remove it with "
-                 f"'git worktree remove --force {TREE}'")
-    os.makedirs(WORK, exist_ok=True)
+    if os.path.exists(tree):
+        sys.exit(f"{tree} exists (a run in progress, or one that was stopped): remove it with "
+                 f"'git worktree remove --force {tree}'")
+    os.makedirs(work, exist_ok=True)
     # The tracked files as they stand, uncommitted changes included (git stash create
     # records them without touching the checkout); HEAD when there are none.
     snapshot = run(["git", "-C", ROOT, "stash", "create"]).stdout.strip() or "HEAD"
-    r = run(["git", "-C", ROOT, "worktree", "add", "--detach", TREE, snapshot])
+    r = run(["git", "-C", ROOT, "worktree", "add", "--detach", tree, snapshot])
     if r.returncode != 0:
         sys.exit(r.stdout)
     missed = 0
     try:
-        r = run(["cmake", "-S", TREE, "-B", BUILD, "-G", "Ninja"])
+        r = run(["cmake", "-S", tree, "-B", build, "-G", "Ninja"])
         if r.returncode != 0:
             sys.exit(r.stdout)
-        r = run(["cmake", "--build", BUILD, "-j", str(os.cpu_count() or 2)])
+        r = run(["cmake", "--build", build, "-j", str(os.cpu_count() or 2)])
         if r.returncode != 0:
             sys.exit("the unchanged tree does not build:\n" + r.stdout[-3000:])
         for f in faults:
-            path = os.path.join(TREE, f["file"])
+            path = os.path.join(tree, f["file"])
             with open(path, encoding="utf-8") as fh:
                 original = fh.read()
             if original.count(f["from"]) != 1:
@@ -119,12 +119,12 @@ def main():
             with open(path, "w", encoding="utf-8") as fh:
                 fh.write(original.replace(f["from"], f["to"]))
             try:
-                b = run(["cmake", "--build", BUILD, "-j", str(os.cpu_count() or 2)])
+                b = run(["cmake", "--build", build, "-j", str(os.cpu_count() or 2)])
                 if b.returncode != 0:
                     print(f"{f['name']}: does not build (not a valid fault)")
                     missed += 1
                     continue
-                t = run(["ctest", "--test-dir", BUILD, "-j", str(os.cpu_count() or 2), "--timeout", "300",
+                t = run(["ctest", "--test-dir", build, "-j", str(os.cpu_count() or 2), "--timeout", "300",
                          "--output-on-failure"])
                 caught = t.returncode != 0
                 verdict = "caught by " + "; ".join(failures(t.stdout)) if caught else "MISSED"
@@ -134,7 +134,7 @@ def main():
                 with open(path, "w", encoding="utf-8") as fh:
                     fh.write(original)
     finally:
-        run(["git", "-C", ROOT, "worktree", "remove", "--force", TREE])
+        run(["git", "-C", ROOT, "worktree", "remove", "--force", tree])
     print(f"{len(faults) - missed} of {len(faults)} faults caught")
     return 1 if missed else 0
 
