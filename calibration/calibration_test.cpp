@@ -2,7 +2,6 @@
 // synthetic streams.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <vector>
 
 #include "calibration/calibration_internal.h"
@@ -29,14 +28,12 @@ struct FrontEnd : ::testing::Test {
 bool same(const KmxAxesData &a, const KmxAxesData &b) { return a.x == b.x && a.y == b.y && a.z == b.z; }
 
 TEST_F(FrontEnd, StatusAndClassifierEdges) {
-    EXPECT_EQ(g_MsCalibThreshold.ratioMidThreshold, 96);
-    EXPECT_EQ(g_MsCalibEstimator.config.residualThreshold.exponent, 134);
     EXPECT_EQ(KmxAxesMsCalibSetStatus(8), -1);
     EXPECT_EQ(KmxAxesMsCalibGetStatus(), 0);
     EXPECT_EQ(KmxAxesMsCalibSetStatus(7), 0);
     EXPECT_EQ(KmxAxesMsCalibGetStatus(), 7);
-    // A ratio equal to its threshold falls to the next class; planar with a smallest ratio
-    // of 0 sets weight[0] to 1.
+    // The default thresholds 64 and 96: a ratio equal to its threshold falls to the next
+    // class; planar with a smallest ratio of 0 sets weight[0] to 1.
     const struct {
         int32_t r[2];
         int16_t w0, w1;
@@ -59,21 +56,14 @@ TEST_F(FrontEnd, StatusAndClassifierEdges) {
 // Spheres of 100..160 counts with +-1 count of noise around centres within 1000 counts.
 TEST_F(FrontEnd, SphereBatchesCalibrateAllThreeAxes) {
     Rng rng{2026};
-    double worst = 0;
     for (int i = 0; i < 300; ++i) {
         KmxAxesMsCalibInit();
         const Vec centre{rng.uniform(-1000, 1000), rng.uniform(-1000, 1000), rng.uniform(-1000, 1000)};
-        KmxAxesMsCalibDetail detail{};
-        ASSERT_EQ(feed(sphere_batch(centre, rng.uniform(100, 160), 1, rng), &detail), 63) << i;
-        worst = std::max(worst, distance(offset(), centre));
-        EXPECT_GT(detail.ratioMin, 64) << i;
-        EXPECT_GE(detail.residual, 0) << i;
-        EXPECT_LE(detail.residual, 0x200000) << i;
+        ASSERT_EQ(feed(sphere_batch(centre, rng.uniform(100, 160), 1, rng)), 63) << i;
+        EXPECT_LE(distance(offset(), centre), 3.0) << i;
     }
     EXPECT_EQ(KmxAxesMsCalibGetStatus(), 7);
     EXPECT_EQ(g_MsCalibPlanarValid, 0);
-    EXPECT_LE(worst, 3.0);
-    std::printf("sphere batches: worst offset error %.2f counts\n", worst);
 }
 
 TEST_F(FrontEnd, PlanarBatchFitsThePlaneAndKeepsTheNormalComponent) {
@@ -118,12 +108,10 @@ TEST_F(FrontEnd, PerpendicularPlanarBatchesCombineIntoFullCalibration) {
         EXPECT_EQ(feed(xz, &detail), history ? 63 : 40);
         EXPECT_EQ(KmxAxesMsCalibGetStatus(), history ? 7 : 0);
         EXPECT_EQ(g_MsCalibPlanarValid, !history);
-        if (history) {
-            EXPECT_LE(distance(offset(), centre), 3.0);
-            EXPECT_GT(detail.ratioMin, 64);
-        }
+        if (!history) continue;
+        EXPECT_LE(distance(offset(), centre), 3.0);
+        EXPECT_GT(detail.ratioMin, 64);  // the trial's record, not the planar batch's
     }
-    std::printf("two perpendicular circles: offset error %.2f counts\n", distance(offset(), centre));
 }
 
 // One three-dimensional and one planar fit pinned bit for bit (values of a reviewed run),
@@ -141,21 +129,17 @@ TEST_F(FrontEnd, FitsArePinnedBitForBit) {
               std::vector<int32_t>({67, 30, -5, 0, 1020, 32354}));
 }
 
-// Lines, identical samples, any batch under a residual threshold of 0, and full-scale
-// int16 streams (wrapped components included): the status comes back, nothing changes.
+// Identical samples (a zero largest eigenvalue) and any batch under a residual threshold
+// set to 0: the status comes back and nothing changes. Every other refusal of the
+// estimator (its own cases) takes the same way back.
 TEST_F(FrontEnd, RejectedBatchesReturnTheStatusAndChangeNothing) {
     Rng rng{9};
-    Batch scale;
-    for (auto &s : scale)
-        s = {rng.integer(-32768, 32767), INT32_MIN + rng.integer(0, 1), 65536 + rng.integer(-32768, 32767)};
     const struct {
         const char *name;
         Batch batch;
         int32_t threshold;
-    } cases[] = {{"line", circle_batch({100, 100, 100}, {0.6, 0.8, 0}, {}, 300, 1, rng), 0x200000},
-                 {"identical", Batch{}, 0x200000},
-                 {"residual threshold 0", sphere_batch({30, 40, 50}, 150, 1, rng), 0},
-                 {"full scale", scale, 0x200000}};
+    } cases[] = {{"identical", Batch{}, 0x200000},
+                 {"residual threshold 0", sphere_batch({30, 40, 50}, 150, 1, rng), 0}};
     for (const auto &c : cases) {
         const KmxAxesMsCalibThreshold t{64, 96, c.threshold};
         KmxAxesMsCalibSetThreshold(&t);

@@ -18,7 +18,6 @@ struct Vec {
 };
 inline Vec operator+(Vec a, Vec b) { return {a.x + b.x, a.y + b.y, a.z + b.z}; }
 inline Vec operator*(double s, Vec a) { return {s * a.x, s * a.y, s * a.z}; }
-inline double dot(Vec a, Vec b) { return a.x * b.x + a.y * b.y + a.z * b.z; }
 inline double distance(const KmxAxesData &a, Vec b) { return std::hypot(a.x - b.x, a.y - b.y, a.z - b.z); }
 
 struct Rng : SplitMix64 {

@@ -14,7 +14,9 @@ constexpr KmxAxesData kZero{0, 0, 0};
 // Written whole, ms and norms included, when no attitude can be formed.
 constexpr KmxAxesAttitude kDefault{{4096, 0, 0, 0, 4096, 0, 0, 0, 4096}, 0, 0, 4096, {0, 0, 0}, {0, 0, 0}};
 
-TEST(Attitude, RowsNormsCosineLimitingAndDegenerateInputs) {
+// Rows are checked against the exact rotation by the property below; these pin the
+// norms, the limiting and the cosine's clamp, and the default record.
+TEST(Attitude, NormsLimitingCosineClampAndDegenerateInputs) {
     const struct {
         const char *name;
         KmxAxesData msOffset, gsOffset, ms, gs;
@@ -22,19 +24,15 @@ TEST(Attitude, RowsNormsCosineLimitingAndDegenerateInputs) {
         KmxAxesAttitude want;
     } cases[] = {
         // clang-format off
-        {"level, facing north", kZero, kZero, {0, 200, -300}, {0, 0, -4096}, 0,
-         {{4096, 0, 0, 0, 4096, 0, 0, 0, 4096}, 360, 4096, 3413, {0, 200, -300}, {0, 0, -4096}}},
-        {"level, facing west", kZero, kZero, {200, 0, -300}, {0, 0, -4096}, 0,
-         {{0, -4096, 0, 4096, 0, 0, 0, 0, 4096}, 360, 4096, 3413, {200, 0, -300}, {0, 0, -4096}}},
-        {"level, facing south-east", kZero, kZero, {-100, -100, -300}, {0, 0, -4096}, 0,
-         {{-2896, 2896, 0, -2896, -2896, 0, 0, 0, 4096}, 331, 4096, 3712, {-100, -100, -300}, {0, 0, -4096}}},
-        {"upright, screen south: negative cosine", kZero, kZero, {0, 300, 200}, {0, -4096, 0}, 0,
-         {{-4096, 0, 0, 0, 0, 4096, 0, 4096, 0}, 360, 4096, -3413, {0, 300, 200}, {0, -4096, 0}}},
-        {"differences limited to 16384", kZero, kZero, {0, 20000, -30000}, {0, 0, -4096}, 0,
-         {{4096, 0, 0, 0, 4096, 0, 0, 0, 4096}, 23170, 4096, 2896, {0, 16384, -16384}, {0, 0, -4096}}},
-        {"32-bit extremes limited without overflow", {0, INT32_MIN, INT32_MAX}, {0, 0, INT32_MAX},
+        {"32-bit extremes limited to 16384 without overflow", {0, INT32_MIN, INT32_MAX}, {0, 0, INT32_MAX},
          {0, INT32_MAX, INT32_MIN}, {0, 0, INT32_MIN}, 0,
          {{4096, 0, 0, 0, 4096, 0, 0, 0, 4096}, 23170, 16384, 2896, {0, 16384, -16384}, {0, 0, -16384}}},
+        // Truncated norms make unit vectors long (|(0, 1, -1)| counts as 1), so the dot
+        // product reaches +-6144; the cosine stops at +-4096.
+        {"tiny samples: cosine stops at 4096", kZero, kZero, {0, 1, -1}, {0, 1, -2}, 0,
+         {{4096, 0, 0, 0, 4096, 2048, 0, -2048, 4096}, 1, 2, 4096, {0, 1, -1}, {0, 1, -2}}},
+        {"tiny samples: cosine stops at -4096", kZero, kZero, {0, -1, 1}, {0, 1, -2}, 0,
+         {{-4096, 0, 0, 0, -4096, -2048, 0, -2048, 4096}, 1, 2, -4096, {0, -1, 1}, {0, 1, -2}}},
         {"field equals its offset", {7, -8, 9}, kZero, {7, -8, 9}, {0, 0, -4096}, 1, kDefault},
         {"zero gravity", kZero, {1, 2, 3}, {0, 200, -300}, {1, 2, 3}, 1, kDefault},
         {"field parallel to gravity", kZero, kZero, {0, 0, -4096}, {0, 0, -4096}, 1, kDefault},
@@ -73,69 +71,59 @@ Pose random_pose(std::mt19937 &rng, double field, double gravity) {
             4096 * in_phone({0, 0, 1})};
 }
 
-// Arbitrary attitudes against the rows of the exact rotation, the samples' size from
-// 600 to 5000 counts. The tolerance is the fixed point's: the norms truncate by under a
-// count, so a unit vector may be long by 1/|v| (4096/|v| units), which the east's own
-// normalisation doubles (the field is 30 degrees off gravity, sin = 1/2), plus a few
-// 1/4096 truncations in the unit vectors and the cross products.
-TEST(Attitude, ArbitraryAttitudesGiveTheRotationsRowsWithinTheFixedPointsResolution) {
+// Random poses against the exact rotation, the samples' size from 600 to 5000 counts.
+// The rows' tolerance is the fixed point's: the norms truncate by under a count, so a
+// unit vector may be long by 1/|v| (4096/|v| units), which the east's own normalisation
+// doubles (the field is 30 degrees off gravity, sin = 1/2), plus a few 1/4096
+// truncations in the unit vectors and the cross products.
+//
+// Truncation toward zero treats a value and its negative alike, so the same pose turned
+// by 180 degrees about the screen normal (x, y negated in both samples) must negate the
+// x and y of every row exactly and keep z; a division that rounded down would break this
+// by a unit somewhere, well inside the tolerance above.
+//
+// The heading is that of the y axis, or of -z (+z when y points down) once the up row's
+// y entry passes the threshold. Measured: exact - integer heading lies in [-0.255,
+// 1.134] degrees (the heading truncates, so the ideal range is [0, 1); the rest is the
+// table arctangent, the Q12 truncations and the samples' rounding).
+TEST(AttitudeProperty, RandomPosesGiveTheRotationsRowsAndHeading) {
+    using kmxc_test::kDeg;
     KmxAxesLibInit();
     std::mt19937 rng(2024);
-    for (int i = 0; i < 2000; ++i) {
+    int headings = 0;
+    for (int i = 0; i < 20000; ++i) {
         const double field = i % 2 ? 600 : 5000, gravity = i % 3 ? 1024 : 4096;
         const double slack = 4096 * (1 / field + 1 / gravity);
         const Pose p = random_pose(rng, field, gravity);
-        KmxAxesAttitude a;
+        const KmxAxesData ms2{-p.ms.x, -p.ms.y, p.ms.z}, gs2{-p.gs.x, -p.gs.y, p.gs.z};
+        KmxAxesAttitude a, b;
         ASSERT_EQ(KmxAxesLibGetAttitude(&p.ms, &p.gs, &a), 0) << i;
+        ASSERT_EQ(KmxAxesLibGetAttitude(&ms2, &gs2, &b), 0) << i;
         const V3 rows[3] = {p.east, p.north, p.up};
         for (int r = 0; r < 3; ++r) {
             const double want[3] = {rows[r].x, rows[r].y, rows[r].z};
             for (int k = 0; k < 3; ++k)
                 ASSERT_NEAR(a.matrix[3 * r + k], want[k], 2 * slack + 4)
                     << "pose " << i << " row " << r << " column " << k;
-        }
-        EXPECT_NEAR(a.msGsCos, 4096 * std::sin(60 / kmxc_test::kDeg), slack + 3) << "pose " << i;
-    }
-}
-
-// Truncation toward zero treats a value and its negative alike, so turning the phone by
-// 180 degrees about its screen normal (x, y negated in both samples) negates the x and y
-// of every row exactly and keeps z; a division that rounded down would break this by a
-// unit somewhere.
-TEST(Attitude, HalfTurnAboutTheScreenNormalNegatesXAndYExactly) {
-    KmxAxesLibInit();
-    std::mt19937 rng(7);
-    for (int i = 0; i < 2000; ++i) {
-        const Pose p = random_pose(rng, i % 2 ? 700 : 3000, 4096);
-        const KmxAxesData ms2{-p.ms.x, -p.ms.y, p.ms.z}, gs2{-p.gs.x, -p.gs.y, p.gs.z};
-        KmxAxesAttitude a, b;
-        ASSERT_EQ(KmxAxesLibGetAttitude(&p.ms, &p.gs, &a), 0);
-        ASSERT_EQ(KmxAxesLibGetAttitude(&ms2, &gs2, &b), 0);
-        for (int r = 0; r < 3; ++r) {
             ASSERT_EQ(b.matrix[3 * r], -a.matrix[3 * r]) << "pose " << i << " row " << r;
             ASSERT_EQ(b.matrix[3 * r + 1], -a.matrix[3 * r + 1]) << "pose " << i << " row " << r;
             ASSERT_EQ(b.matrix[3 * r + 2], a.matrix[3 * r + 2]) << "pose " << i << " row " << r;
         }
-        ASSERT_EQ(b.msGsCos, a.msGsCos) << "pose " << i;
-    }
-}
+        EXPECT_NEAR(a.msGsCos, 4096 * std::sin(60 / kDeg), slack + 3) << "pose " << i;
 
-// Truncated norms make unit vectors long (tiny samples: |(0, 1, -1)| counts as 1), so
-// the dot product can pass 4096 (here 6144); the cosine stops at +-4096.
-TEST(Attitude, CosineStopsAtOne) {
-    KmxAxesLibInit();
-    const struct {
-        KmxAxesData ms, gs;
-        int16_t cosine;
-    } cases[] = {
-        {{0, 1, -1}, {0, 1, -2}, 4096},
-        {{0, -1, 1}, {0, 1, -2}, -4096},
-    };
-    for (const auto &c : cases) {
-        KmxAxesAttitude a;
-        ASSERT_EQ(KmxAxesLibGetAttitude(&c.ms, &c.gs, &a), 0);
-        EXPECT_EQ(a.msGsCos, c.cosine);
+        if (std::fabs(std::fabs(p.up.y) - 3000) < 40) continue;  // branch choice ambiguous
+        const double z = p.up.y >= 0 ? -1 : 1;
+        const double exact = std::fabs(p.up.y) <= 3000 ? std::atan2(p.east.y, p.north.y) * kDeg
+                                                       : std::atan2(z * p.east.z, z * p.north.z) * kDeg;
+        uint16_t heading = 999;
+        ASSERT_EQ(KmxAxesLibCalcDirectionWOF(&a, &heading, 3000), 0) << "pose " << i;
+        ASSERT_LT(heading, 360) << "pose " << i;
+        const double err = kmxc_test::angle_difference(exact, heading);
+        ASSERT_GT(err, -0.3) << "pose " << i << ": exact " << exact << ", heading " << heading;
+        ASSERT_LT(err, 1.15) << "pose " << i << ": exact " << exact << ", heading " << heading;
+        ++headings;
     }
+    EXPECT_GT(headings, 19000);
 }
 
 TEST(IntSqrt, IsTheLargestRootNotAboveTheArgument) {

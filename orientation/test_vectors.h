@@ -3,6 +3,7 @@
 #ifndef KMXC_ORIENTATION_TEST_VECTORS_H
 #define KMXC_ORIENTATION_TEST_VECTORS_H
 
+#include <array>
 #include <cmath>
 #include <random>
 
@@ -32,6 +33,9 @@ inline V3 random_direction(std::mt19937 &rng) {
 inline KmxAxesData rounded(V3 v) {
     return {int32_t(std::lround(v.x)), int32_t(std::lround(v.y)), int32_t(std::lround(v.z))};
 }
+
+// The components of v, so that one EXPECT_EQ prints all three on a mismatch.
+inline std::array<int32_t, 3> xyz(const KmxAxesData &v) { return {v.x, v.y, v.z}; }
 
 // Signed difference a - b of two angles in degrees, brought into -180..180.
 inline double angle_difference(double a, double b) {
