@@ -54,24 +54,19 @@ int run(Op op, const int32_t (&in)[3]) {
 
 class OffsetFileTest : public vphone::PhoneTest {};
 
+// A load that creates the missing file and one whose read fails (as on an empty file)
+// are among the faulted cases below.
 TEST_F(OffsetFileTest, LoadsReadFieldByFieldWithDefaultsForMissingOnes) {
     const struct {
         const char *name;
-        Text content;
-        Fields fields;  // empty: every load fails
+        std::string content;
+        Fields fields;
     } cases[] = {
-        {"no file: created with defaults", std::nullopt, {255, 255, 255, 0, 0, 0, kMax, kMax, kMax}},
-        {"empty file: every load fails", "", {}},
         {"full line", "10,20,30,-5,6,7,100,-200,300", {10, 20, 30, -5, 6, 7, 100, -200, 300}},
-        {"three fields", "1,2,3", {1, 2, 3, 0, 0, 0, kMax, kMax, kMax}},
-        {"one field", "9", {9, 255, 255, 0, 0, 0, kMax, kMax, kMax}},
-        {"missing trailing field", "1,2,3,4,5,6,7,8", {1, 2, 3, 4, 5, 6, 7, 8, kMax}},
-        {"more than nine fields", "1,2,3,4,5,6,7,8,9,10,11", {1, 2, 3, 4, 5, 6, 7, 8, 9}},
+        {"one field: each triple's own default", "9", {9, 255, 255, 0, 0, 0, kMax, kMax, kMax}},
         {"rough keeps its low 8 bits", "300,-1,256", {44, 255, 0, 0, 0, 0, kMax, kMax, kMax}},
-        {"CRLF line end", "1,2,3,4,5,6,7,8,9\r\n", {1, 2, 3, 4, 5, 6, 7, 8, 9}},
+        {"comma runs, CRLF, a tenth field", "1,,2,,,3,4,5,6,7,8,9,10\r\n", {1, 2, 3, 4, 5, 6, 7, 8, 9}},
         {"only the first line counts", "1,2,3\n4,5,6", {1, 2, 3, 0, 0, 0, kMax, kMax, kMax}},
-        {"consecutive commas count as one", "1,,2,,,3", {1, 2, 3, 0, 0, 0, kMax, kMax, kMax}},
-        {"non-numeric text", "a,b,c,d,e,f,g,h,i", {0, 0, 0, 0, 0, 0, 0, 0, 0}},
         {"beyond 32 bits saturates",
          "4294967296,-4294967297,99999999999999999999999,2147483648,-2147483649,0,1,1,1",
          {255, 0, 255, kMax, kMin, 0, 1, 1, 1}},
@@ -83,16 +78,10 @@ TEST_F(OffsetFileTest, LoadsReadFieldByFieldWithDefaultsForMissingOnes) {
         set_main(c.content);
         vphone::LogCapture log;
         vphone::StderrCapture err;
-        const bool fails = c.fields.empty();
-        EXPECT_EQ(load_all(), std::make_pair(fails ? -3 : 0, fails ? Fields(9, 7) : c.fields));
-        EXPECT_EQ(vphone::read_file(kMain), c.content.value_or(kDefault));  // loading never rewrites
-        EXPECT_EQ(vphone::owner_of(kMain) == kCompassOwner && vphone::mode_of(kMain) == 0666u, !c.content);
-        std::string words = err.text();  // fgets at end of file leaves errno as it was: compare the words
-        for (size_t at = 0; (at = words.find(": ", at)) != std::string::npos;)
-            words.erase(at, words.find('\n', at) - at);
-        EXPECT_EQ(words, fails ? "fgets\nfgets\nfgets\n" : "");
-        EXPECT_EQ(log.lines(),
-                  fails ? std::vector<LogLine>{log_line("msmachdep_LoadGsOffset() fail #3")} : std::vector<LogLine>{});
+        EXPECT_EQ(load_all(), std::make_pair(0, c.fields));
+        EXPECT_EQ(vphone::read_file(kMain), c.content);  // loading never rewrites
+        EXPECT_EQ(err.text(), "");
+        EXPECT_TRUE(log.lines().empty());
     }
 }
 
@@ -155,24 +144,12 @@ TEST_F(OffsetFileTest, SavesRewriteTheirTripleAndAFaultAtAnyStepLeavesTheMainFil
         {"gravity", full, kSaveGs, {1, 2, 3}, "10,20,30,1,2,3,100,-200,300"},
         {"magnetic", full, kSaveMs, {4, 5, 6}, "10,20,30,-5,6,7,4,5,6"},
         {"rough", full, kSaveRough, {31, 0, 255}, "31,0,255,-5,6,7,100,-200,300"},
-        {"rough 300 carried by gravity",
-         "300,2,3",
-         kSaveGs,
-         {0, 0, -1},
-         "300,2,3,0,0,-1,2147483647,2147483647,2147483647"},
-        {"rough 300 carried by magnetic",
-         "300,2,3",
-         kSaveMs,
-         {kMax, kMin, 0},
-         "300,2,3,0,0,0,2147483647,-2147483648,0"},
-        {"rough, no file", std::nullopt, kSaveRough, {1, 2, 3}, "1,2,3,0,0,0,2147483647,2147483647,2147483647"},
+        {"rough 300 survives", "300,2,3", kSaveMs, {kMax, kMin, 0}, "300,2,3,0,0,0,2147483647,-2147483648,0"},
         {"magnetic, no file", std::nullopt, kSaveMs, {9, 9, 9}, "255,255,255,0,0,0,9,9,9"},
         {"gravity, no file", std::nullopt, kSaveGs, {9, 9, 9}, "255,255,255,9,9,9,2147483647,2147483647,2147483647"},
         {"gravity load", full, kLoadGs, {}, full},
         {"gravity load, no file", std::nullopt, kLoadGs, {}, kDefault},
         {"reset", full, kReset, {}, kDefault},
-        {"reset, no file", std::nullopt, kReset, {}, kDefault},
-        {"reset over garbage", "garbage\r\n", kReset, {}, kDefault},
     };
     const Call kinds[] = {Call::Access, Call::Fopen, Call::Fgets, Call::Fprintf,
                           Call::Fclose, Call::Chown, Call::Chmod, Call::Rename};
@@ -213,7 +190,7 @@ TEST_F(OffsetFileTest, SavesRewriteTheirTripleAndAFaultAtAnyStepLeavesTheMainFil
             EXPECT_EQ(load_all().first, 0);
         }
     }
-    EXPECT_GE(steps, 100u);  // the iteration really ran over the steps
+    EXPECT_GE(steps, 80u);  // the iteration really ran over the steps
 }
 
 }  // namespace
