@@ -7,8 +7,6 @@
 
 #include "service/kmxc_service.h"
 
-#include "service/kmxc_service.h"
-
 #include <gtest/gtest.h>
 
 #include <cerrno>
@@ -30,7 +28,8 @@ namespace kit_test {
 using namespace compass;
 
 constexpr const char *kCfg = "/misc/sensor/kmxc_orvane.cfg";
-constexpr const char *kDefaults = "255,255,255,0,0,0,2147483647,2147483647,2147483647";
+// What a reset file holds after the rough offset.
+constexpr const char *kDefaultOffsets = "0,0,0,2147483647,2147483647,2147483647";
 
 struct Trace {
     std::vector<KmxcServiceEvent> events;
@@ -109,12 +108,7 @@ inline size_t after_rough(const std::string &line) {
     return at;
 }
 
-inline ScenarioSettings scenario(const char *name, double field_uT = 48.0) {
-    ScenarioSettings s;
-    s.name = name;
-    s.field_uT = field_uT;
-    return s;
-}
+inline ScenarioSettings scenario(const char *name) { return ScenarioSettings{.name = name}; }
 
 }  // namespace kit_test
 

@@ -30,7 +30,6 @@ TEST(CompassService, DefaultScenarioCalibratesInThreeDimensionsAndHoldsTheHeadin
     // Bounds measured on the default run (tools/README.md), with a margin. While the
     // phone turns, the integer heading's smoother lags (about 18 degrees at 120
     // degrees per second); held steady, both paths are within a few degrees.
-    EXPECT_LT(first_3d, 150) << "first 3-D calibration came late";
     EXPECT_LT(integer.rms(), 16.0);
     EXPECT_LT(integer.max_abs, 70.0);
     EXPECT_LT(dbl.rms(), 3.5);
@@ -40,63 +39,35 @@ TEST(CompassService, DefaultScenarioCalibratesInThreeDimensionsAndHoldsTheHeadin
     EXPECT_LT(steady_integer.max_abs, 5.0);
     EXPECT_LT(steady_dbl.rms(), 3.0);
     EXPECT_LT(steady_dbl.max_abs, 10.0);
-    EXPECT_LT(num(rows.back(), "offset_error_uT"), 2.0);
-    // The summary says the same.
+    // The summary names the first 3-D calibration.
     EXPECT_NE(r.out.find("first 3-D calibration     sample " + std::to_string(first_3d + 1)), std::string::npos)
         << r.out;
 }
 
-// Distinct calibration return codes that published an offset, and the time of the
-// first 63.
-struct Codes {
-    std::set<int> seen;
-    double first_3d_s = -1;
-};
-Codes codes_of(const std::vector<std::map<std::string, std::string>> &rows) {
-    Codes c;
-    for (const auto &row : rows) {
-        const int rc = static_cast<int>(num(row, "calib_rc"));
-        if (kmxc_calib_new_offset(rc)) c.seen.insert(rc);
-        if (compass::is_three_d(rc) && c.first_3d_s < 0) c.first_3d_s = num(row, "time_us") / 1e6;
-    }
-    return c;
-}
-
-TEST(CompassService, HorizontalRotationCalibratesThroughThePlanarPath) {
-    const std::string d = dir_for("planar");
-    const Result r =
-        run(d, {"--fresh", "--sandbox", d + "/phone", "--quiet", "--scenario", "planar", "--outputs", d + "/o.csv"});
-    ASSERT_EQ(r.exit_code, 0) << r.err;
-    const auto rows = outputs(d + "/o.csv");
-    // Turned flat only: every fit is planar with the plane normal along z, and the
-    // status never reaches 7.
-    EXPECT_EQ(codes_of(rows).seen, (std::set<int>{24}));
-    // The plane leaves the z offset undetermined: it stays near where it started (0), so
-    // the error that remains is the hard iron's z component.
-    const compass::ScenarioSettings defaults;
-    EXPECT_LE(std::fabs(num(rows.back(), "offset_z")), 1.0) << "up to the truncation of one count";
-    EXPECT_NEAR(num(rows.back(), "offset_error_uT"), std::fabs(defaults.hard_iron_uT[2]), 1.0);
-}
-
 TEST(CompassService, TwoPlanesCombineIntoAThreeDimensionalCalibration) {
     const std::string d = dir_for("two-planes");
-    const Result r = run(d, {"--fresh", "--sandbox", d + "/phone", "--quiet", "--scenario", "two-planes", "--outputs",
-                             d + "/o.csv", "--plot", d + "/plot.png"});
+    const Result r = run(
+        d, {"--fresh", "--sandbox", d + "/phone", "--quiet", "--scenario", "two-planes", "--outputs", d + "/o.csv"});
     ASSERT_EQ(r.exit_code, 0) << r.err;
-    EXPECT_EQ(slurp(d + "/plot.png").substr(0, 4), "\x89PNG") << "gnuplot drew no PNG";
     const auto rows = outputs(d + "/o.csv");
-    const Codes c = codes_of(rows);
-    EXPECT_TRUE(c.seen.count(24)) << "no planar fit with the normal along z (flat)";
-    EXPECT_TRUE(c.seen.count(KMXC_CALIB_THREE_D)) << "the two planes were not combined";
-    EXPECT_TRUE(c.seen.count(47)) << "no planar fit with the normal along y (upright) after the status reached 7";
+    std::set<int> seen;  // calibration codes that published an offset
+    double first_3d_s = -1, upright_from = -1;
+    for (const auto &row : rows) {
+        const int rc = static_cast<int>(num(row, "calib_rc"));
+        const double t = num(row, "time_us") / 1e6;
+        if (kmxc_calib_new_offset(rc)) seen.insert(rc);
+        if (rc == KMXC_CALIB_THREE_D && first_3d_s < 0) first_3d_s = t;
+        if (row.at("phase") == "turned upright" && upright_from < 0) upright_from = t;
+    }
+    EXPECT_TRUE(seen.count(KMXC_CALIB_PLANE_Z)) << "no planar fit with the normal along z (flat)";
+    EXPECT_TRUE(seen.count(KMXC_CALIB_THREE_D)) << "the two planes were not combined";
+    EXPECT_TRUE(seen.count(KMXC_CALIB_PLANE_Y | 7))
+        << "no planar fit with the normal along y (upright) after the status reached 7";
     // The first 63 comes from a batch taken wholly in the upright plane (16 samples,
     // 1.6 s, after that phase began): such a batch alone is planar, so the full
     // calibration must be the combination with the flat plane's batch.
-    double upright_from = -1;
-    for (const auto &row : rows)
-        if (row.at("phase") == "turned upright" && upright_from < 0) upright_from = num(row, "time_us") / 1e6;
     ASSERT_GE(upright_from, 0);
-    EXPECT_GE(c.first_3d_s, upright_from + 1.6);
+    EXPECT_GE(first_3d_s, upright_from + 1.6);
     EXPECT_LT(num(rows.back(), "offset_error_uT"), 2.0);
 }
 
@@ -109,30 +80,15 @@ TEST(CompassService, ReplayOfARecordGivesTheSameOutputsSampleForSample) {
         const Result rep =
             run(d, {"--sandbox", d + "/replay", "--quiet", "--replay", d + "/raw.csv", "--outputs", d + "/replay.csv"});
         ASSERT_EQ(rep.exit_code, 0) << rep.err;
+        if (std::string(scenario) == "magnet") {
+            EXPECT_NE(rec.out.find("rough offset changed 1 time"), std::string::npos) << rec.out;
+        }
         const auto live = outputs(d + "/live.csv"), replay = outputs(d + "/replay.csv");
         ASSERT_EQ(live.size(), replay.size()) << scenario;
         for (size_t i = 0; i < live.size(); ++i)
             for (const char *col : kLibraryColumns)
                 ASSERT_EQ(live[i].at(col), replay[i].at(col)) << scenario << " sample " << i << " column " << col;
     }
-}
-
-TEST(CompassService, MagnetMovesTheRoughOffsetAndCarriesTheOffsetOver) {
-    const std::string d = dir_for("magnet");
-    const Result r =
-        run(d, {"--fresh", "--sandbox", d + "/phone", "--quiet", "--scenario", "magnet", "--outputs", d + "/o.csv"});
-    ASSERT_EQ(r.exit_code, 0) << r.err;
-    EXPECT_NE(r.out.find("rough offset changed 1 time"), std::string::npos) << r.out;
-    // Right after the change the offset is off by the magnet alone: the rough-offset
-    // step (about 90 uT per step) was carried over.
-    const auto rows = outputs(d + "/o.csv");
-    const compass::ScenarioSettings defaults;
-    const double magnet = std::hypot(defaults.magnet_uT[0], defaults.magnet_uT[1], defaults.magnet_uT[2]);
-    size_t i = 1;
-    while (i < rows.size() && num(rows[i - 1], "ms_rc") <= 0) ++i;
-    ASSERT_LT(i, rows.size()) << "no channel went out of range";
-    EXPECT_NEAR(num(rows[i], "offset_error_uT"), magnet, 3.0) << "sample " << i;
-    EXPECT_LT(num(rows.back(), "offset_error_uT"), 2.0) << "the second figure-eight should calibrate again";
 }
 
 TEST(CompassService, SecondRunWithTheSameSandboxStartsFromTheStoredOffsets) {
@@ -149,13 +105,6 @@ TEST(CompassService, SecondRunWithTheSameSandboxStartsFromTheStoredOffsets) {
     const auto a = outputs(d + "/a.csv"), b = outputs(d + "/b.csv");
     for (const char *col : {"offset_x", "offset_y", "offset_z"})
         EXPECT_EQ(b.front().at(col), a.back().at(col)) << col << ": first sample of the second run";
-    EXPECT_LT(num(b.front(), "offset_error_uT"), 2.0);
-    // Lying still, nothing can confirm the stored offset: it is used, not vouched for.
-    EXPECT_EQ(b.back().at("accuracy"), "0");
-    const std::string cfg = slurp(d + "/phone/misc/sensor/kmxc_orvane.cfg");
-    EXPECT_NE(cfg.find(a.back().at("offset_x") + "," + a.back().at("offset_y") + "," + a.back().at("offset_z")),
-              std::string::npos)
-        << cfg;
 }
 
 }  // namespace

@@ -21,13 +21,6 @@ SampleOutput sample(int64_t t_us, int calib_rc, int heading, double true_heading
             .flags = KMXC_SERVICE_HEADING_VALID | KMXC_SERVICE_ORIENTATION_VALID};
 }
 
-TEST(Report, NewOffsetCodesAreRecognised) {
-    for (int rc : {-1, 0, 7, 24, 31, 40, 48, 55, 63}) {
-        EXPECT_EQ(is_new_offset(rc), (rc > 7)) << rc;
-        EXPECT_EQ(is_three_d(rc), (rc == 63)) << rc;
-    }
-}
-
 TEST(Report, HeadingErrorsCountOnlyAfterTheFirstThreeDimensionalCalibration) {
     std::ostringstream out;
     Report r(out, true);

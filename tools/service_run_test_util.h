@@ -100,18 +100,6 @@ inline bool held_steady(const std::vector<std::map<std::string, std::string>> &r
     return true;
 }
 
-// A whole calibration line: nine integers, comma-separated, one newline at most.
-inline bool whole_calibration_line(const std::string &text) {
-    std::istringstream in(text);
-    long long v;
-    char comma;
-    for (int i = 0; i < 9; ++i)
-        if (!(in >> v) || (i < 8 && (!(in >> comma) || comma != ','))) return false;
-    std::string rest;
-    std::getline(in, rest);
-    return rest.empty() && in.peek() == EOF;
-}
-
 }  // namespace service_run
 
 #endif  // KMXC_TOOLS_SERVICE_RUN_TEST_UTIL_H
