@@ -89,18 +89,20 @@ TEST_F(Kit, AFailedSaveIsReportedAndLeavesThePreviousFile) {
     }
 }
 
-TEST_F(Kit, AnEmptyOrGarbledFileIsResetNotTrusted) {
+TEST_F(Kit, GarbledFilesAreResetAndOffsetsLoadOnlyWithTheirRoughOffset) {
     const struct {
         const char *name;
         const char *content;
-        bool repaired;
+        bool repaired, loaded;
     } cases[] = {
-        {"empty", "", true},
-        {"letters (load as zeros)", "abc", true},
-        {"eight fields", "1,2,3,4,5,6,7,8", true},
-        {"ten fields", "16,16,16,0,0,0,1,2,3,4", true},
-        {"trailing junk", "16,16,16,0,0,0,1,2,3x", true},
-        {"well formed", "16,16,16,0,0,0,1,2,3", false},
+        {"empty", "", true, false},
+        {"letters (load as zeros)", "abc", true, false},
+        {"eight fields", "1,2,3,4,5,6,7,8", true, false},
+        {"ten fields", "16,16,16,0,0,0,1,2,3,4", true, false},
+        {"trailing junk", "16,16,16,0,0,0,1,2,3x", true, false},
+        {"well formed", "16,16,16,0,0,0,1,2,3", false, true},
+        // The magnetic offset belongs to the rough offset it was made with.
+        {"rough offset out of range", "32,16,16,0,0,0,1,2,3", false, false},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
@@ -108,8 +110,8 @@ TEST_F(Kit, AnEmptyOrGarbledFileIsResetNotTrusted) {
         const Trace r = run(scenario("still"), 10, 1);
         ASSERT_EQ(r.start_rc, 0);
         EXPECT_EQ(r.start.file_repaired, c.repaired ? 1 : 0);
-        EXPECT_EQ(r.start.offset_loaded, c.repaired ? 0 : 1);
-        EXPECT_EQ(r.start.rough_measured, c.repaired ? 1 : 0);
+        EXPECT_EQ(r.start.offset_loaded, c.loaded ? 1 : 0);
+        EXPECT_EQ(r.start.rough_measured, c.loaded ? 0 : 1);
         const auto after = vphone::read_file(kCfg);
         ASSERT_TRUE(after);
         if (c.repaired) { EXPECT_EQ(after->substr(after_rough(*after)), kDefaultOffsets) << *after; }

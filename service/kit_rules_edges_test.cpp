@@ -1,5 +1,6 @@
 // The kit's rules at their thresholds, on hand-placed samples (no phone): the feed gate,
-// the Earth's-field range and the strength anomaly each decide exactly at their limit.
+// the Earth's-field range, the anomalies, a fit's accuracy and save, and the anomaly's
+// clear time each decide exactly at their limit.
 #include <gtest/gtest.h>
 
 #include "service/kit_internal.h"
@@ -61,6 +62,66 @@ TEST(KitRuleEdges, RangeAndStrengthAnomaliesStartJustPastTheirLimits) {
         g_state.ref_strength = c.reference;
         EXPECT_EQ(anomaly_of(Vec{0, 0, -4096}, c.strength, 0), c.causes)
             << "reference " << c.reference << ", strength " << c.strength;
+    }
+}
+
+// A fit's accuracy and save follow its batch's worst deviation from the mean strength
+// (200 counts here): up to 40 thousandths high, up to 80 medium, beyond that low and
+// not saved.
+TEST(KitRuleEdges, AFitIsJudgedByItsBatchUpToEachAgreementLimit) {
+    const struct {
+        int32_t deviation;  // counts either side of 200
+        int8_t accuracy;
+    } cases[] = {
+        {8, KMXC_SERVICE_HIGH},
+        {9, KMXC_SERVICE_MEDIUM},
+        {16, KMXC_SERVICE_MEDIUM},
+        {17, KMXC_SERVICE_LOW},
+    };
+    for (const auto &c : cases) {
+        feed({{200 - c.deviation, 0, 0}, {0, 200 + c.deviation, 0}});
+        KmxcServiceEvent e{};
+        on_fit(KmxAxesData{0, 0, 0}, &e);
+        EXPECT_EQ(g_state.base_accuracy, c.accuracy) << c.deviation;
+        EXPECT_EQ(g_state.save_pending, c.accuracy != KMXC_SERVICE_LOW) << c.deviation;
+    }
+}
+
+// The dip is judged only in steady gravity: |g| within 60 thousandths of 4096 counts,
+// so 3851..4341.
+TEST(KitRuleEdges, DipAnomaliesAreJudgedOnlyInSteadyGravity) {
+    const struct {
+        int32_t gravity;
+        uint8_t causes;
+    } cases[] = {
+        {4341, KMXC_SERVICE_ANOMALY_DIP},
+        {4342, 0},
+        {3851, KMXC_SERVICE_ANOMALY_DIP},
+        {3850, 0},
+    };
+    for (const auto &c : cases) {
+        g_state = State{};
+        g_state.reference = true;
+        g_state.ref_strength = 200;
+        g_state.ref_dip_valid = true;
+        EXPECT_EQ(anomaly_of(Vec{0, 0, -c.gravity}, 200, 500), c.causes) << c.gravity;
+    }
+}
+
+TEST(KitRuleEdges, AnAnomalyHoldsTheAccuracyDownForItsWholeClearTime) {
+    constexpr uint64_t kClearUs = uint64_t{KMXC_SERVICE_ANOMALY_CLEAR_MS} * 1000, kSeen = 5000000;
+    const struct {
+        uint64_t after_us;
+        int8_t accuracy;
+    } cases[] = {{kClearUs - 1, KMXC_SERVICE_LOW}, {kClearUs, KMXC_SERVICE_HIGH}};
+    for (const auto &c : cases) {
+        g_state = State{};
+        g_state.offset_trusted = true;
+        g_state.base_accuracy = KMXC_SERVICE_HIGH;
+        g_state.in_anomaly = true;
+        g_state.anomaly_level_cap = KMXC_SERVICE_LOW;
+        g_state.last_anomaly_us = kSeen;
+        EXPECT_EQ(accuracy_now(kSeen + c.after_us), c.accuracy) << c.after_us;
     }
 }
 

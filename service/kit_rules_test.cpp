@@ -167,6 +167,8 @@ TEST_F(Kit, MagnetClippedOnIsFlaggedAndANewFitRestoresTheAccuracy) {
         if (moved == 0 && (e.flags & KMXC_SERVICE_ROUGH_CHANGED)) moved = i + 1;
         if (clip_s > 0 && refit_s < 0 && (e.flags & KMXC_SERVICE_FIT_3D)) refit_s = t;
         if (clip_s > 0 && refit_s < 0) { EXPECT_LE(e.accuracy, KMXC_SERVICE_LOW) << t; }
+        // Samples with a channel out of range (those that move the rough offset) are not fed.
+        if (e.ms_result > 0) { EXPECT_FALSE(e.flags & KMXC_SERVICE_FED) << "a channel out of range was fed at " << t; }
     }
     EXPECT_NEAR(clip_s, 20.0, 0.2) << "the clip goes on at 20 s";
     // Right after the move the offset is off by the magnet alone: the rough offset's
@@ -179,6 +181,31 @@ TEST_F(Kit, MagnetClippedOnIsFlaggedAndANewFitRestoresTheAccuracy) {
     EXPECT_GT(refit_s, clip_s);
     EXPECT_EQ(r.events.back().accuracy, KMXC_SERVICE_HIGH);
     EXPECT_LT(offset_error_uT(r.events.back(), r.true_offsets.back()), 1.5);
+}
+
+// The samples fed before a rough-offset change are in the old offset's frame and are
+// forgotten: the phone lies still, a magnet moves the rough offset, and then the field
+// is set so the magnetometer reads exactly what it read before. That sample is fed.
+TEST_F(Kit, ARoughOffsetChangeForgetsTheSamplesFedBeforeIt) {
+    ScenarioSettings s = scenario("still");
+    s.noise_uT = 0;
+    s.accel_noise_g = 0;
+    Vec3 before{};
+    const Trace r = run(s, 10, 3, [&](double t, Truth &truth) {
+        const Vec3 now = phone_.true_offset_counts();
+        if (t < 1) {
+            before = now;
+        } else if (now == before) {
+            truth.field_uT[0] += 300;  // a channel out of range
+        } else {
+            // The field takes back the offset's step (counts, 0.4 uT each).
+            for (int k = 0; k < 3; ++k) truth.field_uT[k] += (before[k] - now[k]) * 0.4;
+        }
+    });
+    size_t i = 0;
+    while (i < r.events.size() && !(r.events[i].flags & KMXC_SERVICE_ROUGH_CHANGED)) ++i;
+    ASSERT_LT(i + 1, r.events.size()) << "the rough offset never moved";
+    EXPECT_TRUE(r.events[i + 1].flags & KMXC_SERVICE_FED);
 }
 
 // ---- Warm-up ----------------------------------------------------------------------------
