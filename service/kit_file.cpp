@@ -45,6 +45,13 @@ static bool file_well_formed() { return file_state() == FileState::kWellFormed; 
 
 bool same(const KmxAxesData &a, const KmxAxesData &b) { return a.x == b.x && a.y == b.y && a.z == b.z; }
 
+// Writes the rough offset and reads it back.
+static bool rough_saved(const uint8_t rough[3]) {
+    uint8_t back[3];
+    return msmachdep_SaveRoughOffset(rough) == 0 && msmachdep_LoadRoughOffset(back) == 0 && back[0] == rough[0] &&
+           back[1] == rough[1] && back[2] == rough[2];
+}
+
 bool reset_file() {
     msmachdep_ResetOffsetData();
     uint8_t rough[3];
@@ -65,9 +72,7 @@ static bool repair_damaged_file() {
         g_state.file_damaged = state == FileState::kDamaged;
     }
     if (!g_state.file_damaged) return true;
-    uint8_t back[3];
-    if (reset_file() && msmachdep_SaveRoughOffset(g_state.rough) == 0 && msmachdep_LoadRoughOffset(back) == 0 &&
-        back[0] == g_state.rough[0] && back[1] == g_state.rough[1] && back[2] == g_state.rough[2]) {
+    if (reset_file() && rough_saved(g_state.rough)) {
         g_state.file_damaged = false;
         return true;
     }
@@ -91,16 +96,14 @@ bool save_offset(const KmxAxesData &offset) {
     uint8_t rough[3];
     if (msmachdep_LoadRoughOffset(rough) != 0 || !file_well_formed()) {
         g_state.file_damaged = !reset_file() || msmachdep_SaveRoughOffset(g_state.rough) != 0;
-        g_state.stored = KmxAxesData{kUnknownOffset, kUnknownOffset, kUnknownOffset};
+        g_state.stored = kNoStoredOffset;
     }
     return false;
 }
 
 bool save_rough(const uint8_t rough[3]) {
     if (!repair_damaged_file()) return false;
-    uint8_t back[3];
-    if (msmachdep_SaveRoughOffset(rough) == 0 && msmachdep_LoadRoughOffset(back) == 0 && back[0] == rough[0] &&
-        back[1] == rough[1] && back[2] == rough[2]) {
+    if (rough_saved(rough)) {
         ++g_state.saves;
         return true;
     }
@@ -125,8 +128,7 @@ bool change_rough_offset(KmxcServiceEvent *e) {
     if (KmxAxesLibIsValidMsOffset(&g_state.stored)) {
         KmxAxesData stored;
         KmxAxesLibRecalcMsOffset(&g_state.stored, &stored, g_state.rough, fresh);
-        saved = save_offset(
-            KmxAxesLibIsValidMsOffset(&stored) ? stored : KmxAxesData{kUnknownOffset, kUnknownOffset, kUnknownOffset});
+        saved = save_offset(KmxAxesLibIsValidMsOffset(&stored) ? stored : kNoStoredOffset);
     }
     saved = save_rough(fresh) && saved;
     e->flags |= saved ? KMXC_SERVICE_SAVED : KMXC_SERVICE_SAVE_FAILED;

@@ -14,7 +14,8 @@ namespace kmxc_kit {
 
 // The library's calibration file, read here only to check that it is well formed.
 constexpr const char *kCalibrationFile = "/misc/sensor/kmxc_orvane.cfg";
-constexpr int32_t kUnknownOffset = 2147483647;                    // the file's "not known" magnetic offset
+constexpr int32_t kUnknownOffset = 2147483647;  // the file's "not known" magnetic offset
+constexpr KmxAxesData kNoStoredOffset{kUnknownOffset, kUnknownOffset, kUnknownOffset};
 constexpr int32_t kCountsPer10uT = kmxc::kCountsPer10Microtesla;  // corrected counts
 constexpr int32_t kGravityCounts = 4096;                          // 1 g
 // The calibration's other two thresholds stay at the library's defaults.
@@ -80,7 +81,7 @@ bool passes_gate(const Vec &m);
 void remember_fed(const Vec &m, const Vec &g);
 
 // A 3-D fit published offset o: judge it by its batch (the last fed samples).
-void on_fit(const KmxAxesData &o, KmxcServiceEvent *e);
+void on_fit(const KmxAxesData &o);
 // A stored offset waits for confirmation: enough fed samples that agree with it.
 void try_confirm(const KmxAxesData &o, KmxcServiceEvent *e);
 // Anomaly causes of this sample against the reference.

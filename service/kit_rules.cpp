@@ -44,13 +44,18 @@ static bool gravity_steady(const Vec &g) {
     return abs32(length(g) - kGravityCounts) * 1000 <= KMXC_SERVICE_STEADY_GRAVITY_PERMILLE * kGravityCounts;
 }
 
+// The ring slot of the fed sample `age` feeds back (0: the last one).
+static int fed_slot(int age) {
+    return (g_state.fed_next - 1 - age + 2 * KMXC_SERVICE_FEED_HISTORY) % KMXC_SERVICE_FEED_HISTORY;
+}
+
 Agreement agreement(const KmxAxesData &o, int n) {
     Agreement a{0, 0, 0, true, 0, false};
     int64_t sum = 0, dip_sum = 0;
     int dips = 0;
     int32_t s[KMXC_SERVICE_FEED_HISTORY];
     for (int i = 0; i < n; ++i) {
-        const int slot = (g_state.fed_next - 1 - i + 2 * KMXC_SERVICE_FEED_HISTORY) % KMXC_SERVICE_FEED_HISTORY;
+        const int slot = fed_slot(i);
         const Vec v = minus(g_state.fed[slot], o);
         s[i] = length(v);
         sum += s[i];
@@ -90,8 +95,8 @@ static void set_reference(const Agreement &a) {
 bool passes_gate(const Vec &m) {
     const int64_t min_sq = int64_t{KMXC_SERVICE_FEED_MIN_CHANGE} * KMXC_SERVICE_FEED_MIN_CHANGE;
     for (int j = 0; j < g_state.fed_count && j < KMXC_SERVICE_FEED_GATE_HISTORY; ++j) {
-        const int i = (g_state.fed_next - 1 - j + 2 * KMXC_SERVICE_FEED_HISTORY) % KMXC_SERVICE_FEED_HISTORY;
-        const Vec d{m.x - g_state.fed[i].x, m.y - g_state.fed[i].y, m.z - g_state.fed[i].z};
+        const Vec &f = g_state.fed[fed_slot(j)];
+        const Vec d{m.x - f.x, m.y - f.y, m.z - f.z};
         if (dot(d, d) < min_sq) return false;
     }
     return true;
@@ -106,7 +111,7 @@ void remember_fed(const Vec &m, const Vec &g) {
 
 // ---- Accuracy -------------------------------------------------------------------------
 
-void on_fit(const KmxAxesData &o, KmxcServiceEvent *e) {
+void on_fit(const KmxAxesData &o) {
     const Agreement a = agreement(o, g_state.fed_count);
     const bool agrees = a.in_range && a.worst_permille <= KMXC_SERVICE_FIT_MEDIUM_PERMILLE;
     g_state.base_accuracy = !agrees                                           ? KMXC_SERVICE_LOW
@@ -116,7 +121,6 @@ void on_fit(const KmxAxesData &o, KmxcServiceEvent *e) {
     g_state.stored_pending = false;
     set_reference(a);
     if (agrees) g_state.save_pending = true;  // saved in the cycle when it differs from the stored one
-    (void)e;
 }
 
 void try_confirm(const KmxAxesData &o, KmxcServiceEvent *e) {

@@ -80,8 +80,7 @@ TEST(KitRuleEdges, AFitIsJudgedByItsBatchUpToEachAgreementLimit) {
     };
     for (const auto &c : cases) {
         feed({{200 - c.deviation, 0, 0}, {0, 200 + c.deviation, 0}});
-        KmxcServiceEvent e{};
-        on_fit(KmxAxesData{0, 0, 0}, &e);
+        on_fit(KmxAxesData{0, 0, 0});
         EXPECT_EQ(g_state.base_accuracy, c.accuracy) << c.deviation;
         EXPECT_EQ(g_state.save_pending, c.accuracy != KMXC_SERVICE_LOW) << c.deviation;
     }

@@ -36,7 +36,7 @@ int32_t kmxc_service_start(uint32_t rate_hz, KmxcServiceStart *start) {
     if (g_state.started) return -5;
     g_state = State{};
     g_state.rate_hz = rate_hz;
-    g_state.stored = KmxAxesData{kUnknownOffset, kUnknownOffset, kUnknownOffset};
+    g_state.stored = kNoStoredOffset;
 
     // 1. Library state, then both drivers.
     KmxAxesLibInit();
@@ -173,7 +173,7 @@ int32_t kmxc_service_cycle(uint64_t now, KmxcServiceEvent *e) {
                 e->flags |= KMXC_SERVICE_NEW_OFFSET;
                 if (three_d) {
                     e->flags |= KMXC_SERVICE_FIT_3D;
-                    on_fit(offset, e);
+                    on_fit(offset);
                 }
             }
         }
@@ -183,26 +183,25 @@ int32_t kmxc_service_cycle(uint64_t now, KmxcServiceEvent *e) {
         if (g_state.stored_pending && (e->flags & KMXC_SERVICE_FED) != 0) try_confirm(offset, e);
 
         // Persistence: a confirmed offset that differs from the stored one.
+        // One attempt per fit: a failing file system is not hammered every cycle.
         if (g_state.save_pending) {
+            g_state.save_pending = false;
             KmxAxesData fit;
             KmxAxesMsCalibGetOffset(&fit);
-            if (same(fit, g_state.stored)) {
-                g_state.save_pending = false;
-            } else {
-                // One attempt per fit: a failing file system is not hammered every cycle.
-                g_state.save_pending = false;
+            if (!same(fit, g_state.stored))
                 e->flags |= save_offset(fit) ? KMXC_SERVICE_SAVED : KMXC_SERVICE_SAVE_FAILED;
-            }
         }
 
         // Field checks against the reference.
         const Vec v = minus(m, offset);
         const int32_t strength = length(v);
         const int32_t dip = dip_cos(v, g);
-        e->strength_centi_uT = strength * 40;
+        e->strength_centi_uT = strength * (1000 / kCountsPer10uT);
         e->dip_cos_permille = dip;
-        if (e->ms_result == 0 && g_state.offset_trusted) {
-            e->anomaly = anomaly_of(g, strength, dip);
+        // A sample with channels out of range is a range anomaly: its field is far from
+        // anything the Earth gives.
+        if (g_state.offset_trusted) {
+            e->anomaly = e->ms_result == 0 ? anomaly_of(g, strength, dip) : uint8_t{KMXC_SERVICE_ANOMALY_RANGE};
             if (e->anomaly != 0) {
                 const uint8_t cap =
                     (e->anomaly & KMXC_SERVICE_ANOMALY_RANGE) != 0 ? KMXC_SERVICE_UNRELIABLE : KMXC_SERVICE_LOW;
@@ -211,13 +210,6 @@ int32_t kmxc_service_cycle(uint64_t now, KmxcServiceEvent *e) {
                 g_state.last_anomaly_us = now;
                 e->flags |= KMXC_SERVICE_ANOMALY;
             }
-        } else if (e->ms_result > 0 && g_state.offset_trusted) {
-            // Channels out of range: the field is far from anything the Earth gives.
-            e->anomaly = KMXC_SERVICE_ANOMALY_RANGE;
-            g_state.in_anomaly = true;
-            g_state.anomaly_level_cap = KMXC_SERVICE_UNRELIABLE;
-            g_state.last_anomaly_us = now;
-            e->flags |= KMXC_SERVICE_ANOMALY;
         }
 
         // Attitude, integer path: heading after the smoother's warm-up.

@@ -21,20 +21,13 @@ inline int32_t read_byte(uint8_t reg, uint8_t *byte) {
 
 inline int32_t write_byte(uint8_t reg, uint8_t byte) { return p_smb380->write_fn(reg, &byte, 1); }
 
-// The field of `mask` (contiguous, lowest bit at `shift`) replaced by value's low bits.
-inline uint8_t with_field(uint8_t byte, uint8_t mask, uint8_t shift, uint8_t value) {
-    const uint32_t field = (static_cast<uint32_t>(value) << shift) & mask;
-    return static_cast<uint8_t>((byte & static_cast<uint8_t>(~mask)) | field);
-}
-
-inline uint8_t field_of(uint8_t byte, uint8_t mask, uint8_t shift) {
-    return static_cast<uint8_t>((byte & mask) >> shift);
-}
-
+// The field f replaced by value's low bits (f.mask contiguous, lowest bit at f.shift).
 inline uint8_t with_field(uint8_t byte, const Field &f, uint8_t value) {
-    return with_field(byte, f.mask, f.shift, value);
+    const uint32_t field = (static_cast<uint32_t>(value) << f.shift) & f.mask;
+    return static_cast<uint8_t>((byte & static_cast<uint8_t>(~f.mask)) | field);
 }
-inline uint8_t field_of(uint8_t byte, const Field &f) { return field_of(byte, f.mask, f.shift); }
+
+inline uint8_t field_of(uint8_t byte, const Field &f) { return static_cast<uint8_t>((byte & f.mask) >> f.shift); }
 
 // Read-modify-write of one field; the sum of the read and the write.
 inline int32_t set_field(const Field &f, uint8_t value) {
