@@ -71,6 +71,9 @@ TEST_F(Kit, FirstFitComesInTimeAtEveryRateAndOnlyThenAreHeadingsTrusted) {
             EXPECT_NEAR(last.magnetic_uT[k], last.uncalibrated_uT[k] - last.bias_uT[k], 1e-3) << k;
             EXPECT_FLOAT_EQ(last.uncalibrated_uT[k], last.ms[k] * 0.4f) << k;
         }
+        // The strength is the integer length of the same vector (truncated: under a count).
+        EXPECT_NEAR(last.strength_centi_uT / 100.0,
+                    std::hypot(last.magnetic_uT[0], last.magnetic_uT[1], last.magnetic_uT[2]), 0.5);
         ASSERT_TRUE(last.flags & KMXC_SERVICE_ORIENTATION_VALID);
         EXPECT_GE(last.orientation_deg[0], 0);
         EXPECT_LT(last.orientation_deg[0], 360);
@@ -160,6 +163,7 @@ TEST_F(Kit, MagnetClippedOnIsFlaggedAndANewFitRestoresTheAccuracy) {
     const Trace r = run(scenario("magnet"), 20);
     double clip_s = -1, refit_s = -1;
     size_t moved = 0;  // the first event after the rough offset moved
+    int clipped = 0;   // samples with a channel out of range, flagged
     for (size_t i = 0; i < r.events.size(); ++i) {
         const KmxcServiceEvent &e = r.events[i];
         const double t = static_cast<double>(e.time_us) / 1e6;
@@ -169,7 +173,13 @@ TEST_F(Kit, MagnetClippedOnIsFlaggedAndANewFitRestoresTheAccuracy) {
         if (clip_s > 0 && refit_s < 0) { EXPECT_LE(e.accuracy, KMXC_SERVICE_LOW) << t; }
         // Samples with a channel out of range (those that move the rough offset) are not fed.
         if (e.ms_result > 0) { EXPECT_FALSE(e.flags & KMXC_SERVICE_FED) << "a channel out of range was fed at " << t; }
+        // Their field is wrong, so the anomaly is the range alone, whatever its strength.
+        if (e.ms_result > 0 && (e.flags & KMXC_SERVICE_ANOMALY)) {
+            ++clipped;
+            EXPECT_EQ(e.anomaly, KMXC_SERVICE_ANOMALY_RANGE) << t;
+        }
     }
+    EXPECT_GT(clipped, 0);
     EXPECT_NEAR(clip_s, 20.0, 0.2) << "the clip goes on at 20 s";
     // Right after the move the offset is off by the magnet alone: the rough offset's
     // step (about 90 uT) was carried over.
