@@ -8,6 +8,7 @@
 
 #include "drivers/kmxc_protocol.h"
 #include "orientation/orientation.h"
+#include "service/kit_geometry.h"
 #include "service/kmxc_service.h"
 
 namespace kmxc_kit {
@@ -21,10 +22,6 @@ constexpr int32_t kGravityCounts = 4096;                          // 1 g
 // The calibration's other two thresholds stay at the library's defaults.
 constexpr int16_t kRatioMidThreshold = 96;
 constexpr int32_t kResidualThreshold = 0x200000;
-
-struct Vec {
-    int32_t x, y, z;
-};
 
 struct State {
     bool started;
@@ -43,8 +40,8 @@ struct State {
     uint64_t last_anomaly_us;
     bool rough_changed_once;
     uint64_t last_rough_change_us;
-    Vec fed[KMXC_SERVICE_FEED_HISTORY];    // the last fed samples (raw field), ring
-    Vec fed_g[KMXC_SERVICE_FEED_HISTORY];  // the gravity of each
+    Vec3 fed[KMXC_SERVICE_FEED_HISTORY];    // the last fed samples (raw field), ring
+    Vec3 fed_g[KMXC_SERVICE_FEED_HISTORY];  // the gravity of each
     int fed_count, fed_next;
     int confirm_count;  // fed samples since start (for the stored offset's check)
     uint32_t warm_cycles;
@@ -57,11 +54,6 @@ struct State {
 extern State g_state;
 
 // ---- Rules (kit_rules.cpp) ----------------------------------------------------------
-
-Vec minus(const Vec &a, const KmxAxesData &o);
-int32_t length(const Vec &v);
-// 1000 cos of the angle between field and gravity; 0 when either has no length.
-int32_t dip_cos(const Vec &field, const Vec &gravity);
 
 // Field strengths of the last n fed samples with offset o removed: mean, and whether
 // every one lies within permille of the mean and in the Earth's range. Also the mean
@@ -77,15 +69,15 @@ struct Agreement {
 Agreement agreement(const KmxAxesData &o, int n);
 
 // Far enough from each of the last few fed samples to be fed.
-bool passes_gate(const Vec &m);
-void remember_fed(const Vec &m, const Vec &g);
+bool passes_gate(const Vec3 &m);
+void remember_fed(const Vec3 &m, const Vec3 &g);
 
 // A 3-D fit published offset o: judge it by its batch (the last fed samples).
 void on_fit(const KmxAxesData &o);
 // A stored offset waits for confirmation: enough fed samples that agree with it.
 void try_confirm(const KmxAxesData &o, KmxcServiceEvent *e);
 // Anomaly causes of this sample against the reference.
-uint8_t anomaly_of(const Vec &g, int32_t strength, int32_t dip);
+uint8_t anomaly_of(const Vec3 &g, int32_t strength, int32_t dip);
 int8_t accuracy_now(uint64_t now);
 
 // ---- Persistence (kit_file.cpp) -----------------------------------------------------

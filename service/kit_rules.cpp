@@ -4,35 +4,6 @@
 
 namespace kmxc_kit {
 
-// ---- Integer helpers --------------------------------------------------------------
-
-static uint32_t isqrt64(uint64_t v) {
-    uint64_t r = 0, bit = uint64_t{1} << 62;
-    while (bit > v) bit >>= 2;
-    while (bit != 0) {
-        if (v >= r + bit) {
-            v -= r + bit;
-            r = (r >> 1) + bit;
-        } else {
-            r >>= 1;
-        }
-        bit >>= 2;
-    }
-    return static_cast<uint32_t>(r);
-}
-
-static int64_t dot(const Vec &a, const Vec &b) { return int64_t{a.x} * b.x + int64_t{a.y} * b.y + int64_t{a.z} * b.z; }
-
-Vec minus(const Vec &a, const KmxAxesData &o) { return Vec{a.x - o.x, a.y - o.y, a.z - o.z}; }
-
-int32_t length(const Vec &v) { return static_cast<int32_t>(isqrt64(static_cast<uint64_t>(dot(v, v)))); }
-
-int32_t dip_cos(const Vec &field, const Vec &gravity) {
-    const int64_t lf = length(field), lg = length(gravity);
-    if (lf == 0 || lg == 0) return 0;
-    return static_cast<int32_t>(dot(field, gravity) * 1000 / (lf * lg));
-}
-
 static int32_t abs32(int32_t v) { return v < 0 ? -v : v; }
 
 static bool strength_in_earth_range(int32_t counts) {
@@ -40,7 +11,7 @@ static bool strength_in_earth_range(int32_t counts) {
            counts * 10 <= KMXC_SERVICE_FIELD_MAX_UT * kCountsPer10uT;
 }
 
-static bool gravity_steady(const Vec &g) {
+static bool gravity_steady(const Vec3 &g) {
     return abs32(length(g) - kGravityCounts) * 1000 <= KMXC_SERVICE_STEADY_GRAVITY_PERMILLE * kGravityCounts;
 }
 
@@ -56,7 +27,7 @@ Agreement agreement(const KmxAxesData &o, int n) {
     int32_t s[KMXC_SERVICE_FEED_HISTORY];
     for (int i = 0; i < n; ++i) {
         const int slot = fed_slot(i);
-        const Vec v = minus(g_state.fed[slot], o);
+        const Vec3 v = minus(g_state.fed[slot], o);
         s[i] = length(v);
         sum += s[i];
         if (!strength_in_earth_range(s[i])) a.in_range = false;
@@ -92,17 +63,17 @@ static void set_reference(const Agreement &a) {
 // Far enough from each of the last few fed samples. (Against the last one only, a
 // phone rocked to and fro across the gate would feed the same two places; against the
 // whole batch, a figure-eight's return to its centre would wait for a new place.)
-bool passes_gate(const Vec &m) {
+bool passes_gate(const Vec3 &m) {
     const int64_t min_sq = int64_t{KMXC_SERVICE_FEED_MIN_CHANGE} * KMXC_SERVICE_FEED_MIN_CHANGE;
     for (int j = 0; j < g_state.fed_count && j < KMXC_SERVICE_FEED_GATE_HISTORY; ++j) {
-        const Vec &f = g_state.fed[fed_slot(j)];
-        const Vec d{m.x - f.x, m.y - f.y, m.z - f.z};
+        const Vec3 &f = g_state.fed[fed_slot(j)];
+        const Vec3 d{m.x - f.x, m.y - f.y, m.z - f.z};
         if (dot(d, d) < min_sq) return false;
     }
     return true;
 }
 
-void remember_fed(const Vec &m, const Vec &g) {
+void remember_fed(const Vec3 &m, const Vec3 &g) {
     g_state.fed[g_state.fed_next] = m;
     g_state.fed_g[g_state.fed_next] = g;
     g_state.fed_next = (g_state.fed_next + 1) % KMXC_SERVICE_FEED_HISTORY;
@@ -135,7 +106,7 @@ void try_confirm(const KmxAxesData &o, KmxcServiceEvent *e) {
     e->flags |= KMXC_SERVICE_CONFIRMED;
 }
 
-uint8_t anomaly_of(const Vec &g, int32_t strength, int32_t dip) {
+uint8_t anomaly_of(const Vec3 &g, int32_t strength, int32_t dip) {
     uint8_t causes = 0;
     if (!strength_in_earth_range(strength)) causes |= KMXC_SERVICE_ANOMALY_RANGE;
     if (g_state.reference) {

@@ -13,17 +13,17 @@ namespace {
 
 using namespace kmxc_kit;
 
-void feed(std::initializer_list<Vec> samples) {
+void feed(std::initializer_list<Vec3> samples) {
     g_state = State{};
-    for (const Vec &m : samples) remember_fed(m, Vec{0, 0, -4096});
+    for (const Vec3 &m : samples) remember_fed(m, Vec3{0, 0, -4096});
 }
 
 TEST(KitRuleEdges, TheGateOpensAtExactlyItsDistanceFromEachOfTheLastFewFed) {
     static_assert(KMXC_SERVICE_FEED_MIN_CHANGE == 32 && KMXC_SERVICE_FEED_GATE_HISTORY == 4);
     const struct {
         const char *name;
-        std::initializer_list<Vec> fed;
-        Vec candidate;
+        std::initializer_list<Vec3> fed;
+        Vec3 candidate;
         bool passes;
     } cases[] = {
         {"nothing fed yet", {}, {0, 0, 0}, true},
@@ -60,7 +60,7 @@ TEST(KitRuleEdges, RangeAndStrengthAnomaliesStartJustPastTheirLimits) {
         g_state = State{};
         g_state.reference = c.reference != 0;
         g_state.ref_strength = c.reference;
-        EXPECT_EQ(anomaly_of(Vec{0, 0, -4096}, c.strength, 0), c.causes)
+        EXPECT_EQ(anomaly_of(Vec3{0, 0, -4096}, c.strength, 0), c.causes)
             << "reference " << c.reference << ", strength " << c.strength;
     }
 }
@@ -103,7 +103,7 @@ TEST(KitRuleEdges, DipAnomaliesAreJudgedOnlyInSteadyGravity) {
         g_state.reference = true;
         g_state.ref_strength = 200;
         g_state.ref_dip_valid = true;
-        EXPECT_EQ(anomaly_of(Vec{0, 0, -c.gravity}, 200, 500), c.causes) << c.gravity;
+        EXPECT_EQ(anomaly_of(Vec3{0, 0, -c.gravity}, 200, 500), c.causes) << c.gravity;
     }
 }
 

@@ -139,7 +139,7 @@ int32_t kmxc_service_cycle(uint64_t now, KmxcServiceEvent *e) {
 
     if (e->ms_result >= 0 && e->gs_result >= 0) {
         e->flags |= KMXC_SERVICE_MEASURED;
-        const Vec m{ms.x, ms.y, ms.z}, g{gs.x, gs.y, gs.z};
+        const Vec3 m{ms.x, ms.y, ms.z}, g{gs.x, gs.y, gs.z};
         e->ms[0] = ms.x, e->ms[1] = ms.y, e->ms[2] = ms.z;
         e->gs[0] = gs.x, e->gs[1] = gs.y, e->gs[2] = gs.z;
 
@@ -193,7 +193,7 @@ int32_t kmxc_service_cycle(uint64_t now, KmxcServiceEvent *e) {
         }
 
         // Field checks against the reference.
-        const Vec v = minus(m, offset);
+        const Vec3 v = minus(m, offset);
         const int32_t strength = length(v);
         const int32_t dip = dip_cos(v, g);
         e->strength_centi_uT = strength * (1000 / kCountsPer10uT);
