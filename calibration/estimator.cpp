@@ -32,19 +32,19 @@ int8_t KmxAxesMsCalib02_Init(KmxAxesMsCalib02Context *context, const KmxAxesMsCa
     copy(&context->offset, &KmxAxesData_Constructor);
     context->config = *config;
     msf::I2F(&context->minEigenValue, config->minEigen);
-    return 0;
+    return KMXC_CALIB_OK;
 }
 
 int8_t KmxAxesMsCalib02_GetOffset(const KmxAxesMsCalib02Context *context, KmxAxesData *offset) {
     copy(offset, &context->offset);
-    return 0;
+    return KMXC_CALIB_OK;
 }
 
 int8_t KmxAxesMsCalib02_SetOffset(KmxAxesMsCalib02Context *context, const KmxAxesData *offset) {
     context->count = 0;
     context->writeIndex = 0;
     copy(&context->offset, offset);
-    return 0;
+    return KMXC_CALIB_OK;
 }
 
 int8_t KmxAxesMsCalib02_AddToBuffer1(KmxAxesMsCalib02Context *context, const KmxAxesData *sample) {
@@ -58,7 +58,7 @@ int8_t KmxAxesMsCalib02_AddToBuffer1(KmxAxesMsCalib02Context *context, const Kmx
     slot[2] = low16(sample->z);
     context->writeIndex = next(context->writeIndex);
     if (context->count < context->capacity) context->count = next(context->count);
-    return 0;
+    return KMXC_CALIB_OK;
 }
 
 // Deviations from the centre reach 65535 counts for int16 samples, so their squares and
@@ -72,7 +72,7 @@ int8_t KmxAxesMsCalib02_CalcStatistics(const int16_t (*samples)[3], int8_t n, Km
     for (int k = 0; k < 3; ++k) msf::SetZero(&vector[k]);
     msf::SetZero(scalar);
     copy(centre, &KmxAxesData_Constructor);
-    if (n <= 0) return 0;  // no samples: nothing to average
+    if (n <= 0) return KMXC_CALIB_OK;  // no samples: nothing to average
 
     int32_t sum[3] = {0, 0, 0};  // at most 127 int16 values per axis
     for (int i = 0; i < n; ++i)
@@ -176,5 +176,5 @@ int8_t KmxAxesMsCalib02_CalcStatistics(const int16_t (*samples)[3], int8_t n, Km
     }
     msf::OpShiftEq(&sumSquares, -2);
     msf::Copy(scalar, sumSquares);
-    return 0;
+    return KMXC_CALIB_OK;
 }

@@ -13,8 +13,6 @@ constinit const MSFLOAT MSFLOAT_1div1024 = {1, 103, 0x8000};
 
 namespace {
 
-constexpr int32_t kNoResidual = 2147483647;
-constexpr int16_t kBound = 1024;        // weight that binds a component to the old offset
 constexpr int16_t kKeepOldAbove = 230;  // shift alignment above which a planar fit keeps the old offset
 constexpr int64_t kQ14 = 16384;
 
@@ -115,42 +113,43 @@ int8_t KmxAxesMsCalib02_Update(KmxAxesMsCalib02Context *context, const KmxAxesDa
     if (result != nullptr) {
         result->ratioMin = 0;
         result->ratioMid = 0;
-        result->residual = kNoResidual;
+        result->residual = KMXC_CALIB_NO_RESIDUAL;
     }
 
     // Decimation; the counters compare as signed bytes.
     const uint8_t old = context->skipCounter;
     context->skipCounter = static_cast<uint8_t>(old + 1u);
-    if (static_cast<int8_t>(context->config.skipPeriod) > static_cast<int8_t>(old)) return KMXC_EST_SKIPPED;
+    if (static_cast<int8_t>(context->config.skipPeriod) > static_cast<int8_t>(old)) return KMXC_CALIB_EST_SKIPPED;
     context->skipCounter = 1;
 
     KmxAxesMsCalib02_AddToBuffer1(context, sample);
-    if (context->count < context->capacity) return KMXC_EST_BUFFERED;
+    if (context->count < context->capacity) return KMXC_CALIB_EST_BUFFERED;
 
     KmxAxesData c;
     MSFLOAT scatter[6], b[3], s;
     if (KmxAxesMsCalib02_CalcStatistics(context->buffer, context->count, &c, scatter, b, &s) < 0)
-        return KMXC_EST_STATISTICS_FAILED;
+        return KMXC_CALIB_EST_STATISTICS_FAILED;
 
     MsEigenPair pairs[3];
     MsJacobiCalcEigenPair(scatter, pairs);
     const int32_t ratioMid = ratio(&pairs[1].value, &pairs[0].value);
     const int32_t ratioMin = ratio(&pairs[2].value, &pairs[0].value);
 
-    if (msf::OpCompGreater(&context->minEigenValue, &pairs[0].value)) return KMXC_EST_EIGEN_TOO_SMALL;
-    if (msf::AbsCompGreater(&pairs[0].value, &MSFLOAT_maxsint32)) return KMXC_EST_EIGEN_TOO_LARGE;
+    if (msf::OpCompGreater(&context->minEigenValue, &pairs[0].value)) return KMXC_CALIB_EST_EIGEN_TOO_SMALL;
+    if (msf::AbsCompGreater(&pairs[0].value, &MSFLOAT_maxsint32)) return KMXC_CALIB_EST_EIGEN_TOO_LARGE;
 
     // A configuration without a classifier cannot tell a line from a sphere: refuse.
-    if (context->config.checkDistribution == nullptr) return KMXC_EST_REFUSED_SPREAD;
+    if (context->config.checkDistribution == nullptr) return KMXC_CALIB_EST_REFUSED_SPREAD;
     const int32_t ratios[2] = {ratioMin, ratioMid};
     int16_t weight[2] = {0, 0};
-    if (context->config.checkDistribution(ratios, weight) != KMXC_SPREAD_ACCEPTED) return KMXC_EST_REFUSED_SPREAD;
+    if (context->config.checkDistribution(ratios, weight) != KMXC_CALIB_SPREAD_ACCEPTED)
+        return KMXC_CALIB_EST_REFUSED_SPREAD;
 
     MSFLOAT residual;
     KmxAxesMsCalib02_CalcResidual(b, pairs, &s, &residual);
     if (msf::OpCompGreater(&residual, &context->config.residualThreshold)) {
         reset_batch(context);
-        return KMXC_EST_RESIDUAL_TOO_LARGE;
+        return KMXC_CALIB_EST_RESIDUAL_TOO_LARGE;
     }
 
     // Least squares with up to two side conditions by Lagrange multipliers: rows 0..2
@@ -167,7 +166,7 @@ int8_t KmxAxesMsCalib02_Update(KmxAxesMsCalib02Context *context, const KmxAxesDa
             msf::OpShiftEq(entry, -24);
         }
         MSFLOAT *diag = &A[kMultiplierDiagIndex[k]];
-        msf::I2F(diag, int32_t{weight[k]} - kBound);
+        msf::I2F(diag, int32_t{weight[k]} - KMXC_CALIB_BINDING_WEIGHT);
         msf::OpShiftEq(diag, -10);
         msf::OpDivEq(diag, &pairs[0].value);
     }
@@ -183,7 +182,7 @@ int8_t KmxAxesMsCalib02_Update(KmxAxesMsCalib02Context *context, const KmxAxesDa
     }
 
     MSFLOAT x[5];
-    if (MsSolve(A, r, x) < 0) return KMXC_EST_SOLVE_FAILED;
+    if (MsSolve(A, r, x) < 0) return KMXC_CALIB_EST_SOLVE_FAILED;
 
     // The centre must be an int32 offset. A solution beyond that (possible only with a
     // far-away old offset or an unusual classifier) is refused like a failed solve
@@ -192,14 +191,14 @@ int8_t KmxAxesMsCalib02_Update(KmxAxesMsCalib02Context *context, const KmxAxesDa
     int32_t *n[3] = {&candidate.x, &candidate.y, &candidate.z};
     for (int j = 0; j < 3; ++j) {
         int32_t shift = 0;
-        if (MSFLOAT_F2I(&shift, &x[j]) < 0) return KMXC_EST_SOLVE_FAILED;
+        if (MSFLOAT_F2I(&shift, &x[j]) < 0) return KMXC_CALIB_EST_SOLVE_FAILED;
         const int64_t value = int64_t{shift} + component(&c, j);
-        if (value < INT32_MIN || value > INT32_MAX) return KMXC_EST_SOLVE_FAILED;
+        if (value < INT32_MIN || value > INT32_MAX) return KMXC_CALIB_EST_SOLVE_FAILED;
         *n[j] = static_cast<int32_t>(value);
     }
 
     reset_batch(context);
-    if (weight[1] != kBound ||
+    if (weight[1] != KMXC_CALIB_BINDING_WEIGHT ||
         KmxAxesMsCalib02_CalcShiftAlignment(&context->offset, &candidate, &c, pairs[2].vector) <= kKeepOldAbove)
         context->offset = candidate;
 
@@ -214,5 +213,5 @@ int8_t KmxAxesMsCalib02_Update(KmxAxesMsCalib02Context *context, const KmxAxesDa
         }
         MSFLOAT_F2I(&result->residual, &residual);
     }
-    return KMXC_EST_FIT_ACCEPTED;
+    return KMXC_CALIB_EST_FIT_ACCEPTED;
 }

@@ -29,7 +29,7 @@
 
 #include <stdint.h>
 
-#include "platform/kmxc_api.h"
+#include "common/common.h"
 
 KMXC_BEGIN_DECLS
 

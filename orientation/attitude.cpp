@@ -64,7 +64,7 @@ void store_row(int16_t *row, const Vec &v) {
 
 int8_t no_attitude(KmxAxesAttitude *out) {
     *out = KmxAxesLibDefaultAttitude;
-    return 1;
+    return KMXC_ORI_NO_ATTITUDE;
 }
 
 }  // namespace
@@ -95,5 +95,5 @@ int8_t KmxAxesLibGetAttitude(const KmxAxesData *ms, const KmxAxesData *gs, KmxAx
     store_row(&out->matrix[0], east);
     store_row(&out->matrix[3], cross_q12(east, gu));  // north, not normalised again
     store_row(&out->matrix[6], Vec{-gu.x, -gu.y, -gu.z});
-    return 0;
+    return KMXC_ORI_OK;
 }
