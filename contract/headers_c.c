@@ -50,6 +50,7 @@ _Static_assert(KMXC_PLAT_OK == 0 && KMXC_PLAT_FAILED == -1 && KMXC_PLAT_REQUEST_
                "platform results");
 _Static_assert(MSFLOAT_NEGSQRT == -1 && MSFLOAT_DIVZERO == -2 && MSFLOAT_UNDERFLOW == -126 && MSFLOAT_OVERFLOW == -127,
                "MSFLOAT statuses");
+_Static_assert(MSFLOAT_SIGN_NEGATIVE == 0 && MSFLOAT_SIGN_ZERO == 1 && MSFLOAT_SIGN_POSITIVE == 2, "MSFLOAT_Sign");
 _Static_assert(SMB380_ERR_NULL_DEV == 129 && SMB380_SLAVE_ADDRESS == 0x38, "SMB380 names");
 _Static_assert(KMXC_DRV_OK == 0 && KMXC_DRV_INVALID == -1 && KMXC_DRV_NOT_READY == -3 && KMXC_DRV_BUSY == -4 &&
                    KMXC_DRV_BUS_FAILURE == -5 && KMXC_DRV_NO_ROUGH_OFFSET == -126,
