@@ -1,4 +1,5 @@
 // The library's offsets: the only writers of g_AxesLib besides KmxAxesLibInit.
+#include "drivers/kmxc_protocol.h"
 #include "orientation/orientation.h"
 
 constinit KmxAxesLib g_AxesLib = {{0, 0, 0}, {0, 0, 0}};
@@ -6,7 +7,7 @@ constinit KmxAxesLib g_AxesLib = {{0, 0, 0}, {0, 0, 0}};
 namespace {
 
 constexpr int32_t kMsOffsetLimit = 16384;
-constexpr uint8_t kRoughOffsetMax = 31;
+constexpr uint8_t kRoughOffsetMax = kmxc::kRoughMax;  // the chip's largest rough setting
 
 // Field by field; returns KMXC_ORI_OK, the result of every offset accessor.
 int8_t copy(KmxAxesData *to, const KmxAxesData *from) {
