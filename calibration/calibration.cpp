@@ -12,11 +12,7 @@ constinit int16_t g_MsCalibPlanarHistory[8][3] = {};
 
 namespace {
 
-constexpr uint8_t kStatusCalibrated = 7;
-constexpr uint8_t kStatusMask = KMXC_CALIB_STATUS_MASK;
-constexpr int8_t kCalibrated = KMXC_CALIB_THREE_D;
 constexpr int32_t kDefaultResidualThreshold = 0x200000;
-constexpr int16_t kBound = 1024;
 
 bool three_dimensional(const KmxAxesMsCalib02Result &r) { return r.weights[1] <= 1; }
 
@@ -41,11 +37,12 @@ int8_t run_trial(KmxAxesMsCalibDetail *detail) {
     int8_t adopted = 0;
     for (int i = 0; i < 8; ++i) {
         const KmxAxesData fromHistory = widen(g_MsCalibPlanarHistory[i]);
-        if (KmxAxesMsCalib02_Update(&trial, &fromHistory, &r2) < KMXC_EST_FIT_ACCEPTED) return KMXC_CALIB_SOLVE_FAILED;
+        if (KmxAxesMsCalib02_Update(&trial, &fromHistory, &r2) < KMXC_CALIB_EST_FIT_ACCEPTED)
+            return KMXC_CALIB_SOLVE_FAILED;
         const KmxAxesData fromBatch = widen(g_MsCalibEstimator.buffer[2 * i]);
         const int8_t code = KmxAxesMsCalib02_Update(&trial, &fromBatch, &r2);
-        if (code < KMXC_EST_FIT_ACCEPTED) return KMXC_CALIB_SOLVE_FAILED;
-        if (code == KMXC_EST_FIT_ACCEPTED && three_dimensional(r2)) {
+        if (code < KMXC_CALIB_EST_FIT_ACCEPTED) return KMXC_CALIB_SOLVE_FAILED;
+        if (code == KMXC_CALIB_EST_FIT_ACCEPTED && three_dimensional(r2)) {
             KmxAxesData offset;
             KmxAxesMsCalib02_GetOffset(&trial, &offset);
             KmxAxesMsCalib02_SetOffset(&g_MsCalibEstimator, &offset);
@@ -89,41 +86,41 @@ int8_t KmxAxesMsCalibSetThreshold(const KmxAxesMsCalibThreshold *threshold) {
     g_MsCalibThreshold = *threshold;
     MSFLOAT_I2F(&g_MsCalibConfig.residualThreshold, threshold->residualThreshold);
     MSFLOAT_I2F(&g_MsCalibEstimator.config.residualThreshold, threshold->residualThreshold);
-    return 0;
+    return KMXC_CALIB_OK;
 }
 
-int8_t KmxAxesMsCalibGetStatus(void) { return static_cast<int8_t>(g_MsCalibStatus & kStatusMask); }
+int8_t KmxAxesMsCalibGetStatus(void) { return static_cast<int8_t>(g_MsCalibStatus & KMXC_CALIB_STATUS_MASK); }
 
 int8_t KmxAxesMsCalibSetStatus(uint8_t status) {
-    if (status > kStatusMask) return -1;
+    if (status > KMXC_CALIB_STATUS_MASK) return KMXC_CALIB_STATUS_REFUSED;
     g_MsCalibStatus = status;
-    return 0;
+    return KMXC_CALIB_OK;
 }
 
 int8_t KmxAxesMsCalibGetOffset(KmxAxesData *offset) {
     KmxAxesMsCalib02_GetOffset(&g_MsCalibEstimator, offset);
-    return 0;
+    return KMXC_CALIB_OK;
 }
 
 int8_t KmxAxesMsCalibSetOffset(const KmxAxesData *offset) {
     KmxAxesMsCalib02_SetOffset(&g_MsCalibEstimator, offset);
-    return 0;
+    return KMXC_CALIB_OK;
 }
 
 int8_t KmxAxesMsCalibCheckDistribution(const int32_t *ratios, int16_t *weights) {
     if (ratios[0] > g_MsCalibThreshold.ratioMinThreshold) {
         weights[0] = 0;
         weights[1] = 1;
-        return KMXC_SPREAD_ACCEPTED;
+        return KMXC_CALIB_SPREAD_ACCEPTED;
     }
     if (ratios[1] > g_MsCalibThreshold.ratioMidThreshold) {
         weights[0] = ratios[0] <= 0 ? 1 : 0;
-        weights[1] = kBound;
-        return KMXC_SPREAD_ACCEPTED;
+        weights[1] = KMXC_CALIB_BINDING_WEIGHT;
+        return KMXC_CALIB_SPREAD_ACCEPTED;
     }
-    weights[0] = kBound;
-    weights[1] = kBound;
-    return KMXC_SPREAD_LINE;
+    weights[0] = KMXC_CALIB_BINDING_WEIGHT;
+    weights[1] = KMXC_CALIB_BINDING_WEIGHT;
+    return KMXC_CALIB_SPREAD_LINE;
 }
 
 int8_t KmxAxesMsCalibUpdate(const KmxAxesData *sample) { return KmxAxesMsCalibUpdateDetail(sample, nullptr); }
@@ -132,14 +129,14 @@ int8_t KmxAxesMsCalibUpdateDetail(const KmxAxesData *sample, KmxAxesMsCalibDetai
     KmxAxesMsCalib02Result r = {};
     const int8_t code = KmxAxesMsCalib02_Update(&g_MsCalibEstimator, sample, &r);
     fill_detail(detail, r);
-    if (code < KMXC_EST_FIT_ACCEPTED) return KMXC_CALIB_SOLVE_FAILED;
+    if (code < KMXC_CALIB_EST_FIT_ACCEPTED) return KMXC_CALIB_SOLVE_FAILED;
     const int8_t status = static_cast<int8_t>(g_MsCalibStatus);
-    if (code != KMXC_EST_FIT_ACCEPTED) return status;
+    if (code != KMXC_CALIB_EST_FIT_ACCEPTED) return status;
 
     if (three_dimensional(r)) {
         g_MsCalibPlanarValid = 0;
-        g_MsCalibStatus = kStatusCalibrated;
-        return kCalibrated;
+        g_MsCalibStatus = KMXC_CALIB_STATUS_CALIBRATED;
+        return KMXC_CALIB_THREE_D;
     }
 
     // Planar fit: the main estimator has already taken or refused its new offset.
@@ -155,8 +152,8 @@ int8_t KmxAxesMsCalibUpdateDetail(const KmxAxesData *sample, KmxAxesMsCalibDetai
 
     if (adopted != 0) {
         g_MsCalibPlanarValid = 0;
-        g_MsCalibStatus = kStatusCalibrated;
-        return kCalibrated;
+        g_MsCalibStatus = KMXC_CALIB_STATUS_CALIBRATED;
+        return KMXC_CALIB_THREE_D;
     }
     return static_cast<int8_t>(status | axisBits);
 }

@@ -26,12 +26,55 @@
 #include <stddef.h>
 #include <stdint.h>
 
+#include "common/common.h"
 #include "numerics/numerics.h"
-#include "orientation/orientation.h"
-
-#include "platform/kmxc_api.h"
 
 KMXC_BEGIN_DECLS
+
+/* ---- Results -------------------------------------------------------------------------
+ * KmxAxesMsCalibUpdate(Detail): bits 0..2 carry the status (0..7), bits 3, 4 and 5 are
+ * set for the axes x, y and z whose offset component the call determined anew. */
+enum KmxcCalibResult {
+    KMXC_CALIB_OK = 0,             /* every front-end function but the two below */
+    KMXC_CALIB_SOLVE_FAILED = -1,  /* the estimator or a trial estimator failed to solve */
+    KMXC_CALIB_STATUS_MASK = 0x07, /* the status part of a result */
+    KMXC_CALIB_AXIS_X = 0x08,
+    KMXC_CALIB_AXIS_Y = 0x10,
+    KMXC_CALIB_AXIS_Z = 0x20,
+    /* Any of the axis bits: a new offset. */
+    KMXC_CALIB_NEW_OFFSET_BITS = KMXC_CALIB_AXIS_X | KMXC_CALIB_AXIS_Y | KMXC_CALIB_AXIS_Z,
+    /* 63: three-dimensional calibration, the status now KMXC_CALIB_STATUS_CALIBRATED. */
+    KMXC_CALIB_THREE_D = KMXC_CALIB_STATUS_MASK | KMXC_CALIB_NEW_OFFSET_BITS,
+    /* status | 48, 40, 24: planar calibration, the plane's normal along x, y, z. */
+    KMXC_CALIB_PLANE_X = KMXC_CALIB_AXIS_Y | KMXC_CALIB_AXIS_Z,
+    KMXC_CALIB_PLANE_Y = KMXC_CALIB_AXIS_X | KMXC_CALIB_AXIS_Z,
+    KMXC_CALIB_PLANE_Z = KMXC_CALIB_AXIS_X | KMXC_CALIB_AXIS_Y,
+    KMXC_CALIB_STATUS_CALIBRATED = 7, /* the status after a three-dimensional fit */
+    KMXC_CALIB_STATUS_REFUSED = -1    /* KmxAxesMsCalibSetStatus: above 7, not stored */
+};
+
+/* KmxAxesMsCalib02_Update, one estimator step (table below). */
+enum KmxcCalibEstimatorResult {
+    KMXC_CALIB_EST_FIT_ACCEPTED = 0,
+    KMXC_CALIB_EST_BUFFERED = 1,
+    KMXC_CALIB_EST_REFUSED_SPREAD = 2,
+    KMXC_CALIB_EST_EIGEN_TOO_LARGE = 3,
+    KMXC_CALIB_EST_RESIDUAL_TOO_LARGE = 4,
+    KMXC_CALIB_EST_EIGEN_TOO_SMALL = 5,
+    KMXC_CALIB_EST_SKIPPED = 6,
+    KMXC_CALIB_EST_STATISTICS_FAILED = -1,
+    KMXC_CALIB_EST_SOLVE_FAILED = -2
+};
+
+/* KmxAxesMsCalibCheckDistribution and every classifier. */
+enum KmxcCalibSpread { KMXC_CALIB_SPREAD_ACCEPTED = 0, KMXC_CALIB_SPREAD_LINE = 2 };
+
+/* The residual of a step that made no fit (KmxAxesMsCalibDetail, KmxAxesMsCalib02Result). */
+#define KMXC_CALIB_NO_RESIDUAL 2147483647
+
+/* Non-zero when a KmxAxesMsCalibUpdate(Detail) result brings a new offset
+ * (three-dimensional or planar): read it with KmxAxesMsCalibGetOffset. */
+static inline int kmxc_calib_new_offset(int result) { return result > 0 && (result & KMXC_CALIB_NEW_OFFSET_BITS) != 0; }
 
 /* ---- Records ---------------------------------------------------------------------- */
 
@@ -46,7 +89,7 @@ typedef struct KmxAxesMsCalibThreshold {
 typedef struct KmxAxesMsCalibDetail {
     int16_t ratioMin; /* 1024 * smallest / largest eigenvalue, low 16 bits */
     int16_t ratioMid; /* 1024 * middle / largest eigenvalue, low 16 bits */
-    int32_t residual; /* residual of the fit; 2147483647 when no fit was made */
+    int32_t residual; /* residual of the fit; KMXC_CALIB_NO_RESIDUAL when no fit was made */
 } KmxAxesMsCalibDetail;
 
 /* Batch classifier: reads ratios {ratioMin, ratioMid}, writes weights {w0, w1} for the
@@ -78,7 +121,7 @@ typedef struct KmxAxesMsCalib02Context {
 } KmxAxesMsCalib02Context;
 
 /* Report of one estimator step: 16 int32 slots. Only code 0 fills it completely; every
- * step sets ratioMin = ratioMid = 0 and residual = 2147483647 first. */
+ * step sets ratioMin = ratioMid = 0 and residual = KMXC_CALIB_NO_RESIDUAL first. */
 typedef struct KmxAxesMsCalib02Result {
     int32_t ratioMin;          /* slot 0: F2I(1024 * lambda2 / lambda0) */
     int32_t ratioMid;          /* slot 1: F2I(1024 * lambda1 / lambda0) */
@@ -115,20 +158,24 @@ static_assert(sizeof(KmxAxesMsCalib02Result) == 64 && offsetof(KmxAxesMsCalib02R
  *   KmxAxesMsCalibSetThreshold       copies the record; the residual threshold applies at
  *                                    once to the main and to later trial estimators; 0
  *   KmxAxesMsCalibGetStatus          status AND 7
- *   KmxAxesMsCalibSetStatus          0 stored (0..7); -1 refused, status unchanged
+ *   KmxAxesMsCalibSetStatus          0 stored (0..7); -1 KMXC_CALIB_STATUS_REFUSED,
+ *                                    status unchanged
  *   KmxAxesMsCalibGetOffset          the main estimator's offset; 0
  *   KmxAxesMsCalibSetOffset          sets it and restarts the batch; 0
- *   KmxAxesMsCalibCheckDistribution  the installed classifier: 0 three-dimensional
- *                                    {0, 1} or planar {0 or 1, 1024}; 2 a line
+ *   KmxAxesMsCalibCheckDistribution  the installed classifier: 0 KMXC_CALIB_SPREAD_ACCEPTED
+ *                                    three-dimensional {0, 1} or planar {0 or 1, 1024};
+ *                                    2 KMXC_CALIB_SPREAD_LINE a line
  *
  * KmxAxesMsCalibUpdate(Detail), one call per raw sample (before any offset is subtracted):
- *     -1  the estimator or a trial estimator failed to solve
+ *     -1  KMXC_CALIB_SOLVE_FAILED  the estimator or a trial estimator failed to solve
  *   0..7  the status: no new offset (sample skipped, batch filling or batch rejected)
- *     63  three-dimensional calibration: new offset, status now 7
- *   status | 48 / 40 / 24  planar calibration, plane normal along x / y / z: the other
- *                          two offset components are new (unless the old offset stayed)
- * The detail record, if given, is filled on every call: (0, 0, 2147483647) when no fit
- * was made.
+ *     63  KMXC_CALIB_THREE_D       three-dimensional calibration: new offset, status now
+ *                                  7 (KMXC_CALIB_STATUS_CALIBRATED)
+ *   status | 48 / 40 / 24  KMXC_CALIB_PLANE_X / _Y / _Z: planar calibration, plane normal
+ *                          along x / y / z: the other two offset components are new
+ *                          (unless the old offset stayed)
+ * kmxc_calib_new_offset(result) tells the last two from the others. The detail record,
+ * if given, is filled on every call: (0, 0, KMXC_CALIB_NO_RESIDUAL) when no fit was made.
  */
 KMXC_API int8_t KmxAxesMsCalibInit(void);
 KMXC_API int8_t KmxAxesMsCalibSetThreshold(const KmxAxesMsCalibThreshold *threshold);
@@ -149,16 +196,18 @@ KMXC_API int8_t KmxAxesMsCalibCheckDistribution(const int32_t *ratios, int16_t *
  *                                  starts over (count 1) in batch mode and slides in ring
  *                                  mode; 0
  *
- * KmxAxesMsCalib02_Update, one step (result may be null):
- *      6  sample skipped by the decimation            counters unchanged
- *      1  sample buffered, batch not yet full
- *     -1  statistics failed (never happens)           buffer full
- *      5  largest eigenvalue below the floor          buffer full
- *      3  largest eigenvalue above MSFLOAT_maxsint32  buffer full
- *      2  the classifier refused the batch            buffer full
- *      4  residual above the threshold                count = writeIndex = 0
- *     -2  the solve failed or its centre does not fit in 32 bits; offset unchanged, full
- *      0  fit accepted (a planar fit may still keep the old offset); count = writeIndex = 0
+ * KmxAxesMsCalib02_Update, one step (result may be null), KMXC_CALIB_EST_*:
+ *      6  SKIPPED            sample skipped by the decimation          counters unchanged
+ *      1  BUFFERED           sample buffered, batch not yet full
+ *     -1  STATISTICS_FAILED  statistics failed (never happens)         buffer full
+ *      5  EIGEN_TOO_SMALL    largest eigenvalue below the floor        buffer full
+ *      3  EIGEN_TOO_LARGE    largest eigenvalue above MSFLOAT_maxsint32  buffer full
+ *      2  REFUSED_SPREAD     the classifier refused the batch          buffer full
+ *      4  RESIDUAL_TOO_LARGE residual above the threshold              count = writeIndex = 0
+ *     -2  SOLVE_FAILED       the solve failed or its centre does not fit in 32 bits;
+ *                            offset unchanged, buffer full
+ *      0  FIT_ACCEPTED       fit accepted (a planar fit may still keep the old offset);
+ *                            count = writeIndex = 0
  * "Buffer full": batch mode starts a new batch with the next sample, ring mode
  * evaluates again with the newest 16.
  */

@@ -8,11 +8,14 @@
 #include <stdint.h>
 
 #include "calibration/calibration.h"
-#include "calibration/calibration_results.h"
 
 #ifdef __cplusplus
 extern "C" {
 #endif
+
+/* The classifier's weight that binds the new offset's component along an eigenvector
+ * to the old offset's (0 leaves it free); the fit's side condition is scaled by it. */
+#define KMXC_CALIB_BINDING_WEIGHT 1024
 
 /* ---- Front-end state (single instance, zero before KmxAxesMsCalibInit) ---------- */
 extern KmxAxesMsCalibThreshold g_MsCalibThreshold; /* as last set; ratios read per batch */
@@ -22,8 +25,8 @@ extern KmxAxesMsCalib02Config g_MsCalibConfig;     /* main and trial estimators'
 extern uint8_t g_MsCalibPlanarValid;               /* 1: history holds the last planar batch */
 extern int16_t g_MsCalibPlanarHistory[8][3];       /* every second sample of that batch */
 
-/* Axis bits of a planar result for a plane normal (x, y, z): 48 normal along x, 40
- * along y, 24 along z. The largest magnitude wins; ties go to the lower axis. */
+/* Axis bits of a planar result for a plane normal (x, y, z): KMXC_CALIB_PLANE_X, _Y or
+ * _Z for the normal's axis. The largest magnitude wins; ties go to the lower axis. */
 int8_t KmxAxesMsCalibPlanarAxisBits(const int32_t *normal);
 
 /* ---- Estimator ---------------------------------------------------------------------- */

@@ -58,7 +58,7 @@ TEST_F(FrontEnd, SphereBatchesCalibrateAllThreeAxes) {
     Rng rng{2026};
     for (int i = 0; i < 300; ++i) {
         KmxAxesMsCalibInit();
-        const Vec centre{rng.uniform(-1000, 1000), rng.uniform(-1000, 1000), rng.uniform(-1000, 1000)};
+        const Point centre{rng.uniform(-1000, 1000), rng.uniform(-1000, 1000), rng.uniform(-1000, 1000)};
         ASSERT_EQ(feed(sphere_batch(centre, rng.uniform(100, 160), 1, rng)), 63) << i;
         EXPECT_LE(distance(offset(), centre), 3.0) << i;
     }
@@ -67,7 +67,7 @@ TEST_F(FrontEnd, SphereBatchesCalibrateAllThreeAxes) {
 }
 
 TEST_F(FrontEnd, PlanarBatchFitsThePlaneAndKeepsTheNormalComponent) {
-    const Vec centre{250, -180, 90}, axis[3] = {{1, 0, 0}, {0, 1, 0}, {0, 0, 1}};
+    const Point centre{250, -180, 90}, axis[3] = {{1, 0, 0}, {0, 1, 0}, {0, 0, 1}};
     const int8_t bits[3] = {48, 40, 24};
     Rng rng{12};
     for (int n = 0; n < 3; ++n) {
@@ -95,10 +95,10 @@ TEST_F(FrontEnd, PlanarBatchFitsThePlaneAndKeepsTheNormalComponent) {
 // Two small circles of one sphere in perpendicular planes: each alone is a planar fit,
 // together the trial estimator fits the whole sphere.
 TEST_F(FrontEnd, PerpendicularPlanarBatchesCombineIntoFullCalibration) {
-    const Vec centre{-320, 150, 480};
+    const Point centre{-320, 150, 480};
     Rng rng{44};
-    const Batch xy = circle_batch(centre + Vec{0, 0, 40}, {1, 0, 0}, {0, 1, 0}, std::sqrt(140 * 140 - 1600), 1, rng);
-    const Batch xz = circle_batch(centre + Vec{0, -30, 0}, {1, 0, 0}, {0, 0, 1}, std::sqrt(140 * 140 - 900), 1, rng);
+    const Batch xy = circle_batch(centre + Point{0, 0, 40}, {1, 0, 0}, {0, 1, 0}, std::sqrt(140 * 140 - 1600), 1, rng);
+    const Batch xz = circle_batch(centre + Point{0, -30, 0}, {1, 0, 0}, {0, 0, 1}, std::sqrt(140 * 140 - 900), 1, rng);
     for (bool history : {false, true}) {
         KmxAxesMsCalibInit();
         EXPECT_EQ(feed(xy), 24);

@@ -13,8 +13,6 @@ constinit const MSFLOAT MSFLOAT_1div1024 = {1, 103, 0x8000};
 
 namespace {
 
-constexpr int32_t kNoResidual = 2147483647;
-constexpr int16_t kBound = 1024;        // weight that binds a component to the old offset
 constexpr int16_t kKeepOldAbove = 230;  // shift alignment above which a planar fit keeps the old offset
 constexpr int64_t kQ14 = 16384;
 
@@ -45,6 +43,67 @@ int32_t ratio(const MSFLOAT *lambda, const MSFLOAT *lambda0) {
 void reset_batch(KmxAxesMsCalib02Context *context) {
     context->count = 0;
     context->writeIndex = 0;
+}
+
+// Least squares with up to two side conditions by Lagrange multipliers: rows 0..2 the
+// scatter system coupled to the multipliers, row 3 + k the condition that binds the
+// centre's component along e(k + 1) to the old offset's with weight[k] / 1024.
+void constrained_system(const MSFLOAT (&scatter)[6], const MSFLOAT (&b)[3], const MsEigenPair (&pairs)[3],
+                        const int16_t (&weight)[2], const KmxAxesData &offset, const KmxAxesData &c, MSFLOAT (&A)[15],
+                        MSFLOAT (&r)[5]) {
+    for (int p = 0; p < 6; ++p) msf::Copy(&A[kScatterIndex[p]], scatter[p]);
+    A[13] = MSFLOAT_0;
+    for (int k = 0; k < 2; ++k) {
+        const int32_t *e = pairs[k + 1].vector;
+        for (int j = 0; j < 3; ++j) {
+            MSFLOAT *entry = &A[kCouplingIndex[k][j]];
+            i2f_wide(entry, int64_t{weight[k]} * e[j]);
+            msf::OpShiftEq(entry, -24);
+        }
+        MSFLOAT *diag = &A[kMultiplierDiagIndex[k]];
+        msf::I2F(diag, int32_t{weight[k]} - KMXC_CALIB_BINDING_WEIGHT);
+        msf::OpShiftEq(diag, -10);
+        msf::OpDivEq(diag, &pairs[0].value);
+    }
+    for (int j = 0; j < 3; ++j) r[j] = b[j];
+    // (offset - c).e is exact in 64 bits: an old offset some 75000 counts from the batch
+    // (one restored from outside, or an earlier far fit) would overflow 32 bits.
+    for (int k = 0; k < 2; ++k) {
+        MSFLOAT w;
+        i2f_wide(&r[3 + k], difference_dot(&offset, &c, pairs[k + 1].vector));
+        msf::I2F(&w, weight[k]);
+        msf::OpMultiEq(&r[3 + k], &w);
+        msf::OpShiftEq(&r[3 + k], -24);
+    }
+}
+
+// The centre c + x[0..2] as an int32 offset; false when it is none. A solution beyond
+// int32 (possible only with a far-away old offset or an unusual classifier) is refused
+// like a failed solve rather than wrapped into a meaningless offset.
+bool centre_of(const MSFLOAT (&x)[5], const KmxAxesData &c, KmxAxesData &centre) {
+    int32_t *n[3] = {&centre.x, &centre.y, &centre.z};
+    for (int j = 0; j < 3; ++j) {
+        int32_t shift = 0;
+        if (MSFLOAT_F2I(&shift, &x[j]) < 0) return false;
+        const int64_t value = int64_t{shift} + component(&c, j);
+        if (value < INT32_MIN || value > INT32_MAX) return false;
+        *n[j] = static_cast<int32_t>(value);
+    }
+    return true;
+}
+
+// The whole report of an accepted fit; ratios are {ratioMin, ratioMid}.
+void report(KmxAxesMsCalib02Result *result, const int32_t (&ratios)[2], const int16_t (&weight)[2],
+            const MsEigenPair (&pairs)[3], const MSFLOAT &residual) {
+    result->ratioMin = ratios[0];
+    result->ratioMid = ratios[1];
+    result->weights[0] = weight[0];
+    result->weights[1] = weight[1];
+    for (int i = 0; i < 3; ++i) {
+        result->eigenValue[i] = pairs[i].value;
+        for (int j = 0; j < 3; ++j) result->eigenVector[i][j] = pairs[i].vector[j];
+    }
+    MSFLOAT_F2I(&result->residual, &residual);
 }
 
 }  // namespace
@@ -115,104 +174,56 @@ int8_t KmxAxesMsCalib02_Update(KmxAxesMsCalib02Context *context, const KmxAxesDa
     if (result != nullptr) {
         result->ratioMin = 0;
         result->ratioMid = 0;
-        result->residual = kNoResidual;
+        result->residual = KMXC_CALIB_NO_RESIDUAL;
     }
 
     // Decimation; the counters compare as signed bytes.
     const uint8_t old = context->skipCounter;
     context->skipCounter = static_cast<uint8_t>(old + 1u);
-    if (static_cast<int8_t>(context->config.skipPeriod) > static_cast<int8_t>(old)) return KMXC_EST_SKIPPED;
+    if (static_cast<int8_t>(context->config.skipPeriod) > static_cast<int8_t>(old)) return KMXC_CALIB_EST_SKIPPED;
     context->skipCounter = 1;
 
     KmxAxesMsCalib02_AddToBuffer1(context, sample);
-    if (context->count < context->capacity) return KMXC_EST_BUFFERED;
+    if (context->count < context->capacity) return KMXC_CALIB_EST_BUFFERED;
 
     KmxAxesData c;
     MSFLOAT scatter[6], b[3], s;
     if (KmxAxesMsCalib02_CalcStatistics(context->buffer, context->count, &c, scatter, b, &s) < 0)
-        return KMXC_EST_STATISTICS_FAILED;
+        return KMXC_CALIB_EST_STATISTICS_FAILED;
 
     MsEigenPair pairs[3];
     MsJacobiCalcEigenPair(scatter, pairs);
     const int32_t ratioMid = ratio(&pairs[1].value, &pairs[0].value);
     const int32_t ratioMin = ratio(&pairs[2].value, &pairs[0].value);
 
-    if (msf::OpCompGreater(&context->minEigenValue, &pairs[0].value)) return KMXC_EST_EIGEN_TOO_SMALL;
-    if (msf::AbsCompGreater(&pairs[0].value, &MSFLOAT_maxsint32)) return KMXC_EST_EIGEN_TOO_LARGE;
+    if (msf::OpCompGreater(&context->minEigenValue, &pairs[0].value)) return KMXC_CALIB_EST_EIGEN_TOO_SMALL;
+    if (msf::AbsCompGreater(&pairs[0].value, &MSFLOAT_maxsint32)) return KMXC_CALIB_EST_EIGEN_TOO_LARGE;
 
     // A configuration without a classifier cannot tell a line from a sphere: refuse.
-    if (context->config.checkDistribution == nullptr) return KMXC_EST_REFUSED_SPREAD;
+    if (context->config.checkDistribution == nullptr) return KMXC_CALIB_EST_REFUSED_SPREAD;
     const int32_t ratios[2] = {ratioMin, ratioMid};
     int16_t weight[2] = {0, 0};
-    if (context->config.checkDistribution(ratios, weight) != KMXC_SPREAD_ACCEPTED) return KMXC_EST_REFUSED_SPREAD;
+    if (context->config.checkDistribution(ratios, weight) != KMXC_CALIB_SPREAD_ACCEPTED)
+        return KMXC_CALIB_EST_REFUSED_SPREAD;
 
     MSFLOAT residual;
     KmxAxesMsCalib02_CalcResidual(b, pairs, &s, &residual);
     if (msf::OpCompGreater(&residual, &context->config.residualThreshold)) {
         reset_batch(context);
-        return KMXC_EST_RESIDUAL_TOO_LARGE;
+        return KMXC_CALIB_EST_RESIDUAL_TOO_LARGE;
     }
 
-    // Least squares with up to two side conditions by Lagrange multipliers: rows 0..2
-    // the scatter system coupled to the multipliers, row 3 + k the condition that binds
-    // the centre's component along e(k + 1) to the old offset's with weight[k] / 1024.
-    MSFLOAT A[15], r[5];
-    for (int p = 0; p < 6; ++p) msf::Copy(&A[kScatterIndex[p]], scatter[p]);
-    A[13] = MSFLOAT_0;
-    for (int k = 0; k < 2; ++k) {
-        const int32_t *e = pairs[k + 1].vector;
-        for (int j = 0; j < 3; ++j) {
-            MSFLOAT *entry = &A[kCouplingIndex[k][j]];
-            i2f_wide(entry, int64_t{weight[k]} * e[j]);
-            msf::OpShiftEq(entry, -24);
-        }
-        MSFLOAT *diag = &A[kMultiplierDiagIndex[k]];
-        msf::I2F(diag, int32_t{weight[k]} - kBound);
-        msf::OpShiftEq(diag, -10);
-        msf::OpDivEq(diag, &pairs[0].value);
-    }
-    for (int j = 0; j < 3; ++j) r[j] = b[j];
-    // (offset - c).e is exact in 64 bits: an old offset some 75000 counts from the batch
-    // (one restored from outside, or an earlier far fit) would overflow 32 bits.
-    for (int k = 0; k < 2; ++k) {
-        MSFLOAT w;
-        i2f_wide(&r[3 + k], difference_dot(&context->offset, &c, pairs[k + 1].vector));
-        msf::I2F(&w, weight[k]);
-        msf::OpMultiEq(&r[3 + k], &w);
-        msf::OpShiftEq(&r[3 + k], -24);
-    }
-
-    MSFLOAT x[5];
-    if (MsSolve(A, r, x) < 0) return KMXC_EST_SOLVE_FAILED;
-
-    // The centre must be an int32 offset. A solution beyond that (possible only with a
-    // far-away old offset or an unusual classifier) is refused like a failed solve
-    // rather than wrapped into a meaningless offset.
+    MSFLOAT A[15], r[5], x[5];
+    constrained_system(scatter, b, pairs, weight, context->offset, c, A, r);
+    if (MsSolve(A, r, x) < 0) return KMXC_CALIB_EST_SOLVE_FAILED;
     KmxAxesData candidate;
-    int32_t *n[3] = {&candidate.x, &candidate.y, &candidate.z};
-    for (int j = 0; j < 3; ++j) {
-        int32_t shift = 0;
-        if (MSFLOAT_F2I(&shift, &x[j]) < 0) return KMXC_EST_SOLVE_FAILED;
-        const int64_t value = int64_t{shift} + component(&c, j);
-        if (value < INT32_MIN || value > INT32_MAX) return KMXC_EST_SOLVE_FAILED;
-        *n[j] = static_cast<int32_t>(value);
-    }
+    if (!centre_of(x, c, candidate)) return KMXC_CALIB_EST_SOLVE_FAILED;
 
     reset_batch(context);
-    if (weight[1] != kBound ||
+    if (weight[1] != KMXC_CALIB_BINDING_WEIGHT ||
         KmxAxesMsCalib02_CalcShiftAlignment(&context->offset, &candidate, &c, pairs[2].vector) <= kKeepOldAbove)
         context->offset = candidate;
 
-    if (result != nullptr) {
-        result->ratioMin = ratioMin;
-        result->ratioMid = ratioMid;
-        result->weights[0] = weight[0];
-        result->weights[1] = weight[1];
-        for (int i = 0; i < 3; ++i) {
-            result->eigenValue[i] = pairs[i].value;
-            for (int j = 0; j < 3; ++j) result->eigenVector[i][j] = pairs[i].vector[j];
-        }
-        MSFLOAT_F2I(&result->residual, &residual);
-    }
-    return KMXC_EST_FIT_ACCEPTED;
+    if (result != nullptr) report(result, ratios, weight, pairs, residual);
+    return KMXC_CALIB_EST_FIT_ACCEPTED;
 }

@@ -20,7 +20,7 @@ struct Case {
     const char *name;
     Stream stream;
     int8_t code, count;
-    Vec centre = {};  // of an accepted fit
+    Point centre = {};  // of an accepted fit
     int32_t threshold = 0x200000, minEigen = 24576;
     KmxAxesMsCalibCheckDistributionFunc check = KmxAxesMsCalibCheckDistribution;
     uint8_t period = 1;
@@ -41,7 +41,7 @@ int8_t run(const Case &c, KmxAxesMsCalib02Context &ctx, KmxAxesMsCalib02Result &
 TEST(EstimatorFit, ResultCodesCountersAndRecord) {
     KmxAxesMsCalibInit();  // thresholds of the default classifier
     Rng rng{5};
-    const Vec centre{200, -100, 50};
+    const Point centre{200, -100, 50};
     const Batch sphere = sphere_batch(centre, 130, 1, rng), noisy = sphere_batch(centre, 150, 2, rng);
     const Batch flat = circle_batch(centre, {1, 0, 0}, {0, 1, 0}, 130, 0, rng);
     const Batch line = circle_batch(centre, {0.6, 0, 0.8}, {}, 400, 0, rng);
@@ -152,7 +152,7 @@ TEST(EstimatorFit, ShiftAlignmentIsTheSquaredCosineToTheNormal) {
 TEST(EstimatorFit, PlanarFitAdoptsItsCentreUpToAlignment230) {
     KmxAxesMsCalibInit();  // the default classifier
     Rng rng{31};
-    const Vec centre{120, -60, 40};
+    const Point centre{120, -60, 40};
     const Batch flat = circle_batch(centre, {1, 0, 0}, {0, 1, 0}, 140, 1, rng);
     const Stream stream(flat.begin(), flat.end());
     int adopted = 0, kept = 0, at_limit = 0;

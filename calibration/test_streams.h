@@ -13,38 +13,38 @@
 namespace calib_test {
 
 using Batch = std::array<KmxAxesData, 16>;
-struct Vec {
+struct Point {
     double x, y, z;
 };
-inline Vec operator+(Vec a, Vec b) { return {a.x + b.x, a.y + b.y, a.z + b.z}; }
-inline Vec operator*(double s, Vec a) { return {s * a.x, s * a.y, s * a.z}; }
-inline double distance(const KmxAxesData &a, Vec b) { return std::hypot(a.x - b.x, a.y - b.y, a.z - b.z); }
+inline Point operator+(Point a, Point b) { return {a.x + b.x, a.y + b.y, a.z + b.z}; }
+inline Point operator*(double s, Point a) { return {s * a.x, s * a.y, s * a.z}; }
+inline double distance(const KmxAxesData &a, Point b) { return std::hypot(a.x - b.x, a.y - b.y, a.z - b.z); }
 
 struct Rng : SplitMix64 {
     double uniform(double lo, double hi) { return lo + (hi - lo) * static_cast<double>(next() >> 11) * 0x1.0p-53; }
     int32_t integer(int32_t lo, int32_t hi) {
         return lo + static_cast<int32_t>(next() % uint64_t(int64_t{hi} - lo + 1));
     }
-    KmxAxesData sample(Vec p, int32_t noise) {
+    KmxAxesData sample(Point p, int32_t noise) {
         return {int32_t(std::lround(p.x)) + integer(-noise, noise), int32_t(std::lround(p.y)) + integer(-noise, noise),
                 int32_t(std::lround(p.z)) + integer(-noise, noise)};
     }
 };
 
 // 16 well-spread points of a sphere (a golden-angle spiral of equal-area bands).
-inline Batch sphere_batch(Vec centre, double radius, int32_t noise, Rng &rng) {
+inline Batch sphere_batch(Point centre, double radius, int32_t noise, Rng &rng) {
     Batch out{};
     const double phase = rng.uniform(0, 6.283185307179586);
     for (int i = 0; i < 16; ++i) {
         const double z = 1.0 - (2.0 * i + 1.0) / 16.0, r = std::sqrt(1.0 - z * z), phi = phase + 2.399963229728653 * i;
-        out[size_t(i)] = rng.sample(centre + radius * Vec{r * std::cos(phi), r * std::sin(phi), z}, noise);
+        out[size_t(i)] = rng.sample(centre + radius * Point{r * std::cos(phi), r * std::sin(phi), z}, noise);
     }
     return out;
 }
 
 // 16 evenly spaced points of a circle around `centre` in the plane of unit vectors u and v
 // (v = 0 gives a line segment of length 2 radius along u).
-inline Batch circle_batch(Vec centre, Vec u, Vec v, double radius, int32_t noise, Rng &rng) {
+inline Batch circle_batch(Point centre, Point u, Point v, double radius, int32_t noise, Rng &rng) {
     const double phase = rng.uniform(0, 6.283185307179586);
     Batch out{};
     for (int i = 0; i < 16; ++i) {

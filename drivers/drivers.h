@@ -8,32 +8,51 @@
  * during the magnetometer start-up closes it at once, even under a running
  * accelerometer. Every sequence selects its slave address before its transfers.
  *
- * Magnetic output: corrected counts in the phone's axes (0.4 uT each), produced by
- * the integer chain raw -> centred and temperature-corrected -> mixed -> times the
- * correction matrix -> / 1600. Measurements refuse with -126 until a rough offset
- * has been written after the last initialisation.
+ * Magnetic output: corrected counts in the phone's axes (0.4 uT each, see
+ * common/common.h), produced by the integer chain raw -> centred and
+ * temperature-corrected -> mixed -> times the correction matrix -> / 1600.
+ * Measurements refuse with KMXC_DRV_NO_ROUGH_OFFSET until a rough offset has been
+ * written after the last initialisation.
  *
  * State: one static KmxcDrvState (KmxcDrvHandle) and g_Temprature. No threads, no
  * locks: call from one thread, one call at a time. No function allocates.
  *
- * Common results (signed 8-bit unless noted):
- *     0   success
- *    -1   transformation matrix fails the check, or an argument is invalid
- *    -3   driver not initialised / transformation profile unreadable
- *    -4   magnetometer busy (data not ready after the full wait)
- *    -5   compass device or bus failure
- *  -126   no rough offset written since the magnetometer was initialised
+ * Results (signed 8-bit unless noted), KmxcDrvResult below:
+ *     0  KMXC_DRV_OK               success
+ *    -1  KMXC_DRV_INVALID          transformation matrix fails the check, or an
+ *                                  argument is invalid
+ *    -3  KMXC_DRV_NOT_READY        driver not initialised / transformation profile
+ *                                  unreadable
+ *    -4  KMXC_DRV_BUSY             magnetometer busy (data not ready after the full wait)
+ *    -5  KMXC_DRV_BUS_FAILURE      compass device or bus failure
+ *  -126  KMXC_DRV_NO_ROUGH_OFFSET  no rough offset written since the magnetometer
+ *                                  was initialised
+ *  1..7  measured, with a warning: bit i (KMXC_DRV_RANGE_CHANNEL0 << i) set when
+ *        channel i was out of range (KMXC_DRV_RANGE_ANY: any of them)
+ * A caller tests for < 0 (failed), 0 (success) and > 0 (a usable warning).
  */
 #ifndef KMXC_DRIVERS_H
 #define KMXC_DRIVERS_H
 
 #include <stdint.h>
 
-#include "orientation/orientation.h"
-
-#include "platform/kmxc_api.h"
+#include "common/common.h"
 
 KMXC_BEGIN_DECLS
+
+enum KmxcDrvResult {
+    KMXC_DRV_OK = 0,
+    KMXC_DRV_INVALID = -1,
+    KMXC_DRV_NOT_READY = -3,
+    KMXC_DRV_BUSY = -4,
+    KMXC_DRV_BUS_FAILURE = -5,
+    KMXC_DRV_NO_ROUGH_OFFSET = -126,
+    /* Out-of-range warnings: one bit per magnetometer channel. */
+    KMXC_DRV_RANGE_CHANNEL0 = 0x01,
+    KMXC_DRV_RANGE_CHANNEL1 = 0x02,
+    KMXC_DRV_RANGE_CHANNEL2 = 0x04,
+    KMXC_DRV_RANGE_ANY = 0x07
+};
 
 /* initFlags bits. */
 #define KMXC_DRV_INIT_GS 0x01u /* accelerometer glue initialised */

@@ -15,31 +15,15 @@
 extern "C" {
 #endif
 
-/* The drivers' results (drivers.h lists which function gives which). */
-enum KmxcDrvResult {
-    KMXC_DRV_OK = 0,
-    KMXC_DRV_INVALID = -1,          /* matrix fails the check, or an invalid argument */
-    KMXC_DRV_NOT_READY = -3,        /* not initialised, or the profile is unreadable */
-    KMXC_DRV_BUSY = -4,             /* conversion not finished after the full wait */
-    KMXC_DRV_BUS_FAILURE = -5,      /* compass device or bus failure */
-    KMXC_DRV_NO_ROUGH_OFFSET = -126 /* no rough offset written since start-up */
-};
-
 /* Mounting matrix check: every row and every column holds exactly one entry of
  * +1 or -1 (other values are not counted). 0 valid, -1 invalid. */
 int8_t KmxAxesDrvCheckMatrix(const int8_t *matrix);
 
-/* Transformation profile fields 1..9 (accelerometer) and 10..18 (magnetometer). */
+/* Transformation profile fields 1..9 (accelerometer) and 10..18 (magnetometer),
+ * read through msmachdep_LoadTransformation; a profile that cannot be read is
+ * KMXC_DRV_NOT_READY. */
 #define KMXC_PROFILE_GS_FIRST_FIELD 1u
 #define KMXC_PROFILE_MS_FIRST_FIELD 10u
-
-/* Reads the mounting matrix of this phone's hardware profile from
- * "/etc/kmxc_transformation.cfg": the nine fields starting at firstField
- * (1-based) of the line numbered by the profile number. The identity when the
- * file is not writable (or absent). 0, or -3 after perror("fopen") / perror("fgets")
- * when the file cannot be opened or has fewer lines than the profile number.
- * The matrix is not checked here. */
-int8_t KmxcDrvReadTransformation(uint8_t firstField, int8_t *matrix);
 
 /* Sensitivity matrix (3x3 row-major) from the calibration bytes 0..5. */
 void KmxcDrvMakeSensitivityMatrix(const uint8_t *calib, int16_t *sensitivity);

@@ -3,6 +3,7 @@
 #include "drivers/drivers.h"
 #include "drivers/drivers_internal.h"
 #include "platform/platform.h"
+#include "platform/transformation_file.h"
 #include "smb380/smb380.h"
 #include "smb380/smb380_protocol.h"
 
@@ -13,7 +14,7 @@ namespace {
 
 constexpr uint8_t kRangeCode = 0;  // +-2 g
 constexpr uint8_t kBandwidthCode = 0;
-constexpr int32_t kCountsToQ12 = 4096 / smb380_regs::counts_per_g(kRangeCode);
+constexpr int32_t kCountsToGravityUnit = KMXC_GS_COUNTS_PER_G / smb380_regs::counts_per_g(kRangeCode);
 constexpr uint8_t kMaxRegistersPerWrite = 128;  // count taken modulo 128
 
 uint8_t &init_flags() { return KmxcDrvHandle()->initFlags; }
@@ -56,7 +57,7 @@ uint32_t KmxcDrvGsInit(const int8_t *matrix) {
 
 int8_t KmxAxesDrvGsInit(void) {
     int8_t matrix[9];
-    if (KmxcDrvReadTransformation(KMXC_PROFILE_GS_FIRST_FIELD, matrix) != KMXC_DRV_OK) return KMXC_DRV_NOT_READY;
+    if (msmachdep_LoadTransformation(KMXC_PROFILE_GS_FIRST_FIELD, matrix) != KMXC_PLAT_OK) return KMXC_DRV_NOT_READY;
     if (KmxAxesDrvCheckMatrix(matrix) != KMXC_DRV_OK) return KMXC_DRV_INVALID;
     if (init_flags() == 0 && msmachdep_I2COpen() < 0) return KMXC_DRV_BUS_FAILURE;
     KmxcDrvGsInit(matrix);
@@ -79,7 +80,7 @@ int8_t KmxcDrvGsMeasure(KmxAxesData *out, KmxcDrvRawData *raw) {
     int32_t *o[3] = {&out->x, &out->y, &out->z};
     for (int i = 0; i < 3; ++i) {
         const int8_t *row = &g_GsMatrix[3 * i];
-        *o[i] = kCountsToQ12 * (row[0] * v[0] + row[1] * v[1] + row[2] * v[2]);
+        *o[i] = kCountsToGravityUnit * (row[0] * v[0] + row[1] * v[1] + row[2] * v[2]);
     }
     return KMXC_DRV_OK;
 }

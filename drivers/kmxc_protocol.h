@@ -6,6 +6,8 @@
 
 #include <stdint.h>
 
+#include "common/common.h"
+
 namespace kmxc {
 
 constexpr uint8_t kBusAddress = 0x2E;  // 7-bit slave address
@@ -58,8 +60,10 @@ constexpr uint8_t kRoughReadingMax = 32;
 constexpr uint16_t kRawCountsPerRoughStep = 226;  // one rough step shifts its raw channel by this
 
 // ---- Corrected output (the driver's unit, sensitivity 100 per raw count) -----------
-constexpr double kMicroteslaPerCount = 0.4;
-constexpr int32_t kCountsPer10Microtesla = 25;
+// The unit every layer shares (common/common.h), in the forms C++ callers use.
+constexpr int32_t kCountsPer10Microtesla = KMXC_MS_COUNTS_PER_10_UT;
+constexpr double kMicroteslaPerCount = 10.0 / kCountsPer10Microtesla;
+static_assert(kMicroteslaPerCount == 0.4, "the quotient is the double nearest 0.4");
 
 // ---- Calibration bytes -----------------------------------------------------------
 // Bytes 0..5 hold the sensitivity matrix's bit fields; bytes 6..8 the temperature

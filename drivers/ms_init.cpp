@@ -3,6 +3,7 @@
 #include "drivers/drivers.h"
 #include "drivers/drivers_internal.h"
 #include "platform/platform.h"
+#include "platform/transformation_file.h"
 
 using namespace kmxc;
 
@@ -24,8 +25,8 @@ bool start_chip(KmxcDrvState &st) {
 
 int8_t KmxAxesDrvMsInit(void) {
     int8_t transformation[9];
-    const int8_t read = KmxcDrvReadTransformation(KMXC_PROFILE_MS_FIRST_FIELD, transformation);
-    if (read != KMXC_DRV_OK) return read;
+    if (msmachdep_LoadTransformation(KMXC_PROFILE_MS_FIRST_FIELD, transformation) != KMXC_PLAT_OK)
+        return KMXC_DRV_NOT_READY;
     if (KmxAxesDrvCheckMatrix(transformation) != KMXC_DRV_OK) return KMXC_DRV_INVALID;
 
     KmxcDrvState &st = *KmxcDrvHandle();

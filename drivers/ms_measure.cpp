@@ -44,9 +44,9 @@ int8_t KmxcDrvMsReadData(KmxAxesData *out, KmxcDrvRawData *raw) {
     uint16_t channel[3];
     for (int i = 0; i < 3; ++i) channel[i] = decode11(block + kMeasureChannelAt[i]);
     g_Temprature = decode11(block + kMeasureTemperatureAt);
-    int8_t flags = 0;
+    int8_t flags = KMXC_DRV_OK;
     for (int i = 0; i < 3; ++i) {
-        if (out_of_range(channel[i])) flags = static_cast<int8_t>(flags | (1 << i));
+        if (out_of_range(channel[i])) flags = static_cast<int8_t>(flags | (KMXC_DRV_RANGE_CHANNEL0 << i));
     }
     KmxAxesDrvMsensCorrection(channel, g_Temprature, out);
     if (raw != nullptr) {

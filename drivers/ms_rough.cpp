@@ -20,12 +20,12 @@ int8_t KmxAxesDrvMsMeasureRoughOffset(uint8_t *out) {
     if (msmachdep_I2CRead(sizeof block, block) < 0) return KMXC_DRV_BUS_FAILURE;
     if ((block[0] & kBusy) != 0) return KMXC_DRV_BUSY;
 
-    int8_t flags = 0;
+    int8_t flags = KMXC_DRV_OK;
     for (int i = 0; i < 3; ++i) {
         const uint8_t reading = block[kRoughChannelAt[i]];
         // Usable: kRoughReadingMin..kRoughReadingMax, tested as reading - min wrapped to 8 bits.
         if (static_cast<uint8_t>(reading - kRoughReadingMin) > kRoughReadingMax - kRoughReadingMin) {
-            flags = static_cast<int8_t>(flags | (1 << i));
+            flags = static_cast<int8_t>(flags | (KMXC_DRV_RANGE_CHANNEL0 << i));
         }
         out[i] = reading <= kRoughReadingBias ? 0 : static_cast<uint8_t>(reading - kRoughReadingBias);
     }

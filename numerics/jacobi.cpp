@@ -60,7 +60,7 @@ extern "C" int8_t MsJacobiSortEigenPair(const MSFLOAT w[6], const MSFLOAT v[3][3
     const int order[3] = {maxIndex, middle, minIndex};
     for (int k = 0; k < 3; ++k) {
         const int i = order[k];
-        out[k].value = MSFLOAT_Sign(d[i]) <= 1 ? MSFLOAT_0 : *d[i];
+        out[k].value = MSFLOAT_Sign(d[i]) <= MSFLOAT_SIGN_ZERO ? MSFLOAT_0 : *d[i];
         // A column beyond the 32-bit range (never for a rotation of the Q14 identity)
         // leaves that component as the caller had it.
         for (int j = 0; j < 3; ++j) (void)MSFLOAT_F2I(&out[k].vector[j], &v[j][i]);
@@ -98,7 +98,7 @@ extern "C" int8_t MsJacobiCalcEigenPair(const MSFLOAT m[6], MsEigenPair pairs[3]
         (void)msf::OpPlusEq(&r, &apq2);
         (void)MSFLOAT_Sqrt(&r);
         // Nothing left to rotate: the pivot is zero and its diagonal pair equal.
-        if (MSFLOAT_Sign(&r) == 1) break;
+        if (MSFLOAT_Sign(&r) == MSFLOAT_SIGN_ZERO) break;
 
         MSFLOAT ratio = h;
         (void)MSFLOAT_OpAbs(&ratio);

@@ -71,114 +71,132 @@ bool Same(const MSFLOAT &x, const MSFLOAT &y) {
 
 }  // namespace
 
-uint64_t Run(uint64_t cases, uint64_t seed, Tally t[kOps], FILE *log) {
-    static const char *const kNames[kOps] = {"I2F",
-                                             "F2I",
-                                             "Sign",
-                                             "OpMultiEq",
-                                             "OpDivEq",
-                                             "OpShiftEq",
-                                             "OpNeg",
-                                             "OpAbs",
-                                             "AbsCompGreater",
-                                             "OpPlusEq",
-                                             "OpMinusEq",
-                                             "OpCompGreater",
-                                             "Square",
-                                             "Sqrt",
-                                             "Sum::Add",
-                                             "Sum::Subtract",
-                                             "Sum::AddNonNegative"};
-    for (int k = 0; k < kOps; ++k) t[k] = Tally{kNames[k], 0, 0};
-    Rng rng{seed};
-    uint64_t total = 0;
-    auto check = [&](int k, bool same, const MSFLOAT &a, const MSFLOAT &b) {
+namespace {
+
+const char *const kNames[kOps] = {"I2F",
+                                  "F2I",
+                                  "Sign",
+                                  "OpMultiEq",
+                                  "OpDivEq",
+                                  "OpShiftEq",
+                                  "OpNeg",
+                                  "OpAbs",
+                                  "AbsCompGreater",
+                                  "OpPlusEq",
+                                  "OpMinusEq",
+                                  "OpCompGreater",
+                                  "Square",
+                                  "Sqrt",
+                                  "Sum::Add",
+                                  "Sum::Subtract",
+                                  "Sum::AddNonNegative"};
+
+// Counts the cases and mismatches of each operation; logs the first ten mismatches.
+struct Checker {
+    Tally *t;
+    FILE *log;
+    uint64_t logged = 0;
+    void operator()(int k, bool same, const MSFLOAT &a, const MSFLOAT &b) {
         ++t[k].cases;
         if (same) return;
         ++t[k].mismatches;
-        if (log && ++total <= 10)
+        if (log && ++logged <= 10)
             fprintf(log, "mismatch in %s: a (%d,%u,%u) b (%d,%u,%u)\n", kNames[k], a.sign, a.exponent, a.mantissa,
                     b.sign, b.exponent, b.mantissa);
-    };
-    // Binary in-place operations, and each with its operand passed as both arguments.
+    }
+};
+
+// Binary in-place operations, each also with its operand passed as both arguments.
+void CompareBinary(Checker &check, const MSFLOAT &a, const MSFLOAT &b, bool alias) {
     using Lib = int8_t (*)(MSFLOAT *, const MSFLOAT *);
     static const Lib kLib[] = {MSFLOAT_OpMultiEq, MSFLOAT_OpDivEq, MSFLOAT_OpPlusEq, MSFLOAT_OpMinusEq};
     static const Lib kRef[] = {msfloat_reference::OpMultiEq, msfloat_reference::OpDivEq, msfloat_reference::OpPlusEq,
                                msfloat_reference::OpMinusEq};
     static const int kIndex[] = {3, 4, 9, 10};
+    for (int op = 0; op < 4; ++op) {
+        MSFLOAT x = a, y = a;
+        const int8_t rx = alias ? kLib[op](&x, &x) : kLib[op](&x, &b);
+        const int8_t ry = alias ? kRef[op](&y, &y) : kRef[op](&y, &b);
+        check(kIndex[op], rx == ry && Same(x, y), a, b);
+    }
+    check(8, MSFLOAT_AbsCompGreater(&a, &b) == msfloat_reference::AbsCompGreater(&a, &b), a, b);
+    check(11, MSFLOAT_OpCompGreater(&a, &b) == msfloat_reference::OpCompGreater(&a, &b), a, b);
+}
+
+// Conversions and the operations on one operand.
+void CompareUnary(Checker &check, Rng &rng, const MSFLOAT &a, const MSFLOAT &b) {
+    {
+        MSFLOAT x, y;
+        const int32_t v = Integer(rng);
+        const int8_t rx = MSFLOAT_I2F(&x, v), ry = msfloat_reference::I2F(&y, v);
+        check(0, rx == ry && Same(x, y), a, MSFLOAT{0, 0, 0});
+    }
+    {
+        int32_t x = 1, y = 1;
+        const int8_t rx = MSFLOAT_F2I(&x, &a), ry = msfloat_reference::F2I(&y, &a);
+        check(1, rx == ry && x == y, a, b);
+    }
+    check(2, MSFLOAT_Sign(&a) == msfloat_reference::Sign(&a), a, b);
+    const int16_t n = static_cast<int16_t>(static_cast<int32_t>(rng.below(601)) - 300);
+    MSFLOAT x = a, y = a;
+    const int8_t rx = MSFLOAT_OpShiftEq(&x, n), ry = msfloat_reference::OpShiftEq(&y, n);
+    check(5, rx == ry && Same(x, y), a, b);
+    x = a, y = a;
+    check(6, MSFLOAT_OpNeg(&x) == msfloat_reference::OpNeg(&y) && Same(x, y), a, b);
+    x = a, y = a;
+    check(7, MSFLOAT_OpAbs(&x) == msfloat_reference::OpAbs(&y) && Same(x, y), a, b);
+    x = a, y = a;
+    check(12, MSFLOAT_Square(&x) == msfloat_reference::Square(&y) && Same(x, y), a, b);
+    x = a, y = a;
+    check(13, MSFLOAT_Sqrt(&x) == msfloat_reference::Sqrt(&y) && Same(x, y), a, b);
+}
+
+// The loops' register sum (its status dropped) against the first OpPlusEq/OpMinusEq.
+void CompareSums(Checker &check, const MSFLOAT &a, const MSFLOAT &b) {
+    for (int op = 0; op < 2; ++op) {
+        msf::Sum sum;
+        sum.sign = a.sign;
+        sum.exponent = a.exponent;
+        sum.mantissa = a.mantissa;
+        MSFLOAT x, y = a;
+        if (op == 0) {
+            sum.Add(b);
+            (void)msfloat_reference::OpPlusEq(&y, &b);
+        } else {
+            sum.Subtract(b);
+            (void)msfloat_reference::OpMinusEq(&y, &b);
+        }
+        sum.Store(&x);
+        check(14 + op, Same(x, y), a, b);
+    }
+    // Its short form for sums of zero or positive normalised terms.
+    auto nonNegative = [](MSFLOAT v) {
+        if (v.sign == 0 || (v.mantissa & 0x8000u) == 0) return MSFLOAT{0, 0, 0};
+        return MSFLOAT{1, v.exponent, v.mantissa};
+    };
+    const MSFLOAT p = nonNegative(a), r = nonNegative(b);
+    msf::Sum sum;
+    sum.AddNonNegative(p);
+    sum.AddNonNegative(r);
+    MSFLOAT x, y = p;
+    (void)msfloat_reference::OpPlusEq(&y, &r);
+    sum.Store(&x);
+    check(16, Same(x, y), p, r);
+}
+
+}  // namespace
+
+uint64_t Run(uint64_t cases, uint64_t seed, Tally t[kOps], FILE *log) {
+    for (int k = 0; k < kOps; ++k) t[k] = Tally{kNames[k], 0, 0};
+    Rng rng{seed};
+    Checker check{t, log};
     for (uint64_t i = 0; i < cases; ++i) {
         const MSFLOAT a = Operand(rng), b = Partner(rng, a);
-        const bool alias = (i & 15) == 0;
-        for (int op = 0; op < 4; ++op) {
-            MSFLOAT x = a, y = a;
-            const int8_t rx = alias ? kLib[op](&x, &x) : kLib[op](&x, &b);
-            const int8_t ry = alias ? kRef[op](&y, &y) : kRef[op](&y, &b);
-            check(kIndex[op], rx == ry && Same(x, y), a, b);
-        }
-        {
-            MSFLOAT x, y;
-            const int32_t v = Integer(rng);
-            const int8_t rx = MSFLOAT_I2F(&x, v), ry = msfloat_reference::I2F(&y, v);
-            check(0, rx == ry && Same(x, y), a, MSFLOAT{0, 0, 0});
-        }
-        {
-            int32_t x = 1, y = 1;
-            const int8_t rx = MSFLOAT_F2I(&x, &a), ry = msfloat_reference::F2I(&y, &a);
-            check(1, rx == ry && x == y, a, b);
-        }
-        check(2, MSFLOAT_Sign(&a) == msfloat_reference::Sign(&a), a, b);
-        {
-            const int16_t n = static_cast<int16_t>(static_cast<int32_t>(rng.below(601)) - 300);
-            MSFLOAT x = a, y = a;
-            const int8_t rx = MSFLOAT_OpShiftEq(&x, n), ry = msfloat_reference::OpShiftEq(&y, n);
-            check(5, rx == ry && Same(x, y), a, b);
-        }
-        {
-            MSFLOAT x = a, y = a;
-            check(6, MSFLOAT_OpNeg(&x) == msfloat_reference::OpNeg(&y) && Same(x, y), a, b);
-            x = a, y = a;
-            check(7, MSFLOAT_OpAbs(&x) == msfloat_reference::OpAbs(&y) && Same(x, y), a, b);
-        }
-        check(8, MSFLOAT_AbsCompGreater(&a, &b) == msfloat_reference::AbsCompGreater(&a, &b), a, b);
-        check(11, MSFLOAT_OpCompGreater(&a, &b) == msfloat_reference::OpCompGreater(&a, &b), a, b);
-        {
-            MSFLOAT x = a, y = a;
-            check(12, MSFLOAT_Square(&x) == msfloat_reference::Square(&y) && Same(x, y), a, b);
-            x = a, y = a;
-            check(13, MSFLOAT_Sqrt(&x) == msfloat_reference::Sqrt(&y) && Same(x, y), a, b);
-        }
-        for (int op = 0; op < 2; ++op) {  // the loops' register sum, its status dropped
-            msf::Sum sum;
-            sum.sign = a.sign;
-            sum.exponent = a.exponent;
-            sum.mantissa = a.mantissa;
-            MSFLOAT x, y = a;
-            if (op == 0) {
-                sum.Add(b);
-                (void)msfloat_reference::OpPlusEq(&y, &b);
-            } else {
-                sum.Subtract(b);
-                (void)msfloat_reference::OpMinusEq(&y, &b);
-            }
-            sum.Store(&x);
-            check(14 + op, Same(x, y), a, b);
-        }
-        {  // its short form for sums of zero or positive normalised terms
-            auto nonNegative = [](MSFLOAT v) {
-                if (v.sign == 0 || (v.mantissa & 0x8000u) == 0) return MSFLOAT{0, 0, 0};
-                return MSFLOAT{1, v.exponent, v.mantissa};
-            };
-            const MSFLOAT p = nonNegative(a), r = nonNegative(b);
-            msf::Sum sum;
-            sum.AddNonNegative(p);
-            sum.AddNonNegative(r);
-            MSFLOAT x, y = p;
-            (void)msfloat_reference::OpPlusEq(&y, &r);
-            sum.Store(&x);
-            check(16, Same(x, y), p, r);
-        }
+        CompareBinary(check, a, b, (i & 15) == 0);
+        CompareUnary(check, rng, a, b);
+        CompareSums(check, a, b);
     }
-    total = 0;
+    uint64_t total = 0;
     for (int k = 0; k < kOps; ++k) total += t[k].mismatches;
     return total;
 }

@@ -29,7 +29,7 @@
 
 #include <stdint.h>
 
-#include "platform/kmxc_api.h"
+#include "common/common.h"
 
 KMXC_BEGIN_DECLS
 
@@ -66,6 +66,11 @@ typedef struct MsEigenPair {
 #define MSFLOAT_UNDERFLOW (-126)
 #define MSFLOAT_OVERFLOW (-127)
 
+/* MSFLOAT_Sign's values (sign + 1). */
+#define MSFLOAT_SIGN_NEGATIVE 0
+#define MSFLOAT_SIGN_ZERO 1
+#define MSFLOAT_SIGN_POSITIVE 2
+
 /* ---- Constants ------------------------------------------------------------------
  *   MSFLOAT_0          (0, 0, 0)           0
  *   MSFLOAT_1          (+1, 113, 0x8000)   1
@@ -81,7 +86,8 @@ KMXC_API extern const MSFLOAT MSFLOAT_maxsint32;
 /* ---- Operations -----------------------------------------------------------------
  *   MSFLOAT_I2F            *a = value (low bits beyond 16 significant dropped)    0
  *   MSFLOAT_F2I            *out = *a truncated toward zero          0, -127 (out untouched)
- *   MSFLOAT_Sign           0 negative, 1 zero, 2 positive (a value, not a status)
+ *   MSFLOAT_Sign           0 negative, 1 zero, 2 positive (MSFLOAT_SIGN_*: a value,
+ *                          not a status)
  *   MSFLOAT_OpMultiEq      a = a * b                                0, -126, -127
  *   MSFLOAT_OpDivEq        a = a / b                                0, -2, -126, -127
  *   MSFLOAT_OpShiftEq      a = a * 2^n                              0, -126, -127

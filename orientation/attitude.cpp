@@ -30,33 +30,32 @@ namespace {
 
 constexpr int32_t kOne = 4096;  // Q12
 
-struct Vec {
-    int32_t x, y, z;
-};
-
-Vec limited(const KmxAxesData &sample, const KmxAxesData &offset) {
+KmxAxesData limited(const KmxAxesData &sample, const KmxAxesData &offset) {
     return {KmxAxesLibLimitedDifference(sample.x, offset.x), KmxAxesLibLimitedDifference(sample.y, offset.y),
             KmxAxesLibLimitedDifference(sample.z, offset.z)};
 }
 
-uint32_t sum_of_squares(const Vec &v) {
+uint32_t sum_of_squares(const KmxAxesData &v) {
     return static_cast<uint32_t>(v.x * v.x) + static_cast<uint32_t>(v.y * v.y) + static_cast<uint32_t>(v.z * v.z);
 }
 
-Vec scaled_by_norm(const Vec &v, int32_t norm) { return {v.x * kOne / norm, v.y * kOne / norm, v.z * kOne / norm}; }
+KmxAxesData scaled_by_norm(const KmxAxesData &v, int32_t norm) {
+    return {v.x * kOne / norm, v.y * kOne / norm, v.z * kOne / norm};
+}
 
 // a x b with each component divided by 4096.
-Vec cross_q12(const Vec &a, const Vec &b) {
+KmxAxesData cross_q12(const KmxAxesData &a, const KmxAxesData &b) {
     return {(a.y * b.z - a.z * b.y) / kOne, (a.z * b.x - a.x * b.z) / kOne, (a.x * b.y - a.y * b.x) / kOne};
 }
 
-void store(KmxAxesData *to, const Vec &v) {
+// Field by field: a whole-record copy costs more on ARMv5TE.
+void store(KmxAxesData *to, const KmxAxesData &v) {
     to->x = v.x;
     to->y = v.y;
     to->z = v.z;
 }
 
-void store_row(int16_t *row, const Vec &v) {
+void store_row(int16_t *row, const KmxAxesData &v) {
     row[0] = static_cast<int16_t>(v.x);
     row[1] = static_cast<int16_t>(v.y);
     row[2] = static_cast<int16_t>(v.z);
@@ -64,14 +63,14 @@ void store_row(int16_t *row, const Vec &v) {
 
 int8_t no_attitude(KmxAxesAttitude *out) {
     *out = KmxAxesLibDefaultAttitude;
-    return 1;
+    return KMXC_ORI_NO_ATTITUDE;
 }
 
 }  // namespace
 
 int8_t KmxAxesLibGetAttitude(const KmxAxesData *ms, const KmxAxesData *gs, KmxAxesAttitude *out) {
-    const Vec m = limited(*ms, g_AxesLib.msOffset);
-    const Vec g = limited(*gs, g_AxesLib.gsOffset);
+    const KmxAxesData m = limited(*ms, g_AxesLib.msOffset);
+    const KmxAxesData g = limited(*gs, g_AxesLib.gsOffset);
     store(&out->ms, m);
     store(&out->gs, g);
     const uint32_t ms_norm = KmxAxesLibIntSqrt(sum_of_squares(m));
@@ -80,9 +79,9 @@ int8_t KmxAxesLibGetAttitude(const KmxAxesData *ms, const KmxAxesData *gs, KmxAx
     out->gsNorm = static_cast<uint16_t>(gs_norm);
     if (gs_norm == 0 || ms_norm == 0) return no_attitude(out);
 
-    const Vec mu = scaled_by_norm(m, static_cast<int32_t>(ms_norm));
-    const Vec gu = scaled_by_norm(g, static_cast<int32_t>(gs_norm));
-    Vec east = cross_q12(gu, mu);
+    const KmxAxesData mu = scaled_by_norm(m, static_cast<int32_t>(ms_norm));
+    const KmxAxesData gu = scaled_by_norm(g, static_cast<int32_t>(gs_norm));
+    KmxAxesData east = cross_q12(gu, mu);
     const uint32_t east_norm = KmxAxesLibIntSqrt(sum_of_squares(east));
     if (east_norm == 0) return no_attitude(out);  // field parallel to gravity
     east = scaled_by_norm(east, static_cast<int32_t>(east_norm));
@@ -94,6 +93,6 @@ int8_t KmxAxesLibGetAttitude(const KmxAxesData *ms, const KmxAxesData *gs, KmxAx
 
     store_row(&out->matrix[0], east);
     store_row(&out->matrix[3], cross_q12(east, gu));  // north, not normalised again
-    store_row(&out->matrix[6], Vec{-gu.x, -gu.y, -gu.z});
-    return 0;
+    store_row(&out->matrix[6], KmxAxesData{-gu.x, -gu.y, -gu.z});
+    return KMXC_ORI_OK;
 }

@@ -78,10 +78,10 @@ int8_t KmxAxesLibCalcDirectionWOF(const KmxAxesAttitude *attitude, uint16_t *hea
     }
     if (x == 0 && y == 0) {
         *heading = 0;
-        return 1;
+        return KMXC_ORI_NO_HEADING;
     }
     *heading = static_cast<uint16_t>(KmxAxesLibAtan2(x, y) / 8);
-    return 0;
+    return KMXC_ORI_OK;
 }
 
 void KmxAxesLibSmoothDirection(KmxAxesLibSmootherHistory *history, uint16_t heading, uint16_t *smoothed) {
@@ -114,5 +114,5 @@ int8_t KmxAxesLibCalcDirection(const KmxAxesAttitude *attitude, uint16_t *headin
     // A heading that could not be formed is 0 and is smoothed like any other.
     (void)KmxAxesLibCalcDirectionWOF(attitude, &raw, threshold);
     KmxAxesLibSmoothDirection(&KmxAxesLibDirectionState, raw, heading);
-    return 0;
+    return KMXC_ORI_OK;
 }

@@ -63,11 +63,11 @@ void KmxAxesLibAzimuthFilterStep(int16_t heading) {
 }
 
 int8_t KmxAxesLibGetAzimuthFiltered(double heading, double *out) {
-    if (out == nullptr) return -1;
-    if (!(heading >= 0.0 && heading <= 360.0)) return -1;  // NaN is refused as well
-    const int16_t whole = static_cast<int16_t>(heading);   // truncation, 0..360
+    if (out == nullptr) return KMXC_ORI_INVALID;
+    if (!(heading >= 0.0 && heading <= 360.0)) return KMXC_ORI_INVALID;  // NaN is refused as well
+    const int16_t whole = static_cast<int16_t>(heading);                 // truncation, 0..360
     KmxAxesLibAzimuthFilterStep(whole);
     *out = KmxAxesLibAzimuthFilterState.hold != 0 ? static_cast<double>(KmxAxesLibAzimuthFilterState.heldAzimuth)
                                                   : static_cast<double>(whole);
-    return 0;
+    return KMXC_ORI_OK;
 }

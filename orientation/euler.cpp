@@ -36,10 +36,10 @@ double truncated(double v) {
 }  // namespace
 
 int8_t KmxAxesLibGetRotationMatrix(const double *gravity, const double *field, double *matrix) {
-    if (field == nullptr || gravity == nullptr || matrix == nullptr) return -1;
+    if (field == nullptr || gravity == nullptr || matrix == nullptr) return KMXC_ORI_INVALID;
     const double gravity_length = length(gravity);
     const double field_length = length(field);
-    if (gravity_length == 0.0 || field_length == 0.0) return -1;
+    if (gravity_length == 0.0 || field_length == 0.0) return KMXC_ORI_INVALID;
     double a[3] = {gravity[0], gravity[1], gravity[2]};
     double b[3] = {field[0], field[1], field[2]};
     divide(a, gravity_length);
@@ -48,12 +48,12 @@ int8_t KmxAxesLibGetRotationMatrix(const double *gravity, const double *field, d
     double c[3];  // east
     cross(a, b, c);
     const double c_length = length(c);
-    if (c_length == 0.0) return -1;  // field parallel to gravity
+    if (c_length == 0.0) return KMXC_ORI_INVALID;  // field parallel to gravity
     divide(c, c_length);
     double d[3];  // north
     cross(c, a, d);
     const double d_length = length(d);
-    if (d_length == 0.0) return -1;
+    if (d_length == 0.0) return KMXC_ORI_INVALID;
     divide(d, d_length);
 
     for (int i = 0; i < 3; ++i) {
@@ -61,11 +61,11 @@ int8_t KmxAxesLibGetRotationMatrix(const double *gravity, const double *field, d
         matrix[3 + i] = d[i];
         matrix[6 + i] = -a[i];  // up; a zero component becomes -0.0
     }
-    return 0;
+    return KMXC_ORI_OK;
 }
 
 int8_t KmxAxesLibGetEuler(const double *matrix, double *angles) {
-    if (angles == nullptr || matrix == nullptr) return -1;
+    if (angles == nullptr || matrix == nullptr) return KMXC_ORI_INVALID;
     const double *r = matrix;
     double yaw = atan2(r[1] - r[3], r[0] + r[4]) * kDegreesPerRadian;
     double pitch = -asin(r[7]) * kDegreesPerRadian;
@@ -81,5 +81,5 @@ int8_t KmxAxesLibGetEuler(const double *matrix, double *angles) {
     (void)KmxAxesLibGetAzimuthFiltered(angles[0], &angles[0]);
     angles[1] = truncated(pitch);
     angles[2] = truncated(roll);
-    return 0;
+    return KMXC_ORI_OK;
 }

@@ -6,5 +6,5 @@ int8_t KmxAxesLibInit(void) {
     KmxAxesLibSetMsOffset(&KmxAxesData_Constructor);
     KmxAxesLibSetGsOffset(&KmxAxesData_Constructor);
     KmxAxesLibAzimuthFilterInit();
-    return 0;
+    return KMXC_ORI_OK;
 }

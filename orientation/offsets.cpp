@@ -1,20 +1,20 @@
 // The library's offsets: the only writers of g_AxesLib besides KmxAxesLibInit.
+#include "drivers/kmxc_protocol.h"
 #include "orientation/orientation.h"
 
 constinit KmxAxesLib g_AxesLib = {{0, 0, 0}, {0, 0, 0}};
-constinit const KmxAxesData KmxAxesData_Constructor = {0, 0, 0};
 
 namespace {
 
 constexpr int32_t kMsOffsetLimit = 16384;
-constexpr uint8_t kRoughOffsetMax = 31;
+constexpr uint8_t kRoughOffsetMax = kmxc::kRoughMax;  // the chip's largest rough setting
 
-// Field by field; returns 0, the result of every offset accessor.
+// Field by field; returns KMXC_ORI_OK, the result of every offset accessor.
 int8_t copy(KmxAxesData *to, const KmxAxesData *from) {
     to->x = from->x;
     to->y = from->y;
     to->z = from->z;
-    return 0;
+    return KMXC_ORI_OK;
 }
 
 bool within_limit(int32_t v) { return v >= -kMsOffsetLimit && v <= kMsOffsetLimit; }
@@ -45,6 +45,6 @@ int8_t KmxAxesGsCalibGetGsOffset(const KmxAxesData *resting, KmxAxesData *out) {
     // wraps as the 32-bit design does instead of overflowing.
     out->x = resting->x;
     out->y = resting->y;
-    out->z = static_cast<int32_t>(static_cast<uint32_t>(resting->z) + 4096u);
-    return 0;
+    out->z = static_cast<int32_t>(static_cast<uint32_t>(resting->z) + KMXC_GS_COUNTS_PER_G);
+    return KMXC_ORI_OK;
 }

@@ -6,8 +6,9 @@
  *
  * Units: magnetic samples and offsets in corrected magnetometer counts (0.4 uT
  * each); gravity samples and offsets in 1/4096 of standard gravity (a device lying
- * still in its reference attitude reads about (0, 0, -4096)). Angles are whole
- * degrees, heading measured from north toward east.
+ * still in its reference attitude reads about (0, 0, -4096)); both as in
+ * common/common.h, which also holds KmxAxesData. Angles are whole degrees, heading
+ * measured from north toward east.
  *
  * State: g_AxesLib (the two offsets) and the heading smoother's and azimuth
  * filter's histories, all static. No threads, no locks: call from one thread, one
@@ -18,16 +19,17 @@
 
 #include <stdint.h>
 
-#include "platform/kmxc_api.h"
+#include "common/common.h"
 
 KMXC_BEGIN_DECLS
 
-/* Three-axis sample or offset. */
-typedef struct KmxAxesData {
-    int32_t x;
-    int32_t y;
-    int32_t z;
-} KmxAxesData;
+/* Results, tabled per function below. */
+enum KmxAxesLibResult {
+    KMXC_ORI_OK = 0,
+    KMXC_ORI_NO_ATTITUDE = 1, /* KmxAxesLibGetAttitude: the default record was written */
+    KMXC_ORI_NO_HEADING = 1,  /* KmxAxesLibCalcDirectionWOF: heading set to 0 */
+    KMXC_ORI_INVALID = -1     /* a null pointer or an argument out of range; nothing done */
+};
 
 /* The library's offsets; zero at load and after KmxAxesLibInit. */
 typedef struct KmxAxesLib {
@@ -36,8 +38,6 @@ typedef struct KmxAxesLib {
 } KmxAxesLib;
 
 KMXC_API extern KmxAxesLib g_AxesLib;
-/* All-zero KmxAxesData: the reset value of every sample and offset record. */
-KMXC_API extern const KmxAxesData KmxAxesData_Constructor;
 
 /* ---- Offsets --------------------------------------------------------------------
  * Get/Set copy between the caller's record and g_AxesLib; they check neither the
@@ -45,7 +45,8 @@ KMXC_API extern const KmxAxesData KmxAxesData_Constructor;
  *
  *   KmxAxesLibIsValidMsOffset     1: non-null and every component in -16384..16384
  *   KmxAxesLibIsValidRoughOffset  1: non-null and each of the 3 steps <= 31
- *                                 0: otherwise (255 marks "not known")
+ *                                 0: otherwise (KMXC_ROUGH_UNKNOWN, 255, marks
+ *                                 "not known")
  *   KmxAxesGsCalibGetGsOffset     out = (x, y, z + 4096) of a resting gravity sample;
  *                                 stores nothing, returns 0
  */
@@ -64,9 +65,10 @@ KMXC_API int8_t KmxAxesGsCalibGetGsOffset(const KmxAxesData *resting, KmxAxesDat
  * sample points the way gravity pulls. The north row is not normalised again: its
  * length is 4096 only to within the truncations of the other two rows.
  *
- *   0  attitude formed
- *   1  zero field, zero gravity or field parallel to gravity: the output holds the
- *      default record (identity matrix, zero norms and vectors, msGsCos 4096)
+ *   0  KMXC_ORI_OK           attitude formed
+ *   1  KMXC_ORI_NO_ATTITUDE  zero field, zero gravity or field parallel to gravity:
+ *      the output holds the default record (identity matrix, zero norms and
+ *      vectors, msGsCos 4096)
  * No pointer is checked.
  */
 typedef struct KmxAxesAttitude {
@@ -86,9 +88,10 @@ KMXC_API int8_t KmxAxesLibGetAttitude(const KmxAxesData *ms, const KmxAxesData *
  * and the heading of the -z axis (+z when y points down) is taken instead. The
  * arctangent is a 33-entry table with linear interpolation (about 1/8 degree).
  *
- *   KmxAxesLibCalcDirectionWOF  0 heading written; 1 both chosen entries are zero,
- *                               heading set to 0. Keeps no state.
- *   KmxAxesLibCalcDirection     0 always: the same heading passed through a
+ *   KmxAxesLibCalcDirectionWOF  0 KMXC_ORI_OK heading written; 1 KMXC_ORI_NO_HEADING
+ *                               both chosen entries are zero, heading set to 0.
+ *                               Keeps no state.
+ *   KmxAxesLibCalcDirection     0 KMXC_ORI_OK always: the same heading passed through a
  *                               second-order smoother whose history lives as long as
  *                               the library and is never reset (not by
  *                               KmxAxesLibInit either).
@@ -103,8 +106,9 @@ KMXC_API int8_t KmxAxesLibCalcDirection(const KmxAxesAttitude *attitude, uint16_
  * once the smoothed value moves more than 5 degrees from the held one. Usable only
  * after KmxAxesLibAzimuthFilterInit (KmxAxesLibInit calls it).
  *
- *   KmxAxesLibGetAzimuthFiltered  0 done; -1 out is null or heading is outside
- *                                 0.0..360.0 (NaN included): nothing changes
+ *   KmxAxesLibGetAzimuthFiltered  0 KMXC_ORI_OK done; -1 KMXC_ORI_INVALID out is null
+ *                                 or heading is outside 0.0..360.0 (NaN included):
+ *                                 nothing changes
  */
 KMXC_API void KmxAxesLibAzimuthFilterInit(void);
 KMXC_API int8_t KmxAxesLibGetAzimuthFiltered(double heading, double *out);
@@ -119,13 +123,13 @@ KMXC_API int8_t KmxAxesLibGetAzimuthFiltered(double heading, double *out);
  *
  * KmxAxesLibGetRotationMatrix: nine doubles row-major, rows east, north, up as unit
  * vectors in device axes; only the directions of gravity and field matter.
- *   0 done; -1 a pointer is null, or gravity, field, their cross product or the
- *   north row has length exactly 0.0 (nothing written)
+ *   0 KMXC_ORI_OK done; -1 KMXC_ORI_INVALID a pointer is null, or gravity, field,
+ *   their cross product or the north row has length exactly 0.0 (nothing written)
  * KmxAxesLibGetEuler: angles = azimuth (0..360, after the hold filter, which it
  * advances by one step), pitch (-180..179: minus the elevation of the y axis,
  * folded beyond +-90 when the device faces down), roll (-90..90: minus the
  * elevation of the x axis); each truncated toward zero to a whole number.
- *   0 done; -1 a pointer is null
+ *   0 KMXC_ORI_OK done; -1 KMXC_ORI_INVALID a pointer is null
  */
 KMXC_API int8_t KmxAxesLibGetRotationMatrix(const double *gravity, const double *field, double *matrix);
 KMXC_API int8_t KmxAxesLibGetEuler(const double *matrix, double *angles);
@@ -133,7 +137,7 @@ KMXC_API int8_t KmxAxesLibGetEuler(const double *matrix, double *angles);
 /* ---- Physical units -----------------------------------------------------------------
  * Offset removed and limited as in KmxAxesLibGetAttitude, then scaled: gravity to
  * m/s^2 (x 1/4096, then x 9.80665), field to microtesla (x 0.4). Out: x, y, z.
- *   0 done; -1 a pointer is null (nothing written)
+ *   0 KMXC_ORI_OK done; -1 KMXC_ORI_INVALID a pointer is null (nothing written)
  */
 KMXC_API int8_t KmxAxesLibGetGravityEarth(const KmxAxesData *gs, double *out);
 KMXC_API int8_t KmxAxesLibGetMagneticT(const KmxAxesData *ms, double *out);
@@ -150,7 +154,7 @@ KMXC_API int8_t KmxAxesLibInit(void);
  * (226 raw counts on channel k through KmxAxesDrvMsensCorrection at g_Temprature);
  * plus it per step down. Steps are not range-checked; in and out may be the same
  * record; g_AxesLib is not written.
- *   0 done; -1 a pointer is null (out untouched)
+ *   0 KMXC_ORI_OK done; -1 KMXC_ORI_INVALID a pointer is null (out untouched)
  */
 KMXC_API int8_t KmxAxesLibRecalcMsOffset(const KmxAxesData *in, KmxAxesData *out, const uint8_t *oldRough,
                                          const uint8_t *newRough);

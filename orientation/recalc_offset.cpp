@@ -23,7 +23,7 @@ int32_t wrap_sub(int32_t a, int32_t b) {
 
 int8_t KmxAxesLibRecalcMsOffset(const KmxAxesData *in, KmxAxesData *out, const uint8_t *oldRough,
                                 const uint8_t *newRough) {
-    if (out == nullptr || in == nullptr || newRough == nullptr || oldRough == nullptr) return -1;
+    if (out == nullptr || in == nullptr || newRough == nullptr || oldRough == nullptr) return KMXC_ORI_INVALID;
 
     const uint16_t zero[3] = {0, 0, 0};
     KmxAxesData base;
@@ -57,5 +57,5 @@ int8_t KmxAxesLibRecalcMsOffset(const KmxAxesData *in, KmxAxesData *out, const u
     out->x = offset.x;
     out->y = offset.y;
     out->z = offset.z;
-    return 0;
+    return KMXC_ORI_OK;
 }

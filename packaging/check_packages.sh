@@ -74,4 +74,21 @@ for deb in "${order[@]}"; do
   fi
   echo "$deb ($got_arch, depends: $got_deps): $(wc -l <<<"$got") files"
 done
+
+# The installed headers are complete on their own: every header one of them includes
+# with quotes ("common/common.h", ...) is in the same package, beside it under
+# include/kmxc_orvane.
+for deb in "${order[@]}"; do
+  headers=$(grep '^/usr/include/kmxc_orvane/.*\.h$' <<<"${files[$deb]}" || true)
+  [ -n "$headers" ] || continue
+  unpacked=$work/unpacked-${deb%.deb}
+  dpkg-deb -x "$work/$deb" "$unpacked"
+  while IFS= read -r header; do
+    while IFS= read -r included; do
+      [ -f "$unpacked/usr/include/kmxc_orvane/$included" ] ||
+        { echo "FAIL: $deb: $header includes \"$included\", which the package does not hold" >&2; status=1; }
+    done < <(sed -n 's/^#include "\([^"]*\)".*/\1/p' "$unpacked$header")
+  done <<<"$headers"
+  echo "$deb: $(wc -l <<<"$headers") headers, each complete with the package's others"
+done
 exit $status

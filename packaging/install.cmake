@@ -2,7 +2,8 @@
 # CMake package. Included last from the top CMakeLists.txt.
 #
 #   <libdir>/libkmxc_orvane.so, libkmxc_service.so       the libraries (component runtime)
-#   <includedir>/kmxc_orvane/<subsystem>/<subsystem>.h   public C headers (development)
+#   <includedir>/kmxc_orvane/<subsystem>/<subsystem>.h   public C headers, common/common.h
+#                                                        among them (development)
 #   <libdir>/pkgconfig/kmxc_orvane.pc, kmxc_service.pc   pkg-config files (development)
 #   <libdir>/cmake/kmxc_orvane/                          CMake package (development)
 #   <bindir>/compass_service                             the demo service (tools)
@@ -51,12 +52,10 @@ install(TARGETS ${kmxc_exported} EXPORT kmxc_orvane_targets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime
   INCLUDES DESTINATION ${KMXC_INCLUDE_SUBDIR})
 
-foreach(subsystem orientation calibration numerics drivers platform smb380)
+foreach(subsystem common platform numerics smb380 drivers calibration orientation)
   install(FILES ${PROJECT_SOURCE_DIR}/${subsystem}/${subsystem}.h
     DESTINATION ${KMXC_INCLUDE_SUBDIR}/${subsystem} COMPONENT development)
 endforeach()
-install(FILES ${PROJECT_SOURCE_DIR}/platform/kmxc_api.h
-  DESTINATION ${KMXC_INCLUDE_SUBDIR}/platform COMPONENT development)
 if(TARGET kmxc_service)
   install(FILES ${PROJECT_SOURCE_DIR}/service/kmxc_service.h
     DESTINATION ${KMXC_INCLUDE_SUBDIR}/service COMPONENT development)

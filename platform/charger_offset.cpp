@@ -26,19 +26,19 @@ void fill_counts(int32_t *out, const int32_t (&defaults)[3]) {
 extern "C" int msmachdep_LoadChargerOffset(double *first, double *second, int32_t *third, int32_t *fourth) {
     const int32_t profile = msmachdep_ReadProfileNumber();
     // A profile number below 1 selects no line: nothing is read or filled.
-    if (profile < 1) return -1;
-    if (msmachdep_ReadNumberedLine(kChargerPath, profile, 0) < 0) return -1;
+    if (profile < 1) return KMXC_PLAT_CHARGER_NO_LINE;
+    if (msmachdep_ReadNumberedLine(kChargerPath, profile, 0) < 0) return KMXC_PLAT_CHARGER_NO_LINE;
 
-    if (first == nullptr) return -2;
+    if (first == nullptr) return KMXC_PLAT_CHARGER_NULL_FIRST;
     // The first field starts the split of the selected line.
     first[0] = static_cast<double>(msmachdep_ParseInt(msmachdep_TokenOrZero(g_LineBuffer))) / kScale;
     for (int i = 1; i < 3; ++i)
         first[i] = static_cast<double>(msmachdep_ParseInt(msmachdep_TokenOrZero(nullptr))) / kScale;
-    if (second == nullptr) return -3;
+    if (second == nullptr) return KMXC_PLAT_CHARGER_NULL_SECOND;
     fill_scaled(second);
-    if (third == nullptr) return -4;
+    if (third == nullptr) return KMXC_PLAT_CHARGER_NULL_THIRD;
     fill_counts(third, {1000, 700, 500});
-    if (fourth == nullptr) return -5;
+    if (fourth == nullptr) return KMXC_PLAT_CHARGER_NULL_FOURTH;
     fill_counts(fourth, {2500, 1800, 1000});
-    return 0;
+    return KMXC_PLAT_OK;
 }

@@ -28,13 +28,13 @@ int8_t transfer(uint8_t length, Buffer *buffer, const char *name, Call call) {
         const ssize_t moved = call(g_CompassFd, position, remaining);
         if (moved < 0) {
             std::perror(name);
-            return -1;
+            return KMXC_PLAT_FAILED;
         }
         if (moved == 0) {
             if (++zero_results >= MSMACHDEP_ZERO_TRANSFER_LIMIT) {
                 errno = EIO;
                 std::perror(name);
-                return -1;
+                return KMXC_PLAT_FAILED;
             }
             continue;
         }
@@ -42,7 +42,7 @@ int8_t transfer(uint8_t length, Buffer *buffer, const char *name, Call call) {
         position += moved;
         remaining = static_cast<uint8_t>((static_cast<uint32_t>(remaining) - static_cast<uint32_t>(moved)) & 0xFFu);
     }
-    return 0;
+    return KMXC_PLAT_OK;
 }
 
 // One control request on the open device: `closed` when it is not open, `failed`
@@ -67,20 +67,21 @@ int8_t msmachdep_I2COpen(void) {
     g_CompassFd = open(kPath, O_RDWR);
     if (g_CompassFd == -1) {
         std::perror("open");
-        return -1;
+        return KMXC_PLAT_FAILED;
     }
-    return 0;
+    return KMXC_PLAT_OK;
 }
 
 int8_t msmachdep_I2CClose(void) {
-    if (g_CompassFd == -1) return -1;
+    if (g_CompassFd == -1) return KMXC_PLAT_FAILED;
     close(g_CompassFd);
     g_CompassFd = -1;
-    return 0;
+    return KMXC_PLAT_OK;
 }
 
 int8_t msmachdep_I2CSetSlaveAddress(int address) {
-    return control(kSelectSlave, address, "ioctl", -1, -1) < 0 ? -1 : 0;
+    return control(kSelectSlave, address, "ioctl", KMXC_PLAT_FAILED, KMXC_PLAT_FAILED) < 0 ? KMXC_PLAT_FAILED
+                                                                                           : KMXC_PLAT_OK;
 }
 
 int8_t msmachdep_I2CRead(uint8_t length, uint8_t *buffer) {
@@ -94,22 +95,28 @@ int8_t msmachdep_I2CWrite(uint8_t length, const uint8_t *buffer) {
 int8_t msmachdep_Sleep(uint32_t milliseconds) {
     // Unsigned arithmetic: a count beyond 4294967 ms wraps rather than overflows.
     usleep(static_cast<useconds_t>(milliseconds * 1000u));
-    return 0;
+    return KMXC_PLAT_OK;
 }
 
 int msmachdep_SetMagnetGuard(void) {
-    const int result = control(kSetMagnetGuard, 0, "msmachdep_SetMagnetGuard", -1, -2);
-    return result < 0 ? result : 0;
+    const int result =
+        control(kSetMagnetGuard, 0, "msmachdep_SetMagnetGuard", KMXC_PLAT_FAILED, KMXC_PLAT_REQUEST_FAILED);
+    return result < 0 ? result : KMXC_PLAT_OK;
 }
 
-int msmachdep_GetMagnetGuard(void) { return control(kGetMagnetGuard, 0, "msmachdep_GetMagnetGuard", -1, -2); }
+int msmachdep_GetMagnetGuard(void) {
+    return control(kGetMagnetGuard, 0, "msmachdep_GetMagnetGuard", KMXC_PLAT_FAILED, KMXC_PLAT_REQUEST_FAILED);
+}
 
 int msmachdep_GetSensorControlInfo(void) {
+    // No information is 0, whether the device is closed or the request fails.
     return control(kGetSensorControlInfo, 0, "msmachdep_GetSensorControlInfo", 0, 0);
 }
 
 int msmachdep_SetChargerState(int state) {
-    return control(kSetChargerState, state, "msmachdep_SetChargerState", -1, -1) < 0 ? -1 : 0;
+    const int result =
+        control(kSetChargerState, state, "msmachdep_SetChargerState", KMXC_PLAT_FAILED, KMXC_PLAT_FAILED);
+    return result < 0 ? KMXC_PLAT_FAILED : KMXC_PLAT_OK;
 }
 
 int MsLogSave(int value, long detail) {

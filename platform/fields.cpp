@@ -8,7 +8,18 @@
 #include "platform/platform_internal.h"
 
 namespace {
+
 constexpr char kProfileNumberPath[] = "/sys/module/zorsensor/parameters/profile";
+constexpr int32_t kProfileWhenUnreadable = 1;
+
+// The default texts of the field readers are the markers' own digits.
+#define KMXC_TEXT_OF(literal) #literal
+#define KMXC_TEXT(marker) KMXC_TEXT_OF(marker)
+constexpr char kRoughUnknownText[] = KMXC_TEXT(KMXC_ROUGH_UNKNOWN);
+constexpr char kOffsetUnknownText[] = KMXC_TEXT(KMXC_OFFSET_UNKNOWN);
+#undef KMXC_TEXT
+#undef KMXC_TEXT_OF
+
 }  // namespace
 
 extern "C" {
@@ -17,7 +28,7 @@ constinit char g_LineBuffer[MSMACHDEP_LINE_BUFFER_SIZE] = {};
 
 const char *msmachdep_TokenOr255(char *text) {
     const char *field = std::strtok(text, ",");
-    return field != nullptr ? field : "255";
+    return field != nullptr ? field : kRoughUnknownText;
 }
 
 const char *msmachdep_TokenOrZero(char *text) {
@@ -27,7 +38,7 @@ const char *msmachdep_TokenOrZero(char *text) {
 
 const char *msmachdep_TokenOrMax(void) {
     const char *field = std::strtok(nullptr, ",");
-    return field != nullptr ? field : "2147483647";
+    return field != nullptr ? field : kOffsetUnknownText;
 }
 
 int32_t msmachdep_ParseInt(const char *text) {
@@ -45,25 +56,25 @@ int8_t msmachdep_ReadNumberedLine(const char *path, int32_t number, int report) 
     std::FILE *file = std::fopen(path, "r");
     if (file == nullptr) {
         if (report) std::perror("fopen");
-        return -1;
+        return KMXC_PLAT_FAILED;
     }
     for (int32_t line = 0; line < number; ++line) {
         if (std::fgets(g_LineBuffer, sizeof g_LineBuffer, file) == nullptr) {
             if (report) std::perror("fgets");
             std::fclose(file);
-            return -1;
+            return KMXC_PLAT_FAILED;
         }
     }
     std::fclose(file);
-    return 0;
+    return KMXC_PLAT_OK;
 }
 
 int32_t msmachdep_ReadProfileNumber(void) {
     std::FILE *file = std::fopen(kProfileNumberPath, "r");
-    if (file == nullptr) return 1;
+    if (file == nullptr) return kProfileWhenUnreadable;
     const bool read = std::fgets(g_LineBuffer, sizeof g_LineBuffer, file) != nullptr;
     std::fclose(file);
-    return read ? msmachdep_ParseInt(g_LineBuffer) : 1;
+    return read ? msmachdep_ParseInt(g_LineBuffer) : kProfileWhenUnreadable;
 }
 
 }  // extern "C"

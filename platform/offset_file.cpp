@@ -13,8 +13,8 @@
 
 namespace {
 
-constexpr char kMainPath[] = "/misc/sensor/kmxc_orvane.cfg";
-constexpr char kBackupPath[] = "/misc/sensor/kmxc_orvane-backup.cfg";
+constexpr char kMainPath[] = KMXC_CALIBRATION_FILE;
+constexpr char kBackupPath[] = KMXC_CALIBRATION_BACKUP_FILE;
 constexpr char kFormat[] = "%d,%d,%d,%d,%d,%d,%d,%d,%d";
 constexpr char kLogTag[] = "Msmachdep";
 constexpr uid_t kCompassUid = 1008;  // the compass user
@@ -25,7 +25,8 @@ constexpr int kFields = 9;
 constexpr int kRough = 0;
 constexpr int kGravity = 3;
 constexpr int kMagnetic = 6;
-constexpr int32_t kDefaults[kFields] = {255, 255, 255, 0, 0, 0, INT32_MAX, INT32_MAX, INT32_MAX};
+constexpr int32_t kDefaults[kFields] = {KMXC_ROUGH_UNKNOWN,  KMXC_ROUGH_UNKNOWN,  KMXC_ROUGH_UNKNOWN, 0, 0, 0,
+                                        KMXC_OFFSET_UNKNOWN, KMXC_OFFSET_UNKNOWN, KMXC_OFFSET_UNKNOWN};
 
 void log_error(const char *line) { __android_log_print(ANDROID_LOG_ERROR, kLogTag, "%s", line); }
 
@@ -54,27 +55,30 @@ bool write_and_close(std::FILE *file, const int32_t (&v)[kFields], bool report) 
 int8_t install_backup() {
     if (chown(kBackupPath, kCompassUid, kSystemGid) < 0) {
         std::perror("chown");
-        return -1;
+        return KMXC_PLAT_FAILED;
     }
     if (chmod(kBackupPath, kFileMode) < 0) {
         std::perror("chmod");
-        return -1;
+        return KMXC_PLAT_FAILED;
     }
     if (std::rename(kBackupPath, kMainPath) < 0) {
         std::perror("rename");
-        return -1;
+        return KMXC_PLAT_FAILED;
     }
-    return 0;
+    return KMXC_PLAT_OK;
 }
 
-// 1 when the main file is writable; 0 when it is missing; -1 after perror("access").
-int main_file_state() {
-    if (access(kMainPath, W_OK) == 0) return 1;
+enum class MainFile { kWritable, kMissing, kFailed };
+
+// kFailed after perror("access"): the file exists but is not writable, or the folder
+// cannot be searched.
+MainFile main_file_state() {
+    if (access(kMainPath, W_OK) == 0) return MainFile::kWritable;
     if (errno != ENOENT) {
         std::perror("access");
-        return -1;
+        return MainFile::kFailed;
     }
-    return 0;
+    return MainFile::kMissing;
 }
 
 // Which of msmachdep_LoadGsOffset's extra log lines to write; null for none.
@@ -89,20 +93,20 @@ int8_t read_current(int32_t (&v)[kFields], const ReadLog &log = {nullptr, nullpt
     if (file == nullptr) {
         if (log.cannot_open != nullptr) log_error(log.cannot_open);
         std::perror("fopen");
-        return -1;
+        return KMXC_PLAT_FAILED;
     }
     if (std::fgets(g_LineBuffer, sizeof g_LineBuffer, file) == nullptr) {
         if (log.cannot_read != nullptr) log_error(log.cannot_read);
         std::perror("fgets");
         std::fclose(file);
-        return -1;
+        return KMXC_PLAT_FAILED;
     }
     std::fclose(file);
     v[0] = msmachdep_ParseInt(msmachdep_TokenOr255(g_LineBuffer));
     for (int i = 1; i < 3; ++i) v[i] = msmachdep_ParseInt(msmachdep_TokenOr255(nullptr));
     for (int i = 3; i < 6; ++i) v[i] = msmachdep_ParseInt(msmachdep_TokenOrZero(nullptr));
     for (int i = 6; i < 9; ++i) v[i] = msmachdep_ParseInt(msmachdep_TokenOrMax());
-    return 0;
+    return KMXC_PLAT_OK;
 }
 
 // Writes the nine values to the backup and renames it into place. A failing open
@@ -111,9 +115,9 @@ int8_t save_through_backup(const int32_t (&v)[kFields], bool report_open) {
     std::FILE *file = std::fopen(kBackupPath, "w");
     if (file == nullptr) {
         if (report_open) std::perror("fopen");
-        return -1;
+        return KMXC_PLAT_FAILED;
     }
-    if (!write_and_close(file, v, true)) return -1;
+    if (!write_and_close(file, v, true)) return KMXC_PLAT_FAILED;
     return install_backup();
 }
 
@@ -122,69 +126,74 @@ int8_t save_in_place(const int32_t (&v)[kFields]) {
     std::FILE *file = std::fopen(kMainPath, "w");
     if (file == nullptr) {
         std::perror("fopen");
-        return -1;
+        return KMXC_PLAT_FAILED;
     }
-    return write_and_close(file, v, true) ? 0 : -1;
+    return write_and_close(file, v, true) ? KMXC_PLAT_OK : KMXC_PLAT_FAILED;
 }
 
-// The file's nine values, the file made first when it is missing; -1 on failure.
+// The file's nine values, the file made first when it is missing.
 int8_t current_fields(int32_t (&v)[kFields]) {
-    if (msmachdep_EnsureOffsetFile() < 0) return -1;
-    return read_current(v) < 0 ? -1 : 0;
+    if (msmachdep_EnsureOffsetFile() < 0) return KMXC_PLAT_FAILED;
+    return read_current(v) < 0 ? KMXC_PLAT_FAILED : KMXC_PLAT_OK;
 }
 
 int8_t load_triple(int32_t *out, int first) {
     int32_t v[kFields];
-    if (out == nullptr || current_fields(v) < 0) return -1;
+    if (out == nullptr || current_fields(v) < 0) return KMXC_PLAT_FAILED;
     for (int i = 0; i < 3; ++i) out[i] = v[first + i];
-    return 0;
+    return KMXC_PLAT_OK;
 }
+
+// Creates the missing file with the default content, by `save`.
+int8_t ensure_file(int8_t (*save)(const int32_t (&)[kFields])) {
+    switch (main_file_state()) {
+    case MainFile::kWritable: return KMXC_PLAT_OK;
+    case MainFile::kFailed: return KMXC_PLAT_FAILED;
+    case MainFile::kMissing: break;
+    }
+    return save(kDefaults);
+}
+
+int8_t save_defaults_through_backup(const int32_t (&v)[kFields]) { return save_through_backup(v, true); }
 
 }  // namespace
 
 extern "C" {
 
-int8_t msmachdep_EnsureOffsetFile(void) {
-    const int state = main_file_state();
-    if (state != 0) return state > 0 ? 0 : -1;
-    return save_through_backup(kDefaults, true);
-}
+int8_t msmachdep_EnsureOffsetFile(void) { return ensure_file(save_defaults_through_backup); }
 
-int8_t msmachdep_EnsureOffsetFileInPlace(void) {
-    const int state = main_file_state();
-    if (state != 0) return state > 0 ? 0 : -1;
-    return save_in_place(kDefaults);
-}
+int8_t msmachdep_EnsureOffsetFileInPlace(void) { return ensure_file(save_in_place); }
 
 int8_t msmachdep_LoadRoughOffset(uint8_t *out) {
     int32_t v[kFields];
-    if (out == nullptr || current_fields(v) < 0) return -1;
+    if (out == nullptr || current_fields(v) < 0) return KMXC_PLAT_FAILED;
     for (int i = 0; i < 3; ++i) out[i] = static_cast<uint8_t>(static_cast<uint32_t>(v[kRough + i]) & 0xFFu);
-    return 0;
+    return KMXC_PLAT_OK;
 }
 
 int8_t msmachdep_SaveRoughOffset(const uint8_t *in) {
     int32_t v[kFields];
-    if (in == nullptr || current_fields(v) < 0) return -1;
+    if (in == nullptr || current_fields(v) < 0) return KMXC_PLAT_FAILED;
     for (int i = 0; i < 3; ++i) v[kRough + i] = in[i];
     return save_through_backup(v, true);
 }
 
 int8_t msmachdep_LoadGsOffset(int32_t *out) {
-    if (out == nullptr) return -1;
+    if (out == nullptr) return KMXC_PLAT_FAILED;
     if (msmachdep_EnsureOffsetFile() < 0) {
         log_error("msmachdep_LoadGsOffset() fail #1");
-        return -1;
+        return KMXC_PLAT_FAILED;
     }
     int32_t v[kFields];
-    if (read_current(v, {"msmachdep_LoadGsOffset() fail #2", "msmachdep_LoadGsOffset() fail #3"}) < 0) return -1;
+    if (read_current(v, {"msmachdep_LoadGsOffset() fail #2", "msmachdep_LoadGsOffset() fail #3"}) < 0)
+        return KMXC_PLAT_FAILED;
     for (int i = 0; i < 3; ++i) out[i] = v[kGravity + i];
-    return 0;
+    return KMXC_PLAT_OK;
 }
 
 int8_t msmachdep_SaveGsOffset(const int32_t *in) {
     int32_t v[kFields];
-    if (in == nullptr || msmachdep_EnsureOffsetFileInPlace() < 0 || read_current(v) < 0) return -1;
+    if (in == nullptr || msmachdep_EnsureOffsetFileInPlace() < 0 || read_current(v) < 0) return KMXC_PLAT_FAILED;
     for (int i = 0; i < 3; ++i) v[kGravity + i] = in[i];
     return save_in_place(v);
 }
@@ -193,7 +202,7 @@ int8_t msmachdep_LoadMsOffset(int32_t *out) { return load_triple(out, kMagnetic)
 
 int8_t msmachdep_SaveMsOffset(const int32_t *in) {
     int32_t v[kFields];
-    if (in == nullptr || current_fields(v) < 0) return -1;
+    if (in == nullptr || current_fields(v) < 0) return KMXC_PLAT_FAILED;
     for (int i = 0; i < 3; ++i) v[kMagnetic + i] = in[i];
     return save_through_backup(v, false);
 }

@@ -6,12 +6,14 @@
  * requests. The device is opened once for both chips; the drivers open it when the
  * first of them initialises and close it when the last one terminates.
  *
- * Calibration data file /misc/sensor/kmxc_orvane.cfg: one line of nine integers with
- * no line end, "rough0,rough1,rough2,gsx,gsy,gsz,msx,msy,msz". Missing fields read as
- * 255 (rough), 0 (gravity) and 2147483647 (magnetic), the markers of "not known".
- * A missing file is created with 255,255,255,0,0,0,2147483647,2147483647,2147483647.
- * Rough and magnetic saves, creation and reset write the backup
- * /misc/sensor/kmxc_orvane-backup.cfg, give it owner 1008:1000 and mode 0666 and
+ * Calibration data file KMXC_CALIBRATION_FILE (/misc/sensor/kmxc_orvane.cfg): one
+ * line of nine integers with no line end, "rough0,rough1,rough2,gsx,gsy,gsz,msx,msy,msz".
+ * Missing fields read as KMXC_ROUGH_UNKNOWN (255, rough), 0 (gravity) and
+ * KMXC_OFFSET_UNKNOWN (2147483647, magnetic), the markers of "not known" (all three
+ * in common/common.h). A missing file is created with
+ * 255,255,255,0,0,0,2147483647,2147483647,2147483647. Rough and magnetic saves,
+ * creation and reset write the backup KMXC_CALIBRATION_BACKUP_FILE
+ * (/misc/sensor/kmxc_orvane-backup.cfg), give it owner 1008:1000 and mode 0666 and
  * rename it over the main file, so a failure leaves the main file as it was; the
  * gravity save rewrites the main file in place.
  *
@@ -33,12 +35,26 @@
 
 #include <stdint.h>
 
-#include "platform/kmxc_api.h"
+#include "common/common.h"
 
 KMXC_BEGIN_DECLS
 
+/* Results, tabled per function below; every failure is negative. */
+enum KmxcPlatResult {
+    KMXC_PLAT_OK = 0,
+    KMXC_PLAT_FAILED = -1,         /* the call failed, or the device is not open */
+    KMXC_PLAT_REQUEST_FAILED = -2, /* the magnet guard's control request failed */
+    /* msmachdep_LoadChargerOffset */
+    KMXC_PLAT_CHARGER_NO_LINE = -1,     /* no line for this profile; nothing filled */
+    KMXC_PLAT_CHARGER_NULL_FIRST = -2,  /* first is null; nothing filled */
+    KMXC_PLAT_CHARGER_NULL_SECOND = -3, /* second is null; first filled */
+    KMXC_PLAT_CHARGER_NULL_THIRD = -4,  /* third is null; first and second filled */
+    KMXC_PLAT_CHARGER_NULL_FOURTH = -5  /* fourth is null; the first three filled */
+};
+
 /* ---- Compass device ----------------------------------------------------------------
- * Bus functions return 0 on success and -1 on failure (test for a negative value).
+ * Bus functions return 0 KMXC_PLAT_OK on success and -1 KMXC_PLAT_FAILED on failure
+ * (test for a negative value).
  *
  *   msmachdep_I2COpen             0; -1 after perror("open")
  *   msmachdep_I2CClose            0; -1 when already closed (nothing is done)
@@ -58,6 +74,7 @@ KMXC_BEGIN_DECLS
  *   msmachdep_GetMagnetGuard        0x0709   -1      request result   -2
  *   msmachdep_GetSensorControlInfo  0x0707    0      request result    0
  *   msmachdep_SetChargerState       0x0708   -1      0                -1
+ * (-1 KMXC_PLAT_FAILED, -2 KMXC_PLAT_REQUEST_FAILED, 0 KMXC_PLAT_OK)
  *
  * A failed request prints perror under the function's name.
  * MsLogSave writes "MsLogSave() [value, detail]\r\n" to the Android log (priority 5,
@@ -76,8 +93,8 @@ KMXC_API int msmachdep_SetChargerState(int state);
 KMXC_API int MsLogSave(int value, long detail);
 
 /* ---- Calibration data file -----------------------------------------------------------
- * All return 0 on success and -1 on failure (after the perror of the failing call);
- * a null pointer returns -1 at once without touching the file. A failed load leaves
+ * All return 0 KMXC_PLAT_OK on success and -1 KMXC_PLAT_FAILED on failure (after the
+ * perror of the failing call); a null pointer fails at once without touching the file. A failed load leaves
  * its output untouched. Saves keep the other six fields as read (converted to
  * integers: a rough field of 300 stays 300). A written file whose fclose fails is
  * treated as a failed write ("fprintf"), so an incomplete backup is never renamed.
@@ -118,13 +135,14 @@ KMXC_API const char *msmachdep_TokenOrMax(void);
  * gives 1000, 700, 500); fourth = fields 10..12 (defaults 2500, 1800, 1000).
  * Nothing is printed or logged.
  *
- *    0  all four filled
- *   -1  file cannot be opened, has fewer lines than the profile number, or the
- *       profile number is below 1; nothing filled
- *   -2  first is null; nothing filled
- *   -3  second is null; first filled
- *   -4  third is null; first and second filled
- *   -5  fourth is null; first, second and third filled
+ *    0  KMXC_PLAT_OK                   all four filled
+ *   -1  KMXC_PLAT_CHARGER_NO_LINE      file cannot be opened, has fewer lines than the
+ *                                      profile number, or the profile number is below
+ *                                      1; nothing filled
+ *   -2  KMXC_PLAT_CHARGER_NULL_FIRST   first is null; nothing filled
+ *   -3  KMXC_PLAT_CHARGER_NULL_SECOND  second is null; first filled
+ *   -4  KMXC_PLAT_CHARGER_NULL_THIRD   third is null; first and second filled
+ *   -5  KMXC_PLAT_CHARGER_NULL_FOURTH  fourth is null; first, second and third filled
  */
 KMXC_API int msmachdep_LoadChargerOffset(double *first, double *second, int32_t *third, int32_t *fourth);
 

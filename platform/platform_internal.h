@@ -22,9 +22,9 @@ extern int32_t g_CompassFd;
 #define MSMACHDEP_LINE_BUFFER_SIZE 256
 extern char g_LineBuffer[MSMACHDEP_LINE_BUFFER_SIZE];
 
-/* Consecutive zero-byte results a transfer loop accepts before it gives up with -1
- * (perror of "read"/"write" with errno EIO): a device that keeps returning nothing
- * must not hang the caller. */
+/* Consecutive zero-byte results a transfer loop accepts before it fails
+ * (KMXC_PLAT_FAILED after perror of "read"/"write" with errno EIO): a device that
+ * keeps returning nothing must not hang the caller. */
 #define MSMACHDEP_ZERO_TRANSFER_LIMIT 3
 
 /* The configuration files' integer conversion, atoi without its undefined cases:
@@ -43,15 +43,16 @@ int32_t msmachdep_ReadProfileNumber(void);
 
 /* Reads lines 1..number of a per-profile configuration file into g_LineBuffer, so it
  * ends holding line `number` (a line longer than 255 characters counts as more than
- * one). 0 on success; -1 when the file cannot be opened or has fewer lines, after
+ * one). KMXC_PLAT_OK; KMXC_PLAT_FAILED when the file cannot be opened or has fewer
+ * lines, after
  * perror("fopen") or perror("fgets") when report is non-zero, silently otherwise.
  * The file is closed on every path. A number below 1 reads no line. */
 int8_t msmachdep_ReadNumberedLine(const char *path, int32_t number, int report);
 
 /* Create the calibration data file with the default content when it is missing:
  * through the backup (owner 1008:1000, mode 0666, renamed into place) or directly in
- * place. 0 when the file exists and is writable or was created; -1 after perror of
- * the failing call ("access" when the file exists but is not writable or the
+ * place. KMXC_PLAT_OK when the file exists and is writable or was created;
+ * KMXC_PLAT_FAILED after perror of the failing call ("access" when the file exists but is not writable or the
  * directory cannot be searched). */
 int8_t msmachdep_EnsureOffsetFile(void);
 int8_t msmachdep_EnsureOffsetFileInPlace(void);

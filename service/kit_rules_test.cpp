@@ -2,7 +2,7 @@
 // the events' conventions, anomalies and the warm-up.
 #include <gtest/gtest.h>
 
-#include "calibration/calibration_results.h"
+#include "calibration/calibration.h"
 #include "service/kit_test_fixture.h"
 
 namespace {

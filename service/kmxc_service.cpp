@@ -6,7 +6,6 @@
 #include <stdio.h>
 
 #include "calibration/calibration.h"
-#include "calibration/calibration_results.h"
 #include "drivers/drivers.h"
 #include "orientation/orientation.h"
 #include "platform/platform.h"

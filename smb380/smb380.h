@@ -42,7 +42,7 @@
 
 #include <stdint.h>
 
-#include "platform/kmxc_api.h"
+#include "common/common.h"
 
 KMXC_BEGIN_DECLS
 

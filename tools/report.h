@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "calibration/calibration_results.h"
+#include "calibration/calibration.h"
 #include "tools/scenario.h"
 
 namespace compass {

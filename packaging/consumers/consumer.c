@@ -5,6 +5,7 @@
 #include <stdio.h>
 
 #include "calibration/calibration.h"
+#include "common/common.h"
 #include "drivers/drivers.h"
 #include "orientation/orientation.h"
 #include "platform/platform.h"
@@ -13,19 +14,24 @@ int main(void) {
     KmxAxesLibInit();
     KmxAxesMsCalibInit();
     int rc = KmxAxesDrvMsInit();
-    if (rc == 0) rc = KmxAxesDrvGsInit();
-    if (rc == 0) rc = KmxAxesDrvMsSetRoughOffset(NULL); /* measure one */
-    uint8_t rough[3] = {255, 255, 255};
-    if (rc == 0) rc = KmxAxesDrvMsGetWrittenRoughOffset(rough);
-    if (rc == 0) rc = msmachdep_SaveRoughOffset(rough);
+    if (rc == KMXC_DRV_OK) rc = KmxAxesDrvGsInit();
+    if (rc == KMXC_DRV_OK) rc = KmxAxesDrvMsSetRoughOffset(NULL); /* measure one */
+    uint8_t rough[3] = {KMXC_ROUGH_UNKNOWN, KMXC_ROUGH_UNKNOWN, KMXC_ROUGH_UNKNOWN};
+    if (rc == KMXC_DRV_OK) rc = KmxAxesDrvMsGetWrittenRoughOffset(rough);
+    if (rc == KMXC_DRV_OK && msmachdep_SaveRoughOffset(rough) != KMXC_PLAT_OK) rc = KMXC_PLAT_FAILED;
 
     int cycles = 0;
     uint16_t heading = 0;
-    for (int i = 0; rc == 0 && i < 5; ++i) {
+    for (int i = 0; rc == KMXC_DRV_OK && i < 5; ++i) {
         KmxAxesData ms = KmxAxesData_Constructor, gs = KmxAxesData_Constructor;
         KmxcDrvRawData raw;
+        /* Negative is a failure; 1..7 only warns of a channel out of range. */
         if (KmxAxesDrvMsMeasure(&ms, &raw) < 0 || KmxAxesDrvGsMeasure(&gs, &raw) < 0) continue;
-        KmxAxesMsCalibUpdate(&ms);
+        if (kmxc_calib_new_offset(KmxAxesMsCalibUpdate(&ms))) {
+            KmxAxesData offset;
+            KmxAxesMsCalibGetOffset(&offset);
+            KmxAxesLibSetMsOffset(&offset);
+        }
         KmxAxesAttitude attitude;
         KmxAxesLibGetAttitude(&ms, &gs, &attitude);
         KmxAxesLibCalcDirection(&attitude, &heading, 3547 /* sin 60 degrees, Q12 */);
@@ -38,5 +44,5 @@ int main(void) {
     int loaded = msmachdep_LoadRoughOffset(stored);
     printf("start %d cycles %d heading %u stored %d rough %u,%u,%u\n", rc, cycles, heading, loaded, stored[0],
            stored[1], stored[2]);
-    return rc == 0 && cycles == 5 && loaded == 0 ? 0 : 1;
+    return rc == KMXC_DRV_OK && cycles == 5 && loaded == KMXC_PLAT_OK ? 0 : 1;
 }

@@ -1,9 +1,10 @@
-// The transformation profile reader shared by both drivers: one line per hardware
-// profile of comma-separated integers, fields 1..9 the accelerometer's mounting
-// matrix, 10..18 the magnetometer's.
+// The transformation profile: one line per hardware profile of comma-separated
+// integers, fields 1..9 the accelerometer's mounting matrix, 10..18 the
+// magnetometer's. Read here for both drivers.
+#include "platform/transformation_file.h"
+
 #include <unistd.h>
 
-#include "drivers/drivers_internal.h"
 #include "platform/platform_internal.h"
 
 namespace {
@@ -34,17 +35,17 @@ void parse_fields(char *line, uint8_t firstField, int8_t *matrix) {
 
 }  // namespace
 
-int8_t KmxcDrvReadTransformation(uint8_t firstField, int8_t *matrix) {
+extern "C" int8_t msmachdep_LoadTransformation(uint8_t firstField, int8_t *matrix) {
     static constexpr int8_t kIdentity[9] = {1, 0, 0, 0, 1, 0, 0, 0, 1};
     for (int i = 0; i < 9; ++i) matrix[i] = kIdentity[i];
     // The test is for write permission: an absent or non-writable profile file
     // leaves the identity, without a message.
-    if (access(kProfilePath, W_OK) != 0) return KMXC_DRV_OK;
+    if (access(kProfilePath, W_OK) != 0) return KMXC_PLAT_OK;
 
     // The profile number is read into the shared line buffer; with a number below 1
     // no line follows and the buffer keeps that text.
     const int32_t profile = msmachdep_ReadProfileNumber();
-    if (msmachdep_ReadNumberedLine(kProfilePath, profile, 1) < 0) return KMXC_DRV_NOT_READY;
+    if (msmachdep_ReadNumberedLine(kProfilePath, profile, 1) < 0) return KMXC_PLAT_FAILED;
     parse_fields(g_LineBuffer, firstField, matrix);
-    return KMXC_DRV_OK;
+    return KMXC_PLAT_OK;
 }
