@@ -23,13 +23,13 @@ int main(int argc, char **argv) {
     }
     KmxcServiceStart start;
     const int32_t rc = kmxc_service_start((uint32_t)rate, &start);
-    if (rc == -1) {
+    if (rc == KMXC_SERVICE_BAD_RATE) {
         fprintf(stderr, "example_service: rate %ld Hz is outside %d..%d\n", rate, KMXC_SERVICE_RATE_MIN_HZ,
                 KMXC_SERVICE_RATE_MAX_HZ);
         return 2;
     }
-    if (rc != 0) {
-        fprintf(stderr, "example_service: kmxc_service_start returned %d\n", (int)rc);
+    if (rc != KMXC_SERVICE_OK) {
+        fprintf(stderr, "example_service: kmxc_service_start returned %s\n", kmxc_service_result_name(rc));
         return 1;
     }
     printf("started: rough offset %u,%u,%u (%s)%s%s\n", start.rough[0], start.rough[1], start.rough[2],

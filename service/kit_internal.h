@@ -17,6 +17,8 @@ namespace kmxc_kit {
 constexpr const char *kCalibrationFile = "/misc/sensor/kmxc_orvane.cfg";
 constexpr int32_t kUnknownOffset = 2147483647;  // the file's "not known" magnetic offset
 constexpr KmxAxesData kNoStoredOffset{kUnknownOffset, kUnknownOffset, kUnknownOffset};
+constexpr uint8_t kUnknownRough = 255;                            // a rough-offset step not known
+constexpr int32_t kNoResidual = 2147483647;                       // the calibration's residual while a batch fills
 constexpr int32_t kCountsPer10uT = kmxc::kCountsPer10Microtesla;  // corrected counts
 constexpr int32_t kGravityCounts = 4096;                          // 1 g
 // The calibration's other two thresholds stay at the library's defaults.
@@ -78,6 +80,8 @@ void on_fit(const KmxAxesData &o);
 void try_confirm(const KmxAxesData &o, KmxcServiceEvent *e);
 // Anomaly causes of this sample against the reference.
 uint8_t anomaly_of(const Vec3 &g, int32_t strength, int32_t dip);
+// An anomaly with these causes was seen now: hold the accuracy down (flagged in e).
+void note_anomaly(uint8_t causes, uint64_t now, KmxcServiceEvent *e);
 int8_t accuracy_now(uint64_t now);
 
 // ---- Persistence (kit_file.cpp) -----------------------------------------------------

@@ -120,6 +120,14 @@ uint8_t anomaly_of(const Vec3 &g, int32_t strength, int32_t dip) {
     return causes;
 }
 
+void note_anomaly(uint8_t causes, uint64_t now, KmxcServiceEvent *e) {
+    const uint8_t cap = (causes & KMXC_SERVICE_ANOMALY_RANGE) != 0 ? KMXC_SERVICE_UNRELIABLE : KMXC_SERVICE_LOW;
+    if (!g_state.in_anomaly || cap < g_state.anomaly_level_cap) g_state.anomaly_level_cap = cap;
+    g_state.in_anomaly = true;
+    g_state.last_anomaly_us = now;
+    e->flags |= KMXC_SERVICE_ANOMALY;
+}
+
 int8_t accuracy_now(uint64_t now) {
     if (!g_state.offset_trusted) return KMXC_SERVICE_UNRELIABLE;
     if (g_state.in_anomaly) {

@@ -11,15 +11,35 @@ using namespace kit_test;
 
 // ---- Start-up ---------------------------------------------------------------------------
 
-TEST_F(Kit, RatesOutsideTheServedRangeAreRefusedBeforeAnything) {
+TEST_F(Kit, EachMisuseGetsItsOwnNamedResultAndChangesNothing) {
     for (uint32_t rate : {0u, KMXC_SERVICE_RATE_MAX_HZ + 1u}) {
-        EXPECT_EQ(kmxc_service_start(rate, nullptr), -1) << rate;
+        EXPECT_EQ(kmxc_service_start(rate, nullptr), KMXC_SERVICE_BAD_RATE) << rate;
         EXPECT_EQ(vphone::open_compass_descriptors(), 0);
         EXPECT_FALSE(vphone::exists(kCfg));
     }
     KmxcServiceEvent e;
-    EXPECT_EQ(kmxc_service_cycle(0, &e), -1) << "not started";
-    EXPECT_EQ(kmxc_service_stop(), -1);
+    EXPECT_EQ(kmxc_service_cycle(0, &e), KMXC_SERVICE_NOT_STARTED);
+    EXPECT_EQ(kmxc_service_stop(), KMXC_SERVICE_NOT_STARTED);
+    ASSERT_EQ(kmxc_service_start(10, nullptr), KMXC_SERVICE_OK);
+    EXPECT_EQ(kmxc_service_start(10, nullptr), KMXC_SERVICE_ALREADY_STARTED);
+    EXPECT_EQ(kmxc_service_cycle(0, nullptr), KMXC_SERVICE_NULL_EVENT);
+    EXPECT_EQ(kmxc_service_cycle(0, &e), KMXC_SERVICE_OK);
+    EXPECT_EQ(kmxc_service_stop(), KMXC_SERVICE_OK);
+    EXPECT_EQ(vphone::open_compass_descriptors(), 0) << "stop closes the device";
+    // Every result has its own name; a value outside the table has none.
+    const std::pair<int32_t, const char *> names[] = {
+        {KMXC_SERVICE_OK, "KMXC_SERVICE_OK"},
+        {KMXC_SERVICE_BAD_RATE, "KMXC_SERVICE_BAD_RATE"},
+        {KMXC_SERVICE_MAG_START_FAILED, "KMXC_SERVICE_MAG_START_FAILED"},
+        {KMXC_SERVICE_ACCEL_START_FAILED, "KMXC_SERVICE_ACCEL_START_FAILED"},
+        {KMXC_SERVICE_ROUGH_OFFSET_FAILED, "KMXC_SERVICE_ROUGH_OFFSET_FAILED"},
+        {KMXC_SERVICE_ALREADY_STARTED, "KMXC_SERVICE_ALREADY_STARTED"},
+        {KMXC_SERVICE_NOT_STARTED, "KMXC_SERVICE_NOT_STARTED"},
+        {KMXC_SERVICE_NULL_EVENT, "KMXC_SERVICE_NULL_EVENT"},
+        {1, "unknown result"},
+        {-8, "unknown result"},
+    };
+    for (const auto &[value, name] : names) EXPECT_STREQ(kmxc_service_result_name(value), name) << value;
 }
 
 // ---- First fit, accuracy and events -----------------------------------------------------

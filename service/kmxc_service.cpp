@@ -1,9 +1,8 @@
-// The sensor-service kit: call order (start, cycle, stop). Its rules are in
-// kit_rules.cpp, persistence in kit_file.cpp. Integer arithmetic only (built without
+// The sensor-service kit: the library's call order, as start, cycle and stop. The
+// numbered steps are those of the README's call sequence. Its rules are in
+// kit_rules.cpp, its persistence in kit_file.cpp. Integer arithmetic only (built without
 // floating-point registers); the float fields of the event are filled in event_fill.cpp.
 #include "service/kmxc_service.h"
-
-#include <stdio.h>
 
 #include "calibration/calibration.h"
 #include "drivers/drivers.h"
@@ -20,74 +19,72 @@ using namespace kmxc_kit;
 
 namespace {
 
+// ---- Start ------------------------------------------------------------------------------
+
+// 1. Library state, then both drivers (the first opens /dev/compass).
+int32_t start_library_and_drivers() {
+    KmxAxesLibInit();
+    KmxAxesMsCalibInit();
+    // A batch of a slow turn often spreads just short of the library's default for a
+    // three-dimensional fit; the kit accepts a little less, because it judges every
+    // fit by its batch's strengths before trusting or saving it.
+    KmxAxesMsCalibThreshold threshold{KMXC_SERVICE_RATIO_MIN_THRESHOLD, kRatioMidThreshold, kResidualThreshold};
+    KmxAxesMsCalibSetThreshold(&threshold);
+    if (KmxAxesDrvMsInit() != 0) return KMXC_SERVICE_MAG_START_FAILED;
+    if (KmxAxesDrvGsInit() != 0) {
+        KmxAxesDrvMsTerm();
+        return KMXC_SERVICE_ACCEL_START_FAILED;
+    }
+    return KMXC_SERVICE_OK;
+}
+
 // 6. Stop: both driver terms; the last of them closes /dev/compass.
 void stop_drivers() {
     KmxAxesDrvMsTerm();
     KmxAxesDrvGsTerm();
 }
 
-}  // namespace
-
-extern "C" {
-
-int32_t kmxc_service_start(uint32_t rate_hz, KmxcServiceStart *start) {
-    if (rate_hz < KMXC_SERVICE_RATE_MIN_HZ || rate_hz > KMXC_SERVICE_RATE_MAX_HZ) return -1;
-    if (g_state.started) return -5;
-    g_state = State{};
-    g_state.rate_hz = rate_hz;
-    g_state.stored = kNoStoredOffset;
-
-    // 1. Library state, then both drivers.
-    KmxAxesLibInit();
-    KmxAxesMsCalibInit();
-    // A batch of a slow turn often spreads just short of the library's default for
-    // a three-dimensional fit; the kit accepts a little less, because it judges
-    // every fit by its batch's strengths before trusting or saving it.
-    KmxAxesMsCalibThreshold threshold{KMXC_SERVICE_RATIO_MIN_THRESHOLD, kRatioMidThreshold, kResidualThreshold};
-    KmxAxesMsCalibSetThreshold(&threshold);
-    if (KmxAxesDrvMsInit() != 0) return -2;
-    if (KmxAxesDrvGsInit() != 0) {
-        KmxAxesDrvMsTerm();
-        return -3;
-    }
-
-    // The calibration file: an empty or garbled one is reset, never read as offsets.
-    // A reset that does not take is a failed save; then nothing in the file is used and
-    // the reset is tried again before the first save. A file that cannot be read just
-    // now is not used either, and checked again before the first save.
-    uint8_t stored_rough[3] = {255, 255, 255};
-    bool repaired = false;
+// The rough offset the calibration file holds (255s when none). An empty or garbled
+// file is reset, never read as offsets; a reset that does not take is a failed save,
+// and then nothing in the file is used and the reset is tried again before the first
+// save. A file that cannot be read just now is not used either, and checked again
+// before the first save.
+void read_stored_rough(uint8_t rough[3], bool *repaired) {
+    rough[0] = rough[1] = rough[2] = kUnknownRough;
     const FileState state = file_state();
     if (state == FileState::kUnreadable) {
         g_state.file_unchecked = true;
-    } else if (state == FileState::kDamaged || msmachdep_LoadRoughOffset(stored_rough) != 0) {
-        stored_rough[0] = stored_rough[1] = stored_rough[2] = 255;
-        if (reset_file()) {
-            repaired = true;
-            if (msmachdep_LoadRoughOffset(stored_rough) != 0) stored_rough[0] = 255;
-        } else {
-            g_state.file_damaged = true;
-            ++g_state.save_failures;
-        }
+        return;
     }
+    if (state != FileState::kDamaged && msmachdep_LoadRoughOffset(rough) == 0) return;
+    rough[0] = rough[1] = rough[2] = kUnknownRough;
+    if (reset_file()) {
+        *repaired = true;
+        if (msmachdep_LoadRoughOffset(rough) != 0) rough[0] = kUnknownRough;
+    } else {
+        g_state.file_damaged = true;
+        ++g_state.save_failures;
+    }
+}
 
-    // 2. Rough offset: the stored one when valid, else measured; what was written is stored.
-    const bool use_stored = KmxAxesLibIsValidRoughOffset(stored_rough) != 0;
-    if (KmxAxesDrvMsSetRoughOffset(use_stored ? stored_rough : nullptr) != 0) {
-        stop_drivers();
-        return -4;
-    }
+// 2. Rough offset: the stored one when valid, else measured; what was written is stored.
+int32_t write_rough_offset(const uint8_t stored[3], bool *use_stored) {
+    *use_stored = KmxAxesLibIsValidRoughOffset(stored) != 0;
+    if (KmxAxesDrvMsSetRoughOffset(*use_stored ? stored : nullptr) != 0) return KMXC_SERVICE_ROUGH_OFFSET_FAILED;
     KmxAxesDrvMsGetWrittenRoughOffset(g_state.rough);
-    if (!use_stored) save_rough(g_state.rough);
+    if (!*use_stored) save_rough(g_state.rough);
+    return KMXC_SERVICE_OK;
+}
 
-    // 3. Stored offsets. The magnetic one is used at once but trusted only once the
-    // live field confirms it (or a fit replaces it); it belongs to the stored rough
-    // offset, so it is ignored when a new rough offset had to be measured.
-    int32_t ms[3];
+// 3. Stored offsets. The magnetic one is used at once but trusted only once the live
+// field confirms it (or a fit replaces it); it belongs to the stored rough offset, so
+// it is ignored when a new rough offset had to be measured. Returns whether it loaded.
+bool load_stored_offsets(bool rough_was_stored) {
+    int32_t v[3];
     bool loaded = false;
-    if (msmachdep_LoadMsOffset(ms) == 0) {
-        const KmxAxesData offset{ms[0], ms[1], ms[2]};
-        if (KmxAxesLibIsValidMsOffset(&offset) && use_stored) {
+    if (msmachdep_LoadMsOffset(v) == 0) {
+        const KmxAxesData offset{v[0], v[1], v[2]};
+        if (KmxAxesLibIsValidMsOffset(&offset) && rough_was_stored) {
             KmxAxesLibSetMsOffset(&offset);
             KmxAxesMsCalibSetOffset(&offset);
             g_state.stored = offset;
@@ -95,39 +92,32 @@ int32_t kmxc_service_start(uint32_t rate_hz, KmxcServiceStart *start) {
             loaded = true;
         }
     }
-    int32_t gs[3];
-    if (!g_state.file_damaged && !g_state.file_unchecked && msmachdep_LoadGsOffset(gs) == 0) {
-        const KmxAxesData offset{gs[0], gs[1], gs[2]};
+    if (!g_state.file_damaged && !g_state.file_unchecked && msmachdep_LoadGsOffset(v) == 0) {
+        const KmxAxesData offset{v[0], v[1], v[2]};
         KmxAxesLibSetGsOffset(&offset);
     }
-
-    g_state.started = true;
-    if (start != nullptr) {
-        for (int k = 0; k < 3; ++k) start->rough[k] = g_state.rough[k];
-        start->rough_measured = use_stored ? 0 : 1;
-        start->offset_loaded = loaded ? 1 : 0;
-        start->file_repaired = repaired ? 1 : 0;
-        KmxAxesData o;
-        KmxAxesLibGetMsOffset(&o);
-        start->offset[0] = o.x;
-        start->offset[1] = o.y;
-        start->offset[2] = o.z;
-    }
-    return 0;
+    return loaded;
 }
 
-int32_t kmxc_service_cycle(uint64_t now, KmxcServiceEvent *e) {
-    if (!g_state.started || e == nullptr) return -1;
-    *e = KmxcServiceEvent{};
-    e->time_us = now;
-    e->heading_deg = -1;
-    e->calib_residual = 2147483647;
+void fill_start_record(bool rough_was_stored, bool loaded, bool repaired, KmxcServiceStart *start) {
+    for (int k = 0; k < 3; ++k) start->rough[k] = g_state.rough[k];
+    start->rough_measured = rough_was_stored ? 0 : 1;
+    start->offset_loaded = loaded ? 1 : 0;
+    start->file_repaired = repaired ? 1 : 0;
+    KmxAxesData o;
+    KmxAxesLibGetMsOffset(&o);
+    start->offset[0] = o.x;
+    start->offset[1] = o.y;
+    start->offset[2] = o.z;
+}
 
-    // 4. Both measurements.
-    KmxAxesData ms = KmxAxesData_Constructor, gs = KmxAxesData_Constructor;
+// ---- Cycle ----------------------------------------------------------------------------------
+
+// 4a. Both measurements, with the raw values; whether both succeeded.
+bool measure(KmxAxesData *mag, KmxAxesData *gravity, KmxcServiceEvent *e) {
     KmxcDrvRawData raw{};
-    e->ms_result = KmxAxesDrvMsMeasure(&ms, &raw);  // waits 13 ms for the conversion
-    e->gs_result = KmxAxesDrvGsMeasure(&gs, &raw);
+    e->ms_result = KmxAxesDrvMsMeasure(mag, &raw);  // waits 13 ms for the conversion
+    e->gs_result = KmxAxesDrvGsMeasure(gravity, &raw);
     for (int k = 0; k < 3; ++k) {
         e->raw_ms[k] = static_cast<int16_t>(raw.ms[k]);
         e->raw_gs[k] = raw.gs[k];
@@ -135,117 +125,174 @@ int32_t kmxc_service_cycle(uint64_t now, KmxcServiceEvent *e) {
     }
     e->raw_temperature = static_cast<int16_t>(raw.temperature);
     e->calib_status = KmxAxesMsCalibGetStatus();
+    if (e->ms_result < 0 || e->gs_result < 0) return false;
+    e->flags |= KMXC_SERVICE_MEASURED;
+    e->ms[0] = mag->x, e->ms[1] = mag->y, e->ms[2] = mag->z;
+    e->gs[0] = gravity->x, e->gs[1] = gravity->y, e->gs[2] = gravity->z;
+    return true;
+}
 
-    if (e->ms_result >= 0 && e->gs_result >= 0) {
-        e->flags |= KMXC_SERVICE_MEASURED;
-        const Vec3 m{ms.x, ms.y, ms.z}, g{gs.x, gs.y, gs.z};
-        e->ms[0] = ms.x, e->ms[1] = ms.y, e->ms[2] = ms.z;
-        e->gs[0] = gs.x, e->gs[1] = gs.y, e->gs[2] = gs.z;
+// 4c. The calibration published an offset: hand it to the orientation library. A new
+// fit replaces a trusted offset only when the batch it came from agrees with it at
+// least as well as with the offset in use: each fit carries its batch's noise, and a
+// worse one must not undo a better.
+void adopt_new_offset(bool three_d, KmxcServiceEvent *e) {
+    KmxAxesData offset, in_use;
+    KmxAxesMsCalibGetOffset(&offset);
+    KmxAxesLibGetMsOffset(&in_use);
+    if (three_d && g_state.offset_trusted &&
+        agreement(in_use, g_state.fed_count).spread < agreement(offset, g_state.fed_count).spread) {
+        KmxAxesMsCalibSetOffset(&in_use);
+        offset = in_use;
+    }
+    KmxAxesLibSetMsOffset(&offset);
+    e->flags |= KMXC_SERVICE_NEW_OFFSET;
+    if (three_d) {
+        e->flags |= KMXC_SERVICE_FIT_3D;
+        on_fit(offset);
+    }
+}
 
-        // The calibration gets the raw vector, only when it lies apart from the recent ones.
-        // A sample with a channel out of range is not fed: its field is wrong.
-        if (e->ms_result == 0 && passes_gate(m)) {
-            remember_fed(m, g);
-            ++g_state.confirm_count;
-            e->flags |= KMXC_SERVICE_FED;
-            KmxAxesMsCalibDetail detail;
-            e->calib_result = KmxAxesMsCalibUpdateDetail(&ms, &detail);
-            e->calib_ratio_min = detail.ratioMin;
-            e->calib_ratio_mid = detail.ratioMid;
-            e->calib_residual = detail.residual;
-            e->calib_status = KmxAxesMsCalibGetStatus();
-            const bool three_d = e->calib_result == KMXC_CALIB_THREE_D;
-            if (kmxc_calib_new_offset(e->calib_result)) {
-                KmxAxesData offset;
-                KmxAxesMsCalibGetOffset(&offset);
-                // A new fit replaces a trusted offset only when the batch it came from
-                // agrees with it at least as well as with the offset in use: each fit
-                // carries its batch's noise, and a worse one must not undo a better.
-                KmxAxesData in_use;
-                KmxAxesLibGetMsOffset(&in_use);
-                if (three_d && g_state.offset_trusted &&
-                    agreement(in_use, g_state.fed_count).spread < agreement(offset, g_state.fed_count).spread) {
-                    KmxAxesMsCalibSetOffset(&in_use);
-                    offset = in_use;
-                }
-                KmxAxesLibSetMsOffset(&offset);
-                e->flags |= KMXC_SERVICE_NEW_OFFSET;
-                if (three_d) {
-                    e->flags |= KMXC_SERVICE_FIT_3D;
-                    on_fit(offset);
-                }
-            }
-        }
+// 4b. The calibration gets the raw (offset-free) vector, only when it lies apart from
+// the recent ones; a sample with a channel out of range is never fed: its field is wrong.
+void feed_calibration(KmxAxesData *mag, const Vec3 &m, const Vec3 &g, KmxcServiceEvent *e) {
+    if (e->ms_result != 0 || !passes_gate(m)) return;
+    remember_fed(m, g);
+    ++g_state.confirm_count;
+    e->flags |= KMXC_SERVICE_FED;
+    KmxAxesMsCalibDetail detail;
+    e->calib_result = KmxAxesMsCalibUpdateDetail(mag, &detail);
+    e->calib_ratio_min = detail.ratioMin;
+    e->calib_ratio_mid = detail.ratioMid;
+    e->calib_residual = detail.residual;
+    e->calib_status = KmxAxesMsCalibGetStatus();
+    if (kmxc_calib_new_offset(e->calib_result)) adopt_new_offset(e->calib_result == KMXC_CALIB_THREE_D, e);
+}
 
+// Persistence: a confirmed offset that differs from the stored one. One attempt per
+// fit: a failing file system is not hammered every cycle.
+void save_confirmed_offset(KmxcServiceEvent *e) {
+    if (!g_state.save_pending) return;
+    g_state.save_pending = false;
+    KmxAxesData fit;
+    KmxAxesMsCalibGetOffset(&fit);
+    if (!same(fit, g_state.stored)) e->flags |= save_offset(fit) ? KMXC_SERVICE_SAVED : KMXC_SERVICE_SAVE_FAILED;
+}
+
+// The field against the reference: strength, dip and the anomaly they show. A sample
+// with channels out of range is a range anomaly: its field is far from anything the
+// Earth gives.
+void judge_field(const Vec3 &m, const Vec3 &g, const KmxAxesData &offset, uint64_t now, KmxcServiceEvent *e) {
+    const Vec3 v = minus(m, offset);
+    const int32_t strength = length(v);
+    const int32_t dip = dip_cos(v, g);
+    e->strength_centi_uT = strength * (1000 / kCountsPer10uT);
+    e->dip_cos_permille = dip;
+    if (!g_state.offset_trusted) return;
+    e->anomaly = e->ms_result == 0 ? anomaly_of(g, strength, dip) : uint8_t{KMXC_SERVICE_ANOMALY_RANGE};
+    if (e->anomaly != 0) note_anomaly(e->anomaly, now, e);
+}
+
+// 4d. Attitude, integer path: the heading after the smoother's warm-up. (The double
+// path's attitude comes with the float fields.)
+void integer_heading(const KmxAxesData &mag, const KmxAxesData &gravity, KmxcServiceEvent *e) {
+    KmxAxesAttitude attitude;
+    if (KmxAxesLibGetAttitude(&mag, &gravity, &attitude) != 0) return;
+    uint16_t heading = 0;
+    KmxAxesLibCalcDirection(&attitude, &heading, KMXC_SERVICE_DIRECTION_THRESHOLD);
+    if (g_state.warm_cycles < KMXC_SERVICE_WARMUP_CYCLES) {
+        ++g_state.warm_cycles;
+        return;
+    }
+    e->heading_deg = static_cast<int16_t>(heading);
+    e->flags |= KMXC_SERVICE_HEADING_VALID;
+}
+
+// 5. Channels out of range: move the rough offset, at most once per interval.
+void move_rough_offset_if_clipped(uint64_t now, KmxcServiceEvent *e) {
+    if (e->ms_result <= 0) return;
+    if (g_state.rough_changed_once &&
+        now - g_state.last_rough_change_us < uint64_t{KMXC_SERVICE_ROUGH_CHANGE_INTERVAL_MS} * 1000)
+        return;
+    g_state.rough_changed_once = true;
+    g_state.last_rough_change_us = now;
+    if (change_rough_offset(e)) e->flags |= KMXC_SERVICE_ROUGH_CHANGED;
+}
+
+}  // namespace
+
+extern "C" {
+
+const char *kmxc_service_result_name(int32_t result) {
+#define KMXC_NAME_OF(name) \
+    case name: return #name
+    switch (result) {
+        KMXC_NAME_OF(KMXC_SERVICE_OK);
+        KMXC_NAME_OF(KMXC_SERVICE_BAD_RATE);
+        KMXC_NAME_OF(KMXC_SERVICE_MAG_START_FAILED);
+        KMXC_NAME_OF(KMXC_SERVICE_ACCEL_START_FAILED);
+        KMXC_NAME_OF(KMXC_SERVICE_ROUGH_OFFSET_FAILED);
+        KMXC_NAME_OF(KMXC_SERVICE_ALREADY_STARTED);
+        KMXC_NAME_OF(KMXC_SERVICE_NOT_STARTED);
+        KMXC_NAME_OF(KMXC_SERVICE_NULL_EVENT);
+    default: return "unknown result";
+    }
+#undef KMXC_NAME_OF
+}
+
+int32_t kmxc_service_start(uint32_t rate_hz, KmxcServiceStart *start) {
+    if (rate_hz < KMXC_SERVICE_RATE_MIN_HZ || rate_hz > KMXC_SERVICE_RATE_MAX_HZ) return KMXC_SERVICE_BAD_RATE;
+    if (g_state.started) return KMXC_SERVICE_ALREADY_STARTED;
+    g_state = State{};
+    g_state.rate_hz = rate_hz;
+    g_state.stored = kNoStoredOffset;
+    if (const int32_t rc = start_library_and_drivers(); rc != KMXC_SERVICE_OK) return rc;
+    uint8_t stored_rough[3];
+    bool repaired = false, rough_was_stored = false;
+    read_stored_rough(stored_rough, &repaired);
+    if (const int32_t rc = write_rough_offset(stored_rough, &rough_was_stored); rc != KMXC_SERVICE_OK) {
+        stop_drivers();
+        return rc;
+    }
+    const bool loaded = load_stored_offsets(rough_was_stored);
+    g_state.started = true;
+    if (start != nullptr) fill_start_record(rough_was_stored, loaded, repaired, start);
+    return KMXC_SERVICE_OK;
+}
+
+int32_t kmxc_service_cycle(uint64_t now, KmxcServiceEvent *e) {
+    if (!g_state.started) return KMXC_SERVICE_NOT_STARTED;
+    if (e == nullptr) return KMXC_SERVICE_NULL_EVENT;
+    *e = KmxcServiceEvent{};
+    e->time_us = now;
+    e->heading_deg = -1;
+    e->calib_residual = kNoResidual;
+
+    KmxAxesData mag = KmxAxesData_Constructor, gravity = KmxAxesData_Constructor;
+    if (measure(&mag, &gravity, e)) {
+        const Vec3 m{mag.x, mag.y, mag.z}, g{gravity.x, gravity.y, gravity.z};
+        feed_calibration(&mag, m, g, e);
         KmxAxesData offset;
         KmxAxesLibGetMsOffset(&offset);
         if (g_state.stored_pending && (e->flags & KMXC_SERVICE_FED) != 0) try_confirm(offset, e);
-
-        // Persistence: a confirmed offset that differs from the stored one.
-        // One attempt per fit: a failing file system is not hammered every cycle.
-        if (g_state.save_pending) {
-            g_state.save_pending = false;
-            KmxAxesData fit;
-            KmxAxesMsCalibGetOffset(&fit);
-            if (!same(fit, g_state.stored))
-                e->flags |= save_offset(fit) ? KMXC_SERVICE_SAVED : KMXC_SERVICE_SAVE_FAILED;
-        }
-
-        // Field checks against the reference.
-        const Vec3 v = minus(m, offset);
-        const int32_t strength = length(v);
-        const int32_t dip = dip_cos(v, g);
-        e->strength_centi_uT = strength * (1000 / kCountsPer10uT);
-        e->dip_cos_permille = dip;
-        // A sample with channels out of range is a range anomaly: its field is far from
-        // anything the Earth gives.
-        if (g_state.offset_trusted) {
-            e->anomaly = e->ms_result == 0 ? anomaly_of(g, strength, dip) : uint8_t{KMXC_SERVICE_ANOMALY_RANGE};
-            if (e->anomaly != 0) {
-                const uint8_t cap =
-                    (e->anomaly & KMXC_SERVICE_ANOMALY_RANGE) != 0 ? KMXC_SERVICE_UNRELIABLE : KMXC_SERVICE_LOW;
-                if (!g_state.in_anomaly || cap < g_state.anomaly_level_cap) g_state.anomaly_level_cap = cap;
-                g_state.in_anomaly = true;
-                g_state.last_anomaly_us = now;
-                e->flags |= KMXC_SERVICE_ANOMALY;
-            }
-        }
-
-        // Attitude, integer path: heading after the smoother's warm-up.
-        KmxAxesAttitude attitude;
-        if (KmxAxesLibGetAttitude(&ms, &gs, &attitude) == 0) {
-            uint16_t heading = 0;
-            KmxAxesLibCalcDirection(&attitude, &heading, KMXC_SERVICE_DIRECTION_THRESHOLD);
-            if (g_state.warm_cycles >= KMXC_SERVICE_WARMUP_CYCLES) {
-                e->heading_deg = static_cast<int16_t>(heading);
-                e->flags |= KMXC_SERVICE_HEADING_VALID;
-            } else {
-                ++g_state.warm_cycles;
-            }
-        }
+        save_confirmed_offset(e);
+        judge_field(m, g, offset, now, e);
+        integer_heading(mag, gravity, e);
         e->offset[0] = offset.x, e->offset[1] = offset.y, e->offset[2] = offset.z;
-        kmxc_service_fill_floats(&ms, &gs, &offset, e);
+        kmxc_service_fill_floats(&mag, &gravity, &offset, e);
     }
     e->accuracy = accuracy_now(now);
-
-    // 5. Channels out of range: move the rough offset (at most once per interval).
-    if (e->ms_result > 0 &&
-        (!g_state.rough_changed_once ||
-         now - g_state.last_rough_change_us >= uint64_t{KMXC_SERVICE_ROUGH_CHANGE_INTERVAL_MS} * 1000)) {
-        g_state.rough_changed_once = true;
-        g_state.last_rough_change_us = now;
-        if (change_rough_offset(e)) e->flags |= KMXC_SERVICE_ROUGH_CHANGED;
-    }
+    move_rough_offset_if_clipped(now, e);
     e->saves = g_state.saves;
     e->save_failures = g_state.save_failures;
-    return 0;
+    return KMXC_SERVICE_OK;
 }
 
 int32_t kmxc_service_stop(void) {
-    if (!g_state.started) return -1;
+    if (!g_state.started) return KMXC_SERVICE_NOT_STARTED;
     stop_drivers();
     g_state.started = false;
-    return 0;
+    return KMXC_SERVICE_OK;
 }
 
 }  // extern "C"

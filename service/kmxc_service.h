@@ -199,22 +199,49 @@ typedef struct KmxcServiceEvent {
     uint32_t save_failures;    /* failed saves so far */
 } KmxcServiceEvent;
 
+/* ---- Results ----------------------------------------------------------------------
+ * Every function returns one of these; each value has one meaning, and
+ * kmxc_service_result_name() gives its name as text.
+ *
+ *   name                              value  from         meaning
+ *   KMXC_SERVICE_OK                      0   all          done (a cycle: the event is
+ *                                                         filled; check its flags, a failed
+ *                                                         measurement is reported there)
+ *   KMXC_SERVICE_BAD_RATE               -1   start        rate outside KMXC_SERVICE_RATE_MIN_HZ..
+ *                                                         KMXC_SERVICE_RATE_MAX_HZ; nothing done
+ *   KMXC_SERVICE_MAG_START_FAILED       -2   start        the magnetometer did not start
+ *   KMXC_SERVICE_ACCEL_START_FAILED     -3   start        the accelerometer did not start (the
+ *                                                         magnetometer is stopped again)
+ *   KMXC_SERVICE_ROUGH_OFFSET_FAILED    -4   start        the rough offset could not be written
+ *                                                         (both drivers are stopped again)
+ *   KMXC_SERVICE_ALREADY_STARTED        -5   start        a session is open; stop it first
+ *   KMXC_SERVICE_NOT_STARTED            -6   cycle, stop  no session is open
+ *   KMXC_SERVICE_NULL_EVENT             -7   cycle        event is null; nothing done
+ */
+enum KmxcServiceResult {
+    KMXC_SERVICE_OK = 0,
+    KMXC_SERVICE_BAD_RATE = -1,
+    KMXC_SERVICE_MAG_START_FAILED = -2,
+    KMXC_SERVICE_ACCEL_START_FAILED = -3,
+    KMXC_SERVICE_ROUGH_OFFSET_FAILED = -4,
+    KMXC_SERVICE_ALREADY_STARTED = -5,
+    KMXC_SERVICE_NOT_STARTED = -6,
+    KMXC_SERVICE_NULL_EVENT = -7
+};
+
 /* ---- Functions -------------------------------------------------------------------
- * kmxc_service_start(rate_hz, start)   start may be null
- *     0   started
- *    -1   rate outside KMXC_SERVICE_RATE_MIN_HZ..KMXC_SERVICE_RATE_MAX_HZ (nothing done)
- *    -2   magnetometer start failed     -3  accelerometer start failed
- *    -4   the rough offset could not be written
- *    -5   already started
- * kmxc_service_cycle(time_us, event)   timestamps must not decrease
- *     0   event filled (check its flags: a failed measurement is reported there)
- *    -1   not started, or event is null
- * kmxc_service_stop()
- *     0   stopped; -1 not started
+ * kmxc_service_start(rate_hz, start)   start may be null; the library's call order's
+ *                                      steps 1-3 (README)
+ * kmxc_service_cycle(time_us, event)   one measurement, steps 4-5; timestamps must not
+ *                                      decrease
+ * kmxc_service_stop()                  step 6
+ * kmxc_service_result_name(result)     "KMXC_SERVICE_BAD_RATE" ...; "unknown result" for a
+ *                                      value not in the table. Static text, never null.
  */
 KMXC_SERVICE_API int32_t kmxc_service_start(uint32_t rate_hz, KmxcServiceStart *start);
 KMXC_SERVICE_API int32_t kmxc_service_cycle(uint64_t time_us, KmxcServiceEvent *event);
 KMXC_SERVICE_API int32_t kmxc_service_stop(void);
+KMXC_SERVICE_API const char *kmxc_service_result_name(int32_t result);
 
 #ifdef __cplusplus
 }
