@@ -2,11 +2,11 @@
 #include <sstream>
 #include <string>
 
-#include "tools/record.h"
+#include "vphone/scene/record.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     std::istringstream in(std::string(reinterpret_cast<const char *>(data), size));
-    const compass::ParsedRecord parsed = compass::parse_record(in);
+    const vphone::scene::ParsedRecord parsed = vphone::scene::parse_record(in);
     if (!parsed.ok && parsed.error.empty()) __builtin_trap();  // a refusal always says why
     return 0;
 }

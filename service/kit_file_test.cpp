@@ -78,7 +78,7 @@ TEST_F(Kit, AFailedSaveIsReportedAndLeavesThePreviousFile) {
         vphone::fail_call(c.call, 1, EIO, vphone::kForever);
         const Trace fit = run(scenario("default"), 20, 16);
         vphone::reset();  // faults off; the chips go too
-        phone_.attach_chips(1, kDemoCalib);
+        rig_.attach_chips(1, kRigCalibration);
         ASSERT_GT(fit.first_fit_s, 0);
         bool failed = false;
         for (const auto &e : fit.events) failed |= (e.flags & KMXC_SERVICE_SAVE_FAILED) != 0;
@@ -133,7 +133,7 @@ TEST_F(Kit, ADamagedFileIsNeverTrustedWhicheverFileCallFails) {
             vphone::fail_call(call, nth, EIO, 1);
             const Trace r = run(scenario("still"), 5, 1);
             vphone::reset();  // faults off; the chips go too
-            phone_.attach_chips(1, kDemoCalib);
+            rig_.attach_chips(1, kRigCalibration);
             if (r.start_rc != 0) continue;  // a start-up failure is reported as such
             ++started;
             EXPECT_EQ(r.start.offset_loaded, 0);

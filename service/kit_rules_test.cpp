@@ -76,7 +76,7 @@ TEST_F(Kit, FirstFitComesInTimeAtEveryRateAndOnlyThenAreHeadingsTrusted) {
             if (!fitted) { EXPECT_EQ(e.accuracy, KMXC_SERVICE_UNRELIABLE) << e.time_us; }
             if (e.accuracy >= KMXC_SERVICE_MEDIUM && (e.flags & KMXC_SERVICE_ORIENTATION_VALID)) {
                 ++trusted;
-                const double truth = true_angles(r.truths[i].attitude).azimuth_double;
+                const double truth = true_angles(r.truths[i].attitude).double_azimuth;
                 wrong += std::fabs(heading_difference(static_cast<int>(e.orientation_deg[0]), truth)) > 15.0;
             }
         }
@@ -222,7 +222,7 @@ TEST_F(Kit, ARoughOffsetChangeForgetsTheSamplesFedBeforeIt) {
     s.accel_noise_g = 0;
     Vec3 before{};
     const Trace r = run(s, 10, 3, [&](double t, Truth &truth) {
-        const Vec3 now = phone_.true_offset_counts();
+        const Vec3 now = rig_.true_offset_counts();
         if (t < 1) {
             before = now;
         } else if (now == before) {

@@ -1,5 +1,5 @@
-// The kit's test fixture: the shipped library, the chip models and the scripted
-// physics of tools/ on the virtual phone, with the kit in charge of the call order.
+// The kit's test fixture: the shipped library on the virtual phone, the scene's
+// scenarios played on its rig (vphone/scene), with the kit in charge of the call order.
 // Each test drives a handling of the phone, optionally disturbs the field, and checks
 // what the kit reported against the physics.
 #ifndef KMXC_SERVICE_KIT_TEST_FIXTURE_H
@@ -17,17 +17,22 @@
 #include <vector>
 
 #include "orientation/orientation.h"
-#include "tools/phone.h"
-#include "tools/scenario.h"
 #include "vphone/phone_fixture.h"
+#include "vphone/scene/rig.h"
+#include "vphone/scene/scenario.h"
+#include "vphone/scene/scripted_run.h"
 
 #include <unistd.h>
 
 namespace kit_test {
 
-using namespace compass;
+using namespace vphone::scene;
+using vphone::Vec3;
 
-constexpr const char *kCfg = "/misc/sensor/kmxc_orvane.cfg";
+// The scene's integer-heading truth switches axes where the kit tells the library to.
+static_assert(kDirectionThresholdQ12 == KMXC_SERVICE_DIRECTION_THRESHOLD);
+
+constexpr const char *kCfg = kCalibrationFile;
 // What a reset file holds after the rough offset.
 constexpr const char *kDefaultOffsets = "0,0,0,2147483647,2147483647,2147483647";
 
@@ -42,14 +47,14 @@ struct Trace {
 
 class Kit : public vphone::PhoneTest {
 protected:
-    // The phone's files in a directory of the test's own (the Phone selects it as
-    // the sandbox, which drops the fixture's).
+    // The phone's files in a directory of the test's own (the rig selects it as the
+    // sandbox, which drops the fixture's).
     void SetUp() override {
         vphone::PhoneTest::SetUp();
         dir_ = (std::filesystem::temp_directory_path() / ("kmxc-kit-test-" + std::to_string(getpid()))).string();
         std::string error;
-        ASSERT_TRUE(phone_.open_sandbox(dir_, true, 1, &error)) << error;
-        phone_.attach_chips(1, kDemoCalib);
+        ASSERT_TRUE(rig_.open_sandbox(dir_, true, 1, &error)) << error;
+        rig_.attach_chips(1, kRigCalibration);
     }
     void TearDown() override {
         vphone::PhoneTest::TearDown();
@@ -60,44 +65,31 @@ protected:
     // Runs a scenario through the kit at rate_hz until until_s (or the script's end);
     // disturb may change what the phone senses at each instant.
     Trace run(ScenarioSettings settings, int rate_hz, double until_s = 1e9,
-              const std::function<void(double t, Truth &)> &disturb = {}) {
+              const ScriptedRun::Disturbance &disturb = {}) {
         Trace r;
         Scenario scenario(settings);
-        const uint64_t start_us = vphone::now_us();
-        Truth t0 = scenario.sample(0.0);
-        if (disturb) disturb(0.0, t0);
-        phone_.sense(t0);
+        ScriptedRun run(rig_, scenario, static_cast<uint32_t>(rate_hz), until_s, disturb);
+        run.sense_start();
         r.start_rc = kmxc_service_start(static_cast<uint32_t>(rate_hz), &r.start);
         if (r.start_rc != 0) return r;
-        const double end_s = std::min(until_s, scenario.duration_s());
-        const uint64_t period = 1000000u / static_cast<uint64_t>(rate_hz);
-        for (uint64_t i = 0;; ++i) {
-            const uint64_t due = start_us + i * period;
-            if (vphone::now_us() < due) usleep(static_cast<useconds_t>(due - vphone::now_us()));
-            const double t = static_cast<double>(vphone::now_us() - start_us) / 1e6;
-            if (t > end_s) break;
-            Truth truth = scenario.sample(t);
-            if (disturb) disturb(t, truth);
-            phone_.sense(truth);
-            vphone::clear_transcript();
+        while (run.next()) {
             KmxcServiceEvent e;
-            EXPECT_EQ(kmxc_service_cycle(vphone::now_us() - start_us, &e), 0);
-            if (r.first_fit_s < 0 && (e.flags & KMXC_SERVICE_FIT_3D)) r.first_fit_s = t;
+            EXPECT_EQ(kmxc_service_cycle(run.elapsed_us(), &e), 0);
+            if (r.first_fit_s < 0 && (e.flags & KMXC_SERVICE_FIT_3D)) r.first_fit_s = run.truth().t_s;
             r.events.push_back(e);
-            r.truths.push_back(truth);
-            r.true_offsets.push_back(phone_.true_offset_counts());
+            r.truths.push_back(run.truth());
+            r.true_offsets.push_back(rig_.true_offset_counts());
         }
         kmxc_service_stop();
         return r;
     }
 
+    // The offset error of an event (the scene's arithmetic, uT).
     static double offset_error_uT(const KmxcServiceEvent &e, const Vec3 &truth) {
-        double sq = 0;
-        for (int k = 0; k < 3; ++k) sq += (e.offset[k] - truth[k]) * (e.offset[k] - truth[k]);
-        return std::sqrt(sq) * 0.4;
+        return vphone::scene::offset_error_uT(e.offset, truth);
     }
 
-    Phone phone_;
+    Rig rig_;
     std::string dir_;
 };
 

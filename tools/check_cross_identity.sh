@@ -4,9 +4,14 @@
 # their per-sample outputs, raw records and calibration files byte for byte, then
 # replays one record on both and compares again. The scenario list comes from the
 # program's own --help, so a new scenario is covered without touching this script.
-# Usage: check_cross_identity.sh NATIVE_SERVICE CROSS_SERVICE "EMULATOR" WORK_DIR
+# RATE (cycles per second) is passed to every scenario run; without it the program's
+# default applies. The same script compares two native builds (an empty EMULATOR), say
+# a tree before and after a change that must not change any output.
+# Usage: check_cross_identity.sh NATIVE_SERVICE CROSS_SERVICE "EMULATOR" WORK_DIR [RATE]
 set -euo pipefail
-native=$1 cross=$2 emulator=$3 work=$4
+native=$1 cross=$2 emulator=$3 work=$4 rate=${5:-}
+rate_args=()
+[ -z "$rate" ] || rate_args=(--rate "$rate")
 fail() { echo "FAIL: $*" >&2; exit 1; }
 [ -x "$native" ] || fail "no x86-64 compass_service at '$native' (build the default preset first)"
 [ -x "$cross" ] || fail "no armel compass_service at '$cross'"
@@ -22,7 +27,8 @@ run() { # BUILD NAME ARGS...: runs one build's program, outputs under $work/BUIL
   local prog=("$(realpath "$native")")
   [ "$build" = armel ] && { read -r -a prog <<<"$emulator"; prog+=("$(realpath "$cross")"); }
   # From the build's own folder with relative paths, so the summaries name the same files.
-  (cd "$work/$build" && "${prog[@]}" --quiet --sandbox "$name/sandbox" --outputs "$name/outputs.csv" "$@" \
+  (cd "$work/$build" && "${prog[@]}" --quiet --sandbox "$name/sandbox" --outputs "$name/outputs.csv" \
+    --summary-json "$name/summary.json" "$@" \
     >"$name/stdout" 2>"$name/stderr") || fail "$build $name exited with $?: $(tail -3 "$dir/stderr")"
 }
 same() { # NAME FILE: the two builds' copies are identical
@@ -34,9 +40,10 @@ scenarios=$("$native" --help | sed -n 's/.*--scenario NAME *handling script: \([
 [ -n "$scenarios" ] || fail "could not read the scenario list from --help"
 compared=0
 for s in $scenarios; do
-  for build in x86-64 armel; do run "$build" "$s" --fresh --scenario "$s" --record "$s.rec.csv"; done
+  for build in x86-64 armel; do run "$build" "$s" --fresh --scenario "$s" "${rate_args[@]}" --record "$s.rec.csv"; done
   same "$s" outputs.csv
   same "$s" stdout
+  same "$s" summary.json
   cmp -s "$work/x86-64/$s.rec.csv" "$work/armel/$s.rec.csv" || fail "$s: the raw records differ"
   same "$s" sandbox/misc/sensor/kmxc_orvane.cfg
   compared=$((compared + 1))
@@ -46,5 +53,6 @@ done
 for build in x86-64 armel; do run "$build" replay --replay ../x86-64/default.rec.csv; done
 same replay outputs.csv
 same replay stdout
+same replay summary.json
 same replay sandbox/misc/sensor/kmxc_orvane.cfg
-echo "identical: $compared scenarios ($(echo $scenarios)) and one replay: outputs, summaries, records and calibration files"
+echo "identical${rate:+ at $rate Hz}: $compared scenarios ($(echo $scenarios)) and one replay: outputs, summaries, records and calibration files"

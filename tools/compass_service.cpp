@@ -3,9 +3,8 @@
 // (service/kmxc_service.h), which owns the library's call order, the calibration's
 // sample feed, the accuracy, anomaly and persistence rules.
 //
-// What stays here is the demo around the kit: the scripted handling of the phone, the
-// chip models, raw records and replays, the report and the plot.
-#include <algorithm>
+// What stays here is the demo around the kit: its command line, the run of a scenario
+// or a record on the scene's rig (vphone/scene), raw records, the report and the plot.
 #include <cerrno>
 #include <cmath>
 #include <cstdio>
@@ -13,23 +12,29 @@
 #include <filesystem>
 #include <fstream>
 #include <iostream>
+#include <optional>
 #include <sstream>
-#include <unistd.h>
 
 #include "drivers/drivers.h"
 #include "platform/platform.h"
 #include "service/kmxc_service.h"
 #include "tools/options.h"
-#include "tools/phone.h"
-#include "tools/record.h"
 #include "tools/report.h"
-#include "tools/scenario.h"
+#include "tools/run_files.h"
 #include "vphone/fault_plan.h"
+#include "vphone/scene/record.h"
+#include "vphone/scene/rig.h"
+#include "vphone/scene/scenario.h"
+#include "vphone/scene/scripted_run.h"
 #include "vphone/vphone.h"
 
 namespace {
 
 using namespace compass;
+using namespace vphone::scene;
+
+// The scene's integer-heading truth switches axes where the kit tells the library to.
+static_assert(kDirectionThresholdQ12 == KMXC_SERVICE_DIRECTION_THRESHOLD);
 
 // One kit event as the report sees it.
 SampleOutput to_sample(const KmxcServiceEvent &e) {
@@ -39,9 +44,9 @@ SampleOutput to_sample(const KmxcServiceEvent &e) {
     s.gs_rc = e.gs_result;
     s.calib_rc = e.calib_result;
     s.calib_status = e.calib_status;
-    s.heading_int = e.heading_deg;
-    s.attitude_rc = (e.flags & KMXC_SERVICE_HEADING_VALID) ? 0 : -1;
-    s.rotation_rc = (e.flags & KMXC_SERVICE_ORIENTATION_VALID) ? 0 : -1;
+    s.integer_heading = e.heading_deg;
+    s.heading_valid = (e.flags & KMXC_SERVICE_HEADING_VALID) != 0;
+    s.orientation_valid = (e.flags & KMXC_SERVICE_ORIENTATION_VALID) != 0;
     for (int k = 0; k < 3; ++k) {
         s.euler[k] = static_cast<int>(e.orientation_deg[k]);
         s.offset[k] = e.offset[k];
@@ -67,236 +72,218 @@ const char *start_error(int32_t rc) {
     }
 }
 
-// ==== The demo around the service ======================================================
-
-std::string fmt1(uint64_t us) {
+// Virtual time as the notes under the per-second lines show it: seconds, "%5.1f".
+std::string seconds_text(uint64_t us) {
     char b[32];
     std::snprintf(b, sizeof b, "%5.1f", static_cast<double>(us) / 1e6);
     return b;
 }
 
-int fail(const std::string &message, int code) {
-    std::cerr << "compass_service: " << message << '\n';
-    return code;
-}
+// One run of the service: the phone set up as the options say, the kit started, one
+// kit cycle per scenario cycle or recorded row, then the report.
+class Session {
+public:
+    explicit Session(const Options &opt)
+        : opt_(opt),
+          replaying_(!opt.replay_path.empty()),
+          scenario_(opt.scenario),
+          run_(rig_, scenario_, static_cast<uint32_t>(std::lround(opt.rate_hz))),
+          report_(std::cout, opt.quiet) {}
 
-// The calibration file's nine fields as the run starts (the defaults when there is
-// none yet), for the record's header.
-bool stored_line(std::array<long long, 9> *out) {
-    const auto text = vphone::read_file("/misc/sensor/kmxc_orvane.cfg");
-    std::array<long long, 9> v{255, 255, 255, 0, 0, 0, 2147483647, 2147483647, 2147483647};
-    if (text) {
-        std::istringstream in(*text);
-        char comma = ',';
-        for (size_t i = 0; i < v.size(); ++i)
-            if (!(in >> v[i]) || (i + 1 < v.size() && !(in >> comma))) return false;
-    }
-    *out = v;
-    return true;
-}
-
-std::string persisted_text(const std::string &sandbox) {
-    uint8_t rough[3];
-    int32_t ms[3], gs[3];
-    std::ostringstream o;
-    if (msmachdep_LoadRoughOffset(rough) != 0 || msmachdep_LoadMsOffset(ms) != 0 || msmachdep_LoadGsOffset(gs) != 0)
-        return "nothing readable";
-    o << sandbox << "/misc/sensor/kmxc_orvane.cfg: rough offset " << int(rough[0]) << ',' << int(rough[1]) << ','
-      << int(rough[2]) << "; magnetic offset ";
-    if (ms[0] == 2147483647)
-        o << "not known";
-    else
-        o << ms[0] << ',' << ms[1] << ',' << ms[2] << " counts";
-    o << "; gravity offset " << gs[0] << ',' << gs[1] << ',' << gs[2];
-    return o.str();
-}
-
-// Whether path names something inside dir (symbolic links followed as far as they exist).
-bool is_inside(const std::string &path, const std::string &dir) {
-    namespace fs = std::filesystem;
-    std::error_code ec;
-    const fs::path p = fs::weakly_canonical(fs::absolute(path, ec), ec);
-    const fs::path d = fs::weakly_canonical(fs::absolute(dir, ec), ec);
-    if (ec) return false;
-    auto pi = p.begin(), di = d.begin();
-    for (; di != d.end() && !di->empty(); ++pi, ++di)
-        if (pi == p.end() || *pi != *di) return false;
-    return pi != p.end();
-}
-
-int run(const Options &opt) {
-    const bool replaying = !opt.replay_path.empty();
-    Record replay;
-    if (replaying) {
-        std::ifstream in(opt.replay_path);
-        if (!in) return fail("cannot read replay file '" + opt.replay_path + "': " + std::strerror(errno), 2);
-        if (std::filesystem::is_directory(opt.replay_path))
-            return fail("cannot read replay file '" + opt.replay_path + "': it is a directory", 2);
-        ParsedRecord p = parse_record(in);
-        if (!p.ok) return fail("replay file '" + opt.replay_path + "' " + p.error, 2);
-        replay = std::move(p.record);
+    int run() {
+        if (int status = read_replay(); status != 0) return status;
+        if (int status = check_files(); status != 0) return status;
+        if (int status = set_up_phone(); status != 0) return status;
+        if (int status = start_service(); status != 0) return status;
+        for (size_t i = 0; next_cycle(i); ++i) cycle();
+        kmxc_service_stop();
+        return finish();
     }
 
-    // Output files must be writable before the run starts (and before the sandbox is
-    // touched), not after it; and none of them may be the record being replayed.
-    for (const std::string *path : {&opt.outputs_path, &opt.plot_path, &opt.summary_json_path, &opt.record_path}) {
-        std::error_code ec;
-        if (replaying && !path->empty() && std::filesystem::equivalent(*path, opt.replay_path, ec))
-            return fail("'" + *path + "' is the replay file; name another file", 2);
-    }
-    // The sandbox is the phone's file system, emptied by --fresh and by every replay: a
-    // file named on the command line may not live in it, or it would be lost (a record
-    // written there would go to a file already deleted).
-    for (const std::string *path :
-         {&opt.replay_path, &opt.outputs_path, &opt.plot_path, &opt.summary_json_path, &opt.record_path})
-        if (!path->empty() && is_inside(*path, opt.sandbox))
-            return fail("'" + *path + "' is inside the sandbox '" + opt.sandbox +
-                            "', which --fresh and replays empty; name a file outside it",
-                        2);
-    for (const std::string *path : {&opt.outputs_path, &opt.plot_path, &opt.summary_json_path})
-        if (!path->empty() && !std::ofstream(*path)) return fail("cannot write '" + *path + "'", 2);
-    std::ofstream record;
-    if (!opt.record_path.empty()) {
-        record.open(opt.record_path);
-        if (!record) return fail("cannot write record file '" + opt.record_path + "'", 2);
-    }
+private:
+    int read_replay();
+    int check_files();
+    int set_up_phone();
+    int start_service();
+    void write_record_header(const KmxcServiceStart &started);
+    void log_rough_readings();
+    bool next_cycle(size_t i);
+    void cycle();
+    int finish();
+    int write_files();
 
-    std::vector<vphone::PlannedFault> faults;
+    const Options &opt_;
+    const bool replaying_;
+    Record replay_;
+    Rig rig_;
+    Scenario scenario_;
+    ScriptedRun run_;
+    Report report_;
+    std::ofstream record_;
+    RecordHeader header_;
+    std::vector<vphone::PlannedFault> faults_;
+    int rough_changes_ = 0;
+    uint32_t saves_ = 0, save_failures_ = 0;
+};
+
+int Session::read_replay() {
+    if (!replaying_) return 0;
+    std::ifstream in(opt_.replay_path);
+    if (!in) return fail("cannot read replay file '" + opt_.replay_path + "': " + std::strerror(errno), 2);
+    if (std::filesystem::is_directory(opt_.replay_path))
+        return fail("cannot read replay file '" + opt_.replay_path + "': it is a directory", 2);
+    ParsedRecord p = parse_record(in);
+    if (!p.ok) return fail("replay file '" + opt_.replay_path + "' " + p.error, 2);
+    replay_ = std::move(p.record);
+    return 0;
+}
+
+// Everything named on the command line is checked before the sandbox is touched.
+int Session::check_files() {
+    if (int status = check_output_paths(opt_); status != 0) return status;
+    if (!opt_.record_path.empty()) {
+        record_.open(opt_.record_path);
+        if (!record_) return fail("cannot write record file '" + opt_.record_path + "'", 2);
+    }
     std::string error;
-    if (!opt.fault_plan.empty() && !vphone::parse_fault_plan(opt.fault_plan, &faults, &error))
+    if (!opt_.fault_plan.empty() && !vphone::parse_fault_plan(opt_.fault_plan, &faults_, &error))
         return fail("--fault: " + error, 2);
+    return 0;
+}
 
-    // The virtual phone: files in the sandbox, chip models on the bus.
-    Phone phone;
-    const ScenarioSettings &settings = opt.scenario;
-    const bool sandbox_ok = replaying ? phone.open_replay_sandbox(opt.sandbox, replay.header, &error)
-                                      : phone.open_sandbox(opt.sandbox, opt.fresh, settings.profile, &error);
+// The virtual phone: files in the sandbox, chip models on the bus sensing the start.
+int Session::set_up_phone() {
+    std::string error;
+    const int profile = opt_.scenario.profile;
+    const bool sandbox_ok = replaying_ ? rig_.open_replay_sandbox(opt_.sandbox, replay_.header, &error)
+                                       : rig_.open_sandbox(opt_.sandbox, opt_.fresh, profile, &error);
     if (!sandbox_ok) return fail(error, 1);
-    if (replaying) {
-        phone.attach_replay_chips(replay.header);
-        for (const auto &r : replay.rough_readings) phone.queue_rough(r);
+    if (replaying_) {
+        rig_.attach_replay_chips(replay_);
     } else {
-        phone.attach_chips(settings.profile, kDemoCalib);
+        rig_.attach_chips(profile, kRigCalibration);
+        run_.sense_start();
     }
-    Scenario scenario(settings);
-    if (!replaying) phone.sense(scenario.sample(0.0));  // what the chips sense at start-up
+    header_.has_stored = stored_calibration_line(&header_.stored);
+    return 0;
+}
 
-    RecordHeader header;
-    header.has_stored = stored_line(&header.stored);
-
+int Session::start_service() {
     // Faults planned with --fault count from here: the service's first call.
-    vphone::apply_fault_plan(faults);
-
-    // The service starts.
+    vphone::apply_fault_plan(faults_);
     KmxcServiceStart started{};
-    const uint32_t rate = static_cast<uint32_t>(std::lround(opt.rate_hz));
+    const uint32_t rate = static_cast<uint32_t>(std::lround(opt_.rate_hz));
     if (const int32_t rc = kmxc_service_start(rate, &started); rc != 0)
         return fail(std::string(start_error(rc)) + " (kmxc_service_start returned " + std::to_string(rc) + ")", 1);
-    const uint8_t *rough = started.rough;
-    const bool measured = started.rough_measured != 0;
-    const bool calibrated = started.offset_loaded != 0;
-    if (record.is_open()) {
-        const MountingProfile &m = mounting_profiles()[static_cast<size_t>(settings.profile - 1)];
-        header.profile = settings.profile;
-        for (int i = 0; i < 9; ++i) {
-            header.transformation[i] = m.accel[i];
-            header.transformation[9 + i] = m.mag[i];
-            header.calib[i] = KmxcDrvHandle()->calib[i];
-        }
-        for (int k = 0; k < 3; ++k) header.rough[k] = rough[k];
-        write_record_header(record, header);
-    }
-    auto log_rough_readings = [&] {
-        for (const auto &r : phone.take_rough_readings())
-            if (record.is_open()) write_rough_reading(record, r);
-    };
+    if (record_.is_open()) write_record_header(started);
     log_rough_readings();
 
-    std::cout << (replaying ? "Replaying " + opt.replay_path : "Scenario " + settings.name) << " on the virtual phone"
-              << " (sandbox " << opt.sandbox << "); rough offset " << int(rough[0]) << ',' << int(rough[1]) << ','
-              << int(rough[2]) << (measured ? " measured" : " from the file") << "; "
+    const uint8_t *rough = started.rough;
+    const bool calibrated = started.offset_loaded != 0;
+    std::cout << (replaying_ ? "Replaying " + opt_.replay_path : "Scenario " + opt_.scenario.name)
+              << " on the virtual phone (sandbox " << opt_.sandbox << "); rough offset " << int(rough[0]) << ','
+              << int(rough[1]) << ',' << int(rough[2]) << (started.rough_measured ? " measured" : " from the file")
+              << "; "
               << (calibrated ? "stored magnetic offset loaded (unreliable until the field confirms it)"
                              : "no stored magnetic offset")
               << (started.file_repaired ? "; the calibration file was empty or garbled and was reset" : "") << "\n";
+    report_.set_started_calibrated(calibrated);
+    return 0;
+}
 
-    Report report(std::cout, opt.quiet);
-    report.set_started_calibrated(calibrated);
-    const uint64_t period_us = static_cast<uint64_t>(1e6 / opt.rate_hz);
-    const uint64_t end_us = static_cast<uint64_t>(scenario.duration_s() * 1e6);
-    const size_t cycles = replaying ? replay.rows.size() : SIZE_MAX;
-    int rough_changes = 0;
-    uint32_t saves = 0, save_failures = 0;
-    for (size_t i = 0; i < cycles; ++i) {
-        // Wait (in virtual time) for the cycle's start. A cycle lasts at least the
-        // magnetometer's 13 ms, so at high rates the cycles start late, not more often.
-        const uint64_t due = replaying ? static_cast<uint64_t>(replay.rows[i].time_us) : i * period_us;
-        // usleep takes less than a second (and useconds_t may be 32 bits): a long gap
-        // in a recording is waited out in steps.
-        // A failed usleep ends the wait rather than spinning on it.
-        while (vphone::now_us() < due)
-            if (usleep(static_cast<useconds_t>(std::min<uint64_t>(due - vphone::now_us(), 999999))) != 0) break;
-        const uint64_t now = vphone::now_us();
-        if (!replaying && now > end_us) break;
-        Truth truth;
-        if (replaying)
-            phone.deliver(replay.rows[i]);
-        else
-            phone.sense(truth = scenario.sample(static_cast<double>(now) / 1e6));
-
-        vphone::clear_transcript();  // the demo does not read it; keep long replays small
-        KmxcServiceEvent e;
-        kmxc_service_cycle(now, &e);
-        SampleOutput s = to_sample(e);
-        if (!replaying) {
-            s.has_truth = true;
-            s.phase = truth.phase;
-            s.truth = true_angles(truth.attitude);
-            s.true_offset = phone.true_offset_counts();
-        }
-        if (record.is_open() && s.ms_rc >= 0 && s.gs_rc >= 0)
-            write_record_row(record, RecordRow{s.time_us,
-                                               {uint16_t(e.raw_ms[0]), uint16_t(e.raw_ms[1]), uint16_t(e.raw_ms[2])},
-                                               uint16_t(e.raw_temperature),
-                                               {e.raw_gs[0], e.raw_gs[1], e.raw_gs[2]}});
-        report.add(s);
-        if (e.flags & KMXC_SERVICE_SAVE_FAILED)
-            std::cout << "  t " << fmt1(now) << " s  saving the calibration file failed; the previous file is kept\n";
-        if (e.flags & KMXC_SERVICE_ROUGH_CHANGED) {
-            ++rough_changes;
-            std::cout << "  rough offset changed to " << int(e.rough[0]) << ',' << int(e.rough[1]) << ','
-                      << int(e.rough[2]) << "; magnetic offset carried over\n";
-        }
-        log_rough_readings();
-        saves = e.saves;
-        save_failures = e.save_failures;
+void Session::write_record_header(const KmxcServiceStart &started) {
+    const int profile = opt_.scenario.profile;
+    const MountingProfile &m = mounting_profiles()[static_cast<size_t>(profile - 1)];
+    header_.profile = profile;
+    for (int i = 0; i < 9; ++i) {
+        header_.transformation[i] = m.accel[i];
+        header_.transformation[9 + i] = m.mag[i];
+        header_.calib[i] = KmxcDrvHandle()->calib[i];
     }
-    kmxc_service_stop();
-    report.set_saves(saves, save_failures, rough_changes);
+    for (int k = 0; k < 3; ++k) header_.rough[k] = started.rough[k];
+    vphone::scene::write_record_header(record_, header_);
+}
 
-    report.print_summary(persisted_text(opt.sandbox) +
-                         (rough_changes ? "; rough offset changed " + std::to_string(rough_changes) + " time(s)" : ""));
+void Session::log_rough_readings() {
+    for (const auto &r : rig_.take_rough_readings())
+        if (record_.is_open()) write_rough_reading(record_, r);
+}
+
+// Waits for cycle i and feeds the chips: the scenario's instant, or the recorded row.
+bool Session::next_cycle(size_t i) {
+    if (!replaying_) return run_.next();
+    if (i >= replay_.rows.size()) return false;
+    wait_until(static_cast<uint64_t>(replay_.rows[i].time_us));
+    rig_.deliver(replay_.rows[i]);
+    vphone::clear_transcript();  // the demo does not read it; keep long replays small
+    return true;
+}
+
+void Session::cycle() {
+    const uint64_t now = vphone::now_us();
+    KmxcServiceEvent e;
+    kmxc_service_cycle(now, &e);
+    SampleOutput s = to_sample(e);
+    if (!replaying_) {
+        s.has_truth = true;
+        s.phase = run_.truth().phase;
+        s.truth = true_angles(run_.truth().attitude);
+        s.true_offset = rig_.true_offset_counts();
+    }
+    if (record_.is_open() && s.ms_rc >= 0 && s.gs_rc >= 0)
+        write_record_row(record_, RecordRow{s.time_us,
+                                            {uint16_t(e.raw_ms[0]), uint16_t(e.raw_ms[1]), uint16_t(e.raw_ms[2])},
+                                            uint16_t(e.raw_temperature),
+                                            {e.raw_gs[0], e.raw_gs[1], e.raw_gs[2]}});
+    report_.add(s);
+    if (e.flags & KMXC_SERVICE_SAVE_FAILED)
+        std::cout << "  t " << seconds_text(now)
+                  << " s  saving the calibration file failed; the previous file is kept\n";
+    if (e.flags & KMXC_SERVICE_ROUGH_CHANGED) {
+        ++rough_changes_;
+        std::cout << "  rough offset changed to " << int(e.rough[0]) << ',' << int(e.rough[1]) << ',' << int(e.rough[2])
+                  << "; magnetic offset carried over\n";
+    }
+    log_rough_readings();
+    saves_ = e.saves;
+    save_failures_ = e.save_failures;
+}
+
+int Session::finish() {
+    report_.set_saves(saves_, save_failures_, rough_changes_);
+    report_.print_summary(
+        persisted_text(opt_.sandbox) +
+        (rough_changes_ ? "; rough offset changed " + std::to_string(rough_changes_) + " time(s)" : ""));
     int status = 0;
-    if (save_failures > 0)
-        status = fail("saving the calibration file failed " + std::to_string(save_failures) +
+    if (save_failures_ > 0)
+        status = fail("saving the calibration file failed " + std::to_string(save_failures_) +
                           " time(s); the file keeps what it held before",
                       3);
-    if (!opt.summary_json_path.empty() && !report.write_summary_json(opt.summary_json_path, &error))
+    if (int written = write_files(); written != 0) status = written;
+    return status;
+}
+
+// The summary JSON, the outputs, the plot and the record; 3 when any failed.
+int Session::write_files() {
+    int status = 0;
+    std::string error;
+    if (!opt_.summary_json_path.empty() && !report_.write_summary_json(opt_.summary_json_path, &error))
         status = fail(error, 3);
-    if (!opt.outputs_path.empty() && !report.write_outputs(opt.outputs_path, &error)) status = fail(error, 3);
-    if (!opt.plot_path.empty()) {
-        const std::string title = replaying ? "Compass service, replay of " + opt.replay_path
-                                            : "Compass service on the virtual phone, scenario " + settings.name;
-        if (report.write_plot(opt.plot_path, title, &error))
-            std::cout << "  plot                      " << opt.plot_path << '\n';
+    if (!opt_.outputs_path.empty() && !report_.write_outputs(opt_.outputs_path, &error)) status = fail(error, 3);
+    if (!opt_.plot_path.empty()) {
+        const std::string title = replaying_ ? "Compass service, replay of " + opt_.replay_path
+                                             : "Compass service on the virtual phone, scenario " + opt_.scenario.name;
+        if (report_.write_plot(opt_.plot_path, title, &error))
+            std::cout << "  plot                      " << opt_.plot_path << '\n';
         else
             status = fail(error, 3);
     }
-    if (record.is_open()) {
-        record.flush();
-        if (!record)
-            status = fail("writing record file '" + opt.record_path + "' failed", 3);
+    if (record_.is_open()) {
+        record_.flush();
+        if (!record_)
+            status = fail("writing record file '" + opt_.record_path + "' failed", 3);
         else
-            std::cout << "  raw record                " << opt.record_path << '\n';
+            std::cout << "  raw record                " << opt_.record_path << '\n';
     }
     return status;
 }
@@ -314,5 +301,5 @@ int main(int argc, char **argv) {
         std::cout << "compass_service " KMXC_ORVANE_VERSION "\n";
         return 0;
     }
-    return run(p.options);
+    return Session(p.options).run();
 }

@@ -3,7 +3,7 @@
 // hostile plot names and long replay gaps. Nothing is lost and every failure is said.
 #include <gtest/gtest.h>
 
-#include "tools/record.h"
+#include "vphone/scene/record.h"
 #include "tools/service_run_test_util.h"
 
 namespace {
@@ -177,14 +177,14 @@ TEST(CompassService, ReplayWaitsOutGapsLongerThanThirtyTwoBitsOfMicroseconds) {
               0);
     // Every row after the first second moves 4,400,000,000 us later: past 2^32.
     std::ifstream in(d + "/r.csv");
-    compass::ParsedRecord p = compass::parse_record(in);
+    vphone::scene::ParsedRecord p = vphone::scene::parse_record(in);
     ASSERT_TRUE(p.ok) << p.error;
     std::ofstream out(d + "/gap.csv");
-    compass::write_record_header(out, p.record.header);
-    for (const auto &reading : p.record.rough_readings) compass::write_rough_reading(out, reading);
-    for (compass::RecordRow &row : p.record.rows) {
+    vphone::scene::write_record_header(out, p.record.header);
+    for (const auto &reading : p.record.rough_readings) vphone::scene::write_rough_reading(out, reading);
+    for (vphone::scene::RecordRow &row : p.record.rows) {
         if (row.time_us > 1000000) row.time_us += 4400000000;
-        compass::write_record_row(out, row);
+        vphone::scene::write_record_row(out, row);
     }
     out.close();
     ASSERT_GT(p.record.rows.back().time_us, 4400000000);

@@ -21,8 +21,9 @@ TEST(CompassService, DefaultScenarioCalibratesInThreeDimensionsAndHoldsTheHeadin
         if (first_3d < 0 && compass::is_three_d(static_cast<int>(num(rows[i], "calib_rc"))))
             first_3d = static_cast<int>(i);
         if (first_3d < 0) continue;
-        const double ei = compass::heading_difference(num(rows[i], "heading_int"), num(rows[i], "true_heading_int"));
-        const double ed = compass::heading_difference(num(rows[i], "azimuth"), num(rows[i], "true_azimuth"));
+        const double ei =
+            vphone::scene::heading_difference(num(rows[i], "heading_int"), num(rows[i], "true_heading_int"));
+        const double ed = vphone::scene::heading_difference(num(rows[i], "azimuth"), num(rows[i], "true_azimuth"));
         integer.add(ei), dbl.add(ed);
         if (held_steady(rows, i)) steady_integer.add(ei), steady_dbl.add(ed);
     }

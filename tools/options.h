@@ -1,16 +1,17 @@
-// Command line of the compass service demo.
+// Command line of the compass service demo: the tool's own options, and the world's
+// options read by the scene's parser (vphone/scene/scene_options.h).
 #ifndef KMXC_TOOLS_OPTIONS_H
 #define KMXC_TOOLS_OPTIONS_H
 
 #include <string>
 #include <vector>
 
-#include "tools/scenario.h"
+#include "vphone/scene/scenario.h"
 
 namespace compass {
 
 struct Options {
-    ScenarioSettings scenario;
+    vphone::scene::ScenarioSettings scenario;
     std::string sandbox;            // the virtual phone's file system (default by mode)
     bool fresh = false;             // empty the sandbox first
     std::string record_path;        // write the raw chip data here

@@ -10,25 +10,27 @@
 #include <vector>
 
 #include "calibration/calibration.h"
-#include "tools/scenario.h"
+#include "vphone/scene/frames.h"
 
 namespace compass {
+
+using vphone::scene::TrueAngles;
 
 // One measurement cycle as the service saw it.
 struct SampleOutput {
     int64_t time_us = 0;
     const char *phase = "";
-    int ms_rc = 0, gs_rc = 0;     // measurement results
-    int calib_rc = 0;             // KmxAxesMsCalibUpdate
-    int calib_status = 0;         // KmxAxesMsCalibGetStatus after the update
-    int heading_int = 0;          // integer path, smoothed whole degrees
-    int attitude_rc = 0;          // KmxAxesLibGetAttitude
-    int rotation_rc = 0;          // KmxAxesLibGetRotationMatrix
-    std::array<int, 3> euler{};   // double path: azimuth, pitch, roll (whole degrees)
-    std::array<int, 3> offset{};  // the library's magnetic offset, counts
-    bool has_truth = false;       // false on replays
+    int ms_rc = 0, gs_rc = 0;        // measurement results
+    int calib_rc = 0;                // KmxAxesMsCalibUpdate
+    int calib_status = 0;            // KmxAxesMsCalibGetStatus after the update
+    int integer_heading = 0;         // integer path, smoothed whole degrees
+    bool heading_valid = false;      // the kit reported an integer heading
+    bool orientation_valid = false;  // the kit reported azimuth, pitch and roll
+    std::array<int, 3> euler{};      // double path: azimuth, pitch, roll (whole degrees)
+    std::array<int, 3> offset{};     // the library's magnetic offset, counts
+    bool has_truth = false;          // false on replays
     TrueAngles truth{};
-    std::array<double, 3> true_offset{};  // counts
+    vphone::Vec3 true_offset{};  // counts
     // The kit's judgement and the field diagnostics it works from (replays too).
     int accuracy = 0;                  // 0 unreliable .. 3 high
     int anomaly = 0;                   // KMXC_SERVICE_ANOMALY_* causes in this sample
@@ -59,10 +61,10 @@ struct Summary {
     int planar_events = 0, three_d_events = 0;
     std::vector<int> codes_seen;        // distinct calibration codes that published an offset
     double final_offset_error_uT = -1;  // -1 unknown (replay)
-    ErrorStats heading_int, heading_double;
+    ErrorStats integer_heading_error, double_azimuth_error;
     // The same, counting only samples of a phone held steady: the true attitude has
     // stayed within 8 degrees for the last 2 s (the heading smoother has settled).
-    ErrorStats rest_int, rest_double;
+    ErrorStats steady_integer_error, steady_double_error;
     // Virtual seconds spent at each accuracy (0 unreliable .. 3 high).
     std::array<double, 4> accuracy_s{};
     // Samples at medium or high accuracy with a valid azimuth, and those of them whose
@@ -92,17 +94,23 @@ public:
     void set_saves(unsigned saves, unsigned failures, int rough_changes);
 
 private:
+    void tally_sample(const SampleOutput &s);
+    void tally_offset(const SampleOutput &s);
+    void tally_errors(const SampleOutput &s);
+
     std::ostream &out_;
     bool quiet_;
     Summary summary_;
     std::vector<SampleOutput> samples_;
     int64_t next_line_us_ = 0;
-    int64_t still_since_us_ = 0;  // start of the current stretch at rest
-    TrueAngles still_ref_{};      // attitude at its start
+    int64_t steady_since_us_ = 0;  // start of the current stretch held steady
+    TrueAngles steady_from_{};     // attitude at its start
     bool last_anomaly_ = false;
 };
 
 std::string format_second_line(const SampleOutput &s);
+// One number through a printf format (e.g. "%.2f").
+std::string fmt(const char *format, double v);
 double offset_error_uT(const SampleOutput &s);  // -1 when unknown
 
 }  // namespace compass

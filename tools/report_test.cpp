@@ -1,3 +1,5 @@
+// The report's tallies on hand-made samples: which samples count toward each error,
+// where the seconds at each accuracy go, what counts as a wrong trusted azimuth.
 #include "tools/report.h"
 
 #include "service/kmxc_service.h"
@@ -11,13 +13,16 @@
 namespace compass {
 namespace {
 
-SampleOutput sample(int64_t t_us, int calib_rc, int heading, double true_heading) {
+SampleOutput sample(int64_t t_us, int calib_rc, int heading, double true_heading, int accuracy = 0) {
     return {.time_us = t_us,
             .calib_rc = calib_rc,
-            .heading_int = heading,
+            .integer_heading = heading,
+            .heading_valid = true,
+            .orientation_valid = true,
             .euler = {heading, 0, 0},
             .has_truth = true,
             .truth = {true_heading, true_heading, 0, 0},
+            .accuracy = accuracy,
             .flags = KMXC_SERVICE_HEADING_VALID | KMXC_SERVICE_ORIENTATION_VALID};
 }
 
@@ -34,9 +39,48 @@ TEST(Report, HeadingErrorsCountOnlyAfterTheFirstThreeDimensionalCalibration) {
     EXPECT_EQ(m.planar_events, 1);
     EXPECT_EQ(m.three_d_events, 1);
     EXPECT_EQ(m.codes_seen, (std::vector<int>{24, 63}));
-    EXPECT_EQ(m.heading_int.count, 2);
-    EXPECT_DOUBLE_EQ(m.heading_int.max_abs, 4);
-    EXPECT_NEAR(m.heading_int.rms(), std::sqrt((4.0 + 16.0) / 2), 1e-12);
+    EXPECT_EQ(m.integer_heading_error.count, 2);
+    EXPECT_DOUBLE_EQ(m.integer_heading_error.max_abs, 4);
+    EXPECT_NEAR(m.integer_heading_error.rms(), std::sqrt((4.0 + 16.0) / 2), 1e-12);
+}
+
+// Each interval between samples goes to the accuracy the later sample reports; a
+// trusted (medium or high) azimuth is wrong only beyond 15 degrees.
+TEST(Report, SecondsGoToTheLaterSamplesAccuracyAndTrustedAzimuthsAreWrongBeyondFifteenDegrees) {
+    const struct {
+        int accuracy;
+        double azimuth_error;
+    } samples[] = {{0, 40}, {0, 40}, {2, 15}, {3, 15.5}, {3, -16}, {1, 30}, {2, -15}};
+    std::ostringstream out;
+    Report r(out, true);
+    for (size_t i = 0; i < std::size(samples); ++i) {
+        SampleOutput s = sample(static_cast<int64_t>(i) * 100000, 0, 0, 0, samples[i].accuracy);
+        s.truth.double_azimuth = 100;
+        s.euler[0] = static_cast<int>(100 + std::trunc(samples[i].azimuth_error));
+        if (samples[i].azimuth_error != std::trunc(samples[i].azimuth_error)) s.truth.double_azimuth -= 0.5;
+        r.add(s);
+    }
+    const Summary &m = r.summary();
+    EXPECT_NEAR(m.accuracy_s[0], 0.1, 1e-12);
+    EXPECT_NEAR(m.accuracy_s[1], 0.1, 1e-12);
+    EXPECT_NEAR(m.accuracy_s[2], 0.2, 1e-12);
+    EXPECT_NEAR(m.accuracy_s[3], 0.2, 1e-12);
+    EXPECT_EQ(m.trusted_samples, 4);
+    EXPECT_EQ(m.trusted_wrong, 2) << "15.5 and 16 degrees off; 15 is not wrong";
+}
+
+// Held steady: the true attitude within 8 degrees for the last 2 s.
+TEST(Report, SteadyErrorsCountTwoSecondsAfterTheAttitudeLastMovedMoreThanEightDegrees) {
+    std::ostringstream out;
+    Report r(out, true);
+    r.add(sample(0, 63, 0, 0));
+    for (int i = 1; i <= 50; ++i) {
+        const double truth = i < 10 ? 2.0 * i : (i < 20 ? 30 + 0.5 * i : 50);  // the last big move: sample 20
+        r.add(sample(i * 100000, 0, 0, truth));
+    }
+    // Steady from 2.0 s (the reference taken at sample 20), counted from 4.0 s.
+    EXPECT_EQ(r.summary().steady_integer_error.count, 11);
+    EXPECT_DOUBLE_EQ(r.summary().steady_integer_error.max_abs, 50);
 }
 
 TEST(Report, OneLinePerSimulatedSecond) {

@@ -17,7 +17,7 @@
 #include <sstream>
 
 #include "tools/report.h"
-#include "tools/scenario.h"
+#include "vphone/scene/frames.h"
 
 namespace service_run {
 
@@ -96,7 +96,7 @@ inline bool held_steady(const std::vector<std::map<std::string, std::string>> &r
     if (i < 20) return false;
     for (size_t j = i - 20; j < i; ++j)
         for (const char *col : {"true_heading_int", "true_pitch", "true_roll"})
-            if (std::fabs(compass::heading_difference(num(rows[j], col), num(rows[i], col))) > 8) return false;
+            if (std::fabs(vphone::scene::heading_difference(num(rows[j], col), num(rows[i], col))) > 8) return false;
     return true;
 }
 

@@ -1,24 +1,8 @@
-// Scenario engine of the compass service demo: a scripted handling of the phone in
-// virtual time, and the physics that turns it into what the two chips would sense.
-//
-// Conventions (all right-handed):
-//   World frame, magnetic: x magnetic east, y magnetic north, z up. The geographic
-//   frame differs by the declination D (magnetic north lies D degrees east of
-//   geographic north); script headings are geographic, and every "true heading" the
-//   demo reports is magnetic (geographic - D), because that is what a compass measures.
-//   Phone axes: x to the right edge, y to the top edge, z out of the screen.
-//   Attitude: heading psi (of the phone's y axis, from north toward east), pitch and
-//   roll as the library reports them (pitch = minus the elevation of the y axis,
-//   roll about the phone's y axis, positive with the right edge going down). The
-//   phone-to-world rotation is R = Rz(-psi) * Rx(-pitch) * Ry(roll) applied to phone
-//   vectors; rows of R are east, north and up expressed in phone axes.
-//   Earth field in the magnetic world frame: B (0, cos I, -sin I) for strength B and
-//   inclination I (positive: the field dips below the horizon, northern hemisphere).
-//   Gravity sample: points the way gravity pulls, minus any linear acceleration, in g:
-//   a phone lying flat reads (0, 0, -1).
-//   Hard iron: a field fixed to the phone, added in phone axes.
-#ifndef KMXC_TOOLS_SCENARIO_H
-#define KMXC_TOOLS_SCENARIO_H
+// Scenarios: scripted handlings of the phone in virtual time, and the physics that
+// turns each instant into what the two chips would sense (frames.h has the
+// conventions).
+#ifndef KMXC_VPHONE_SCENE_SCENARIO_H
+#define KMXC_VPHONE_SCENE_SCENARIO_H
 
 #include <array>
 #include <cstdint>
@@ -26,18 +10,9 @@
 #include <string>
 #include <vector>
 
-#include "service/kmxc_service.h"
+#include "vphone/scene/frames.h"
 
-namespace compass {
-
-using Vec3 = std::array<double, 3>;
-using Mat3 = std::array<Vec3, 3>;  // row-major
-
-struct Pose {
-    double heading_deg = 0;  // geographic heading of the phone's y axis
-    double pitch_deg = 0;
-    double roll_deg = 0;
-};
+namespace vphone::scene {
 
 struct ScenarioSettings {
     std::string name = "default";  // which script, see scenario_names()
@@ -67,19 +42,6 @@ struct Truth {
     Vec3 gravity_g{};     // accelerometer reading in phone axes, g
     double temperature_C = 0;
 };
-
-// The angles each library path reports, computed from the true attitude with the
-// definitions the library documents (whole-degree truncation left out).
-struct TrueAngles {
-    double heading_int;     // heading of the y axis, or of -z/+z when the y axis is steep
-    double azimuth_double;  // rotation about the vertical: atan2(E.y - N.x, E.x + N.y)
-    double pitch;           // -asin(up.y), folded beyond +-90 when facing down
-    double roll;            // -asin(up.x)
-};
-
-// Up-row y component (Q12) beyond which the integer heading uses the z axis: the
-// threshold the kit passes to the library.
-constexpr int kDirectionThreshold = KMXC_SERVICE_DIRECTION_THRESHOLD;
 
 // The shipped scenarios, in one table (scenario.cpp): name, a line for --help, script.
 struct ScenarioInfo {
@@ -141,13 +103,6 @@ private:
     std::mt19937 rng_;
 };
 
-Mat3 attitude_matrix(const Pose &pose_magnetic);
-Vec3 earth_field_uT(double strength_uT, double inclination_deg);  // magnetic world frame
-Vec3 to_phone(const Mat3 &attitude, const Vec3 &world);
-TrueAngles true_angles(const Mat3 &attitude);
-// Signed difference a - b of two headings, in -180..180.
-double heading_difference(double a_deg, double b_deg);
-
-}  // namespace compass
+}  // namespace vphone::scene
 
 #endif

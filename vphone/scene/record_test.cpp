@@ -1,4 +1,4 @@
-#include "tools/record.h"
+#include "vphone/scene/record.h"
 
 #include <gtest/gtest.h>
 
@@ -6,7 +6,7 @@
 #include <random>
 #include <sstream>
 
-namespace compass {
+namespace vphone::scene {
 namespace {
 
 Record random_record(uint32_t seed, int rows) {
@@ -41,14 +41,20 @@ std::string text_of(const Record &r) {
     return o.str();
 }
 
-TEST(Record, WrittenRecordsParseBackExactly) {
-    for (uint32_t seed : {1u, 2u, 3u}) {
-        const Record r = random_record(seed, 200);
-        std::istringstream in(text_of(r));
-        const ParsedRecord p = parse_record(in);
-        ASSERT_TRUE(p.ok) << p.error;
-        EXPECT_TRUE(p.record == r) << "seed " << seed;
-    }
+// Also with the \r\n line ends of a file written on another system.
+TEST(Record, WrittenRecordsParseBackExactlyWithEitherLineEnd) {
+    for (uint32_t seed : {1u, 2u, 3u})
+        for (bool crlf : {false, true}) {
+            const Record r = random_record(seed, 200);
+            std::string text = text_of(r);
+            if (crlf)
+                for (size_t at = text.find('\n'); at != std::string::npos; at = text.find('\n', at + 2))
+                    text.insert(at, "\r");
+            std::istringstream in(text);
+            const ParsedRecord p = parse_record(in);
+            ASSERT_TRUE(p.ok) << p.error;
+            EXPECT_TRUE(p.record == r) << "seed " << seed << (crlf ? ", \\r\\n" : "");
+        }
 }
 
 // Each case edits a good three-sample file: replaces the line that starts with
@@ -65,11 +71,13 @@ const struct {
     {"matrix entry 2", "transformation,", "transformation,2,0,0,0,1,0,0,0,1,1,0,0,0,1,0,0,0,1",
      "'transformation' value 1"},
     {"missing calib before columns", "calib,", "# no calib", "needs 'transformation', 'calib' and 'rough'"},
+    {"missing rough before columns", "rough,", "# no rough", "needs 'transformation', 'calib' and 'rough'"},
     {"no columns", "time_us,", "time,x", "unknown header line 'time'"},
     {"too few values", "", "0,1,2,3", "line 8: expected 8 values, found 4"},
     {"channel beyond 11 bits", "", "0,2048,0,0,0,0,0,0", "ms0 '2048'"},
     {"truncated row", "", "0,1,1,1,1,0,0,", "gs_z ''"},
     {"time going back", "", "5,1,1,1,1,0,0,0\n4,1,1,1,1,0,0,0", "time_us 4 does not increase"},
+    {"time standing still", "", "5,1,1,1,1,0,0,0\n5,1,1,1,1,0,0,0", "line 9: time_us 5 does not increase"},
     {"rough reading beyond a byte", "", "rough_reading,1,256,0", "'rough_reading' value 2 ('256')"},
     {"no samples", "", "# nothing", "no samples"},
 };
@@ -96,4 +104,4 @@ TEST(Record, MalformedFilesAreRefusedWithTheLineAndTheProblem) {
 }
 
 }  // namespace
-}  // namespace compass
+}  // namespace vphone::scene

@@ -1,8 +1,8 @@
 // Raw chip data records: what the two chips delivered in every measurement cycle,
 // with the virtual time, plus the few facts of the phone needed to replay them.
 // The format is documented in docs/record-format.md.
-#ifndef KMXC_TOOLS_RECORD_H
-#define KMXC_TOOLS_RECORD_H
+#ifndef KMXC_VPHONE_SCENE_RECORD_H
+#define KMXC_VPHONE_SCENE_RECORD_H
 
 #include <array>
 #include <cstdint>
@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-namespace compass {
+namespace vphone::scene {
 
 struct RecordHeader {
     int profile = 1;                       // hardware profile number
@@ -50,6 +50,6 @@ struct ParsedRecord {
 };
 ParsedRecord parse_record(std::istream &in);
 
-}  // namespace compass
+}  // namespace vphone::scene
 
 #endif

@@ -1,40 +1,14 @@
-// Scripts and physics of the compass service demo; conventions in scenario.h.
-#include "tools/scenario.h"
+// Scripts and physics of the scenarios; conventions in frames.h.
+#include "vphone/scene/scenario.h"
 
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
 
-namespace compass {
-namespace {
+#include "vphone/scene/scene_math.h"
 
-constexpr double kPi = 3.14159265358979323846;
-constexpr double kDeg = kPi / 180.0;
-
-double ease(double u)  // 0..1 -> 0..1 with zero slope at both ends
-{
-    u = std::clamp(u, 0.0, 1.0);
-    return 0.5 - 0.5 * std::cos(kPi * u);
-}
-
-Mat3 multiply(const Mat3 &a, const Mat3 &b) {
-    Mat3 r{};
-    for (int i = 0; i < 3; ++i)
-        for (int j = 0; j < 3; ++j)
-            for (int k = 0; k < 3; ++k) r[i][j] += a[i][k] * b[k][j];
-    return r;
-}
-
-double wrap360(double deg) {
-    deg = std::fmod(deg, 360.0);
-    return deg < 0 ? deg + 360.0 : deg;
-}
-
-// Heading in degrees 0..360 of a direction given by its east and north components.
-double heading_of(double east, double north) { return wrap360(std::atan2(east, north) / kDeg); }
-
-}  // namespace
+namespace vphone::scene {
 
 const std::vector<Scenario::Entry> &Scenario::table() {
     static const std::vector<Entry> entries{
@@ -86,56 +60,6 @@ const std::vector<MountingProfile> &mounting_profiles() {
     return profiles;
 }
 
-Mat3 attitude_matrix(const Pose &p) {
-    // Phone-to-world rotation R = Rz(-heading) * Rx(-pitch) * Ry(roll).
-    const double h = -p.heading_deg * kDeg, e = -p.pitch_deg * kDeg, r = p.roll_deg * kDeg;
-    const Mat3 rz{{{std::cos(h), -std::sin(h), 0}, {std::sin(h), std::cos(h), 0}, {0, 0, 1}}};
-    const Mat3 rx{{{1, 0, 0}, {0, std::cos(e), -std::sin(e)}, {0, std::sin(e), std::cos(e)}}};
-    const Mat3 ry{{{std::cos(r), 0, std::sin(r)}, {0, 1, 0}, {-std::sin(r), 0, std::cos(r)}}};
-    return multiply(multiply(rz, rx), ry);
-}
-
-Vec3 earth_field_uT(double strength_uT, double inclination_deg) {
-    const double i = inclination_deg * kDeg;
-    return {0.0, strength_uT * std::cos(i), -strength_uT * std::sin(i)};
-}
-
-Vec3 to_phone(const Mat3 &a, const Vec3 &w) {
-    // R maps phone to world, so phone = R^T * world.
-    Vec3 v{};
-    for (int j = 0; j < 3; ++j) v[j] = a[0][j] * w[0] + a[1][j] * w[1] + a[2][j] * w[2];
-    return v;
-}
-
-TrueAngles true_angles(const Mat3 &a) {
-    // a[i][j]: world axis i (east, north, up) component along phone axis j.
-    TrueAngles t{};
-    const double up_y = a[2][1];
-    if (std::fabs(up_y) > kDirectionThreshold / 4096.0) {
-        // Heading of the -z axis, or of +z when the y axis points down.
-        const double s = up_y >= 0 ? -1.0 : 1.0;
-        t.heading_int = heading_of(s * a[0][2], s * a[1][2]);
-    } else {
-        t.heading_int = heading_of(a[0][1], a[1][1]);
-    }
-    t.azimuth_double = wrap360(std::atan2(a[0][1] - a[1][0], a[0][0] + a[1][1]) / kDeg);
-    double pitch = -std::asin(std::clamp(a[2][1], -1.0, 1.0)) / kDeg;
-    if (a[2][2] < 0) {
-        pitch = -180.0 - pitch;
-        if (pitch < -180.0) pitch += 360.0;
-    }
-    t.pitch = pitch;
-    t.roll = -std::asin(std::clamp(a[2][0], -1.0, 1.0)) / kDeg;
-    return t;
-}
-
-double heading_difference(double a, double b) {
-    double d = std::fmod(a - b, 360.0);
-    if (d > 180.0) d -= 360.0;
-    if (d < -180.0) d += 360.0;
-    return d;
-}
-
 Scenario::Scenario(const ScenarioSettings &s) : settings_(s), rng_(s.seed) {
     for (const Entry &e : table())
         if (s.name == e.info.name) {
@@ -143,7 +67,7 @@ Scenario::Scenario(const ScenarioSettings &s) : settings_(s), rng_(s.seed) {
             return;
         }
     // The command line accepts only the table's names; anything else is a programming error.
-    std::fprintf(stderr, "compass_service: unknown scenario '%s'\n", s.name.c_str());
+    std::fprintf(stderr, "vphone: unknown scenario '%s'\n", s.name.c_str());
     std::abort();
 }
 
@@ -319,4 +243,4 @@ Truth Scenario::sample(double t) {
     return tr;
 }
 
-}  // namespace compass
+}  // namespace vphone::scene

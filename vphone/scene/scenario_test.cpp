@@ -1,11 +1,11 @@
-#include "tools/scenario.h"
+#include "vphone/scene/scenario.h"
 
 #include <gtest/gtest.h>
 
 #include <cmath>
 #include <set>
 
-namespace compass {
+namespace vphone::scene {
 namespace {
 
 constexpr double kB = 50.0, kIncl = 60.0;
@@ -16,7 +16,7 @@ const struct {
     const char *name;
     Pose pose;
     Vec3 field, gravity;
-    double heading_int, azimuth_double, pitch, roll;
+    double integer_heading, double_azimuth, pitch, roll;
 } kKnown[] = {
     {"flat, top to north", {0, 0, 0}, {0, kBh, -kBv}, {0, 0, -1}, 0, 0, 0, 0},
     {"flat, top to east: north is the phone's -x", {90, 0, 0}, {-kBh, 0, -kBv}, {0, 0, -1}, 90, 90, 0, 0},
@@ -42,8 +42,8 @@ TEST(ScenarioPhysics, KnownAttitudesGiveHandWorkedVectorsAndAngles) {
             EXPECT_NEAR(g[k], c.gravity[k], 1e-12) << "gravity axis " << k;
         }
         const TrueAngles t = true_angles(a);
-        EXPECT_NEAR(heading_difference(t.heading_int, c.heading_int), 0, 1e-6);
-        EXPECT_NEAR(heading_difference(t.azimuth_double, c.azimuth_double), 0, 1e-6);
+        EXPECT_NEAR(heading_difference(t.integer_heading, c.integer_heading), 0, 1e-6);
+        EXPECT_NEAR(heading_difference(t.double_azimuth, c.double_azimuth), 0, 1e-6);
         EXPECT_NEAR(t.pitch, c.pitch, 1e-6);
         EXPECT_NEAR(t.roll, c.roll, 1e-6);
     }
@@ -64,7 +64,7 @@ TEST(ScenarioPhysics, RandomPosesAreRotationsWhosePitchAndHeadingComeBack) {
         // turns the phone about its y axis and leaves that axis' heading alone.
         const TrueAngles t = true_angles(a);
         ASSERT_NEAR(t.pitch, pose.pitch_deg, 1e-9);
-        ASSERT_NEAR(heading_difference(t.heading_int, pose.heading_deg), 0, 1e-9) << "y-axis heading ignores roll";
+        ASSERT_NEAR(heading_difference(t.integer_heading, pose.heading_deg), 0, 1e-9) << "y-axis heading ignores roll";
     }
 }
 
@@ -105,4 +105,4 @@ TEST(ScenarioScripts, HandlingIsContinuousAndEveryScriptHasItsPhases) {
 }
 
 }  // namespace
-}  // namespace compass
+}  // namespace vphone::scene

@@ -1,31 +1,33 @@
-#include "tools/phone.h"
+// The phone rig: sandbox files, chip models, and what they are fed.
+#include "vphone/scene/rig.h"
 
 #include <algorithm>
 #include <cmath>
+#include <deque>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 
+#include "drivers/kmxc_protocol.h"
 #include "vphone/kmxc_model.h"
 #include "vphone/smb380_model.h"
 #include "vphone/vphone.h"
 
-namespace compass {
+namespace vphone::scene {
 namespace fs = std::filesystem;
 
 namespace {
 
 using namespace kmxc;
-constexpr double kUtPerCount = vphone::KmxcModel::kMicroteslaPerCount;
 
 // The magnetometer model on the bus, with the replay's raw values laid over its
 // answers: measurement blocks (8-byte reads) carry the recorded channels and
 // temperature, rough-offset measurements (6-byte reads) the recorded readings. The
 // model still runs the command sequence and the conversion times, so a replay sees
 // the same busy bits and errors a live run would.
-class Magnetometer : public vphone::BusDevice {
+class Magnetometer : public BusDevice {
 public:
-    vphone::KmxcModel model;
+    KmxcModel model;
     bool replay = false;
     RecordRow row;                                 // replay: the current cycle
     std::deque<std::array<int, 3>> rough_answers;  // replay: later rough measurements
@@ -43,13 +45,14 @@ public:
             if (n == kRoughBlockBytes) rough_seen.push_back(rough_of());
             return got;
         }
-        auto put11 = [d](int at, int v) {
+        // An 11-bit value into its two bytes, the busy bit left as the model set it.
+        auto put_11bit = [d](int at, int v) {
             d[at] = static_cast<uint8_t>((d[at] & kBusy) | ((v >> 8) & kHighBitsMask));
             d[at + 1] = static_cast<uint8_t>(v & 0xFF);
         };
         if (n == kMeasureBlockBytes) {
-            for (int k = 0; k < 3; ++k) put11(kMeasureChannelAt[k], row.ms[k]);
-            put11(kMeasureTemperatureAt, row.temperature);
+            for (int k = 0; k < 3; ++k) put_11bit(kMeasureChannelAt[k], row.ms[k]);
+            put_11bit(kMeasureTemperatureAt, row.temperature);
         } else if (n == kRoughBlockBytes) {
             std::array<int, 3> r = rough_default;
             if (!rough_answers.empty()) {
@@ -82,10 +85,10 @@ std::array<int, 18> profile_line(const MountingProfile &p) {
 }
 
 void write_profile_number(int profile) {
-    vphone::write_file("/sys/module/zorsensor/parameters/profile", std::to_string(profile) + "\n");
+    write_file("/sys/module/zorsensor/parameters/profile", std::to_string(profile) + "\n");
 }
 
-// A sandbox is a directory this tool made: it carries kSandboxMarker. Nothing else is
+// A sandbox is a directory a rig made: it carries kSandboxMarker. Nothing else is
 // ever emptied, or written into unless it is empty: a folder that merely looks like a
 // phone's (a root file system's etc, dev, sys) may be someone's work.
 constexpr const char *kSandboxMarker = ".kmxc-sandbox";
@@ -121,12 +124,13 @@ bool make_phone_dirs(const std::string &dir, bool fresh, std::string *error) {
         }
     }
     std::ofstream marker(root / kSandboxMarker);
-    marker << "A virtual phone's files, made by compass_service; --fresh and replays empty this directory.\n";
+    marker << "A virtual phone's files, made by its rig (vphone/scene); compass_service --fresh and replays "
+              "empty this directory.\n";
     if (!marker) {
         *error = "sandbox: cannot write '" + (root / kSandboxMarker).string() + "'";
         return false;
     }
-    vphone::set_root(fs::absolute(dir).string());
+    set_root(fs::absolute(dir).string());
     return true;
 }
 
@@ -135,50 +139,59 @@ bool make_phone_dirs(const std::string &dir, bool fresh, std::string *error) {
 void write_profile_files(int profile) {
     std::vector<std::array<int, 18>> lines;
     for (const auto &p : mounting_profiles()) lines.push_back(profile_line(p));
-    vphone::write_file("/etc/kmxc_transformation.cfg", profile_file(lines));
+    write_file("/etc/kmxc_transformation.cfg", profile_file(lines));
     write_profile_number(profile);
 }
 
-void write_replay_profile_files(const RecordHeader &h) {
+void write_replay_files(const RecordHeader &h) {
     // The recorded profile's line at its number; identity lines before it.
     std::vector<std::array<int, 18>> lines(static_cast<size_t>(h.profile), profile_line(mounting_profiles()[0]));
     lines.back() = h.transformation;
-    vphone::write_file("/etc/kmxc_transformation.cfg", profile_file(lines));
+    write_file("/etc/kmxc_transformation.cfg", profile_file(lines));
     write_profile_number(h.profile);
+    if (h.has_stored) {
+        std::ostringstream cfg;
+        for (size_t i = 0; i < h.stored.size(); ++i) cfg << (i ? "," : "") << h.stored[i];
+        write_file(kCalibrationFile, cfg.str());
+    }
 }
 
-struct Phone::Chips {
+double offset_error_uT(std::span<const int32_t, 3> offset, const Vec3 &truth) {
+    double sq = 0;
+    for (int k = 0; k < 3; ++k) sq += (offset[k] - truth[k]) * (offset[k] - truth[k]);
+    return std::sqrt(sq) * kMicroteslaPerCount;
+}
+
+struct Rig::Chips {
     Magnetometer mag;
-    vphone::Smb380Model accel;
+    Smb380Model accel;
     Vec3 field_uT{};  // the ambient field last sensed
 };
 
-Phone::Phone() : chips_(std::make_unique<Chips>()) {}
-Phone::~Phone() {
-    vphone::detach(vphone::KmxcModel::kAddress);
-    vphone::detach(vphone::Smb380Model::kAddress);
+Rig::Rig() : chips_(std::make_unique<Chips>()) {}
+Rig::~Rig() {
+    detach(KmxcModel::kAddress);
+    detach(Smb380Model::kAddress);
 }
 
-bool Phone::open_sandbox(const std::string &dir, bool fresh, int profile, std::string *error) {
+bool Rig::open_sandbox(const std::string &dir, bool fresh, int profile, std::string *error) {
     if (!make_phone_dirs(dir, fresh, error)) return false;
     write_profile_files(profile);
     return true;
 }
 
-bool Phone::open_replay_sandbox(const std::string &dir, const RecordHeader &h, std::string *error) {
+bool Rig::open_replay_sandbox(const std::string &dir, const RecordHeader &h, std::string *error) {
     if (!make_phone_dirs(dir, true, error)) return false;
-    write_replay_profile_files(h);
-    std::ostringstream cfg;
-    if (h.has_stored) {
-        for (size_t i = 0; i < h.stored.size(); ++i) cfg << (i ? "," : "") << h.stored[i];
-    } else {
+    write_replay_files(h);
+    if (!h.has_stored) {
+        std::ostringstream cfg;
         cfg << h.rough[0] << ',' << h.rough[1] << ',' << h.rough[2] << ",0,0,0,2147483647,2147483647,2147483647";
+        write_file(kCalibrationFile, cfg.str());
     }
-    vphone::write_file("/misc/sensor/kmxc_orvane.cfg", cfg.str());
     return true;
 }
 
-void Phone::attach_chips(int profile, const std::array<int, 9> &calib) {
+void Rig::attach_chips(int profile, const std::array<int, 9> &calib) {
     const MountingProfile &p = mounting_profiles()[static_cast<size_t>(profile - 1)];
     std::array<uint8_t, 9> bytes{};
     std::array<int8_t, 9> mag{}, accel{};
@@ -190,44 +203,45 @@ void Phone::attach_chips(int profile, const std::array<int, 9> &calib) {
     chips_->mag.model.set_calibration(bytes);
     chips_->mag.model.set_mounting(mag);
     chips_->accel.set_mounting(accel);
-    vphone::attach(vphone::KmxcModel::kAddress, &chips_->mag);
-    vphone::attach(vphone::Smb380Model::kAddress, &chips_->accel);
+    attach(KmxcModel::kAddress, &chips_->mag);
+    attach(Smb380Model::kAddress, &chips_->accel);
 }
 
-void Phone::attach_replay_chips(const RecordHeader &h) {
+void Rig::attach_replay_chips(const Record &record) {
+    const RecordHeader &h = record.header;
     std::array<uint8_t, 9> bytes{};
     for (int i = 0; i < 9; ++i) bytes[i] = static_cast<uint8_t>(h.calib[i]);
     chips_->mag.model.set_calibration(bytes);
     chips_->mag.replay = true;
     for (int k = 0; k < 3; ++k) chips_->mag.rough_default[k] = h.rough[k] + kRoughReadingBias;
-    vphone::attach(vphone::KmxcModel::kAddress, &chips_->mag);
-    vphone::attach(vphone::Smb380Model::kAddress, &chips_->accel);
+    chips_->mag.rough_answers.assign(record.rough_readings.begin(), record.rough_readings.end());
+    attach(KmxcModel::kAddress, &chips_->mag);
+    attach(Smb380Model::kAddress, &chips_->accel);
 }
 
-void Phone::sense(const Truth &t) {
-    const vphone::Physics p{t.field_uT, t.hard_iron_uT, t.gravity_g, t.temperature_C};
+void Rig::sense(const Truth &t) {
+    const Physics p{t.field_uT, t.hard_iron_uT, t.gravity_g, t.temperature_C};
     chips_->mag.model.set_physics(p);
     chips_->accel.set_physics(p);
     chips_->field_uT = t.field_uT;
 }
 
-Vec3 Phone::true_offset_counts() const {
+Vec3 Rig::true_offset_counts() const {
     const auto e = chips_->mag.model.expected_microtesla();
     const Vec3 &f = chips_->field_uT;
-    return {(e[0] - f[0]) / kUtPerCount, (e[1] - f[1]) / kUtPerCount, (e[2] - f[2]) / kUtPerCount};
+    return {(e[0] - f[0]) / kMicroteslaPerCount, (e[1] - f[1]) / kMicroteslaPerCount,
+            (e[2] - f[2]) / kMicroteslaPerCount};
 }
 
-void Phone::deliver(const RecordRow &row) {
+void Rig::deliver(const RecordRow &row) {
     chips_->mag.row = row;
     chips_->accel.set_counts(row.gs[0], row.gs[1], row.gs[2]);
 }
 
-void Phone::queue_rough(const std::array<int, 3> &r) { chips_->mag.rough_answers.push_back(r); }
-
-std::vector<std::array<int, 3>> Phone::take_rough_readings() {
+std::vector<std::array<int, 3>> Rig::take_rough_readings() {
     std::vector<std::array<int, 3>> r;
     r.swap(chips_->mag.rough_seen);
     return r;
 }
 
-}  // namespace compass
+}  // namespace vphone::scene

@@ -1,0 +1,62 @@
+// The frames the simulated world is described in, the phone's attitude in them, and
+// the angles each of the library's paths should report for an attitude.
+//
+// Conventions (all right-handed):
+//   World frame, magnetic: x magnetic east, y magnetic north, z up. The geographic
+//   frame differs by the declination D (magnetic north lies D degrees east of
+//   geographic north); script headings are geographic, and every "true heading" the
+//   scene reports is magnetic (geographic - D), because that is what a compass measures.
+//   Phone axes: x to the right edge, y to the top edge, z out of the screen.
+//   Attitude: heading psi (of the phone's y axis, from north toward east), pitch and
+//   roll as the library reports them (pitch = minus the elevation of the y axis,
+//   roll about the phone's y axis, positive with the right edge going down). The
+//   phone-to-world rotation is R = Rz(-psi) * Rx(-pitch) * Ry(roll) applied to phone
+//   vectors; rows of R are east, north and up expressed in phone axes.
+//   Earth field in the magnetic world frame: B (0, cos I, -sin I) for strength B and
+//   inclination I (positive: the field dips below the horizon, northern hemisphere).
+//   Gravity sample: points the way gravity pulls, minus any linear acceleration, in g:
+//   a phone lying flat reads (0, 0, -1).
+//   Hard iron: a field fixed to the phone, added in phone axes.
+#ifndef KMXC_VPHONE_SCENE_FRAMES_H
+#define KMXC_VPHONE_SCENE_FRAMES_H
+
+#include <array>
+
+#include "vphone/chip_model.h"
+
+namespace vphone::scene {
+
+using Mat3 = std::array<Vec3, 3>;  // row-major
+
+struct Pose {
+    double heading_deg = 0;  // geographic heading of the phone's y axis
+    double pitch_deg = 0;
+    double roll_deg = 0;
+};
+
+// Up-row y component (Q12) beyond which the integer heading follows the z axis
+// instead of the y axis: sin(60 degrees). The truth must switch where the service
+// does, so this is the threshold the sensor-service kit passes to the library
+// (KMXC_SERVICE_DIRECTION_THRESHOLD; the kit's tests and the demo assert the two agree).
+// The scene sits below the kit and cannot include its header.
+constexpr int kDirectionThresholdQ12 = 3547;
+
+// The angles each library path reports, computed from the true attitude with the
+// definitions the library documents (whole-degree truncation left out).
+struct TrueAngles {
+    double integer_heading;  // heading of the y axis, or of -z/+z when the y axis is steep
+    double double_azimuth;   // rotation about the vertical: atan2(E.y - N.x, E.x + N.y)
+    double pitch;            // -asin(up.y), folded beyond +-90 when facing down
+    double roll;             // -asin(up.x)
+};
+
+Mat3 attitude_matrix(const Pose &pose_magnetic);
+Vec3 earth_field_uT(double strength_uT, double inclination_deg);  // magnetic world frame
+Vec3 to_phone(const Mat3 &attitude, const Vec3 &world);
+TrueAngles true_angles(const Mat3 &attitude);
+// Signed difference a - b of two headings, in -180..180.
+double heading_difference(double a_deg, double b_deg);
+
+}  // namespace vphone::scene
+
+#endif

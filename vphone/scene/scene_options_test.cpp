@@ -1,0 +1,104 @@
+// The world's options, as the demo's command line and VPHONE_OPTIONS give them.
+#include "vphone/scene/scene_options.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <sstream>
+
+namespace vphone::scene {
+namespace {
+
+// The one-line error must contain error_part, naming the problem.
+const struct {
+    const char *name;
+    std::vector<std::string> args;
+    const char *error_part;
+} kRefused[] = {
+    {"not a number", {"--field", "strong"}, "--field: 'strong' is not a number"},
+    {"trailing junk", {"--noise", "0.2uT"}, "'0.2uT' is not a number"},
+    {"not-a-number value", {"--noise", "nan"}, "not a number"},
+    {"field just below the range", {"--field=24.9"}, "--field: 24.9 is outside 25..65"},
+    {"field just above the range", {"--field", "65.01"}, "outside 25..65"},
+    {"hard iron with two values", {"--hard-iron", "1,2"}, "not three numbers"},
+    {"hard iron with four values", {"--hard-iron", "1,2,3,4"}, "not three numbers"},
+    {"hard iron component out of range", {"--hard-iron", "0,200.5,0"}, "200.5 is outside -200..200"},
+    {"fractional profile", {"--profile", "1.5"}, "not a whole number"},
+    {"profile out of range", {"--profile", "9"}, "--profile: 9 is outside 1..3"},
+    {"seed past 32 bits", {"--seed", "4294967296"}, "outside 0..4294967295"},
+    {"unknown scenario", {"--scenario", "juggling"}, "unknown scenario 'juggling' (choose default, planar"},
+    {"missing value", {"--field"}, "--field needs a value"},
+    {"a tool's option", {"--rate", "5"}, "unknown option '--rate' (the world's options: --scenario, --field"},
+    {"control characters stay on one line", {"--x\ny\r\x1b\x7f"}, "unknown option '--x?y?\?\?'"},
+};
+
+TEST(SceneOptions, RefusedValuesGiveOneLineNamingTheProblem) {
+    for (const auto &c : kRefused) {
+        const ParsedScene p = parse_scene_options(c.args);
+        EXPECT_FALSE(p.ok) << c.name;
+        EXPECT_NE(p.error.find(c.error_part), std::string::npos) << c.name << ": got '" << p.error << "'";
+        EXPECT_EQ(p.error.find('\n'), std::string::npos) << c.name << ": error spans lines";
+    }
+}
+
+TEST(SceneOptions, ValuesReachTheSettingsInBothSpellingsRangeEndsIncluded) {
+    const ParsedScene p = parse_scene_options({"--scenario", "two-planes", "--field=25", "--declination", "+12.5",
+                                               "--hard-iron", "-200,2.5,200", "--profile", "3", "--seed=4294967295",
+                                               "--inclination", "-90", "--noise", "0", "--field", "65"});
+    ASSERT_TRUE(p.ok) << p.error;
+    const ScenarioSettings &s = p.settings;
+    EXPECT_EQ(s.name, "two-planes");
+    EXPECT_EQ(s.field_uT, 65) << "the last one counts";
+    EXPECT_EQ(s.declination_deg, 12.5);
+    EXPECT_EQ(s.hard_iron_uT, (Vec3{-200, 2.5, 200}));
+    EXPECT_EQ(s.profile, 3);
+    EXPECT_EQ(s.seed, 4294967295u);
+    EXPECT_EQ(s.inclination_deg, -90);
+    EXPECT_EQ(s.noise_uT, 0);
+    EXPECT_EQ(parse_scene_options({}).settings.name, "default") << "nothing given: the default scenario";
+}
+
+// The reader both command lines use: flags, values inline or next, the first '='.
+TEST(SceneOptions, TheReaderSplitsAtTheFirstEqualsAndFlagsTakeNoValue) {
+    std::vector<std::string> taken;
+    auto kind_of = [](const std::string &opt) {
+        return opt == "--flag" ? OptionKind::Flag : opt == "--file" ? OptionKind::WithValue : OptionKind::Unknown;
+    };
+    auto take = [&](const std::string &opt, const std::string &value) {
+        taken.push_back(opt + "|" + value);
+        return std::string();
+    };
+    EXPECT_EQ(read_command_line({"--file=a=b.csv", "--flag", "--file", "--flag"}, kind_of, take, "(hint)"), "");
+    EXPECT_EQ(taken, (std::vector<std::string>{"--file|a=b.csv", "--flag|", "--file|--flag"}));
+    EXPECT_EQ(read_command_line({"--flag=1"}, kind_of, take, "(hint)"), "--flag takes no value");
+    EXPECT_EQ(read_command_line({"-x=1"}, kind_of, take, "(hint)"), "unknown option '-x=1' (hint)");
+}
+
+// Every line of --help names an option the parser takes, and the default it shows
+// reads back as that default.
+TEST(SceneOptions, EachHelpLineNamesAnOptionWhoseShownDefaultReadsBackAsTheDefault) {
+    std::istringstream help(scene_options_help());
+    int lines = 0;
+    for (std::string line; std::getline(help, line); ++lines) {
+        const std::string name = line.substr(2, line.find(' ', 2) - 2);
+        std::string shown = line.substr(line.rfind('(') + 1, line.size() - line.rfind('(') - 2);
+        if (shown.rfind("default: ", 0) == 0) shown = shown.substr(9);
+        ScenarioSettings s;
+        s.name = "still", s.field_uT = 30, s.inclination_deg = 10, s.declination_deg = -7, s.noise_uT = 1;
+        s.hard_iron_uT = {1, 2, 3}, s.temp_drift_C_per_min = 2, s.temperature_C = 5, s.profile = 2, s.seed = 9;
+        EXPECT_EQ(set_scene_option(name, shown, &s), "") << line;
+        const ScenarioSettings d;
+        const bool back = s.name == d.name || s.field_uT == d.field_uT || s.inclination_deg == d.inclination_deg ||
+                          s.declination_deg == d.declination_deg || s.noise_uT == d.noise_uT ||
+                          s.hard_iron_uT == d.hard_iron_uT || s.temp_drift_C_per_min == d.temp_drift_C_per_min ||
+                          s.temperature_C == d.temperature_C || s.profile == d.profile || s.seed == d.seed;
+        EXPECT_TRUE(back) << line << ": the shown default '" << shown << "' is not the default";
+    }
+    EXPECT_EQ(lines, 10);
+    const std::string scenario_lines = scenarios_help();
+    EXPECT_EQ(std::count(scenario_lines.begin(), scenario_lines.end(), '\n'),
+              static_cast<long>(scenario_names().size()));
+}
+
+}  // namespace
+}  // namespace vphone::scene
