@@ -81,7 +81,8 @@ protected:
             phone_.sense(truth);
             vphone::clear_transcript();
             KmxcServiceEvent e;
-            EXPECT_EQ(kmxc_service_cycle(vphone::now_us() - start_us, &e), 0);
+            EXPECT_EQ(kmxc_service_cycle(static_cast<int64_t>(vphone::now_us() - start_us) * 1000, &e),
+                      KMXC_SERVICE_OK);
             if (r.first_fit_s < 0 && (e.flags & KMXC_SERVICE_FIT_3D)) r.first_fit_s = t;
             r.events.push_back(e);
             r.truths.push_back(truth);

@@ -34,9 +34,9 @@ using namespace compass;
 // One kit event as the report sees it.
 SampleOutput to_sample(const KmxcServiceEvent &e) {
     SampleOutput s;
-    s.time_us = static_cast<int64_t>(e.time_us);
-    s.ms_rc = e.ms_result;
-    s.gs_rc = e.gs_result;
+    s.time_us = e.timestamp_ns / 1000;
+    s.ms_rc = e.mag_result;
+    s.gs_rc = e.accel_result;
     s.calib_rc = e.calib_result;
     s.calib_status = e.calib_status;
     s.heading_int = e.heading_deg;
@@ -55,16 +55,6 @@ SampleOutput to_sample(const KmxcServiceEvent &e) {
     s.ratio_mid = e.calib_ratio_mid;
     s.residual = e.calib_residual;
     return s;
-}
-
-const char *start_error(int32_t rc) {
-    switch (rc) {
-    case -1: return "the kit refused the rate";
-    case -2: return "magnetometer start-up failed";
-    case -3: return "accelerometer start-up failed";
-    case -4: return "the rough offset could not be written";
-    default: return "the kit could not start";
-    }
 }
 
 // ==== The demo around the service ======================================================
@@ -191,7 +181,9 @@ int run(const Options &opt) {
     KmxcServiceStart started{};
     const uint32_t rate = static_cast<uint32_t>(std::lround(opt.rate_hz));
     if (const int32_t rc = kmxc_service_start(rate, &started); rc != 0)
-        return fail(std::string(start_error(rc)) + " (kmxc_service_start returned " + std::to_string(rc) + ")", 1);
+        return fail(std::string("the kit could not start: kmxc_service_start returned ") +
+                        kmxc_service_result_name(rc) + " (" + std::to_string(rc) + ")",
+                    1);
     const uint8_t *rough = started.rough;
     const bool measured = started.rough_measured != 0;
     const bool calibrated = started.offset_loaded != 0;
@@ -245,7 +237,7 @@ int run(const Options &opt) {
 
         vphone::clear_transcript();  // the demo does not read it; keep long replays small
         KmxcServiceEvent e;
-        kmxc_service_cycle(now, &e);
+        kmxc_service_cycle(static_cast<int64_t>(now) * 1000, &e);
         SampleOutput s = to_sample(e);
         if (!replaying) {
             s.has_truth = true;
@@ -255,9 +247,9 @@ int run(const Options &opt) {
         }
         if (record.is_open() && s.ms_rc >= 0 && s.gs_rc >= 0)
             write_record_row(record, RecordRow{s.time_us,
-                                               {uint16_t(e.raw_ms[0]), uint16_t(e.raw_ms[1]), uint16_t(e.raw_ms[2])},
+                                               {uint16_t(e.raw_mag[0]), uint16_t(e.raw_mag[1]), uint16_t(e.raw_mag[2])},
                                                uint16_t(e.raw_temperature),
-                                               {e.raw_gs[0], e.raw_gs[1], e.raw_gs[2]}});
+                                               {e.raw_accel[0], e.raw_accel[1], e.raw_accel[2]}});
         report.add(s);
         if (e.flags & KMXC_SERVICE_SAVE_FAILED)
             std::cout << "  t " << fmt1(now) << " s  saving the calibration file failed; the previous file is kept\n";
