@@ -42,7 +42,7 @@ int main(int argc, char **argv) {
     uint32_t failures = 0;
     KmxcServiceEvent e;
     for (long i = 0; t <= (uint64_t)seconds * 1000000u; ++i) {
-        kmxc_service_cycle(t, &e);
+        kmxc_service_cycle((int64_t)t * 1000, &e);
         if (e.accuracy != accuracy) {
             printf("t %6.2f s  accuracy %s\n", (double)t / 1e6, kAccuracy[e.accuracy]);
             accuracy = e.accuracy;

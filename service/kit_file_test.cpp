@@ -26,7 +26,7 @@ TEST_F(Kit, SavesOnlyAgreeingThreeDimensionalOffsetsThatDiffer) {
                 EXPECT_TRUE(e.flags & KMXC_SERVICE_FIT_3D) << "saved without a 3-D fit";
                 const std::string now =
                     std::to_string(e.offset[0]) + "," + std::to_string(e.offset[1]) + "," + std::to_string(e.offset[2]);
-                EXPECT_NE(now, saved) << "saved an unchanged offset at " << e.time_us;
+                EXPECT_NE(now, saved) << "saved an unchanged offset at " << e.timestamp_ns;
                 saved = now;
                 ++saves;
             }

@@ -5,6 +5,7 @@
 #define KMXC_SERVICE_KIT_INTERNAL_H
 
 #include <stdint.h>
+#include <sys/types.h>
 
 #include "drivers/kmxc_protocol.h"
 #include "orientation/orientation.h"
@@ -20,13 +21,17 @@ constexpr KmxAxesData kNoStoredOffset{kUnknownOffset, kUnknownOffset, kUnknownOf
 constexpr uint8_t kUnknownRough = 255;                            // a rough-offset step not known
 constexpr int32_t kNoResidual = 2147483647;                       // the calibration's residual while a batch fills
 constexpr int32_t kCountsPer10uT = kmxc::kCountsPer10Microtesla;  // corrected counts
-constexpr int32_t kGravityCounts = 4096;                          // 1 g
+constexpr int64_t kNsPerMs = 1000000;
+constexpr int32_t kGravityCounts = 4096;  // 1 g
 // The calibration's other two thresholds stay at the library's defaults.
 constexpr int16_t kRatioMidThreshold = 96;
 constexpr int32_t kResidualThreshold = 0x200000;
 
 struct State {
     bool started;
+    pid_t owner;  // the thread that started the session
+    bool cycled;  // a cycle has run: last_cycle_ns holds its timestamp
+    int64_t last_cycle_ns;
     uint32_t rate_hz;
     uint8_t rough[3];
     KmxAxesData stored;    // the magnetic offset the file holds (kUnknownOffset: none)
@@ -39,9 +44,9 @@ struct State {
     bool ref_dip_valid;
     bool in_anomaly;
     uint8_t anomaly_level_cap;  // accuracy limit while in anomaly
-    uint64_t last_anomaly_us;
+    int64_t last_anomaly_ns;
     bool rough_changed_once;
-    uint64_t last_rough_change_us;
+    int64_t last_rough_change_ns;
     Vec3 fed[KMXC_SERVICE_FEED_HISTORY];    // the last fed samples (raw field), ring
     Vec3 fed_g[KMXC_SERVICE_FEED_HISTORY];  // the gravity of each
     int fed_count, fed_next;
@@ -80,9 +85,12 @@ void on_fit(const KmxAxesData &o);
 void try_confirm(const KmxAxesData &o, KmxcServiceEvent *e);
 // Anomaly causes of this sample against the reference.
 uint8_t anomaly_of(const Vec3 &g, int32_t strength, int32_t dip);
+// |v| in 1/100 uT, rounded down: the length of v scaled before the root, so the
+// hundredths are real (|v| alone moves in 0.4 uT steps).
+int32_t strength_centi_uT(const Vec3 &v);
 // An anomaly with these causes was seen now: hold the accuracy down (flagged in e).
-void note_anomaly(uint8_t causes, uint64_t now, KmxcServiceEvent *e);
-int8_t accuracy_now(uint64_t now);
+void note_anomaly(uint8_t causes, int64_t now, KmxcServiceEvent *e);
+int8_t accuracy_now(int64_t now);
 
 // ---- Persistence (kit_file.cpp) -----------------------------------------------------
 

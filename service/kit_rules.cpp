@@ -6,6 +6,14 @@ namespace kmxc_kit {
 
 static int32_t abs32(int32_t v) { return v < 0 ? -v : v; }
 
+int32_t strength_centi_uT(const Vec3 &v) {
+    constexpr int64_t kCentiPerCount = 1000 / kCountsPer10uT;  // 40: 0.4 uT
+    static_assert(kCentiPerCount * kCountsPer10uT == 1000, "a count is a whole number of hundredths");
+    // The driver's corrected vector and a valid offset stay well within +-2^20 counts,
+    // so dot(v, v) * 1600 < 2^52.
+    return static_cast<int32_t>(isqrt64(static_cast<uint64_t>(dot(v, v)) * (kCentiPerCount * kCentiPerCount)));
+}
+
 static bool strength_in_earth_range(int32_t counts) {
     return counts * 10 >= KMXC_SERVICE_FIELD_MIN_UT * kCountsPer10uT &&
            counts * 10 <= KMXC_SERVICE_FIELD_MAX_UT * kCountsPer10uT;
@@ -120,18 +128,18 @@ uint8_t anomaly_of(const Vec3 &g, int32_t strength, int32_t dip) {
     return causes;
 }
 
-void note_anomaly(uint8_t causes, uint64_t now, KmxcServiceEvent *e) {
+void note_anomaly(uint8_t causes, int64_t now, KmxcServiceEvent *e) {
     const uint8_t cap = (causes & KMXC_SERVICE_ANOMALY_RANGE) != 0 ? KMXC_SERVICE_UNRELIABLE : KMXC_SERVICE_LOW;
     if (!g_state.in_anomaly || cap < g_state.anomaly_level_cap) g_state.anomaly_level_cap = cap;
     g_state.in_anomaly = true;
-    g_state.last_anomaly_us = now;
+    g_state.last_anomaly_ns = now;
     e->flags |= KMXC_SERVICE_ANOMALY;
 }
 
-int8_t accuracy_now(uint64_t now) {
+int8_t accuracy_now(int64_t now) {
     if (!g_state.offset_trusted) return KMXC_SERVICE_UNRELIABLE;
     if (g_state.in_anomaly) {
-        if (now - g_state.last_anomaly_us < uint64_t{KMXC_SERVICE_ANOMALY_CLEAR_MS} * 1000) {
+        if (now - g_state.last_anomaly_ns < int64_t{KMXC_SERVICE_ANOMALY_CLEAR_MS} * kNsPerMs) {
             return g_state.base_accuracy < g_state.anomaly_level_cap ? g_state.base_accuracy
                                                                      : static_cast<int8_t>(g_state.anomaly_level_cap);
         }

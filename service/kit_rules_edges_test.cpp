@@ -108,19 +108,19 @@ TEST(KitRuleEdges, DipAnomaliesAreJudgedOnlyInSteadyGravity) {
 }
 
 TEST(KitRuleEdges, AnAnomalyHoldsTheAccuracyDownForItsWholeClearTime) {
-    constexpr uint64_t kClearUs = uint64_t{KMXC_SERVICE_ANOMALY_CLEAR_MS} * 1000, kSeen = 5000000;
+    constexpr int64_t kClearNs = int64_t{KMXC_SERVICE_ANOMALY_CLEAR_MS} * 1000000, kSeen = 5000000000;
     const struct {
-        uint64_t after_us;
+        int64_t after_ns;
         int8_t accuracy;
-    } cases[] = {{kClearUs - 1, KMXC_SERVICE_LOW}, {kClearUs, KMXC_SERVICE_HIGH}};
+    } cases[] = {{kClearNs - 1, KMXC_SERVICE_LOW}, {kClearNs, KMXC_SERVICE_HIGH}};
     for (const auto &c : cases) {
         g_state = State{};
         g_state.offset_trusted = true;
         g_state.base_accuracy = KMXC_SERVICE_HIGH;
         g_state.in_anomaly = true;
         g_state.anomaly_level_cap = KMXC_SERVICE_LOW;
-        g_state.last_anomaly_us = kSeen;
-        EXPECT_EQ(accuracy_now(kSeen + c.after_us), c.accuracy) << c.after_us;
+        g_state.last_anomaly_ns = kSeen;
+        EXPECT_EQ(accuracy_now(kSeen + c.after_ns), c.accuracy) << c.after_ns;
     }
 }
 

@@ -2,8 +2,11 @@
 // the events' conventions, anomalies and the warm-up.
 #include <gtest/gtest.h>
 
+#include <thread>
+
 #include "calibration/calibration.h"
 #include "service/kit_test_fixture.h"
+#include "vphone/kmxc_model.h"
 
 namespace {
 
@@ -11,6 +14,8 @@ using namespace kit_test;
 
 // ---- Start-up ---------------------------------------------------------------------------
 
+// A misuse of each kind, in the order a careless service would make them; each gets
+// its own result and leaves the session as it was.
 TEST_F(Kit, EachMisuseGetsItsOwnNamedResultAndChangesNothing) {
     for (uint32_t rate : {0u, KMXC_SERVICE_RATE_MAX_HZ + 1u}) {
         EXPECT_EQ(kmxc_service_start(rate, nullptr), KMXC_SERVICE_BAD_RATE) << rate;
@@ -23,7 +28,25 @@ TEST_F(Kit, EachMisuseGetsItsOwnNamedResultAndChangesNothing) {
     ASSERT_EQ(kmxc_service_start(10, nullptr), KMXC_SERVICE_OK);
     EXPECT_EQ(kmxc_service_start(10, nullptr), KMXC_SERVICE_ALREADY_STARTED);
     EXPECT_EQ(kmxc_service_cycle(0, nullptr), KMXC_SERVICE_NULL_EVENT);
-    EXPECT_EQ(kmxc_service_cycle(0, &e), KMXC_SERVICE_OK);
+    EXPECT_EQ(kmxc_service_cycle(5, &e), KMXC_SERVICE_OK);
+    for (int64_t t : {int64_t{5}, int64_t{4}, int64_t{-1}}) {
+        e.timestamp_ns = 77;
+        EXPECT_EQ(kmxc_service_cycle(t, &e), KMXC_SERVICE_BAD_TIMESTAMP) << t;
+        EXPECT_EQ(e.timestamp_ns, 77) << "the event is left alone";
+    }
+    EXPECT_EQ(kmxc_service_cycle(6, &e), KMXC_SERVICE_OK) << "one nanosecond later is later";
+    // Another thread may neither start a second session nor use this one.
+    int32_t other[3] = {};
+    std::thread([&] {
+        KmxcServiceEvent mine;
+        other[0] = kmxc_service_start(10, nullptr);
+        other[1] = kmxc_service_cycle(1000000000, &mine);
+        other[2] = kmxc_service_stop();
+    }).join();
+    EXPECT_EQ(other[0], KMXC_SERVICE_ALREADY_STARTED);
+    EXPECT_EQ(other[1], KMXC_SERVICE_WRONG_THREAD);
+    EXPECT_EQ(other[2], KMXC_SERVICE_WRONG_THREAD);
+    EXPECT_EQ(kmxc_service_cycle(7, &e), KMXC_SERVICE_OK) << "the session is still this thread's";
     EXPECT_EQ(kmxc_service_stop(), KMXC_SERVICE_OK);
     EXPECT_EQ(vphone::open_compass_descriptors(), 0) << "stop closes the device";
     // Every result has its own name; a value outside the table has none.
@@ -36,10 +59,46 @@ TEST_F(Kit, EachMisuseGetsItsOwnNamedResultAndChangesNothing) {
         {KMXC_SERVICE_ALREADY_STARTED, "KMXC_SERVICE_ALREADY_STARTED"},
         {KMXC_SERVICE_NOT_STARTED, "KMXC_SERVICE_NOT_STARTED"},
         {KMXC_SERVICE_NULL_EVENT, "KMXC_SERVICE_NULL_EVENT"},
+        {KMXC_SERVICE_BAD_TIMESTAMP, "KMXC_SERVICE_BAD_TIMESTAMP"},
+        {KMXC_SERVICE_WRONG_THREAD, "KMXC_SERVICE_WRONG_THREAD"},
+        {KMXC_SERVICE_BUSY, "KMXC_SERVICE_BUSY"},
         {1, "unknown result"},
-        {-8, "unknown result"},
+        {-11, "unknown result"},
     };
     for (const auto &[value, name] : names) EXPECT_STREQ(kmxc_service_result_name(value), name) << value;
+}
+
+// A call from another thread while the kit is inside a cycle (here: while the
+// magnetometer is read) is refused at once, and the running cycle completes.
+TEST_F(Kit, ACallWhileAnotherRunsIsRefusedAsBusy) {
+    struct Interrupting : vphone::BusDevice {
+        vphone::BusDevice *chip;
+        int32_t results[3] = {1, 1, 1};
+        bool done = false;
+        int write(const uint8_t *d, size_t n) override { return chip->write(d, n); }
+        int read(uint8_t *d, size_t n) override {
+            if (!done) {
+                done = true;
+                std::thread([this] {
+                    KmxcServiceEvent e;
+                    results[0] = kmxc_service_cycle(1, &e);
+                    results[1] = kmxc_service_stop();
+                    results[2] = kmxc_service_start(10, nullptr);
+                }).join();
+            }
+            return chip->read(d, n);
+        }
+    } interrupting;
+    ASSERT_EQ(kmxc_service_start(10, nullptr), KMXC_SERVICE_OK);
+    interrupting.chip = vphone::attached(vphone::KmxcModel::kAddress);
+    vphone::attach(vphone::KmxcModel::kAddress, &interrupting);
+    KmxcServiceEvent e;
+    EXPECT_EQ(kmxc_service_cycle(0, &e), KMXC_SERVICE_OK);
+    vphone::attach(vphone::KmxcModel::kAddress, interrupting.chip);
+    ASSERT_TRUE(interrupting.done);
+    for (int32_t r : interrupting.results) EXPECT_EQ(r, KMXC_SERVICE_BUSY);
+    EXPECT_TRUE(e.flags & KMXC_SERVICE_MEASURED);
+    EXPECT_EQ(kmxc_service_stop(), KMXC_SERVICE_OK);
 }
 
 // ---- First fit, accuracy and events -----------------------------------------------------
@@ -73,7 +132,7 @@ TEST_F(Kit, FirstFitComesInTimeAtEveryRateAndOnlyThenAreHeadingsTrusted) {
                 fitted = true;
                 EXPECT_LT(offset_error_uT(e, r.true_offsets[i]), 1.5) << "first fit";
             }
-            if (!fitted) { EXPECT_EQ(e.accuracy, KMXC_SERVICE_UNRELIABLE) << e.time_us; }
+            if (!fitted) { EXPECT_EQ(e.accuracy, KMXC_SERVICE_UNRELIABLE) << e.timestamp_ns; }
             if (e.accuracy >= KMXC_SERVICE_MEDIUM && (e.flags & KMXC_SERVICE_ORIENTATION_VALID)) {
                 ++trusted;
                 const double truth = true_angles(r.truths[i].attitude).double_azimuth;
@@ -89,14 +148,37 @@ TEST_F(Kit, FirstFitComesInTimeAtEveryRateAndOnlyThenAreHeadingsTrusted) {
         EXPECT_NEAR(last.acceleration_ms2[0], 0, 0.2);
         for (int k = 0; k < 3; ++k) {
             EXPECT_NEAR(last.magnetic_uT[k], last.uncalibrated_uT[k] - last.bias_uT[k], 1e-3) << k;
-            EXPECT_FLOAT_EQ(last.uncalibrated_uT[k], last.ms[k] * 0.4f) << k;
+            EXPECT_FLOAT_EQ(last.uncalibrated_uT[k], last.mag_counts[k] * 0.4f) << k;
         }
-        // The strength is the integer length of the same vector (truncated: under a count).
-        EXPECT_NEAR(last.strength_centi_uT / 100.0,
-                    std::hypot(last.magnetic_uT[0], last.magnetic_uT[1], last.magnetic_uT[2]), 0.5);
+        // The strength is the length of the same vector to the hundredth (rounded down).
+        const double strength = std::hypot(last.magnetic_uT[0], last.magnetic_uT[1], last.magnetic_uT[2]);
+        EXPECT_LE(last.strength_centi_uT / 100.0, strength + 1e-4);
+        EXPECT_GT(last.strength_centi_uT / 100.0, strength - 0.0101);
         ASSERT_TRUE(last.flags & KMXC_SERVICE_ORIENTATION_VALID);
         EXPECT_GE(last.orientation_deg[0], 0);
         EXPECT_LT(last.orientation_deg[0], 360);
+        for (const auto &e : r.events)
+            for (float angle : e.orientation_deg)
+                EXPECT_FALSE(angle == 0 && std::signbit(angle)) << "-0 at " << e.timestamp_ns;
+        // The rotation vector turns the device's up (the acceleration's direction) to the
+        // world's up, and the calibrated field into the north-up plane, northward.
+        const float *q = last.rotation_vector;
+        EXPECT_NEAR(std::hypot(std::hypot(q[0], q[1]), std::hypot(q[2], q[3])), 1.0, 1e-6);
+        EXPECT_GE(q[3], 0);
+        auto to_world = [q](const float *v) {
+            const double x = q[0], y = q[1], z = q[2], w = q[3];
+            const double m[3][3] = {{1 - 2 * (y * y + z * z), 2 * (x * y - z * w), 2 * (x * z + y * w)},
+                                    {2 * (x * y + z * w), 1 - 2 * (x * x + z * z), 2 * (y * z - x * w)},
+                                    {2 * (x * z - y * w), 2 * (y * z + x * w), 1 - 2 * (x * x + y * y)}};
+            const double n = std::hypot(v[0], v[1], v[2]);
+            return std::array<double, 3>{(m[0][0] * v[0] + m[0][1] * v[1] + m[0][2] * v[2]) / n,
+                                         (m[1][0] * v[0] + m[1][1] * v[1] + m[1][2] * v[2]) / n,
+                                         (m[2][0] * v[0] + m[2][1] * v[1] + m[2][2] * v[2]) / n};
+        };
+        const auto up = to_world(last.acceleration_ms2), field = to_world(last.magnetic_uT);
+        EXPECT_NEAR(up[2], 1.0, 1e-3);
+        EXPECT_NEAR(field[0], 0.0, 1e-3) << "no eastward field";
+        EXPECT_GT(field[1], 0.3) << "the field points north";
     }
 }
 
@@ -111,9 +193,9 @@ TEST_F(Kit, WithoutAThreeDimensionalFitNothingIsTrustedOrSaved) {
         int fed = 0;
         for (const auto &e : r.events) {
             fed += (e.flags & KMXC_SERVICE_FED) != 0;
-            if (e.flags & KMXC_SERVICE_NEW_OFFSET) { EXPECT_EQ(e.calib_result, KMXC_CALIB_PLANE_Z) << e.time_us; }
-            EXPECT_LE(std::abs(e.offset[2]), 1) << e.time_us;
-            EXPECT_EQ(e.accuracy, KMXC_SERVICE_UNRELIABLE) << e.time_us;
+            if (e.flags & KMXC_SERVICE_NEW_OFFSET) { EXPECT_EQ(e.calib_result, KMXC_CALIB_PLANE_Z) << e.timestamp_ns; }
+            EXPECT_LE(std::abs(e.offset[2]), 1) << e.timestamp_ns;
+            EXPECT_EQ(e.accuracy, KMXC_SERVICE_UNRELIABLE) << e.timestamp_ns;
         }
         if (std::string(name) == "still") { EXPECT_LE(fed, 1) << "only the first sample passes the gate"; }
         const auto cfg = vphone::read_file(kCfg);
@@ -166,7 +248,7 @@ TEST_F(Kit, FieldAnomaliesLowerTheAccuracyUntilTheyAreGone) {
         int8_t before = -1;
         bool flagged = false;
         for (const auto &e : r.events) {
-            const double t = static_cast<double>(e.time_us) / 1e6;
+            const double t = static_cast<double>(e.timestamp_ns) / 1e9;
             if (t > 18 && t < 19) before = e.accuracy;
             if (t >= 19.2 && t < 21.5) {
                 EXPECT_LE(e.accuracy, d.cap) << t;
@@ -186,15 +268,15 @@ TEST_F(Kit, MagnetClippedOnIsFlaggedAndANewFitRestoresTheAccuracy) {
     int clipped = 0;   // samples with a channel out of range, flagged
     for (size_t i = 0; i < r.events.size(); ++i) {
         const KmxcServiceEvent &e = r.events[i];
-        const double t = static_cast<double>(e.time_us) / 1e6;
+        const double t = static_cast<double>(e.timestamp_ns) / 1e9;
         if (clip_s < 0 && (e.flags & KMXC_SERVICE_ANOMALY) && t > 15) clip_s = t;
         if (moved == 0 && (e.flags & KMXC_SERVICE_ROUGH_CHANGED)) moved = i + 1;
         if (clip_s > 0 && refit_s < 0 && (e.flags & KMXC_SERVICE_FIT_3D)) refit_s = t;
         if (clip_s > 0 && refit_s < 0) { EXPECT_LE(e.accuracy, KMXC_SERVICE_LOW) << t; }
         // Samples with a channel out of range (those that move the rough offset) are not fed.
-        if (e.ms_result > 0) { EXPECT_FALSE(e.flags & KMXC_SERVICE_FED) << "a channel out of range was fed at " << t; }
+        if (e.mag_result > 0) { EXPECT_FALSE(e.flags & KMXC_SERVICE_FED) << "a channel out of range was fed at " << t; }
         // Their field is wrong, so the anomaly is the range alone, whatever its strength.
-        if (e.ms_result > 0 && (e.flags & KMXC_SERVICE_ANOMALY)) {
+        if (e.mag_result > 0 && (e.flags & KMXC_SERVICE_ANOMALY)) {
             ++clipped;
             EXPECT_EQ(e.anomaly, KMXC_SERVICE_ANOMALY_RANGE) << t;
         }
@@ -258,7 +340,8 @@ TEST_F(Kit, NoIntegerHeadingUntilTheSmootherHasHistory) {
             continue;
         }
         // The first heading reported agrees with the unsmoothed one of the same sample.
-        const KmxAxesData ms{e.ms[0], e.ms[1], e.ms[2]}, gs{e.gs[0], e.gs[1], e.gs[2]};
+        const KmxAxesData ms{e.mag_counts[0], e.mag_counts[1], e.mag_counts[2]},
+            gs{e.gravity_counts[0], e.gravity_counts[1], e.gravity_counts[2]};
         KmxAxesAttitude a;
         ASSERT_EQ(KmxAxesLibGetAttitude(&ms, &gs, &a), 0);
         uint16_t raw = 0;

@@ -74,7 +74,7 @@ protected:
         if (r.start_rc != 0) return r;
         while (run.next()) {
             KmxcServiceEvent e;
-            EXPECT_EQ(kmxc_service_cycle(run.elapsed_us(), &e), 0);
+            EXPECT_EQ(kmxc_service_cycle(static_cast<int64_t>(run.elapsed_us()) * 1000, &e), KMXC_SERVICE_OK);
             if (r.first_fit_s < 0 && (e.flags & KMXC_SERVICE_FIT_3D)) r.first_fit_s = run.truth().t_s;
             r.events.push_back(e);
             r.truths.push_back(run.truth());

@@ -4,6 +4,10 @@
 // floating-point registers); the float fields of the event are filled in event_fill.cpp.
 #include "service/kmxc_service.h"
 
+#include <unistd.h>
+
+#include <atomic>
+
 #include "calibration/calibration.h"
 #include "drivers/drivers.h"
 #include "orientation/orientation.h"
@@ -18,6 +22,34 @@ State g_state;
 using namespace kmxc_kit;
 
 namespace {
+
+// ---- Session ownership ----------------------------------------------------------------
+
+// Set while a call runs: a call that finds it set (another thread inside the kit) is
+// refused before it reads any state. Constant-initialised: no static initialiser.
+std::atomic<int> g_in_call{0};
+
+// Holds the in-call flag for the life of one call, when it could take it.
+class CallGuard {
+public:
+    CallGuard() : entered_(g_in_call.exchange(1, std::memory_order_acquire) == 0) {}
+    ~CallGuard() {
+        if (entered_) g_in_call.store(0, std::memory_order_release);
+    }
+    CallGuard(const CallGuard &) = delete;
+    CallGuard &operator=(const CallGuard &) = delete;
+    bool entered() const { return entered_; }
+
+private:
+    bool entered_;
+};
+
+// Whether a cycle or stop may run on the open session from this thread.
+int32_t session_check() {
+    if (!g_state.started) return KMXC_SERVICE_NOT_STARTED;
+    if (gettid() != g_state.owner) return KMXC_SERVICE_WRONG_THREAD;
+    return KMXC_SERVICE_OK;
+}
 
 // ---- Start ------------------------------------------------------------------------------
 
@@ -116,19 +148,19 @@ void fill_start_record(bool rough_was_stored, bool loaded, bool repaired, KmxcSe
 // 4a. Both measurements, with the raw values; whether both succeeded.
 bool measure(KmxAxesData *mag, KmxAxesData *gravity, KmxcServiceEvent *e) {
     KmxcDrvRawData raw{};
-    e->ms_result = KmxAxesDrvMsMeasure(mag, &raw);  // waits 13 ms for the conversion
-    e->gs_result = KmxAxesDrvGsMeasure(gravity, &raw);
+    e->mag_result = KmxAxesDrvMsMeasure(mag, &raw);  // waits 13 ms for the conversion
+    e->accel_result = KmxAxesDrvGsMeasure(gravity, &raw);
     for (int k = 0; k < 3; ++k) {
-        e->raw_ms[k] = static_cast<int16_t>(raw.ms[k]);
-        e->raw_gs[k] = raw.gs[k];
+        e->raw_mag[k] = static_cast<int16_t>(raw.ms[k]);
+        e->raw_accel[k] = raw.gs[k];
         e->rough[k] = g_state.rough[k];
     }
     e->raw_temperature = static_cast<int16_t>(raw.temperature);
     e->calib_status = KmxAxesMsCalibGetStatus();
-    if (e->ms_result < 0 || e->gs_result < 0) return false;
+    if (e->mag_result < 0 || e->accel_result < 0) return false;
     e->flags |= KMXC_SERVICE_MEASURED;
-    e->ms[0] = mag->x, e->ms[1] = mag->y, e->ms[2] = mag->z;
-    e->gs[0] = gravity->x, e->gs[1] = gravity->y, e->gs[2] = gravity->z;
+    e->mag_counts[0] = mag->x, e->mag_counts[1] = mag->y, e->mag_counts[2] = mag->z;
+    e->gravity_counts[0] = gravity->x, e->gravity_counts[1] = gravity->y, e->gravity_counts[2] = gravity->z;
     return true;
 }
 
@@ -156,7 +188,7 @@ void adopt_new_offset(bool three_d, KmxcServiceEvent *e) {
 // 4b. The calibration gets the raw (offset-free) vector, only when it lies apart from
 // the recent ones; a sample with a channel out of range is never fed: its field is wrong.
 void feed_calibration(KmxAxesData *mag, const Vec3 &m, const Vec3 &g, KmxcServiceEvent *e) {
-    if (e->ms_result != 0 || !passes_gate(m)) return;
+    if (e->mag_result != 0 || !passes_gate(m)) return;
     remember_fed(m, g);
     ++g_state.confirm_count;
     e->flags |= KMXC_SERVICE_FED;
@@ -182,14 +214,14 @@ void save_confirmed_offset(KmxcServiceEvent *e) {
 // The field against the reference: strength, dip and the anomaly they show. A sample
 // with channels out of range is a range anomaly: its field is far from anything the
 // Earth gives.
-void judge_field(const Vec3 &m, const Vec3 &g, const KmxAxesData &offset, uint64_t now, KmxcServiceEvent *e) {
+void judge_field(const Vec3 &m, const Vec3 &g, const KmxAxesData &offset, int64_t now, KmxcServiceEvent *e) {
     const Vec3 v = minus(m, offset);
     const int32_t strength = length(v);
     const int32_t dip = dip_cos(v, g);
-    e->strength_centi_uT = strength * (1000 / kCountsPer10uT);
+    e->strength_centi_uT = strength_centi_uT(v);
     e->dip_cos_permille = dip;
     if (!g_state.offset_trusted) return;
-    e->anomaly = e->ms_result == 0 ? anomaly_of(g, strength, dip) : uint8_t{KMXC_SERVICE_ANOMALY_RANGE};
+    e->anomaly = e->mag_result == 0 ? anomaly_of(g, strength, dip) : uint8_t{KMXC_SERVICE_ANOMALY_RANGE};
     if (e->anomaly != 0) note_anomaly(e->anomaly, now, e);
 }
 
@@ -209,13 +241,13 @@ void integer_heading(const KmxAxesData &mag, const KmxAxesData &gravity, KmxcSer
 }
 
 // 5. Channels out of range: move the rough offset, at most once per interval.
-void move_rough_offset_if_clipped(uint64_t now, KmxcServiceEvent *e) {
-    if (e->ms_result <= 0) return;
+void move_rough_offset_if_clipped(int64_t now, KmxcServiceEvent *e) {
+    if (e->mag_result <= 0) return;
     if (g_state.rough_changed_once &&
-        now - g_state.last_rough_change_us < uint64_t{KMXC_SERVICE_ROUGH_CHANGE_INTERVAL_MS} * 1000)
+        now - g_state.last_rough_change_ns < int64_t{KMXC_SERVICE_ROUGH_CHANGE_INTERVAL_MS} * kNsPerMs)
         return;
     g_state.rough_changed_once = true;
-    g_state.last_rough_change_us = now;
+    g_state.last_rough_change_ns = now;
     if (change_rough_offset(e)) e->flags |= KMXC_SERVICE_ROUGH_CHANGED;
 }
 
@@ -235,16 +267,22 @@ const char *kmxc_service_result_name(int32_t result) {
         KMXC_NAME_OF(KMXC_SERVICE_ALREADY_STARTED);
         KMXC_NAME_OF(KMXC_SERVICE_NOT_STARTED);
         KMXC_NAME_OF(KMXC_SERVICE_NULL_EVENT);
+        KMXC_NAME_OF(KMXC_SERVICE_BAD_TIMESTAMP);
+        KMXC_NAME_OF(KMXC_SERVICE_WRONG_THREAD);
+        KMXC_NAME_OF(KMXC_SERVICE_BUSY);
     default: return "unknown result";
     }
 #undef KMXC_NAME_OF
 }
 
 int32_t kmxc_service_start(uint32_t rate_hz, KmxcServiceStart *start) {
+    const CallGuard guard;
+    if (!guard.entered()) return KMXC_SERVICE_BUSY;
     if (rate_hz < KMXC_SERVICE_RATE_MIN_HZ || rate_hz > KMXC_SERVICE_RATE_MAX_HZ) return KMXC_SERVICE_BAD_RATE;
     if (g_state.started) return KMXC_SERVICE_ALREADY_STARTED;
     g_state = State{};
     g_state.rate_hz = rate_hz;
+    g_state.owner = gettid();
     g_state.stored = kNoStoredOffset;
     if (const int32_t rc = start_library_and_drivers(); rc != KMXC_SERVICE_OK) return rc;
     uint8_t stored_rough[3];
@@ -260,11 +298,16 @@ int32_t kmxc_service_start(uint32_t rate_hz, KmxcServiceStart *start) {
     return KMXC_SERVICE_OK;
 }
 
-int32_t kmxc_service_cycle(uint64_t now, KmxcServiceEvent *e) {
-    if (!g_state.started) return KMXC_SERVICE_NOT_STARTED;
+int32_t kmxc_service_cycle(int64_t now, KmxcServiceEvent *e) {
+    const CallGuard guard;
+    if (!guard.entered()) return KMXC_SERVICE_BUSY;
+    if (const int32_t rc = session_check(); rc != KMXC_SERVICE_OK) return rc;
     if (e == nullptr) return KMXC_SERVICE_NULL_EVENT;
+    if (g_state.cycled && now <= g_state.last_cycle_ns) return KMXC_SERVICE_BAD_TIMESTAMP;
+    g_state.cycled = true;
+    g_state.last_cycle_ns = now;
     *e = KmxcServiceEvent{};
-    e->time_us = now;
+    e->timestamp_ns = now;
     e->heading_deg = -1;
     e->calib_residual = kNoResidual;
 
@@ -289,7 +332,9 @@ int32_t kmxc_service_cycle(uint64_t now, KmxcServiceEvent *e) {
 }
 
 int32_t kmxc_service_stop(void) {
-    if (!g_state.started) return KMXC_SERVICE_NOT_STARTED;
+    const CallGuard guard;
+    if (!guard.entered()) return KMXC_SERVICE_BUSY;
+    if (const int32_t rc = session_check(); rc != KMXC_SERVICE_OK) return rc;
     stop_drivers();
     g_state.started = false;
     return KMXC_SERVICE_OK;

@@ -75,8 +75,9 @@
  *     time, not cycles. A magnetometer measurement waits 13 ms, so one cycle lasts at
  *     least that: requested rates above 76 Hz run as fast as the chip allows.
  *
- * Limits: one instance, static state, no heap, no threads: call from one thread, one
- * call at a time, and not alongside other users of libkmxc_orvane.so. Integer
+ * Limits: one session at a time, static state, no heap, no threads of its own: the
+ * session belongs to the thread that started it (other threads are refused), and no
+ * other code in the process may use libkmxc_orvane.so alongside it. Integer
  * arithmetic except where float event fields are filled.
  */
 #ifndef KMXC_SERVICE_H
@@ -149,7 +150,7 @@ extern "C" {
 #define KMXC_SERVICE_SAVE_FAILED 0x0080       /* a save failed; the previous file is kept */
 #define KMXC_SERVICE_CONFIRMED 0x0100         /* the stored offset was confirmed by the field */
 #define KMXC_SERVICE_HEADING_VALID 0x0200     /* heading_deg holds a heading (after warm-up) */
-#define KMXC_SERVICE_ORIENTATION_VALID 0x0400 /* orientation_deg holds angles */
+#define KMXC_SERVICE_ORIENTATION_VALID 0x0400 /* orientation_deg and rotation_vector hold values */
 
 /* Anomaly causes (event.anomaly), bits. */
 #define KMXC_SERVICE_ANOMALY_RANGE 1    /* strength outside the Earth's range */
@@ -169,31 +170,37 @@ typedef struct KmxcServiceStart {
 
 /* One cycle's event. Float fields are valid when their flag says so. */
 typedef struct KmxcServiceEvent {
-    uint64_t time_us;          /* the caller's timestamp of the cycle */
+    int64_t timestamp_ns;      /* the caller's timestamp of the cycle, as Android's event's */
     float magnetic_uT[3];      /* calibrated field, device axes (x right, y up, z out) */
     float uncalibrated_uT[3];  /* field before the offset is removed */
     float bias_uT[3];          /* the offset; magnetic = uncalibrated - bias */
     float acceleration_ms2[3]; /* gravity included; +9.8 on z lying face up */
-    float orientation_deg[3];  /* azimuth 0..359 (magnetic), pitch -180..179, roll -90..90 */
+    float orientation_deg[3];  /* azimuth 0..359 (magnetic), pitch -180..179, roll -90..90:
+                                  whole degrees (the library's Euler angles are whole by
+                                  contract), never -0 */
+    float rotation_vector[4];  /* geomagnetic rotation vector: the unit quaternion x, y, z, w
+                                  (w >= 0) of the rotation from device axes to east, north,
+                                  up, as Android's; from the same rotation matrix as the
+                                  orientation, at full precision */
     int16_t heading_deg;       /* integer path 0..359; -1 during warm-up or failure */
     int8_t accuracy;           /* KMXC_SERVICE_UNRELIABLE .. KMXC_SERVICE_HIGH */
     uint8_t anomaly;           /* KMXC_SERVICE_ANOMALY_* causes seen in this sample */
     uint16_t flags;            /* KMXC_SERVICE_* event flags */
-    int8_t ms_result;          /* KmxAxesDrvMsMeasure: 0, 1..7 out of range, < 0 failed */
-    int8_t gs_result;          /* KmxAxesDrvGsMeasure */
+    int8_t mag_result;         /* KmxAxesDrvMsMeasure: 0, 1..7 out of range, < 0 failed */
+    int8_t accel_result;       /* KmxAxesDrvGsMeasure */
     int8_t calib_result;       /* KmxAxesMsCalibUpdate, 0 when the sample was not fed */
     int8_t calib_status;       /* KmxAxesMsCalibGetStatus */
     int16_t calib_ratio_min;   /* batch ratios and fit residual of a fed sample: the */
     int16_t calib_ratio_mid;   /*   KmxAxesMsCalibDetail record (0, 0, 2147483647 */
     int32_t calib_residual;    /*   while the batch fills) */
-    int16_t raw_ms[3];         /* the magnetometer's raw channels (11 bit) */
+    int16_t raw_mag[3];        /* the magnetometer's raw channels (11 bit) */
     int16_t raw_temperature;   /* the magnetometer's raw temperature */
-    int16_t raw_gs[3];         /* the accelerometer's counts */
+    int16_t raw_accel[3];      /* the accelerometer's counts */
     uint8_t rough[3];          /* the rough offset in use */
-    int32_t ms[3];             /* corrected magnetic vector, counts (0.4 uT) */
-    int32_t gs[3];             /* gravity vector, 1/4096 g */
+    int32_t mag_counts[3];     /* corrected magnetic vector, counts (0.4 uT) */
+    int32_t gravity_counts[3]; /* gravity vector, 1/4096 g */
     int32_t offset[3];         /* the magnetic offset in use, counts */
-    int32_t strength_centi_uT; /* |ms - offset| in 1/100 uT */
+    int32_t strength_centi_uT; /* |mag_counts - offset| in 1/100 uT, rounded down */
     int32_t dip_cos_permille;  /* 1000 cos(angle between field and gravity) */
     uint32_t saves;            /* successful saves so far */
     uint32_t save_failures;    /* failed saves so far */
@@ -217,6 +224,12 @@ typedef struct KmxcServiceEvent {
  *   KMXC_SERVICE_ALREADY_STARTED        -5   start        a session is open; stop it first
  *   KMXC_SERVICE_NOT_STARTED            -6   cycle, stop  no session is open
  *   KMXC_SERVICE_NULL_EVENT             -7   cycle        event is null; nothing done
+ *   KMXC_SERVICE_BAD_TIMESTAMP          -8   cycle        the timestamp is not later than the
+ *                                                         last cycle's; nothing done
+ *   KMXC_SERVICE_WRONG_THREAD           -9   cycle, stop  called from a thread other than the
+ *                                                         one that started the session
+ *   KMXC_SERVICE_BUSY                  -10   all          another call of the kit is running
+ *                                                         (on another thread); nothing done
  */
 enum KmxcServiceResult {
     KMXC_SERVICE_OK = 0,
@@ -226,20 +239,31 @@ enum KmxcServiceResult {
     KMXC_SERVICE_ROUGH_OFFSET_FAILED = -4,
     KMXC_SERVICE_ALREADY_STARTED = -5,
     KMXC_SERVICE_NOT_STARTED = -6,
-    KMXC_SERVICE_NULL_EVENT = -7
+    KMXC_SERVICE_NULL_EVENT = -7,
+    KMXC_SERVICE_BAD_TIMESTAMP = -8,
+    KMXC_SERVICE_WRONG_THREAD = -9,
+    KMXC_SERVICE_BUSY = -10
 };
 
 /* ---- Functions -------------------------------------------------------------------
  * kmxc_service_start(rate_hz, start)   start may be null; the library's call order's
  *                                      steps 1-3 (README)
- * kmxc_service_cycle(time_us, event)   one measurement, steps 4-5; timestamps must not
- *                                      decrease
+ *                                      One session at a time in a process: while one is
+ *                                      open, start from any thread gets
+ *                                      KMXC_SERVICE_ALREADY_STARTED.
+ * kmxc_service_cycle(timestamp_ns, event)  one measurement, steps 4-5; timestamp_ns is
+ *                                      the monotonic clock (CLOCK_MONOTONIC or
+ *                                      CLOCK_BOOTTIME, as Android's sensor events) and
+ *                                      must increase from cycle to cycle
  * kmxc_service_stop()                  step 6
+ * Cycle and stop must come from the thread that started the session; the kit detects
+ * another thread (KMXC_SERVICE_WRONG_THREAD) and a call while another is running
+ * (KMXC_SERVICE_BUSY) and refuses them without touching the session.
  * kmxc_service_result_name(result)     "KMXC_SERVICE_BAD_RATE" ...; "unknown result" for a
  *                                      value not in the table. Static text, never null.
  */
 KMXC_SERVICE_API int32_t kmxc_service_start(uint32_t rate_hz, KmxcServiceStart *start);
-KMXC_SERVICE_API int32_t kmxc_service_cycle(uint64_t time_us, KmxcServiceEvent *event);
+KMXC_SERVICE_API int32_t kmxc_service_cycle(int64_t timestamp_ns, KmxcServiceEvent *event);
 KMXC_SERVICE_API int32_t kmxc_service_stop(void);
 KMXC_SERVICE_API const char *kmxc_service_result_name(int32_t result);
 

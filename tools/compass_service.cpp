@@ -39,9 +39,9 @@ static_assert(kDirectionThresholdQ12 == KMXC_SERVICE_DIRECTION_THRESHOLD);
 // One kit event as the report sees it.
 SampleOutput to_sample(const KmxcServiceEvent &e) {
     SampleOutput s;
-    s.time_us = static_cast<int64_t>(e.time_us);
-    s.ms_rc = e.ms_result;
-    s.gs_rc = e.gs_result;
+    s.time_us = e.timestamp_ns / 1000;
+    s.ms_rc = e.mag_result;
+    s.gs_rc = e.accel_result;
     s.calib_rc = e.calib_result;
     s.calib_status = e.calib_status;
     s.integer_heading = e.heading_deg;
@@ -60,16 +60,6 @@ SampleOutput to_sample(const KmxcServiceEvent &e) {
     s.ratio_mid = e.calib_ratio_mid;
     s.residual = e.calib_residual;
     return s;
-}
-
-const char *start_error(int32_t rc) {
-    switch (rc) {
-    case -1: return "the kit refused the rate";
-    case -2: return "magnetometer start-up failed";
-    case -3: return "accelerometer start-up failed";
-    case -4: return "the rough offset could not be written";
-    default: return "the kit could not start";
-    }
 }
 
 // Virtual time as the notes under the per-second lines show it: seconds, "%5.1f".
@@ -174,7 +164,9 @@ int Session::start_service() {
     KmxcServiceStart started{};
     const uint32_t rate = static_cast<uint32_t>(std::lround(opt_.rate_hz));
     if (const int32_t rc = kmxc_service_start(rate, &started); rc != 0)
-        return fail(std::string(start_error(rc)) + " (kmxc_service_start returned " + std::to_string(rc) + ")", 1);
+        return fail(std::string("the kit could not start: kmxc_service_start returned ") +
+                        kmxc_service_result_name(rc) + " (" + std::to_string(rc) + ")",
+                    1);
     if (record_.is_open()) write_record_header(started);
     log_rough_readings();
 
@@ -222,7 +214,7 @@ bool Session::next_cycle(size_t i) {
 void Session::cycle() {
     const uint64_t now = vphone::now_us();
     KmxcServiceEvent e;
-    kmxc_service_cycle(now, &e);
+    kmxc_service_cycle(static_cast<int64_t>(now) * 1000, &e);
     SampleOutput s = to_sample(e);
     if (!replaying_) {
         s.has_truth = true;
@@ -232,9 +224,9 @@ void Session::cycle() {
     }
     if (record_.is_open() && s.ms_rc >= 0 && s.gs_rc >= 0)
         write_record_row(record_, RecordRow{s.time_us,
-                                            {uint16_t(e.raw_ms[0]), uint16_t(e.raw_ms[1]), uint16_t(e.raw_ms[2])},
+                                            {uint16_t(e.raw_mag[0]), uint16_t(e.raw_mag[1]), uint16_t(e.raw_mag[2])},
                                             uint16_t(e.raw_temperature),
-                                            {e.raw_gs[0], e.raw_gs[1], e.raw_gs[2]}});
+                                            {e.raw_accel[0], e.raw_accel[1], e.raw_accel[2]}});
     report_.add(s);
     if (e.flags & KMXC_SERVICE_SAVE_FAILED)
         std::cout << "  t " << seconds_text(now)

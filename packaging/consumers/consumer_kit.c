@@ -11,7 +11,7 @@ int main(void) {
     int measured = 0, heading = -1;
     for (int i = 0; started == 0 && i < 5; ++i) {
         KmxcServiceEvent event;
-        if (kmxc_service_cycle((uint64_t)i * 100000u, &event) != 0) break;
+        if (kmxc_service_cycle((int64_t)i * 100000000, &event) != 0) break;
         if (event.flags & KMXC_SERVICE_MEASURED) ++measured;
         if (event.flags & KMXC_SERVICE_HEADING_VALID) heading = event.heading_deg;
     }
