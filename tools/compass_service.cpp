@@ -145,8 +145,10 @@ int Session::check_files() {
 int Session::set_up_phone() {
     std::string error;
     const int profile = opt_.scenario.profile;
+    // A scenario that starts with no stored offset empties the sandbox as --fresh does.
+    const bool fresh = opt_.fresh || find_scenario(opt_.scenario.name)->fresh;
     const bool sandbox_ok = replaying_ ? rig_.open_replay_sandbox(opt_.sandbox, replay_.header, &error)
-                                       : rig_.open_sandbox(opt_.sandbox, opt_.fresh, profile, &error);
+                                       : rig_.open_sandbox(opt_.sandbox, fresh, profile, &error);
     if (!sandbox_ok) return fail(error, 1);
     if (replaying_) {
         rig_.attach_replay_chips(replay_);
@@ -221,6 +223,7 @@ void Session::cycle() {
         s.phase = run_.truth().phase;
         s.truth = true_angles(run_.truth().attitude);
         s.true_offset = rig_.true_offset_counts();
+        s.mounted_s = run_.truth().mounted_s;
     }
     if (record_.is_open() && s.ms_rc >= 0 && s.gs_rc >= 0)
         write_record_row(record_, RecordRow{s.time_us,

@@ -108,4 +108,25 @@ TEST(CompassService, SecondRunWithTheSameSandboxStartsFromTheStoredOffsets) {
         EXPECT_EQ(b.front().at(col), a.back().at(col)) << col << ": first sample of the second run";
 }
 
+// A scenario that starts with no stored offset empties the sandbox as --fresh does; the
+// car scenarios' summaries say when the phone was mounted.
+TEST(CompassService, CarFreshStartsWithoutTheStoredOffsetAndTheSummaryNamesTheMounting) {
+    const std::string d = dir_for("car");
+    ASSERT_EQ(run(d, {"--fresh", "--sandbox", d + "/phone", "--quiet"}).exit_code, 0);
+    for (const char *scenario : {"car-fresh", "car"}) {
+        const Result r = run(d, {"--sandbox", d + "/phone", "--quiet", "--scenario", scenario, "--summary-json",
+                                 d + "/" + scenario + ".json"});
+        ASSERT_EQ(r.exit_code, 0) << r.err;
+        const std::string json = slurp(d + "/" + scenario + ".json");
+        if (std::string(scenario) == "car-fresh") {
+            EXPECT_NE(r.out.find("no stored magnetic offset"), std::string::npos) << r.out;
+            EXPECT_NE(json.find("\"mounted_s\": 0.000,"), std::string::npos) << json;
+        } else {
+            EXPECT_NE(json.find("\"mounted_s\": 17.000,"), std::string::npos) << json;
+        }
+        EXPECT_NE(r.out.find("\n  mounted                   "), std::string::npos) << r.out;
+        EXPECT_NE(json.find("\"kit_estimator\": null,\n  \"store_coverage\": null\n}"), std::string::npos) << json;
+    }
+}
+
 }  // namespace

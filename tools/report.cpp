@@ -106,6 +106,7 @@ void Report::tally_sample(const SampleOutput &s) {
     samples_.push_back(s);
     m.samples = static_cast<int>(samples_.size());
     m.virtual_s = static_cast<double>(s.time_us) / 1e6;
+    if (m.first_trusted_s < 0 && s.accuracy >= KMXC_SERVICE_MEDIUM) m.first_trusted_s = m.virtual_s;
     if (s.anomaly && !last_anomaly_) ++m.anomalies;
     last_anomaly_ = s.anomaly != 0;
     const std::string refused = refusal(s);
@@ -137,6 +138,7 @@ void Report::tally_offset(const SampleOutput &s) {
 void Report::tally_errors(const SampleOutput &s) {
     Summary &m = summary_;
     m.final_offset_error_uT = offset_error_uT(s);
+    m.mounted_s = s.mounted_s;
     const TrueAngles &t = s.truth;
     if (samples_.size() == 1 ||
         std::fabs(heading_difference(t.integer_heading, steady_from_.integer_heading)) > kSteadyDeg ||
@@ -157,6 +159,22 @@ void Report::tally_errors(const SampleOutput &s) {
     if (s.orientation_valid && s.accuracy >= KMXC_SERVICE_MEDIUM) {
         ++m.trusted_samples;
         if (std::fabs(ed) > kWrongDeg) ++m.trusted_wrong;
+    }
+    tally_errors_by_accuracy(s, ei, ed);
+}
+
+void Report::tally_errors_by_accuracy(const SampleOutput &s, double ei, double ed) {
+    if (s.accuracy < 0 || s.accuracy > 3) return;
+    Summary &m = summary_;
+    const auto level = static_cast<size_t>(s.accuracy);
+    const bool trusted = s.accuracy >= KMXC_SERVICE_MEDIUM;
+    if (s.heading_valid) {
+        m.integer_error_at[level].add(ei);
+        if (trusted) m.integer_error_trusted.add(ei);
+    }
+    if (s.orientation_valid) {
+        m.double_error_at[level].add(ed);
+        if (trusted) m.double_error_trusted.add(ed);
     }
 }
 
@@ -206,6 +224,61 @@ void Report::print_summary(const std::string &persisted) const {
     o << "  saves                     " << m.saves << " done, " << m.save_failures << " failed\n";
     o << "  final accuracy            " << (samples_.empty() ? 0 : samples_.back().accuracy) << '\n';
     o << "  persisted                 " << persisted << '\n';
+    print_accuracy_summary();
+}
+
+namespace {
+
+const char *const kAccuracyNames[4] = {"unreliable", "low", "medium", "high"};
+
+// RMS of e with three decimals, or null when it counted nothing.
+std::string rms_json(const ErrorStats &e) { return e.count > 0 ? fmt("%.3f", e.rms()) : "null"; }
+
+}  // namespace
+
+// Lines the summary gained after its first form, at its end: when the accuracy was
+// first trustworthy, when the phone was mounted, the heading errors at each accuracy,
+// and what the kit does not report yet.
+void Report::print_accuracy_summary() const {
+    const Summary &m = summary_;
+    std::ostream &o = out_;
+    o << "  first medium/high         "
+      << (m.first_trusted_s >= 0 ? fmt("%.1f", m.first_trusted_s) + " s" : std::string("never")) << '\n';
+    if (m.mounted_s >= 0) o << "  mounted                   " << fmt("%.1f", m.mounted_s) << " s\n";
+    if (!samples_.empty() && samples_.front().has_truth) {
+        o << "  heading error by the accuracy reported with it (whole run; integer / double path)\n";
+        auto line = [&o](const std::string &name, const ErrorStats &i, const ErrorStats &d) {
+            if (i.count == 0 && d.count == 0) return;
+            o << "    " << name << std::string(24 - name.size(), ' ') << "RMS " << fmt("%.2f", i.rms()) << " / "
+              << fmt("%.2f", d.rms()) << " deg, " << i.count << " samples\n";
+        };
+        for (size_t a = 0; a < 4; ++a) line(kAccuracyNames[a], m.integer_error_at[a], m.double_error_at[a]);
+        line("medium/high", m.integer_error_trusted, m.double_error_trusted);
+    }
+    o << "  kit estimator             not reported by the kit yet\n";
+    o << "  sample store coverage     not reported by the kit yet\n";
+}
+
+// The JSON keys the summary gained after its first form (see print_accuracy_summary).
+std::string Report::accuracy_json() const {
+    const Summary &m = summary_;
+    std::ostringstream j;
+    auto level = [&j](const char *name, const ErrorStats &i, const ErrorStats &d) {
+        j << '"' << name << "\": {\"integer\": " << rms_json(i) << ", \"double\": " << rms_json(d)
+          << ", \"samples\": " << i.count << "}";
+    };
+    j << ",\n  \"first_trusted_s\": " << (m.first_trusted_s >= 0 ? fmt("%.3f", m.first_trusted_s) : "null")
+      << ",\n  \"mounted_s\": " << (m.mounted_s >= 0 ? fmt("%.3f", m.mounted_s) : "null")
+      << ",\n  \"heading_rms_by_accuracy_deg\": {";
+    for (size_t a = 0; a < 4; ++a) {
+        level(kAccuracyNames[a], m.integer_error_at[a], m.double_error_at[a]);
+        j << ", ";
+    }
+    level("medium_high", m.integer_error_trusted, m.double_error_trusted);
+    // Placeholders for what the kit does not report yet: which estimator it used and
+    // how well its store of samples covers the sphere.
+    j << "},\n  \"kit_estimator\": null,\n  \"store_coverage\": null";
+    return j.str();
 }
 
 bool Report::write_outputs(const std::string &path, std::string *error) const {
@@ -262,7 +335,7 @@ bool Report::write_summary_json(const std::string &path, std::string *error) con
       << ",\n  \"anomalies_flagged\": " << m.anomalies << ",\n  \"batches_refused\": " << m.batches_refused
       << ",\n  \"offsets_saved\": " << m.saves << ",\n  \"save_failures\": " << m.save_failures
       << ",\n  \"rough_offset_changes\": " << m.rough_changes
-      << ",\n  \"final_accuracy\": " << (samples_.empty() ? 0 : samples_.back().accuracy) << "\n}\n";
+      << ",\n  \"final_accuracy\": " << (samples_.empty() ? 0 : samples_.back().accuracy) << accuracy_json() << "\n}\n";
     std::ofstream f(path);
     f << j.str();
     f.flush();

@@ -31,6 +31,7 @@ struct SampleOutput {
     bool has_truth = false;          // false on replays
     TrueAngles truth{};
     vphone::Vec3 true_offset{};  // counts
+    double mounted_s = -1;       // car scenarios: when the phone went into the mount
     // The kit's judgement and the field diagnostics it works from (replays too).
     int accuracy = 0;                  // 0 unreliable .. 3 high
     int anomaly = 0;                   // KMXC_SERVICE_ANOMALY_* causes in this sample
@@ -74,6 +75,13 @@ struct Summary {
     int batches_refused = 0;  // full batches the calibration refused
     unsigned saves = 0, save_failures = 0;
     int rough_changes = 0;
+    double first_trusted_s = -1;  // the first sample at medium or high accuracy; -1 none
+    double mounted_s = -1;        // car scenarios: when the phone went into the mount; else -1
+    // Heading errors over the whole run by the accuracy the kit reported with them
+    // (0 unreliable .. 3 high), and at medium or high together: how far each level
+    // can be trusted.
+    std::array<ErrorStats, 4> integer_error_at, double_error_at;
+    ErrorStats integer_error_trusted, double_error_trusted;
 };
 
 // An azimuth this far off the truth at medium or high accuracy counts as wrong.
@@ -97,6 +105,9 @@ private:
     void tally_sample(const SampleOutput &s);
     void tally_offset(const SampleOutput &s);
     void tally_errors(const SampleOutput &s);
+    void tally_errors_by_accuracy(const SampleOutput &s, double integer_error, double double_error);
+    void print_accuracy_summary() const;
+    std::string accuracy_json() const;
 
     std::ostream &out_;
     bool quiet_;

@@ -83,6 +83,40 @@ TEST(Report, SteadyErrorsCountTwoSecondsAfterTheAttitudeLastMovedMoreThanEightDe
     EXPECT_DOUBLE_EQ(r.summary().steady_integer_error.max_abs, 50);
 }
 
+// The summary's later additions come after its first lines: when the accuracy was first
+// medium or high, when the phone was mounted, and the heading errors at each accuracy
+// over the whole run, calibrated or not.
+TEST(Report, ErrorsAreTalliedByTheAccuracyReportedWithThemAndListedAtTheEnd) {
+    const struct {
+        int accuracy;
+        int error;
+    } samples[] = {{0, 30}, {0, -40}, {1, 10}, {2, 3}, {3, -4}, {3, 0}};
+    std::ostringstream out;
+    Report r(out, true);
+    for (size_t i = 0; i < std::size(samples); ++i) {
+        SampleOutput s = sample(static_cast<int64_t>(i) * 500000, 0, 100 + samples[i].error, 100, samples[i].accuracy);
+        s.mounted_s = 0.25;
+        r.add(s);
+    }
+    const Summary &m = r.summary();
+    EXPECT_DOUBLE_EQ(m.first_trusted_s, 1.5);
+    EXPECT_DOUBLE_EQ(m.mounted_s, 0.25);
+    EXPECT_EQ(m.integer_error_at[0].count, 2);
+    EXPECT_DOUBLE_EQ(m.integer_error_at[0].rms(), std::sqrt((900.0 + 1600.0) / 2));
+    EXPECT_DOUBLE_EQ(m.double_error_at[1].rms(), 10);
+    EXPECT_EQ(m.integer_error_trusted.count, 3);
+    EXPECT_DOUBLE_EQ(m.double_error_trusted.rms(), std::sqrt((9.0 + 16.0) / 3));
+    r.print_summary("here");
+    const std::string text = out.str();
+    const size_t persisted = text.find("  persisted                 here\n");
+    ASSERT_NE(persisted, std::string::npos) << text;
+    for (const char *line : {"  first medium/high         1.5 s\n", "  mounted                   0.2 s\n",
+                             "    unreliable              RMS 35.36 / 35.36 deg, 2 samples\n",
+                             "    medium/high             RMS 2.89 / 2.89 deg, 3 samples\n",
+                             "  kit estimator             not reported by the kit yet\n"})
+        EXPECT_GT(text.find(line), persisted) << line << text;
+}
+
 TEST(Report, OneLinePerSimulatedSecond) {
     std::ostringstream out;
     Report r(out, false);

@@ -3,11 +3,17 @@
 
 #include <algorithm>
 #include <cmath>
+#include <functional>
 
 #include "vphone/scene/scene_math.h"
 
 namespace vphone::scene {
 namespace {
+
+// Heading in degrees 0..360 of a direction given by its east and north components.
+double heading_of(double east, double north) { return wrap360(std::atan2(east, north) / kDeg); }
+
+}  // namespace
 
 Mat3 multiply(const Mat3 &a, const Mat3 &b) {
     Mat3 r{};
@@ -16,11 +22,6 @@ Mat3 multiply(const Mat3 &a, const Mat3 &b) {
             for (int k = 0; k < 3; ++k) r[i][j] += a[i][k] * b[k][j];
     return r;
 }
-
-// Heading in degrees 0..360 of a direction given by its east and north components.
-double heading_of(double east, double north) { return wrap360(std::atan2(east, north) / kDeg); }
-
-}  // namespace
 
 Mat3 attitude_matrix(const Pose &p) {
     // Phone-to-world rotation R = Rz(-heading) * Rx(-pitch) * Ry(roll).
@@ -41,6 +42,38 @@ Vec3 to_phone(const Mat3 &a, const Vec3 &w) {
     Vec3 v{};
     for (int j = 0; j < 3; ++j) v[j] = a[0][j] * w[0] + a[1][j] * w[1] + a[2][j] * w[2];
     return v;
+}
+
+Vec3 to_world(const Mat3 &a, const Vec3 &p) {
+    Vec3 v{};
+    for (int i = 0; i < 3; ++i) v[i] = a[i][0] * p[0] + a[i][1] * p[1] + a[i][2] * p[2];
+    return v;
+}
+
+Vec3 symmetric_eigenvalues(const Mat3 &m) {
+    // The closed form for symmetric 3x3 matrices: the eigenvalues are q + 2p cos(phi +
+    // 2 pi k / 3) for the matrix's mean diagonal q, spread p and angle phi of the
+    // normalised B = (m - qI) / p.
+    const double off = m[0][1] * m[0][1] + m[0][2] * m[0][2] + m[1][2] * m[1][2];
+    if (off == 0) {
+        Vec3 d{m[0][0], m[1][1], m[2][2]};
+        std::sort(d.begin(), d.end(), std::greater<>());
+        return d;
+    }
+    const double q = (m[0][0] + m[1][1] + m[2][2]) / 3;
+    const double p = std::sqrt(
+        ((m[0][0] - q) * (m[0][0] - q) + (m[1][1] - q) * (m[1][1] - q) + (m[2][2] - q) * (m[2][2] - q) + 2 * off) / 6);
+    Mat3 b = m;
+    for (int i = 0; i < 3; ++i) {
+        b[i][i] -= q;
+        for (int j = 0; j < 3; ++j) b[i][j] /= p;
+    }
+    const double det = b[0][0] * (b[1][1] * b[2][2] - b[1][2] * b[2][1]) -
+                       b[0][1] * (b[1][0] * b[2][2] - b[1][2] * b[2][0]) +
+                       b[0][2] * (b[1][0] * b[2][1] - b[1][1] * b[2][0]);
+    const double phi = std::acos(std::clamp(det / 2, -1.0, 1.0)) / 3;
+    const double largest = q + 2 * p * std::cos(phi), smallest = q + 2 * p * std::cos(phi + 2 * kPi / 3);
+    return {largest, 3 * q - largest - smallest, smallest};
 }
 
 TrueAngles true_angles(const Mat3 &a) {

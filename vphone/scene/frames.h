@@ -16,7 +16,10 @@
 //   inclination I (positive: the field dips below the horizon, northern hemisphere).
 //   Gravity sample: points the way gravity pulls, minus any linear acceleration, in g:
 //   a phone lying flat reads (0, 0, -1).
-//   Hard iron: a field fixed to the phone, added in phone axes.
+//   Soft iron: the phone's soft metal distorts the ambient field it sits in, a
+//   symmetric matrix S applied to the Earth field in phone axes.
+//   Hard iron: a field fixed to the phone, added in phone axes. The magnetometer
+//   senses S * Earth + hard iron.
 #ifndef KMXC_VPHONE_SCENE_FRAMES_H
 #define KMXC_VPHONE_SCENE_FRAMES_H
 
@@ -52,7 +55,11 @@ struct TrueAngles {
 
 Mat3 attitude_matrix(const Pose &pose_magnetic);
 Vec3 earth_field_uT(double strength_uT, double inclination_deg);  // magnetic world frame
-Vec3 to_phone(const Mat3 &attitude, const Vec3 &world);
+Vec3 to_phone(const Mat3 &attitude, const Vec3 &world);           // attitude^T * world
+Vec3 to_world(const Mat3 &attitude, const Vec3 &phone);           // attitude * phone, any matrix times a vector
+Mat3 multiply(const Mat3 &a, const Mat3 &b);
+// Eigenvalues of a symmetric matrix, largest first.
+Vec3 symmetric_eigenvalues(const Mat3 &m);
 TrueAngles true_angles(const Mat3 &attitude);
 // Signed difference a - b of two headings, in -180..180.
 double heading_difference(double a_deg, double b_deg);

@@ -117,6 +117,8 @@ void start_scene() {
         write_replay_files(scene->replay.header);
         scene->rig.attach_replay_chips(scene->replay);
     } else {
+        // A scenario that starts with no stored offset starts without the file.
+        if (find_scenario(s.name)->fresh) vphone::remove_file(kCalibrationFile);
         write_profile_files(s.profile);
         scene->rig.attach_chips(s.profile, kRigCalibration);
     }

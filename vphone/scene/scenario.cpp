@@ -10,21 +10,6 @@
 
 namespace vphone::scene {
 
-const std::vector<Scenario::Entry> &Scenario::table() {
-    static const std::vector<Entry> entries{
-        {{"default", "on the table, picked up, a figure-eight, carried while walking, laid flat and turned, set down"},
-         &Scenario::script_default},
-        {{"planar", "only ever turned flat on the table"}, &Scenario::script_planar},
-        {{"two-planes", "turned flat, then stood on its edge and turned"}, &Scenario::script_two_planes},
-        {{"magnet", "calibrated, then a magnetic clip is attached and a second figure-eight follows"},
-         &Scenario::script_magnet},
-        {{"still", "lies on the table"}, &Scenario::script_still},
-        {{"slow", "turned slowly by hand (10 to 20 degrees per second) through all orientations"},
-         &Scenario::script_slow},
-    };
-    return entries;
-}
-
 const std::vector<ScenarioInfo> &scenarios() {
     static const std::vector<ScenarioInfo> infos = [] {
         std::vector<ScenarioInfo> v;
@@ -43,10 +28,42 @@ const std::vector<std::string> &scenario_names() {
     return names;
 }
 
-bool is_scenario_name(const std::string &name) {
-    const auto &n = scenario_names();
-    return std::find(n.begin(), n.end(), name) != n.end();
+bool is_scenario_name(const std::string &name) { return find_scenario(name) != nullptr; }
+
+const ScenarioInfo *find_scenario(const std::string &name) {
+    for (const ScenarioInfo &i : scenarios())
+        if (name == i.name) return &i;
+    return nullptr;
 }
+
+Mat3 soft_iron_matrix(const std::array<double, 6> &s) {
+    return {{{s[0], s[3], s[4]}, {s[3], s[1], s[5]}, {s[4], s[5], s[2]}}};
+}
+
+std::string soft_iron_problem(const std::array<double, 6> &s) {
+    const Vec3 e = symmetric_eigenvalues(soft_iron_matrix(s));
+    if (e[0] <= kSoftIronMaxEigenvalue && e[2] >= kSoftIronMinEigenvalue) return "";
+    char b[200];
+    if (e[2] <= 0)
+        std::snprintf(b, sizeof b, "eigenvalues %.3g, %.3g, %.3g: not positive definite, no soft iron does that", e[0],
+                      e[1], e[2]);
+    else
+        std::snprintf(b, sizeof b,
+                      "eigenvalues %.3g, %.3g, %.3g: each must lie within %g..%g, as a phone's soft iron does", e[0],
+                      e[1], e[2], kSoftIronMinEigenvalue, kSoftIronMaxEigenvalue);
+    return b;
+}
+
+namespace {
+
+// The noise and the scripts draw from generators of their own, so a script that
+// draws leaves every other scenario's noise as it was.
+std::mt19937 script_generator(uint32_t seed) {
+    std::seed_seq seq{seed, 0x5c1u};
+    return std::mt19937(seq);
+}
+
+}  // namespace
 
 const std::vector<MountingProfile> &mounting_profiles() {
     // 1: both chips aligned with the phone. 2: magnetometer turned a quarter turn
@@ -60,7 +77,8 @@ const std::vector<MountingProfile> &mounting_profiles() {
     return profiles;
 }
 
-Scenario::Scenario(const ScenarioSettings &s) : settings_(s), rng_(s.seed) {
+Scenario::Scenario(const ScenarioSettings &s)
+    : settings_(s), soft_iron_(soft_iron_matrix(s.soft_iron)), rng_(s.seed), script_rng_(script_generator(s.seed)) {
     for (const Entry &e : table())
         if (s.name == e.info.name) {
             (this->*e.script)();
@@ -82,66 +100,6 @@ void Scenario::add(Segment::Kind kind, const char *phase, double dur, Pose to, d
     duration_s_ += dur;
 }
 
-namespace {
-const Pose kFlat{40, 0, 0};  // lying face up, heading 40 degrees
-}  // namespace
-
-void Scenario::script_planar() {
-    // Only ever turned on the table: samples lie in one plane.
-    add(Segment::Hold, "on table", 3, kFlat);
-    add(Segment::Spin, "turned flat", 40, kFlat, 120);
-    add(Segment::Hold, "on table", 3, kFlat);
-}
-
-void Scenario::script_two_planes() {
-    // Turned flat on the table, then stood on its bottom edge and turned again.
-    add(Segment::Hold, "on table", 3, kFlat);
-    add(Segment::Spin, "turned flat", 12, kFlat, 120);
-    add(Segment::Move, "stood up", 2, Pose{40, -90, 0});
-    add(Segment::Spin, "turned upright", 12, Pose{40, -90, 0}, 120);
-    add(Segment::Move, "laid down", 2, kFlat);
-    add(Segment::Hold, "on table", 3, kFlat);
-}
-
-void Scenario::script_magnet() {
-    // Calibrated in a figure-eight; then a magnetic clip goes onto the phone on the
-    // table (the magnetometer's channels leave their range, and the service moves
-    // the rough offset), and a second figure-eight calibrates again.
-    add(Segment::Hold, "on table", 3, kFlat);
-    add(Segment::Move, "picked up", 1, Pose{40, -30, 0});
-    add(Segment::FigureEight, "figure-eight", 12, Pose{40, -30, 0});
-    add(Segment::Move, "laid down", 1, kFlat);
-    add(Segment::Hold, "on table", 3, kFlat);
-    magnet_from_s_ = duration_s_;
-    add(Segment::Hold, "magnet clipped on", 4, kFlat);
-    add(Segment::Move, "picked up", 1, Pose{40, -30, 0});
-    add(Segment::FigureEight, "figure-eight", 12, Pose{40, -30, 0});
-    add(Segment::Move, "laid down", 1, kFlat);
-    add(Segment::Hold, "on table", 3, kFlat);
-}
-
-void Scenario::script_slow() {
-    // Turned slowly by hand through all its orientations (10 to 20 degrees per
-    // second): each batch of consecutive samples spans only a few degrees.
-    add(Segment::Hold, "on table", 3, kFlat);
-    add(Segment::Tumble, "turned slowly by hand", 60, kFlat);
-    add(Segment::Move, "laid down", 2, kFlat);
-    add(Segment::Hold, "on table", 3, kFlat);
-}
-
-void Scenario::script_still() { add(Segment::Hold, "on table", 20, kFlat); }
-
-void Scenario::script_default() {
-    add(Segment::Hold, "on table", 6, kFlat);
-    add(Segment::Move, "picked up", 2, Pose{40, -30, 0});
-    add(Segment::FigureEight, "figure-eight", 16, Pose{40, -30, 0});
-    add(Segment::Move, "raised to read", 1, Pose{40, -35, 0});
-    add(Segment::Walk, "walking", 30, Pose{130, -35, 0});
-    add(Segment::Move, "laid flat", 2, Pose{130, 0, 0});
-    add(Segment::Spin, "turned flat", 15, Pose{130, 0, 0}, 120);
-    add(Segment::Hold, "set down", 6, kFlat);
-}
-
 Pose Scenario::pose_at(double t, const Segment **seg_out, double *local_out) const {
     double start = 0;
     const Segment *seg = &script_.back();
@@ -156,6 +114,11 @@ Pose Scenario::pose_at(double t, const Segment **seg_out, double *local_out) con
     const double u = std::min(t - start, seg->duration_s);
     *seg_out = seg;
     *local_out = u;
+    return pose_in(*seg, t, u);
+}
+
+Pose Scenario::pose_in(const Segment &segment, double t, double u) const {
+    const Segment *seg = &segment;
     const Pose &a = seg->from, &b = seg->to;
     switch (seg->kind) {
     case Segment::Hold: return a;
@@ -199,15 +162,46 @@ Pose Scenario::pose_at(double t, const Segment **seg_out, double *local_out) con
             turns = u - 0.5;
         return {a.heading_deg + seg->rate_deg_s * turns, a.pitch_deg, a.roll_deg};
     }
+    case Segment::Reading: {
+        // Turned with the walker (or not), in a hand that wanders and trembles: fading
+        // in over the first 1.5 s in the hand, so the pick-up joins smoothly.
+        const double k = ease(u / seg->duration_s), hand = ease((t - seg->in_hand_s) / 1.5);
+        const Pose o = hand_.offset(t);
+        return {a.heading_deg + k * (b.heading_deg - a.heading_deg) + hand * o.heading_deg,
+                a.pitch_deg + hand * o.pitch_deg, hand * o.roll_deg};
+    }
+    case Segment::Driving: return mount_pose(drive_.at(t - drive_from_s_));
     }
     return b;
 }
 
-Vec3 Scenario::linear_accel_g(const Segment &seg, double u) const {
-    if (seg.kind != Segment::Walk) return {0, 0, 0};
-    // Step bounce (vertical) and sway (forward), in the magnetic world frame is close
-    // enough: the bounce is what matters to the accelerometer.
-    return {0.0, 0.03 * std::sin(2 * kPi * 2 * u + 0.5), 0.12 * std::sin(2 * kPi * 2 * u)};
+Pose Scenario::mount_pose(const CarMotion &car) {
+    // Car heading and slope, then the mount's tilt, both about the car's x axis.
+    return {car.heading_deg, -(kMountTiltDeg + car.slope_deg), 0};
+}
+
+Vec3 Scenario::linear_accel_g(const Segment &seg, double t, double u) const {
+    if (seg.kind == Segment::Walk) {
+        // Step bounce (vertical) and sway (forward), in the magnetic world frame is
+        // close enough: the bounce is what matters to the accelerometer.
+        return {0.0, 0.03 * std::sin(2 * kPi * 2 * u + 0.5), 0.12 * std::sin(2 * kPi * 2 * u)};
+    }
+    if (seg.kind == Segment::Reading && seg.walking) {
+        // The same bounce, two steps a second, and the sway along the walker's heading.
+        const double h = (seg.to.heading_deg - settings_.declination_deg) * kDeg;
+        const double sway = 0.03 * std::sin(2 * kPi * 2 * t + 0.5);
+        return {sway * std::sin(h), sway * std::cos(h), 0.12 * std::sin(2 * kPi * 2 * t)};
+    }
+    if (seg.kind == Segment::Driving) {
+        const CarMotion car = drive_.at(t - drive_from_s_);
+        const Vec3 a = to_world(car_attitude(car), car.accel_mps2);
+        return {a[0] / kStandardGravity, a[1] / kStandardGravity, a[2] / kStandardGravity};
+    }
+    return {0, 0, 0};
+}
+
+Mat3 Scenario::car_attitude(const CarMotion &car) const {
+    return attitude_matrix(Pose{car.heading_deg - settings_.declination_deg, -car.slope_deg, 0});
 }
 
 Truth Scenario::ideal(double t) const {
@@ -220,16 +214,24 @@ Truth Scenario::ideal(double t) const {
     Pose magnetic = tr.pose;
     magnetic.heading_deg -= settings_.declination_deg;
     tr.attitude = attitude_matrix(magnetic);
-    const Vec3 earth = to_phone(tr.attitude, earth_field_uT(settings_.field_uT, settings_.inclination_deg));
-    const Vec3 acc = linear_accel_g(*seg, u);
+    tr.earth_uT = to_phone(tr.attitude, earth_field_uT(settings_.field_uT, settings_.inclination_deg));
+    tr.field_uT = to_world(soft_iron_, tr.earth_uT);
+    const Vec3 acc = linear_accel_g(*seg, t, u);
     const Vec3 g = to_phone(tr.attitude, Vec3{-acc[0], -acc[1], -1.0 - acc[2]});
     const bool magnet = magnet_from_s_ >= 0 && t >= magnet_from_s_;
+    const bool mounted = mounted_s_ >= 0 && t >= mounted_s_;
     for (int k = 0; k < 3; ++k) {
-        tr.field_uT[k] = earth[k];
         tr.hard_iron_uT[k] = settings_.hard_iron_uT[k] + (magnet ? settings_.magnet_uT[k] : 0.0);
+        if (mounted) tr.hard_iron_uT[k] += settings_.car_field_uT[k];
         tr.gravity_g[k] = g[k];
     }
     tr.temperature_C = settings_.temperature_C + settings_.temp_drift_C_per_min * t / 60.0;
+    tr.mounted_s = mounted_s_;
+    if (seg->kind == Segment::Driving) {
+        const CarMotion car = drive_.at(t - drive_from_s_);
+        const Vec3 forward = to_world(car_attitude(car), Vec3{0, 1, 0});
+        for (int k = 0; k < 3; ++k) tr.velocity_mps[k] = car.speed_mps * forward[k];
+    }
     return tr;
 }
 
@@ -239,6 +241,12 @@ Truth Scenario::sample(double t) {
     for (int k = 0; k < 3; ++k) {
         if (settings_.noise_uT > 0) tr.field_uT[k] += mag(rng_);
         if (settings_.accel_noise_g > 0) tr.gravity_g[k] += acc(rng_);
+    }
+    // In the mount with the engine running, the car shakes the phone.
+    if (mounted_s_ >= 0 && t >= mounted_s_ && t <= drive_from_s_ + drive_.duration_s()) {
+        const double speed = t < drive_from_s_ ? 0.0 : drive_.at(t - drive_from_s_).speed_mps;
+        const Vec3 shake = to_phone(attitude_matrix(Pose{0, -kMountTiltDeg, 0}), drive_.vibration_g(t, speed));
+        for (int k = 0; k < 3; ++k) tr.gravity_g[k] -= shake[k];
     }
     return tr;
 }

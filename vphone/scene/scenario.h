@@ -10,6 +10,8 @@
 #include <string>
 #include <vector>
 
+#include "vphone/scene/browse.h"
+#include "vphone/scene/drive.h"
 #include "vphone/scene/frames.h"
 
 namespace vphone::scene {
@@ -28,27 +30,54 @@ struct ScenarioSettings {
     double temperature_C = 25.0;        // at the start of the run
     double temp_drift_C_per_min = 0.5;  // warming (or cooling) during the run
     int profile = 1;                    // mounting profile, see mounting_profiles()
-    uint32_t seed = 1;
+    uint32_t seed = 1;                  // noise, and the details of the browse and car scripts
+    // The phone's soft iron, a symmetric matrix XX, YY, ZZ, XY, XZ, YZ applied to the
+    // ambient field in phone axes (identity: none); see soft_iron_problem().
+    std::array<double, 6> soft_iron{1, 1, 1, 0, 0, 0};
+    // Scenarios "car" and "car-fresh": the car's field, fixed to the phone once it is
+    // in the dashboard mount, added to the hard iron from then on.
+    Vec3 car_field_uT{-8.0, 12.0, 14.0};
+    bool operator==(const ScenarioSettings &) const = default;
 };
+
+// A soft-iron matrix's eigenvalues stay within these: a phone's metal scales the field
+// it sits in by at most a factor of two either way.
+constexpr double kSoftIronMinEigenvalue = 0.5;
+constexpr double kSoftIronMaxEigenvalue = 2.0;
+Mat3 soft_iron_matrix(const std::array<double, 6> &xx_yy_zz_xy_xz_yz);
+// "" for a plausible soft iron (symmetric by construction, positive definite with every
+// eigenvalue within the limits), else the problem on one line.
+std::string soft_iron_problem(const std::array<double, 6> &xx_yy_zz_xy_xz_yz);
+
+// The phone in the car's dashboard mount: upright, screen to the driver, its top edge
+// this far above the horizontal (leaning back by the rest).
+constexpr double kMountTiltDeg = 75.0;
 
 // What the phone experiences at one instant.
 struct Truth {
     double t_s = 0;
     const char *phase = "";
-    Pose pose;            // script pose (geographic heading)
-    Mat3 attitude{};      // rows: magnetic east, north, up in phone axes
-    Vec3 field_uT{};      // ambient field in phone axes: Earth + noise
-    Vec3 hard_iron_uT{};  // field fixed to the phone, phone axes
+    Pose pose;        // script pose (geographic heading)
+    Mat3 attitude{};  // rows: magnetic east, north, up in phone axes
+    Vec3 earth_uT{};  // the Earth field in phone axes
+    // The field at the magnetometer but for the phone's own: soft iron applied to the
+    // Earth field, plus noise. What a reading with the true offset taken off shows.
+    Vec3 field_uT{};
+    Vec3 hard_iron_uT{};  // field fixed to the phone, phone axes (the true offset)
     Vec3 gravity_g{};     // accelerometer reading in phone axes, g
     double temperature_C = 0;
+    Vec3 velocity_mps{};    // car scenarios: the car's velocity, magnetic world frame
+    double mounted_s = -1;  // car scenarios: when the phone went into the mount; else -1
 };
 
 // The shipped scenarios, in one table (scenario.cpp): name, a line for --help, script.
 struct ScenarioInfo {
     const char *name;
     const char *description;
+    bool fresh = false;  // starts with no stored offset: a program empties its sandbox first
 };
 const std::vector<ScenarioInfo> &scenarios();
+const ScenarioInfo *find_scenario(const std::string &name);  // null when unknown
 const std::vector<std::string> &scenario_names();
 bool is_scenario_name(const std::string &name);
 
@@ -65,6 +94,7 @@ public:
     explicit Scenario(const ScenarioSettings &settings);
 
     double duration_s() const { return duration_s_; }
+    double mounted_s() const { return mounted_s_; }  // car scenarios; else -1
     // Advance to time t (non-decreasing between calls) and draw that instant's noise.
     Truth sample(double t_s);
     // The same instant without noise (deterministic, for checks).
@@ -72,20 +102,29 @@ public:
 
 private:
     struct Segment {
-        enum Kind { Hold, Move, FigureEight, Walk, Spin, Tumble } kind;
+        enum Kind { Hold, Move, FigureEight, Walk, Spin, Tumble, Reading, Driving } kind;
         const char *phase;
         double duration_s;
-        Pose from, to;          // Move: eased interpolation from -> to
+        Pose from, to;          // Move, Reading: eased interpolation from -> to
         double rate_deg_s = 0;  // Spin: heading rate
+        bool walking = false;   // Reading: the walker's steps shake the phone
+        double in_hand_s = 0;   // Reading: when the phone was last picked up
     };
-    // The scripts of the scenario table; each adds its segments in order.
+    // The scripts of the scenario table (scripts.cpp); each adds its segments in order.
     void add(Segment::Kind kind, const char *phase, double duration_s, Pose to, double rate_deg_s = 0);
+    void add_browse(const char *phase, double duration_s, double heading_from_deg, double heading_to_deg, bool walking,
+                    double in_hand_s);
     void script_default();
     void script_planar();
     void script_two_planes();
     void script_magnet();
     void script_still();
     void script_slow();
+    void script_browse();
+    void script_car();
+    void script_car_fresh();
+    void add_drive();  // the legs of drive_, then parked
+    static Pose mount_pose(const CarMotion &car);
     struct Entry {
         ScenarioInfo info;
         void (Scenario::*script)();
@@ -94,13 +133,22 @@ private:
     friend const std::vector<ScenarioInfo> &scenarios();
 
     Pose pose_at(double t_s, const Segment **seg, double *local_s) const;
-    Vec3 linear_accel_g(const Segment &seg, double local_s) const;
+    Pose pose_in(const Segment &seg, double t_s, double local_s) const;
+    // The phone's acceleration, magnetic world frame, g.
+    Vec3 linear_accel_g(const Segment &seg, double t_s, double local_s) const;
+    Mat3 car_attitude(const CarMotion &car) const;  // car to magnetic world
 
     ScenarioSettings settings_;
     std::vector<Segment> script_;
     double duration_s_ = 0;
     double magnet_from_s_ = -1;  // the magnet clip is on from then, when >= 0
-    std::mt19937 rng_;
+    double mounted_s_ = -1;      // in the car's mount from then, when >= 0
+    double drive_from_s_ = 0;    // the drive's start
+    Mat3 soft_iron_{};
+    std::mt19937 rng_;         // noise
+    std::mt19937 script_rng_;  // the details of the browse and car scripts
+    HandWander hand_;
+    Drive drive_;
 };
 
 }  // namespace vphone::scene

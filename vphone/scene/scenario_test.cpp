@@ -79,6 +79,14 @@ TEST(ScenarioScripts, HandlingIsContinuousAndEveryScriptHasItsPhases) {
         {"magnet", {"figure-eight", "magnet clipped on"}},
         {"still", {"on table"}},
         {"slow", {"turned slowly by hand", "laid down"}},
+        {"browse",
+         {"on table", "picked up", "reading while walking", "reading while standing", "turning left while reading",
+          "turning right while reading", "put down"}},
+        {"car",
+         {"in hand", "figure-eight in hand", "mounting", "mounted", "driving: pulling away", "driving straight",
+          "driving: braking", "driving: turning left", "driving: turning right", "driving: roundabout",
+          "driving: accelerating", "driving: stopping", "parked"}},
+        {"car-fresh", {"mounted", "driving straight", "parked"}},
     };
     // Every scenario the command line offers has a case here, and no case is extra.
     ASSERT_EQ(scenario_names().size(), std::size(cases));
@@ -91,6 +99,7 @@ TEST(ScenarioScripts, HandlingIsContinuousAndEveryScriptHasItsPhases) {
         for (double t = 0.05; t <= sc.duration_s(); t += 0.05) {
             const Truth now = sc.ideal(t);
             seen.insert(now.phase);
+            ASSERT_EQ(std::string(now.phase).find(','), std::string::npos) << "a phase is one CSV field";
             // Largest change of any phone axis in 50 ms: a hand turns the phone at
             // most a few hundred degrees per second.
             double worst = 0;

@@ -5,7 +5,6 @@
 #include <charconv>
 #include <cmath>
 #include <cstring>
-#include <type_traits>
 #include <sstream>
 
 namespace vphone::scene {
@@ -32,8 +31,10 @@ std::string names_list() {
     return s;
 }
 
-// X,Y,Z: three numbers, each within lo..hi.
-std::string read_vector(const std::string &opt, const std::string &text, double lo, double hi, Vec3 *out) {
+// N numbers separated by commas (value_name says which: X,Y,Z say), each within lo..hi.
+template <size_t N>
+std::string read_numbers(const std::string &opt, const std::string &text, const char *value_name, double lo, double hi,
+                         std::array<double, N> *out) {
     std::vector<std::string> parts{""};
     for (char c : text) {
         if (c == ',')
@@ -41,9 +42,10 @@ std::string read_vector(const std::string &opt, const std::string &text, double 
         else
             parts.back() += c;
     }
-    if (parts.size() != 3) return opt + ": '" + text + "' is not three numbers X,Y,Z";
-    Vec3 v{};
-    for (int k = 0; k < 3; ++k)
+    static const char *const kCount[] = {"", "one", "two", "three", "four", "five", "six"};
+    if (parts.size() != N) return opt + ": '" + text + "' is not " + kCount[N] + " numbers " + value_name;
+    std::array<double, N> v{};
+    for (size_t k = 0; k < N; ++k)
         if (std::string e = read_number(opt, parts[k], lo, hi, &v[k]); !e.empty()) return e;
     *out = v;
     return "";
@@ -55,7 +57,12 @@ std::string shown(const T &v) {
     o << v;
     return o.str();
 }
-std::string shown(const Vec3 &v) { return shown(v[0]) + "," + shown(v[1]) + "," + shown(v[2]); }
+template <size_t N>
+std::string shown(const std::array<double, N> &v) {
+    std::string s;
+    for (double x : v) s += (s.empty() ? "" : ",") + shown(x);
+    return s;
+}
 
 using Setter = std::function<std::string(const std::string &opt, const std::string &text, ScenarioSettings &s)>;
 
@@ -66,19 +73,34 @@ struct WorldOption {
     Setter set;
 };
 
-// An option of numbers within lo..hi, into one field of the settings: a number or an
-// X,Y,Z vector. Its help reads "<before><lo>..<hi><after> (<default>)".
+// An option of numbers within lo..hi, into one field of the settings: a number or
+// several (a vector, a matrix). Its help reads "<before><lo>..<hi><after> (<default>)".
 template <typename T>
 WorldOption ranged(const char *name, const char *value_name, const std::string &before, const char *after, double lo,
                    double hi, T ScenarioSettings::*field) {
     std::string help = before + shown(lo) + ".." + shown(hi) + after + " (" + shown(ScenarioSettings{}.*field) + ")";
     Setter set = [=](const std::string &opt, const std::string &text, ScenarioSettings &s) {
-        if constexpr (std::is_same_v<T, Vec3>)
-            return read_vector(opt, text, lo, hi, &(s.*field));
-        else
+        if constexpr (std::is_same_v<T, double>)
             return read_number(opt, text, lo, hi, &(s.*field));
+        else
+            return read_numbers(opt, text, value_name, lo, hi, &(s.*field));
     };
     return {name, value_name, help, set};
+}
+
+// The soft iron's six numbers, then the matrix they make checked as a whole.
+WorldOption soft_iron_option() {
+    WorldOption o = ranged("--soft-iron", "XX,YY,ZZ,XY,XZ,YZ", "symmetric matrix on the Earth field, each ", "", -2, 2,
+                           &ScenarioSettings::soft_iron);
+    o.help += "; eigenvalues " + shown(kSoftIronMinEigenvalue) + ".." + shown(kSoftIronMaxEigenvalue);
+    o.set = [ranged_set = o.set](const std::string &opt, const std::string &text, ScenarioSettings &s) {
+        ScenarioSettings trial = s;
+        if (std::string e = ranged_set(opt, text, trial); !e.empty()) return e;
+        if (std::string e = soft_iron_problem(trial.soft_iron); !e.empty()) return opt + ": " + text + ": " + e;
+        s.soft_iron = trial.soft_iron;
+        return std::string();
+    };
+    return o;
 }
 
 std::string set_scenario(const std::string &opt, const std::string &text, ScenarioSettings &s) {
@@ -111,13 +133,16 @@ const std::vector<WorldOption> &world_options() {
         ranged("--declination", "DEG", "field declination, ", "", -180, 180, &ScenarioSettings::declination_deg),
         ranged("--hard-iron", "X,Y,Z", "field fixed to the phone, uT, each ", "", -200, 200,
                &ScenarioSettings::hard_iron_uT),
+        soft_iron_option(),
+        ranged("--car-field", "X,Y,Z", "car scenarios: the car's field once mounted, uT, each ", "", -200, 200,
+               &ScenarioSettings::car_field_uT),
         ranged("--noise", "UT", "magnetometer noise per axis, ", " uT", 0, 5, &ScenarioSettings::noise_uT),
         ranged("--temp-drift", "C_PER_MIN", "temperature change per minute, ", "", -20, 20,
                &ScenarioSettings::temp_drift_C_per_min),
         ranged("--temperature", "C", "temperature at the start, ", "", -20, 60, &ScenarioSettings::temperature_C),
         {"--profile", "N", "mounting profile, 1.." + shown(mounting_profiles().size()) + " (" + shown(d.profile) + ")",
          set_profile},
-        {"--seed", "N", "noise seed (" + shown(d.seed) + ")", set_seed},
+        {"--seed", "N", "seed of the noise and of the browse and car scripts (" + shown(d.seed) + ")", set_seed},
     };
     return table;
 }
@@ -204,7 +229,9 @@ std::string scene_options_help() {
     std::string u;
     for (const WorldOption &o : world_options()) {
         const std::string head = "  " + o.name + " " + o.value_name;
-        u += head + std::string(head.size() < 25 ? 25 - head.size() : 1, ' ') + o.help + "\n";
+        // A long value name puts the help on a line of its own.
+        u += head + (head.size() < 25 ? std::string(25 - head.size(), ' ') : "\n" + std::string(25, ' ')) + o.help +
+             "\n";
     }
     return u;
 }

@@ -4,6 +4,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <map>
+#include <set>
 #include <sstream>
 
 namespace vphone::scene {
@@ -74,27 +76,38 @@ TEST(SceneOptions, TheReaderSplitsAtTheFirstEqualsAndFlagsTakeNoValue) {
     EXPECT_EQ(read_command_line({"-x=1"}, kind_of, take, "(hint)"), "unknown option '-x=1' (hint)");
 }
 
-// Every line of --help names an option the parser takes, and the default it shows
-// reads back as that default.
-TEST(SceneOptions, EachHelpLineNamesAnOptionWhoseShownDefaultReadsBackAsTheDefault) {
+// Every option of --help is one the parser takes, and the default it shows reads back
+// as that default: set to something else, then to what the help shows, each option
+// leaves the settings at their defaults again.
+TEST(SceneOptions, EachHelpLinesShownDefaultReadsBackAsTheDefault) {
+    const std::map<std::string, std::string> other{
+        {"--scenario", "still"},  {"--field", "30"},        {"--inclination", "10"},
+        {"--declination", "-7"},  {"--hard-iron", "1,2,3"}, {"--soft-iron", "1.2,0.9,1,0.1,0,0"},
+        {"--car-field", "0,0,5"}, {"--noise", "1"},         {"--temp-drift", "2"},
+        {"--temperature", "5"},   {"--profile", "2"},       {"--seed", "9"}};
     std::istringstream help(scene_options_help());
-    int lines = 0;
-    for (std::string line; std::getline(help, line); ++lines) {
-        const std::string name = line.substr(2, line.find(' ', 2) - 2);
-        std::string shown = line.substr(line.rfind('(') + 1, line.size() - line.rfind('(') - 2);
-        if (shown.rfind("default: ", 0) == 0) shown = shown.substr(9);
-        ScenarioSettings s;
-        s.name = "still", s.field_uT = 30, s.inclination_deg = 10, s.declination_deg = -7, s.noise_uT = 1;
-        s.hard_iron_uT = {1, 2, 3}, s.temp_drift_C_per_min = 2, s.temperature_C = 5, s.profile = 2, s.seed = 9;
-        EXPECT_EQ(set_scene_option(name, shown, &s), "") << line;
-        const ScenarioSettings d;
-        const bool back = s.name == d.name || s.field_uT == d.field_uT || s.inclination_deg == d.inclination_deg ||
-                          s.declination_deg == d.declination_deg || s.noise_uT == d.noise_uT ||
-                          s.hard_iron_uT == d.hard_iron_uT || s.temp_drift_C_per_min == d.temp_drift_C_per_min ||
-                          s.temperature_C == d.temperature_C || s.profile == d.profile || s.seed == d.seed;
-        EXPECT_TRUE(back) << line << ": the shown default '" << shown << "' is not the default";
+    std::vector<std::string> entries;
+    for (std::string line; std::getline(help, line);) {
+        if (line.rfind(std::string(25, ' '), 0) == 0)  // help on a line of its own
+            entries.back() += line;
+        else
+            entries.push_back(line);
     }
-    EXPECT_EQ(lines, 10);
+    std::set<std::string> listed;
+    ScenarioSettings s;
+    for (const std::string &line : entries) {
+        const std::string name = line.substr(2, line.find(' ', 2) - 2);
+        std::string shown = line.substr(line.find('(', line.find(' ', 2)) + 1);
+        shown = shown.substr(0, shown.find(')'));
+        if (shown.rfind("default: ", 0) == 0) shown = shown.substr(9);
+        ASSERT_TRUE(other.count(name)) << line;
+        EXPECT_EQ(set_scene_option(name, other.at(name), &s), "") << name;
+        EXPECT_NE(s, ScenarioSettings{}) << name;
+        EXPECT_EQ(set_scene_option(name, shown, &s), "") << line;
+        EXPECT_EQ(s, ScenarioSettings{}) << line << ": the shown default '" << shown << "' is not the default";
+        listed.insert(name);
+    }
+    EXPECT_EQ(listed.size(), other.size());
     const std::string scenario_lines = scenarios_help();
     EXPECT_EQ(std::count(scenario_lines.begin(), scenario_lines.end(), '\n'),
               static_cast<long>(scenario_names().size()));

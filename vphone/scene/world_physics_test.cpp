@@ -1,0 +1,239 @@
+// The physics the harder scenarios add, each against a formulation of its own: soft
+// iron against the ellipsoid its matrix defines, the car's accelerometer against the
+// derivative of the car's velocity, and every seed's browse and drive against the
+// limits their scripts state.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <set>
+
+#include "vphone/scene/rig.h"
+#include "vphone/scene/scenario.h"
+#include "vphone/scene/scene_options.h"
+#include "vphone/vphone.h"
+
+namespace vphone::scene {
+namespace {
+
+constexpr double kDegree = M_PI / 180;
+
+ScenarioSettings settings(const char *name, uint32_t seed = 1) {
+    ScenarioSettings s;
+    s.name = name;
+    s.seed = seed;
+    return s;
+}
+
+// Soft iron turns the sphere the Earth field sweeps into the ellipsoid |S^-1 f| = B,
+// leaves the true offset the hard iron, and the heading truth the attitude's.
+TEST(SoftIron, TheFieldOverAllAttitudesLiesOnTheMatrixEllipsoidAndTheOffsetStaysTheHardIron) {
+    const std::array<double, 6> cases[] = {
+        {1, 1, 1, 0, 0, 0}, {0.6, 1.4, 1.0, 0, 0, 0}, {1.2, 0.8, 1.0, 0.25, -0.1, 0.15}, {0.5, 2, 1, 0, 0, 0}};
+    reset();
+    make_sandbox();
+    for (const auto &c : cases) {
+        ScenarioSettings s = settings("slow");  // through every orientation
+        s.soft_iron = c;
+        ASSERT_EQ(soft_iron_problem(c), "");
+        const Scenario scenario(s), plain(settings("slow"));
+        const Mat3 m = soft_iron_matrix(c);
+        std::array<double, 9> inverse{};
+        ASSERT_TRUE(
+            invert({m[0][0], m[0][1], m[0][2], m[1][0], m[1][1], m[1][2], m[2][0], m[2][1], m[2][2]}, &inverse));
+        Rig rig;
+        rig.attach_chips(1, kRigCalibration);
+        for (double t = 0; t < scenario.duration_s(); t += 0.7) {
+            const Truth truth = scenario.ideal(t);
+            const Vec3 back = times(inverse, truth.field_uT);
+            ASSERT_NEAR(std::hypot(back[0], back[1], back[2]), s.field_uT, 1e-9) << "t " << t;
+            const TrueAngles a = true_angles(truth.attitude), p = true_angles(plain.ideal(t).attitude);
+            ASSERT_EQ(a.integer_heading, p.integer_heading);
+            ASSERT_EQ(a.double_azimuth, p.double_azimuth);
+            rig.sense(truth);
+            for (int k = 0; k < 3; ++k) ASSERT_NEAR(rig.true_offset_counts()[k], s.hard_iron_uT[k] / 0.4, 1e-9);
+        }
+    }
+    remove_sandbox();
+}
+
+TEST(SoftIron, MatricesAreRefusedOutsideTheirEigenvalueRangeNamingTheProblem) {
+    const struct {
+        const char *text, *error_part;
+    } cases[] = {
+        {"0.5,2,1,0,0,0", ""},
+        {"1.5,0.7,1.1,0.3,-0.2,0.1", ""},
+        {"0.49,1,1,0,0,0", "eigenvalues 1, 1, 0.49: each must lie within 0.5..2"},
+        {"1.5,1.5,1,0.6,0,0", "eigenvalues 2.1, 1, 0.9: each must lie within 0.5..2"},
+        {"1,1,1,1.2,0,0", "eigenvalues 2.2, 1, -0.2: not positive definite"},
+        {"1,1,1", "'1,1,1' is not six numbers XX,YY,ZZ,XY,XZ,YZ"},
+    };
+    for (const auto &c : cases) {
+        const ParsedScene p = parse_scene_options({"--soft-iron", c.text});
+        if (*c.error_part == '\0') {
+            EXPECT_TRUE(p.ok) << c.text << ": " << p.error;
+            continue;
+        }
+        EXPECT_FALSE(p.ok) << c.text;
+        EXPECT_NE(p.error.find(c.error_part), std::string::npos) << c.text << ": " << p.error;
+    }
+    // The closed-form eigenvalues against the characteristic polynomial.
+    std::mt19937 rng(3);
+    std::uniform_real_distribution<double> u(-1, 1);
+    for (int i = 0; i < 200; ++i) {
+        const Mat3 m{{{u(rng), 0, 0}, {0, u(rng), 0}, {0, 0, u(rng)}}};
+        Mat3 s = m;
+        s[0][1] = s[1][0] = u(rng), s[0][2] = s[2][0] = u(rng), s[1][2] = s[2][1] = u(rng);
+        const Vec3 e = symmetric_eigenvalues(s);
+        for (double l : e) {
+            const double det = (s[0][0] - l) * ((s[1][1] - l) * (s[2][2] - l) - s[1][2] * s[2][1]) -
+                               s[0][1] * (s[1][0] * (s[2][2] - l) - s[1][2] * s[2][0]) +
+                               s[0][2] * (s[1][0] * s[2][1] - (s[1][1] - l) * s[2][0]);
+            ASSERT_NEAR(det, 0, 1e-9);
+        }
+        ASSERT_GE(e[0], e[1]);
+        ASSERT_GE(e[1], e[2]);
+        ASSERT_NEAR(e[0] + e[1] + e[2], s[0][0] + s[1][1] + s[2][2], 1e-12);
+    }
+}
+
+// In the mount the accelerometer reads gravity minus the car's acceleration, which is
+// the derivative of the car's velocity (here numerically), in phone axes.
+TEST(Car, TheAccelerometerReadsGravityMinusTheDerivativeOfTheCarsVelocity) {
+    for (uint32_t seed = 1; seed <= 5; ++seed) {
+        const Scenario car(settings("car", seed));
+        const double h = 1e-3;
+        int checked = 0;
+        for (double t = car.mounted_s() + 3.3; t < car.duration_s() - 5; t += 0.37) {
+            const Truth now = car.ideal(t), before = car.ideal(t - h), after = car.ideal(t + h);
+            Vec3 down{0, 0, -1};
+            for (int k = 0; k < 3; ++k)
+                down[k] -= (after.velocity_mps[k] - before.velocity_mps[k]) / (2 * h) / kStandardGravity;
+            const Vec3 expected = to_phone(now.attitude, down);
+            for (int k = 0; k < 3; ++k)
+                ASSERT_NEAR(now.gravity_g[k], expected[k], 2e-5) << "seed " << seed << " t " << t << " " << now.phase;
+            ++checked;
+        }
+        EXPECT_GT(checked, 1500);
+    }
+}
+
+// The car's field is the phone's from the moment it is clipped in, not before.
+TEST(Car, TheCarsFieldJoinsTheHardIronAtMounting) {
+    for (const char *name : {"car", "car-fresh"}) {
+        const ScenarioSettings s = settings(name);
+        const Scenario car(s);
+        EXPECT_EQ(car.ideal(0).mounted_s, car.mounted_s());
+        EXPECT_EQ(car.mounted_s(), std::string(name) == "car" ? 17.0 : 0.0) << name;
+        for (double t : {car.mounted_s() - 0.01, car.mounted_s(), car.duration_s()}) {
+            if (t < 0) continue;
+            const bool mounted = t >= car.mounted_s();
+            for (int k = 0; k < 3; ++k)
+                EXPECT_EQ(car.ideal(t).hard_iron_uT[k], s.hard_iron_uT[k] + (mounted ? s.car_field_uT[k] : 0.0))
+                    << name << " t " << t;
+        }
+        EXPECT_EQ(Scenario(settings("default")).ideal(0).mounted_s, -1);
+    }
+}
+
+// The engine runs from the mounting until the car is parked: the phone shakes then,
+// by a few hundredths of g, and not before or after.
+TEST(Car, TheEngineShakesThePhoneFromMountingUntilParked) {
+    ScenarioSettings s = settings("car");
+    s.accel_noise_g = 0;
+    Scenario car(s);
+    double in_hand = 0, running = 0, parked = 0;
+    for (double t = 0; t < car.duration_s(); t += 0.05) {
+        const Vec3 shaken = car.sample(t).gravity_g, still = car.ideal(t).gravity_g;
+        const double shake = std::hypot(shaken[0] - still[0], shaken[1] - still[1], shaken[2] - still[2]);
+        const std::string phase = car.ideal(t).phase;
+        double &max = t < car.mounted_s() ? in_hand : phase == "parked" ? parked : running;
+        max = std::max(max, shake);
+    }
+    EXPECT_EQ(in_hand, 0);
+    EXPECT_EQ(parked, 0);
+    EXPECT_GT(running, 0.01);
+    EXPECT_LT(running, 0.04);
+}
+
+TEST(Car, EverySeedsRouteKeepsItsStatedLimitsAndNoTwoAreAlike) {
+    std::set<std::vector<std::string>> routes;
+    for (uint32_t seed = 1; seed <= 5; ++seed) {
+        std::mt19937 rng(seed);
+        const Drive drive(rng, 30);
+        EXPECT_NEAR(drive.duration_s(), kDriveS, 1e-9);
+        double peak = 0;
+        for (double t = 0; t <= drive.duration_s(); t += 0.05) {
+            const CarMotion m = drive.at(t);
+            const double horizontal = std::hypot(m.accel_mps2[0], m.accel_mps2[1]) / kStandardGravity;
+            ASSERT_LE(horizontal, kDriveMaxAccelG + 1e-9) << "seed " << seed << " t " << t << " " << m.phase;
+            ASSERT_LE(std::fabs(m.slope_deg), kDriveMaxSlopeDeg) << "seed " << seed << " t " << t;
+            peak = std::max(peak, horizontal);
+        }
+        EXPECT_GT(peak, 0.3) << "seed " << seed << ": braking and cornering reach their limits";
+        std::vector<std::string> phases;
+        int lefts = 0, rights = 0, roundabouts = 0;
+        for (const DriveLeg &leg : drive.legs()) {
+            phases.push_back(leg.phase + std::to_string(std::lround(leg.duration_s)));
+            const double turned =
+                drive.at(leg.start_s + leg.duration_s).heading_deg - drive.at(leg.start_s).heading_deg;
+            const std::string phase = leg.phase;
+            lefts += phase == "driving: turning left";
+            rights += phase == "driving: turning right";
+            roundabouts += phase == "driving: roundabout" && leg.turn_deg < 0;  // once round the island
+            const double expected = phase == "driving: turning left"    ? -90
+                                    : phase == "driving: turning right" ? 90
+                                                                        : leg.turn_deg;
+            EXPECT_NEAR(turned, expected, 1e-9) << "seed " << seed << " " << phase;
+        }
+        EXPECT_GE(lefts, 1) << "seed " << seed;
+        EXPECT_GE(rights, 1) << "seed " << seed;
+        EXPECT_EQ(roundabouts, 1) << "seed " << seed;
+        EXPECT_EQ(drive.at(0).speed_mps, 0);
+        EXPECT_EQ(drive.at(kDriveS).speed_mps, 0);
+        routes.insert(phases);
+    }
+    EXPECT_EQ(routes.size(), 5u);
+}
+
+// Read while walking: the phone within 30 degrees of level all the way, the walker's
+// turns of at most 45 degrees in any second, some each way; the steps shake it, standing
+// does not; put down and picked up again; every seed another handling.
+TEST(Browse, EverySeedsHandlingStaysWithinItsEnvelopeAndNoTwoAreAlike) {
+    std::set<std::vector<std::string>> handlings;
+    for (uint32_t seed = 1; seed <= 5; ++seed) {
+        const Scenario browse(settings("browse", seed));
+        EXPECT_NEAR(browse.duration_s(), kBrowseS, 1e-9);
+        std::vector<std::string> phases;
+        double walking_shake = 0;
+        for (double t = 0; t <= browse.duration_s(); t += 0.05) {
+            const Truth now = browse.ideal(t);
+            const double tilt = std::acos(std::clamp(now.attitude[2][2], -1.0, 1.0)) / kDegree;
+            ASSERT_LE(tilt, kBrowseMaxTiltDeg) << "seed " << seed << " t " << t << " " << now.phase;
+            if (t + 1 <= browse.duration_s()) {
+                ASSERT_LE(std::fabs(browse.ideal(t + 1).pose.heading_deg - now.pose.heading_deg), 45)
+                    << "seed " << seed << " t " << t;
+            }
+            if (phases.empty() || phases.back().find(now.phase) != 0)
+                phases.push_back(now.phase + std::string("@") + std::to_string(std::lround(t)));
+            const double shake = std::fabs(std::hypot(now.gravity_g[0], now.gravity_g[1], now.gravity_g[2]) - 1);
+            if (std::string(now.phase) == "reading while walking") walking_shake = std::max(walking_shake, shake);
+            if (std::string(now.phase) == "reading while standing") {
+                ASSERT_LT(shake, 1e-12) << "seed " << seed << " t " << t << ": standing still shakes nothing";
+            }
+        }
+        auto count = [&](const std::string &phase) {
+            return std::count_if(phases.begin(), phases.end(),
+                                 [&](const std::string &p) { return p.find(phase) == 0; });
+        };
+        EXPECT_GE(count("picked up@"), 2) << "seed " << seed;
+        EXPECT_GE(count("put down@"), 2) << "seed " << seed;
+        EXPECT_GE(count("turning left while reading@"), 1) << "seed " << seed;
+        EXPECT_GE(count("turning right while reading@"), 1) << "seed " << seed;
+        EXPECT_GT(walking_shake, 0.08) << "seed " << seed << ": the steps reach the accelerometer";
+        handlings.insert(phases);
+    }
+    EXPECT_EQ(handlings.size(), 5u);
+}
+
+}  // namespace
+}  // namespace vphone::scene
