@@ -15,7 +15,12 @@ faults.txt: blocks separated by blank lines, each
     file: path/in/tree.cpp
     from: the exact text (must occur once in the file)
     to:   the text that replaces it
-where \n in from and to stands for a line break.
+    test: (optional) the CTest test that caught it last time
+where \n in from and to stands for a line break. With a test named, that test's
+target alone is built and run first; only when it passes (or it has no target of its
+name) is the whole tree built and every test run, so a fault costs one program's
+build and run instead of the tree's. A fault caught without a hint, or by another
+test than its hint, prints the line to put in its block.
 """
 import argparse
 import os
@@ -43,7 +48,7 @@ def load_faults(path):
             block = {}
             continue
         key, sep, value = line.partition(":")
-        if not sep or key.strip() not in ("name", "file", "from", "to"):
+        if not sep or key.strip() not in ("name", "file", "from", "to", "test"):
             sys.exit(f"faults.txt: cannot read line '{line}'")
         value = value[1:] if value.startswith(" ") else value
         block[key.strip()] = value.replace("\\n", "\n") if key.strip() in ("from", "to") else value
@@ -63,6 +68,18 @@ def failures(ctest_output):
         if m and current is not None and m.group(1) not in tests[current]:
             tests[current].append(m.group(1))
     return [f"{t} ({', '.join(cases)})" if cases else t for t, cases in tests.items()]
+
+
+def hinted_test(build, test, jobs):
+    """Builds the hinted test's target and runs that test: its failing entries, or None
+    when it passed or cannot be run on its own (no target of its name)."""
+    b = run(["cmake", "--build", build, "-j", jobs, "--target", test])
+    if b.returncode != 0:
+        return None
+    t = run(["ctest", "--test-dir", build, "-R", f"^{re.escape(test)}$", "--timeout", "300", "--output-on-failure"])
+    if "No tests were found" in t.stdout:
+        return None
+    return failures(t.stdout) if t.returncode != 0 else None
 
 
 def run(cmd, **kw):
@@ -116,23 +133,34 @@ def main():
                 missed += 1
                 continue
             start = time.time()
+            whole_tree_faulted = False
             with open(path, "w", encoding="utf-8") as fh:
                 fh.write(original.replace(f["from"], f["to"]))
             try:
-                b = run(["cmake", "--build", build, "-j", str(os.cpu_count() or 2)])
-                if b.returncode != 0:
-                    print(f"{f['name']}: does not build (not a valid fault)")
-                    missed += 1
-                    continue
-                t = run(["ctest", "--test-dir", build, "-j", str(os.cpu_count() or 2), "--timeout", "300",
-                         "--output-on-failure"])
-                caught = t.returncode != 0
-                verdict = "caught by " + "; ".join(failures(t.stdout)) if caught else "MISSED"
+                jobs = str(os.cpu_count() or 2)
+                caught_by = hinted_test(build, f["test"], jobs) if "test" in f else None
+                if caught_by is None:
+                    # Every program now carries the fault: rebuilt whole once it is gone,
+                    # so no later hinted run starts a stale one.
+                    whole_tree_faulted = True
+                    b = run(["cmake", "--build", build, "-j", jobs])
+                    if b.returncode != 0:
+                        print(f"{f['name']}: does not build (not a valid fault)")
+                        missed += 1
+                        continue
+                    t = run(["ctest", "--test-dir", build, "-j", jobs, "--timeout", "300", "--output-on-failure"])
+                    caught_by = failures(t.stdout) if t.returncode != 0 else None
+                verdict = "caught by " + "; ".join(caught_by) if caught_by else "MISSED"
                 print(f"{f['name']}: {verdict}  [{time.time() - start:.0f} s]", flush=True)
-                missed += 0 if caught else 1
+                first = caught_by[0].split(" ")[0] if caught_by else None
+                if first and f.get("test") != first:
+                    print(f"    hint for its block in faults.txt: test: {first}", flush=True)
+                missed += 0 if caught_by else 1
             finally:
                 with open(path, "w", encoding="utf-8") as fh:
                     fh.write(original)
+                if whole_tree_faulted:
+                    run(["cmake", "--build", build, "-j", str(os.cpu_count() or 2)])
     finally:
         run(["git", "-C", ROOT, "worktree", "remove", "--force", tree])
     print(f"{len(faults) - missed} of {len(faults)} faults caught")
