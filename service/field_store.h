@@ -43,10 +43,11 @@ namespace kmxc_kit {
 // Samples kept: enough for the ellipsoid's nine unknowns twice over and one in each of
 // the 24 coverage cells; a full store is fitted within the cost the kit allows.
 constexpr int kStoreCapacity = 32;
-// Least distance between kept samples, counts (6.4 uT): noise (about 1 count) never
-// passes it, and a 25 uT field's circle of a car mount (radius 30 counts at 60 degrees
-// dip) still holds about ten samples.
-constexpr int32_t kStoreMinDistance = 16;
+// Least distance between kept samples, counts (3.2 uT): over four times the spread
+// noise puts between two readings of a still field (0.5 uT per axis: about 1.8 counts),
+// and a car mount's circle in a weak steep field (25 uT at 80 degrees dip: radius 11
+// counts) still holds eight samples.
+constexpr int32_t kStoreMinDistance = 8;
 // Strength band about the median, thousandths: wider than the soft iron the ellipsoid
 // fit accepts (axes 0.8..1.25 about a median near 1) plus noise, narrow enough to keep a
 // magnet's doubled field out.

@@ -31,19 +31,19 @@ int64_t dist_sq(const StoredSample &a, const StoredSample &b) {
 }
 
 TEST(FieldStore, AdmissionStartsAtExactlyTheLeastDistanceFromEveryKeptSample) {
-    static_assert(kStoreMinDistance == 16);
+    static_assert(kStoreMinDistance == 8);
     const struct {
         const char *name;
         std::vector<Vec3> kept;
         Vec3 candidate;
         Offer result;
     } cases[] = {
-        {"exactly 16 along an axis", {{100, 0, 0}}, {116, 0, 0}, Offer::kJoined},
-        {"15 along an axis", {{100, 0, 0}}, {115, 0, 0}, Offer::kTooNear},
-        {"exactly 16, negative axis", {{0, 0, 0}}, {0, 0, -16}, Offer::kJoined},
-        {"every axis nearer than 16, the distance not (15, 15, 0)", {{0, 0, 0}}, {15, 15, 0}, Offer::kJoined},
-        {"just over 16 on a diagonal (10, 9, 9)", {{0, 0, 0}}, {10, 9, 9}, Offer::kJoined},
-        {"just under 16 on a diagonal (9, 9, 9)", {{0, 0, 0}}, {9, 9, -9}, Offer::kTooNear},
+        {"exactly 8 along an axis", {{100, 0, 0}}, {108, 0, 0}, Offer::kJoined},
+        {"7 along an axis", {{100, 0, 0}}, {107, 0, 0}, Offer::kTooNear},
+        {"exactly 8, negative axis", {{0, 0, 0}}, {0, 0, -8}, Offer::kJoined},
+        {"every axis nearer than 8, the distance not (7, 7, 0)", {{0, 0, 0}}, {7, 7, 0}, Offer::kJoined},
+        {"just over 8 on a diagonal (5, 5, 4)", {{0, 0, 0}}, {5, 5, 4}, Offer::kJoined},
+        {"just under 8 on a diagonal (5, 4, 4)", {{0, 0, 0}}, {5, -4, 4}, Offer::kTooNear},
         {"near an earlier sample, far from the last",
          {{0, 0, 0}, {200, 0, 0}, {0, 200, 0}},
          {5, 0, 0},
