@@ -23,6 +23,78 @@ int64_t cbrt_q30(int64_t v) {
     return h << 10;
 }
 
+// Monomials x^a y^b z^c of degree up to 4, in the order the fit sums them: 1; x y z;
+// xx yy zz xy xz yz; then degrees 3 and 4 as listed there.
+constexpr int kMoments = 35;
+constexpr uint8_t kMonomial[kMoments][3] = {
+    {0, 0, 0}, {1, 0, 0}, {0, 1, 0}, {0, 0, 1}, {2, 0, 0}, {0, 2, 0}, {0, 0, 2}, {1, 1, 0}, {1, 0, 1},
+    {0, 1, 1}, {3, 0, 0}, {2, 1, 0}, {2, 0, 1}, {1, 2, 0}, {0, 3, 0}, {0, 2, 1}, {1, 0, 2}, {0, 1, 2},
+    {0, 0, 3}, {1, 1, 1}, {4, 0, 0}, {3, 1, 0}, {3, 0, 1}, {2, 2, 0}, {2, 1, 1}, {2, 0, 2}, {1, 3, 0},
+    {1, 2, 1}, {1, 1, 2}, {1, 0, 3}, {0, 4, 0}, {0, 3, 1}, {0, 2, 2}, {0, 1, 3}, {0, 0, 4}};
+
+// The features and the target as sums of coefficient times monomial.
+struct Monomial {
+    int8_t coef;
+    uint8_t a, b, c;
+};
+constexpr Monomial kFeature[kUnknowns][2] = {
+    {{1, 2, 0, 0}, {-1, 0, 0, 2}}, {{1, 0, 2, 0}, {-1, 0, 0, 2}}, {{2, 1, 1, 0}, {0, 0, 0, 0}},
+    {{2, 1, 0, 1}, {0, 0, 0, 0}},  {{2, 0, 1, 1}, {0, 0, 0, 0}},  {{-2, 1, 0, 0}, {0, 0, 0, 0}},
+    {{-2, 0, 1, 0}, {0, 0, 0, 0}}, {{-2, 0, 0, 1}, {0, 0, 0, 0}}, {{1, 0, 0, 0}, {0, 0, 0, 0}}};
+constexpr Monomial kTarget[3] = {{-1, 2, 0, 0}, {-1, 0, 2, 0}, {-1, 0, 0, 2}};
+
+// Each normal-equation entry as at most six coefficient-moment terms: first the right
+// side f_j . t (j = 0..8), then the upper triangle f_j . f_k (j <= k), row by row.
+constexpr int kEntries = kUnknowns + kUnknowns * (kUnknowns + 1) / 2;
+struct MomentTerm {
+    int8_t coef;
+    uint8_t moment;
+};
+struct EntryTerms {
+    MomentTerm term[6];
+    uint8_t terms;  // in use
+};
+constexpr int moment_of(int a, int b, int c) {
+    for (int k = 0; k < kMoments; ++k) {
+        if (kMonomial[k][0] == a && kMonomial[k][1] == b && kMonomial[k][2] == c) return k;
+    }
+    return -1;
+}
+struct NormalTables {
+    EntryTerms entry[kEntries];
+    uint8_t row[kEntries - kUnknowns], col[kEntries - kUnknowns];
+};
+constexpr NormalTables make_normal_tables() {
+    NormalTables t{};
+    int e = 0;
+    const auto add = [&](const Monomial *p, int np, const Monomial *q, int nq) {
+        int used = 0;
+        for (int i = 0; i < np; ++i) {
+            for (int j = 0; j < nq; ++j) {
+                if (p[i].coef == 0 || q[j].coef == 0) continue;
+                t.entry[e].term[used++] =
+                    MomentTerm{static_cast<int8_t>(p[i].coef * q[j].coef),
+                               static_cast<uint8_t>(moment_of(p[i].a + q[j].a, p[i].b + q[j].b, p[i].c + q[j].c))};
+            }
+        }
+        t.entry[e].terms = static_cast<uint8_t>(used);
+        ++e;
+    };
+    for (int j = 0; j < kUnknowns; ++j) add(kFeature[j], 2, kTarget, 3);
+    for (int j = 0; j < kUnknowns; ++j) {
+        for (int k = j; k < kUnknowns; ++k) {
+            t.row[e - kUnknowns] = static_cast<uint8_t>(j);
+            t.col[e - kUnknowns] = static_cast<uint8_t>(k);
+            add(kFeature[j], 2, kFeature[k], 2);
+        }
+    }
+    return t;
+}
+constexpr NormalTables kTables = make_normal_tables();
+constexpr const EntryTerms *kNormalTerms = kTables.entry;
+constexpr const uint8_t *kEntryRow = kTables.row;
+constexpr const uint8_t *kEntryCol = kTables.col;
+
 // Packed symmetric 3x3 index of (i, j).
 constexpr int kPacked[3][3] = {{0, 1, 2}, {1, 3, 4}, {2, 4, 5}};
 
@@ -41,29 +113,53 @@ FitResult ellipsoid_fit(const FieldStore &store, const SphereFit &sphere, Ellips
     const Vec3 c0 = sphere.offset;
 
     // Normal equations of the features f = (x^2 - z^2, y^2 - z^2, 2xy, 2xz, 2yz, -2x,
-    // -2y, -2z, 1) against t = -|u|^2. With |u| <= 2^10 per axis every feature is below
-    // 2^21 and every sum of products below 2^47. Upper triangle only; the constant
-    // feature's column is a plain sum.
-    int64_t a[kUnknowns * kUnknowns] = {};
-    int64_t r[kUnknowns] = {};
+    // -2y, -2z, 1) against t = -|u|^2, from the samples' moments: every product of two
+    // features, and of a feature and t, is a sum of monomials of degree up to 4, so 34
+    // sums per sample stand for the 54 entries. With |u| <= 2^10 per axis: degree 2 below
+    // 2^20 and its sums below 2^25 (32 bits), degrees 3 and 4 below 2^40 and their sums
+    // below 2^45 (64 bits); every entry, at most four moments times 4, below 2^48.
+    int32_t m1[3] = {0, 0, 0}, m2[6] = {0, 0, 0, 0, 0, 0};
+    int64_t m3[10] = {}, m4[15] = {};
     for (int i = 0; i < n; ++i) {
         const Vec3 u = minus(stored_field(store, i), c0);
         if (u.x > kEllipsoidSpanLimit || u.x < -kEllipsoidSpanLimit || u.y > kEllipsoidSpanLimit ||
             u.y < -kEllipsoidSpanLimit || u.z > kEllipsoidSpanLimit || u.z < -kEllipsoidSpanLimit)
             return FitResult::kOverflowRisk;
-        const int32_t xx = u.x * u.x, yy = u.y * u.y, zz = u.z * u.z;
-        const int32_t f[kUnknowns - 1] = {xx - zz,       yy - zz,  2 * u.x * u.y, 2 * u.x * u.z,
-                                          2 * u.y * u.z, -2 * u.x, -2 * u.y,      -2 * u.z};
-        const int32_t t = -(xx + yy + zz);
-        for (int j = 0; j < kUnknowns - 1; ++j) {
-            int64_t *row = &a[j * kUnknowns];
-            for (int k = j; k < kUnknowns - 1; ++k) row[k] += int64_t{f[j]} * f[k];
-            row[kUnknowns - 1] += f[j];
-            r[j] += int64_t{f[j]} * t;
-        }
-        r[kUnknowns - 1] += t;
+        const int32_t x = u.x, y = u.y, z = u.z;
+        const int32_t xx = x * x, yy = y * y, zz = z * z, xy = x * y, xz = x * z, yz = y * z;
+        m1[0] += x, m1[1] += y, m1[2] += z;
+        m2[0] += xx, m2[1] += yy, m2[2] += zz, m2[3] += xy, m2[4] += xz, m2[5] += yz;
+        // Degree 3, in kMoments' order: x^3 x^2y x^2z xy^2 y^3 y^2z xz^2 yz^2 z^3 xyz.
+        m3[0] += int64_t{xx} * x, m3[1] += int64_t{xx} * y, m3[2] += int64_t{xx} * z;
+        m3[3] += int64_t{yy} * x, m3[4] += int64_t{yy} * y, m3[5] += int64_t{yy} * z;
+        m3[6] += int64_t{zz} * x, m3[7] += int64_t{zz} * y, m3[8] += int64_t{zz} * z;
+        m3[9] += int64_t{xy} * z;
+        // Degree 4: x^4 x^3y x^3z x^2y^2 x^2yz x^2z^2 xy^3 xy^2z xyz^2 xz^3 y^4 y^3z y^2z^2 yz^3 z^4.
+        m4[0] += int64_t{xx} * xx, m4[1] += int64_t{xx} * xy, m4[2] += int64_t{xx} * xz;
+        m4[3] += int64_t{xx} * yy, m4[4] += int64_t{xx} * yz, m4[5] += int64_t{xx} * zz;
+        m4[6] += int64_t{yy} * xy, m4[7] += int64_t{yy} * xz, m4[8] += int64_t{zz} * xy;
+        m4[9] += int64_t{zz} * xz, m4[10] += int64_t{yy} * yy, m4[11] += int64_t{yy} * yz;
+        m4[12] += int64_t{yy} * zz, m4[13] += int64_t{zz} * yz, m4[14] += int64_t{zz} * zz;
     }
-    a[kUnknowns * kUnknowns - 1] = n;
+    int64_t moment[kMoments];
+    moment[0] = n;
+    for (int k = 0; k < 3; ++k) moment[1 + k] = m1[k];
+    for (int k = 0; k < 6; ++k) moment[4 + k] = m2[k];
+    for (int k = 0; k < 10; ++k) moment[10 + k] = m3[k];
+    for (int k = 0; k < 15; ++k) moment[20 + k] = m4[k];
+    int64_t a[kUnknowns * kUnknowns];
+    int64_t r[kUnknowns];
+    for (int e = 0; e < kEntries; ++e) {
+        int64_t v = 0;
+        for (int k = 0; k < kNormalTerms[e].terms; ++k)
+            v += kNormalTerms[e].term[k].coef * moment[kNormalTerms[e].term[k].moment];
+        if (e < kUnknowns) {
+            r[e] = v;
+        } else {
+            const int j = kEntryRow[e - kUnknowns], k = kEntryCol[e - kUnknowns];
+            a[j * kUnknowns + k] = a[k * kUnknowns + j] = v;
+        }
+    }
     // The ridge: lambda times the Frobenius form of D = [[p, s1, s2], [s1, q, s3],
     // [s2, s3, -p-q]]: 2p^2 + 2q^2 + 2pq + 2(s1^2 + s2^2 + s3^2). R^4 below 2^40.
     const int64_t r2_q8 = int64_t{sphere.radius_q4} * sphere.radius_q4;
@@ -71,10 +167,8 @@ FitResult ellipsoid_fit(const FieldStore &store, const SphereFit &sphere, Ellips
     a[0 * kUnknowns + 0] += 2 * lambda;
     a[1 * kUnknowns + 1] += 2 * lambda;
     a[0 * kUnknowns + 1] += lambda;
+    a[1 * kUnknowns + 0] += lambda;
     for (int j = 2; j < 5; ++j) a[j * kUnknowns + j] += 2 * lambda;
-    for (int j = 0; j < kUnknowns; ++j) {
-        for (int k = 0; k < j; ++k) a[j * kUnknowns + k] = a[k * kUnknowns + j];
-    }
 
     constexpr int8_t kFrac[kUnknowns] = {kQ30,        kQ30,        kQ30,        kQ30,      kQ30,
                                          kCentreBits, kCentreBits, kCentreBits, kConstBits};

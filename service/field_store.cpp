@@ -2,7 +2,6 @@
 #include "service/field_store.h"
 
 #include <algorithm>
-#include <bit>
 
 #include "service/kit_angle.h"
 
@@ -20,18 +19,21 @@ bool fits16(const Vec3 &v) {
            v.z <= kInt16Max;
 }
 
-// Nearer than reach_sq, where reach = ceil(sqrt(reach_sq)). The L-infinity test
-// first: an axis at least `reach` apart settles it without a multiplication (|d| < r is
-// d + r - 1 in 0..2r - 2, unsigned). Differences of int16 values: squares below 2^32.
-bool nearer_than(const StoredSample &p, const Vec3 &m, int32_t reach, int64_t reach_sq) {
+// Whether any of the samples [first, last) lies nearer than reach_sq to m, where
+// reach = ceil(sqrt(reach_sq)). The L-infinity test first: an axis at least `reach`
+// apart settles a sample without a multiplication (|d| < r is d + r - 1 in 0..2r - 2,
+// unsigned; m + r - 1 is formed once). Differences of int16 values: squares below 2^32.
+bool any_nearer(const StoredSample *first, const StoredSample *last, const Vec3 &m, int32_t reach, int64_t reach_sq) {
     const uint32_t span = 2 * static_cast<uint32_t>(reach - 1);
-    const int32_t dx = m.x - p.m[0];
-    if (static_cast<uint32_t>(dx + (reach - 1)) > span) return false;
-    const int32_t dy = m.y - p.m[1];
-    if (static_cast<uint32_t>(dy + (reach - 1)) > span) return false;
-    const int32_t dz = m.z - p.m[2];
-    if (static_cast<uint32_t>(dz + (reach - 1)) > span) return false;
-    return int64_t{dx} * dx + int64_t{dy} * dy + int64_t{dz} * dz < reach_sq;
+    const int32_t mx = m.x + (reach - 1), my = m.y + (reach - 1), mz = m.z + (reach - 1);
+    for (const StoredSample *p = first; p != last; ++p) {
+        if (static_cast<uint32_t>(mx - p->m[0]) > span || static_cast<uint32_t>(my - p->m[1]) > span ||
+            static_cast<uint32_t>(mz - p->m[2]) > span)
+            continue;
+        const int32_t dx = m.x - p->m[0], dy = m.y - p->m[1], dz = m.z - p->m[2];
+        if (int64_t{dx} * dx + int64_t{dy} * dy + int64_t{dz} * dz < reach_sq) return true;
+    }
+    return false;
 }
 
 // Squared distance between two kept samples, saturated (int16 differences: up to 3 * 2^32).
@@ -113,10 +115,9 @@ Offer field_store_offer(FieldStore *s, const Vec3 &m, const Vec3 &g, const Vec3 
     const int32_t reach = full ? s->spacing_reach : kStoreMinDistance;
     const int64_t reach_sq = full ? int64_t{s->spacing_sq} + 1 : kMinDistanceSq;
     const Offer refused = full ? Offer::kNotWider : Offer::kTooNear;
-    if (n > 0 && nearer_than(s->sample[s->last], m, reach, reach_sq)) return refused;
-    for (int i = 0; i < n; ++i) {
-        if (nearer_than(s->sample[i], m, reach, reach_sq)) return refused;
-    }
+    const StoredSample *last = &s->sample[s->last];
+    if (n > 0 && any_nearer(last, last + 1, m, reach, reach_sq)) return refused;
+    if (any_nearer(s->sample, s->sample + n, m, reach, reach_sq)) return refused;
     if (centre != nullptr && n >= kStoreMedianMinSamples && !within_band(s, *centre, m)) return Offer::kStrengthFar;
 
     int slot;
@@ -186,7 +187,12 @@ uint32_t field_store_cells(const FieldStore &store, const Vec3 &centre) {
 }
 
 int field_store_coverage(const FieldStore &store, const Vec3 &centre) {
-    return std::popcount(field_store_cells(store, centre));
+    // Bits set, by halves (std::popcount would be a libgcc_s call on x86-64 without POPCNT).
+    uint32_t v = field_store_cells(store, centre);
+    v = v - ((v >> 1) & 0x55555555u);
+    v = (v & 0x33333333u) + ((v >> 2) & 0x33333333u);
+    v = (v + (v >> 4)) & 0x0F0F0F0Fu;
+    return static_cast<int>((v * 0x01010101u) >> 24);
 }
 
 Spread field_store_spread(const FieldStore &store) {

@@ -27,9 +27,9 @@
 // int16 per axis; centres and offsets in counts (int32, within +-16384 as the library
 // allows). Every function takes the store by pointer or reference; no global state.
 //
-// RAM: sizeof(FieldStore) is 556 bytes (kStoreCapacity 32); with the fits' result
-// records the kit keeps (SphereFit, EllipsoidFit, CircleFit) the estimators' state
-// stays below 1 KiB (the tests assert it).
+// RAM: sizeof(FieldStore) is 584 bytes (kStoreCapacity 32); with one result record of
+// each fit the kit keeps (SphereFit 48, EllipsoidFit 72, CircleFit 32) the estimators'
+// state is 736 bytes, below the 1 KiB the kit allows them (the tests assert it).
 #ifndef KMXC_SERVICE_FIELD_STORE_H
 #define KMXC_SERVICE_FIELD_STORE_H
 
@@ -43,10 +43,10 @@ namespace kmxc_kit {
 // Samples kept: enough for the ellipsoid's nine unknowns twice over and one in each of
 // the 24 coverage cells; a full store is fitted within the cost the kit allows.
 constexpr int kStoreCapacity = 32;
-// Least distance between kept samples, counts (3.2 uT): over four times the spread
-// noise puts between two readings of a still field (0.5 uT per axis: about 1.8 counts),
-// and a car mount's circle in a weak steep field (25 uT at 80 degrees dip: radius 11
-// counts) still holds eight samples.
+// Least distance between kept samples, counts (3.2 uT): 2.6 times the RMS distance
+// noise puts between two readings of a still field (0.5 uT per axis: 3.1 counts; about
+// one pair in 8000 is that far apart), and a car mount's circle in a weak steep field
+// (25 uT at 80 degrees dip: radius 11 counts) still holds eight samples.
 constexpr int32_t kStoreMinDistance = 8;
 // Strength band about the median, thousandths: wider than the soft iron the ellipsoid
 // fit accepts (axes 0.8..1.25 about a median near 1) plus noise, narrow enough to keep a

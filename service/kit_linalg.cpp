@@ -11,7 +11,7 @@ namespace kmxc_kit {
 namespace {
 
 constexpr int kQ = 30;                     // equilibrated matrix and pivots: Q30, diagonal 2^28..2^30
-constexpr int kLBits = 24;                 // unit lower factor: Q24 (|l| < 2^6 at the least pivot)
+constexpr int kLBits = 24;                 // unit lower factor: Q24 (|l| <= 2^7 at the least pivot)
 constexpr int kValueBits = 52;             // substitution values stay below 2^52 (products below 2^59)
 constexpr int kEigenBits = 28;             // eigenvalue and eigenvector work: entries below 2^28
 constexpr int32_t kInvSqrt6 = 1753413056;  // round(2^32 / sqrt(6))
@@ -34,9 +34,25 @@ int64_t mul_shift(int64_t a, int64_t b, int s) {
 
 Reciprocal reciprocal(int64_t d) {
     // d's top 32 bits dn (2^31..2^32) and r = floor(2^62 / dn): 1/d = r * 2^(z - 94).
+    // ARMv5TE has no divide, and a 64-bit division is a library call of some 340
+    // instructions: r comes from Newton's iteration instead. With D = dn / 2^32 in
+    // 0.5..1 and X = 1/D in Q30: the line 48/17 - 32/17 D is within 1/17 of it, three
+    // steps X (2 - D X) square the error each (below 2^-32), and the remainder then fixes
+    // r to the exact floor (a few steps).
     const int z = std::countl_zero(static_cast<uint64_t>(d));
-    const uint64_t dn = (static_cast<uint64_t>(d) << z) >> 32;
-    return Reciprocal{static_cast<int64_t>((uint64_t{1} << 62) / dn), 94 - z};
+    const uint32_t dn = static_cast<uint32_t>((static_cast<uint64_t>(d) << z) >> 32);
+    constexpr uint32_t kLineAt0 = 3031741621u;    // round(48/17 2^30)
+    constexpr uint32_t kLineSlope = 2021161081u;  // round(8/17 2^32): 32/17 D in Q30 is (8/17) dn
+    uint64_t x = kLineAt0 - ((uint64_t{dn} * kLineSlope) >> 32);
+    for (int step = 0; step < 3; ++step) {
+        const uint64_t dx = (uint64_t{dn} * x) >> 32;  // D X, Q30, near 2^30
+        x = (x * ((uint64_t{2} << 30) - dx)) >> 30;    // below 2^62 before the shift
+    }
+    // Exact floor: 2^62 - r dn within [0, dn).
+    int64_t r = static_cast<int64_t>(x), rem = (int64_t{1} << 62) - r * int64_t{dn};
+    while (rem < 0) --r, rem += dn;
+    while (rem >= int64_t{dn}) ++r, rem -= dn;
+    return Reciprocal{r, 94 - z};
 }
 
 FitResult solve_spd(int n, const int64_t *a, const int64_t *b, const int8_t *frac, int64_t *x) {
@@ -48,6 +64,9 @@ FitResult solve_spd(int n, const int64_t *a, const int64_t *b, const int8_t *fra
         e[i] = (significant_bits(a[i * n + i]) - 29) >> 1;
     }
     auto scaled = [&](int i, int j) { return shift_down(a[i * n + j], e[i] + e[j]); };
+    // An entry too large for its diagonals (not positive definite) is refused before it
+    // is shifted, so that no shift can wrap.
+    auto fits = [&](int i, int j) { return significant_bits(a[i * n + j]) - e[i] - e[j] <= kQ; };
 
     // a' = L D L^T, row by row: u_ij = l_ij d_j (Q30, |u| <= sqrt(d_j) < 1), l (Q24),
     // d (Q30). Every product u l is a product of two entries of the Cholesky factor,
@@ -58,6 +77,7 @@ FitResult solve_spd(int n, const int64_t *a, const int64_t *b, const int8_t *fra
     for (int i = 0; i < n; ++i) {
         int32_t u[kSolveMaxUnknowns];
         for (int j = 0; j < i; ++j) {
+            if (!fits(i, j)) return FitResult::kIllConditioned;
             const int64_t aij = scaled(i, j);
             if (abs64(aij) >= int64_t{1} << kQ) return FitResult::kIllConditioned;
             int64_t s = aij << kLBits;

@@ -25,7 +25,7 @@ enum class FitResult : int8_t {
 constexpr int kSolveMaxUnknowns = 9;
 // Least pivot of the solver, as a fraction of its diagonal after equilibration: 2^-12.
 // Below it the unknown is a combination of the earlier ones to within 1/4096 of its
-// variance, and the factor's entries (up to 2^6 then) would outgrow their Q24 format.
+// variance, and the factor's entries (up to 2^7 there) would outgrow their Q24 format.
 constexpr int kSolvePivotBits = 12;
 
 // Solves a x = b for a symmetric positive definite a (n x n, row-major; 1 <= n <= 9;
