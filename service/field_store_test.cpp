@@ -236,47 +236,13 @@ TEST(FieldStore, CoverageCellsSplitAtTheirBordersByTheStatedTies) {
     EXPECT_EQ(field_store_coverage(s, Vec3{0, 0, -1000}), 4) << "seen from far below: the +z face only";
 }
 
-// Covariance eigenvalue ratios of random stores, round to flat, against Eigen.
-TEST(FieldStore, SpreadIsTheCovarianceEigenvalueRatioInThousandTwentyFourths) {
-    std::mt19937_64 rng(19);
-    std::normal_distribution<double> gauss;
-    for (int trial = 0; trial < 300; ++trial) {
-        const double flat = std::ldexp(1.0, -static_cast<int>(trial % 10));
-        const Eigen::Matrix3d q = Eigen::Quaterniond::UnitRandom().toRotationMatrix();
-        std::vector<Vec3> v;
-        FieldStore s;
-        field_store_clear(&s);
-        for (int i = 0; i < 200 && s.count < kStoreCapacity; ++i) {
-            const Eigen::Vector3d p = q * Eigen::Vector3d(300 * gauss(rng), 200 * gauss(rng), 300 * flat * gauss(rng));
-            field_store_offer(&s,
-                              Vec3{static_cast<int32_t>(std::lround(p.x())), static_cast<int32_t>(std::lround(p.y())),
-                                   static_cast<int32_t>(std::lround(p.z()))},
-                              kDown, nullptr, false, true);
-        }
-        Eigen::Matrix3d cov = Eigen::Matrix3d::Zero();
-        Eigen::Vector3d mean = Eigen::Vector3d::Zero();
-        for (int i = 0; i < s.count; ++i) mean += Eigen::Vector3d(s.sample[i].m[0], s.sample[i].m[1], s.sample[i].m[2]);
-        mean /= s.count;
-        for (int i = 0; i < s.count; ++i) {
-            const Eigen::Vector3d d = Eigen::Vector3d(s.sample[i].m[0], s.sample[i].m[1], s.sample[i].m[2]) - mean;
-            cov += d * d.transpose();
-        }
-        const Eigen::Vector3d ev = Eigen::SelfAdjointEigenSolver<Eigen::Matrix3d>(cov).eigenvalues();
-        const Spread got = field_store_spread(s);
-        // Truncated, from eigenvalues within 3e-4 of the spread: within 1.5 of the ratio.
-        EXPECT_NEAR(got.ratio_min, 1024 * ev(0) / ev(2), 1.5) << trial;
-        EXPECT_NEAR(got.ratio_mid, 1024 * ev(1) / ev(2), 1.5) << trial;
-    }
-    EXPECT_EQ(field_store_spread(store_of({{0, 0, 0}, {100, 0, 0}})).ratio_mid, 0) << "fewer than three";
-}
-
-// Strengths and dip of random stores under a random offset and correction, against the
-// same quantities in double precision; and the Earth's range at its ends (10 uT is 25
-// counts, 100 uT 250).
-TEST(FieldStore, StrengthsAndDipAgreeWithDoublePrecisionAndTheRangeHoldsAtItsEnds) {
+// Random stores, round to flat, under a random offset and correction: strengths, dip
+// and spread against the same quantities in double precision; and the Earth's range at
+// its ends (10 uT is 25 counts, 100 uT 250).
+TEST(FieldStore, StatisticsAgreeWithDoublePrecisionAndTheRangeHoldsAtItsEnds) {
     std::mt19937_64 rng(23);
     std::uniform_real_distribution<double> uni(-1, 1);
-    for (int trial = 0; trial < 200; ++trial) {
+    for (int trial = 0; trial < 300; ++trial) {
         const Vec3 offset{static_cast<int32_t>(300 * uni(rng)), static_cast<int32_t>(300 * uni(rng)),
                           static_cast<int32_t>(300 * uni(rng))};
         int16_t w[9];
@@ -287,10 +253,13 @@ TEST(FieldStore, StrengthsAndDipAgreeWithDoublePrecisionAndTheRangeHoldsAtItsEnd
                 wd(r, c) = wd(c, r) = w[3 * r + c] / 16384.0;
             }
         const bool identity = trial % 4 == 0;
+        const double flat = std::ldexp(1.0, -(trial % 8));  // field directions flattened along z
         FieldStore s;
         field_store_clear(&s);
         for (int i = 0; i < 300 && s.count < kStoreCapacity; ++i) {
-            const Eigen::Vector3d f = Eigen::Quaterniond::UnitRandom() * Eigen::Vector3d(90 + 30 * uni(rng), 0, 0);
+            Eigen::Vector3d f = Eigen::Vector3d::Random().normalized();
+            f.z() *= flat;
+            f *= (90 + 30 * uni(rng)) / f.norm();
             const Vec3 g{static_cast<int32_t>(4096 * uni(rng)), static_cast<int32_t>(4096 * uni(rng)), -4096};
             field_store_offer(&s,
                               Vec3{offset.x + static_cast<int32_t>(f.x()), offset.y + static_cast<int32_t>(f.y()),
@@ -299,30 +268,38 @@ TEST(FieldStore, StrengthsAndDipAgreeWithDoublePrecisionAndTheRangeHoldsAtItsEnd
         }
         StoreAgreement got;
         field_store_agreement(s, offset, identity ? nullptr : w, &got);
+        double mean = 0, worst = 0, spread = 0, dip = 0;
         std::vector<double> strength;
-        double dip = 0;
+        Eigen::Vector3d centroid = Eigen::Vector3d::Zero();
+        Eigen::Matrix3d cov = Eigen::Matrix3d::Zero();
         int steady = 0;
         for (int i = 0; i < s.count; ++i) {
-            Eigen::Vector3d v(s.sample[i].m[0] - offset.x, s.sample[i].m[1] - offset.y, s.sample[i].m[2] - offset.z);
-            if (!identity) v = wd * v;
+            const Eigen::Vector3d m(s.sample[i].m[0], s.sample[i].m[1], s.sample[i].m[2]);
+            const Eigen::Vector3d g(s.sample[i].g[0], s.sample[i].g[1], s.sample[i].g[2]);
+            const Eigen::Vector3d v = identity
+                                          ? Eigen::Vector3d(m - Eigen::Vector3d(offset.x, offset.y, offset.z))
+                                          : Eigen::Vector3d(wd * (m - Eigen::Vector3d(offset.x, offset.y, offset.z)));
             strength.push_back(v.norm());
-            if (s.steady >> i & 1) {
-                const Eigen::Vector3d g(s.sample[i].g[0], s.sample[i].g[1], s.sample[i].g[2]);
-                dip += std::atan2(v.cross(g).norm(), v.dot(g)) * 18000 / 3.14159265358979323846;
-                ++steady;
-            }
+            mean += v.norm() / s.count, centroid += m / s.count, cov += m * m.transpose() / s.count;
+            if (s.steady >> i & 1)
+                dip += std::atan2(v.cross(g).norm(), v.dot(g)) * 18000 / 3.14159265358979323846, ++steady;
         }
-        double mean = 0, worst = 0, spread = 0;
-        for (double x : strength) mean += x / strength.size();
         for (double x : strength) worst = std::max(worst, std::fabs(x - mean)), spread += (x - mean) * (x - mean);
-        // Strengths to 1/16 count truncated, W's rounding: a sixteenth or so per value.
-        EXPECT_NEAR(got.strength.mean_q4 / 16.0, mean, 0.1) << trial;
+        // Each strength truncated to 1/16 count after W's rounding, the mean truncated again.
+        EXPECT_NEAR(got.strength.mean_q4 / 16.0, mean, 2 / 16.0 + 0.01) << trial;
         EXPECT_NEAR(got.strength.worst_permille, 1000 * worst / mean, 2.0) << trial;
         EXPECT_NEAR(got.strength.spread_q8 / 256.0, spread, 0.02 * spread + 1) << trial;
         EXPECT_NEAR(got.strength.rms_q4 / 16.0, std::sqrt(spread / strength.size()), 0.1) << trial;
         ASSERT_TRUE(got.dip_valid);
         EXPECT_NEAR(got.dip_cdeg, dip / steady, 3) << trial;
+        // Spread: truncated, from eigenvalues within 3e-4 of theirs, so within 1.5.
+        const Eigen::Vector3d ev =
+            Eigen::SelfAdjointEigenSolver<Eigen::Matrix3d>(cov - centroid * centroid.transpose()).eigenvalues();
+        const Spread sp = field_store_spread(s);
+        EXPECT_NEAR(sp.ratio_min, 1024 * ev(0) / ev(2), 1.5) << trial;
+        EXPECT_NEAR(sp.ratio_mid, 1024 * ev(1) / ev(2), 1.5) << trial;
     }
+    EXPECT_EQ(field_store_spread(store_of({{0, 0, 0}, {100, 0, 0}})).ratio_mid, 0) << "fewer than three";
     const struct {
         int32_t strength;
         bool in_range;

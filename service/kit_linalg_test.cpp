@@ -1,9 +1,10 @@
 // The fixed-point solver and 3x3 eigen-routines against Eigen in double precision on
 // random normal matrices of every scale the fits produce, the solver's pivot rule at
-// its limit, and the 96-bit product against schoolbook arithmetic in 16-bit limbs.
+// its limit, and the 96-bit product and the reciprocal against independent forms.
 #include <gtest/gtest.h>
 
 #include <Eigen/Dense>
+#include <bit>
 #include <cmath>
 #include <random>
 
@@ -13,33 +14,16 @@ namespace {
 
 using namespace kmxc_kit;
 
-// floor(a * b / 2^s) by schoolbook multiplication in 16-bit limbs (an independent form).
+// floor(a * b / 2^s) on magnitudes in unsigned 32-bit limbs, the floor of a negative
+// product taken from the dropped bits: an independent form of the signed 96-bit product.
 int64_t mul_shift_reference(int64_t a, int64_t b, int s) {
-    const bool negative = (a < 0) != (b < 0);
-    uint64_t ua = a < 0 ? 0 - static_cast<uint64_t>(a) : a, ub = b < 0 ? 0 - static_cast<uint64_t>(b) : b;
-    uint32_t limb[8] = {};  // the product, little-endian 16-bit limbs
-    for (int i = 0; i < 4; ++i) {
-        uint32_t carry = 0;
-        for (int j = 0; j < 4; ++j) {
-            const uint32_t t =
-                static_cast<uint32_t>((ua >> (16 * i)) & 0xFFFF) * ((ub >> (16 * j)) & 0xFFFF) + limb[i + j] + carry;
-            limb[i + j] = t & 0xFFFF;
-            carry = t >> 16;
-        }
-        limb[i + 4] += carry;
-    }
-    // Shift right by s, noting whether any bit was dropped (for the floor of a negative).
-    bool dropped = false;
-    uint64_t q = 0;
-    for (int bit = 0; bit < 128; ++bit) {
-        const bool one = (limb[bit / 16] >> (bit % 16)) & 1;
-        if (bit < s)
-            dropped |= one;
-        else if (bit - s < 64 && one)
-            q |= uint64_t{1} << (bit - s);
-    }
-    const int64_t m = static_cast<int64_t>(q);
-    return negative ? -m - (dropped ? 1 : 0) : m;
+    const uint64_t ua = a < 0 ? 0 - static_cast<uint64_t>(a) : a, ub = b < 0 ? 0 - static_cast<uint64_t>(b) : b;
+    const uint64_t lo = (ua & 0xFFFFFFFF) * ub, mid = (ua >> 32) * ub + (lo >> 32);  // |a b| = mid 2^32 + low
+    const uint64_t low = lo & 0xFFFFFFFF;
+    const uint64_t q = s >= 32 ? mid >> (s - 32) : (mid << (32 - s)) | (low >> s);
+    const bool dropped =
+        s >= 32 ? (low != 0 || (mid & ((uint64_t{1} << (s - 32)) - 1)) != 0) : (low & ((uint64_t{1} << s) - 1)) != 0;
+    return (a < 0) != (b < 0) ? -static_cast<int64_t>(q) - (dropped ? 1 : 0) : static_cast<int64_t>(q);
 }
 
 TEST(KitLinalg, MulShiftIsTheExactFlooredProduct) {
@@ -66,72 +50,65 @@ TEST(KitLinalg, ReciprocalDivisionIsWithinItsRelativePrecisionBelowTheQuotient) 
         const int up = static_cast<int>(rng() % 31);
         const int64_t got = divide(x, reciprocal(d), up), want = mul_shift_reference(x, int64_t{1} << up, 0) / d;
         ASSERT_TRUE(got <= want && got >= want - 1 - (want >> 30)) << x << " * 2^" << up << " / " << d << ": " << got;
+        const int z = std::countl_zero(static_cast<uint64_t>(d));
+        ASSERT_EQ(reciprocal(d).r, int64_t((uint64_t{1} << 62) / ((static_cast<uint64_t>(d) << z) >> 32)))
+            << "the exact floor";
     }
     EXPECT_EQ(divide(12345, reciprocal(int64_t{1} << 20), 20), 12345) << "powers of two exactly";
 }
 
-// Normal matrices of random features (the fits' kind), n = 1..9, scales from 2^4 to
-// 2^58 and conditions up to about 10^6: the solution agrees with Eigen to a few parts
-// in 10^9 of its size times the condition.
+// Normal matrices of random features (the fits' kind), n = 1..9, scales from 1 to 2^23
+// per feature and columns correlated toward the pivot limit: refused exactly when a
+// pivot (unpivoted, equilibrated, as the solver takes them) is below 2^-12, else within
+// 1e-6 of the solution's equilibrated size times the condition of Eigen's solution.
 TEST(KitLinalg, SolveAgreesWithDoublePrecisionOnRandomNormalEquations) {
     std::mt19937_64 rng(9);
     std::normal_distribution<double> gauss;
     int solved = 0;
     for (int trial = 0; trial < 3000; ++trial) {
-        const int n = 1 + trial % kSolveMaxUnknowns;
-        const int rows = n + 1 + static_cast<int>(rng() % 30);
+        const int n = 1 + trial % kSolveMaxUnknowns, rows = n + 1 + static_cast<int>(rng() % 30);
         Eigen::MatrixXd f(rows, n);
-        Eigen::VectorXd col_scale(n);
-        for (int j = 0; j < n; ++j) col_scale(j) = std::ldexp(1.0, static_cast<int>(rng() % 24));
-        for (int i = 0; i < rows; ++i)
-            for (int j = 0; j < n; ++j) f(i, j) = std::round(gauss(rng) * col_scale(j));
-        // Correlate the columns now and then, toward the pivot limit.
-        if (n > 1 && trial % 3 == 0) f.col(n - 1) = f.col(0) + f.col(n - 1) * std::ldexp(1.0, -int(rng() % 6));
-        for (int i = 0; i < rows; ++i)
-            for (int j = 0; j < n; ++j) f(i, j) = std::round(f(i, j));
+        for (int j = 0; j < n; ++j) {
+            const double scale = std::ldexp(1.0, static_cast<int>(rng() % 24));
+            for (int i = 0; i < rows; ++i) f(i, j) = std::round(gauss(rng) * scale);
+        }
+        if (n > 1 && trial % 3 == 0)
+            f.col(n - 1) = f.col(0) + (f.col(n - 1) / (1 << (rng() % 6))).array().round().matrix();
         Eigen::VectorXd t(rows);
         for (int i = 0; i < rows; ++i) t(i) = std::round(gauss(rng) * std::ldexp(1.0, static_cast<int>(rng() % 20)));
         const Eigen::MatrixXd ad = f.transpose() * f;
-        const Eigen::VectorXd bd = f.transpose() * t;
+        const Eigen::VectorXd bd = f.transpose() * t, xd = ad.ldlt().solve(bd);
         int64_t a[81], b[9], x[9];
         int8_t frac[9];
         for (int i = 0; i < n; ++i) {
             b[i] = static_cast<int64_t>(bd(i));
             for (int j = 0; j < n; ++j) a[i * n + j] = static_cast<int64_t>(ad(i, j));
-        }
-        const Eigen::VectorXd xd = ad.ldlt().solve(bd);
-        for (int i = 0; i < n; ++i)
             frac[i] = static_cast<int8_t>(std::clamp(40 - std::ilogb(std::fabs(xd(i)) + 1e-30), 0, 60));
-        const FitResult result = solve_spd(n, a, b, frac, x);
-        if (ad.diagonal().minCoeff() == 0) {  // a feature rounded to nothing
-            EXPECT_EQ(result, FitResult::kIllConditioned);
-            continue;
         }
-        // The pivot ratios Eigen sees, equilibrated.
-        Eigen::VectorXd s = ad.diagonal().cwiseSqrt().cwiseInverse();
+        const FitResult result = solve_spd(n, a, b, frac, x);
+        const Eigen::VectorXd s = ad.diagonal().cwiseSqrt().cwiseInverse();
         const Eigen::MatrixXd eq = s.asDiagonal() * ad * s.asDiagonal();
-        const Eigen::LDLT<Eigen::MatrixXd> ldlt(eq);
-        double min_pivot = 1;
+        double min_pivot = ad.diagonal().minCoeff() == 0 ? 0 : 1;  // a feature rounded to nothing: none
         Eigen::MatrixXd work = eq;
-        for (int k = 0; k < n; ++k) {  // unpivoted elimination, the solver's order
-            min_pivot = std::min(min_pivot, work(k, k) / eq(k, k));
+        for (int k = 0; k < n && min_pivot > 0; ++k) {
+            min_pivot = std::min(min_pivot, work(k, k));
             for (int i = k + 1; i < n; ++i)
                 for (int j = k + 1; j < n; ++j) work(i, j) -= work(i, k) * work(k, j) / work(k, k);
         }
-        if (min_pivot < std::ldexp(1.0, -kSolvePivotBits) * 0.99) {
+        const double limit = std::ldexp(1.0, -kSolvePivotBits);
+        if (min_pivot < 0.99 * limit) {
             EXPECT_EQ(result, FitResult::kIllConditioned) << "pivot " << min_pivot;
             continue;
         }
-        if (min_pivot < std::ldexp(1.0, -kSolvePivotBits) * 1.01) continue;  // too near the limit to call
+        if (min_pivot < 1.01 * limit) continue;  // too near the limit to call
         ASSERT_EQ(result, FitResult::kOk) << "n " << n << " pivot " << min_pivot;
         ++solved;
         const double cond = 1.0 / Eigen::SelfAdjointEigenSolver<Eigen::MatrixXd>(eq).eigenvalues().minCoeff();
-        for (int i = 0; i < n; ++i) {
-            const double got = std::ldexp(static_cast<double>(x[i]), -frac[i]);
-            EXPECT_NEAR(got, xd(i),
-                        1e-6 * cond * xd.cwiseProduct(s.cwiseInverse()).norm() / (1 / s(i)) + std::ldexp(1.0, -frac[i]))
+        const double size = xd.cwiseQuotient(s).norm();
+        for (int i = 0; i < n; ++i)
+            EXPECT_NEAR(std::ldexp(double(x[i]), -frac[i]), xd(i),
+                        1e-6 * cond * size * s(i) + std::ldexp(1.0, -frac[i]))
                 << "n " << n << " unknown " << i;
-        }
     }
     EXPECT_GT(solved, 2000);
 }
