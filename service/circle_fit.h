@@ -1,7 +1,8 @@
 // Circle fit of the diversity store, for a phone turned about one axis only (a car
 // mount): the samples then trace a circle in a plane normal to that axis, never a
 // sphere, and the offset's component along the axis is left undetermined by them.
-// Integer arithmetic only; about 10,000 instructions on ARMv5TE for a full store.
+// Integer arithmetic only; about 16,000 instructions on ARMv5TE for a full store
+// (bench/icount).
 //
 // Fit: the plane's normal is the eigenvector of the smallest eigenvalue of the samples'
 // covariance (inverse iteration, kit_linalg.h), signed to point the way gravity pulls
