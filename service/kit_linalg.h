@@ -63,8 +63,8 @@ int64_t mul_shift(int64_t a, int64_t b, int s);
 // 2^30..2^31 (31 significant bits: a quotient is within 2^-30 of its size below the
 // exact one), exact when d is a power of two. One 64-bit division.
 struct Reciprocal {
-    int64_t r;
-    int shift;
+    int64_t r;  // floor(2^62 / the top 32 bits of d), 2^30..2^31
+    int shift;  // 94 - the leading zeros of d
 };
 Reciprocal reciprocal(int64_t d);
 // x 2^up / d through the reciprocal (floored), for 0 <= up <= 31 and |x|
