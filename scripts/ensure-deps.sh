@@ -8,6 +8,7 @@ packages=(
   cmake ninja-build g++ clang            # toolchain
   libclang-rt-14-dev                     # clang's sanitizer and libFuzzer runtimes (fuzz/)
   libgtest-dev libgmock-dev libbenchmark-dev   # tests and benchmarks
+  libeigen3-dev                          # double-precision reference fits in the kit's estimator tests (header-only)
   "android-liblog-dev:$arch"             # the Android logging library the library links
   binutils                               # readelf/nm/objdump for the contract checks
   clang-format                           # the tree's one style (.clang-format, scripts/check-format.sh)

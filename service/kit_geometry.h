@@ -5,7 +5,9 @@
 
 #include <stdint.h>
 
+#include "drivers/kmxc_protocol.h"
 #include "orientation/orientation.h"
+#include "service/kmxc_service.h"
 
 namespace kmxc_kit {
 
@@ -16,14 +18,28 @@ struct Vec3 {
 
 // Floor of the square root.
 uint32_t isqrt64(uint64_t v);
+// Floor of the square root of a 32-bit value (half the steps of isqrt64 and 32-bit
+// arithmetic: the estimators take one per sample).
+uint32_t isqrt32(uint32_t v);
 inline int64_t dot(const Vec3 &a, const Vec3 &b) {
     return int64_t{a.x} * b.x + int64_t{a.y} * b.y + int64_t{a.z} * b.z;
 }
 inline Vec3 minus(const Vec3 &a, const KmxAxesData &o) { return Vec3{a.x - o.x, a.y - o.y, a.z - o.z}; }
+inline Vec3 minus(const Vec3 &a, const Vec3 &b) { return Vec3{a.x - b.x, a.y - b.y, a.z - b.z}; }
 // Truncated length.
 int32_t length(const Vec3 &v);
 // 1000 cos of the angle between field and gravity, truncated; 0 when either has no length.
 int32_t dip_cos(const Vec3 &field, const Vec3 &gravity);
+// W v for a 3x3 correction W in Q14 (16384 = 1; row-major), to `frac` fraction bits
+// (0: counts, 4: 1/16 count; at most 13), each component rounded to nearest (ties up).
+// Components of v within +-2^16.
+Vec3 apply_q14(const int16_t w[9], const Vec3 &v, int frac);
+// A field strength (corrected counts) within the Earth's range,
+// KMXC_SERVICE_FIELD_MIN_UT..KMXC_SERVICE_FIELD_MAX_UT inclusive.
+inline bool in_earth_range(int32_t counts) {
+    return counts * 10 >= KMXC_SERVICE_FIELD_MIN_UT * kmxc::kCountsPer10Microtesla &&
+           counts * 10 <= KMXC_SERVICE_FIELD_MAX_UT * kmxc::kCountsPer10Microtesla;
+}
 
 }  // namespace kmxc_kit
 

@@ -14,7 +14,8 @@ arm=${2:-build-armel}/bench/icount/icount_cases
 for p in "$x86" "$arm"; do [ -x "$p" ] || { echo "count.sh: no $p (build target icount_cases)" >&2; exit 1; }; done
 tmp=$(mktemp -d)
 trap 'rm -rf "$tmp"' EXIT
-cases=(empty fit cycle double kasa_double kasa_float)
+cases=(empty fit cycle double kasa_double kasa_float offer_still offer_refused coverage spread sphere ellipsoid circle
+  agreement offer_joins)
 
 # x86-64
 LD_BIND_NOW=1 valgrind --tool=callgrind --callgrind-out-file="$tmp/cg" "$x86" >/dev/null 2>"$tmp/vg" ||
@@ -39,9 +40,18 @@ label() {
     double) echo "the double-precision functions (gravity, field, matrix, Euler)" ;;
     kasa_double) echo "plain algebraic (Kasa) sphere fit, double" ;;
     kasa_float) echo "plain algebraic (Kasa) sphere fit, float" ;;
+    offer_still) echo "kit store, full (32): a still phone's sample refused" ;;
+    offer_refused) echo "kit store, full: the longest refusal (every sample tried)" ;;
+    offer_joins) echo "kit store, full: a sample that widens it, replacing one" ;;
+    coverage) echo "kit store: coverage cells about a centre" ;;
+    spread) echo "kit store: covariance eigenvalue spread" ;;
+    sphere) echo "kit sphere fit, full store" ;;
+    ellipsoid) echo "kit ellipsoid fit, full store" ;;
+    circle) echo "kit circle fit, full store" ;;
+    agreement) echo "kit store agreement under offset and W (strengths, dip)" ;;
   esac
 }
-printf '| %-72s | %9s | %9s |\n' "instructions, same 16 samples" "x86-64" "armel"
+printf '| %-72s | %9s | %9s |\n' "instructions (16 samples for the library's fit)" "x86-64" "armel"
 printf '|%s|%s|%s|\n' "$(printf -- '-%.0s' {1..74})" "$(printf -- '-%.0s' {1..10}):" "$(printf -- '-%.0s' {1..10}):"
 for c in "${cases[@]:1}"; do
   printf '| %-72s | %9s | %9s |\n' "$(label "$c")" \

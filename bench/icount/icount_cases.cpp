@@ -2,9 +2,11 @@
 // own between two calls of icount_mark(): the calibration's fitting call, one cycle
 // that does not fit, the double-precision attitude functions, and for comparison a
 // plain algebraic (Kasa) sphere fit in double and in float on the same 16 samples,
-// compiled with the same flags. An emulator's time means nothing, so the script
-// counts instructions: callgrind on x86-64, a one-instruction-per-block qemu trace on
-// armel. Each case checks its result, so a count is never of a call that did nothing.
+// compiled with the same flags; then the kit's estimator units on a full store of 32
+// samples. An emulator's time means nothing, so the script counts instructions:
+// callgrind on x86-64, a one-instruction-per-block qemu trace on armel. Each case
+// checks its result, so a count is never of a call that did nothing.
+#include <cmath>
 #include <cstdint>
 #include <cstdio>
 
@@ -12,6 +14,10 @@
 #include "drivers/drivers.h"
 #include "drivers/typical_chip.h"
 #include "orientation/orientation.h"
+#include "service/circle_fit.h"
+#include "service/ellipsoid_fit.h"
+#include "service/field_store.h"
+#include "service/sphere_fit.h"
 
 namespace {
 
@@ -58,6 +64,39 @@ void kasa_fit(const KmxAxesData *p, int n, T centre[3]) {
     for (int i = 0; i < 3; ++i) centre[i] = u[i] / T(2);
 }
 
+// The estimators' cases: a full store of a soft-iron ellipsoid (radius about 120 counts
+// about (100, -50, 200)), a full store of a car mount's circle, and their results.
+using namespace kmxc_kit;
+FieldStore g_store, g_ring;
+SphereFit g_sphere;
+EllipsoidFit g_ellipsoid;
+CircleFit g_circle;
+StoreAgreement g_agreement;
+Spread g_spread;
+FitResult g_fit_results[3];
+Offer g_offers[3];
+int g_coverage;
+const Vec3 kCentre{100, -50, 200}, kDown{0, 0, 4096};
+
+void fill_stores() {
+    field_store_clear(&g_store);
+    field_store_clear(&g_ring);
+    for (int k = 0; k < 400; ++k) {
+        const int i = k * 97 % 400;  // the golden-angle spiral's points in a scrambled order
+        const double z = 1 - 2 * (i + 0.5) / 400, r = std::sqrt(1 - z * z), a = i * 2.399963;
+        const Vec3 m{kCentre.x + static_cast<int32_t>(std::lround(130 * r * std::cos(a))),
+                     kCentre.y + static_cast<int32_t>(std::lround(115 * r * std::sin(a))),
+                     kCentre.z + static_cast<int32_t>(std::lround(110 * z))};
+        field_store_offer(&g_store, m, kDown, nullptr, false, true);
+    }
+    for (int i = 0; i < 400 && g_ring.count < kStoreCapacity; ++i) {
+        const double a = i * 2.399963;
+        const Vec3 m{kCentre.x + static_cast<int32_t>(std::lround(90 * std::cos(a))),
+                     kCentre.y + static_cast<int32_t>(std::lround(90 * std::sin(a))), kCentre.z + 60 + (i % 3) - 1};
+        field_store_offer(&g_ring, m, kDown, nullptr, false, true);
+    }
+}
+
 }  // namespace
 
 extern "C" {
@@ -82,6 +121,30 @@ __attribute__((noinline)) void icount_case_double(void) {
 }
 __attribute__((noinline)) void icount_case_kasa_double(void) { kasa_fit<double>(kBatch, 16, g_centre_d); }
 __attribute__((noinline)) void icount_case_kasa_float(void) { kasa_fit<float>(kBatch, 16, g_centre_f); }
+// A still phone's sample: near the sample that joined last (the first one tried).
+__attribute__((noinline)) void icount_case_offer_still(void) {
+    const StoredSample &p = g_store.sample[g_store.last];
+    g_offers[0] = field_store_offer(&g_store, Vec3{p.m[0] + 2, p.m[1] - 1, p.m[2]}, kDown, &kCentre, false, true);
+}
+// The longest refusal: near only the sample in the last slot, every other one tried.
+__attribute__((noinline)) void icount_case_offer_refused(void) {
+    const StoredSample &p = g_store.sample[kStoreCapacity - 1];
+    g_offers[1] = field_store_offer(&g_store, Vec3{p.m[0] + 3, p.m[1], p.m[2] - 2}, kDown, &kCentre, false, true);
+}
+// A sample that widens the full store: it replaces the older of the closest pair.
+__attribute__((noinline)) void icount_case_offer_joins(void) {
+    g_offers[2] = field_store_offer(&g_store, Vec3{kCentre.x - 800, kCentre.y, kCentre.z}, kDown, nullptr, false, true);
+}
+__attribute__((noinline)) void icount_case_coverage(void) { g_coverage = field_store_coverage(g_store, kCentre); }
+__attribute__((noinline)) void icount_case_spread(void) { g_spread = field_store_spread(g_store); }
+__attribute__((noinline)) void icount_case_sphere(void) { g_fit_results[0] = sphere_fit(g_store, &g_sphere); }
+__attribute__((noinline)) void icount_case_ellipsoid(void) {
+    g_fit_results[1] = ellipsoid_fit(g_store, g_sphere, &g_ellipsoid);
+}
+__attribute__((noinline)) void icount_case_circle(void) { g_fit_results[2] = circle_fit(g_ring, kDown, &g_circle); }
+__attribute__((noinline)) void icount_case_agreement(void) {
+    field_store_agreement(g_store, g_ellipsoid.offset, g_ellipsoid.w_q14, &g_agreement);
+}
 }
 
 namespace {
@@ -117,11 +180,37 @@ int main() {
     measure(icount_case_kasa_double);
     measure(icount_case_kasa_float);
 
+    fill_stores();
+    const bool full = g_store.count == kStoreCapacity && g_ring.count == kStoreCapacity;
+    measure(icount_case_offer_still);
+    measure(icount_case_offer_refused);
+    measure(icount_case_coverage);
+    measure(icount_case_spread);
+    measure(icount_case_sphere);
+    measure(icount_case_ellipsoid);
+    measure(icount_case_circle);
+    measure(icount_case_agreement);
+    measure(icount_case_offer_joins);
+
     std::printf("fit rc %d, cycle rc %d heading %u, azimuth %.0f, Kasa centre %.1f,%.1f,%.1f (float %.1f,%.1f,%.1f)\n",
                 fit, cycle, unsigned(g_heading), g_angles[0], g_centre_d[0], g_centre_d[1], g_centre_d[2],
                 double(g_centre_f[0]), double(g_centre_f[1]), double(g_centre_f[2]));
+    std::printf(
+        "store: offers %d %d %d, coverage %d, spread %d; sphere %d at %d,%d,%d; ellipsoid %d axes %d %d %d; "
+        "circle %d radius %d; agreement within %d permille\n",
+        int(g_offers[0]), int(g_offers[1]), int(g_offers[2]), g_coverage, g_spread.ratio_min, int(g_fit_results[0]),
+        g_sphere.offset.x, g_sphere.offset.y, g_sphere.offset.z, int(g_fit_results[1]), g_ellipsoid.axes_q14[0],
+        g_ellipsoid.axes_q14[1], g_ellipsoid.axes_q14[2], int(g_fit_results[2]), g_circle.radius_q4,
+        g_agreement.strength.worst_permille);
     // 63: a new offset on all three axes; 7: no new offset, the status of a 3-D calibration.
     const bool ok = fit == KMXC_CALIB_THREE_D && cycle == 7 && near(g_centre_d[0], 100) && near(g_centre_d[1], -50) &&
                     near(g_centre_d[2], 200) && near(g_centre_f[0], 100) && near(g_centre_f[2], 200);
-    return ok ? 0 : 1;
+    // The estimators: refusals near kept samples, a replacing join, three fits that
+    // found the centre, and a corrected store that agrees within 1 percent.
+    const bool estimators = full && g_offers[0] == Offer::kNotWider && g_offers[1] == Offer::kNotWider &&
+                            g_offers[2] == Offer::kJoinedReplacing && g_fit_results[0] == FitResult::kOk &&
+                            g_fit_results[1] == FitResult::kOk && g_fit_results[2] == FitResult::kOk &&
+                            near(g_ellipsoid.offset.x, 100) && near(g_ellipsoid.offset.y, -50) &&
+                            near(g_ellipsoid.offset.z, 200) && g_agreement.strength.worst_permille < 10;
+    return ok && estimators ? 0 : 1;
 }

@@ -1,0 +1,459 @@
+// The sphere, ellipsoid and circle fits on synthetic physics (random hard and soft
+// iron, field strength, dip, noise and handling), each against an independent
+// double-precision fit of the same model (Eigen); their accuracy against the truth;
+// their refusals and the plausibility range at their limits; the circle's offsets.
+#include <gtest/gtest.h>
+
+#include <Eigen/Dense>
+#include <cmath>
+#include <random>
+#include <vector>
+
+#include "service/circle_fit.h"
+#include "service/ellipsoid_fit.h"
+#include "service/sphere_fit.h"
+
+namespace {
+
+using namespace kmxc_kit;
+using Eigen::Matrix3d;
+using Eigen::Vector3d;
+
+constexpr double kPi = 3.14159265358979323846;
+constexpr double kCountsPerUt = 2.5;
+
+// The estimators' state the kit will keep: the store and one result of each fit.
+static_assert(sizeof(FieldStore) + sizeof(SphereFit) + sizeof(EllipsoidFit) + sizeof(CircleFit) <= 1024);
+
+// ---- Synthetic physics ------------------------------------------------------------------
+
+enum class Handling {
+    kEverywhere,  // turned through every attitude
+    kTilted90,    // any heading, pitch and roll within +-90 degrees: most of the sphere
+    kHeldLevel,   // any heading, pitch and roll within +-30 degrees: a cap
+    kCarMount,    // any heading, one fixed tilt: a circle
+};
+
+struct Phone {
+    Vector3d offset;  // hard iron, counts
+    Matrix3d soft;    // m = offset + soft * field
+    Vector3d field;   // Earth frame (x north, y east, z down), counts
+    double noise;     // counts, standard deviation per axis
+    Matrix3d mount;   // a car mount's fixed tilt
+    std::mt19937_64 rng;
+};
+
+Phone random_phone(uint64_t seed, bool soft_iron, double noise_ut) {
+    Phone p{{}, Matrix3d::Identity(), {}, noise_ut * kCountsPerUt, Matrix3d::Identity(), std::mt19937_64(seed)};
+    std::uniform_real_distribution<double> uni(0, 1);
+    const double max_offset = 300 * kCountsPerUt;
+    p.offset = Vector3d(uni(p.rng) * 2 - 1, uni(p.rng) * 2 - 1, uni(p.rng) * 2 - 1) * max_offset;
+    const double strength = (25 + 40 * uni(p.rng)) * kCountsPerUt, dip = (10 + 70 * uni(p.rng)) * kPi / 180;
+    p.field = strength * Vector3d(std::cos(dip), 0, std::sin(dip));
+    if (soft_iron) {
+        const Matrix3d q = Eigen::Quaterniond::UnitRandom().toRotationMatrix();
+        const Vector3d axes(0.8 + 0.45 * uni(p.rng), 0.8 + 0.45 * uni(p.rng), 0.8 + 0.45 * uni(p.rng));
+        p.soft = q * axes.asDiagonal() * q.transpose();
+    }
+    p.mount = (Eigen::AngleAxisd(0.6 * (uni(p.rng) - 0.5), Vector3d::UnitX()) *
+               Eigen::AngleAxisd(0.6 * (uni(p.rng) - 0.5), Vector3d::UnitY()))
+                  .toRotationMatrix();
+    return p;
+}
+
+// Earth-to-phone rotation of one random attitude of the handling.
+Matrix3d attitude(Phone &p, Handling h) {
+    std::uniform_real_distribution<double> uni(-1, 1);
+    if (h == Handling::kEverywhere) return Eigen::Quaterniond::UnitRandom().toRotationMatrix().transpose();
+    const double limit = h == Handling::kTilted90 ? kPi / 2 : h == Handling::kHeldLevel ? kPi / 6 : 0;
+    const Matrix3d r = (Eigen::AngleAxisd(kPi * uni(p.rng), Vector3d::UnitZ()) *
+                        Eigen::AngleAxisd(limit * uni(p.rng), Vector3d::UnitY()) *
+                        Eigen::AngleAxisd(limit * uni(p.rng), Vector3d::UnitX()))
+                           .toRotationMatrix();
+    return (h == Handling::kCarMount ? r * p.mount : r).transpose();
+}
+
+Vec3 rounded(const Vector3d &v) {
+    return Vec3{static_cast<int32_t>(std::lround(v.x())), static_cast<int32_t>(std::lround(v.y())),
+                static_cast<int32_t>(std::lround(v.z()))};
+}
+Vector3d as_double(const Vec3 &v) { return Vector3d(v.x, v.y, v.z); }
+
+// The store after a stream of samples from the handling; mean gravity returned.
+FieldStore handled(Phone &p, Handling h, int samples, Vector3d *mean_gravity = nullptr) {
+    std::normal_distribution<double> gauss;
+    FieldStore s;
+    field_store_clear(&s);
+    Vector3d gsum = Vector3d::Zero();
+    for (int i = 0; i < samples; ++i) {
+        const Matrix3d r = attitude(p, h);
+        const Vector3d m =
+            p.offset + p.soft * (r * p.field) + p.noise * Vector3d(gauss(p.rng), gauss(p.rng), gauss(p.rng));
+        const Vector3d g = r * Vector3d(0, 0, 4096);
+        gsum += g;
+        field_store_offer(&s, rounded(m), rounded(g), nullptr, false, true);
+    }
+    if (mean_gravity != nullptr) *mean_gravity = gsum / samples;
+    return s;
+}
+
+std::vector<Vector3d> fields_of(const FieldStore &s) {
+    std::vector<Vector3d> v;
+    for (int i = 0; i < s.count; ++i) v.push_back(as_double(stored_field(s, i)));
+    return v;
+}
+
+// ---- Double-precision fits of the same models ---------------------------------------------
+
+struct SphereRef {
+    Vector3d centre;
+    double radius;
+};
+SphereRef sphere_reference(const std::vector<Vector3d> &m) {
+    Vector3d mean = Vector3d::Zero();
+    for (const auto &p : m) mean += p / m.size();
+    Matrix3d s = Matrix3d::Zero();
+    Vector3d r = Vector3d::Zero();
+    double w = 0;
+    for (const auto &p : m) {
+        const Vector3d u = p - mean;
+        s += u * u.transpose(), r += u * u.squaredNorm(), w += u.squaredNorm();
+    }
+    const Vector3d c = s.ldlt().solve(r / 2);
+    return {mean + c, std::sqrt(w / m.size() + c.squaredNorm())};
+}
+
+struct EllipsoidRef {
+    Vector3d centre;
+    Matrix3d w;
+    Vector3d axes;  // descending
+    double radius;
+};
+EllipsoidRef ellipsoid_reference(const std::vector<Vector3d> &m, const SphereFit &sphere) {
+    const Vector3d c0 = as_double(sphere.offset);
+    Eigen::Matrix<double, 9, 9> a = Eigen::Matrix<double, 9, 9>::Zero();
+    Eigen::Matrix<double, 9, 1> r = Eigen::Matrix<double, 9, 1>::Zero();
+    for (const auto &p : m) {
+        const Vector3d u = p - c0;
+        Eigen::Matrix<double, 9, 1> f;
+        f << u.x() * u.x() - u.z() * u.z(), u.y() * u.y() - u.z() * u.z(), 2 * u.x() * u.y(), 2 * u.x() * u.z(),
+            2 * u.y() * u.z(), -2 * u.x(), -2 * u.y(), -2 * u.z(), 1;
+        a += f * f.transpose(), r -= f * u.squaredNorm();
+    }
+    // The ridge, from the same whole numbers as the fit's.
+    const int64_t r2 = int64_t{sphere.radius_q4} * sphere.radius_q4;
+    const double lambda = double((int64_t(m.size()) * ((r2 * r2) >> 16)) >> kEllipsoidRidgeBits);
+    a(0, 0) += 2 * lambda, a(1, 1) += 2 * lambda, a(0, 1) += lambda, a(1, 0) += lambda;
+    for (int j = 2; j < 5; ++j) a(j, j) += 2 * lambda;
+    const Eigen::Matrix<double, 9, 1> x = a.ldlt().solve(r);
+    Matrix3d am;
+    am << 1 + x(0), x(2), x(3), x(2), 1 + x(1), x(4), x(3), x(4), 1 - x(0) - x(1);
+    const Vector3d b(x(5), x(6), x(7)), c = am.ldlt().solve(b);
+    const Eigen::SelfAdjointEigenSolver<Matrix3d> es(am);
+    const double g = std::cbrt(std::sqrt(am.determinant()));
+    return {c0 + c, es.operatorSqrt() / g, es.eigenvalues().cwiseSqrt().reverse() / g, std::sqrt(b.dot(c) - x(8)) / g};
+}
+
+struct CircleRef {
+    Vector3d normal, centre;
+    double radius, out_of_plane;
+};
+CircleRef circle_reference(const std::vector<Vector3d> &m, const Vector3d &gravity) {
+    Vector3d mean = Vector3d::Zero();
+    for (const auto &p : m) mean += p / m.size();
+    Matrix3d cov = Matrix3d::Zero();
+    for (const auto &p : m) cov += (p - mean) * (p - mean).transpose();
+    const Eigen::SelfAdjointEigenSolver<Matrix3d> es(cov);
+    Vector3d n = es.eigenvectors().col(0);
+    if (n.dot(gravity) < 0) n = -n;
+    const Vector3d e1 = n.unitOrthogonal(), e2 = n.cross(e1);
+    Eigen::Matrix2d s = Eigen::Matrix2d::Zero();
+    Eigen::Vector2d r = Eigen::Vector2d::Zero(), sum = Eigen::Vector2d::Zero();
+    std::vector<Eigen::Vector2d> q;
+    for (const auto &p : m) q.emplace_back((p - mean).dot(e1), (p - mean).dot(e2)), sum += q.back() / m.size();
+    double w = 0;
+    for (const auto &p : q) {
+        const Eigen::Vector2d u = p - sum;
+        s += u * u.transpose(), r += u * u.squaredNorm(), w += u.squaredNorm();
+    }
+    const Eigen::Vector2d c = s.ldlt().solve(r / 2) + sum;
+    return {n, mean + c.x() * e1 + c.y() * e2, std::sqrt(w / m.size() + (c - sum).squaredNorm()),
+            std::sqrt(es.eigenvalues()(0) / m.size())};
+}
+
+// The fit's whole-count offset is the reference's rounded, except within a hundredth of
+// a count of a tie.
+void expect_rounded(const Vec3 &got, const Vector3d &want, const char *what) {
+    const int32_t g[3] = {got.x, got.y, got.z};
+    for (int k = 0; k < 3; ++k) {
+        const double frac = want(k) - std::floor(want(k));
+        if (std::fabs(frac - 0.5) < 0.01) {
+            EXPECT_NEAR(g[k], want(k), 0.51) << what << " axis " << k;
+        } else {
+            EXPECT_EQ(g[k], std::lround(want(k))) << what << " axis " << k << " reference " << want(k);
+        }
+    }
+}
+
+// ---- The fits against their double-precision references -----------------------------------
+
+struct Scenario {
+    const char *name;
+    Handling handling;
+    bool soft_iron;
+};
+
+// The same stores through both fits: each agrees with its double fit (offsets rounded,
+// W and its axes within 2e-4, radii within a sixteenth); against the truth, the sphere
+// fit finds a hard-iron offset and the ellipsoid fit a soft-iron one and its W.
+TEST(SphereAndEllipsoidFits, AreTheirDoubleFitsRoundedAndRecoverHardAndSoftIron) {
+    const Scenario cases[] = {{"everywhere, hard iron", Handling::kEverywhere, false},
+                              {"everywhere, soft iron", Handling::kEverywhere, true},
+                              {"tilted 90, soft iron", Handling::kTilted90, true},
+                              {"held level (a cap), hard iron", Handling::kHeldLevel, false}};
+    double worst_w = 0, worst_axis = 0;
+    for (const auto &c : cases) {
+        double sphere_truth = 0, ellipsoid_truth = 0, w_truth = 0;
+        int fitted = 0;
+        for (int trial = 0; trial < 100; ++trial) {
+            Phone p = random_phone(1000 + trial, c.soft_iron, 0.5 * (trial % 5) / 4);
+            const FieldStore s = handled(p, c.handling, 600);
+            SphereFit sphere;
+            const FitResult result = sphere_fit(s, &sphere);
+            if (c.handling == Handling::kHeldLevel && result == FitResult::kIllConditioned) continue;
+            ASSERT_EQ(result, FitResult::kOk) << c.name << " " << trial;
+            const SphereRef sref = sphere_reference(fields_of(s));
+            expect_rounded(sphere.offset, sref.centre, c.name);
+            EXPECT_NEAR(sphere.radius_q4 / 16.0, sref.radius, 1 / 16.0 + 0.01) << c.name;
+            sphere_truth = std::max(sphere_truth, (as_double(sphere.offset) - p.offset).norm());
+
+            EllipsoidFit fit;
+            const FitResult eresult = ellipsoid_fit(s, sphere, &fit);
+            ASSERT_TRUE(eresult == FitResult::kOk || eresult == FitResult::kImplausible) << c.name << " " << trial;
+            ++fitted;
+            const EllipsoidRef ref = ellipsoid_reference(fields_of(s), sphere);
+            expect_rounded(fit.offset, ref.centre, c.name);
+            Matrix3d w;
+            for (int i = 0; i < 9; ++i) w(i / 3, i % 3) = fit.w_q14[i] / 16384.0;
+            worst_w = std::max(worst_w, (w - ref.w).cwiseAbs().maxCoeff());
+            for (int k = 0; k < 3; ++k)
+                worst_axis = std::max(worst_axis, std::fabs(fit.axes_q14[k] / 16384.0 - ref.axes(k)));
+            EXPECT_NEAR(fit.radius_q4 / 16.0, ref.radius, 1 / 16.0 + 0.01) << c.name;
+            if (std::fabs(ref.axes(0) - 1.25) > 1e-3 && std::fabs(ref.axes(2) - 0.8) > 1e-3) {
+                EXPECT_EQ(eresult == FitResult::kOk, ref.axes(0) <= 1.25 && ref.axes(2) >= 0.8) << c.name;
+            }
+            // The truth: W is the soft iron's inverse, scaled to determinant 1.
+            Matrix3d truth = p.soft.inverse();
+            truth /= std::cbrt(truth.determinant());
+            ellipsoid_truth = std::max(ellipsoid_truth, (as_double(fit.offset) - p.offset).norm());
+            w_truth = std::max(w_truth, (w - truth).cwiseAbs().maxCoeff());
+        }
+        EXPECT_GT(fitted, 90) << c.name;
+        std::printf(
+            "%s: offset within %.2f counts of the truth by the sphere fit, %.2f by the ellipsoid fit (W within "
+            "%.4f)\n",
+            c.name, sphere_truth, ellipsoid_truth, w_truth);
+        if (c.handling == Handling::kEverywhere) {
+            EXPECT_LT(c.soft_iron ? ellipsoid_truth : sphere_truth, 3.0) << c.name;
+            EXPECT_LT(w_truth, 0.05) << c.name;
+        }
+    }
+    EXPECT_LT(worst_w, 2e-4);
+    EXPECT_LT(worst_axis, 2e-4);
+    std::printf("ellipsoid fit against the double fit: W within %.2e, axes within %.2e\n", worst_w, worst_axis);
+}
+
+TEST(CircleFit, AgreesWithTheDoubleFitAndGivesTheOffsetFromAReferenceOrAPrior) {
+    double worst_normal = 0, worst_truth = 0;
+    for (int trial = 0; trial < 200; ++trial) {
+        Phone p = random_phone(3000 + trial, false, 0.5 * (trial % 5) / 4);
+        Vector3d gravity;
+        const FieldStore s = handled(p, Handling::kCarMount, 400, &gravity);
+        CircleFit fit;
+        ASSERT_EQ(circle_fit(s, rounded(gravity), &fit), FitResult::kOk) << trial;
+        const CircleRef ref = circle_reference(fields_of(s), gravity);
+        const Vector3d n = as_double(fit.normal_q14) / 16384;
+        worst_normal = std::max(worst_normal, std::acos(std::min(1.0, n.normalized().dot(ref.normal))));
+        EXPECT_NEAR(n.norm(), 1, 1e-4);
+        EXPECT_LT((as_double(fit.centre_q4) / 16 - ref.centre).norm(), 0.1) << trial;
+        EXPECT_NEAR(fit.radius_q4 / 16.0, ref.radius, 0.1) << trial;
+        EXPECT_NEAR(fit.out_of_plane_q4 / 16.0, ref.out_of_plane, 0.1) << trial;
+
+        // The reference field: strength, and angle to gravity (90 degrees minus the dip).
+        const int32_t strength = static_cast<int32_t>(std::lround(p.field.norm()));
+        const int32_t angle =
+            static_cast<int32_t>(std::lround(9000 - std::asin(p.field.z() / p.field.norm()) * 18000 / kPi));
+        Vec3 offset;
+        int32_t mismatch;
+        ASSERT_TRUE(circle_offset_from_reference(fit, strength, angle, &offset, &mismatch));
+        // Against the truth: the centre's noise, and the normal's tilt (its error grows as
+        // the circle shrinks) times the axial component F cos(theta).
+        const Vector3d axis = p.mount.transpose().col(2);  // the car's vertical in the phone
+        const double tilt = std::acos(std::min(1.0, std::fabs(n.normalized().dot(axis))));
+        const double axial = p.field.z();
+        const double error = (as_double(offset) - p.offset).norm();
+        EXPECT_LT(error, 2.5 + 1.2 * axial * tilt) << trial;
+        worst_truth = std::max(worst_truth, error - axial * tilt);
+        // The radius: noise (with the samples' rounding) over the circle's samples.
+        const double sigma = std::sqrt(p.noise * p.noise + 1.0 / 12), radius = fit.radius_q4 / 16.0;
+        EXPECT_LT(std::abs(mismatch), 5 + 4000 * sigma / std::sqrt(double(s.count)) / radius) << trial;
+        // A prior off the truth along the axis and across it: the centre with the prior's
+        // axial part, rounded.
+        const Vec3 prior = rounded(p.offset + n.unitOrthogonal() * 40 + n * 25);
+        const Vector3d centre = as_double(fit.centre_q4) / 16, nn = n.normalized();
+        const Vector3d kept = centre + (as_double(prior) - centre).dot(nn) * nn;
+        const Vec3 got = circle_offset_from_prior(fit, prior);
+        EXPECT_LT((as_double(got) - kept).cwiseAbs().maxCoeff(), 0.51) << trial;
+    }
+    EXPECT_LT(worst_normal, 2e-4);
+    std::printf(
+        "circle fit: normal within %.2e rad of the double fit; offset from the reference within %.2f counts "
+        "of the truth beyond the normal's tilt times the axial field\n",
+        worst_normal, worst_truth);
+}
+
+// ---- Refusals and limits ---------------------------------------------------------------------
+
+FieldStore store_with(const std::vector<Vec3> &fields) {
+    FieldStore s;
+    field_store_clear(&s);
+    for (const Vec3 &m : fields) {
+        s.sample[s.count] = StoredSample{
+            {static_cast<int16_t>(m.x), static_cast<int16_t>(m.y), static_cast<int16_t>(m.z)}, {0, 0, 4096}};
+        ++s.count;
+    }
+    return s;
+}
+
+// n samples on a circle of the given radius about c, in the plane z = c.z.
+std::vector<Vec3> circle_points(int n, const Vec3 &c, double radius = 100) {
+    std::vector<Vec3> v;
+    for (int i = 0; i < n; ++i) {
+        const double a = 2 * kPi * i / n;
+        v.push_back(Vec3{c.x + static_cast<int32_t>(std::lround(radius * std::cos(a))),
+                         c.y + static_cast<int32_t>(std::lround(radius * std::sin(a))), c.z});
+    }
+    return v;
+}
+
+// Samples on a sphere of radius 100 about c, n of them spread by the golden angle.
+std::vector<Vec3> sphere_points(int n, const Vec3 &c, double radius = 100, double flat = 1) {
+    std::vector<Vec3> v;
+    for (int i = 0; i < n; ++i) {
+        const double z = 1 - 2 * (i + 0.5) / n, r = std::sqrt(1 - z * z), a = i * 2.399963;
+        v.push_back(Vec3{c.x + static_cast<int32_t>(std::lround(radius * r * std::cos(a))),
+                         c.y + static_cast<int32_t>(std::lround(radius * r * std::sin(a))),
+                         c.z + static_cast<int32_t>(std::lround(radius * z * flat))});
+    }
+    return v;
+}
+
+TEST(Fits, RefuseWhatTheSamplesDoNotDetermineEachAtItsLimit) {
+    static_assert(kSphereMinSpread == 16);
+    const Vec3 c{300, -200, 100};
+    const auto at = [&](int x, int y, int z) { return Vec3{c.x + x, c.y + y, c.z + z}; };
+    // Spread (z variance over x variance) 1024 (z1^2 + z2^2) / 256 / 16 at most... exactly:
+    // samples +-64 on x and y, +-z1 and +-z2 on z: 1024 * 2 (z1^2 + z2^2) / (2 * 64^2 * 2).
+    const auto axes = [&](int z1, int z2) {
+        return std::vector<Vec3>{at(64, 0, 0), at(-64, 0, 0), at(0, 64, 0), at(0, -64, 0),
+                                 at(0, 0, z1), at(0, 0, -z1), at(0, 0, z2), at(0, 0, -z2)};
+    };
+    std::vector<Vec3> far = sphere_points(8, c);
+    far[7] = at(2600, 0, 0);
+    const struct {
+        const char *name;
+        std::vector<Vec3> samples;
+        FitResult result;
+    } sphere_cases[] = {
+        {"seven samples", sphere_points(7, c), FitResult::kTooFew},
+        {"eight samples", sphere_points(8, c), FitResult::kOk},
+        {"spread exactly 16/1024", axes(8, 0), FitResult::kOk},
+        {"spread 15/1024", axes(6, 5), FitResult::kIllConditioned},
+        {"a flat ring", circle_points(32, c), FitResult::kIllConditioned},
+        {"a sample beyond the span", far, FitResult::kOverflowRisk},
+    };
+    for (const auto &k : sphere_cases) {
+        SphereFit fit{};
+        EXPECT_EQ(sphere_fit(store_with(k.samples), &fit), k.result) << k.name;
+    }
+
+    SphereFit sphere;
+    ASSERT_EQ(sphere_fit(store_with(sphere_points(32, c)), &sphere), FitResult::kOk);
+    std::vector<Vec3> beyond = sphere_points(32, c);
+    beyond[0] = at(1025, 0, 0);
+    std::vector<Vec3> flat = circle_points(32, c);
+    const struct {
+        const char *name;
+        std::vector<Vec3> samples;
+        FitResult result;
+    } ellipsoid_cases[] = {
+        {"seventeen samples", sphere_points(17, c), FitResult::kTooFew},
+        {"eighteen samples", sphere_points(18, c), FitResult::kOk},
+        {"a sample beyond the span", beyond, FitResult::kOverflowRisk},
+        {"a flat ring", flat, FitResult::kIllConditioned},
+        {"an ellipsoid flattened to 0.7", sphere_points(32, c, 100, 0.7), FitResult::kImplausible},
+    };
+    for (const auto &k : ellipsoid_cases) {
+        EllipsoidFit fit{};
+        EXPECT_EQ(ellipsoid_fit(store_with(k.samples), sphere, &fit), k.result) << k.name;
+        if (k.result == FitResult::kImplausible) { EXPECT_GT(fit.axes_q14[0], kAxisMaxQ14) << "filled"; }
+    }
+
+    std::vector<Vec3> line, circle_far = circle_points(8, c);
+    for (int i = 0; i < 8; ++i) line.push_back(at(10 * i, 20 * i, -30 * i));
+    circle_far[0] = at(2600, 0, 0);
+    const struct {
+        const char *name;
+        std::vector<Vec3> samples;
+        FitResult result;
+    } circle_cases[] = {
+        {"five samples", circle_points(5, c), FitResult::kTooFew},
+        {"six samples", circle_points(6, c), FitResult::kOk},
+        {"a line", line, FitResult::kIllConditioned},
+        {"a sample beyond the span", circle_far, FitResult::kOverflowRisk},
+    };
+    for (const auto &k : circle_cases) {
+        CircleFit fit{};
+        EXPECT_EQ(circle_fit(store_with(k.samples), Vec3{0, 0, 4096}, &fit), k.result) << k.name;
+    }
+    CircleFit fit{};
+    ASSERT_EQ(circle_fit(store_with(circle_points(12, c)), Vec3{0, 0, -4096}, &fit), FitResult::kOk);
+    EXPECT_EQ(fit.normal_q14.z, -16384) << "signed the way gravity pulls";
+    Vec3 offset{};
+    int32_t mismatch = 0;
+    EXPECT_FALSE(circle_offset_from_reference(fit, 120, 0, &offset, &mismatch)) << "a field along the axis";
+    ASSERT_TRUE(circle_offset_from_reference(fit, 100, 9000, &offset, &mismatch));
+    EXPECT_TRUE(offset.x == c.x && offset.y == c.y && offset.z == c.z && std::abs(mismatch) <= 2);
+}
+
+TEST(EllipsoidFit, AxesArePlausibleFromExactly08To125) {
+    static_assert(kAxisMinQ14 == 13107 && kAxisMaxQ14 == 20480);
+    const struct {
+        int32_t axes[3];
+        bool plausible;
+    } cases[] = {{{20480, 16384, 13107}, true},
+                 {{20481, 16384, 13107}, false},
+                 {{20480, 16384, 13106}, false},
+                 {{16384, 13106, 13200}, false}};
+    for (const auto &c : cases) EXPECT_EQ(axes_plausible(c.axes), c.plausible) << c.axes[0] << " " << c.axes[2];
+}
+
+// The kit corrects every sample with W: each component within half a count of W v.
+TEST(EllipsoidFit, TheCorrectionAppliesAsItsMatrixRounded) {
+    std::mt19937_64 rng(29);
+    std::uniform_int_distribution<int32_t> comp(-65536, 65536), entry(-4000, 4000);
+    for (int k = 0; k < 10000; ++k) {
+        int16_t w[9];
+        for (int i = 0; i < 9; ++i) w[i] = static_cast<int16_t>((i % 4 == 0 ? 16384 : 0) + entry(rng));
+        const Vec3 v{comp(rng), comp(rng), comp(rng)}, got = apply_q14(w, v, 0), got4 = apply_q14(w, v, 4);
+        const int32_t g[3] = {got.x, got.y, got.z}, g4[3] = {got4.x, got4.y, got4.z};
+        for (int r = 0; r < 3; ++r) {
+            const double want =
+                (w[3 * r] * double(v.x) + w[3 * r + 1] * double(v.y) + w[3 * r + 2] * double(v.z)) / 16384;
+            ASSERT_LE(std::fabs(g[r] - want), 0.5) << "row " << r;
+            ASSERT_LE(std::fabs(g4[r] / 16.0 - want), 1 / 32.0) << "row " << r;
+        }
+    }
+}
+
+}  // namespace

@@ -1,0 +1,316 @@
+// The diversity store: each admission rule at its threshold, the closest pair's older
+// sample replaced, coverage cells at their borders, the invariants over a long stream
+// from a randomly turned phone, and its statistics against double precision.
+#include <gtest/gtest.h>
+
+#include <Eigen/Dense>
+#include <algorithm>
+#include <cmath>
+#include <random>
+#include <vector>
+
+#include "service/field_store.h"
+
+namespace {
+
+using namespace kmxc_kit;
+
+const Vec3 kDown{0, 0, -4096};
+
+FieldStore store_of(const std::vector<Vec3> &fields) {
+    FieldStore s;
+    field_store_clear(&s);
+    for (const Vec3 &m : fields) EXPECT_EQ(field_store_offer(&s, m, kDown, nullptr, false, true), Offer::kJoined);
+    return s;
+}
+
+int64_t dist_sq(const StoredSample &a, const StoredSample &b) {
+    int64_t sum = 0;
+    for (int k = 0; k < 3; ++k) sum += int64_t{a.m[k] - b.m[k]} * (a.m[k] - b.m[k]);
+    return sum;
+}
+
+TEST(FieldStore, AdmissionStartsAtExactlyTheLeastDistanceFromEveryKeptSample) {
+    static_assert(kStoreMinDistance == 8);
+    const struct {
+        const char *name;
+        std::vector<Vec3> kept;
+        Vec3 candidate;
+        Offer result;
+    } cases[] = {
+        {"exactly 8 along an axis", {{100, 0, 0}}, {108, 0, 0}, Offer::kJoined},
+        {"7 along an axis", {{100, 0, 0}}, {107, 0, 0}, Offer::kTooNear},
+        {"exactly 8, negative axis", {{0, 0, 0}}, {0, 0, -8}, Offer::kJoined},
+        {"every axis nearer than 8, the distance not (7, 7, 0)", {{0, 0, 0}}, {7, 7, 0}, Offer::kJoined},
+        {"just over 8 on a diagonal (5, 5, 4)", {{0, 0, 0}}, {5, 5, 4}, Offer::kJoined},
+        {"just under 8 on a diagonal (5, 4, 4)", {{0, 0, 0}}, {5, -4, 4}, Offer::kTooNear},
+        {"near an earlier sample, far from the last",
+         {{0, 0, 0}, {200, 0, 0}, {0, 200, 0}},
+         {5, 0, 0},
+         Offer::kTooNear},
+        {"near the last sample", {{0, 0, 0}, {200, 0, 0}}, {205, 3, 0}, Offer::kTooNear},
+        {"far from all", {{0, 0, 0}, {200, 0, 0}}, {100, 0, 0}, Offer::kJoined},
+    };
+    for (const auto &c : cases) {
+        FieldStore s = store_of(c.kept);
+        EXPECT_EQ(field_store_offer(&s, c.candidate, kDown, nullptr, false, true), c.result) << c.name;
+        EXPECT_EQ(s.count, c.kept.size() + (c.result == Offer::kJoined ? 1 : 0)) << c.name;
+    }
+}
+
+TEST(FieldStore, OnlyInt16ValuesAndUnflaggedSamplesJoinAndClearEmpties) {
+    const struct {
+        Vec3 m, g;
+        bool anomaly;
+        Offer result;
+    } cases[] = {
+        {{32767, 0, 0}, kDown, false, Offer::kJoined},          {{32768, 0, 0}, kDown, false, Offer::kOutOfRange},
+        {{0, -32768, 0}, kDown, false, Offer::kJoined},         {{0, -32769, 0}, kDown, false, Offer::kOutOfRange},
+        {{0, 0, 99}, {0, 0, 32767}, false, Offer::kJoined},     {{0, 0, 99}, {0, 0, -32769}, false, Offer::kOutOfRange},
+        {{0, 0, 99}, {32768, 0, 0}, false, Offer::kOutOfRange}, {{0, 0, 99}, kDown, true, Offer::kAnomaly},
+    };
+    for (const auto &c : cases) {
+        FieldStore s;
+        field_store_clear(&s);
+        EXPECT_EQ(field_store_offer(&s, c.m, c.g, nullptr, c.anomaly, true), c.result) << c.m.x << c.m.y << c.m.z;
+        if (c.result == Offer::kJoined) {
+            EXPECT_EQ(stored_field(s, 0).x, c.m.x);
+            EXPECT_EQ(stored_gravity(s, 0).z, c.g.z);
+        }
+    }
+    FieldStore s = store_of({{0, 0, 0}, {50, 0, 0}});
+    field_store_clear(&s);
+    EXPECT_EQ(s.count, 0);
+    EXPECT_EQ(field_store_offer(&s, Vec3{1, 0, 0}, kDown, nullptr, false, true), Offer::kJoined) << "nothing kept";
+}
+
+// Five samples 200 counts from the centre (the median 200): strengths 140..260 join.
+TEST(FieldStore, TheStrengthBandAboutTheMedianHoldsAtBothEnds) {
+    static_assert(kStoreStrengthTolerancePermille == 300 && kStoreMedianMinSamples == 5);
+    const Vec3 c{10, -20, 30};
+    const auto around = [&](int x, int y, int z) { return Vec3{c.x + x, c.y + y, c.z + z}; };
+    const std::vector<Vec3> five = {around(200, 0, 0), around(-200, 0, 0), around(0, 200, 0), around(0, -200, 0),
+                                    around(0, 0, 200)};
+    const struct {
+        const char *name;
+        int kept;
+        Vec3 candidate;
+        bool with_centre;
+        Offer result;
+    } cases[] = {
+        {"1.3 times the median", 5, around(0, 0, -260), true, Offer::kJoined},
+        {"just beyond", 5, around(0, 0, -261), true, Offer::kStrengthFar},
+        {"0.7 times the median", 5, around(0, 0, -140), true, Offer::kJoined},
+        {"just below", 5, around(0, 0, -139), true, Offer::kStrengthFar},
+        {"far off with four kept: no median yet", 4, around(0, 0, -500), true, Offer::kJoined},
+        {"far off without a centre", 5, around(0, 0, -500), false, Offer::kJoined},
+    };
+    for (const auto &k : cases) {
+        FieldStore s = store_of(std::vector<Vec3>(five.begin(), five.begin() + k.kept));
+        EXPECT_EQ(field_store_offer(&s, k.candidate, kDown, k.with_centre ? &c : nullptr, false, true), k.result)
+            << k.name;
+    }
+    // The median follows the centre it is asked about: from the origin these five lie
+    // about 200 counts away but not exactly; 261 from c is still far from the origin's.
+    FieldStore s = store_of(five);
+    const Vec3 origin{0, 0, 0};
+    EXPECT_EQ(field_store_offer(&s, around(0, 0, -261), kDown, &c, false, true), Offer::kStrengthFar);
+    EXPECT_EQ(field_store_offer(&s, Vec3{0, 0, 150}, kDown, &origin, false, true), Offer::kJoined);
+}
+
+// 31 samples on a 40-count grid and one 17 counts from the sixth: that pair is the only
+// one closer than 40, and a far sample replaces its older member; a sample no farther
+// than 17 from a kept one stays out.
+TEST(FieldStore, AFullStoreDropsTheOlderSampleOfItsClosestPair) {
+    static_assert(kStoreCapacity == 32);
+    std::vector<Vec3> grid;
+    for (int i = 0; i < 31; ++i) grid.push_back(Vec3{40 * (i % 4), 40 * (i / 4 % 4), 40 * (i / 16)});
+    const Vec3 partner{grid[5].x + 17, grid[5].y, grid[5].z}, far{1000, 1000, 1000};
+    for (bool partner_first : {false, true}) {
+        std::vector<Vec3> order = grid;
+        order.insert(partner_first ? order.begin() : order.end(), partner);
+        FieldStore s = store_of(order);
+        const int grid5 = partner_first ? 6 : 5, partner_slot = partner_first ? 0 : 31;
+        EXPECT_EQ(s.nearest_sq[grid5], 17u * 17u);
+        EXPECT_EQ(field_store_offer(&s, far, kDown, nullptr, false, false), Offer::kJoinedReplacing);
+        const int dropped = partner_first ? partner_slot : grid5, kept = partner_first ? grid5 : partner_slot;
+        EXPECT_EQ(stored_field(s, dropped).x, far.x) << "partner first " << partner_first;
+        EXPECT_EQ(s.age[dropped], 0);
+        EXPECT_EQ(s.nearest_sq[kept], partner_first ? 40u * 40u : 23u * 23u)
+            << "the survivor's nearest, looked up again";
+        EXPECT_FALSE(s.steady >> dropped & 1u) << "the new sample's gravity flag";
+        std::vector<int> ages(s.age, s.age + kStoreCapacity);
+        std::sort(ages.begin(), ages.end());
+        for (int i = 0; i < kStoreCapacity; ++i) EXPECT_EQ(ages[i], i);
+    }
+    // Full, a sample joins only farther than the closest pair (17 apart) from all kept.
+    std::vector<Vec3> full = grid;
+    full.push_back(partner);
+    const struct {
+        Vec3 candidate;
+        Offer result;
+    } limits[] = {{{0, 0, -17}, Offer::kNotWider}, {{-17, -1, 0}, Offer::kJoinedReplacing}};
+    for (const auto &l : limits) {
+        FieldStore s = store_of(full);
+        EXPECT_EQ(field_store_offer(&s, l.candidate, kDown, nullptr, false, true), l.result) << l.candidate.x;
+    }
+}
+
+// A phone turned at random through every attitude, with noise, for 3000 samples: after
+// every offer the kept samples are at least the least distance apart, each caches its
+// true nearest distance, ages are a permutation, a full store's spacing never shrinks,
+// and a replacement dropped the older sample of a closest pair.
+TEST(FieldStore, InvariantsHoldOverALongStreamFromARandomlyTurnedPhone) {
+    std::mt19937_64 rng(17);
+    std::normal_distribution<double> gauss;
+    FieldStore s;
+    field_store_clear(&s);
+    const Vec3 offset{-300, 120, 450};
+    Eigen::Vector3d f(110, 0, 40);
+    int replaced = 0;
+    for (int i = 0; i < 3000; ++i) {
+        f = Eigen::AngleAxisd(0.15, Eigen::Vector3d(gauss(rng), gauss(rng), gauss(rng)).normalized()) * f;
+        const Vec3 m{offset.x + static_cast<int32_t>(std::lround(f.x() + gauss(rng))),
+                     offset.y + static_cast<int32_t>(std::lround(f.y() + gauss(rng))),
+                     offset.z + static_cast<int32_t>(std::lround(f.z() + gauss(rng)))};
+        const FieldStore before = s;
+        const Offer result = field_store_offer(&s, m, kDown, &offset, false, true);
+        ASSERT_NE(result, Offer::kStrengthFar) << "a steady field stays in the band";
+        if (before.count == kStoreCapacity) {
+            ASSERT_GE(s.spacing_sq, before.spacing_sq) << "a full store only spreads";
+        }
+        const int n = s.count;
+        for (int a = 0; a < n; ++a) {
+            int64_t nearest = UINT32_MAX;
+            for (int b = 0; b < n; ++b) {
+                if (a == b) continue;
+                ASSERT_GE(dist_sq(s.sample[a], s.sample[b]), kStoreMinDistance * kStoreMinDistance);
+                nearest = std::min(nearest, dist_sq(s.sample[a], s.sample[b]));
+            }
+            ASSERT_EQ(s.nearest_sq[a], nearest) << "sample " << a << " after offer " << i;
+        }
+        std::vector<int> ages(s.age, s.age + n);
+        std::sort(ages.begin(), ages.end());
+        for (int a = 0; a < n; ++a) ASSERT_EQ(ages[a], a);
+        if (result != Offer::kJoinedReplacing) continue;
+        ++replaced;
+        const int slot = s.last;
+        int64_t least = INT64_MAX;
+        for (int a = 0; a < n; ++a) least = std::min<int64_t>(least, before.nearest_sq[a]);
+        ASSERT_EQ(before.nearest_sq[slot], least) << "the dropped sample belonged to a closest pair";
+        bool newer_partner = false;
+        for (int b = 0; b < n; ++b) {
+            if (b != slot && dist_sq(before.sample[slot], before.sample[b]) == least &&
+                before.age[b] < before.age[slot])
+                newer_partner = true;
+        }
+        ASSERT_TRUE(newer_partner) << "and was its older member";
+    }
+    EXPECT_GT(replaced, 100);
+    // Every attitude was seen; 32 samples spread apart fill most of the 24 cells.
+    EXPECT_GE(field_store_coverage(s, offset), 20);
+    std::printf("after 3000 samples: %d replacements, %d of 24 cells, closest pair %.1f counts apart\n", replaced,
+                field_store_coverage(s, offset), std::sqrt(double(s.spacing_sq)));
+}
+
+TEST(FieldStore, CoverageCellsSplitAtTheirBordersByTheStatedTies) {
+    const struct {
+        Vec3 v;
+        int cell;
+    } cases[] = {
+        {{1, 0, 0}, 0},    {{-1, 0, 0}, 4},  {{7, 7, 0}, 0},  {{7, 7, 7}, 0},   {{0, 7, 7}, 8},
+        {{0, -7, 7}, 12},  {{0, 0, -1}, 20}, {{5, -5, 0}, 2}, {{-3, 2, -3}, 5}, {{2, -3, -3}, 13},
+        {{1, -2, -3}, 21}, {{-1, 2, 3}, 18}, {{0, 0, 0}, -1},
+    };
+    for (const auto &c : cases) EXPECT_EQ(coverage_cell(c.v), c.cell) << c.v.x << " " << c.v.y << " " << c.v.z;
+    // One sample at the middle of each cell (a cube corner direction tilted to its face).
+    std::vector<Vec3> all;
+    for (int face = 0; face < 3; ++face)
+        for (int cell = 0; cell < 8; ++cell) {
+            const int f = cell & 4 ? -100 : 100, a = cell & 2 ? -40 : 40, b = cell & 1 ? -40 : 40;
+            all.push_back(face == 0 ? Vec3{f, a, b} : face == 1 ? Vec3{a, f, b} : Vec3{a, b, f});
+        }
+    const FieldStore s = store_of(all);
+    for (int i = 0; i < kCoverageCells; ++i) EXPECT_EQ(coverage_cell(stored_field(s, i)), i);
+    EXPECT_EQ(field_store_coverage(s, Vec3{0, 0, 0}), 24);
+    EXPECT_EQ(field_store_coverage(s, Vec3{0, 0, -1000}), 4) << "seen from far below: the +z face only";
+}
+
+// Random stores, round to flat, under a random offset and correction: strengths, dip
+// and spread against the same quantities in double precision; and the Earth's range at
+// its ends (10 uT is 25 counts, 100 uT 250).
+TEST(FieldStore, StatisticsAgreeWithDoublePrecisionAndTheRangeHoldsAtItsEnds) {
+    std::mt19937_64 rng(23);
+    std::uniform_real_distribution<double> uni(-1, 1);
+    for (int trial = 0; trial < 300; ++trial) {
+        const Vec3 offset{static_cast<int32_t>(300 * uni(rng)), static_cast<int32_t>(300 * uni(rng)),
+                          static_cast<int32_t>(300 * uni(rng))};
+        int16_t w[9];
+        Eigen::Matrix3d wd;
+        for (int r = 0; r < 3; ++r)
+            for (int c = r; c < 3; ++c) {
+                w[3 * r + c] = w[3 * c + r] = static_cast<int16_t>(std::lround((r == c ? 16384 : 0) + 2500 * uni(rng)));
+                wd(r, c) = wd(c, r) = w[3 * r + c] / 16384.0;
+            }
+        const bool identity = trial % 4 == 0;
+        const double flat = std::ldexp(1.0, -(trial % 8));  // field directions flattened along z
+        FieldStore s;
+        field_store_clear(&s);
+        for (int i = 0; i < 300 && s.count < kStoreCapacity; ++i) {
+            Eigen::Vector3d f = Eigen::Vector3d::Random().normalized();
+            f.z() *= flat;
+            f *= (90 + 30 * uni(rng)) / f.norm();
+            const Vec3 g{static_cast<int32_t>(4096 * uni(rng)), static_cast<int32_t>(4096 * uni(rng)), -4096};
+            field_store_offer(&s,
+                              Vec3{offset.x + static_cast<int32_t>(f.x()), offset.y + static_cast<int32_t>(f.y()),
+                                   offset.z + static_cast<int32_t>(f.z())},
+                              g, nullptr, false, i % 3 != 0);
+        }
+        StoreAgreement got;
+        field_store_agreement(s, offset, identity ? nullptr : w, &got);
+        double mean = 0, worst = 0, spread = 0, dip = 0;
+        std::vector<double> strength;
+        Eigen::Vector3d centroid = Eigen::Vector3d::Zero();
+        Eigen::Matrix3d cov = Eigen::Matrix3d::Zero();
+        int steady = 0;
+        for (int i = 0; i < s.count; ++i) {
+            const Eigen::Vector3d m(s.sample[i].m[0], s.sample[i].m[1], s.sample[i].m[2]);
+            const Eigen::Vector3d g(s.sample[i].g[0], s.sample[i].g[1], s.sample[i].g[2]);
+            const Eigen::Vector3d v = identity
+                                          ? Eigen::Vector3d(m - Eigen::Vector3d(offset.x, offset.y, offset.z))
+                                          : Eigen::Vector3d(wd * (m - Eigen::Vector3d(offset.x, offset.y, offset.z)));
+            strength.push_back(v.norm());
+            mean += v.norm() / s.count, centroid += m / s.count, cov += m * m.transpose() / s.count;
+            if (s.steady >> i & 1)
+                dip += std::atan2(v.cross(g).norm(), v.dot(g)) * 18000 / 3.14159265358979323846, ++steady;
+        }
+        for (double x : strength) worst = std::max(worst, std::fabs(x - mean)), spread += (x - mean) * (x - mean);
+        // Each strength truncated to 1/16 count after W's rounding, the mean truncated again.
+        EXPECT_NEAR(got.strength.mean_q4 / 16.0, mean, 2 / 16.0 + 0.01) << trial;
+        EXPECT_NEAR(got.strength.worst_permille, 1000 * worst / mean, 2.0) << trial;
+        EXPECT_NEAR(got.strength.spread_q8 / 256.0, spread, 0.02 * spread + 1) << trial;
+        EXPECT_NEAR(got.strength.rms_q4 / 16.0, std::sqrt(spread / strength.size()), 0.1) << trial;
+        ASSERT_TRUE(got.dip_valid);
+        EXPECT_NEAR(got.dip_cdeg, dip / steady, 3) << trial;
+        // Spread: truncated, from eigenvalues within 3e-4 of theirs, so within 1.5.
+        const Eigen::Vector3d ev =
+            Eigen::SelfAdjointEigenSolver<Eigen::Matrix3d>(cov - centroid * centroid.transpose()).eigenvalues();
+        const Spread sp = field_store_spread(s);
+        EXPECT_NEAR(sp.ratio_min, 1024 * ev(0) / ev(2), 1.5) << trial;
+        EXPECT_NEAR(sp.ratio_mid, 1024 * ev(1) / ev(2), 1.5) << trial;
+    }
+    EXPECT_EQ(field_store_spread(store_of({{0, 0, 0}, {100, 0, 0}})).ratio_mid, 0) << "fewer than three";
+    const struct {
+        int32_t strength;
+        bool in_range;
+    } ends[] = {{25, true}, {24, false}, {250, true}, {251, false}};
+    for (const auto &e : ends) {
+        const FieldStore s = store_of({{e.strength, 0, 0}, {0, -e.strength, 0}});
+        StrengthStats st;
+        field_store_strengths(s, Vec3{0, 0, 0}, nullptr, &st);
+        EXPECT_EQ(st.in_range, e.in_range) << e.strength;
+        EXPECT_EQ(st.mean_q4, 16 * e.strength);
+    }
+}
+
+}  // namespace

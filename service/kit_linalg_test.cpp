@@ -1,0 +1,195 @@
+// The fixed-point solver and 3x3 eigen-routines against Eigen in double precision on
+// random normal matrices of every scale the fits produce, the solver's pivot rule at
+// its limit, and the 96-bit product and the reciprocal against independent forms.
+#include <gtest/gtest.h>
+
+#include <Eigen/Dense>
+#include <bit>
+#include <cmath>
+#include <random>
+
+#include "service/kit_linalg.h"
+
+namespace {
+
+using namespace kmxc_kit;
+
+// floor(a * b / 2^s) on magnitudes in unsigned 32-bit limbs, the floor of a negative
+// product taken from the dropped bits: an independent form of the signed 96-bit product.
+int64_t mul_shift_reference(int64_t a, int64_t b, int s) {
+    const uint64_t ua = a < 0 ? 0 - static_cast<uint64_t>(a) : a, ub = b < 0 ? 0 - static_cast<uint64_t>(b) : b;
+    const uint64_t lo = (ua & 0xFFFFFFFF) * ub, mid = (ua >> 32) * ub + (lo >> 32);  // |a b| = mid 2^32 + low
+    const uint64_t low = lo & 0xFFFFFFFF;
+    const uint64_t q = s >= 32 ? mid >> (s - 32) : (mid << (32 - s)) | (low >> s);
+    const bool dropped =
+        s >= 32 ? (low != 0 || (mid & ((uint64_t{1} << (s - 32)) - 1)) != 0) : (low & ((uint64_t{1} << s) - 1)) != 0;
+    return (a < 0) != (b < 0) ? -static_cast<int64_t>(q) - (dropped ? 1 : 0) : static_cast<int64_t>(q);
+}
+
+TEST(KitLinalg, MulShiftIsTheExactFlooredProduct) {
+    std::mt19937_64 rng(3);
+    for (int i = 0; i < 200000; ++i) {
+        const int s = static_cast<int>(rng() % 64);
+        int64_t b = static_cast<int64_t>(rng() >> (33 + rng() % 31));  // up to 2^31
+        if (rng() & 1) b = -b;
+        // a such that the result fits: |a| below 2^(63 + s - 31).
+        const int abits = std::min(63, 32 + s);
+        int64_t a = static_cast<int64_t>(rng() >> (64 - abits + static_cast<int>(rng() % 8)));
+        if (rng() & 1) a = -a;
+        ASSERT_EQ(mul_shift(a, b, s), mul_shift_reference(a, b, s)) << a << " * " << b << " >> " << s;
+    }
+    const int64_t r = int64_t{1} << 31;
+    EXPECT_EQ(mul_shift(-(int64_t{1} << 40), r, 63), -(int64_t{1} << 8));
+}
+
+TEST(KitLinalg, ReciprocalDivisionIsWithinItsRelativePrecisionBelowTheQuotient) {
+    std::mt19937_64 rng(5);
+    for (int i = 0; i < 100000; ++i) {
+        const int64_t d = static_cast<int64_t>(rng() >> (2 + rng() % 61)) | 1;
+        const int64_t x = static_cast<int64_t>(rng() >> (34 + rng() % 30));
+        const int up = static_cast<int>(rng() % 31);
+        const int64_t got = divide(x, reciprocal(d), up), want = mul_shift_reference(x, int64_t{1} << up, 0) / d;
+        ASSERT_TRUE(got <= want && got >= want - 1 - (want >> 30)) << x << " * 2^" << up << " / " << d << ": " << got;
+        const int z = std::countl_zero(static_cast<uint64_t>(d));
+        ASSERT_EQ(reciprocal(d).r, int64_t((uint64_t{1} << 62) / ((static_cast<uint64_t>(d) << z) >> 32)))
+            << "the exact floor";
+    }
+    EXPECT_EQ(divide(12345, reciprocal(int64_t{1} << 20), 20), 12345) << "powers of two exactly";
+}
+
+// Normal matrices of random features (the fits' kind), n = 1..9, scales from 1 to 2^23
+// per feature and columns correlated toward the pivot limit: refused exactly when a
+// pivot (unpivoted, equilibrated, as the solver takes them) is below 2^-12, else within
+// 1e-6 of the solution's equilibrated size times the condition of Eigen's solution.
+TEST(KitLinalg, SolveAgreesWithDoublePrecisionOnRandomNormalEquations) {
+    std::mt19937_64 rng(9);
+    std::normal_distribution<double> gauss;
+    int solved = 0;
+    for (int trial = 0; trial < 3000; ++trial) {
+        const int n = 1 + trial % kSolveMaxUnknowns, rows = n + 1 + static_cast<int>(rng() % 30);
+        Eigen::MatrixXd f(rows, n);
+        for (int j = 0; j < n; ++j) {
+            const double scale = std::ldexp(1.0, static_cast<int>(rng() % 24));
+            for (int i = 0; i < rows; ++i) f(i, j) = std::round(gauss(rng) * scale);
+        }
+        if (n > 1 && trial % 3 == 0)
+            f.col(n - 1) = f.col(0) + (f.col(n - 1) / (1 << (rng() % 6))).array().round().matrix();
+        Eigen::VectorXd t(rows);
+        for (int i = 0; i < rows; ++i) t(i) = std::round(gauss(rng) * std::ldexp(1.0, static_cast<int>(rng() % 20)));
+        const Eigen::MatrixXd ad = f.transpose() * f;
+        const Eigen::VectorXd bd = f.transpose() * t, xd = ad.ldlt().solve(bd);
+        int64_t a[81], b[9], x[9];
+        int8_t frac[9];
+        for (int i = 0; i < n; ++i) {
+            b[i] = static_cast<int64_t>(bd(i));
+            for (int j = 0; j < n; ++j) a[i * n + j] = static_cast<int64_t>(ad(i, j));
+            frac[i] = static_cast<int8_t>(std::clamp(40 - std::ilogb(std::fabs(xd(i)) + 1e-30), 0, 60));
+        }
+        const FitResult result = solve_spd(n, a, b, frac, x);
+        const Eigen::VectorXd s = ad.diagonal().cwiseSqrt().cwiseInverse();
+        const Eigen::MatrixXd eq = s.asDiagonal() * ad * s.asDiagonal();
+        double min_pivot = ad.diagonal().minCoeff() == 0 ? 0 : 1;  // a feature rounded to nothing: none
+        Eigen::MatrixXd work = eq;
+        for (int k = 0; k < n && min_pivot > 0; ++k) {
+            min_pivot = std::min(min_pivot, work(k, k));
+            for (int i = k + 1; i < n; ++i)
+                for (int j = k + 1; j < n; ++j) work(i, j) -= work(i, k) * work(k, j) / work(k, k);
+        }
+        const double limit = std::ldexp(1.0, -kSolvePivotBits);
+        if (min_pivot < 0.99 * limit) {
+            EXPECT_EQ(result, FitResult::kIllConditioned) << "pivot " << min_pivot;
+            continue;
+        }
+        if (min_pivot < 1.01 * limit) continue;  // too near the limit to call
+        ASSERT_EQ(result, FitResult::kOk) << "n " << n << " pivot " << min_pivot;
+        ++solved;
+        const double cond = 1.0 / Eigen::SelfAdjointEigenSolver<Eigen::MatrixXd>(eq).eigenvalues().minCoeff();
+        const double size = xd.cwiseQuotient(s).norm();
+        for (int i = 0; i < n; ++i)
+            EXPECT_NEAR(std::ldexp(double(x[i]), -frac[i]), xd(i),
+                        1e-6 * cond * size * s(i) + std::ldexp(1.0, -frac[i]))
+                << "n " << n << " unknown " << i;
+    }
+    EXPECT_GT(solved, 2000);
+}
+
+// The pivot rule at its limit: [[4096, 64 * 4095], [64 * 4095, 4096 * 4095]] has its
+// second pivot exactly 2^-12 of its diagonal; one unit less on that diagonal is below.
+TEST(KitLinalg, SolveRefusesAPivotJustBelowItsLimitAndWhatIsNotPositiveDefinite) {
+    const int8_t frac[3] = {20, 20, 20};
+    int64_t x[3];
+    const struct {
+        const char *name;
+        int n;
+        int64_t a[9], b[3];
+        FitResult result;
+    } cases[] = {
+        {"pivot exactly 2^-12", 2, {4096, 262080, 262080, 16773120}, {1, 1}, FitResult::kOk},
+        {"pivot just below 2^-12", 2, {4096, 262080, 262080, 16773119}, {1, 1}, FitResult::kIllConditioned},
+        {"zero diagonal", 2, {0, 0, 0, 5}, {1, 1}, FitResult::kIllConditioned},
+        {"negative diagonal", 1, {-3}, {1}, FitResult::kIllConditioned},
+        {"not positive definite", 2, {4, 5, 5, 4}, {1, 1}, FitResult::kIllConditioned},
+        {"solution beyond its format", 1, {1}, {int64_t{1} << 50}, FitResult::kOverflowRisk},
+        {"zero right-hand side", 3, {2, 1, 0, 1, 2, 1, 0, 1, 2}, {0, 0, 0}, FitResult::kOk},
+    };
+    for (const auto &c : cases) EXPECT_EQ(solve_spd(c.n, c.a, c.b, frac, x), c.result) << c.name;
+    EXPECT_EQ(x[0] | x[1] | x[2], 0) << "zero right-hand side";
+    const int64_t a1[1] = {3}, b1[1] = {-7};
+    const int8_t f0[1] = {0};
+    ASSERT_EQ(solve_spd(1, a1, b1, f0, x), FitResult::kOk);
+    EXPECT_EQ(x[0], -2) << "-7/3 rounded to nearest";
+}
+
+Eigen::Matrix3d unpack(const int64_t s[6]) {
+    Eigen::Matrix3d m;
+    m << double(s[0]), double(s[1]), double(s[2]), double(s[1]), double(s[3]), double(s[4]), double(s[2]), double(s[4]),
+        double(s[5]);
+    return m;
+}
+
+// Random covariances from full to flat and thin, scales 2^10..2^60: eigenvalues within
+// the stated bound, the smallest eigenvector within 2^-20 of Eigen's direction (gaps
+// of a hundredth of the largest eigenvalue and more).
+TEST(KitLinalg, EigenvaluesAndSmallestVectorAgreeWithDoublePrecision) {
+    std::mt19937_64 rng(13);
+    std::normal_distribution<double> gauss;
+    double worst_value = 0, worst_vector = 0;
+    for (int trial = 0; trial < 20000; ++trial) {
+        const Eigen::Matrix3d q = Eigen::Quaterniond::UnitRandom().toRotationMatrix();
+        Eigen::Vector3d ev(1, std::ldexp(1.0, -static_cast<int>(rng() % 8)),
+                           std::ldexp(1.0, -static_cast<int>(rng() % 24)));
+        if (trial % 5 == 0) ev(1) = ev(0);  // a double eigenvalue
+        const double scale = std::ldexp(1.0, 10 + static_cast<int>(rng() % 50));
+        const Eigen::Matrix3d m = q * (ev * scale).asDiagonal() * q.transpose();
+        int64_t s[6] = {std::llround(m(0, 0)), std::llround(m(0, 1)), std::llround(m(0, 2)),
+                        std::llround(m(1, 1)), std::llround(m(1, 2)), std::llround(m(2, 2))};
+        const Eigen::SelfAdjointEigenSolver<Eigen::Matrix3d> es(unpack(s));
+        int64_t lambda[3];
+        sym3_eigenvalues(s, lambda);
+        const Eigen::Vector3d want = es.eigenvalues().reverse();
+        const double spread = (want.array() - want.mean()).abs().maxCoeff();
+        for (int k = 0; k < 3; ++k) {
+            const double err = std::fabs(double(lambda[k]) - want(k)), truncation = std::ldexp(want(0), -25) + 1;
+            ASSERT_LE(err, 3e-4 * spread + truncation) << trial;
+            if (spread > 1e4 * truncation) worst_value = std::max(worst_value, err / spread);
+        }
+        int64_t v[3];
+        ASSERT_TRUE(sym3_smallest_vector(s, v));
+        if (want(1) - want(2) > 1e-2 * want(0)) {
+            const Eigen::Vector3d got{static_cast<double>(v[0]), static_cast<double>(v[1]), static_cast<double>(v[2])};
+            worst_vector = std::max(worst_vector, 1 - std::fabs(got.normalized().dot(es.eigenvectors().col(0))));
+            EXPECT_NEAR(got.norm(), 1073741824.0, 4);
+        }
+    }
+    EXPECT_LT(worst_vector, 1e-12);
+    std::printf("eigenvalues within %.2e of the spread; smallest vector's 1 - |cos| %.2e\n", worst_value, worst_vector);
+    const int64_t diagonal[6] = {5, 0, 0, 9, 0, -2}, line[6] = {1, 1, 1, 1, 1, 1}, disc[6] = {5, 0, 0, 2, 0, 2};
+    int64_t lambda[3], v[3];
+    sym3_eigenvalues(diagonal, lambda);
+    EXPECT_TRUE(lambda[0] == 9 && lambda[1] == 5 && lambda[2] == -2) << "a diagonal matrix exactly";
+    EXPECT_FALSE(sym3_smallest_vector(line, v)) << "rank one: no plane";
+    ASSERT_TRUE(sym3_smallest_vector(disc, v)) << "a double smallest eigenvalue: any vector of its plane";
+    EXPECT_TRUE(v[0] == 0 && std::llabs(v[1]) + std::llabs(v[2]) >= 1073741822);
+}
+
+}  // namespace
