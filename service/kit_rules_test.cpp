@@ -36,8 +36,9 @@ TEST_F(Kit, EachMisuseGetsItsOwnNamedResultAndChangesNothing) {
         {KMXC_SERVICE_ALREADY_STARTED, "KMXC_SERVICE_ALREADY_STARTED"},
         {KMXC_SERVICE_NOT_STARTED, "KMXC_SERVICE_NOT_STARTED"},
         {KMXC_SERVICE_NULL_EVENT, "KMXC_SERVICE_NULL_EVENT"},
+        {KMXC_SERVICE_STOP_NOT_SAVED, "KMXC_SERVICE_STOP_NOT_SAVED"},
         {1, "unknown result"},
-        {-8, "unknown result"},
+        {-9, "unknown result"},
     };
     for (const auto &[value, name] : names) EXPECT_STREQ(kmxc_service_result_name(value), name) << value;
 }

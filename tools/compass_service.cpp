@@ -271,6 +271,7 @@ int run(const Options &opt) {
         save_failures = e.save_failures;
     }
     kmxc_service_stop();
+    kmxc_service_saves(&saves, &save_failures);  // the stop's save of a newer offset included
     report.set_saves(saves, save_failures, rough_changes);
 
     report.print_summary(persisted_text(opt.sandbox) +

@@ -111,7 +111,15 @@ void durable_helper_removed(const std::string &host) {
     if (it != model().dirs.end()) it->second.erase(name_of(host));
 }
 
-void power_cut() {
+void power_cut(CutKeeps keeps) {
+    if (keeps == CutKeeps::kEntries) {
+        // The journal committed every entry change; contents stay as of their fsync.
+        for (auto &[dir, entries] : model().dirs) {
+            std::map<std::string, Durable> now;
+            for (const auto &[name, ino] : regular_files(dir)) now[name] = object_of(ino, "");
+            entries = std::move(now);
+        }
+    }
     for (const auto &[dir, entries] : model().dirs) {
         for (const auto &[name, ino] : regular_files(dir))
             if (entries.count(name) == 0) ::unlink((dir + "/" + name).c_str());

@@ -59,7 +59,8 @@ bool parse_power_cut(std::string_view entry, const std::string_view (&field)[4],
     f->count = 1;
     f->error = 0;
     if (n < 2 || n > 3 || !whole(field[1], 1, &f->nth)) {
-        *error = "'" + std::string(entry) + "': a power cut is powercut:N[:CALL], N a whole number from 1";
+        *error = "'" + std::string(entry) + "': a power cut is " + std::string(field[0]) +
+                 ":N[:CALL], N a whole number from 1";
         return false;
     }
     if (n == 3 && !call_named(field[2], &f->call)) {
@@ -85,10 +86,13 @@ bool parse_entry(std::string_view entry, PlannedFault *f, std::string *error) {
             return false;
         }
     }
-    if (field[0] == "powercut") return parse_power_cut(entry, field, n, f, error);
+    if (field[0] == "powercut" || field[0] == "powercut-entries") {
+        f->keeps = field[0] == "powercut" ? CutKeeps::kSynced : CutKeeps::kEntries;
+        return parse_power_cut(entry, field, n, f, error);
+    }
     if (!call_named(field[0], &f->call)) {
         *error = "'" + std::string(entry) + "': unknown call '" + std::string(field[0]) + "' (" + kCallList +
-                 ", or powercut)";
+                 ", or powercut, powercut-entries)";
         return false;
     }
     if (n < 2 || !whole(field[1], 1, &f->nth)) {
@@ -152,9 +156,9 @@ void apply_fault_plan(const std::vector<PlannedFault> &plan) {
         if (!f.power_cut)
             fail_call(f.call, f.nth, f.error, f.count);
         else if (f.any_file_call)
-            cut_power_at_file_call(f.nth, true);
+            cut_power_at_file_call(f.nth, true, f.keeps);
         else
-            cut_power_at(f.call, f.nth, true);
+            cut_power_at(f.call, f.nth, true, f.keeps);
     }
 }
 

@@ -16,7 +16,9 @@
 // Or powercut:N[:CALL]: the power fails as the Nth call on a phone file is made (with
 // CALL: the Nth call of CALL, e.g. powercut:300:usleep for a moment between file
 // calls); the files go back to their durable state and the program ends with status
-// vphone::kPowerCutExitStatus (86). One power cut per plan.
+// vphone::kPowerCutExitStatus (86). powercut-entries:N[:CALL] the same, with every
+// directory entry change made so far kept (vphone.h, CutKeeps::kEntries). One power
+// cut per plan.
 //
 // VPHONE_CALL_COUNTS=FILE writes how many calls of each kind the program made, one
 // "name count" line each, when it exits: the size of a sweep. VPHONE_FILE_LOG=FILE
@@ -37,8 +39,9 @@ struct PlannedFault {
     int nth;
     int error;
     int count;                   // kForever: every call from the nth on
-    bool power_cut = false;      // powercut:N[:CALL]
+    bool power_cut = false;      // powercut:N[:CALL], powercut-entries:N[:CALL]
     bool any_file_call = false;  // ... without CALL: the nth call on a phone file
+    CutKeeps keeps = CutKeeps::kSynced;
 };
 
 // Parses a plan; false and a one-line reason when it is not one.

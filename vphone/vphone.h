@@ -33,6 +33,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -174,6 +175,12 @@ struct FileCall {
 };
 const std::vector<FileCall> &file_call_log();
 long file_calls();  // counted calls on phone files since the last reset()
+// Every later call of this kind on this phone path (a descriptor's: the path it was
+// opened with) fails with error, until reset().
+void fail_path(std::string_view phone_path, Call call, int error);
+// Called at every counted call on a phone file, before it is made (a test's way to
+// pause a writer half-way); an empty function removes it. reset() removes it.
+void on_file_call(std::function<void(const FileCall &)> hook);
 
 // ---- Power ------------------------------------------------------------------------------
 //
@@ -189,21 +196,31 @@ long file_calls();  // counted calls on phone files since the last reset()
 // A power cut puts every phone file and directory entry back to its durable state:
 // files created since are gone, replaced or removed files come back with their durable
 // content, and a file whose entry is durable but whose content never was comes back
-// empty. Limits: only regular files in directories the phone changed through counted
-// calls are modelled (directories themselves, symbolic links, FIFOs are left as they
-// are); owner and mode are not rolled back; fdatasync counts as fsync; a write is
-// never torn (the content reverts whole).
+// empty. A real file system also commits entry changes on its own (a journal commit a
+// few seconds later), so a cut may find them on the flash although their files' data
+// is not: CutKeeps::kEntries cuts so, every entry change made so far kept, every
+// content still as of its fsync (a file renamed into place before its fsync comes back
+// empty). The truth lies between the two; a save must survive both.
+// Limits: only regular files in directories the phone changed through counted calls
+// are modelled (directories themselves, symbolic links, FIFOs are left as they are);
+// owner and mode are not rolled back; fdatasync counts as fsync; a write is never torn
+// (the content reverts whole); between the two kinds of cut, the entry changes a
+// journal commits in order (a prefix of them) are not tried one by one.
 //
-// Scheduled cuts (cut_power_at..., fault plans "powercut:N[:CALL]") happen as the call
-// is made: the call does not take place. In a program (exit_process) the process then
-// ends at once with kPowerCutExitStatus, as on a real cut; in a test the phone stays
-// off instead: every later call on a phone file fails with EIO until reset() powers it
-// on again (the bus and the clock go on).
+// Scheduled cuts (cut_power_at..., fault plans "powercut:N[:CALL]" and
+// "powercut-entries:N[:CALL]") happen as the call is made: the call does not take place. In a program (exit_process)
+// the process then ends at once with kPowerCutExitStatus, as on a real cut; in a test the phone stays off instead:
+// every later call on a phone file fails with EIO until reset() powers it on again (the bus and the clock go on).
 constexpr int kPowerCutExitStatus = 86;
-void power_cut();                                                   // now, the process goes on and the phone stays on
-void cut_power_at_file_call(long nth, bool exit_process = false);   // nth next file call
-void cut_power_at(Call call, long nth, bool exit_process = false);  // nth next call of call
-bool powered_off();                                                 // a scheduled cut has happened (test mode)
+enum class CutKeeps {
+    kSynced,  // directory entries as of their directory's last fsync
+    kEntries  // every directory entry change made so far
+};
+void power_cut(CutKeeps keeps = CutKeeps::kSynced);  // now; the process goes on, the phone stays on
+// At the nth next call on a phone file / the nth next call of call.
+void cut_power_at_file_call(long nth, bool exit_process = false, CutKeeps keeps = CutKeeps::kSynced);
+void cut_power_at(Call call, long nth, bool exit_process = false, CutKeeps keeps = CutKeeps::kSynced);
+bool powered_off();  // a scheduled cut has happened (test mode)
 
 // ---- Sandbox ---------------------------------------------------------------------------
 

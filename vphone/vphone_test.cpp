@@ -133,6 +133,7 @@ TEST_F(VphoneTest, FaultPlansParseToTheirFaultsOrSayWhyNot) {
          ""},
         {"powercut:7", {{Call::Open, 7, 0, 1, true, true}}, ""},
         {"rename:1,powercut:3:usleep", {{Call::Rename, 1, EIO, 1}, {Call::Usleep, 3, 0, 1, true, false}}, ""},
+        {"powercut-entries:4:fsync", {{Call::Fsync, 4, 0, 1, true, false, vphone::CutKeeps::kEntries}}, ""},
         {"powercut", {}, "'powercut': a power cut is powercut:N[:CALL]"},
         {"powercut:0", {}, "'powercut:0': a power cut is powercut:N[:CALL]"},
         {"powercut:1:sync", {}, "'powercut:1:sync': unknown call 'sync'"},
@@ -155,6 +156,7 @@ TEST_F(VphoneTest, FaultPlansParseToTheirFaultsOrSayWhyNot) {
             EXPECT_EQ(got[i].count, c.want[i].count) << c.text;
             EXPECT_EQ(got[i].power_cut, c.want[i].power_cut) << c.text;
             EXPECT_EQ(got[i].any_file_call, c.want[i].any_file_call) << c.text;
+            EXPECT_EQ(got[i].keeps, c.want[i].keeps) << c.text;
         }
     }
     // Applied, the plan fails exactly the named occurrence.
@@ -286,32 +288,33 @@ int sync_dir(const char *dir) {
 }
 
 // Each sequence of file calls against what a journaling flash file system keeps after a
-// power cut: content as of the file's last fsync, entries as of the directory's.
+// power cut: content as of the file's last fsync, entries as of the directory's (or, when
+// the journal committed them on its own, as they were at the cut).
 TEST_F(VphoneTest, APowerCutKeepsOnlyWhatWasMadeDurable) {
     const char *f = "/misc/sensor/f", *t = "/misc/sensor/f.tmp", *dir = "/misc/sensor";
+    using Maybe = std::optional<std::string>;
+    const Maybe none;
     const struct {
         const char *name;
         std::function<void()> calls;
-        std::optional<std::string> f, t;  // after the cut; nullopt: no such file
+        Maybe f, t;                  // after a cut keeping the synced entries; none: no such file
+        Maybe f_entries, t_entries;  // after one keeping every entry change
     } cases[] = {
-        {"created, not synced", [&] { create(t, "new", false); }, "old", std::nullopt},
-        {"created and synced, directory not", [&] { create(t, "new", true); }, "old", std::nullopt},
-        {"directory synced, content never", [&] { create(t, "new", false), sync_dir(dir); }, "old", ""},
-        {"file and directory synced", [&] { create(t, "new", true), sync_dir(dir); }, "old", "new"},
-        {"rewritten in place, not synced", [&] { create(f, "new", false); }, "old", std::nullopt},
-        {"rewritten in place and synced", [&] { create(f, "new", true); }, "new", std::nullopt},
-        {"renamed over, directory not synced", [&] { create(t, "new", true), ::rename(t, f); }, "old", std::nullopt},
-        {"renamed over, all synced", [&] { create(t, "new", true), ::rename(t, f), sync_dir(dir); }, "new",
-         std::nullopt},
-        {"renamed before its content was synced",
-         [&] {
-             create(t, "new", false), ::rename(t, f), sync_dir(dir);
-             const int fd = ::open(f, O_RDONLY);  // too late: the cut comes first
-             ::close(fd);
-         },
-         "", std::nullopt},
-        {"unlinked, directory not synced", [&] { ::unlink(f); }, "old", std::nullopt},
-        {"unlinked, directory synced", [&] { ::unlink(f), sync_dir(dir); }, std::nullopt, std::nullopt},
+        {"created, not synced", [&] { create(t, "new", false); }, "old", none, "old", ""},
+        {"created and synced, directory not", [&] { create(t, "new", true); }, "old", none, "old", "new"},
+        {"directory synced, content never", [&] { create(t, "new", false), sync_dir(dir); }, "old", "", "old", ""},
+        {"file and directory synced", [&] { create(t, "new", true), sync_dir(dir); }, "old", "new", "old", "new"},
+        {"rewritten in place, not synced", [&] { create(f, "new", false); }, "old", none, "old", none},
+        {"rewritten in place and synced", [&] { create(f, "new", true); }, "new", none, "new", none},
+        {"renamed over, directory not synced", [&] { create(t, "new", true), ::rename(t, f); }, "old", none, "new",
+         none},
+        {"renamed over, all synced", [&] { create(t, "new", true), ::rename(t, f), sync_dir(dir); }, "new", none, "new",
+         none},
+        {"renamed before its content was synced", [&] { create(t, "new", false), ::rename(t, f), sync_dir(dir); }, "",
+         none, "", none},
+        {"renamed, then synced", [&] { create(t, "new", false), ::rename(t, f); }, "old", none, "", none},
+        {"unlinked, directory not synced", [&] { ::unlink(f); }, "old", none, none, none},
+        {"unlinked, directory synced", [&] { ::unlink(f), sync_dir(dir); }, none, none, none, none},
         {"the library's way: stdio and rename, no sync",
          [&] {
              FILE *file = std::fopen(t, "w");
@@ -319,18 +322,20 @@ TEST_F(VphoneTest, APowerCutKeepsOnlyWhatWasMadeDurable) {
              std::fclose(file);
              ::rename(t, f);
          },
-         "old", std::nullopt},
+         "old", none, "", none},
     };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.name);
-        vphone::reset();
-        vphone::remove_file(t);
-        vphone::write_file(f, "old");  // durable
-        c.calls();
-        vphone::power_cut();
-        EXPECT_EQ(vphone::read_file(f), c.f);
-        EXPECT_EQ(vphone::read_file(t), c.t);
-    }
+    for (const auto &c : cases)
+        for (const vphone::CutKeeps keeps : {vphone::CutKeeps::kSynced, vphone::CutKeeps::kEntries}) {
+            const bool entries = keeps == vphone::CutKeeps::kEntries;
+            SCOPED_TRACE(std::string(c.name) + (entries ? ", entries kept" : ", synced entries"));
+            vphone::reset();
+            vphone::remove_file(t);
+            vphone::write_file(f, "old");  // durable
+            c.calls();
+            vphone::power_cut(keeps);
+            EXPECT_EQ(vphone::read_file(f), entries ? c.f_entries : c.f);
+            EXPECT_EQ(vphone::read_file(t), entries ? c.t_entries : c.t);
+        }
 }
 
 TEST_F(VphoneTest, AScheduledCutStopsTheCallAndTheFilesUntilPowerOn) {
@@ -392,6 +397,28 @@ TEST_F(VphoneTest, TheTranscriptIsBoundedAndCountsWhatItDrops) {
     ::usleep(5);
     EXPECT_EQ(vphone::transcript().size(), 1u);
     EXPECT_EQ(vphone::transcript_dropped(), 0u);
+}
+
+// A fault aimed at one file, and a look at every file call as it is made.
+TEST_F(VphoneTest, PathFaultsHitOnlyTheirFileAndTheHookSeesEveryFileCall) {
+    vphone::write_file("/misc/sensor/a", "a");
+    vphone::write_file("/misc/sensor/b", "b");
+    vphone::fail_path("/misc/sensor/a", Call::Open, EACCES);
+    std::vector<std::string> seen;
+    vphone::on_file_call(
+        [&](const vphone::FileCall &c) { seen.push_back(std::string(vphone::call_name(c.call)) + " " + c.path); });
+    EXPECT_EQ(::open("/misc/sensor/a", O_RDONLY), -1);
+    EXPECT_EQ(errno, EACCES);
+    EXPECT_EQ(::open("/misc/sensor/a", O_RDONLY), -1);  // every time
+    const int fd = ::open("/misc/sensor/b", O_RDONLY);
+    EXPECT_GE(fd, 0);
+    ::close(fd);
+    EXPECT_EQ(::access("/misc/sensor/a", F_OK), 0);  // other calls on it go through
+    EXPECT_EQ(seen, (std::vector<std::string>{"open /misc/sensor/a", "open /misc/sensor/a", "open /misc/sensor/b",
+                                              "close /misc/sensor/b", "access /misc/sensor/a"}));
+    vphone::reset();
+    EXPECT_GE(::open("/misc/sensor/a", O_RDONLY), 0);
+    EXPECT_EQ(seen.size(), 5u);
 }
 
 }  // namespace

@@ -24,7 +24,7 @@ void cut_if_due(int call, long n, bool file_call) {
     const PowerCut &c = s.cut;
     if (!c.armed || (c.any_file_call ? !file_call || s.file_calls != c.at : c.call != call || n != c.at)) return;
     s.cut.armed = false;
-    power_cut();
+    power_cut(c.keeps);
     if (c.exit_process) _exit(kPowerCutExitStatus);
     s.powered_off = true;
 }
@@ -51,6 +51,7 @@ int take_file(int call, const std::string &phone_path) {
     long n = ++s.counts[call];
     ++s.file_calls;
     if (s.file_log.size() < kTranscriptCap) s.file_log.push_back(FileCall{static_cast<Call>(call), phone_path});
+    if (s.file_call_hook) s.file_call_hook(FileCall{static_cast<Call>(call), phone_path});
     if (s.file_log_out != nullptr) {
         std::fprintf(s.file_log_out, "%ld %s %s\n", s.file_calls, call_name(static_cast<Call>(call)),
                      phone_path.c_str());
@@ -58,6 +59,8 @@ int take_file(int call, const std::string &phone_path) {
     }
     cut_if_due(call, n, true);
     if (s.powered_off) return EIO;
+    for (const State::PathFault &f : s.path_faults)
+        if (f.call == call && f.path == phone_path) return f.error;
     return fault_of(call, n);
 }
 
@@ -175,15 +178,21 @@ long file_calls() { return state().file_calls; }
 
 // ---- Power --------------------------------------------------------------------------------
 
-void cut_power_at_file_call(long nth, bool exit_process) {
-    State &s = state();
-    s.cut = PowerCut{true, true, 0, s.file_calls + std::max(nth, 1L), exit_process};
+void fail_path(std::string_view phone_path, Call call, int error) {
+    state().path_faults.push_back(State::PathFault{std::string(phone_path), static_cast<int>(call), error});
 }
 
-void cut_power_at(Call call, long nth, bool exit_process) {
+void on_file_call(std::function<void(const FileCall &)> hook) { state().file_call_hook = std::move(hook); }
+
+void cut_power_at_file_call(long nth, bool exit_process, CutKeeps keeps) {
+    State &s = state();
+    s.cut = PowerCut{true, true, 0, s.file_calls + std::max(nth, 1L), exit_process, keeps};
+}
+
+void cut_power_at(Call call, long nth, bool exit_process, CutKeeps keeps) {
     State &s = state();
     const int c = static_cast<int>(call);
-    s.cut = PowerCut{true, false, c, s.counts[c] + std::max(nth, 1L), exit_process};
+    s.cut = PowerCut{true, false, c, s.counts[c] + std::max(nth, 1L), exit_process, keeps};
 }
 
 bool powered_off() { return state().powered_off; }
@@ -206,6 +215,8 @@ void reset() {
     s.transcript_dropped = 0;
     s.cut = PowerCut{};
     s.powered_off = false;
+    s.path_faults.clear();
+    s.file_call_hook = nullptr;
     power_on();
 }
 

@@ -9,6 +9,7 @@
 #include <array>
 #include <cstdint>
 #include <cstdio>
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
@@ -59,6 +60,7 @@ struct PowerCut {
     int call = 0;
     long at = 0;
     bool exit_process = true;  // else the phone stays off: every later file call fails
+    CutKeeps keeps = CutKeeps::kSynced;
 };
 
 struct State {
@@ -92,6 +94,13 @@ struct State {
     Durability durable;
     PowerCut cut;
     bool powered_off = false;
+    struct PathFault {
+        std::string path;
+        int call;
+        int error;
+    };
+    std::vector<PathFault> path_faults;
+    std::function<void(const FileCall &)> file_call_hook;
 };
 
 State &state();
