@@ -23,45 +23,58 @@ Persistence &files() { return g_state.files; }
 
 enum class Saved { kYes, kFailed, kLocked };
 
-// Writes one record: the calibration file, then the kit file, under the directory's
-// lock. A cut between the two leaves a kit file of the old record, which the next
-// start sees does not belong and never uses. Counted in the session's saves.
-Saved save(const CalibRecord &record, int32_t *error) {
+// The directory's lock, and, when start could not read the calibration file, the file
+// readable again (it is not replaced before anyone knows what it held).
+WriteResult lock_for_saving(DirLock *lock) {
     Persistence &p = files();
-    DirLock lock;
-    WriteResult w = lock_directory(kDirectory, &lock);
-    if (w.outcome == Outcome::kDone && p.unread) {
-        // The file could not be read at start: not replaced until it reads.
-        char ignored[kCalibTextMax + 2];
-        const FileRead again = read_small_file(kCalibrationFile, ignored, sizeof ignored);
-        if (again.kind == PathKind::kUnreadable) {
-            unlock_directory(&lock);
-            w = WriteResult{Outcome::kRefused, WriteStep::kTarget, again.error, PathKind::kUnreadable};
-        }
-        p.unread = again.kind == PathKind::kUnreadable;
+    WriteResult w = lock_directory(kDirectory, lock);
+    if (w.outcome != Outcome::kDone) {
+        report_write(kDirectory, w);
+        return w;
     }
+    if (!p.unread) return w;
+    char ignored[kCalibTextMax + 2];
+    const FileRead again = read_small_file(kCalibrationFile, ignored, sizeof ignored);
+    p.unread = again.kind == PathKind::kUnreadable;
+    if (!p.unread) return w;
+    unlock_directory(lock);
+    w = WriteResult{Outcome::kRefused, WriteStep::kTarget, again.error, PathKind::kUnreadable};
+    report_write(kCalibrationFile, w);
+    return w;
+}
+
+// The calibration file, then the kit file. A cut between the two leaves a kit file of
+// the old record, which the next start sees does not belong and never uses.
+WriteResult write_both(const DirLock &lock, const CalibRecord &record) {
+    Persistence &p = files();
+    remove_stale_temporaries(lock, kCalibrationFile);
+    remove_stale_temporaries(lock, kKitFile);
+    char text[kCalibTextMax + 1];
+    WriteResult w = replace_file(lock, kCalibrationFile, text, format_calib(record, text, sizeof text), kFileUid,
+                                 kFileGid, kFileMode);
+    if (w.outcome == Outcome::kDone || w.step == WriteStep::kSyncDir) {
+        // Renamed; not yet durable when the directory's fsync failed, so not known to stay.
+        p.stored = record;
+        p.stored_valid = w.outcome == Outcome::kDone;
+    }
+    if (w.outcome != Outcome::kDone) {
+        report_write(kCalibrationFile, w);
+        return w;
+    }
+    if (!kit_belongs_to(p.kit, record)) p.kit = default_kit(record);
+    char kit[kKitTextMax + 1];
+    w = replace_file(lock, kKitFile, kit, format_kit(p.kit, kit, sizeof kit), kFileUid, kFileGid, kFileMode);
+    report_write(kKitFile, w);
+    return w;
+}
+
+// One save of one record, counted in the session's saves; error: the failing call's errno.
+Saved save(const CalibRecord &record, int32_t *error) {
+    DirLock lock;
+    WriteResult w = lock_for_saving(&lock);
     if (w.outcome == Outcome::kDone) {
-        remove_stale_temporaries(lock, kCalibrationFile);
-        remove_stale_temporaries(lock, kKitFile);
-        char text[kCalibTextMax + 1];
-        w = replace_file(lock, kCalibrationFile, text, format_calib(record, text, sizeof text), kFileUid, kFileGid,
-                         kFileMode);
-        if (w.outcome == Outcome::kDone || w.step == WriteStep::kSyncDir) {
-            // Renamed; not yet durable when the directory's fsync failed, so not known to stay.
-            p.stored = record;
-            p.stored_valid = w.outcome == Outcome::kDone;
-        }
-        if (w.outcome != Outcome::kDone) {
-            report_write(kCalibrationFile, w);
-        } else {
-            if (!kit_belongs_to(p.kit, record)) p.kit = default_kit(record);
-            char kit[kKitTextMax + 1];
-            w = replace_file(lock, kKitFile, kit, format_kit(p.kit, kit, sizeof kit), kFileUid, kFileGid, kFileMode);
-            report_write(kKitFile, w);
-        }
+        w = write_both(lock, record);
         unlock_directory(&lock);
-    } else {
-        report_write(p.unread ? kCalibrationFile : kDirectory, w);
     }
     if (w.outcome == Outcome::kDone) {
         ++g_state.saves;
