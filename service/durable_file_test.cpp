@@ -207,7 +207,7 @@ TEST_F(DurableFile, TheLockKeepsASecondProcessOutWithoutWaiting) {
     int to_child[2], to_parent[2];
     ASSERT_EQ(::pipe(to_child), 0);
     ASSERT_EQ(::pipe(to_parent), 0);
-    const pid_t child = ::fork();
+    const pid_t child = vphone::fork_process();
     ASSERT_GE(child, 0);
     if (child == 0) {
         DirLock lock;

@@ -52,7 +52,7 @@ class OtherProcessHoldingTheLock {
 public:
     OtherProcessHoldingTheLock() {
         if (::pipe(go_) != 0 || ::pipe(ready_) != 0) return;
-        child_ = ::fork();
+        child_ = vphone::fork_process();
         if (child_ == 0) {
             const int dir = ::open(vphone::host_path("/misc/sensor").c_str(), O_RDONLY | O_DIRECTORY);
             char byte = dir >= 0 && ::flock(dir, LOCK_EX | LOCK_NB) == 0 ? 'y' : 'n';
@@ -232,7 +232,7 @@ struct FileHistory {
 // allows; at stop the last trusted offset.
 TEST_F(Kit, SavesKeepAgreeingFitsSpacedForTheFlash) {
     for (const char *name : {"default", "magnet", "two-planes"})
-        for (int rate : {10, 50}) {
+        for (int rate : {10, 20}) {
             SCOPED_TRACE(std::string(name) + " at " + std::to_string(rate) + " Hz");
             vphone::remove_file(kCfg);
             std::vector<std::string> seen;
@@ -264,17 +264,18 @@ TEST_F(Kit, SavesKeepAgreeingFitsSpacedForTheFlash) {
         }
 }
 
-// A phone handled for an hour: saves stay within the rate whatever the calibration does.
-TEST_F(Kit, AnHourOfHandlingSavesAtMostOnceAMinute) {
+// A phone handled for ten minutes, calibrating again and again: the saves stay within
+// the rate whatever the calibration does (every agreeing fit that moved a count was
+// saved before, about every 10 s).
+TEST_F(Kit, LongHandlingSavesAtMostOnceAMinute) {
     Scenario s(scenario("default"));
-    Truth t0 = s.sample(0.0);
-    phone_.sense(t0);
+    phone_.sense(s.sample(0.0));
     ASSERT_EQ(kmxc_service_start(10, nullptr), KMXC_SERVICE_OK);
-    const double hour = 3600.0, period = s.duration_s();
+    const int minutes = 10;
     int saves = 0, fits = 0;
-    for (uint64_t us = 0; us < uint64_t(hour * 1e6); us += 100000) {
+    for (uint64_t us = 0; us < uint64_t{minutes} * 60000000; us += 100000) {
         if (vphone::now_us() < us) usleep(static_cast<useconds_t>(us - vphone::now_us()));
-        phone_.sense(s.sample(std::fmod(static_cast<double>(us) / 1e6, period)));
+        phone_.sense(s.sample(std::fmod(static_cast<double>(us) / 1e6, s.duration_s())));
         vphone::clear_transcript();
         KmxcServiceEvent e;
         ASSERT_EQ(kmxc_service_cycle(us, &e), KMXC_SERVICE_OK);
@@ -282,9 +283,9 @@ TEST_F(Kit, AnHourOfHandlingSavesAtMostOnceAMinute) {
         fits += (e.flags & KMXC_SERVICE_FIT_3D) != 0;
     }
     kmxc_service_stop();
-    EXPECT_GE(fits, 100) << "the handling calibrates again and again";
+    EXPECT_GE(fits, 20) << "the handling calibrates again and again";
     EXPECT_GE(saves, 1);
-    EXPECT_LE(saves, 1 + static_cast<int>(hour) / KMXC_SERVICE_SAVE_MIN_INTERVAL_S);
+    EXPECT_LE(saves, 1 + minutes * 60 / KMXC_SERVICE_SAVE_MIN_INTERVAL_S);
 }
 
 // The rough offset changes what the record means: saved in the same cycle, with the
@@ -561,7 +562,7 @@ TEST_F(Kit, TwoServicesOnOneSandboxNeverMixTheirRecords) {
     int paused[2], resume[2];
     ASSERT_EQ(::pipe(paused), 0);
     ASSERT_EQ(::pipe(resume), 0);
-    const pid_t child = ::fork();
+    const pid_t child = vphone::fork_process();
     ASSERT_GE(child, 0);
     if (child == 0) {
         // The first service: its first save stops just before its rename until told.

@@ -252,6 +252,15 @@ struct Owner {
 };
 Owner owner_of(std::string_view phone_path);  // as set by chown, else the real owner
 
+// ---- Processes ---------------------------------------------------------------------------
+
+// fork() for tests that need a second process on the same phone (a second service, a
+// lock held elsewhere): 0 in the child, the child's pid in the parent, -1 on failure.
+// glibc's fork crashes its child under the armel emulator (qemu-arm 7.2, ARMv5: the
+// thread pointer), so this is the bare system call, without glibc's fork handlers: the
+// child of a single-threaded test may use everything, and must end with _exit.
+int fork_process();
+
 // ---- Whole state --------------------------------------------------------------------
 
 // Clock to 0, transcript, faults, transfer limits, control answers and errors, call

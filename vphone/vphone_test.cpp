@@ -369,7 +369,7 @@ TEST_F(VphoneTest, AScheduledCutStopsTheCallAndTheFilesUntilPowerOn) {
 // A program ends where the power fails, with the documented status.
 TEST_F(VphoneTest, APlannedPowerCutEndsTheProgramWithItsStatus) {
     vphone::write_file("/misc/sensor/f", "old");
-    const pid_t child = ::fork();
+    const pid_t child = vphone::fork_process();
     ASSERT_GE(child, 0);
     if (child == 0) {
         std::vector<vphone::PlannedFault> plan;
@@ -381,7 +381,7 @@ TEST_F(VphoneTest, APlannedPowerCutEndsTheProgramWithItsStatus) {
     }
     int status = 0;
     ASSERT_EQ(::waitpid(child, &status, 0), child);
-    ASSERT_TRUE(WIFEXITED(status));
+    ASSERT_TRUE(WIFEXITED(status)) << "signal " << WTERMSIG(status);
     EXPECT_EQ(WEXITSTATUS(status), vphone::kPowerCutExitStatus);
     EXPECT_EQ(vphone::read_file("/misc/sensor/f"), "old");  // the truncation did not last
 }
@@ -392,7 +392,7 @@ TEST_F(VphoneTest, TheTranscriptIsBoundedAndCountsWhatItDrops) {
     for (size_t i = 0; i < sleeps; ++i) ::usleep(999999);
     EXPECT_EQ(vphone::transcript().size(), vphone::kTranscriptCap);
     EXPECT_EQ(vphone::transcript_dropped(), 1000u);
-    EXPECT_EQ(vphone::now_us(), sleeps * 999999u);  // every sleep still passes its time
+    EXPECT_EQ(vphone::now_us(), uint64_t{sleeps} * 999999u);  // every sleep still passes its time
     vphone::clear_transcript();
     ::usleep(5);
     EXPECT_EQ(vphone::transcript().size(), 1u);

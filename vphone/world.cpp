@@ -1,5 +1,7 @@
 // The simulated world behind the interposed calls: the bus and its chips, the virtual
 // clock, the transcript, control answers and injected faults (vphone.h).
+#include <signal.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -221,5 +223,10 @@ void reset() {
 }
 
 int open_compass_descriptors() { return static_cast<int>(state().compass.size()); }
+
+int fork_process() {
+    // Only the flags: the other arguments, whose order differs between architectures, are 0.
+    return static_cast<int>(::syscall(SYS_clone, SIGCHLD, 0, 0, 0, 0));
+}
 
 }  // namespace vphone
