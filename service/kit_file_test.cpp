@@ -118,6 +118,9 @@ TEST_F(Kit, EveryStartOutcomeIsReportedByNameAndActedOn) {
          KMXC_SERVICE_FILE_LOADED, KMXC_SERVICE_KIT_FILE_REFUSED, 0, 0, 0, true, "is a symbolic link", nullptr},
         {"unreadable", [] { vphone::write_file(kCfg, kStored), vphone::fail_path(kCfg, Call::Open, EACCES); },
          KMXC_SERVICE_FILE_UNREADABLE, KMXC_SERVICE_KIT_FILE_ABSENT, 1, 1, EACCES, false, "cannot be read", nullptr},
+        // Opens, but cannot be read: still never replaced by a record made without it.
+        {"unreadable content", [] { vphone::write_file(kCfg, kStored), vphone::fail_path(kCfg, Call::Read, EIO); },
+         KMXC_SERVICE_FILE_UNREADABLE, KMXC_SERVICE_KIT_FILE_ABSENT, 1, 1, EIO, false, "cannot be read", nullptr},
         {"a FIFO", [] { ::mkfifo(vphone::host_path(kCfg).c_str(), 0600); }, KMXC_SERVICE_FILE_NOT_REGULAR,
          KMXC_SERVICE_KIT_FILE_ABSENT, 1, 1, 0, false, "is a FIFO, not a regular file", nullptr},
         {"a link", [&] { std::filesystem::create_symlink(outside, vphone::host_path(kCfg)); },
