@@ -15,7 +15,7 @@ namespace kmxc_kit {
 
 namespace {
 
-constexpr const char *kDirectory = "/misc/sensor";
+constexpr const char *kDirectory = KMXC_CALIBRATION_DIRECTORY;
 constexpr const char *kCalibrationFile = KMXC_SERVICE_CALIBRATION_FILE;
 constexpr const char *kKitFile = KMXC_SERVICE_KIT_FILE;
 

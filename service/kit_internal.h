@@ -7,7 +7,7 @@
 #include <stdint.h>
 #include <sys/types.h>
 
-#include "drivers/kmxc_protocol.h"
+#include "calibration/calibration.h"
 #include "orientation/orientation.h"
 #include "service/kit_geometry.h"
 #include "service/kit_store.h"
@@ -15,13 +15,12 @@
 
 namespace kmxc_kit {
 
-constexpr int32_t kNoResidual = 2147483647;                       // the calibration's residual while a batch fills
-constexpr int32_t kCountsPer10uT = kmxc::kCountsPer10Microtesla;  // corrected counts
+constexpr int32_t kCountsPer10uT = KMXC_MS_COUNTS_PER_10_UT;  // corrected counts
 constexpr int64_t kNsPerMs = 1000000;
-constexpr int32_t kGravityCounts = 4096;  // 1 g
+constexpr int32_t kGravityCounts = KMXC_GS_COUNTS_PER_G;  // 1 g
 // The calibration's other two thresholds stay at the library's defaults.
-constexpr int16_t kRatioMidThreshold = 96;
-constexpr int32_t kResidualThreshold = 0x200000;
+constexpr int16_t kRatioMidThreshold = KMXC_CALIB_DEFAULT_RATIO_MID;
+constexpr int32_t kResidualThreshold = KMXC_CALIB_DEFAULT_RESIDUAL;
 
 // The kit's files as it knows them (kit_file.cpp).
 struct Persistence {
@@ -100,9 +99,9 @@ int8_t accuracy_now(int64_t now);
 // ---- Persistence (kit_file.cpp) -----------------------------------------------------
 
 // The owner and mode the library gives the calibration file; the kit's files get them too.
-constexpr uint32_t kFileUid = 1008;  // the compass user
-constexpr uint32_t kFileGid = 1000;  // the system group
-constexpr uint32_t kFileMode = 0666;
+constexpr uint32_t kFileUid = KMXC_CALIBRATION_FILE_UID;
+constexpr uint32_t kFileGid = KMXC_CALIBRATION_FILE_GID;
+constexpr uint32_t kFileMode = KMXC_CALIBRATION_FILE_MODE;
 
 // What start found and did, for its record.
 struct StartFiles {

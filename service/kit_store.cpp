@@ -1,7 +1,7 @@
 // The kit's records as text and the save-spacing rule (kit_store.h).
 #include "service/kit_store.h"
 
-#include "drivers/kmxc_protocol.h"
+#include "common/common.h"
 
 namespace kmxc_kit {
 
@@ -12,8 +12,8 @@ constexpr int32_t kSoftIronDiagonalMax = KMXC_SERVICE_SOFT_IRON_ONE * 2;
 constexpr int32_t kSoftIronCrossMax = KMXC_SERVICE_SOFT_IRON_ONE / 2;
 constexpr bool kSoftIronDiagonal[6] = {true, false, false, true, false, true};  // xx, xy, xz, yy, yz, zz
 // The Earth's range, in corrected counts.
-constexpr int32_t kStrengthMin = KMXC_SERVICE_FIELD_MIN_UT * kmxc::kCountsPer10Microtesla / 10;
-constexpr int32_t kStrengthMax = KMXC_SERVICE_FIELD_MAX_UT * kmxc::kCountsPer10Microtesla / 10;
+constexpr int32_t kStrengthMin = KMXC_SERVICE_FIELD_MIN_UT * KMXC_MS_COUNTS_PER_10_UT / 10;
+constexpr int32_t kStrengthMax = KMXC_SERVICE_FIELD_MAX_UT * KMXC_MS_COUNTS_PER_10_UT / 10;
 constexpr int32_t kDipMax = 9000;  // 90 degrees
 
 // Splits text into exactly n comma-separated decimal integers (an optional '-', 1 to

@@ -13,8 +13,8 @@
 
 namespace kmxc_kit {
 
-constexpr uint8_t kUnknownRough = 255;          // the file's "not known" rough-offset step
-constexpr int32_t kUnknownOffset = 2147483647;  // the file's "not known" magnetic offset
+constexpr uint8_t kUnknownRough = KMXC_ROUGH_UNKNOWN;    // the file's "not known" rough-offset step
+constexpr int32_t kUnknownOffset = KMXC_OFFSET_UNKNOWN;  // the file's "not known" magnetic offset
 constexpr KmxAxesData kNoStoredOffset{kUnknownOffset, kUnknownOffset, kUnknownOffset};
 
 // ---- The calibration file ------------------------------------------------------------------

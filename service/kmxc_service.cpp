@@ -274,7 +274,7 @@ int32_t kmxc_service_cycle(int64_t now, KmxcServiceEvent *e) {
     *e = KmxcServiceEvent{};
     e->timestamp_ns = now;
     e->heading_deg = -1;
-    e->calib_residual = kNoResidual;
+    e->calib_residual = KMXC_CALIB_NO_RESIDUAL;
 
     KmxAxesData mag = KmxAxesData_Constructor, gravity = KmxAxesData_Constructor;
     if (measure(&mag, &gravity, e)) {

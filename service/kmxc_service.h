@@ -118,6 +118,8 @@
 
 #include <stdint.h>
 
+#include "common/common.h"
+
 #ifndef KMXC_SERVICE_API
 #define KMXC_SERVICE_API __attribute__((visibility("default")))
 #endif
@@ -167,8 +169,8 @@ extern "C" {
 #define KMXC_SERVICE_ROUGH_CHANGE_INTERVAL_MS 1000
 
 /* Persistence (see the paragraph above). The library's calibration file, and the kit's. */
-#define KMXC_SERVICE_CALIBRATION_FILE "/misc/sensor/kmxc_orvane.cfg"
-#define KMXC_SERVICE_KIT_FILE "/misc/sensor/kmxc_orvane-kit.cfg"
+#define KMXC_SERVICE_CALIBRATION_FILE KMXC_CALIBRATION_FILE
+#define KMXC_SERVICE_KIT_FILE KMXC_CALIBRATION_DIRECTORY "/kmxc_orvane-kit.cfg"
 /* Largest stored gravity offset used, per axis, 1/4096 g: a quarter of g. A MEMS
  * accelerometer's zero-g offset, soldering stress and temperature included, stays within
  * about a tenth of g; a larger value is damage, and would tilt the attitude by up to
