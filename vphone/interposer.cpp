@@ -1,7 +1,7 @@
 // The interposer's side of the virtual phone: the C library calls that shim.c
 // intercepts (vphone_core.h) served on the simulated world: the compass descriptor
-// as a bus, its control requests, usleep on the virtual clock, and the files opened
-// on phone paths.
+// as a bus, its control requests, usleep on the virtual clock, and the files and
+// descriptors opened on phone paths.
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -66,6 +66,33 @@ int vphone_core_map_path(const char *path, char *out, size_t size) {
 int vphone_core_is_compass_path(const char *path) { return std::strcmp(path, compass_device::kPath) == 0; }
 
 int vphone_core_take_fault(int call) { return vphone::take(call); }
+
+int vphone_core_take_file_call(int call, const char *phone_path) { return vphone::take_file(call, phone_path); }
+
+int vphone_core_take_fd_call(int call, int fd) {
+    const auto it = state().phone_fds.find(fd);
+    return vphone::take_file(call, it == state().phone_fds.end() ? std::string() : it->second.phone);
+}
+
+void vphone_core_track_fd(int fd, const char *phone, const char *host) { state().phone_fds[fd] = {phone, host}; }
+int vphone_core_is_phone_fd(int fd) { return state().phone_fds.count(fd) != 0 ? 1 : 0; }
+void vphone_core_untrack_fd(int fd) { state().phone_fds.erase(fd); }
+
+int vphone_core_fd_relative(int dirfd, const char *name, char *out, size_t size) {
+    const auto it = state().phone_fds.find(dirfd);
+    if (it == state().phone_fds.end() || name == nullptr || name[0] == '/') return 0;
+    const int n = std::snprintf(out, size, "%s/%s", it->second.phone.c_str(), name);
+    return n >= 0 && static_cast<size_t>(n) < size ? 1 : 0;
+}
+
+void vphone_core_before_change(const char *host) { vphone::durable_before_change(host); }
+void vphone_core_before_remove(const char *host) { vphone::durable_before_remove(host); }
+void vphone_core_removed(void) { vphone::durable_removed(); }
+
+void vphone_core_synced(int fd) {
+    const auto it = state().phone_fds.find(fd);
+    if (it != state().phone_fds.end()) vphone::durable_synced(fd, it->second.host);
+}
 
 int vphone_core_compass_open(int flags) {
     static bool chips_attached = false;
@@ -153,7 +180,15 @@ int vphone_core_sleep_us(unsigned long long microseconds) {
     return 0;
 }
 
-void vphone_core_track_file(FILE *file, const char *host, long size) { state().files[file] = {host, size}; }
+void vphone_core_track_file(FILE *file, const char *phone, const char *host, long size) {
+    state().files[file] = {phone, host, size};
+}
+
+int vphone_core_take_stream_call(int call, FILE *file) {
+    const auto it = state().files.find(file);
+    if (it == state().files.end()) return 0;
+    return vphone::take_file(call, it->second.phone);
+}
 int vphone_core_is_tracked_file(FILE *file) { return state().files.count(file) != 0 ? 1 : 0; }
 void vphone_core_untrack_file(FILE *file) { state().files.erase(file); }
 
@@ -166,6 +201,11 @@ void vphone_core_lose_unflushed(FILE *file) {
 
 void vphone_core_set_owner(const char *host, unsigned uid, unsigned gid) {
     state().owners[host] = vphone::Owner{uid, gid};
+}
+
+void vphone_core_set_owner_fd(int fd, unsigned uid, unsigned gid) {
+    const auto it = state().phone_fds.find(fd);
+    if (it != state().phone_fds.end()) state().owners[it->second.host] = vphone::Owner{uid, gid};
 }
 
 void vphone_core_move_owner(const char *from, const char *to) {

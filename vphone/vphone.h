@@ -2,10 +2,12 @@
 // system, so the shipped libkmxc_orvane.so runs unchanged on a development machine.
 //
 // What it does:
-//  - Stands in for the C library calls the compass library makes (open, close, read,
-//    write, ioctl, usleep, fopen, fgets, fprintf, fclose, access, chown, chmod,
-//    rename and their glibc aliases). Calls that do not concern the phone go on to
-//    the real C library untouched.
+//  - Stands in for the C library calls the compass library and the kit make (open,
+//    close, read, write, ioctl, usleep, fopen, fgets, fprintf, fclose, access, chown,
+//    chmod, rename, renameat, unlink, fsync, fdatasync, flock, fchmod, fchown and their
+//    glibc aliases). Calls that do not concern the phone go on to the real C library
+//    untouched; on the phone's files they keep the real file system's semantics
+//    (O_EXCL, O_NOFOLLOW, O_NONBLOCK, flock), counted and failable.
 //  - Maps the phone's paths (/dev/compass, /misc/..., /etc/kmxc_..., /sys/module/
 //    zorsensor/...) into a sandbox directory: "/misc/sensor/x.cfg" is
 //    "<root>/misc/sensor/x.cfg". Tests never touch the machine's /etc or /misc.
@@ -16,8 +18,10 @@
 //  - usleep advances a virtual clock instead of sleeping.
 //  - Injects faults: fail the Nth call of a kind with an errno, shorten transfers,
 //    fail control requests.
-//  - Ownership is simulated: chown on a phone path records the owner (owner_of)
-//    rather than applying it, so results do not depend on who runs the tests.
+//  - Ownership is simulated: chown on a phone path (fchown on a phone descriptor)
+//    records the owner (owner_of) rather than applying it, so results do not depend on
+//    who runs the tests.
+//  - Models durability and cuts the power (below, "Power").
 //
 // Use in tests: link the target kmxc_vphone (kmxc_add_phone_test does it) and derive
 // fixtures from vphone::PhoneTest (phone_fixture.h). Not thread-safe: one test
@@ -94,9 +98,13 @@ struct Event {
     int error = 0;                 // errno when result is -1
 };
 
+// At most kTranscriptCap events are kept between two clear_transcript() (a replay's wait
+// over a long gap sleeps billions of times); later ones are only counted.
+constexpr size_t kTranscriptCap = 65536;
 const std::vector<Event> &transcript();
 std::vector<Event> transcript_of(Kind kind);
 void clear_transcript();
+size_t transcript_dropped();  // events not kept since the last clear_transcript()
 
 // ---- Control requests ------------------------------------------------------------------
 
@@ -116,7 +124,9 @@ void set_control_error(unsigned long request, int error);
 // ---- Fault injection -------------------------------------------------------------------
 
 // Calls counted and failable. Only calls that concern the phone count: phone paths,
-// the compass descriptor, files opened on phone paths; usleep always.
+// the compass descriptor, descriptors open() returned on phone paths, files fopen()ed
+// on them; usleep always. Open, Close, Read and Write count both the compass
+// descriptor's calls and the phone files'. Rename counts rename and renameat.
 enum class Call {
     Open,
     Close,
@@ -131,7 +141,13 @@ enum class Call {
     Access,
     Chown,
     Chmod,
-    Rename
+    Rename,
+    Unlink,
+    Fsync,
+    Fdatasync,
+    Flock,
+    Fchmod,
+    Fchown
 };
 constexpr int kForever = -1;
 
@@ -147,6 +163,47 @@ void limit_transfer(Call call, size_t max_bytes, int nth = 1, int count = 1);
 // Calls of this kind since the last reset().
 int calls(Call call);
 const char *call_name(Call call);
+
+// Every counted call on a phone file since the last reset(), in order (at most
+// kTranscriptCap): its kind and the phone path it concerns (a descriptor's: the path it
+// was opened with). VPHONE_FILE_LOG=FILE also writes them to FILE as they happen, one
+// "N CALL PATH" line each (N counts from 1).
+struct FileCall {
+    Call call;
+    std::string path;
+};
+const std::vector<FileCall> &file_call_log();
+long file_calls();  // counted calls on phone files since the last reset()
+
+// ---- Power ------------------------------------------------------------------------------
+//
+// The phone's flash keeps only what was made durable, as a journaling flash file
+// system does:
+//  - a file's content is durable as of the last fsync or fdatasync of a descriptor on
+//    it (a file never synced is durable as empty);
+//  - a directory entry change (a file created, renamed, replaced, unlinked) is durable
+//    once the directory is fsynced (through a descriptor open() returned on it);
+//  - whatever was on the phone at power-on (reset(), make_sandbox(), set_root(), a
+//    preloaded program's first call) and whatever the file helpers below write is
+//    durable.
+// A power cut puts every phone file and directory entry back to its durable state:
+// files created since are gone, replaced or removed files come back with their durable
+// content, and a file whose entry is durable but whose content never was comes back
+// empty. Limits: only regular files in directories the phone changed through counted
+// calls are modelled (directories themselves, symbolic links, FIFOs are left as they
+// are); owner and mode are not rolled back; fdatasync counts as fsync; a write is
+// never torn (the content reverts whole).
+//
+// Scheduled cuts (cut_power_at..., fault plans "powercut:N[:CALL]") happen as the call
+// is made: the call does not take place. In a program (exit_process) the process then
+// ends at once with kPowerCutExitStatus, as on a real cut; in a test the phone stays
+// off instead: every later call on a phone file fails with EIO until reset() powers it
+// on again (the bus and the clock go on).
+constexpr int kPowerCutExitStatus = 86;
+void power_cut();                                                   // now, the process goes on and the phone stays on
+void cut_power_at_file_call(long nth, bool exit_process = false);   // nth next file call
+void cut_power_at(Call call, long nth, bool exit_process = false);  // nth next call of call
+bool powered_off();                                                 // a scheduled cut has happened (test mode)
 
 // ---- Sandbox ---------------------------------------------------------------------------
 
@@ -164,7 +221,8 @@ std::string root();
 std::string host_path(std::string_view phone_path);
 bool is_phone_path(std::string_view path);
 
-// File helpers on phone paths (they bypass fault injection and counting).
+// File helpers on phone paths (they bypass fault injection and counting; what they
+// write or remove is durable at once).
 void write_file(std::string_view phone_path, std::string_view content);
 std::optional<std::string> read_file(std::string_view phone_path);
 bool exists(std::string_view phone_path);
@@ -180,8 +238,10 @@ Owner owner_of(std::string_view phone_path);  // as set by chown, else the real 
 // ---- Whole state --------------------------------------------------------------------
 
 // Clock to 0, transcript, faults, transfer limits, control answers and errors, call
-// counts, recorded owners and attached devices cleared. Open compass descriptors stay
-// open (the library under test may still hold one) and keep their slave address.
+// counts, the file-call log, recorded owners and attached devices cleared; scheduled
+// power cuts dropped and the phone powered on (what the files hold now is durable).
+// Open compass descriptors stay open (the library under test may still hold one) and
+// keep their slave address; open phone file descriptors stay tracked.
 void reset();
 // Compass descriptors currently open.
 int open_compass_descriptors();

@@ -1,5 +1,7 @@
 // The simulated world behind the interposed calls: the bus and its chips, the virtual
 // clock, the transcript, control answers and injected faults (vphone.h).
+#include <unistd.h>
+
 #include <algorithm>
 #include <cerrno>
 
@@ -13,13 +15,50 @@ State &state() {
     return *s;
 }
 
+namespace {
+
+// The scheduled power cut, when this call is its moment: the files go back to their
+// durable state; a program ends there, a test's phone stays off.
+void cut_if_due(int call, long n, bool file_call) {
+    State &s = state();
+    const PowerCut &c = s.cut;
+    if (!c.armed || (c.any_file_call ? !file_call || s.file_calls != c.at : c.call != call || n != c.at)) return;
+    s.cut.armed = false;
+    power_cut();
+    if (c.exit_process) _exit(kPowerCutExitStatus);
+    s.powered_off = true;
+}
+
+int fault_of(int call, long n) {
+    for (const Window &w : state().faults)
+        if (w.call == call && w.contains(n)) return w.error;
+    return 0;
+}
+
+}  // namespace
+
 int take(int call) {
     apply_environment_fault_plan();  // VPHONE_FAULTS, once, before the first call counts
     State &s = state();
     long n = ++s.counts[call];
-    for (const Window &w : s.faults)
-        if (w.call == call && w.contains(n)) return w.error;
-    return 0;
+    cut_if_due(call, n, false);
+    return fault_of(call, n);
+}
+
+int take_file(int call, const std::string &phone_path) {
+    apply_environment_fault_plan();
+    State &s = state();
+    long n = ++s.counts[call];
+    ++s.file_calls;
+    if (s.file_log.size() < kTranscriptCap) s.file_log.push_back(FileCall{static_cast<Call>(call), phone_path});
+    if (s.file_log_out != nullptr) {
+        std::fprintf(s.file_log_out, "%ld %s %s\n", s.file_calls, call_name(static_cast<Call>(call)),
+                     phone_path.c_str());
+        std::fflush(s.file_log_out);
+    }
+    cut_if_due(call, n, true);
+    if (s.powered_off) return EIO;
+    return fault_of(call, n);
 }
 
 size_t limit_of(int call, long n, size_t length) {
@@ -28,7 +67,14 @@ size_t limit_of(int call, long n, size_t length) {
     return length;
 }
 
-void record(Event e) { state().transcript.push_back(std::move(e)); }
+void record(Event e) {
+    State &s = state();
+    if (s.transcript.size() >= kTranscriptCap) {
+        ++s.transcript_dropped;
+        return;
+    }
+    s.transcript.push_back(std::move(e));
+}
 
 ssize_t fail(Event e, int error) {
     e.result = -1;
@@ -86,7 +132,11 @@ std::vector<Event> transcript_of(Kind kind) {
         if (e.kind == kind) out.push_back(e);
     return out;
 }
-void clear_transcript() { state().transcript.clear(); }
+void clear_transcript() {
+    state().transcript.clear();
+    state().transcript_dropped = 0;
+}
+size_t transcript_dropped() { return state().transcript_dropped; }
 
 // ---- Control requests and faults -------------------------------------------------------------
 
@@ -113,10 +163,30 @@ void limit_transfer(Call call, size_t max_bytes, int nth, int count) {
 int calls(Call call) { return static_cast<int>(state().counts[static_cast<int>(call)]); }
 
 const char *call_name(Call call) {
-    static const char *const names[] = {"open",  "close",   "read",   "write",  "ioctl", "usleep", "fopen",
-                                        "fgets", "fprintf", "fclose", "access", "chown", "chmod",  "rename"};
+    static const char *const names[] = {"open",   "close",   "read",      "write",  "ioctl",  "usleep", "fopen",
+                                        "fgets",  "fprintf", "fclose",    "access", "chown",  "chmod",  "rename",
+                                        "unlink", "fsync",   "fdatasync", "flock",  "fchmod", "fchown"};
+    static_assert(sizeof names / sizeof names[0] == kCallCount, "a name for every call");
     return names[static_cast<int>(call)];
 }
+
+const std::vector<FileCall> &file_call_log() { return state().file_log; }
+long file_calls() { return state().file_calls; }
+
+// ---- Power --------------------------------------------------------------------------------
+
+void cut_power_at_file_call(long nth, bool exit_process) {
+    State &s = state();
+    s.cut = PowerCut{true, true, 0, s.file_calls + std::max(nth, 1L), exit_process};
+}
+
+void cut_power_at(Call call, long nth, bool exit_process) {
+    State &s = state();
+    const int c = static_cast<int>(call);
+    s.cut = PowerCut{true, false, c, s.counts[c] + std::max(nth, 1L), exit_process};
+}
+
+bool powered_off() { return state().powered_off; }
 
 // ---- Whole state ----------------------------------------------------------------------------------
 
@@ -131,6 +201,12 @@ void reset() {
     s.answers.clear();
     s.control_errors.clear();
     s.owners.clear();
+    s.file_calls = 0;
+    s.file_log.clear();
+    s.transcript_dropped = 0;
+    s.cut = PowerCut{};
+    s.powered_off = false;
+    power_on();
 }
 
 int open_compass_descriptors() { return static_cast<int>(state().compass.size()); }
