@@ -68,7 +68,7 @@ include(CPack)
 
 # Makes the packages and checks each one's file list against README.md. Skipped under
 # the sanitizers (nothing there is shipped).
-if(NOT KMXC_SANITIZE)
+if(KMXC_BUILD_TESTS AND NOT KMXC_SANITIZE)
   find_program(DPKG_DEB dpkg-deb REQUIRED)
   if(TARGET kmxc_service)
     set(KMXC_PACKAGES_HAVE_KIT yes)

@@ -111,7 +111,7 @@ install(FILES ${PROJECT_SOURCE_DIR}/docs/record-format.md ${PROJECT_SOURCE_DIR}/
 # Install into a scratch prefix, build the two consumers against it (pkg-config and
 # find_package), run them on the virtual phone; under a cross build, through the
 # emulator. Skipped under the sanitizers, whose runtime the installed tree lacks.
-if(NOT KMXC_SANITIZE)
+if(KMXC_BUILD_TESTS AND NOT KMXC_SANITIZE)
   find_program(PKG_CONFIG_EXECUTABLE NAMES pkg-config pkgconf REQUIRED)
   set(kmxc_consumer_cflags "${CMAKE_C_FLAGS}")
   if(CMAKE_SYSROOT)
