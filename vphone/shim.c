@@ -294,10 +294,10 @@ static int phone_clock_nanosleep(int flags, int64_t seconds, int64_t nanoseconds
 
 #define TIME_T_MAX (sizeof(time_t) >= 8 ? (int64_t)INT64_MAX : (int64_t)INT32_MAX)
 
-static int phone_clock_gettime(const char *name, clockid_t clock, struct timespec *now) {
+static int phone_clock_gettime(clockid_t clock, struct timespec *now) {
     if (!reads_virtual(clock)) {
-        clock_gettime_fn real = (clock_gettime_fn)next_symbol(name);
-        return real(clock, now);
+        NEXT(clock_gettime_fn, clock_gettime);
+        return real_clock_gettime(clock, now);
     }
     if (now == NULL) return fail_with(EFAULT);
     int64_t seconds = 0, nanoseconds = 0;
@@ -308,12 +308,8 @@ static int phone_clock_gettime(const char *name, clockid_t clock, struct timespe
     return 0;
 }
 
-VPHONE_EXPORT int clock_gettime(clockid_t clock, struct timespec *now) {
-    return phone_clock_gettime("clock_gettime", clock, now);
-}
-VPHONE_EXPORT int __clock_gettime(clockid_t clock, struct timespec *now) {
-    return phone_clock_gettime("clock_gettime", clock, now);
-}
+VPHONE_EXPORT int clock_gettime(clockid_t clock, struct timespec *now) { return phone_clock_gettime(clock, now); }
+VPHONE_EXPORT int __clock_gettime(clockid_t clock, struct timespec *now) { return phone_clock_gettime(clock, now); }
 
 static int plain_nanosleep(const struct timespec *request, struct timespec *remaining) {
     if (request == NULL) return fail_with(EFAULT);

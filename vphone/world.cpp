@@ -26,7 +26,6 @@ namespace {
 
 std::atomic<pthread_t> g_user{};  // the thread inside the phone; 0: none
 int g_depth = 0;                  // how often it came in; only that thread touches it
-static_assert(std::atomic<pthread_t>::is_always_lock_free, "the flag must not need a lock itself");
 
 }  // namespace
 
