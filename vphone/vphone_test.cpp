@@ -387,7 +387,7 @@ TEST_F(VphoneTest, TheTranscriptIsBoundedAndCountsWhatItDrops) {
     for (size_t i = 0; i < sleeps; ++i) ::usleep(999999);
     EXPECT_EQ(vphone::transcript().size(), vphone::kTranscriptCap);
     EXPECT_EQ(vphone::transcript_dropped(), 1000u);
-    EXPECT_EQ(vphone::now_us(), sleeps * 999999u);  // every sleep still passes its time
+    EXPECT_EQ(vphone::now_us(), uint64_t{sleeps} * 999999u);  // every sleep still passes its time
     vphone::clear_transcript();
     ::usleep(5);
     EXPECT_EQ(vphone::transcript().size(), 1u);
