@@ -50,11 +50,8 @@ pc_version=$("$pkg_config" --modversion kmxc_service) || fail "pkg-config does n
 [ "$pc_version" = "${version%-*}" ] || fail "kmxc_service.pc says version $pc_version, want ${version%-*}"
 read -r -a pc_flags <<<"$("$pkg_config" --cflags --libs kmxc_service)"
 read -r -a extra <<<"$cflags"
-# The linker looks for the libraries' own dependencies (libkmxc_orvane.so beside the
-# kit, the machine's liblog) by their run-time paths, which are the installed ones.
-link_paths=(-Wl,-rpath-link,"$root/usr/lib/$multiarch" -Wl,-rpath-link,"/usr/lib/$multiarch/android")
 "$cc" "${extra[@]}" -std=c11 -Wall -Wextra -Werror -pedantic -o "$work/example_service" "$root$doc/example_service.c" \
-  "${pc_flags[@]}" "${link_paths[@]}" || fail "the shipped example does not build with pkg-config kmxc_service"
+  "${pc_flags[@]}" || fail "the shipped example does not build with pkg-config kmxc_service"
 
 # 3. Run it on the shipped phone.
 phone=(VPHONE_ROOT="$work/phone" VPHONE_SCENARIO=default)
