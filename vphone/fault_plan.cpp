@@ -10,14 +10,16 @@
 namespace vphone {
 namespace {
 
-constexpr Call kCalls[] = {Call::Open,   Call::Close,     Call::Read,  Call::Write,   Call::Ioctl,
-                           Call::Usleep, Call::Fopen,     Call::Fgets, Call::Fprintf, Call::Fclose,
-                           Call::Access, Call::Chown,     Call::Chmod, Call::Rename,  Call::Unlink,
-                           Call::Fsync,  Call::Fdatasync, Call::Flock, Call::Fchmod,  Call::Fchown};
-static_assert(sizeof kCalls / sizeof kCalls[0] == static_cast<int>(Call::Fchown) + 1, "every call can be planned");
+constexpr Call kCalls[] = {Call::Open,         Call::Close,     Call::Read,          Call::Write,   Call::Ioctl,
+                           Call::Usleep,       Call::Fopen,     Call::Fgets,         Call::Fprintf, Call::Fclose,
+                           Call::Access,       Call::Chown,     Call::Chmod,         Call::Rename,  Call::Unlink,
+                           Call::Fsync,        Call::Fdatasync, Call::Flock,         Call::Fchmod,  Call::Fchown,
+                           Call::ClockGettime, Call::Nanosleep, Call::ClockNanosleep};
+static_assert(sizeof kCalls / sizeof kCalls[0] == static_cast<int>(Call::ClockNanosleep) + 1,
+              "every call can be planned");
 constexpr const char *kCallList =
     "open, close, read, write, ioctl, usleep, fopen, fgets, fprintf, fclose, access, chown, chmod, rename, unlink, "
-    "fsync, fdatasync, flock, fchmod, fchown";
+    "fsync, fdatasync, flock, fchmod, fchown, clock_gettime, nanosleep, clock_nanosleep";
 
 struct ErrnoName {
     const char *name;

@@ -10,8 +10,8 @@
 // (COUNT "all": every one from the Nth on; default 1) with ERRNO, a name (EIO, ENOSPC,
 // EACCES, ...) or a number (default EIO). CALL is one of the counted calls: open,
 // close, read, write, ioctl, usleep, fopen, fgets, fprintf, fclose, access, chown,
-// chmod, rename, unlink, fsync, fdatasync, flock, fchmod, fchown. Only calls that
-// concern the phone count (see vphone.h).
+// chmod, rename, unlink, fsync, fdatasync, flock, fchmod, fchown, clock_gettime,
+// nanosleep, clock_nanosleep. Only calls that concern the phone count (see vphone.h).
 //
 // Or powercut:N[:CALL]: the power fails as the Nth call on a phone file is made (with
 // CALL: the Nth call of CALL, e.g. powercut:300:usleep for a moment between file

@@ -15,7 +15,8 @@
 //    address per open descriptor, write/read go to the BusDevice attached at that
 //    address, requests 0x0707..0x0710 answer as set here. Every transfer, request and
 //    sleep goes to a transcript.
-//  - usleep advances a virtual clock instead of sleeping.
+//  - usleep, nanosleep and clock_nanosleep advance a virtual clock instead of sleeping,
+//    and clock_gettime reads it for the monotonic clocks ("Virtual clock", below).
 //  - Injects faults: fail the Nth call of a kind with an errno, shorten transfers,
 //    fail control requests.
 //  - Ownership is simulated: chown on a phone path (fchown on a phone descriptor)
@@ -24,9 +25,10 @@
 //  - Models durability and cuts the power (below, "Power").
 //
 // Use in tests: link the target kmxc_vphone (kmxc_add_phone_test does it) and derive
-// fixtures from vphone::PhoneTest (phone_fixture.h). Not thread-safe: one test
-// thread, like the library itself. See README.md for running any program on it
-// with LD_PRELOAD.
+// fixtures from vphone::PhoneTest (phone_fixture.h). Single-threaded, like the library
+// itself: a second thread that reaches the phone while a call is in it stops the
+// program with a message (abort) instead of corrupting its state. See README.md for
+// running any program on it with LD_PRELOAD.
 #ifndef KMXC_VPHONE_H
 #define KMXC_VPHONE_H
 
@@ -80,8 +82,18 @@ public:
 };
 
 // ---- Virtual clock -------------------------------------------------------------------
+//
+// One clock, counted in nanoseconds from the last reset() (from 0 in a preloaded
+// program). It moves only when the program sleeps: usleep by 1000 ns per microsecond,
+// nanosleep and clock_nanosleep by exactly the nanoseconds asked (to the deadline, for
+// an absolute clock_nanosleep; a deadline already past returns at once). clock_gettime
+// reads it for CLOCK_MONOTONIC, CLOCK_MONOTONIC_RAW, CLOCK_MONOTONIC_COARSE and
+// CLOCK_BOOTTIME (the phone never suspends); clock_nanosleep sleeps on it for
+// CLOCK_MONOTONIC and CLOCK_BOOTTIME. CLOCK_REALTIME, time(), gettimeofday(), sleep()
+// and the CPU-time clocks stay real. It stops at 2^64-1 ns (584 years) rather than wrap.
 
-uint64_t now_us();  // microseconds since the last reset()
+uint64_t now_ns();
+uint64_t now_us();  // now_ns() / 1000, rounded down
 void advance_us(uint64_t microseconds);
 
 // ---- Transcript -------------------------------------------------------------------------
@@ -93,10 +105,11 @@ struct Event {
     int address = -1;              // selected slave address (transfers, SelectSlave: the new one)
     std::vector<uint8_t> bytes{};  // bytes actually moved (Write, Read)
     uint64_t time_us = 0;          // virtual time when the call was made
-    unsigned long request = 0;     // ioctl request (SelectSlave, Control)
+    unsigned long request = 0;     // ioctl request (SelectSlave, Control); Sleep: the Call that slept
     long argument = 0;             // ioctl argument; Sleep: microseconds; Read/Write: length asked
     long result = 0;               // what the call returned
     int error = 0;                 // errno when result is -1
+    uint64_t sleep_ns = 0;         // Sleep: how far the clock moved (usleep: 1000 per microsecond)
 };
 
 // At most kTranscriptCap events are kept between two clear_transcript() (a replay's wait
@@ -126,8 +139,10 @@ void set_control_error(unsigned long request, int error);
 
 // Calls counted and failable. Only calls that concern the phone count: phone paths,
 // the compass descriptor, descriptors open() returned on phone paths, files fopen()ed
-// on them; usleep always. Open, Close, Read and Write count both the compass
-// descriptor's calls and the phone files'. Rename counts rename and renameat.
+// on them; usleep and nanosleep always, clock_gettime and clock_nanosleep on the
+// virtual clock's clocks. Open, Close, Read and Write count both the compass
+// descriptor's calls and the phone files'. Rename counts rename and renameat. A failing
+// sleep does not move the clock (EINTR: nothing of it was slept).
 enum class Call {
     Open,
     Close,
@@ -148,7 +163,10 @@ enum class Call {
     Fdatasync,
     Flock,
     Fchmod,
-    Fchown
+    Fchown,
+    ClockGettime,
+    Nanosleep,
+    ClockNanosleep
 };
 constexpr int kForever = -1;
 

@@ -33,6 +33,9 @@ enum {
     VPHONE_CALL_FLOCK,
     VPHONE_CALL_FCHMOD,
     VPHONE_CALL_FCHOWN,
+    VPHONE_CALL_CLOCK_GETTIME,
+    VPHONE_CALL_NANOSLEEP,
+    VPHONE_CALL_CLOCK_NANOSLEEP,
     VPHONE_CALL_COUNT
 };
 
@@ -74,6 +77,10 @@ ssize_t vphone_core_compass_write(int fd, const void *buffer, size_t length);
 int vphone_core_compass_ioctl(int fd, unsigned long request, unsigned long argument);
 
 int vphone_core_sleep_us(unsigned long long microseconds);
+/* The virtual clock (vphone.h, "Virtual clock"): its time in nanoseconds, and a sleep
+ * of ns nanoseconds made by a call of the kind (recorded in the transcript). */
+unsigned long long vphone_core_now_ns(void);
+int vphone_core_sleep_ns(int call, unsigned long long ns);
 
 /* A file opened on a phone path; size is its length right after opening. */
 void vphone_core_track_file(FILE *file, const char *phone_path, const char *host_path, long size);

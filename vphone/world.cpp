@@ -1,11 +1,16 @@
 // The simulated world behind the interposed calls: the bus and its chips, the virtual
 // clock, the transcript, control answers and injected faults (vphone.h).
+#include <pthread.h>
 #include <signal.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <limits>
 
 #include "vphone/fault_plan.h"
 #include "vphone/world.h"
@@ -15,6 +20,38 @@ namespace vphone {
 State &state() {
     static State *s = new State;  // never destroyed: calls may arrive during exit
     return *s;
+}
+
+// ---- One thread at a time ----------------------------------------------------------------
+
+namespace {
+
+std::atomic<pthread_t> g_user{};  // the thread inside the phone; 0: none
+int g_depth = 0;                  // how often it came in; only that thread touches it
+
+}  // namespace
+
+InUse::InUse() {
+    const pthread_t me = pthread_self();
+    pthread_t user{};
+    if (g_user.compare_exchange_strong(user, me)) {
+        g_depth = 1;
+        return;
+    }
+    if (pthread_equal(user, me)) {
+        ++g_depth;
+        return;
+    }
+    // fputs, not fprintf: the shim serves fprintf, which would come back here.
+    std::fputs(
+        "vphone: called from two threads at once; the virtual phone is single-threaded (make its calls from one "
+        "thread, or one at a time)\n",
+        stderr);
+    std::abort();
+}
+
+InUse::~InUse() {
+    if (--g_depth == 0) g_user.store(pthread_t{});
 }
 
 namespace {
@@ -127,8 +164,31 @@ int ScriptedDevice::read(uint8_t *data, size_t length) {
 
 // ---- Clock and transcript -----------------------------------------------------------------
 
+namespace {
+
+constexpr uint64_t kClockEnd = std::numeric_limits<uint64_t>::max();  // in ns
+
+}  // namespace
+
+uint64_t now_ns() {
+    const State &s = state();
+    if (s.clock_us > (kClockEnd - s.clock_sub_ns) / 1000) return kClockEnd;
+    return s.clock_us * 1000 + s.clock_sub_ns;
+}
+
 uint64_t now_us() { return state().clock_us; }
-void advance_us(uint64_t microseconds) { state().clock_us += microseconds; }
+
+void advance_clock_ns(uint64_t ns) {
+    State &s = state();
+    const uint64_t now = now_ns();
+    const uint64_t then = ns > kClockEnd - now ? kClockEnd : now + ns;
+    s.clock_us = then / 1000;
+    s.clock_sub_ns = static_cast<uint32_t>(then % 1000);
+}
+
+void advance_us(uint64_t microseconds) {
+    advance_clock_ns(microseconds > kClockEnd / 1000 ? kClockEnd : microseconds * 1000);
+}
 
 const std::vector<Event> &transcript() { return state().transcript; }
 std::vector<Event> transcript_of(Kind kind) {
@@ -168,9 +228,10 @@ void limit_transfer(Call call, size_t max_bytes, int nth, int count) {
 int calls(Call call) { return static_cast<int>(state().counts[static_cast<int>(call)]); }
 
 const char *call_name(Call call) {
-    static const char *const names[] = {"open",   "close",   "read",      "write",  "ioctl",  "usleep", "fopen",
-                                        "fgets",  "fprintf", "fclose",    "access", "chown",  "chmod",  "rename",
-                                        "unlink", "fsync",   "fdatasync", "flock",  "fchmod", "fchown"};
+    static const char *const names[] = {"open",   "close",  "read",          "write",     "ioctl",          "usleep",
+                                        "fopen",  "fgets",  "fprintf",       "fclose",    "access",         "chown",
+                                        "chmod",  "rename", "unlink",        "fsync",     "fdatasync",      "flock",
+                                        "fchmod", "fchown", "clock_gettime", "nanosleep", "clock_nanosleep"};
     static_assert(sizeof names / sizeof names[0] == kCallCount, "a name for every call");
     return names[static_cast<int>(call)];
 }
@@ -204,6 +265,7 @@ bool powered_off() { return state().powered_off; }
 void reset() {
     State &s = state();
     s.clock_us = 0;
+    s.clock_sub_ns = 0;
     s.transcript.clear();
     s.counts.fill(0);
     s.faults.clear();

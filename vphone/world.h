@@ -21,7 +21,7 @@
 namespace vphone {
 
 constexpr int kCallCount = VPHONE_CALL_COUNT;
-static_assert(static_cast<int>(Call::Fchown) + 1 == kCallCount, "Call matches the shim's kinds");
+static_assert(static_cast<int>(Call::ClockNanosleep) + 1 == kCallCount, "Call matches the shim's kinds");
 
 struct Window {  // calls first..last (1-based counts of the kind) are affected
     int call;
@@ -66,7 +66,8 @@ struct PowerCut {
 struct State {
     std::string root;
     bool made_root = false;
-    uint64_t clock_us = 0;
+    uint64_t clock_us = 0;      // the virtual clock: clock_us microseconds
+    uint32_t clock_sub_ns = 0;  // and this many nanoseconds (0..999)
     std::vector<Event> transcript;
     std::array<long, kCallCount> counts{};
     std::vector<Window> faults;
@@ -104,6 +105,22 @@ struct State {
 };
 
 State &state();
+
+// The virtual phone is single-threaded. Every use of the state by an interposed call
+// holds this for its duration; a second thread that comes in meanwhile stops the
+// program with one line on standard error (abort) instead of corrupting the state
+// silently. The holding thread may come back in (the phone's own C library calls reach
+// the shim again).
+class InUse {
+public:
+    InUse();
+    ~InUse();
+    InUse(const InUse &) = delete;
+    InUse &operator=(const InUse &) = delete;
+};
+
+// Moves the virtual clock on by ns; it stops at 2^64-1 ns rather than wrap.
+void advance_clock_ns(uint64_t ns);
 
 // Counts one call of the kind; the errno of a fault window it falls into, else 0.
 int take(int call);
