@@ -25,27 +25,13 @@ cases=${6:-restart-stale default-fresh slow-fresh magnet-stored}
 fail() { echo "FAIL: $*" >&2; exit 1; }
 read -r -a emu <<<"$emulator"
 run() { "${emu[@]}" "$service" --quiet --rate 5 "$@"; }
-cfg=misc/sensor/kmxc_orvane.cfg kit=misc/sensor/kmxc_orvane-kit.cfg
+source "$(dirname "$(realpath "$0")")/sweep_records.sh"
 
 # Only ever empties its own scratch directory.
 rm -rf "$work"
 mkdir -p "$work"
 cd "$work"
 
-record() { if [ -f "$1/$cfg" ]; then cat "$1/$cfg"; else echo "<none>"; fi; }
-# A complete record with every value in range (what the kit writes), or "<none>".
-whole() {
-  [ "$1" = "<none>" ] && return 0
-  [[ $1 =~ ^-?[0-9]+(,-?[0-9]+){8}$ ]] || return 1
-  local f v
-  IFS=, read -r -a f <<<"$1"
-  if [ "${f[0]},${f[1]},${f[2]}" != 255,255,255 ]; then
-    for v in "${f[@]:0:3}"; do ((v >= 0 && v <= 31)) || return 1; done
-  fi
-  for v in "${f[@]:3:3}"; do ((v >= -1024 && v <= 1024)) || return 1; done
-  [ "${f[6]},${f[7]},${f[8]}" = 2147483647,2147483647,2147483647 ] && return 0
-  for v in "${f[@]:6:3}"; do ((v >= -16384 && v <= 16384)) || return 1; done
-}
 # n occurrences of count, spread evenly from the first to the last.
 spread() { # COUNT N
   if [ "$1" -le "$2" ]; then seq 1 "$1"
@@ -111,9 +97,7 @@ sweep_case() { # NAME SCENARIO BASE KINDS
         printf '%s\n' "${saved[@]}" | grep -qxF -- "$now" ||
           fail "$what: the calibration file holds '$now', neither the old record nor one the fault-free run saved" ;;
       esac
-      if [ -f "$dir/$kit" ]; then
-        [[ $(cat "$dir/$kit") =~ ^1(,-?[0-9]+){18}$ ]] || fail "$what: the kit file is not whole: '$(cat "$dir/$kit")'"
-      fi
+      kit_whole "$(kit_record "$dir")" || fail "$what: the kit file is not whole: '$(kit_record "$dir")'"
       local fails
       fails=$(sed -n 's/^ *saves *[0-9]* done, \([0-9]*\) failed.*/\1/p' "$dir.out")
       if [ "${fails:-0}" -gt 0 ]; then

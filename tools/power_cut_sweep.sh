@@ -24,7 +24,7 @@ service=$(realpath "$1") emulator=$2 work=$3 stride=${4:-1} randoms=${5:-3}
 fail() { echo "FAIL: $*" >&2; exit 1; }
 read -r -a emu <<<"$emulator"
 run() { "${emu[@]}" "$service" --quiet --rate 5 "$@"; }
-cfg=misc/sensor/kmxc_orvane.cfg kit=misc/sensor/kmxc_orvane-kit.cfg
+source "$(dirname "$(realpath "$0")")/sweep_records.sh"
 cut_status=86  # vphone::kPowerCutExitStatus
 
 # Only ever empties its own scratch directory.
@@ -32,22 +32,6 @@ rm -rf "$work"
 mkdir -p "$work"
 cd "$work"
 
-record() { if [ -f "$1/$cfg" ]; then cat "$1/$cfg"; else echo "<none>"; fi; }
-kit_record() { if [ -f "$1/$kit" ]; then cat "$1/$kit"; else echo "<none>"; fi; }
-# A complete record with every value in range (what the kit writes), or "<none>".
-whole() {
-  [ "$1" = "<none>" ] && return 0
-  [[ $1 =~ ^-?[0-9]+(,-?[0-9]+){8}$ ]] || return 1
-  local f v
-  IFS=, read -r -a f <<<"$1"
-  if [ "${f[0]},${f[1]},${f[2]}" != 255,255,255 ]; then
-    for v in "${f[@]:0:3}"; do ((v >= 0 && v <= 31)) || return 1; done
-  fi
-  for v in "${f[@]:3:3}"; do ((v >= -1024 && v <= 1024)) || return 1; done
-  [ "${f[6]},${f[7]},${f[8]}" = 2147483647,2147483647,2147483647 ] && return 0
-  for v in "${f[@]:6:3}"; do ((v >= -16384 && v <= 16384)) || return 1; done
-}
-kit_whole() { [ "$1" = "<none>" ] || [[ $1 =~ ^1(,-?[0-9]+){18}$ ]]; }
 # The rough and magnetic offset a record, or a kit record, holds.
 pair() { IFS=, read -r -a f <<<"$1"; echo "${f[0]},${f[1]},${f[2]},${f[6]},${f[7]},${f[8]}"; }
 kit_pair() { IFS=, read -r -a f <<<"$1"; echo "${f[1]},${f[2]},${f[3]},${f[4]},${f[5]},${f[6]}"; }
