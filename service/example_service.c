@@ -67,6 +67,25 @@ static int parse(const char *text, long lo, long hi, long *out) {
     return 1;
 }
 
+/* What a cycle's event tells a reader: a new 3-D calibration, an accuracy change, a
+ * failed save, and once a second the orientation and field. */
+static void print_event(const KmxcServiceEvent *e, double t, long cycle, long rate, int8_t *accuracy) {
+    if (e->flags & KMXC_SERVICE_FIT_3D)
+        printf("t %6.2f s  new 3-D calibration: bias %.1f,%.1f,%.1f uT\n", t, e->bias_uT[0], e->bias_uT[1],
+               e->bias_uT[2]);
+    if (e->accuracy != *accuracy) {
+        printf("t %6.2f s  accuracy %d (%s)\n", t, e->accuracy, kAccuracy[e->accuracy]);
+        *accuracy = e->accuracy;
+    }
+    if (e->flags & KMXC_SERVICE_SAVE_FAILED) {
+        fprintf(stderr, "example_service: t %.2f s: saving the calibration failed (%u so far)\n", t, e->save_failures);
+    }
+    if (cycle % rate == 0 && (e->flags & KMXC_SERVICE_ORIENTATION_VALID))
+        printf("t %6.2f s  azimuth %3.0f pitch %4.0f roll %3.0f  field %5.1f,%5.1f,%5.1f uT  accuracy %d\n", t,
+               e->orientation_deg[0], e->orientation_deg[1], e->orientation_deg[2], e->magnetic_uT[0],
+               e->magnetic_uT[1], e->magnetic_uT[2], e->accuracy);
+}
+
 int main(int argc, char **argv) {
     long rate = 50, seconds = 30;
     if (argc > 3 || (argc > 1 && !parse(argv[1], KMXC_SERVICE_RATE_MIN_HZ, KMXC_SERVICE_RATE_MAX_HZ, &rate)) ||
@@ -110,22 +129,7 @@ int main(int argc, char **argv) {
             break;
         }
         ++done;
-        const double t = (double)(now_ns - first_ns) / 1e9;
-        if (e.flags & KMXC_SERVICE_FIT_3D)
-            printf("t %6.2f s  new 3-D calibration: bias %.1f,%.1f,%.1f uT\n", t, e.bias_uT[0], e.bias_uT[1],
-                   e.bias_uT[2]);
-        if (e.accuracy != accuracy) {
-            printf("t %6.2f s  accuracy %d (%s)\n", t, e.accuracy, kAccuracy[e.accuracy]);
-            accuracy = e.accuracy;
-        }
-        if (e.flags & KMXC_SERVICE_SAVE_FAILED) {
-            fprintf(stderr, "example_service: t %.2f s: saving the calibration failed (%u so far)\n", t,
-                    e.save_failures);
-        }
-        if (cycle % rate == 0 && (e.flags & KMXC_SERVICE_ORIENTATION_VALID))
-            printf("t %6.2f s  azimuth %3.0f pitch %4.0f roll %3.0f  field %5.1f,%5.1f,%5.1f uT  accuracy %d\n", t,
-                   e.orientation_deg[0], e.orientation_deg[1], e.orientation_deg[2], e.magnetic_uT[0], e.magnetic_uT[1],
-                   e.magnetic_uT[2], e.accuracy);
+        print_event(&e, (double)(now_ns - first_ns) / 1e9, cycle, rate, &accuracy);
         if (cycle + 1 == cycles) break; /* no sleep after the last cycle */
         int64_t end_ns;
         if (!monotonic_ns(&end_ns)) {
