@@ -12,11 +12,7 @@ constexpr int kCentreBits = 8;  // the centre about m0 is solved to 1/256 count
 FitResult sphere_fit(const FieldStore &store, SphereFit *out) {
     const int n = store.count;
     if (n < kSphereMinSamples) return FitResult::kTooFew;
-    int32_t sum[3] = {0, 0, 0};  // below 32 * 2^15
-    for (int i = 0; i < n; ++i) {
-        for (int k = 0; k < 3; ++k) sum[k] += store.sample[i].m[k];
-    }
-    const Vec3 m0{sum[0] / n, sum[1] / n, sum[2] / n};  // truncated: the fraction is kept in s
+    const Vec3 m0 = store_mean(store);  // truncated: the fraction is kept in s
 
     // With |u| <= 2^11: u u^T and |u|^2 below 2^23.6, their sums below 2^28.6 (32 bits);
     // u |u|^2 below 2^34.6, its sums below 2^39.6 (64 bits).
