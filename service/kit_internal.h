@@ -9,8 +9,11 @@
 
 #include "drivers/kmxc_protocol.h"
 #include "orientation/orientation.h"
+#include "service/ellipsoid_fit.h"
+#include "service/field_store.h"
 #include "service/kit_geometry.h"
 #include "service/kmxc_service.h"
+#include "service/sphere_fit.h"
 
 namespace kmxc_kit {
 
@@ -23,9 +26,35 @@ constexpr int32_t kNoResidual = 2147483647;                       // the calibra
 constexpr int32_t kCountsPer10uT = kmxc::kCountsPer10Microtesla;  // corrected counts
 constexpr int64_t kNsPerMs = 1000000;
 constexpr int32_t kGravityCounts = 4096;  // 1 g
+constexpr int16_t kIdentityQ14[9] = {16384, 0, 0, 0, 16384, 0, 0, 0, 16384};
 // The calibration's other two thresholds stay at the library's defaults.
 constexpr int16_t kRatioMidThreshold = 96;
 constexpr int32_t kResidualThreshold = 0x200000;
+
+// The soft-iron correction in use: the library sees m' = centre + W (m - centre), so its
+// own offset subtraction still works (identity while not in use).
+struct SoftIron {
+    bool in_use;
+    Vec3 centre;       // counts, raw field frame
+    int16_t w_q14[9];  // W, Q14, row-major, symmetric, det 1
+};
+// m' for a raw field m (m itself while no correction is in use).
+Vec3 corrected(const SoftIron &s, const Vec3 &m);
+
+// The kit's own estimators (kit_estimate.cpp): the diversity store of raw samples, the
+// last sphere fit of it, an ellipsoid fit waiting for its judgement, and what the
+// store's schedule needs.
+struct Estimators {
+    FieldStore store;
+    SphereFit sphere;        // the last sphere fit (the ellipsoid's starting point)
+    EllipsoidFit ellipsoid;  // fitted in one cycle, judged in the next
+    bool ellipsoid_due;      // coverage allows an ellipsoid fit in a coming cycle
+    bool ellipsoid_pending;  // `ellipsoid` waits for its judgement
+    uint8_t joined;          // samples joined since the last sphere fit
+    uint8_t coverage;        // cells of the store about the offset in use, at the last fit
+    bool reference_stale;    // a persisting anomaly cleared the store: only range verdicts count
+    bool anomaly_cleared;    // ... and this anomaly episode has done so
+};
 
 struct State {
     bool started;
@@ -56,15 +85,21 @@ struct State {
     bool save_pending;    // a confirmed offset waits to be saved (after a failure)
     bool file_damaged;    // the start could not reset a damaged calibration file
     bool file_unchecked;  // the start could not read the calibration file
+    // The kit's estimators.
+    uint8_t estimator;         // KMXC_SERVICE_ESTIMATOR_* of the offset in use
+    bool provisional;          // an untrusted offset worth a low accuracy is in use
+    int64_t anomaly_since_ns;  // start of the anomaly episode in progress
+    SoftIron soft_iron;
+    Estimators est;
 };
 
 extern State g_state;
 
 // ---- Rules (kit_rules.cpp) ----------------------------------------------------------
 
-// Field strengths of the last n fed samples with offset o removed: mean, and whether
-// every one lies within permille of the mean and in the Earth's range. Also the mean
-// dip over the samples taken in steady gravity.
+// Field strengths of the last n fed samples, seen through the correction in use, with offset o removed: mean, and
+// whether every one lies within permille of the mean and in the Earth's range. Also the mean dip over the samples taken
+// in steady gravity.
 struct Agreement {
     int32_t mean;
     int32_t worst_permille;
@@ -74,6 +109,10 @@ struct Agreement {
     bool dip_valid;
 };
 Agreement agreement(const KmxAxesData &o, int n);
+// The same for the fed samples as the library would see them through the correction s.
+Agreement agreement(const SoftIron &s, const KmxAxesData &o, int n);
+// |g| is 1 g within KMXC_SERVICE_STEADY_GRAVITY_PERMILLE: no hand acceleration.
+bool gravity_steady(const Vec3 &g);
 
 // Far enough from each of the last few fed samples to be fed.
 bool passes_gate(const Vec3 &m);
@@ -91,6 +130,17 @@ int32_t strength_centi_uT(const Vec3 &v);
 // An anomaly with these causes was seen now: hold the accuracy down (flagged in e).
 void note_anomaly(uint8_t causes, int64_t now, KmxcServiceEvent *e);
 int8_t accuracy_now(int64_t now);
+// Adopts an agreeing estimate: accuracy, trust, reference, save.
+void trust_estimate(int8_t level, const Agreement &a);
+
+// ---- The kit's estimators (kit_estimate.cpp) -----------------------------------------
+
+// Empties the store (the fed samples no longer describe the field).
+void store_clear();
+// One cycle's share: the persisting-anomaly clear, the sample offered to the store (raw
+// field m, gravity g), and at most one fitting step when one is due. fit_allowed: no
+// other fit ran in this cycle.
+void store_cycle(const Vec3 &m, const Vec3 &g, bool fit_allowed, int64_t now, KmxcServiceEvent *e);
 
 // ---- Persistence (kit_file.cpp) -----------------------------------------------------
 

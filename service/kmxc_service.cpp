@@ -121,6 +121,8 @@ bool load_stored_offsets(bool rough_was_stored) {
             KmxAxesMsCalibSetOffset(&offset);
             g_state.stored = offset;
             g_state.stored_pending = true;
+            g_state.provisional = true;  // low until the live field confirms it
+            g_state.estimator = KMXC_SERVICE_ESTIMATOR_STORED;
             loaded = true;
         }
     }
@@ -141,6 +143,7 @@ void fill_start_record(bool rough_was_stored, bool loaded, bool repaired, KmxcSe
     start->offset[0] = o.x;
     start->offset[1] = o.y;
     start->offset[2] = o.z;
+    for (int k = 0; k < 9; ++k) start->soft_iron_q14[k] = kIdentityQ14[k];
 }
 
 // ---- Cycle ----------------------------------------------------------------------------------
@@ -164,29 +167,36 @@ bool measure(KmxAxesData *mag, KmxAxesData *gravity, KmxcServiceEvent *e) {
     return true;
 }
 
-// 4c. The calibration published an offset: hand it to the orientation library. A new
-// fit replaces a trusted offset only when the batch it came from agrees with it at
-// least as well as with the offset in use: each fit carries its batch's noise, and a
-// worse one must not undo a better.
+// 4c. The calibration published an offset: hand it to the orientation library. Once an
+// offset is trusted, a new fit replaces it only when its batch agrees with it (a
+// disagreeing fit is never used) and at least as well as with the offset in use: each
+// fit carries its batch's noise, and a worse one must not undo a better. Planar fits
+// are held to the same once an offset is trusted.
 void adopt_new_offset(bool three_d, KmxcServiceEvent *e) {
     KmxAxesData offset, in_use;
     KmxAxesMsCalibGetOffset(&offset);
     KmxAxesLibGetMsOffset(&in_use);
-    if (three_d && g_state.offset_trusted &&
-        agreement(in_use, g_state.fed_count).spread < agreement(offset, g_state.fed_count).spread) {
-        KmxAxesMsCalibSetOffset(&in_use);
-        offset = in_use;
+    if (g_state.offset_trusted) {
+        const Agreement fresh = agreement(offset, g_state.fed_count);
+        const bool fresh_agrees = fresh.in_range && fresh.worst_permille <= KMXC_SERVICE_FIT_MEDIUM_PERMILLE;
+        if (!fresh_agrees || agreement(in_use, g_state.fed_count).spread < fresh.spread) {
+            KmxAxesMsCalibSetOffset(&in_use);
+            offset = in_use;
+        }
     }
     KmxAxesLibSetMsOffset(&offset);
     e->flags |= KMXC_SERVICE_NEW_OFFSET;
+    if (!same(offset, in_use)) g_state.estimator = KMXC_SERVICE_ESTIMATOR_LIBRARY;
     if (three_d) {
         e->flags |= KMXC_SERVICE_FIT_3D;
         on_fit(offset);
     }
 }
 
-// 4b. The calibration gets the raw (offset-free) vector, only when it lies apart from
-// the recent ones; a sample with a channel out of range is never fed: its field is wrong.
+// 4b. The calibration gets the offset-free vector (after the soft-iron correction in use,
+// so its fits are of the field the orientation library sees), only when it lies apart
+// from the recent ones; a sample with a channel out of range is never fed: its field is
+// wrong. The kit keeps the raw field (m) of each fed sample.
 void feed_calibration(KmxAxesData *mag, const Vec3 &m, const Vec3 &g, KmxcServiceEvent *e) {
     if (e->mag_result != 0 || !passes_gate(m)) return;
     remember_fed(m, g);
@@ -248,7 +258,25 @@ void move_rough_offset_if_clipped(int64_t now, KmxcServiceEvent *e) {
         return;
     g_state.rough_changed_once = true;
     g_state.last_rough_change_ns = now;
-    if (change_rough_offset(e)) e->flags |= KMXC_SERVICE_ROUGH_CHANGED;
+    KmxAxesData before, after;
+    KmxAxesLibGetMsOffset(&before);
+    if (!change_rough_offset(e)) return;
+    e->flags |= KMXC_SERVICE_ROUGH_CHANGED;
+    // The stored samples were measured with the old rough offset; the correction's
+    // centre moves with the field by the step the offset was carried over.
+    store_clear();
+    KmxAxesLibGetMsOffset(&after);
+    SoftIron &soft = g_state.soft_iron;
+    soft.centre = Vec3{soft.centre.x + after.x - before.x, soft.centre.y + after.y - before.y,
+                       soft.centre.z + after.z - before.z};
+}
+
+// What the event tells of the kit's estimators.
+void report_estimators(KmxcServiceEvent *e) {
+    e->estimator = g_state.estimator;
+    e->coverage_cells = g_state.est.coverage;
+    const SoftIron &soft = g_state.soft_iron;
+    for (int k = 0; k < 9; ++k) e->soft_iron_q14[k] = soft.in_use ? soft.w_q14[k] : kIdentityQ14[k];
 }
 
 }  // namespace
@@ -314,17 +342,28 @@ int32_t kmxc_service_cycle(int64_t now, KmxcServiceEvent *e) {
     KmxAxesData mag = KmxAxesData_Constructor, gravity = KmxAxesData_Constructor;
     if (measure(&mag, &gravity, e)) {
         const Vec3 m{mag.x, mag.y, mag.z}, g{gravity.x, gravity.y, gravity.z};
+        const Vec3 c = corrected(g_state.soft_iron, m);  // what the library sees
+        mag = KmxAxesData{c.x, c.y, c.z};
+        e->mag_counts[0] = c.x, e->mag_counts[1] = c.y, e->mag_counts[2] = c.z;
         feed_calibration(&mag, m, g, e);
         KmxAxesData offset;
         KmxAxesLibGetMsOffset(&offset);
         if (g_state.stored_pending && (e->flags & KMXC_SERVICE_FED) != 0) try_confirm(offset, e);
+        judge_field(c, g, offset, now, e);
+        store_cycle(m, g, (e->flags & KMXC_SERVICE_FED) == 0, now, e);
         save_confirmed_offset(e);
-        judge_field(m, g, offset, now, e);
+        KmxAxesLibGetMsOffset(&offset);
         integer_heading(mag, gravity, e);
         e->offset[0] = offset.x, e->offset[1] = offset.y, e->offset[2] = offset.z;
         kmxc_service_fill_floats(&mag, &gravity, &offset, e);
     }
     e->accuracy = accuracy_now(now);
+    // An unconfirmed offset is worth low accuracy only while the field it gives is one
+    // the Earth could make.
+    if (e->accuracy == KMXC_SERVICE_LOW && !g_state.offset_trusted &&
+        (e->mag_result != 0 || !in_earth_range(e->strength_centi_uT / (1000 / kCountsPer10uT))))
+        e->accuracy = KMXC_SERVICE_UNRELIABLE;
+    report_estimators(e);
     move_rough_offset_if_clipped(now, e);
     e->saves = g_state.saves;
     e->save_failures = g_state.save_failures;

@@ -132,6 +132,34 @@ extern "C" {
 #define KMXC_SERVICE_ANOMALY_CLEAR_MS 1000
 /* Least time between two rough-offset changes. */
 #define KMXC_SERVICE_ROUGH_CHANGE_INTERVAL_MS 1000
+/* The kit's store of samples is refitted once this many samples have joined it since
+ * its last fit: an eighth of its 32, enough to move a fit, few enough that a turning
+ * phone is refitted about once a second at 10 Hz. */
+#define KMXC_SERVICE_STORE_REFIT_JOINS 4
+/* An anomaly that lasts this long without a break of KMXC_SERVICE_ANOMALY_CLEAR_MS
+ * empties the store: a new steady surrounding (a magnetic clip, a car mount). A magnet
+ * passed at walking pace (a door, a speaker) disturbs the field for a second or two and
+ * leaves the store as it was. */
+#define KMXC_SERVICE_STORE_ANOMALY_PERSIST_MS 5000
+/* Determinacy of a store fit: the predicted error (one standard deviation) of its
+ * offset along the direction its samples determine least, from the strengths' residual
+ * and the samples' covariance, in thousandths of the field strength. Half the agreement
+ * a high-accuracy fit must show: the offset is known as well in its weakest direction
+ * as the strengths can tell in the others. Worse: the fit is plausible, not confirmed. */
+#define KMXC_SERVICE_STORE_UNCERTAINTY_PERMILLE 20
+/* Coverage cells (of 24: the cube's faces in quadrants, seen from the offset) the store
+ * must occupy before the ellipsoid is fitted: soft iron is a scale and skew along every
+ * axis, which only samples from nearly every side tell from an offset (on a cap the
+ * sphere fit is the better estimate). */
+#define KMXC_SERVICE_ELLIPSOID_MIN_CELLS 8
+/* The ellipsoid is used only when its strengths' RMS residual is at most this fraction
+ * (1/n) of the sphere fit's on the same store: soft iron that the strengths cannot tell
+ * from noise is not worth a correction that may also bend the heading. */
+#define KMXC_SERVICE_ELLIPSOID_BEAT_FACTOR 2
+/* A store estimate that agrees better with the recent samples replaces the offset in
+ * use only when it moves it by at least this many counts (0.8 uT, under a degree of
+ * heading in a 24 uT horizontal field): publishing restarts the library's batch. */
+#define KMXC_SERVICE_REPUBLISH_MIN_CHANGE 2
 
 /* Accuracy values (Android's SENSOR_STATUS_*). */
 #define KMXC_SERVICE_UNRELIABLE 0
@@ -151,6 +179,15 @@ extern "C" {
 #define KMXC_SERVICE_CONFIRMED 0x0100         /* the stored offset was confirmed by the field */
 #define KMXC_SERVICE_HEADING_VALID 0x0200     /* heading_deg holds a heading (after warm-up) */
 #define KMXC_SERVICE_ORIENTATION_VALID 0x0400 /* orientation_deg and rotation_vector hold values */
+#define KMXC_SERVICE_KIT_ESTIMATE 0x0800      /* the new offset (and soft iron) is the kit's own */
+
+/* Estimators (event.estimator): where the offset in use comes from. */
+#define KMXC_SERVICE_ESTIMATOR_NONE 0         /* no offset yet (or only a planar one moved it) */
+#define KMXC_SERVICE_ESTIMATOR_STORED 1       /* the calibration file's offset */
+#define KMXC_SERVICE_ESTIMATOR_LIBRARY 2      /* the library's fit of its batch */
+#define KMXC_SERVICE_ESTIMATOR_STORE_SPHERE 3 /* the kit's sphere fit of its store */
+#define KMXC_SERVICE_ESTIMATOR_ELLIPSOID 4    /* the kit's ellipsoid fit: offset and soft iron */
+/* 5 is kept for the planar (mounted phone) estimator. */
 
 /* Anomaly causes (event.anomaly), bits. */
 #define KMXC_SERVICE_ANOMALY_RANGE 1    /* strength outside the Earth's range */
@@ -161,11 +198,13 @@ extern "C" {
 
 /* What start found (filled by kmxc_service_start). */
 typedef struct KmxcServiceStart {
-    uint8_t rough[3];       /* rough offset written to the chip, channels 0..2 */
-    uint8_t rough_measured; /* 1 measured now, 0 taken from the file */
-    uint8_t offset_loaded;  /* 1 a valid stored magnetic offset was loaded (unconfirmed) */
-    uint8_t file_repaired;  /* 1 the calibration file was empty or garbled and reset */
-    int32_t offset[3];      /* the magnetic offset in use, counts */
+    uint8_t rough[3];         /* rough offset written to the chip, channels 0..2 */
+    uint8_t rough_measured;   /* 1 measured now, 0 taken from the file */
+    uint8_t offset_loaded;    /* 1 a valid stored magnetic offset was loaded (unconfirmed) */
+    uint8_t file_repaired;    /* 1 the calibration file was empty or garbled and reset */
+    int32_t offset[3];        /* the magnetic offset in use, counts */
+    int16_t soft_iron_q14[9]; /* the soft-iron correction W in use, Q14 (16384 = 1), row-major;
+                                 the identity when none */
 } KmxcServiceStart;
 
 /* One cycle's event. Float fields are valid when their flag says so. */
@@ -204,6 +243,11 @@ typedef struct KmxcServiceEvent {
     int32_t dip_cos_permille;  /* 1000 cos(angle between field and gravity) */
     uint32_t saves;            /* successful saves so far */
     uint32_t save_failures;    /* failed saves so far */
+    uint8_t estimator;         /* KMXC_SERVICE_ESTIMATOR_* of the offset in use */
+    uint8_t coverage_cells;    /* cells (of 24) the kit's store of samples covers, last fit */
+    int16_t soft_iron_q14[9];  /* the soft-iron correction W in use, Q14 (16384 = 1), row-major;
+                                  the identity when none. mag_counts and uncalibrated_uT are
+                                  the field after it: m' = offset + W (m - offset) */
 } KmxcServiceEvent;
 
 /* ---- Results ----------------------------------------------------------------------

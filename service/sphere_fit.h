@@ -34,9 +34,12 @@ constexpr int32_t kSphereSpanLimit = 2048;
 // Least spread, 1024ths (the smallest covariance eigenvalue over the largest). Measured
 // on bands of samples about a plane, 0.5 uT noise: spreads of 16..31 leave the offset
 // within 7.4 counts (3 uT; mean 1.9 counts) of the truth, 8..15 within 11.7, 4..7
-// within 18, 0..3 within 76: thinner sets leave the centre's component across the band
-// to the noise.
-constexpr int32_t kSphereMinSpread = 16;
+// within 18, 0..3 within 76: below 4 the centre's component across the band is the
+// noise's. From 4 up the kit judges each fit's determinacy itself (the predicted error
+// from its residual and its samples' covariance): a map-reading phone's band of
+// samples, turned about the vertical with its tilt wandering a few degrees, spreads
+// 5..13/1024 and at 0.15 uT noise gives offsets within 1 uT.
+constexpr int32_t kSphereMinSpread = 4;
 
 struct SphereFit {
     Vec3 offset;             // centre, counts, rounded to nearest (ties up)
