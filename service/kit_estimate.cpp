@@ -45,10 +45,10 @@ void corrected_store(const FieldStore &in, const SoftIron &soft, FieldStore *out
 
 // How well a sphere fit's offset is determined: the predicted variance of the offset
 // along the samples' weakest direction, R^2 rms^2 / (n lambda_min) for the algebraic fit
-// (lambda_min the smallest eigenvalue of the samples' covariance), against a limit in
-// thousandths of R. R cancels: within the limit when
-//   rms^2 n 1000^2 <= lambda_min(n^2 Cov) limit^2.
-bool determined_within(const FieldStore &store, const StrengthStats &residual, int64_t limit_permille) {
+// (lambda_min the smallest eigenvalue of the samples' covariance), in thousandths of R,
+// squared. R cancels: rms^2 n 1000^2 / lambda_min(n^2 Cov). INT64_MAX when the samples
+// span no volume.
+int64_t predicted_error_sq_permille(const FieldStore &store, const StrengthStats &residual) {
     const int n = store.count;
     const Vec3 origin = stored_field(store, 0);
     int64_t s[3] = {0, 0, 0}, uu[6] = {0, 0, 0, 0, 0, 0};
@@ -64,14 +64,14 @@ bool determined_within(const FieldStore &store, const StrengthStats &residual, i
     for (int k = 0; k < 6; ++k) cov[k] = n * uu[k] - s[kRow[k]] * s[kCol[k]];
     int64_t lambda[3];
     sym3_eigenvalues(cov, lambda);
-    if (lambda[2] <= 0) return false;
-    // rms_q4 below 2^16 for any sample the fit accepts; the left side below 2^57. The
-    // right side: lambda below 2^46 (n^2 times a span of 2^11 squared) times 6400 2^8:
-    // scaled down first where it could overflow.
+    if (lambda[2] <= 0) return INT64_MAX;
+    // rms_q4 below 2^16 for any sample the fit accepts: the numerator below 2^57.
     const int64_t rms = residual.rms_q4;
-    const int64_t left = rms * rms * n * (kPermille * kPermille);
-    const int64_t scale = limit_permille * limit_permille * (int64_t{1} << (2 * kQ4));
-    return lambda[2] >= (int64_t{1} << 40) ? left / scale <= lambda[2] : left <= lambda[2] * scale;
+    return rms * rms * n * (kPermille * kPermille) / (lambda[2] << (2 * kQ4));
+}
+
+bool within(int64_t error_sq_permille, int64_t limit_permille) {
+    return error_sq_permille <= limit_permille * limit_permille;
 }
 
 // The offset in use, and whether a candidate moves it enough to publish.
@@ -99,9 +99,15 @@ void publish(const Vec3 &offset, uint8_t estimator, KmxcServiceEvent *e) {
 // The reference for anomalies: the candidate's recent-sample agreement (strength and
 // dip), with the store's mean strength when too few samples have been fed since start
 // or since a rough-offset change.
-Agreement reference_of(Agreement ring, const StrengthStats &store) {
-    if (g_state.fed_count < KMXC_SERVICE_CONFIRM_SAMPLES) ring.mean = store.mean_q4 >> kQ4;
-    return ring;
+Agreement reference_of(const SoftIron &soft, const Vec3 &offset, const StrengthStats &store) {
+    Agreement a = agreement(soft, axes(offset), g_state.fed_count, true);
+    if (g_state.fed_count < KMXC_SERVICE_CONFIRM_SAMPLES) a.mean = store.mean_q4 >> kQ4;
+    return a;
+}
+
+// The recent fed samples' agreement with a candidate, strengths only.
+Agreement ring_of(const SoftIron &soft, const KmxAxesData &offset) {
+    return agreement(soft, offset, g_state.fed_count, false);
 }
 
 // A candidate (offset, seen through soft) of accuracy `level` replaces the offset in use
@@ -112,7 +118,7 @@ bool prefer(bool new_correction, const Vec3 &offset, const Agreement &ring) {
     if (!g_state.offset_trusted) return true;
     const KmxAxesData in_use = offset_in_use();
     if (!new_correction && !moves(offset, in_use)) return false;
-    return agrees(ring) && ring.spread <= agreement(in_use, g_state.fed_count).spread;
+    return agrees(ring) && ring.spread <= ring_of(g_state.soft_iron, in_use).spread;
 }
 
 // ---- The fitting steps ------------------------------------------------------------------
@@ -135,18 +141,19 @@ void sphere_step(KmxcServiceEvent *e) {
     s.ellipsoid_due = s.coverage >= KMXC_SERVICE_ELLIPSOID_MIN_CELLS && s.store.count >= kEllipsoidMinSamples;
     int8_t level = level_of(fit.residual);
     if (level == KMXC_SERVICE_UNRELIABLE) return;  // refused: its own samples disagree
-    const Agreement ring = agreement(soft, axes(fit.offset), g_state.fed_count);
+    const Agreement ring = ring_of(soft, axes(fit.offset));
     // Drift: a store that agrees with itself but not with a full ring of recent samples,
     // while the offset in use does, describes a field that has gone.
     if (g_state.offset_trusted && !g_state.in_anomaly && g_state.fed_count == KMXC_SERVICE_FEED_HISTORY &&
-        !agrees(ring) && agrees(agreement(soft, in_use, g_state.fed_count))) {
+        !agrees(ring) && agrees(ring_of(soft, in_use))) {
         store_clear();
         return;
     }
-    if (!determined_within(*store, fit.residual, KMXC_SERVICE_STORE_UNCERTAINTY_PERMILLE)) {
+    const int64_t error_sq = predicted_error_sq_permille(*store, fit.residual);
+    if (!within(error_sq, KMXC_SERVICE_STORE_UNCERTAINTY_PERMILLE)) {
         // Plausible at best: its offset within the medium agreement limit's share of the
         // strength, else refused.
-        if (!determined_within(*store, fit.residual, KMXC_SERVICE_FIT_MEDIUM_PERMILLE)) return;
+        if (!within(error_sq, KMXC_SERVICE_FIT_MEDIUM_PERMILLE)) return;
         level = KMXC_SERVICE_LOW;
     }
     if (level == KMXC_SERVICE_LOW) {
@@ -161,7 +168,7 @@ void sphere_step(KmxcServiceEvent *e) {
     }
     if (!prefer(false, fit.offset, ring)) return;
     publish(fit.offset, KMXC_SERVICE_ESTIMATOR_STORE_SPHERE, e);
-    trust_estimate(level, reference_of(ring, fit.residual));
+    trust_estimate(level, reference_of(soft, fit.offset, fit.residual));
 }
 
 void ellipsoid_step() {
@@ -179,11 +186,10 @@ void judge_ellipsoid(KmxcServiceEvent *e) {
     if (int64_t{fit.residual.rms_q4} * KMXC_SERVICE_ELLIPSOID_BEAT_FACTOR > s.sphere.residual.rms_q4) return;
     SoftIron soft{true, fit.offset, {}};
     for (int k = 0; k < 9; ++k) soft.w_q14[k] = fit.w_q14[k];
-    const Agreement ring = agreement(soft, axes(fit.offset), g_state.fed_count);
-    if (!prefer(true, fit.offset, ring)) return;
+    if (!prefer(true, fit.offset, ring_of(soft, axes(fit.offset)))) return;
     g_state.soft_iron = soft;
     publish(fit.offset, KMXC_SERVICE_ESTIMATOR_ELLIPSOID, e);
-    trust_estimate(level, reference_of(ring, fit.residual));
+    trust_estimate(level, reference_of(soft, fit.offset, fit.residual));
 }
 
 }  // namespace

@@ -109,8 +109,9 @@ struct Agreement {
     bool dip_valid;
 };
 Agreement agreement(const KmxAxesData &o, int n);
-// The same for the fed samples as the library would see them through the correction s.
-Agreement agreement(const SoftIron &s, const KmxAxesData &o, int n);
+// The same for the fed samples as the library would see them through the correction s;
+// the dip only when asked for (it costs two roots and a division per sample).
+Agreement agreement(const SoftIron &s, const KmxAxesData &o, int n, bool with_dip);
 // |g| is 1 g within KMXC_SERVICE_STEADY_GRAVITY_PERMILLE: no hand acceleration.
 bool gravity_steady(const Vec3 &g);
 

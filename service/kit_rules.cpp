@@ -19,8 +19,17 @@ static bool strength_in_earth_range(int32_t counts) {
            counts * 10 <= KMXC_SERVICE_FIELD_MAX_UT * kCountsPer10uT;
 }
 
+// |g| (the truncated length) within KMXC_SERVICE_STEADY_GRAVITY_PERMILLE of 1 g: the
+// whole lengths from kSteadyLow to kSteadyHigh, compared as squares (no root per cycle).
+constexpr int64_t kSteadyLow =
+    kGravityCounts - int64_t{KMXC_SERVICE_STEADY_GRAVITY_PERMILLE} * kGravityCounts / 1000;  // rounds the limit in
+constexpr int64_t kSteadyHigh = kGravityCounts + int64_t{KMXC_SERVICE_STEADY_GRAVITY_PERMILLE} * kGravityCounts / 1000;
+static_assert((kGravityCounts - kSteadyLow) * 1000 <= KMXC_SERVICE_STEADY_GRAVITY_PERMILLE * kGravityCounts &&
+                  (kGravityCounts - kSteadyLow + 1) * 1000 > KMXC_SERVICE_STEADY_GRAVITY_PERMILLE * kGravityCounts,
+              "kSteadyLow is the least whole length within the limit");
 bool gravity_steady(const Vec3 &g) {
-    return abs32(length(g) - kGravityCounts) * 1000 <= KMXC_SERVICE_STEADY_GRAVITY_PERMILLE * kGravityCounts;
+    const int64_t sq = dot(g, g);
+    return sq >= kSteadyLow * kSteadyLow && sq < (kSteadyHigh + 1) * (kSteadyHigh + 1);
 }
 
 // The ring slot of the fed sample `age` feeds back (0: the last one).
@@ -34,9 +43,9 @@ Vec3 corrected(const SoftIron &s, const Vec3 &m) {
     return Vec3{s.centre.x + w.x, s.centre.y + w.y, s.centre.z + w.z};
 }
 
-Agreement agreement(const KmxAxesData &o, int n) { return agreement(g_state.soft_iron, o, n); }
+Agreement agreement(const KmxAxesData &o, int n) { return agreement(g_state.soft_iron, o, n, true); }
 
-Agreement agreement(const SoftIron &soft, const KmxAxesData &o, int n) {
+Agreement agreement(const SoftIron &soft, const KmxAxesData &o, int n, bool with_dip) {
     Agreement a{0, 0, 0, true, 0, false};
     int64_t sum = 0, dip_sum = 0;
     int dips = 0;
@@ -47,7 +56,7 @@ Agreement agreement(const SoftIron &soft, const KmxAxesData &o, int n) {
         s[i] = length(v);
         sum += s[i];
         if (!strength_in_earth_range(s[i])) a.in_range = false;
-        if (gravity_steady(g_state.fed_g[slot])) {
+        if (with_dip && gravity_steady(g_state.fed_g[slot])) {
             dip_sum += dip_cos(v, g_state.fed_g[slot]);
             ++dips;
         }

@@ -1,0 +1,316 @@
+// The kit's estimator rules at their thresholds, on synthetic fields (no phone): which
+// samples the store takes, when a persisting anomaly empties it, when it is refitted,
+// how a fit's determinacy, agreement and the recent samples decide its use, when the
+// ellipsoid's soft-iron correction replaces the sphere, and when a stale store goes.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <vector>
+
+#include "calibration/calibration.h"
+#include "service/kit_internal.h"
+
+namespace kmxc_kit {
+State g_state;  // the rules' state, here the test's own
+}  // namespace kmxc_kit
+
+namespace {
+
+using namespace kmxc_kit;
+
+constexpr Vec3 kDown{0, 0, -4096};
+constexpr Vec3 kOffset{100, -50, 200};
+constexpr double kRadius = 120;  // 48 uT
+
+// A deterministic noise of about sd counts (sum of three uniform draws).
+struct Noise {
+    uint32_t state = 12345;
+    double next(double sd) {
+        double s = 0;
+        for (int k = 0; k < 3; ++k) {
+            state = state * 1664525u + 1013904223u;
+            s += (state >> 8) / double(1 << 24) - 0.5;
+        }
+        return s * 2 * sd;
+    }
+};
+
+// Field directions: the golden-angle spiral over the sphere, or the part of it within
+// `cap_deg` of +z (a cap), in a scrambled order.
+std::vector<std::array<double, 3>> directions(int n, double cap_deg = 180) {
+    std::vector<std::array<double, 3>> v;
+    const double zmin = std::cos(cap_deg * M_PI / 180);
+    for (int k = 0; k < n; ++k) {
+        const int i = k * 97 % n;
+        const double z = 1 - (1 - zmin) * (i + 0.5) / n, r = std::sqrt(1 - z * z), a = i * 2.399963;
+        v.push_back({r * std::cos(a), r * std::sin(a), z});
+    }
+    return v;
+}
+
+// A sample of the field along d, stretched by soft iron s (diagonal and an x-y skew),
+// about offset o, with noise.
+Vec3 sample(const std::array<double, 3> &d, const Vec3 &o, const double s[4], Noise &noise, double sd) {
+    const double x = s[0] * d[0] + s[3] * d[1], y = s[3] * d[0] + s[1] * d[1], z = s[2] * d[2];
+    return Vec3{o.x + static_cast<int32_t>(std::lround(kRadius * x + noise.next(sd))),
+                o.y + static_cast<int32_t>(std::lround(kRadius * y + noise.next(sd))),
+                o.z + static_cast<int32_t>(std::lround(kRadius * z + noise.next(sd)))};
+}
+
+constexpr double kNoSoftIron[4] = {1, 1, 1, 0};
+constexpr double kSoftIron[4] = {1.10, 0.92, 1.0, 0.05};
+
+// The kit with nothing trusted, the library's offset at `in_use`; the store and the
+// ring of fed samples filled from `n` directions.
+void set_kit(const Vec3 &in_use) {
+    g_state = State{};
+    const KmxAxesData o{in_use.x, in_use.y, in_use.z};
+    KmxAxesLibSetMsOffset(&o);
+    KmxAxesMsCalibSetOffset(&o);
+}
+
+void fill(const std::vector<std::array<double, 3>> &dirs, const Vec3 &o, const double s[4], double sd) {
+    Noise noise;
+    for (const auto &d : dirs) {
+        const Vec3 m = sample(d, o, s, noise, sd);
+        field_store_offer(&g_state.est.store, m, kDown, nullptr, false, true);
+    }
+    for (size_t i = 0; i < dirs.size() && i < 2 * KMXC_SERVICE_FEED_HISTORY; i += 2)
+        remember_fed(sample(dirs[i], o, s, noise, sd), kDown);
+}
+
+// One fitting step due now.
+KmxcServiceEvent step() {
+    KmxcServiceEvent e{};
+    e.mag_result = 1;  // a clipped sample: offered nothing
+    g_state.est.joined = KMXC_SERVICE_STORE_REFIT_JOINS;
+    store_cycle(Vec3{0, 0, 0}, kDown, true, 1, &e);
+    return e;
+}
+
+Vec3 offset_in_use() {
+    KmxAxesData o;
+    KmxAxesLibGetMsOffset(&o);
+    return Vec3{o.x, o.y, o.z};
+}
+
+// ---- Admission and clearing -------------------------------------------------------------
+
+TEST(KitEstimate, TheStoreTakesInRangeSamplesAndKeepsAnomaliesOutUntilTheReferenceIsStale) {
+    const struct {
+        const char *name;
+        int8_t mag_result;
+        uint8_t anomaly;
+        bool stale;
+        bool joins;
+    } cases[] = {
+        {"an in-range sample", 0, 0, false, true},
+        {"a channel out of range", 1, 0, false, false},
+        {"a strength anomaly", 0, KMXC_SERVICE_ANOMALY_STRENGTH, false, false},
+        {"a dip anomaly", 0, KMXC_SERVICE_ANOMALY_DIP, false, false},
+        {"a strength anomaly against a stale reference", 0, KMXC_SERVICE_ANOMALY_STRENGTH, true, true},
+        {"a range anomaly against a stale reference", 0, KMXC_SERVICE_ANOMALY_RANGE, true, false},
+    };
+    for (const auto &c : cases) {
+        set_kit(kOffset);
+        g_state.est.reference_stale = c.stale;
+        KmxcServiceEvent e{};
+        e.mag_result = c.mag_result;
+        e.anomaly = c.anomaly;
+        store_cycle(Vec3{220, -50, 200}, kDown, false, 1, &e);
+        EXPECT_EQ(g_state.est.store.count, c.joins ? 1 : 0) << c.name;
+        EXPECT_EQ(g_state.est.joined, c.joins ? 1 : 0) << c.name;
+    }
+}
+
+TEST(KitEstimate, AnAnomalyEmptiesTheStoreOnlyOnceItHasLastedItsPersistTime) {
+    constexpr int64_t kPersist = int64_t{KMXC_SERVICE_STORE_ANOMALY_PERSIST_MS} * kNsPerMs;
+    const struct {
+        const char *name;
+        bool in_anomaly;
+        int64_t lasted_ns;
+        bool cleared;
+    } cases[] = {
+        {"no anomaly", false, kPersist, false},
+        {"an anomaly one nanosecond short", true, kPersist - 1, false},
+        {"an anomaly of exactly the persist time", true, kPersist, true},
+    };
+    for (const auto &c : cases) {
+        set_kit(kOffset);
+        fill(directions(40), kOffset, kNoSoftIron, 0.4);
+        ASSERT_EQ(g_state.est.store.count, kStoreCapacity);
+        g_state.in_anomaly = c.in_anomaly;
+        const int64_t now = int64_t{100} * 1000 * kNsPerMs;
+        g_state.anomaly_since_ns = now - c.lasted_ns;
+        KmxcServiceEvent e{};
+        e.mag_result = 1;  // offers nothing
+        store_cycle(Vec3{0, 0, 0}, kDown, false, now, &e);
+        EXPECT_EQ(g_state.est.store.count == 0, c.cleared) << c.name;
+        EXPECT_EQ(g_state.est.reference_stale, c.cleared) << c.name;
+    }
+}
+
+// ---- Fits and their judgement -----------------------------------------------------------
+
+TEST(KitEstimate, TheStoreIsRefittedOnlyOnceEnoughSamplesHaveJoined) {
+    for (int joined : {KMXC_SERVICE_STORE_REFIT_JOINS - 1, KMXC_SERVICE_STORE_REFIT_JOINS}) {
+        set_kit(Vec3{0, 0, 0});
+        fill(directions(40), kOffset, kNoSoftIron, 0.4);
+        g_state.est.joined = static_cast<uint8_t>(joined);
+        KmxcServiceEvent e{};
+        e.mag_result = 1;
+        store_cycle(Vec3{0, 0, 0}, kDown, true, 1, &e);
+        const bool fitted = joined >= KMXC_SERVICE_STORE_REFIT_JOINS;
+        EXPECT_EQ(g_state.estimator, fitted ? KMXC_SERVICE_ESTIMATOR_STORE_SPHERE : KMXC_SERVICE_ESTIMATOR_NONE)
+            << joined;
+        // A fitting step never runs in a cycle where another fit ran.
+        set_kit(Vec3{0, 0, 0});
+        fill(directions(40), kOffset, kNoSoftIron, 0.4);
+        g_state.est.joined = static_cast<uint8_t>(joined);
+        store_cycle(Vec3{0, 0, 0}, kDown, false, 1, &e);
+        EXPECT_EQ(g_state.estimator, KMXC_SERVICE_ESTIMATOR_NONE) << joined;
+    }
+}
+
+// Whether the store's sphere fit is trusted (high, medium), used as plausible (low), or
+// refused follows its samples' spread and noise through the predicted offset error.
+TEST(KitEstimate, DeterminacyAndAgreementDecideHowFarASphereFitIsUsed) {
+    const struct {
+        const char *name;
+        double cap_deg, noise;
+        int8_t accuracy;
+        bool trusted;
+        uint8_t estimator;
+    } cases[] = {
+        {"the whole sphere, little noise: high", 180, 0.4, KMXC_SERVICE_HIGH, true,
+         KMXC_SERVICE_ESTIMATOR_STORE_SPHERE},
+        {"a 60-degree cap, little noise: determined, high", 60, 0.4, KMXC_SERVICE_HIGH, true,
+         KMXC_SERVICE_ESTIMATOR_STORE_SPHERE},
+        {"a 35-degree cap, 2 counts of noise: plausible, low", 35, 2, KMXC_SERVICE_LOW, false,
+         KMXC_SERVICE_ESTIMATOR_STORE_SPHERE},
+        {"a 20-degree cap, 2 counts of noise: refused", 20, 2, KMXC_SERVICE_UNRELIABLE, false,
+         KMXC_SERVICE_ESTIMATOR_NONE},
+        {"the whole sphere, 8 counts of noise: disagrees, refused", 180, 8, KMXC_SERVICE_UNRELIABLE, false,
+         KMXC_SERVICE_ESTIMATOR_NONE},
+    };
+    for (const auto &c : cases) {
+        set_kit(Vec3{0, 0, 0});
+        fill(directions(60, c.cap_deg), kOffset, kNoSoftIron, c.noise);
+        step();
+        EXPECT_EQ(accuracy_now(1), c.accuracy) << c.name;
+        EXPECT_EQ(g_state.offset_trusted, c.trusted) << c.name;
+        EXPECT_EQ(g_state.estimator, c.estimator) << c.name;
+        if (c.estimator == KMXC_SERVICE_ESTIMATOR_STORE_SPHERE) {
+            const Vec3 o = offset_in_use();
+            EXPECT_LE(std::abs(o.x - kOffset.x) + std::abs(o.y - kOffset.y), 6) << c.name;
+        }
+    }
+}
+
+// A trusted offset is replaced by a store fit only when the recent samples agree with
+// the fit at least as well and the fit moves it by the republish distance.
+TEST(KitEstimate, ATrustedOffsetGivesWayOnlyToAFitTheRecentSamplesPreferThatMovesIt) {
+    const struct {
+        const char *name;
+        Vec3 in_use;
+        bool replaced;
+    } cases[] = {
+        {"in use 6 counts off: replaced", Vec3{kOffset.x + 6, kOffset.y, kOffset.z}, true},
+        {"in use one count off: kept (not worth restarting the library's batch)",
+         Vec3{kOffset.x + 1, kOffset.y, kOffset.z}, false},
+    };
+    for (const auto &c : cases) {
+        set_kit(c.in_use);
+        g_state.offset_trusted = true;
+        g_state.base_accuracy = KMXC_SERVICE_MEDIUM;
+        g_state.estimator = KMXC_SERVICE_ESTIMATOR_LIBRARY;
+        fill(directions(60), kOffset, kNoSoftIron, 0.3);
+        const KmxcServiceEvent e = step();
+        EXPECT_EQ((e.flags & KMXC_SERVICE_KIT_ESTIMATE) != 0, c.replaced) << c.name;
+        EXPECT_EQ(g_state.estimator, c.replaced ? KMXC_SERVICE_ESTIMATOR_STORE_SPHERE : KMXC_SERVICE_ESTIMATOR_LIBRARY)
+            << c.name;
+    }
+    // The recent samples come from another offset (the store is stale): the store goes.
+    set_kit(kOffset);
+    g_state.offset_trusted = true;
+    g_state.base_accuracy = KMXC_SERVICE_HIGH;
+    fill(directions(60), Vec3{kOffset.x + 30, kOffset.y, kOffset.z}, kNoSoftIron, 0.3);
+    Noise noise;
+    for (const auto &d : directions(KMXC_SERVICE_FEED_HISTORY))
+        remember_fed(sample(d, kOffset, kNoSoftIron, noise, 0.3), kDown);
+    step();
+    EXPECT_EQ(g_state.est.store.count, 0) << "a store the recent samples contradict is emptied";
+    EXPECT_EQ(offset_in_use().x, kOffset.x);
+}
+
+// The ellipsoid: fitted once the store covers enough cells, used only when it beats the
+// sphere by the stated factor with plausible axes; then the library sees the corrected
+// field.
+TEST(KitEstimate, TheEllipsoidReplacesTheSphereOnlyWhereSoftIronShowsAndTheStoreCoversEnough) {
+    const struct {
+        const char *name;
+        double cap_deg;
+        const double *soft;
+        bool adopted;
+    } cases[] = {
+        {"soft iron, the whole sphere: adopted", 180, kSoftIron, true},
+        {"no soft iron, the whole sphere: the sphere is as good", 180, kNoSoftIron, false},
+        {"soft iron, a 30-degree cap: too few cells for an ellipsoid", 30, kSoftIron, false},
+    };
+    for (const auto &c : cases) {
+        set_kit(Vec3{0, 0, 0});
+        fill(directions(80, c.cap_deg), kOffset, c.soft, 0.4);
+        step();  // the sphere, and whether an ellipsoid is due
+        KmxcServiceEvent e{};
+        e.mag_result = 1;
+        store_cycle(Vec3{0, 0, 0}, kDown, true, 1, &e);  // the ellipsoid fit
+        store_cycle(Vec3{0, 0, 0}, kDown, true, 1, &e);  // its judgement
+        EXPECT_EQ(g_state.soft_iron.in_use, c.adopted) << c.name << ", coverage " << int(g_state.est.coverage);
+        EXPECT_EQ(g_state.estimator == KMXC_SERVICE_ESTIMATOR_ELLIPSOID, c.adopted) << c.name;
+        if (c.adopted) {
+            // The corrected field of every stored sample has one strength.
+            const Vec3 o = offset_in_use();
+            const Vec3 m = corrected(g_state.soft_iron, stored_field(g_state.est.store, 0));
+            const Vec3 m2 = corrected(g_state.soft_iron, stored_field(g_state.est.store, 7));
+            EXPECT_NEAR(length(minus(m, o)), length(minus(m2, o)), 3) << c.name;
+            EXPECT_LE(std::abs(o.x - kOffset.x) + std::abs(o.y - kOffset.y) + std::abs(o.z - kOffset.z), 4);
+        }
+    }
+}
+
+TEST(KitEstimate, TheEllipsoidMustBeatTheSphereByItsFactorAndHavePlausibleAxes) {
+    static_assert(KMXC_SERVICE_ELLIPSOID_BEAT_FACTOR == 2);
+    const struct {
+        const char *name;
+        int32_t sphere_rms_q4, axis_q14;
+        bool adopted;
+    } cases[] = {
+        {"half the sphere's RMS exactly", 2 * 10, 16384, true},
+        {"just over half", 2 * 10 - 1, 16384, false},
+        {"an axis of exactly 1.25", 2 * 10, kAxisMaxQ14, true},
+    };
+    for (const auto &c : cases) {
+        set_kit(Vec3{0, 0, 0});
+        fill(directions(80), kOffset, kNoSoftIron, 0.4);
+        EllipsoidFit &f = g_state.est.ellipsoid;
+        f = EllipsoidFit{};
+        f.offset = kOffset;
+        for (int k = 0; k < 9; ++k) f.w_q14[k] = k % 4 == 0 ? 16384 : 0;
+        f.axes_q14[0] = c.axis_q14, f.axes_q14[1] = 16384, f.axes_q14[2] = 16384;
+        field_store_strengths(g_state.est.store, kOffset, f.w_q14, &f.residual);
+        f.residual.rms_q4 = 10;
+        g_state.est.sphere.residual.rms_q4 = c.sphere_rms_q4;
+        g_state.est.ellipsoid_pending = true;
+        KmxcServiceEvent e{};
+        e.mag_result = 1;
+        store_cycle(Vec3{0, 0, 0}, kDown, true, 1, &e);
+        EXPECT_EQ(g_state.soft_iron.in_use, c.adopted) << c.name;
+    }
+    // An axis past the range never reaches the judgement: the fit returns kImplausible
+    // and the kit keeps only kOk fits.
+    const int32_t past[3] = {kAxisMaxQ14 + 1, 16384, 16384}, at[3] = {kAxisMaxQ14, 16384, kAxisMinQ14};
+    EXPECT_FALSE(axes_plausible(past));
+    EXPECT_TRUE(axes_plausible(at));
+}
+
+}  // namespace
