@@ -80,6 +80,8 @@ def run_one(binary, scenario, seed, rate, soft, work):
 
 
 def rng(values):
+    if any(v == "n/a" for v in values):
+        return "n/a"
     values = [v for v in values if v is not None]
     if not values:
         return "never"
@@ -90,8 +92,8 @@ def rng(values):
 def row_of(runs):
     if not runs or any(r is None for r in runs):
         return None
-    trusted = rng([r.get("first_trusted_s") for r in runs])
-    if any(r.get("first_trusted_s") is None for r in runs) and trusted != "never":
+    trusted = rng([r.get("first_trusted_s", "n/a") for r in runs])
+    if any(r.get("first_trusted_s") is None for r in runs) and trusted not in ("never", "n/a"):
         trusted += f" ({sum(r.get('first_trusted_s') is None for r in runs)} never)"
     first3d = rng([r.get("first_3d_s") for r in runs])
     errs = [r["final_offset_error_uT"] for r in runs]

@@ -33,16 +33,40 @@
  *     is never fed. A batch counts as three-dimensional from
  *     KMXC_SERVICE_RATIO_MIN_THRESHOLD (a little below the library's default: slow
  *     turns often fall just short of it, and the kit checks every fit itself).
- *   Accuracy. 0 (unreliable) until this run has a three-dimensional fit, or until
- *     the stored offset is confirmed: KMXC_SERVICE_CONFIRM_SAMPLES fed samples whose
- *     field strengths, with that offset removed, agree within
- *     KMXC_SERVICE_AGREE_PERMILLE and lie within the Earth's range. A confirmed stored
- *     offset gives 2 (medium). A 3-D fit whose batch agrees that closely with it gives
- *     3 (high); one that agrees within KMXC_SERVICE_FIT_MEDIUM_PERMILLE gives 2; a fit
- *     agreeing worse gives 1 (low) and is not saved. Once an offset is trusted, a new
- *     3-D fit replaces it only if its batch agrees with it at least as well as with
- *     the offset in use (otherwise the calibration is set back to the one in use).
- *     Planar fits move the offset but neither raise the accuracy nor get saved. The
+ *   Accuracy. 0 (unreliable): no estimate worth using (none yet, only planar fits, or
+ *     an unconfirmed offset whose field lies outside the Earth's range). 1 (low): an
+ *     estimate that is plausible but not confirmed: a stored offset the live field has
+ *     not yet confirmed, or a store fit whose offset is determined only within
+ *     KMXC_SERVICE_FIT_MEDIUM_PERMILLE of the strength; also any trusted offset during
+ *     a strength or dip anomaly. 2 (medium) and 3 (high): a trusted offset. A stored
+ *     offset is confirmed by KMXC_SERVICE_CONFIRM_SAMPLES fed samples whose strengths
+ *     agree within KMXC_SERVICE_AGREE_PERMILLE (in the Earth's range): 2. A 3-D fit of
+ *     the library whose batch agrees that closely gives 3, within
+ *     KMXC_SERVICE_FIT_MEDIUM_PERMILLE 2, worse 1 (and is not saved; once an offset is
+ *     trusted such a fit is not used at all). A trusted offset is replaced by a new
+ *     library fit (3-D or planar) only if the last fed samples agree with the fit at
+ *     least as well as with the offset in use.
+ *   Estimators. Besides the library's batches, the kit offers every measured in-range
+ *     sample (anomalies out) to a store of 32 samples spread over the sphere (a new
+ *     rough offset empties it, and so does an anomaly lasting
+ *     KMXC_SERVICE_STORE_ANOMALY_PERSIST_MS; a store that agrees with itself but not
+ *     with the last 16 fed samples, while the offset in use does, is stale and emptied).
+ *     Every KMXC_SERVICE_STORE_REFIT_JOINS new samples it is fitted with a sphere (the
+ *     samples' spread at least 4/1024), judged like a library fit by its own 32
+ *     samples' strengths (high, medium, or refused), and by its determinacy: the
+ *     predicted offset error along the direction its samples determine least must lie
+ *     within KMXC_SERVICE_STORE_UNCERTAINTY_PERMILLE of the strength for medium or high
+ *     (else low while nothing is trusted). Once the store covers
+ *     KMXC_SERVICE_ELLIPSOID_MIN_CELLS of the 24 cells an ellipsoid is fitted (an offset
+ *     and a soft-iron correction W, det 1, axes 0.8..1.25), used only when its strengths'
+ *     RMS residual is at most 1/KMXC_SERVICE_ELLIPSOID_BEAT_FACTOR of the sphere's. A
+ *     store estimate replaces a trusted offset only if the last fed samples agree with it
+ *     at least as well and it moves the offset by KMXC_SERVICE_REPUBLISH_MIN_CHANGE
+ *     counts (a new W always counts). With W in use the library sees (and is fed)
+ *     m' = c + W (m - c), c the ellipsoid's centre, so its own fits stay consistent with
+ *     the correction; the event's mag_counts and uncalibrated field are m', the bias the
+ *     offset, the calibrated field m' - offset. event.estimator names the source of the
+ *     offset in use, event.coverage_cells the store's cells at its last fit. The
  *     calibration's own status is left as the library keeps it (0 after a load, 7
  *     after a 3-D fit): the accuracy, not the status, says whether to trust the offset.
  *   Anomaly. With a reference (from the fit or the confirmation): strength outside
@@ -55,7 +79,8 @@
  *     when no anomaly has been seen for KMXC_SERVICE_ANOMALY_CLEAR_MS, or at once when
  *     a new 3-D fit replaces the offset (and the references). A disturbance that keeps
  *     both the strength and the dip while it turns the field is not seen.
- *   Persistence. Saved: the offset of a 3-D fit whose batch agrees with it (accuracy
+ *   Persistence. Saved: the offset of a 3-D fit (the library's or the store's) whose
+ *     samples agree with it (accuracy
  *     2 or 3), only when it differs from the stored one; the rough offset after a
  *     change, with the stored magnetic offset carried over to it. Never saved: planar
  *     offsets, offsets no agreeing 3-D fit produced, the gravity offset (its library
@@ -118,7 +143,8 @@ extern "C" {
 /* Agreement of a batch's field strengths with their mean (largest deviation, in
  * thousandths of the mean) for a high-accuracy fit or a confirmed stored offset. */
 #define KMXC_SERVICE_AGREE_PERMILLE 40
-/* ... and for a medium-accuracy fit (worse: low, not saved). */
+/* ... and for a medium-accuracy fit (worse: low, not saved). A store fit's agreement is
+ * judged by the same two limits. */
 #define KMXC_SERVICE_FIT_MEDIUM_PERMILLE 80
 /* Fed samples that must agree before a stored offset counts as confirmed. */
 #define KMXC_SERVICE_CONFIRM_SAMPLES 8
@@ -247,7 +273,8 @@ typedef struct KmxcServiceEvent {
     uint8_t coverage_cells;    /* cells (of 24) the kit's store of samples covers, last fit */
     int16_t soft_iron_q14[9];  /* the soft-iron correction W in use, Q14 (16384 = 1), row-major;
                                   the identity when none. mag_counts and uncalibrated_uT are
-                                  the field after it: m' = offset + W (m - offset) */
+                                  the field after it: m' = c + W (m - c), c the centre of the
+                                  ellipsoid W came from */
 } KmxcServiceEvent;
 
 /* ---- Results ----------------------------------------------------------------------
