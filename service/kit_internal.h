@@ -56,6 +56,9 @@ struct Estimators {
     bool anomaly_cleared;    // ... and this anomaly episode has done so
 };
 
+// The store and the estimators' state stay within 1 KiB of static RAM.
+static_assert(sizeof(Estimators) + sizeof(SoftIron) <= 1024, "the kit's estimators fit 1 KiB");
+
 struct State {
     bool started;
     pid_t owner;  // the thread that started the session
