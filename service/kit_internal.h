@@ -41,14 +41,25 @@ struct SoftIron {
 // m' for a raw field m (m itself while no correction is in use).
 Vec3 corrected(const SoftIron &s, const Vec3 &m);
 
+// An estimate's predicted offset covariance, in the frame the library sees (after the
+// correction in use): counts^2 in 1/256, packed symmetric (kit_linalg.h's order). Bounded
+// by the prior the estimates carry (kit_estimate.cpp): every entry below 2^20.
+struct OffsetCovariance {
+    int32_t p_q8[6];
+    bool valid;  // false: nothing predicts the error (no estimate, or an unconfirmed stored offset)
+};
+
 // The kit's own estimators (kit_estimate.cpp): the diversity store of raw samples, the
-// last sphere fit of it, an ellipsoid fit waiting for its judgement, and what the
-// store's schedule needs.
+// last sphere fit of it (waiting for its judgement, then the ellipsoid's starting
+// point), an ellipsoid fit waiting for its judgement, the covariance of the estimate in
+// use, and what the store's schedule needs.
 struct Estimators {
     FieldStore store;
-    SphereFit sphere;        // the last sphere fit (the ellipsoid's starting point)
+    SphereFit sphere;        // the last sphere fit, of the store as the library sees it
     EllipsoidFit ellipsoid;  // fitted in one cycle, judged in the next
-    bool ellipsoid_due;      // coverage allows an ellipsoid fit in a coming cycle
+    OffsetCovariance cov;    // the estimate in use (any source)
+    bool sphere_pending;     // `sphere` waits for its judgement
+    bool ellipsoid_due;      // the sphere's residual asks for an ellipsoid fit in a coming cycle
     bool ellipsoid_pending;  // `ellipsoid` waits for its judgement
     uint8_t joined;          // samples joined since the last sphere fit
     uint8_t coverage;        // cells of the store about the offset in use, at the last fit
@@ -145,6 +156,19 @@ void store_clear();
 // field m, gravity g), and at most one fitting step when one is due. fit_allowed: no
 // other fit ran in this cycle.
 void store_cycle(const Vec3 &m, const Vec3 &g, bool fit_allowed, int64_t now, KmxcServiceEvent *e);
+// A library fit (offset o) arrived while an offset is trusted: whether it replaces the
+// offset in use (its batch, the last fed samples, agrees with it, and its predicted
+// horizontal error at gravity g is no larger than the estimate in use's); in that case
+// its covariance becomes the one in use.
+bool library_fit_preferred(const KmxAxesData &o, const Vec3 &g);
+// The estimate in use now rests on the last n fed samples (a library fit of them, dof 4
+// unknowns; a stored offset they confirmed, 1): its covariance from them.
+void use_ring_covariance(const KmxAxesData &o, int n, int unknowns);
+// The highest accuracy the heading allows at this attitude: the offset's predicted
+// error along magnetic east (v x g) over the horizontal field, against the heading
+// limits. v: the calibrated field (counts), g: gravity. KMXC_SERVICE_HIGH when no
+// covariance is kept (the other rules decide).
+int8_t heading_accuracy_cap(const Vec3 &v, const Vec3 &g);
 
 // ---- Persistence (kit_file.cpp) -----------------------------------------------------
 

@@ -169,27 +169,30 @@ bool measure(KmxAxesData *mag, KmxAxesData *gravity, KmxcServiceEvent *e) {
 
 // 4c. The calibration published an offset: hand it to the orientation library. Once an
 // offset is trusted, a new fit replaces it only when its batch agrees with it (a
-// disagreeing fit is never used) and at least as well as with the offset in use: each
-// fit carries its batch's noise, and a worse one must not undo a better. Planar fits
-// are held to the same once an offset is trusted.
-void adopt_new_offset(bool three_d, KmxcServiceEvent *e) {
+// disagreeing fit is never used) and its predicted horizontal error is no larger than the
+// estimate in use's (each fit carries its batch's noise, and a worse one must not undo a
+// better). Planar fits are held to the same once an offset is trusted.
+void adopt_new_offset(bool three_d, const Vec3 &g, KmxcServiceEvent *e) {
     KmxAxesData offset, in_use;
     KmxAxesMsCalibGetOffset(&offset);
     KmxAxesLibGetMsOffset(&in_use);
     if (g_state.offset_trusted) {
-        const Agreement fresh = agreement(offset, g_state.fed_count);
-        const bool fresh_agrees = fresh.in_range && fresh.worst_permille <= KMXC_SERVICE_FIT_MEDIUM_PERMILLE;
-        if (!fresh_agrees || agreement(in_use, g_state.fed_count).spread < fresh.spread) {
+        if (!library_fit_preferred(offset, g)) {
             KmxAxesMsCalibSetOffset(&in_use);
             offset = in_use;
         }
+    } else {
+        // Untrusted: the fit is used; its batch's covariance once a 3-D fit is trusted.
+        g_state.est.cov.valid = false;
     }
     KmxAxesLibSetMsOffset(&offset);
     e->flags |= KMXC_SERVICE_NEW_OFFSET;
     if (!same(offset, in_use)) g_state.estimator = KMXC_SERVICE_ESTIMATOR_LIBRARY;
     if (three_d) {
         e->flags |= KMXC_SERVICE_FIT_3D;
+        const bool trusted = g_state.offset_trusted;
         on_fit(offset);
+        if (!trusted && g_state.offset_trusted) use_ring_covariance(offset, KMXC_SERVICE_FEED_HISTORY, 4);
     }
 }
 
@@ -208,7 +211,7 @@ void feed_calibration(KmxAxesData *mag, const Vec3 &m, const Vec3 &g, KmxcServic
     e->calib_ratio_mid = detail.ratioMid;
     e->calib_residual = detail.residual;
     e->calib_status = KmxAxesMsCalibGetStatus();
-    if (kmxc_calib_new_offset(e->calib_result)) adopt_new_offset(e->calib_result == KMXC_CALIB_THREE_D, e);
+    if (kmxc_calib_new_offset(e->calib_result)) adopt_new_offset(e->calib_result == KMXC_CALIB_THREE_D, g, e);
 }
 
 // Persistence: a confirmed offset that differs from the stored one. One attempt per
@@ -348,7 +351,12 @@ int32_t kmxc_service_cycle(int64_t now, KmxcServiceEvent *e) {
         feed_calibration(&mag, m, g, e);
         KmxAxesData offset;
         KmxAxesLibGetMsOffset(&offset);
-        if (g_state.stored_pending && (e->flags & KMXC_SERVICE_FED) != 0) try_confirm(offset, e);
+        if (g_state.stored_pending && (e->flags & KMXC_SERVICE_FED) != 0) {
+            try_confirm(offset, e);
+            // A confirmed stored offset is known as well as the samples that confirmed it
+            // determine it (its own fit's samples are gone).
+            if ((e->flags & KMXC_SERVICE_CONFIRMED) != 0) use_ring_covariance(offset, KMXC_SERVICE_CONFIRM_SAMPLES, 1);
+        }
         judge_field(c, g, offset, now, e);
         store_cycle(m, g, (e->flags & KMXC_SERVICE_FED) == 0, now, e);
         save_confirmed_offset(e);
@@ -358,6 +366,13 @@ int32_t kmxc_service_cycle(int64_t now, KmxcServiceEvent *e) {
         kmxc_service_fill_floats(&mag, &gravity, &offset, e);
     }
     e->accuracy = accuracy_now(now);
+    // The heading's uncertainty at this attitude caps whatever the other rules allow.
+    if ((e->flags & KMXC_SERVICE_MEASURED) != 0 && e->accuracy > KMXC_SERVICE_UNRELIABLE) {
+        const Vec3 v{e->mag_counts[0] - e->offset[0], e->mag_counts[1] - e->offset[1], e->mag_counts[2] - e->offset[2]};
+        const Vec3 g{e->gravity_counts[0], e->gravity_counts[1], e->gravity_counts[2]};
+        const int8_t cap = heading_accuracy_cap(v, g);
+        if (cap < e->accuracy) e->accuracy = cap;
+    }
     // An unconfirmed offset is worth low accuracy only while the field it gives is one
     // the Earth could make.
     if (e->accuracy == KMXC_SERVICE_LOW && !g_state.offset_trusted &&

@@ -167,25 +167,46 @@ extern "C" {
  * passed at walking pace (a door, a speaker) disturbs the field for a second or two and
  * leaves the store as it was. */
 #define KMXC_SERVICE_STORE_ANOMALY_PERSIST_MS 5000
-/* Determinacy of a store fit: the predicted error (one standard deviation) of its
- * offset along the direction its samples determine least, from the strengths' residual
- * and the samples' covariance, in thousandths of the field strength. Half the agreement
- * a high-accuracy fit must show: the offset is known as well in its weakest direction
- * as the strengths can tell in the others. Worse: the fit is plausible, not confirmed. */
-#define KMXC_SERVICE_STORE_UNCERTAINTY_PERMILLE 20
-/* Coverage cells (of 24: the cube's faces in quadrants, seen from the offset) the store
- * must occupy before the ellipsoid is fitted: soft iron is a scale and skew along every
- * axis, which only samples from nearly every side tell from an offset (on a cap the
- * sphere fit is the better estimate). */
-#define KMXC_SERVICE_ELLIPSOID_MIN_CELLS 8
-/* The ellipsoid is used only when its strengths' RMS residual is at most this fraction
- * (1/n) of the sphere fit's on the same store: soft iron that the strengths cannot tell
- * from noise is not worth a correction that may also bend the heading. */
+/* Heading uncertainty (one standard deviation, centidegrees) that caps the accuracy: the
+ * offset's predicted error along magnetic east at this attitude (east = field x gravity)
+ * over the horizontal field. An error along gravity or along the horizontal field does
+ * not turn the heading, so a phone turned about the vertical is trusted as soon as its
+ * turns fix the horizontal offset, and loses the trust when a tilt brings the direction
+ * its samples never determined into the horizontal.
+ *   HIGH 2 degrees: 95 % of headings within 4 degrees, finer than a user lines up a map
+ *     by eye (and the 2-degree RMS of a well-calibrated phone).
+ *   MEDIUM 5 degrees: a heading 15 degrees off (3 sigma: a wrong street at a junction)
+ *     in fewer than 3 samples in 1000.
+ *   LOW 15 degrees: the heading points into the right quarter 9 times in 10 (the
+ *     quarter's half-width 45 degrees is 3 sigma). Beyond: unreliable. */
+#define KMXC_SERVICE_HEADING_SIGMA_HIGH_CDEG 200
+#define KMXC_SERVICE_HEADING_SIGMA_MEDIUM_CDEG 500
+#define KMXC_SERVICE_HEADING_SIGMA_LOW_CDEG 1500
+/* The magnetometer's noise per axis assumed by the estimators, 1/100 uT: its part in a
+ * fit's expected residual (with the 0.4 uT count's rounding, 0.12 uT). Twice what the
+ * virtual phone draws: a noisier chip only makes the ellipsoid attempted more often (its
+ * adoption has its own test) and never shrinks a predicted error (the residual a fit
+ * shows is used when it is larger). */
+#define KMXC_SERVICE_MAG_NOISE_CENTI_UT 30
+/* The ellipsoid is attempted (whatever the store's coverage) when the sphere estimate's
+ * strength residual exceeds this many times what noise and rounding explain: a field
+ * that is no sphere within the noise. Twice: a sphere's residual over 32 samples
+ * scatters by about an eighth, so noise alone never reaches it. */
+#define KMXC_SERVICE_ELLIPSOID_ATTEMPT_FACTOR 2
+/* A first soft-iron correction is used only when its strengths' RMS residual is at most
+ * this fraction (1/n) of the sphere fit's on the same store: soft iron that the strengths
+ * cannot tell from noise is not worth a correction that may also bend the heading. A new
+ * correction replaces one in use when its residual is no larger than that of the sphere
+ * fitted through the correction in use (the store as the library sees it). */
 #define KMXC_SERVICE_ELLIPSOID_BEAT_FACTOR 2
-/* A store estimate that agrees better with the recent samples replaces the offset in
- * use only when it moves it by at least this many counts (0.8 uT, under a degree of
- * heading in a 24 uT horizontal field): publishing restarts the library's batch. */
+/* A better-determined estimate (a smaller predicted horizontal offset error) replaces the
+ * offset in use when it moves it by at least this many counts (0.8 uT, under a degree of
+ * heading in a 24 uT horizontal field), or when its predicted error variance is at most
+ * 1/KMXC_SERVICE_REPUBLISH_VARIANCE_FACTOR of the one in use: publishing restarts the
+ * library's batch, so a refit that only moves the offset by its noise is not published.
+ * Halving: a refit after a few new samples changes the variance by far less. */
 #define KMXC_SERVICE_REPUBLISH_MIN_CHANGE 2
+#define KMXC_SERVICE_REPUBLISH_VARIANCE_FACTOR 2
 
 /* Accuracy values (Android's SENSOR_STATUS_*). */
 #define KMXC_SERVICE_UNRELIABLE 0
