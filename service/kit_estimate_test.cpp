@@ -79,11 +79,15 @@ void fill(const std::vector<std::array<double, 3>> &dirs, const Vec3 &o, const d
         remember_fed(sample(dirs[i], o, s, noise, sd), kDown);
 }
 
-// One fitting step due now.
+// A sphere fit due now: the fit in one cycle, its judgement in the next (the event of
+// the judgement's cycle returned).
 KmxcServiceEvent step() {
     KmxcServiceEvent e{};
     e.mag_result = 1;  // a clipped sample: offered nothing
     g_state.est.joined = KMXC_SERVICE_STORE_REFIT_JOINS;
+    store_cycle(Vec3{0, 0, 0}, kDown, true, 1, &e);
+    e = KmxcServiceEvent{};
+    e.mag_result = 1;
     store_cycle(Vec3{0, 0, 0}, kDown, true, 1, &e);
     return e;
 }
@@ -159,7 +163,9 @@ TEST(KitEstimate, TheStoreIsRefittedOnlyOnceEnoughSamplesHaveJoined) {
         g_state.est.joined = static_cast<uint8_t>(joined);
         KmxcServiceEvent e{};
         e.mag_result = 1;
-        store_cycle(Vec3{0, 0, 0}, kDown, true, 1, &e);
+        store_cycle(Vec3{0, 0, 0}, kDown, true, 1, &e);  // the fit, when due
+        EXPECT_FALSE(e.flags & KMXC_SERVICE_KIT_ESTIMATE) << "judged in the next cycle, not the fit's";
+        store_cycle(Vec3{0, 0, 0}, kDown, true, 1, &e);  // its judgement
         const bool fitted = joined >= KMXC_SERVICE_STORE_REFIT_JOINS;
         EXPECT_EQ(g_state.estimator, fitted ? KMXC_SERVICE_ESTIMATOR_STORE_SPHERE : KMXC_SERVICE_ESTIMATOR_NONE)
             << joined;
@@ -172,8 +178,10 @@ TEST(KitEstimate, TheStoreIsRefittedOnlyOnceEnoughSamplesHaveJoined) {
     }
 }
 
-// Whether the store's sphere fit is trusted (high, medium), used as plausible (low), or
-// refused follows its samples' spread and noise through the predicted offset error.
+// Whether the store's sphere fit is trusted (high, medium), or refused follows how well
+// its samples determine the offset across gravity (what turns the heading of a phone
+// held as the samples were) and whether they agree. Gravity along z throughout: a cap
+// about z is a phone turned while held level.
 TEST(KitEstimate, DeterminacyAndAgreementDecideHowFarASphereFitIsUsed) {
     const struct {
         const char *name;
@@ -186,9 +194,11 @@ TEST(KitEstimate, DeterminacyAndAgreementDecideHowFarASphereFitIsUsed) {
          KMXC_SERVICE_ESTIMATOR_STORE_SPHERE},
         {"a 60-degree cap, little noise: determined, high", 60, 0.4, KMXC_SERVICE_HIGH, true,
          KMXC_SERVICE_ESTIMATOR_STORE_SPHERE},
-        {"a 35-degree cap, 2 counts of noise: plausible, low", 35, 2, KMXC_SERVICE_LOW, false,
-         KMXC_SERVICE_ESTIMATOR_STORE_SPHERE},
-        {"a 20-degree cap, 2 counts of noise: refused", 20, 2, KMXC_SERVICE_UNRELIABLE, false,
+        {"a 35-degree cap about gravity, 2 counts of noise: the horizontal offset determined, high", 35, 2,
+         KMXC_SERVICE_HIGH, true, KMXC_SERVICE_ESTIMATOR_STORE_SPHERE},
+        {"a 20-degree cap about gravity, 2 counts of noise: still determined across gravity", 20, 2, KMXC_SERVICE_HIGH,
+         true, KMXC_SERVICE_ESTIMATOR_STORE_SPHERE},
+        {"a 2-degree cap: no direction determined, refused", 2, 0.4, KMXC_SERVICE_UNRELIABLE, false,
          KMXC_SERVICE_ESTIMATOR_NONE},
         {"the whole sphere, 8 counts of noise: disagrees, refused", 180, 8, KMXC_SERVICE_UNRELIABLE, false,
          KMXC_SERVICE_ESTIMATOR_NONE},
@@ -295,6 +305,7 @@ TEST(KitEstimate, TheEllipsoidMustBeatTheSphereByItsFactorAndHavePlausibleAxes) 
         EllipsoidFit &f = g_state.est.ellipsoid;
         f = EllipsoidFit{};
         f.offset = kOffset;
+        f.radius_q4 = static_cast<int32_t>(kRadius * 16);
         for (int k = 0; k < 9; ++k) f.w_q14[k] = k % 4 == 0 ? 16384 : 0;
         f.axes_q14[0] = c.axis_q14, f.axes_q14[1] = 16384, f.axes_q14[2] = 16384;
         field_store_strengths(g_state.est.store, kOffset, f.w_q14, &f.residual);
