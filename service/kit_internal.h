@@ -7,29 +7,35 @@
 #include <stdint.h>
 #include <sys/types.h>
 
-#include "drivers/kmxc_protocol.h"
+#include "calibration/calibration.h"
 #include "orientation/orientation.h"
 #include "service/ellipsoid_fit.h"
 #include "service/field_store.h"
 #include "service/kit_geometry.h"
+#include "service/kit_store.h"
 #include "service/kmxc_service.h"
 #include "service/sphere_fit.h"
 
 namespace kmxc_kit {
 
-// The library's calibration file, read here only to check that it is well formed.
-constexpr const char *kCalibrationFile = "/misc/sensor/kmxc_orvane.cfg";
-constexpr int32_t kUnknownOffset = 2147483647;  // the file's "not known" magnetic offset
-constexpr KmxAxesData kNoStoredOffset{kUnknownOffset, kUnknownOffset, kUnknownOffset};
-constexpr uint8_t kUnknownRough = 255;                            // a rough-offset step not known
-constexpr int32_t kNoResidual = 2147483647;                       // the calibration's residual while a batch fills
-constexpr int32_t kCountsPer10uT = kmxc::kCountsPer10Microtesla;  // corrected counts
+constexpr int32_t kCountsPer10uT = KMXC_MS_COUNTS_PER_10_UT;  // corrected counts
 constexpr int64_t kNsPerMs = 1000000;
-constexpr int32_t kGravityCounts = 4096;  // 1 g
+constexpr int32_t kGravityCounts = KMXC_GS_COUNTS_PER_G;  // 1 g
 constexpr int16_t kIdentityQ14[9] = {16384, 0, 0, 0, 16384, 0, 0, 0, 16384};
 // The calibration's other two thresholds stay at the library's defaults.
-constexpr int16_t kRatioMidThreshold = 96;
-constexpr int32_t kResidualThreshold = 0x200000;
+constexpr int16_t kRatioMidThreshold = KMXC_CALIB_DEFAULT_RATIO_MID;
+constexpr int32_t kResidualThreshold = KMXC_CALIB_DEFAULT_RESIDUAL;
+
+// The kit's files as it knows them (kit_file.cpp).
+struct Persistence {
+    CalibRecord wanted;  // the record in use: what the calibration file should hold
+    CalibRecord stored;  // what it holds, when stored_valid
+    bool stored_valid;   // (not: absent, garbled, refused, or values reset since)
+    bool unread;         // start could not read it: not replaced until it reads again
+    KitRecord kit;       // the kit file's record, for wanted
+    SaveClock clock;
+    bool clock_started;
+};
 
 // The soft-iron correction in use: the library sees m' = centre + W (m - centre), so its
 // own offset subtraction still works (identity while not in use).
@@ -77,7 +83,7 @@ struct State {
     int64_t last_cycle_ns;
     uint32_t rate_hz;
     uint8_t rough[3];
-    KmxAxesData stored;    // the magnetic offset the file holds (kUnknownOffset: none)
+    Persistence files;
     bool offset_trusted;   // a 3-D fit of this run, or a confirmed stored offset
     bool stored_pending;   // a stored offset waits for confirmation
     int8_t base_accuracy;  // accuracy without anomaly
@@ -96,9 +102,7 @@ struct State {
     int confirm_count;  // fed samples since start (for the stored offset's check)
     uint32_t warm_cycles;
     uint32_t saves, save_failures;
-    bool save_pending;    // a confirmed offset waits to be saved (after a failure)
-    bool file_damaged;    // the start could not reset a damaged calibration file
-    bool file_unchecked;  // the start could not read the calibration file
+    bool save_pending;  // a fit's offset, agreeing with its batch, is to be kept
     // The kit's estimators.
     uint8_t estimator;         // KMXC_SERVICE_ESTIMATOR_* of the offset in use
     bool provisional;          // an untrusted offset worth a low accuracy is in use
@@ -172,21 +176,33 @@ int8_t heading_accuracy_cap(const Vec3 &v, const Vec3 &g);
 
 // ---- Persistence (kit_file.cpp) -----------------------------------------------------
 
-// The calibration file as the kit finds it: one line of nine comma-separated decimal
-// integers, as the library writes it; missing (the library creates it with defaults);
-// damaged (anything else); or unreadable just now (it may be fine).
-enum class FileState { kWellFormed, kMissing, kDamaged, kUnreadable };
-FileState file_state();
-bool same(const KmxAxesData &a, const KmxAxesData &b);
-// A reset (the library's, which returns nothing) took when the file is then whole and
-// loads.
-bool reset_file();
-// Saves offset as the stored magnetic offset and reads it back.
-bool save_offset(const KmxAxesData &offset);
-bool save_rough(const uint8_t rough[3]);
+// The owner and mode the library gives the calibration file; the kit's files get them too.
+constexpr uint32_t kFileUid = KMXC_CALIBRATION_FILE_UID;
+constexpr uint32_t kFileGid = KMXC_CALIBRATION_FILE_GID;
+constexpr uint32_t kFileMode = KMXC_CALIBRATION_FILE_MODE;
+
+// What start found and did, for its record.
+struct StartFiles {
+    uint16_t file;     // KMXC_SERVICE_FILE_*
+    uint8_t kit_file;  // KMXC_SERVICE_KIT_FILE_*
+    bool kit_read;     // the kit file held a kit record (it may belong to another record)
+    uint8_t save_attempts, save_failures;
+    int32_t error;
+};
+// Reads the calibration file and the kit file: g_state.files.wanted is the record to
+// start from (implausible values reset), found says what was there.
+void read_stored_record(StartFiles *found);
+// The rough offset start wrote: a stored magnetic offset of another rough offset goes.
+void use_rough_offset(const uint8_t rough[3]);
+// Start's save when the file does not hold the record in use; the kit file's outcome.
+void save_at_start(StartFiles *found);
+// Cycle: a fit's offset to keep (g_state.save_pending), then a save when due.
+void save_when_due(int64_t now, KmxcServiceEvent *e);
 // Measure a new rough offset; carry the library's offset, the calibration's and the
-// stored one over to it.
-bool change_rough_offset(KmxcServiceEvent *e);
+// record's over to it and save the record at once.
+bool change_rough_offset(int64_t now, KmxcServiceEvent *e);
+// Stop: saves what is newer than the file; false when that failed.
+bool save_at_stop();
 
 }  // namespace kmxc_kit
 

@@ -62,8 +62,9 @@ TEST_F(Kit, EachMisuseGetsItsOwnNamedResultAndChangesNothing) {
         {KMXC_SERVICE_BAD_TIMESTAMP, "KMXC_SERVICE_BAD_TIMESTAMP"},
         {KMXC_SERVICE_WRONG_THREAD, "KMXC_SERVICE_WRONG_THREAD"},
         {KMXC_SERVICE_BUSY, "KMXC_SERVICE_BUSY"},
+        {KMXC_SERVICE_STOP_NOT_SAVED, "KMXC_SERVICE_STOP_NOT_SAVED"},
         {1, "unknown result"},
-        {-11, "unknown result"},
+        {-12, "unknown result"},
     };
     for (const auto &[value, name] : names) EXPECT_STREQ(kmxc_service_result_name(value), name) << value;
 }

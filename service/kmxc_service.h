@@ -9,19 +9,18 @@
  * heading, and one accuracy value 0..3 for all of them.
  *
  * What the kit does on the caller's behalf, in the library's required order:
- *   start  KmxAxesLibInit, KmxAxesMsCalibInit, both driver inits; the rough offset
- *          (stored one if valid, else measured, then stored); the stored magnetic and
- *          gravity offsets, after checking that the calibration file is well formed
- *          (an empty or garbled file is reset to its defaults, never trusted; a
- *          reset that fails counts as a failed save and is tried again before the
- *          first save; a file that cannot be read at start is not used and is
- *          checked again before the first save).
+ *   start  KmxAxesLibInit, KmxAxesMsCalibInit, both driver inits; the calibration file
+ *          and the kit file read and checked (below, Persistence); the rough offset
+ *          (stored one if valid, else measured); the stored magnetic and gravity
+ *          offsets; the file saved when it does not hold the record in use. What start
+ *          found and did is in the KmxcServiceStart record.
  *   cycle  both measurements; the sample-feed gate; KmxAxesMsCalibUpdateDetail with the raw
  *          (offset-free) magnetic vector; a new offset to the orientation library;
  *          the attitude both ways; accuracy and field-anomaly checks; a rough-offset
  *          change with the magnetic offset carried over when a channel leaves its
- *          range; saving a confirmed offset that differs from the stored one.
- *   stop   both driver terms (the last closes /dev/compass).
+ *          range; saving a confirmed offset when the save spacing allows.
+ *   stop   an offset newer than the file saved; both driver terms (the last closes
+ *          /dev/compass).
  *
  * Rules (the constants are below, named once):
  *   Sample feed. The calibration fits batches of 16 samples and needs them spread
@@ -79,15 +78,48 @@
  *     when no anomaly has been seen for KMXC_SERVICE_ANOMALY_CLEAR_MS, or at once when
  *     a new 3-D fit replaces the offset (and the references). A disturbance that keeps
  *     both the strength and the dip while it turns the field is not seen.
- *   Persistence. Saved: the offset of a 3-D fit (the library's or the store's) whose
- *     samples agree with it (accuracy
- *     2 or 3), only when it differs from the stored one; the rough offset after a
- *     change, with the stored magnetic offset carried over to it. Never saved: planar
- *     offsets, offsets no agreeing 3-D fit produced, the gravity offset (its library
- *     save path rewrites the file in place). Every save is read back; a failed save
- *     is flagged (KMXC_SERVICE_SAVE_FAILED), counted, leaves the previous file (the
- *     library's saves write a backup and rename it), and is tried again at the next
- *     new offset. A file that no longer loads after a failure is reset to defaults.
+ *   Persistence. The kit owns its files; it never calls the library's file functions
+ *     (nor writes the library's backup file name), and writes what the library would:
+ *     KMXC_SERVICE_CALIBRATION_FILE, one line of nine integers "%d,...,%d" without a
+ *     line end: rough offset (steps, 255 not known), gravity offset (1/4096 g),
+ *     magnetic offset (counts, 2147483647 not known); owner 1008:1000, mode 0666.
+ *     Beside it KMXC_SERVICE_KIT_FILE, one line of 19 integers: version
+ *     (KMXC_SERVICE_KIT_FILE_VERSION), the rough and magnetic offset of the record it
+ *     belongs to, a symmetric soft-iron correction xx,xy,xz,yy,yz,zz (Q14: identity is
+ *     KMXC_SERVICE_SOFT_IRON_ONE,0,0,ONE,0,ONE; diagonal ONE/2..2*ONE, others within
+ *     +-ONE/2), the field strength (counts, 10..100 uT) and dip (1/100 degree,
+ *     -9000..9000) of the last trusted 3-D calibration, whether those two are known
+ *     (0: both 0), the store's coverage (cells 0..255), whether the offset came from a
+ *     planar fit (0/1), and the CRC-32 (as zlib's) of the text before its comma. The
+ *     kit writes identity, not known, 0 and 0 for now; a kit file that does not belong
+ *     to the calibration file's record, or fails any check, is never used (defaults).
+ *     Reading: each path is opened with O_NOFOLLOW|O_NONBLOCK and checked with fstat;
+ *     anything but a regular file (a link, FIFO, directory, device) is refused, never
+ *     waited on and never written through, with one line on stderr naming the path and
+ *     what it is. The line is parsed strictly (anything but nine integers is garbled:
+ *     reset to defaults) and every value range-checked: rough 0..31 (or all 255),
+ *     magnetic within the library's valid range (or all not known; a magnetic offset of
+ *     a rough offset not known is dropped), gravity within
+ *     KMXC_SERVICE_GRAVITY_OFFSET_LIMIT; implausible values are reset and the record is
+ *     saved again. A file that reads but cannot be written is used (start reports it
+ *     read-only). A file that cannot be read is not used and not replaced until it
+ *     reads again.
+ *     Writing: one save writes one complete record, both files, each through a
+ *     temporary file of a unique name created with O_CREAT|O_EXCL|O_NOFOLLOW in
+ *     /misc/sensor, written, given owner and mode, fsynced, renamed over the file, then
+ *     the directory fsynced; a crash or power cut at any step leaves the old record or
+ *     the new one. The save holds the directory's advisory lock (flock, not waiting): a
+ *     second service saving at the same moment finds it taken and its save fails with
+ *     KMXC_SERVICE_SAVE_LOCKED (tried again later). A failed save prints its cause on
+ *     stderr and keeps the previous file.
+ *     What and when: the record in use is the rough offset, the gravity offset loaded,
+ *     and the offset of the last 3-D fit whose batch agrees with it (accuracy 2 or 3);
+ *     planar offsets and unconfirmed ones are never saved. A rough-offset change is saved
+ *     at once, with the magnetic offset carried over to it (or not known). A new offset
+ *     is saved when it moved more than KMXC_SERVICE_SAVE_MIN_MOVE_COUNTS from the stored
+ *     one, or moved at all and the stored one has stood KMXC_SERVICE_SAVE_SETTLE_S; never
+ *     within KMXC_SERVICE_SAVE_MIN_INTERVAL_S of the last attempt (failed ones
+ *     included), and at stop when it differs at all (one save per session).
  *   Warm-up. The integer heading's smoother starts from 180 degrees when the library
  *     is loaded and keeps its history across restarts; for the first
  *     KMXC_SERVICE_WARMUP_CYCLES cycles with an attitude the event's heading is -1.
@@ -109,6 +141,8 @@
 #define KMXC_SERVICE_H
 
 #include <stdint.h>
+
+#include "common/common.h"
 
 #ifndef KMXC_SERVICE_API
 #define KMXC_SERVICE_API __attribute__((visibility("default")))
@@ -208,6 +242,29 @@ extern "C" {
 #define KMXC_SERVICE_REPUBLISH_MIN_CHANGE 2
 #define KMXC_SERVICE_REPUBLISH_VARIANCE_FACTOR 2
 
+/* Persistence (see the paragraph above). The library's calibration file, and the kit's. */
+#define KMXC_SERVICE_CALIBRATION_FILE KMXC_CALIBRATION_FILE
+#define KMXC_SERVICE_KIT_FILE KMXC_CALIBRATION_DIRECTORY "/kmxc_orvane-kit.cfg"
+/* Largest stored gravity offset used, per axis, 1/4096 g: a quarter of g. A MEMS
+ * accelerometer's zero-g offset, soldering stress and temperature included, stays within
+ * about a tenth of g; a larger value is damage, and would tilt the attitude by up to
+ * 14 degrees. */
+#define KMXC_SERVICE_GRAVITY_OFFSET_LIMIT 1024
+/* Save spacing, for the flash. A new offset is saved at once when it moved more than
+ * this many counts (1.2 uT: about the spread of one fit's offset, and under 3 degrees
+ * of heading in a 24 uT horizontal field) from the stored one ... */
+#define KMXC_SERVICE_SAVE_MIN_MOVE_COUNTS 3
+/* ... and when it moved at all and the stored one is this old (it stays close to the
+ * truth; a save every ten minutes of handling costs the flash nothing) ... */
+#define KMXC_SERVICE_SAVE_SETTLE_S 600
+/* ... but never within this long of the last save attempt: at most 60 saves an hour
+ * however often the calibration fits (it can fit every few seconds while the phone is
+ * handled). */
+#define KMXC_SERVICE_SAVE_MIN_INTERVAL_S 60
+/* The kit file's format version, and 1.0 in its soft-iron correction (Q14). */
+#define KMXC_SERVICE_KIT_FILE_VERSION 1
+#define KMXC_SERVICE_SOFT_IRON_ONE 16384
+
 /* Accuracy values (Android's SENSOR_STATUS_*). */
 #define KMXC_SERVICE_UNRELIABLE 0
 #define KMXC_SERVICE_LOW 1
@@ -221,12 +278,13 @@ extern "C" {
 #define KMXC_SERVICE_FIT_3D 0x0008            /* ... from a three-dimensional fit */
 #define KMXC_SERVICE_ANOMALY 0x0010           /* a field anomaly was seen in this sample */
 #define KMXC_SERVICE_ROUGH_CHANGED 0x0020     /* the rough offset was changed, offset carried */
-#define KMXC_SERVICE_SAVED 0x0040             /* the calibration file was written and read back */
-#define KMXC_SERVICE_SAVE_FAILED 0x0080       /* a save failed; the previous file is kept */
+#define KMXC_SERVICE_SAVED 0x0040             /* the record was saved: both files, durably */
+#define KMXC_SERVICE_SAVE_FAILED 0x0080       /* a save failed; the previous record is kept */
 #define KMXC_SERVICE_CONFIRMED 0x0100         /* the stored offset was confirmed by the field */
 #define KMXC_SERVICE_HEADING_VALID 0x0200     /* heading_deg holds a heading (after warm-up) */
 #define KMXC_SERVICE_ORIENTATION_VALID 0x0400 /* orientation_deg and rotation_vector hold values */
-#define KMXC_SERVICE_KIT_ESTIMATE 0x0800      /* the new offset (and soft iron) is the kit's own */
+#define KMXC_SERVICE_SAVE_LOCKED 0x0800       /* the save found another service saving (with SAVE_FAILED) */
+#define KMXC_SERVICE_KIT_ESTIMATE 0x1000      /* the new offset (and soft iron) is the kit's own */
 
 /* Estimators (event.estimator): where the offset in use comes from. */
 #define KMXC_SERVICE_ESTIMATOR_NONE 0         /* no offset yet (or only a planar one moved it) */
@@ -241,15 +299,55 @@ extern "C" {
 #define KMXC_SERVICE_ANOMALY_STRENGTH 2 /* strength far from the reference */
 #define KMXC_SERVICE_ANOMALY_DIP 4      /* field-gravity angle far from the reference */
 
+/* What start found at KMXC_SERVICE_CALIBRATION_FILE and did (KmxcServiceStart.file,
+ * bits). An integrator acts on: ABSENT (first start, or the file was lost),
+ * UNREADABLE, NOT_REGULAR, READ_ONLY (no calibration will be kept), GARBLED and
+ * IMPLAUSIBLE (the file was damaged), LOCKED (two services share the files).
+ *   LOADED       a complete record was read; its values were used (IMPLAUSIBLE: some reset)
+ *   ABSENT       no file: defaults, the file made by start's save
+ *   UNREADABLE   it exists but could not be read (file_error): defaults; not replaced
+ *                until it reads again
+ *   NOT_REGULAR  a symbolic link, FIFO, directory or device: refused, never written
+ *   READ_ONLY    with LOADED: the file or /misc/sensor cannot be written (file_error):
+ *                the record is used, nothing can be saved
+ *   GARBLED      not a record of nine integers: reset to defaults and saved again
+ *   IMPLAUSIBLE  with LOADED: a value out of its range (rough, magnetic, gravity; see
+ *                Persistence) was reset and the record saved again
+ *   LOCKED       start's save found another service saving: not saved now */
+#define KMXC_SERVICE_FILE_LOADED 0x0001
+#define KMXC_SERVICE_FILE_ABSENT 0x0002
+#define KMXC_SERVICE_FILE_UNREADABLE 0x0004
+#define KMXC_SERVICE_FILE_NOT_REGULAR 0x0008
+#define KMXC_SERVICE_FILE_READ_ONLY 0x0010
+#define KMXC_SERVICE_FILE_GARBLED 0x0020
+#define KMXC_SERVICE_FILE_IMPLAUSIBLE 0x0040
+#define KMXC_SERVICE_FILE_LOCKED 0x0080
+
+/* What start found at KMXC_SERVICE_KIT_FILE (KmxcServiceStart.kit_file). Every code but
+ * LOADED means its values are the defaults, written with the next save. */
+#define KMXC_SERVICE_KIT_FILE_LOADED 0 /* belongs to the calibration record in use */
+#define KMXC_SERVICE_KIT_FILE_ABSENT 1 /* none yet */
+#define KMXC_SERVICE_KIT_FILE_MISMATCH                                                       \
+    2                                   /* made for another rough or magnetic offset (a save \
+                                           cut short, a rough-offset change, the library's own save) */
+#define KMXC_SERVICE_KIT_FILE_GARBLED 3 /* not a kit record of this version: format, range, checksum */
+#define KMXC_SERVICE_KIT_FILE_REFUSED 4 /* not a regular file, or unreadable: never written while so */
+
 /* ---- Records ---------------------------------------------------------------------- */
 
-/* What start found (filled by kmxc_service_start). */
+/* What start found (filled by kmxc_service_start when it returns KMXC_SERVICE_OK). */
 typedef struct KmxcServiceStart {
     uint8_t rough[3];         /* rough offset written to the chip, channels 0..2 */
     uint8_t rough_measured;   /* 1 measured now, 0 taken from the file */
     uint8_t offset_loaded;    /* 1 a valid stored magnetic offset was loaded (unconfirmed) */
-    uint8_t file_repaired;    /* 1 the calibration file was empty or garbled and reset */
+    uint8_t file_repaired;    /* 1 when file has KMXC_SERVICE_FILE_GARBLED (as before file existed) */
     int32_t offset[3];        /* the magnetic offset in use, counts */
+    uint16_t file;            /* KMXC_SERVICE_FILE_* bits */
+    uint8_t kit_file;         /* KMXC_SERVICE_KIT_FILE_* */
+    uint8_t save_attempts;    /* saves start tried: 0 or 1 (one save writes both files) */
+    uint8_t save_failures;    /* of these, failed (counted in the events' save_failures too) */
+    uint8_t reserved[3];      /* 0 */
+    int32_t file_error;       /* errno behind UNREADABLE, READ_ONLY or start's failed save; else 0 */
     int16_t soft_iron_q14[9]; /* the soft-iron correction W in use, Q14 (16384 = 1), row-major;
                                  the identity when none */
 } KmxcServiceStart;
@@ -288,8 +386,8 @@ typedef struct KmxcServiceEvent {
     int32_t offset[3];         /* the magnetic offset in use, counts */
     int32_t strength_centi_uT; /* |mag_counts - offset| in 1/100 uT, rounded down */
     int32_t dip_cos_permille;  /* 1000 cos(angle between field and gravity) */
-    uint32_t saves;            /* successful saves so far */
-    uint32_t save_failures;    /* failed saves so far */
+    uint32_t saves;            /* successful saves so far (start's included) */
+    uint32_t save_failures;    /* failed saves so far (start's included) */
     uint8_t estimator;         /* KMXC_SERVICE_ESTIMATOR_* of the offset in use */
     uint8_t coverage_cells;    /* cells (of 24) the kit's store of samples covers, last fit */
     int16_t soft_iron_q14[9];  /* the soft-iron correction W in use, Q14 (16384 = 1), row-major;
@@ -318,10 +416,13 @@ typedef struct KmxcServiceEvent {
  *   KMXC_SERVICE_NULL_EVENT             -7   cycle        event is null; nothing done
  *   KMXC_SERVICE_BAD_TIMESTAMP          -8   cycle        the timestamp is not later than the
  *                                                         last cycle's; nothing done
- *   KMXC_SERVICE_WRONG_THREAD           -9   cycle, stop  called from a thread other than the
- *                                                         one that started the session
+ *   KMXC_SERVICE_WRONG_THREAD           -9   all but      called from a thread other than the
+ *                                             start       one that started the session
  *   KMXC_SERVICE_BUSY                  -10   all          another call of the kit is running
  *                                                         (on another thread); nothing done
+ *   KMXC_SERVICE_STOP_NOT_SAVED        -11   stop         stopped, but an offset newer than the
+ *                                                         file could not be saved (the file keeps
+ *                                                         the previous record; cause on stderr)
  */
 enum KmxcServiceResult {
     KMXC_SERVICE_OK = 0,
@@ -334,7 +435,8 @@ enum KmxcServiceResult {
     KMXC_SERVICE_NULL_EVENT = -7,
     KMXC_SERVICE_BAD_TIMESTAMP = -8,
     KMXC_SERVICE_WRONG_THREAD = -9,
-    KMXC_SERVICE_BUSY = -10
+    KMXC_SERVICE_BUSY = -10,
+    KMXC_SERVICE_STOP_NOT_SAVED = -11
 };
 
 /* ---- Functions -------------------------------------------------------------------
@@ -347,7 +449,10 @@ enum KmxcServiceResult {
  *                                      the monotonic clock (CLOCK_MONOTONIC or
  *                                      CLOCK_BOOTTIME, as Android's sensor events) and
  *                                      must increase from cycle to cycle
- * kmxc_service_stop()                  step 6
+ * kmxc_service_stop()                  step 6, after saving an offset newer than the file
+ * kmxc_service_saves(done, failed)     saves and failed saves of the session so far, start's
+ *                                      and stop's included (valid after stop, until the next
+ *                                      start); either pointer may be null; KMXC_SERVICE_OK
  * Cycle and stop must come from the thread that started the session; the kit detects
  * another thread (KMXC_SERVICE_WRONG_THREAD) and a call while another is running
  * (KMXC_SERVICE_BUSY) and refuses them without touching the session.
@@ -357,6 +462,7 @@ enum KmxcServiceResult {
 KMXC_SERVICE_API int32_t kmxc_service_start(uint32_t rate_hz, KmxcServiceStart *start);
 KMXC_SERVICE_API int32_t kmxc_service_cycle(int64_t timestamp_ns, KmxcServiceEvent *event);
 KMXC_SERVICE_API int32_t kmxc_service_stop(void);
+KMXC_SERVICE_API int32_t kmxc_service_saves(uint32_t *done, uint32_t *failed);
 KMXC_SERVICE_API const char *kmxc_service_result_name(int32_t result);
 
 #ifdef __cplusplus
