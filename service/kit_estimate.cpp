@@ -10,6 +10,7 @@
 // kit allows a cycle.
 #include "calibration/calibration.h"
 #include "orientation/orientation.h"
+#include "service/kit_angle.h"
 #include "service/kit_internal.h"
 
 namespace kmxc_kit {
@@ -306,6 +307,7 @@ void judge_sphere(const Vec3 &g, KmxcServiceEvent *e) {
     }
     publish(fit.offset, KMXC_SERVICE_ESTIMATOR_STORE_SPHERE, e);
     trust_estimate(level, reference_of(soft, fit.offset, fit.residual));
+    note_trusted_reference();
 }
 
 void ellipsoid_step() {
@@ -340,6 +342,7 @@ void judge_ellipsoid(const Vec3 &g, KmxcServiceEvent *e) {
     g_state.soft_iron = soft;
     publish(fit.offset, KMXC_SERVICE_ESTIMATOR_ELLIPSOID, e);
     trust_estimate(level, reference_of(soft, fit.offset, fit.residual));
+    note_trusted_reference();
 }
 
 // The last n fed samples as the library sees them.
@@ -443,6 +446,61 @@ void store_cycle(const Vec3 &m, const Vec3 &g, bool fit_allowed, int64_t now, Km
     } else if (s.ellipsoid_due) {
         ellipsoid_step();
     }
+}
+
+// ---- References and the kit file ---------------------------------------------------------------
+
+void note_trusted_reference() {
+    if (!g_state.reference || !g_state.ref_dip_valid || g_state.base_accuracy < KMXC_SERVICE_MEDIUM) return;
+    // The dip below the horizontal from 1000 cos(field, gravity): gravity as the kit
+    // keeps it points down, so sin(dip) = cos and cos(dip) = sin >= 0.
+    const int32_t c = g_state.ref_dip < -1000 ? -1000 : g_state.ref_dip > 1000 ? 1000 : g_state.ref_dip;
+    const int32_t s = static_cast<int32_t>(isqrt32(static_cast<uint32_t>(1000000 - c * c)));
+    g_state.reference_known = true;
+    g_state.reference_strength_counts = g_state.ref_strength;
+    g_state.reference_dip_cdeg = atan2_cdeg(c, s);
+}
+
+// W's symmetric entries in the kit file's order: xx, xy, xz, yy, yz, zz.
+constexpr int kKitSoftIronEntry[6] = {0, 1, 2, 4, 5, 8};
+
+KitRecord kit_record_for(const CalibRecord &record) {
+    KitRecord k = default_kit(record);
+    const SoftIron &soft = g_state.soft_iron;
+    if (soft.in_use)
+        for (int i = 0; i < 6; ++i) k.soft_iron[i] = soft.w_q14[kKitSoftIronEntry[i]];
+    if (g_state.reference_known) {
+        k.reference = 1;
+        k.strength = g_state.reference_strength_counts;
+        k.dip_centideg = g_state.reference_dip_cdeg;
+    }
+    k.coverage = est().coverage;
+    return k;
+}
+
+void apply_kit_record(const KitRecord &kit) {
+    // Used only when its axes are ones the ellipsoid fit itself accepts (the file's wider
+    // range would let a diagonal of 2, beyond Q14 in 16 bits, through).
+    const int64_t packed[6] = {kit.soft_iron[0], kit.soft_iron[1], kit.soft_iron[2],
+                               kit.soft_iron[3], kit.soft_iron[4], kit.soft_iron[5]};
+    int64_t lambda[3];
+    sym3_eigenvalues(packed, lambda);
+    const int32_t axes_q14[3] = {static_cast<int32_t>(lambda[0]), static_cast<int32_t>(lambda[1]),
+                                 static_cast<int32_t>(lambda[2])};
+    bool identity = true;
+    for (int i = 0; i < 6; ++i) identity = identity && kit.soft_iron[i] == kIdentityQ14[kKitSoftIronEntry[i]];
+    if (!identity && axes_plausible(axes_q14)) {
+        SoftIron soft{true, vec(kit.magnetic), {}};
+        constexpr int kPackedOf[9] = {0, 1, 2, 1, 3, 4, 2, 4, 5};  // row-major W from xx, xy, xz, yy, yz, zz
+        for (int i = 0; i < 9; ++i) soft.w_q14[i] = static_cast<int16_t>(kit.soft_iron[kPackedOf[i]]);
+        g_state.soft_iron = soft;
+    }
+    if (kit.reference != 0) {
+        g_state.reference_known = true;
+        g_state.reference_strength_counts = kit.strength;
+        g_state.reference_dip_cdeg = kit.dip_centideg;
+    }
+    est().coverage = kit.coverage;
 }
 
 }  // namespace kmxc_kit

@@ -469,4 +469,82 @@ TEST(KitEstimate, TheIntegerHeadingCapMatchesTheDoubleFormula) {
     for (int k = 0; k < 4; ++k) EXPECT_GT(per_level[k], 200) << "level " << k << " drawn too rarely";
 }
 
+// ---- References and the kit file ---------------------------------------------------------
+
+// The references are an estimate's trusted at medium or high with a dip measured; the
+// dip is the angle below the horizontal (1000 cos 30 degrees to the downward gravity:
+// 60 degrees).
+TEST(KitEstimate, OnlyATrustedEstimateWithADipBecomesTheReference) {
+    const struct {
+        const char *name;
+        int8_t accuracy;
+        bool dip_valid;
+        bool known;
+    } cases[] = {
+        {"high with a dip", KMXC_SERVICE_HIGH, true, true},
+        {"medium with a dip", KMXC_SERVICE_MEDIUM, true, true},
+        {"low: plausible, not trusted", KMXC_SERVICE_LOW, true, false},
+        {"high without a dip in steady gravity", KMXC_SERVICE_HIGH, false, false},
+    };
+    for (const auto &c : cases) {
+        g_state = State{};
+        g_state.base_accuracy = c.accuracy;
+        g_state.reference = true;
+        g_state.ref_strength = 120;
+        g_state.ref_dip = 866;  // cos 30 degrees
+        g_state.ref_dip_valid = c.dip_valid;
+        note_trusted_reference();
+        EXPECT_EQ(g_state.reference_known, c.known) << c.name;
+        if (c.known) {
+            EXPECT_EQ(g_state.reference_strength_counts, 120) << c.name;
+            EXPECT_NEAR(g_state.reference_dip_cdeg, 6000, 3) << c.name;
+        }
+    }
+}
+
+// The kit record round trip through the estimators' state: what is saved comes back;
+// a correction beyond what the ellipsoid fit accepts (an axis of 2) is never applied.
+TEST(KitEstimate, TheKitRecordRoundTripsAndAnImplausibleCorrectionIsRefused) {
+    const CalibRecord record{{16, 16, 16}, {0, 0, 0}, {45, -31, 24}};
+    const struct {
+        const char *name;
+        int16_t w[9];
+        bool applied;
+    } cases[] = {
+        {"a plausible correction", {18022, 819, 0, 819, 15073, 0, 0, 0, 16384}, true},
+        {"the identity: no correction in use", {16384, 0, 0, 0, 16384, 0, 0, 0, 16384}, false},
+        {"an axis of 1.3, past the fit's range", {21299, 0, 0, 0, 16384, 0, 0, 0, 12603}, false},
+    };
+    for (const auto &c : cases) {
+        g_state = State{};
+        g_state.soft_iron.in_use = true;
+        for (int k = 0; k < 9; ++k) g_state.soft_iron.w_q14[k] = c.w[k];
+        g_state.reference_known = true;
+        g_state.reference_strength_counts = 118;
+        g_state.reference_dip_cdeg = -4512;
+        g_state.est.coverage = 17;
+        const KitRecord saved = kit_record_for(record);
+        EXPECT_TRUE(kit_belongs_to(saved, record)) << c.name;
+        g_state = State{};
+        apply_kit_record(saved);
+        EXPECT_EQ(g_state.soft_iron.in_use, c.applied) << c.name;
+        if (c.applied) {
+            for (int k = 0; k < 9; ++k) EXPECT_EQ(g_state.soft_iron.w_q14[k], c.w[k]) << c.name << " " << k;
+            EXPECT_EQ(g_state.soft_iron.centre.x, 45) << "about the record's offset";
+            EXPECT_EQ(g_state.soft_iron.centre.z, 24);
+        }
+        EXPECT_TRUE(g_state.reference_known) << c.name;
+        EXPECT_EQ(g_state.reference_strength_counts, 118) << c.name;
+        EXPECT_EQ(g_state.reference_dip_cdeg, -4512) << c.name;
+        EXPECT_EQ(g_state.est.coverage, 17) << c.name;
+    }
+    // Nothing known: the defaults.
+    g_state = State{};
+    const KitRecord none = kit_record_for(record);
+    EXPECT_EQ(none.reference, 0);
+    EXPECT_EQ(none.soft_iron[0], 16384);
+    EXPECT_EQ(none.soft_iron[1], 0);
+    EXPECT_EQ(none.coverage, 0);
+}
+
 }  // namespace

@@ -109,6 +109,14 @@ struct State {
     int64_t anomaly_since_ns;  // start of the anomaly episode in progress
     SoftIron soft_iron;
     Estimators est;
+    // The references of the last trusted 3-D calibration (for the planar estimator): its
+    // batch's mean strength (counts, as the library sees the field) and mean dip (1/100
+    // degree below the horizontal, -9000..9000). Set when an estimate is trusted at
+    // medium or high with a dip measured in steady gravity; saved in and loaded from the
+    // kit file.
+    bool reference_known;
+    int32_t reference_strength_counts;
+    int32_t reference_dip_cdeg;
 };
 
 extern State g_state;
@@ -173,6 +181,17 @@ void use_ring_covariance(const KmxAxesData &o, int n, int unknowns);
 // limits. v: the calibrated field (counts), g: gravity. KMXC_SERVICE_HIGH when no
 // covariance is kept (the other rules decide).
 int8_t heading_accuracy_cap(const Vec3 &v, const Vec3 &g);
+
+// After an estimate was trusted (base accuracy and references set): its strength and
+// dip become the references when it is trusted at medium or high with a dip.
+void note_trusted_reference();
+// The kit file's record for a calibration record about to be saved: the correction in
+// use, the references and the store's coverage.
+KitRecord kit_record_for(const CalibRecord &record);
+// Start: a kit file that belongs to the loaded record gives back its correction (about
+// the record's offset, the ellipsoid's centre when it was saved), references and
+// coverage.
+void apply_kit_record(const KitRecord &kit);
 
 // ---- Persistence (kit_file.cpp) -----------------------------------------------------
 

@@ -117,7 +117,8 @@ void fill_start_record(bool rough_was_stored, bool loaded, const StartFiles &fou
     start->save_attempts = found.save_attempts;
     start->save_failures = found.save_failures;
     start->file_error = found.error;
-    for (int k = 0; k < 9; ++k) start->soft_iron_q14[k] = kIdentityQ14[k];
+    const SoftIron &soft = g_state.soft_iron;
+    for (int k = 0; k < 9; ++k) start->soft_iron_q14[k] = soft.in_use ? soft.w_q14[k] : kIdentityQ14[k];
 }
 
 // ---- Cycle ----------------------------------------------------------------------------------
@@ -166,6 +167,7 @@ void adopt_new_offset(bool three_d, const Vec3 &g, KmxcServiceEvent *e) {
         e->flags |= KMXC_SERVICE_FIT_3D;
         const bool trusted = g_state.offset_trusted;
         on_fit(offset);
+        note_trusted_reference();
         if (!trusted && g_state.offset_trusted) use_ring_covariance(offset, KMXC_SERVICE_FEED_HISTORY, 4);
     }
 }
@@ -227,10 +229,12 @@ void move_rough_offset_if_clipped(int64_t now, KmxcServiceEvent *e) {
     g_state.last_rough_change_ns = now;
     KmxAxesData before, after;
     KmxAxesLibGetMsOffset(&before);
+    // The stored samples were measured with the old rough offset: the store goes before
+    // the change's save, so the kit file it writes says nothing is covered.
+    store_clear();
     if (!change_rough_offset(now, e)) return;
     e->flags |= KMXC_SERVICE_ROUGH_CHANGED;
-    // centre moves with the field by the step the offset was carried over.
-    store_clear();
+    // The correction's centre moves with the field by the step the offset was carried.
     KmxAxesLibGetMsOffset(&after);
     SoftIron &soft = g_state.soft_iron;
     soft.centre = Vec3{soft.centre.x + after.x - before.x, soft.centre.y + after.y - before.y,
@@ -287,6 +291,9 @@ int32_t kmxc_service_start(uint32_t rate_hz, KmxcServiceStart *start) {
         return rc;
     }
     const bool loaded = load_stored_offsets();
+    // The kit file of the loaded record: its correction, references and coverage.
+    if (loaded && found.kit_read && kit_belongs_to(g_state.files.kit, g_state.files.wanted))
+        apply_kit_record(g_state.files.kit);
     save_at_start(&found);
     g_state.started = true;
     if (start != nullptr) fill_start_record(rough_was_stored, loaded, found, start);
