@@ -90,9 +90,17 @@
  *     +-ONE/2), the field strength (counts, 10..100 uT) and dip (1/100 degree,
  *     -9000..9000) of the last trusted 3-D calibration, whether those two are known
  *     (0: both 0), the store's coverage (cells 0..255), whether the offset came from a
- *     planar fit (0/1), and the CRC-32 (as zlib's) of the text before its comma. The
- *     kit writes identity, not known, 0 and 0 for now; a kit file that does not belong
- *     to the calibration file's record, or fails any check, is never used (defaults).
+ *     planar fit (0/1), and the CRC-32 (as zlib's) of the text before its comma. Each
+ *     save writes the correction in use (identity when none), the mean strength and dip
+ *     below the horizontal of the batch of the last estimate trusted at medium or high
+ *     with a dip measured in steady gravity (not known before one), the cells the store
+ *     covered at its last fit (0 after a rough-offset change empties it), and planar 0.
+ *     At start a kit file that belongs to the loaded record gives these back: the
+ *     correction is applied about the record's offset from the first cycle (only when
+ *     its axes are within the ellipsoid fit's plausible range; reported in
+ *     KmxcServiceStart and every event), the coverage is reported until the store's
+ *     next fit. A kit file that does not belong to the calibration file's record, or
+ *     fails any check, is never used (defaults).
  *     Reading: each path is opened with O_NOFOLLOW|O_NONBLOCK and checked with fstat;
  *     anything but a regular file (a link, FIFO, directory, device) is refused, never
  *     waited on and never written through, with one line on stderr naming the path and
