@@ -324,6 +324,29 @@ TEST(KitEstimate, TheEllipsoidMustBeatTheSphereByItsFactorAndHavePlausibleAxes) 
     EXPECT_TRUE(axes_plausible(at));
 }
 
+// A library fit replaces a trusted offset only when its batch (the fed ring) agrees
+// with it, even when nothing predicts the error of the offset in use.
+TEST(KitEstimate, ALibraryFitReplacesATrustedOffsetOnlyWhenItsBatchAgrees) {
+    const struct {
+        const char *name;
+        Vec3 fit;
+        bool preferred;
+    } cases[] = {
+        {"a fit at the ring's offset: preferred", kOffset, true},
+        {"a fit 30 counts off: its batch disagrees", Vec3{kOffset.x + 30, kOffset.y, kOffset.z}, false},
+    };
+    for (const auto &c : cases) {
+        set_kit(kOffset);
+        g_state.offset_trusted = true;
+        g_state.base_accuracy = KMXC_SERVICE_HIGH;
+        Noise noise;
+        for (const auto &d : directions(KMXC_SERVICE_FEED_HISTORY))
+            remember_fed(sample(d, kOffset, kNoSoftIron, noise, 0.3), kDown);
+        const KmxAxesData o{c.fit.x, c.fit.y, c.fit.z};
+        EXPECT_EQ(library_fit_preferred(o, kDown), c.preferred) << c.name;
+    }
+}
+
 // ---- The heading's uncertainty caps the accuracy --------------------------------------
 
 // A covariance (counts^2) along the phone's axes: xx, yy, zz and an x-y term.
@@ -513,7 +536,9 @@ TEST(KitEstimate, TheKitRecordRoundTripsAndAnImplausibleCorrectionIsRefused) {
     } cases[] = {
         {"a plausible correction", {18022, 819, 0, 819, 15073, 0, 0, 0, 16384}, true},
         {"the identity: no correction in use", {16384, 0, 0, 0, 16384, 0, 0, 0, 16384}, false},
-        {"an axis of 1.3, past the fit's range", {21299, 0, 0, 0, 16384, 0, 0, 0, 12603}, false},
+        {"axes of 1.3 and 0.77, past the fit's range", {21299, 0, 0, 0, 16384, 0, 0, 0, 12603}, false},
+        {"one axis of 1.3, the others within", {21299, 0, 0, 0, 16384, 0, 0, 0, 14000}, false},
+        {"one axis of 0.77, the others within", {18000, 0, 0, 0, 16384, 0, 0, 0, 12603}, false},
     };
     for (const auto &c : cases) {
         g_state = State{};
