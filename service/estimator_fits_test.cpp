@@ -349,7 +349,7 @@ std::vector<Vec3> sphere_points(int n, const Vec3 &c, double radius = 100, doubl
 }
 
 TEST(Fits, RefuseWhatTheSamplesDoNotDetermineEachAtItsLimit) {
-    static_assert(kSphereMinSpread == 16);
+    static_assert(kSphereMinSpread == 4);
     const Vec3 c{300, -200, 100};
     const auto at = [&](int x, int y, int z) { return Vec3{c.x + x, c.y + y, c.z + z}; };
     // Spread (z variance over x variance) 1024 (z1^2 + z2^2) / 256 / 16 at most... exactly:
@@ -367,8 +367,8 @@ TEST(Fits, RefuseWhatTheSamplesDoNotDetermineEachAtItsLimit) {
     } sphere_cases[] = {
         {"seven samples", sphere_points(7, c), FitResult::kTooFew},
         {"eight samples", sphere_points(8, c), FitResult::kOk},
-        {"spread exactly 16/1024", axes(8, 0), FitResult::kOk},
-        {"spread 15/1024", axes(6, 5), FitResult::kIllConditioned},
+        {"spread exactly 4/1024", axes(4, 0), FitResult::kOk},
+        {"spread 3/1024", axes(3, 2), FitResult::kIllConditioned},
         {"a flat ring", circle_points(32, c), FitResult::kIllConditioned},
         {"a sample beyond the span", far, FitResult::kOverflowRisk},
     };

@@ -61,7 +61,7 @@ WriteResult write_both(const DirLock &lock, const CalibRecord &record) {
         report_write(kCalibrationFile, w);
         return w;
     }
-    if (!kit_belongs_to(p.kit, record)) p.kit = default_kit(record);
+    p.kit = kit_record_for(record);  // what the estimators hold now, for this record
     char kit[kKitTextMax + 1];
     w = replace_file(lock, kKitFile, kit, format_kit(p.kit, kit, sizeof kit), kFileUid, kFileGid, kFileMode);
     report_write(kKitFile, w);

@@ -616,3 +616,90 @@ TEST_F(Kit, TwoServicesOnOneSandboxNeverMixTheirRecords) {
 }
 
 }  // namespace
+
+namespace {
+
+std::vector<long long> fields_of(const std::string &line) {
+    std::vector<long long> v;
+    size_t at = 0;
+    while (at <= line.size()) {
+        const size_t end = line.find(',', at);
+        v.push_back(std::stoll(line.substr(at, end == std::string::npos ? std::string::npos : end - at)));
+        if (end == std::string::npos) break;
+        at = end + 1;
+    }
+    return v;
+}
+
+// The kit file's fields: 0 version, 1-3 rough, 4-6 magnetic, 7-12 soft iron (xx, xy, xz,
+// yy, yz, zz), 13 strength, 14 dip, 15 reference, 16 coverage, 17 planar, 18 checksum.
+constexpr int kKitW = 7, kKitStrength = 13, kKitDip = 14, kKitReference = 15, kKitCoverage = 16;
+constexpr int kRowMajorOfKit[6] = {0, 1, 2, 4, 5, 8};
+
+}  // namespace
+
+// The kit file holds what the estimators know: the soft-iron correction in use, the
+// strength and dip of the last trusted 3-D calibration, the store's coverage; a restart
+// brings them back (the event reports the correction and coverage at once, and a record
+// start saves again writes them unchanged), and a kit file of another record brings
+// nothing back.
+TEST_F(Kit, TheKitFileBringsBackTheCorrectionAndReferencesAfterARestart) {
+    ScenarioSettings s = scenario("default");
+    s.soft_iron = {1.10, 0.92, 1.0, 0.05, 0, 0};
+    const Trace first = run(s, 20);
+    ASSERT_EQ(first.start_rc, 0);
+    const KmxcServiceEvent &last = first.events.back();
+    ASSERT_EQ(last.estimator, KMXC_SERVICE_ESTIMATOR_ELLIPSOID) << "the correction this test saves";
+    const std::string cfg = text_of(kCfg), kit = text_of(kKitCfg);
+    const std::vector<long long> c = fields_of(cfg), k = fields_of(kit);
+    ASSERT_EQ(c.size(), 9u) << cfg;
+    ASSERT_EQ(k.size(), 19u) << kit;
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(k[1 + i], c[i]) << "belongs to the record's rough offset";
+        EXPECT_EQ(k[4 + i], c[6 + i]) << "and its magnetic offset";
+    }
+    for (int i = 0; i < 6; ++i) EXPECT_EQ(k[kKitW + i], last.soft_iron_q14[kRowMajorOfKit[i]]) << i;
+    // The references: the field as the kit sees it at the end, and the scene's 60-degree
+    // inclination (the batch's mean dip in steady gravity, to a degree).
+    EXPECT_EQ(k[kKitReference], 1);
+    EXPECT_NEAR(k[kKitDip], 100 * s.inclination_deg, 100);
+    EXPECT_NEAR(k[kKitStrength] * 0.4, last.strength_centi_uT / 100.0, 0.03 * last.strength_centi_uT / 100.0);
+    EXPECT_EQ(k[kKitCoverage], last.coverage_cells);
+    EXPECT_GT(k[kKitCoverage], 0);
+
+    // A restart: the correction is applied from the first cycle on, the coverage reported.
+    const Trace second = run(scenario("still"), 10, 0.5);
+    ASSERT_EQ(second.start_rc, 0);
+    EXPECT_EQ(second.start.kit_file, KMXC_SERVICE_KIT_FILE_LOADED);
+    ASSERT_FALSE(second.events.empty());
+    for (int i = 0; i < 9; ++i) {
+        EXPECT_EQ(second.start.soft_iron_q14[i], last.soft_iron_q14[i]) << i;
+        EXPECT_EQ(second.events.front().soft_iron_q14[i], last.soft_iron_q14[i]) << i;
+    }
+    EXPECT_EQ(second.events.front().coverage_cells, last.coverage_cells);
+
+    // Start saves the record again (its gravity offset was implausible): the kit file it
+    // writes holds the loaded correction, references and coverage unchanged.
+    std::string damaged = cfg;
+    const size_t g0 = damaged.find(',', damaged.find(',', damaged.find(',') + 1) + 1) + 1;
+    damaged.replace(g0, damaged.find(',', g0) - g0, "-2147483648");
+    vphone::write_file(kCfg, damaged);
+    const Trace third = run(scenario("still"), 10, 0.5);
+    ASSERT_EQ(third.start_rc, 0);
+    EXPECT_TRUE(third.start.file & KMXC_SERVICE_FILE_IMPLAUSIBLE);
+    EXPECT_EQ(third.start.save_attempts, 1);
+    EXPECT_EQ(text_of(kKitCfg), kit);
+
+    // The same kit file beside a record of another offset: nothing of it is used.
+    std::vector<long long> moved = c;
+    moved[6] += 3;
+    std::string other;
+    for (size_t i = 0; i < moved.size(); ++i) other += (i ? "," : "") + std::to_string(moved[i]);
+    vphone::write_file(kCfg, other);
+    vphone::write_file(kKitCfg, kit);
+    const Trace fourth = run(scenario("still"), 10, 0.5);
+    ASSERT_EQ(fourth.start_rc, 0);
+    EXPECT_EQ(fourth.start.kit_file, KMXC_SERVICE_KIT_FILE_MISMATCH);
+    for (int i = 0; i < 9; ++i) EXPECT_EQ(fourth.start.soft_iron_q14[i], i % 4 == 0 ? 16384 : 0) << i;
+    EXPECT_EQ(fourth.events.front().coverage_cells, 0);
+}

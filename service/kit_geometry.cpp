@@ -36,7 +36,11 @@ uint32_t isqrt32(uint32_t v) {
     return r;
 }
 
-int32_t length(const Vec3 &v) { return static_cast<int32_t>(isqrt64(static_cast<uint64_t>(dot(v, v)))); }
+int32_t length(const Vec3 &v) {
+    // An Earth field or gravity vector's square fits 32 bits: half the root's steps.
+    const uint64_t sq = static_cast<uint64_t>(dot(v, v));
+    return static_cast<int32_t>(sq <= UINT32_MAX ? isqrt32(static_cast<uint32_t>(sq)) : isqrt64(sq));
+}
 
 Vec3 apply_q14(const int16_t w[9], const Vec3 &v, int frac) {
     // Each product below 2^31, each row below 2^33: 64-bit sums.

@@ -26,7 +26,7 @@ inline int64_t dot(const Vec3 &a, const Vec3 &b) {
 }
 inline Vec3 minus(const Vec3 &a, const KmxAxesData &o) { return Vec3{a.x - o.x, a.y - o.y, a.z - o.z}; }
 inline Vec3 minus(const Vec3 &a, const Vec3 &b) { return Vec3{a.x - b.x, a.y - b.y, a.z - b.z}; }
-// Truncated length.
+// Truncated length (the floor of the root of its square).
 int32_t length(const Vec3 &v);
 // 1000 cos of the angle between field and gravity, truncated; 0 when either has no length.
 int32_t dip_cos(const Vec3 &field, const Vec3 &gravity);

@@ -9,15 +9,19 @@
 
 #include "calibration/calibration.h"
 #include "orientation/orientation.h"
+#include "service/ellipsoid_fit.h"
+#include "service/field_store.h"
 #include "service/kit_geometry.h"
 #include "service/kit_store.h"
 #include "service/kmxc_service.h"
+#include "service/sphere_fit.h"
 
 namespace kmxc_kit {
 
 constexpr int32_t kCountsPer10uT = KMXC_MS_COUNTS_PER_10_UT;  // corrected counts
 constexpr int64_t kNsPerMs = 1000000;
 constexpr int32_t kGravityCounts = KMXC_GS_COUNTS_PER_G;  // 1 g
+constexpr int16_t kIdentityQ14[9] = {16384, 0, 0, 0, 16384, 0, 0, 0, 16384};
 // The calibration's other two thresholds stay at the library's defaults.
 constexpr int16_t kRatioMidThreshold = KMXC_CALIB_DEFAULT_RATIO_MID;
 constexpr int32_t kResidualThreshold = KMXC_CALIB_DEFAULT_RESIDUAL;
@@ -32,6 +36,45 @@ struct Persistence {
     SaveClock clock;
     bool clock_started;
 };
+
+// The soft-iron correction in use: the library sees m' = centre + W (m - centre), so its
+// own offset subtraction still works (identity while not in use).
+struct SoftIron {
+    bool in_use;
+    Vec3 centre;       // counts, raw field frame
+    int16_t w_q14[9];  // W, Q14, row-major, symmetric, det 1
+};
+// m' for a raw field m (m itself while no correction is in use).
+Vec3 corrected(const SoftIron &s, const Vec3 &m);
+
+// An estimate's predicted offset covariance, in the frame the library sees (after the
+// correction in use): counts^2 in 1/256, packed symmetric (kit_linalg.h's order). Bounded
+// by the prior the estimates carry (kit_estimate.cpp): every entry below 2^20.
+struct OffsetCovariance {
+    int32_t p_q8[6];
+    bool valid;  // false: nothing predicts the error (no estimate, or an unconfirmed stored offset)
+};
+
+// The kit's own estimators (kit_estimate.cpp): the diversity store of raw samples, the
+// last sphere fit of it (waiting for its judgement, then the ellipsoid's starting
+// point), an ellipsoid fit waiting for its judgement, the covariance of the estimate in
+// use, and what the store's schedule needs.
+struct Estimators {
+    FieldStore store;
+    SphereFit sphere;        // the last sphere fit, of the store as the library sees it
+    EllipsoidFit ellipsoid;  // fitted in one cycle, judged in the next
+    OffsetCovariance cov;    // the estimate in use (any source)
+    bool sphere_pending;     // `sphere` waits for its judgement
+    bool ellipsoid_due;      // the sphere's residual asks for an ellipsoid fit in a coming cycle
+    bool ellipsoid_pending;  // `ellipsoid` waits for its judgement
+    uint8_t joined;          // samples joined since the last sphere fit
+    uint8_t coverage;        // cells of the store about the offset in use, at the last fit
+    bool reference_stale;    // a persisting anomaly cleared the store: only range verdicts count
+    bool anomaly_cleared;    // ... and this anomaly episode has done so
+};
+
+// The store and the estimators' state stay within 1 KiB of static RAM.
+static_assert(sizeof(Estimators) + sizeof(SoftIron) <= 1024, "the kit's estimators fit 1 KiB");
 
 struct State {
     bool started;
@@ -60,15 +103,29 @@ struct State {
     uint32_t warm_cycles;
     uint32_t saves, save_failures;
     bool save_pending;  // a fit's offset, agreeing with its batch, is to be kept
+    // The kit's estimators.
+    uint8_t estimator;         // KMXC_SERVICE_ESTIMATOR_* of the offset in use
+    bool provisional;          // an untrusted offset worth a low accuracy is in use
+    int64_t anomaly_since_ns;  // start of the anomaly episode in progress
+    SoftIron soft_iron;
+    Estimators est;
+    // The references of the last trusted 3-D calibration (for the planar estimator): its
+    // batch's mean strength (counts, as the library sees the field) and mean dip (1/100
+    // degree below the horizontal, -9000..9000). Set when an estimate is trusted at
+    // medium or high with a dip measured in steady gravity; saved in and loaded from the
+    // kit file.
+    bool reference_known;
+    int32_t reference_strength_counts;
+    int32_t reference_dip_cdeg;
 };
 
 extern State g_state;
 
 // ---- Rules (kit_rules.cpp) ----------------------------------------------------------
 
-// Field strengths of the last n fed samples with offset o removed: mean, and whether
-// every one lies within permille of the mean and in the Earth's range. Also the mean
-// dip over the samples taken in steady gravity.
+// Field strengths of the last n fed samples, seen through the correction in use, with offset o removed: mean, and
+// whether every one lies within permille of the mean and in the Earth's range. Also the mean dip over the samples taken
+// in steady gravity.
 struct Agreement {
     int32_t mean;
     int32_t worst_permille;
@@ -78,6 +135,11 @@ struct Agreement {
     bool dip_valid;
 };
 Agreement agreement(const KmxAxesData &o, int n);
+// The same for the fed samples as the library would see them through the correction s;
+// the dip only when asked for (it costs two roots and a division per sample).
+Agreement agreement(const SoftIron &s, const KmxAxesData &o, int n, bool with_dip);
+// |g| is 1 g within KMXC_SERVICE_STEADY_GRAVITY_PERMILLE: no hand acceleration.
+bool gravity_steady(const Vec3 &g);
 
 // Far enough from each of the last few fed samples to be fed.
 bool passes_gate(const Vec3 &m);
@@ -95,6 +157,41 @@ int32_t strength_centi_uT(const Vec3 &v);
 // An anomaly with these causes was seen now: hold the accuracy down (flagged in e).
 void note_anomaly(uint8_t causes, int64_t now, KmxcServiceEvent *e);
 int8_t accuracy_now(int64_t now);
+// Adopts an agreeing estimate: accuracy, trust, reference, save.
+void trust_estimate(int8_t level, const Agreement &a);
+
+// ---- The kit's estimators (kit_estimate.cpp) -----------------------------------------
+
+// Empties the store (the fed samples no longer describe the field).
+void store_clear();
+// One cycle's share: the persisting-anomaly clear, the sample offered to the store (raw
+// field m, gravity g), and at most one fitting step when one is due. fit_allowed: no
+// other fit ran in this cycle.
+void store_cycle(const Vec3 &m, const Vec3 &g, bool fit_allowed, int64_t now, KmxcServiceEvent *e);
+// A library fit (offset o) arrived while an offset is trusted: whether it replaces the
+// offset in use (its batch, the last fed samples, agrees with it, and its predicted
+// horizontal error at gravity g is no larger than the estimate in use's); in that case
+// its covariance becomes the one in use.
+bool library_fit_preferred(const KmxAxesData &o, const Vec3 &g);
+// The estimate in use now rests on the last n fed samples (a library fit of them, dof 4
+// unknowns; a stored offset they confirmed, 1): its covariance from them.
+void use_ring_covariance(const KmxAxesData &o, int n, int unknowns);
+// The highest accuracy the heading allows at this attitude: the offset's predicted
+// error along magnetic east (v x g) over the horizontal field, against the heading
+// limits. v: the calibrated field (counts), g: gravity. KMXC_SERVICE_HIGH when no
+// covariance is kept (the other rules decide).
+int8_t heading_accuracy_cap(const Vec3 &v, const Vec3 &g);
+
+// After an estimate was trusted (base accuracy and references set): its strength and
+// dip become the references when it is trusted at medium or high with a dip.
+void note_trusted_reference();
+// The kit file's record for a calibration record about to be saved: the correction in
+// use, the references and the store's coverage.
+KitRecord kit_record_for(const CalibRecord &record);
+// Start: a kit file that belongs to the loaded record gives back its correction (about
+// the record's offset, the ellipsoid's centre when it was saved), references and
+// coverage.
+void apply_kit_record(const KitRecord &kit);
 
 // ---- Persistence (kit_file.cpp) -----------------------------------------------------
 

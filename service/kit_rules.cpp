@@ -19,8 +19,17 @@ static bool strength_in_earth_range(int32_t counts) {
            counts * 10 <= KMXC_SERVICE_FIELD_MAX_UT * kCountsPer10uT;
 }
 
-static bool gravity_steady(const Vec3 &g) {
-    return abs32(length(g) - kGravityCounts) * 1000 <= KMXC_SERVICE_STEADY_GRAVITY_PERMILLE * kGravityCounts;
+// |g| (the truncated length) within KMXC_SERVICE_STEADY_GRAVITY_PERMILLE of 1 g: the
+// whole lengths from kSteadyLow to kSteadyHigh, compared as squares (no root per cycle).
+constexpr int64_t kSteadyLow =
+    kGravityCounts - int64_t{KMXC_SERVICE_STEADY_GRAVITY_PERMILLE} * kGravityCounts / 1000;  // rounds the limit in
+constexpr int64_t kSteadyHigh = kGravityCounts + int64_t{KMXC_SERVICE_STEADY_GRAVITY_PERMILLE} * kGravityCounts / 1000;
+static_assert((kGravityCounts - kSteadyLow) * 1000 <= KMXC_SERVICE_STEADY_GRAVITY_PERMILLE * kGravityCounts &&
+                  (kGravityCounts - kSteadyLow + 1) * 1000 > KMXC_SERVICE_STEADY_GRAVITY_PERMILLE * kGravityCounts,
+              "kSteadyLow is the least whole length within the limit");
+bool gravity_steady(const Vec3 &g) {
+    const int64_t sq = dot(g, g);
+    return sq >= kSteadyLow * kSteadyLow && sq < (kSteadyHigh + 1) * (kSteadyHigh + 1);
 }
 
 // The ring slot of the fed sample `age` feeds back (0: the last one).
@@ -28,18 +37,26 @@ static int fed_slot(int age) {
     return (g_state.fed_next - 1 - age + 2 * KMXC_SERVICE_FEED_HISTORY) % KMXC_SERVICE_FEED_HISTORY;
 }
 
-Agreement agreement(const KmxAxesData &o, int n) {
+Vec3 corrected(const SoftIron &s, const Vec3 &m) {
+    if (!s.in_use) return m;
+    const Vec3 w = apply_q14(s.w_q14, minus(m, s.centre), 0);
+    return Vec3{s.centre.x + w.x, s.centre.y + w.y, s.centre.z + w.z};
+}
+
+Agreement agreement(const KmxAxesData &o, int n) { return agreement(g_state.soft_iron, o, n, true); }
+
+Agreement agreement(const SoftIron &soft, const KmxAxesData &o, int n, bool with_dip) {
     Agreement a{0, 0, 0, true, 0, false};
     int64_t sum = 0, dip_sum = 0;
     int dips = 0;
     int32_t s[KMXC_SERVICE_FEED_HISTORY];
     for (int i = 0; i < n; ++i) {
         const int slot = fed_slot(i);
-        const Vec3 v = minus(g_state.fed[slot], o);
+        const Vec3 v = minus(corrected(soft, g_state.fed[slot]), o);
         s[i] = length(v);
         sum += s[i];
         if (!strength_in_earth_range(s[i])) a.in_range = false;
-        if (gravity_steady(g_state.fed_g[slot])) {
+        if (with_dip && gravity_steady(g_state.fed_g[slot])) {
             dip_sum += dip_cos(v, g_state.fed_g[slot]);
             ++dips;
         }
@@ -64,6 +81,7 @@ static void set_reference(const Agreement &a) {
     g_state.ref_dip = a.dip;
     g_state.ref_dip_valid = a.dip_valid;
     g_state.in_anomaly = false;
+    g_state.est.reference_stale = false;
 }
 
 // ---- Sample-feed gate ---------------------------------------------------------------
@@ -98,8 +116,18 @@ void on_fit(const KmxAxesData &o) {
                                                                               : KMXC_SERVICE_MEDIUM;
     g_state.offset_trusted = true;
     g_state.stored_pending = false;
+    g_state.provisional = false;
     set_reference(a);
     if (agrees) g_state.save_pending = true;  // saved in the cycle when it differs from the stored one
+}
+
+void trust_estimate(int8_t level, const Agreement &a) {
+    g_state.base_accuracy = level;
+    g_state.offset_trusted = true;
+    g_state.stored_pending = false;
+    g_state.provisional = false;
+    set_reference(a);
+    g_state.save_pending = true;
 }
 
 void try_confirm(const KmxAxesData &o, KmxcServiceEvent *e) {
@@ -109,6 +137,7 @@ void try_confirm(const KmxAxesData &o, KmxcServiceEvent *e) {
     if (!a.in_range || a.worst_permille > KMXC_SERVICE_AGREE_PERMILLE) return;
     g_state.stored_pending = false;
     g_state.offset_trusted = true;
+    g_state.provisional = false;
     g_state.base_accuracy = KMXC_SERVICE_MEDIUM;
     set_reference(a);
     e->flags |= KMXC_SERVICE_CONFIRMED;
@@ -131,13 +160,17 @@ uint8_t anomaly_of(const Vec3 &g, int32_t strength, int32_t dip) {
 void note_anomaly(uint8_t causes, int64_t now, KmxcServiceEvent *e) {
     const uint8_t cap = (causes & KMXC_SERVICE_ANOMALY_RANGE) != 0 ? KMXC_SERVICE_UNRELIABLE : KMXC_SERVICE_LOW;
     if (!g_state.in_anomaly || cap < g_state.anomaly_level_cap) g_state.anomaly_level_cap = cap;
+    if (!g_state.in_anomaly) {
+        g_state.anomaly_since_ns = now;
+        g_state.est.anomaly_cleared = false;
+    }
     g_state.in_anomaly = true;
     g_state.last_anomaly_ns = now;
     e->flags |= KMXC_SERVICE_ANOMALY;
 }
 
 int8_t accuracy_now(int64_t now) {
-    if (!g_state.offset_trusted) return KMXC_SERVICE_UNRELIABLE;
+    if (!g_state.offset_trusted) return g_state.provisional ? KMXC_SERVICE_LOW : KMXC_SERVICE_UNRELIABLE;
     if (g_state.in_anomaly) {
         if (now - g_state.last_anomaly_ns < int64_t{KMXC_SERVICE_ANOMALY_CLEAR_MS} * kNsPerMs) {
             return g_state.base_accuracy < g_state.anomaly_level_cap ? g_state.base_accuracy

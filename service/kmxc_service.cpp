@@ -87,8 +87,8 @@ int32_t write_rough_offset(bool *use_stored) {
 }
 
 // 3. Stored offsets, range-checked when read. The magnetic one is used at once but
-// trusted only once the live field confirms it (or a fit replaces it). Returns whether
-// it loaded.
+// trusted only once the live field confirms it (or a fit replaces it): until then it is
+// worth low accuracy. Returns whether it loaded.
 bool load_stored_offsets() {
     const CalibRecord &r = g_state.files.wanted;
     KmxAxesLibSetGsOffset(&r.gravity);
@@ -96,6 +96,8 @@ bool load_stored_offsets() {
     KmxAxesLibSetMsOffset(&r.magnetic);
     KmxAxesMsCalibSetOffset(&r.magnetic);
     g_state.stored_pending = true;
+    g_state.provisional = true;
+    g_state.estimator = KMXC_SERVICE_ESTIMATOR_STORED;
     return true;
 }
 
@@ -115,6 +117,8 @@ void fill_start_record(bool rough_was_stored, bool loaded, const StartFiles &fou
     start->save_attempts = found.save_attempts;
     start->save_failures = found.save_failures;
     start->file_error = found.error;
+    const SoftIron &soft = g_state.soft_iron;
+    for (int k = 0; k < 9; ++k) start->soft_iron_q14[k] = soft.in_use ? soft.w_q14[k] : kIdentityQ14[k];
 }
 
 // ---- Cycle ----------------------------------------------------------------------------------
@@ -138,29 +142,40 @@ bool measure(KmxAxesData *mag, KmxAxesData *gravity, KmxcServiceEvent *e) {
     return true;
 }
 
-// 4c. The calibration published an offset: hand it to the orientation library. A new
-// fit replaces a trusted offset only when the batch it came from agrees with it at
-// least as well as with the offset in use: each fit carries its batch's noise, and a
-// worse one must not undo a better.
-void adopt_new_offset(bool three_d, KmxcServiceEvent *e) {
+// 4c. The calibration published an offset: hand it to the orientation library. Once an
+// offset is trusted, a new fit replaces it only when its batch agrees with it (a
+// disagreeing fit is never used) and its predicted horizontal error is no larger than the
+// estimate in use's (each fit carries its batch's noise, and a worse one must not undo a
+// better). Planar fits are held to the same once an offset is trusted.
+void adopt_new_offset(bool three_d, const Vec3 &g, KmxcServiceEvent *e) {
     KmxAxesData offset, in_use;
     KmxAxesMsCalibGetOffset(&offset);
     KmxAxesLibGetMsOffset(&in_use);
-    if (three_d && g_state.offset_trusted &&
-        agreement(in_use, g_state.fed_count).spread < agreement(offset, g_state.fed_count).spread) {
-        KmxAxesMsCalibSetOffset(&in_use);
-        offset = in_use;
+    if (g_state.offset_trusted) {
+        if (!library_fit_preferred(offset, g)) {
+            KmxAxesMsCalibSetOffset(&in_use);
+            offset = in_use;
+        }
+    } else {
+        // Untrusted: the fit is used; its batch's covariance once a 3-D fit is trusted.
+        g_state.est.cov.valid = false;
     }
     KmxAxesLibSetMsOffset(&offset);
     e->flags |= KMXC_SERVICE_NEW_OFFSET;
+    if (!same(offset, in_use)) g_state.estimator = KMXC_SERVICE_ESTIMATOR_LIBRARY;
     if (three_d) {
         e->flags |= KMXC_SERVICE_FIT_3D;
+        const bool trusted = g_state.offset_trusted;
         on_fit(offset);
+        note_trusted_reference();
+        if (!trusted && g_state.offset_trusted) use_ring_covariance(offset, KMXC_SERVICE_FEED_HISTORY, 4);
     }
 }
 
-// 4b. The calibration gets the raw (offset-free) vector, only when it lies apart from
-// the recent ones; a sample with a channel out of range is never fed: its field is wrong.
+// 4b. The calibration gets the offset-free vector (after the soft-iron correction in use,
+// so its fits are of the field the orientation library sees), only when it lies apart
+// from the recent ones; a sample with a channel out of range is never fed: its field is
+// wrong. The kit keeps the raw field (m) of each fed sample.
 void feed_calibration(KmxAxesData *mag, const Vec3 &m, const Vec3 &g, KmxcServiceEvent *e) {
     if (e->mag_result != 0 || !passes_gate(m)) return;
     remember_fed(m, g);
@@ -172,7 +187,7 @@ void feed_calibration(KmxAxesData *mag, const Vec3 &m, const Vec3 &g, KmxcServic
     e->calib_ratio_mid = detail.ratioMid;
     e->calib_residual = detail.residual;
     e->calib_status = KmxAxesMsCalibGetStatus();
-    if (kmxc_calib_new_offset(e->calib_result)) adopt_new_offset(e->calib_result == KMXC_CALIB_THREE_D, e);
+    if (kmxc_calib_new_offset(e->calib_result)) adopt_new_offset(e->calib_result == KMXC_CALIB_THREE_D, g, e);
 }
 
 // The field against the reference: strength, dip and the anomaly they show. A sample
@@ -212,7 +227,26 @@ void move_rough_offset_if_clipped(int64_t now, KmxcServiceEvent *e) {
         return;
     g_state.rough_changed_once = true;
     g_state.last_rough_change_ns = now;
-    if (change_rough_offset(now, e)) e->flags |= KMXC_SERVICE_ROUGH_CHANGED;
+    KmxAxesData before, after;
+    KmxAxesLibGetMsOffset(&before);
+    // The stored samples were measured with the old rough offset: the store goes before
+    // the change's save, so the kit file it writes says nothing is covered.
+    store_clear();
+    if (!change_rough_offset(now, e)) return;
+    e->flags |= KMXC_SERVICE_ROUGH_CHANGED;
+    // The correction's centre moves with the field by the step the offset was carried.
+    KmxAxesLibGetMsOffset(&after);
+    SoftIron &soft = g_state.soft_iron;
+    soft.centre = Vec3{soft.centre.x + after.x - before.x, soft.centre.y + after.y - before.y,
+                       soft.centre.z + after.z - before.z};
+}
+
+// What the event tells of the kit's estimators.
+void report_estimators(KmxcServiceEvent *e) {
+    e->estimator = g_state.estimator;
+    e->coverage_cells = g_state.est.coverage;
+    const SoftIron &soft = g_state.soft_iron;
+    for (int k = 0; k < 9; ++k) e->soft_iron_q14[k] = soft.in_use ? soft.w_q14[k] : kIdentityQ14[k];
 }
 
 }  // namespace
@@ -257,6 +291,9 @@ int32_t kmxc_service_start(uint32_t rate_hz, KmxcServiceStart *start) {
         return rc;
     }
     const bool loaded = load_stored_offsets();
+    // The kit file of the loaded record: its correction, references and coverage.
+    if (loaded && found.kit_read && kit_belongs_to(g_state.files.kit, g_state.files.wanted))
+        apply_kit_record(g_state.files.kit);
     save_at_start(&found);
     g_state.started = true;
     if (start != nullptr) fill_start_record(rough_was_stored, loaded, found, start);
@@ -279,17 +316,40 @@ int32_t kmxc_service_cycle(int64_t now, KmxcServiceEvent *e) {
     KmxAxesData mag = KmxAxesData_Constructor, gravity = KmxAxesData_Constructor;
     if (measure(&mag, &gravity, e)) {
         const Vec3 m{mag.x, mag.y, mag.z}, g{gravity.x, gravity.y, gravity.z};
+        const Vec3 c = corrected(g_state.soft_iron, m);  // what the library sees
+        mag = KmxAxesData{c.x, c.y, c.z};
+        e->mag_counts[0] = c.x, e->mag_counts[1] = c.y, e->mag_counts[2] = c.z;
         feed_calibration(&mag, m, g, e);
         KmxAxesData offset;
         KmxAxesLibGetMsOffset(&offset);
-        if (g_state.stored_pending && (e->flags & KMXC_SERVICE_FED) != 0) try_confirm(offset, e);
+        if (g_state.stored_pending && (e->flags & KMXC_SERVICE_FED) != 0) {
+            try_confirm(offset, e);
+            // A confirmed stored offset is known as well as the samples that confirmed it
+            // determine it (its own fit's samples are gone).
+            if ((e->flags & KMXC_SERVICE_CONFIRMED) != 0) use_ring_covariance(offset, KMXC_SERVICE_CONFIRM_SAMPLES, 1);
+        }
+        judge_field(c, g, offset, now, e);
+        store_cycle(m, g, (e->flags & KMXC_SERVICE_FED) == 0, now, e);
         save_when_due(now, e);
-        judge_field(m, g, offset, now, e);
+        KmxAxesLibGetMsOffset(&offset);
         integer_heading(mag, gravity, e);
         e->offset[0] = offset.x, e->offset[1] = offset.y, e->offset[2] = offset.z;
         kmxc_service_fill_floats(&mag, &gravity, &offset, e);
     }
     e->accuracy = accuracy_now(now);
+    // The heading's uncertainty at this attitude caps whatever the other rules allow.
+    if ((e->flags & KMXC_SERVICE_MEASURED) != 0 && e->accuracy > KMXC_SERVICE_UNRELIABLE) {
+        const Vec3 v{e->mag_counts[0] - e->offset[0], e->mag_counts[1] - e->offset[1], e->mag_counts[2] - e->offset[2]};
+        const Vec3 g{e->gravity_counts[0], e->gravity_counts[1], e->gravity_counts[2]};
+        const int8_t cap = heading_accuracy_cap(v, g);
+        if (cap < e->accuracy) e->accuracy = cap;
+    }
+    // An unconfirmed offset is worth low accuracy only while the field it gives is one
+    // the Earth could make.
+    if (e->accuracy == KMXC_SERVICE_LOW && !g_state.offset_trusted &&
+        (e->mag_result != 0 || !in_earth_range(e->strength_centi_uT / (1000 / kCountsPer10uT))))
+        e->accuracy = KMXC_SERVICE_UNRELIABLE;
+    report_estimators(e);
     move_rough_offset_if_clipped(now, e);
     e->saves = g_state.saves;
     e->save_failures = g_state.save_failures;

@@ -32,16 +32,40 @@
  *     is never fed. A batch counts as three-dimensional from
  *     KMXC_SERVICE_RATIO_MIN_THRESHOLD (a little below the library's default: slow
  *     turns often fall just short of it, and the kit checks every fit itself).
- *   Accuracy. 0 (unreliable) until this run has a three-dimensional fit, or until
- *     the stored offset is confirmed: KMXC_SERVICE_CONFIRM_SAMPLES fed samples whose
- *     field strengths, with that offset removed, agree within
- *     KMXC_SERVICE_AGREE_PERMILLE and lie within the Earth's range. A confirmed stored
- *     offset gives 2 (medium). A 3-D fit whose batch agrees that closely with it gives
- *     3 (high); one that agrees within KMXC_SERVICE_FIT_MEDIUM_PERMILLE gives 2; a fit
- *     agreeing worse gives 1 (low) and is not saved. Once an offset is trusted, a new
- *     3-D fit replaces it only if its batch agrees with it at least as well as with
- *     the offset in use (otherwise the calibration is set back to the one in use).
- *     Planar fits move the offset but neither raise the accuracy nor get saved. The
+ *   Accuracy. 0 (unreliable): no estimate worth using (none yet, only planar fits, or
+ *     an unconfirmed offset whose field lies outside the Earth's range). 1 (low): an
+ *     estimate that is plausible but not confirmed: a stored offset the live field has
+ *     not yet confirmed, or a store fit whose offset is determined only within
+ *     KMXC_SERVICE_FIT_MEDIUM_PERMILLE of the strength; also any trusted offset during
+ *     a strength or dip anomaly. 2 (medium) and 3 (high): a trusted offset. A stored
+ *     offset is confirmed by KMXC_SERVICE_CONFIRM_SAMPLES fed samples whose strengths
+ *     agree within KMXC_SERVICE_AGREE_PERMILLE (in the Earth's range): 2. A 3-D fit of
+ *     the library whose batch agrees that closely gives 3, within
+ *     KMXC_SERVICE_FIT_MEDIUM_PERMILLE 2, worse 1 (and is not saved; once an offset is
+ *     trusted such a fit is not used at all). A trusted offset is replaced by a new
+ *     library fit (3-D or planar) only if the last fed samples agree with the fit at
+ *     least as well as with the offset in use.
+ *   Estimators. Besides the library's batches, the kit offers every measured in-range
+ *     sample (anomalies out) to a store of 32 samples spread over the sphere (a new
+ *     rough offset empties it, and so does an anomaly lasting
+ *     KMXC_SERVICE_STORE_ANOMALY_PERSIST_MS; a store that agrees with itself but not
+ *     with the last 16 fed samples, while the offset in use does, is stale and emptied).
+ *     Every KMXC_SERVICE_STORE_REFIT_JOINS new samples it is fitted with a sphere (the
+ *     samples' spread at least 4/1024), judged like a library fit by its own 32
+ *     samples' strengths (high, medium, or refused), and by its determinacy: the
+ *     predicted offset error along the direction its samples determine least must lie
+ *     within KMXC_SERVICE_STORE_UNCERTAINTY_PERMILLE of the strength for medium or high
+ *     (else low while nothing is trusted). Once the store covers
+ *     KMXC_SERVICE_ELLIPSOID_MIN_CELLS of the 24 cells an ellipsoid is fitted (an offset
+ *     and a soft-iron correction W, det 1, axes 0.8..1.25), used only when its strengths'
+ *     RMS residual is at most 1/KMXC_SERVICE_ELLIPSOID_BEAT_FACTOR of the sphere's. A
+ *     store estimate replaces a trusted offset only if the last fed samples agree with it
+ *     at least as well and it moves the offset by KMXC_SERVICE_REPUBLISH_MIN_CHANGE
+ *     counts (a new W always counts). With W in use the library sees (and is fed)
+ *     m' = c + W (m - c), c the ellipsoid's centre, so its own fits stay consistent with
+ *     the correction; the event's mag_counts and uncalibrated field are m', the bias the
+ *     offset, the calibrated field m' - offset. event.estimator names the source of the
+ *     offset in use, event.coverage_cells the store's cells at its last fit. The
  *     calibration's own status is left as the library keeps it (0 after a load, 7
  *     after a 3-D fit): the accuracy, not the status, says whether to trust the offset.
  *   Anomaly. With a reference (from the fit or the confirmation): strength outside
@@ -66,9 +90,17 @@
  *     +-ONE/2), the field strength (counts, 10..100 uT) and dip (1/100 degree,
  *     -9000..9000) of the last trusted 3-D calibration, whether those two are known
  *     (0: both 0), the store's coverage (cells 0..255), whether the offset came from a
- *     planar fit (0/1), and the CRC-32 (as zlib's) of the text before its comma. The
- *     kit writes identity, not known, 0 and 0 for now; a kit file that does not belong
- *     to the calibration file's record, or fails any check, is never used (defaults).
+ *     planar fit (0/1), and the CRC-32 (as zlib's) of the text before its comma. Each
+ *     save writes the correction in use (identity when none), the mean strength and dip
+ *     below the horizontal of the batch of the last estimate trusted at medium or high
+ *     with a dip measured in steady gravity (not known before one), the cells the store
+ *     covered at its last fit (0 after a rough-offset change empties it), and planar 0.
+ *     At start a kit file that belongs to the loaded record gives these back: the
+ *     correction is applied about the record's offset from the first cycle (only when
+ *     its axes are within the ellipsoid fit's plausible range; reported in
+ *     KmxcServiceStart and every event), the coverage is reported until the store's
+ *     next fit. A kit file that does not belong to the calibration file's record, or
+ *     fails any check, is never used (defaults).
  *     Reading: each path is opened with O_NOFOLLOW|O_NONBLOCK and checked with fstat;
  *     anything but a regular file (a link, FIFO, directory, device) is refused, never
  *     waited on and never written through, with one line on stderr naming the path and
@@ -153,7 +185,8 @@ extern "C" {
 /* Agreement of a batch's field strengths with their mean (largest deviation, in
  * thousandths of the mean) for a high-accuracy fit or a confirmed stored offset. */
 #define KMXC_SERVICE_AGREE_PERMILLE 40
-/* ... and for a medium-accuracy fit (worse: low, not saved). */
+/* ... and for a medium-accuracy fit (worse: low, not saved). A store fit's agreement is
+ * judged by the same two limits. */
 #define KMXC_SERVICE_FIT_MEDIUM_PERMILLE 80
 /* Fed samples that must agree before a stored offset counts as confirmed. */
 #define KMXC_SERVICE_CONFIRM_SAMPLES 8
@@ -167,6 +200,55 @@ extern "C" {
 #define KMXC_SERVICE_ANOMALY_CLEAR_MS 1000
 /* Least time between two rough-offset changes. */
 #define KMXC_SERVICE_ROUGH_CHANGE_INTERVAL_MS 1000
+/* The kit's store of samples is refitted once this many samples have joined it since
+ * its last fit: an eighth of its 32, enough to move a fit, few enough that a turning
+ * phone is refitted about once a second at 10 Hz. */
+#define KMXC_SERVICE_STORE_REFIT_JOINS 4
+/* An anomaly that lasts this long without a break of KMXC_SERVICE_ANOMALY_CLEAR_MS
+ * empties the store: a new steady surrounding (a magnetic clip, a car mount). A magnet
+ * passed at walking pace (a door, a speaker) disturbs the field for a second or two and
+ * leaves the store as it was. */
+#define KMXC_SERVICE_STORE_ANOMALY_PERSIST_MS 5000
+/* Heading uncertainty (one standard deviation, centidegrees) that caps the accuracy: the
+ * offset's predicted error along magnetic east at this attitude (east = field x gravity)
+ * over the horizontal field. An error along gravity or along the horizontal field does
+ * not turn the heading, so a phone turned about the vertical is trusted as soon as its
+ * turns fix the horizontal offset, and loses the trust when a tilt brings the direction
+ * its samples never determined into the horizontal.
+ *   HIGH 2 degrees: 95 % of headings within 4 degrees, finer than a user lines up a map
+ *     by eye (and the 2-degree RMS of a well-calibrated phone).
+ *   MEDIUM 5 degrees: a heading 15 degrees off (3 sigma: a wrong street at a junction)
+ *     in fewer than 3 samples in 1000.
+ *   LOW 15 degrees: the heading points into the right quarter 9 times in 10 (the
+ *     quarter's half-width 45 degrees is 3 sigma). Beyond: unreliable. */
+#define KMXC_SERVICE_HEADING_SIGMA_HIGH_CDEG 200
+#define KMXC_SERVICE_HEADING_SIGMA_MEDIUM_CDEG 500
+#define KMXC_SERVICE_HEADING_SIGMA_LOW_CDEG 1500
+/* The magnetometer's noise per axis assumed by the estimators, 1/100 uT: its part in a
+ * fit's expected residual (with the 0.4 uT count's rounding, 0.12 uT). Twice what the
+ * virtual phone draws: a noisier chip only makes the ellipsoid attempted more often (its
+ * adoption has its own test) and never shrinks a predicted error (the residual a fit
+ * shows is used when it is larger). */
+#define KMXC_SERVICE_MAG_NOISE_CENTI_UT 30
+/* The ellipsoid is attempted (whatever the store's coverage) when the sphere estimate's
+ * strength residual exceeds this many times what noise and rounding explain: a field
+ * that is no sphere within the noise. Twice: a sphere's residual over 32 samples
+ * scatters by about an eighth, so noise alone never reaches it. */
+#define KMXC_SERVICE_ELLIPSOID_ATTEMPT_FACTOR 2
+/* A first soft-iron correction is used only when its strengths' RMS residual is at most
+ * this fraction (1/n) of the sphere fit's on the same store: soft iron that the strengths
+ * cannot tell from noise is not worth a correction that may also bend the heading. A new
+ * correction replaces one in use when its residual is no larger than that of the sphere
+ * fitted through the correction in use (the store as the library sees it). */
+#define KMXC_SERVICE_ELLIPSOID_BEAT_FACTOR 2
+/* A better-determined estimate (a smaller predicted horizontal offset error) replaces the
+ * offset in use when it moves it by at least this many counts (0.8 uT, under a degree of
+ * heading in a 24 uT horizontal field), or when its predicted error variance is at most
+ * 1/KMXC_SERVICE_REPUBLISH_VARIANCE_FACTOR of the one in use: publishing restarts the
+ * library's batch, so a refit that only moves the offset by its noise is not published.
+ * Halving: a refit after a few new samples changes the variance by far less. */
+#define KMXC_SERVICE_REPUBLISH_MIN_CHANGE 2
+#define KMXC_SERVICE_REPUBLISH_VARIANCE_FACTOR 2
 
 /* Persistence (see the paragraph above). The library's calibration file, and the kit's. */
 #define KMXC_SERVICE_CALIBRATION_FILE KMXC_CALIBRATION_FILE
@@ -210,6 +292,15 @@ extern "C" {
 #define KMXC_SERVICE_HEADING_VALID 0x0200     /* heading_deg holds a heading (after warm-up) */
 #define KMXC_SERVICE_ORIENTATION_VALID 0x0400 /* orientation_deg and rotation_vector hold values */
 #define KMXC_SERVICE_SAVE_LOCKED 0x0800       /* the save found another service saving (with SAVE_FAILED) */
+#define KMXC_SERVICE_KIT_ESTIMATE 0x1000      /* the new offset (and soft iron) is the kit's own */
+
+/* Estimators (event.estimator): where the offset in use comes from. */
+#define KMXC_SERVICE_ESTIMATOR_NONE 0         /* no offset yet (or only a planar one moved it) */
+#define KMXC_SERVICE_ESTIMATOR_STORED 1       /* the calibration file's offset */
+#define KMXC_SERVICE_ESTIMATOR_LIBRARY 2      /* the library's fit of its batch */
+#define KMXC_SERVICE_ESTIMATOR_STORE_SPHERE 3 /* the kit's sphere fit of its store */
+#define KMXC_SERVICE_ESTIMATOR_ELLIPSOID 4    /* the kit's ellipsoid fit: offset and soft iron */
+/* 5 is kept for the planar (mounted phone) estimator. */
 
 /* Anomaly causes (event.anomaly), bits. */
 #define KMXC_SERVICE_ANOMALY_RANGE 1    /* strength outside the Earth's range */
@@ -254,17 +345,19 @@ extern "C" {
 
 /* What start found (filled by kmxc_service_start when it returns KMXC_SERVICE_OK). */
 typedef struct KmxcServiceStart {
-    uint8_t rough[3];       /* rough offset written to the chip, channels 0..2 */
-    uint8_t rough_measured; /* 1 measured now, 0 taken from the file */
-    uint8_t offset_loaded;  /* 1 a valid stored magnetic offset was loaded (unconfirmed) */
-    uint8_t file_repaired;  /* 1 when file has KMXC_SERVICE_FILE_GARBLED (as before file existed) */
-    int32_t offset[3];      /* the magnetic offset in use, counts */
-    uint16_t file;          /* KMXC_SERVICE_FILE_* bits */
-    uint8_t kit_file;       /* KMXC_SERVICE_KIT_FILE_* */
-    uint8_t save_attempts;  /* saves start tried: 0 or 1 (one save writes both files) */
-    uint8_t save_failures;  /* of these, failed (counted in the events' save_failures too) */
-    uint8_t reserved[3];    /* 0 */
-    int32_t file_error;     /* errno behind UNREADABLE, READ_ONLY or start's failed save; else 0 */
+    uint8_t rough[3];         /* rough offset written to the chip, channels 0..2 */
+    uint8_t rough_measured;   /* 1 measured now, 0 taken from the file */
+    uint8_t offset_loaded;    /* 1 a valid stored magnetic offset was loaded (unconfirmed) */
+    uint8_t file_repaired;    /* 1 when file has KMXC_SERVICE_FILE_GARBLED (as before file existed) */
+    int32_t offset[3];        /* the magnetic offset in use, counts */
+    uint16_t file;            /* KMXC_SERVICE_FILE_* bits */
+    uint8_t kit_file;         /* KMXC_SERVICE_KIT_FILE_* */
+    uint8_t save_attempts;    /* saves start tried: 0 or 1 (one save writes both files) */
+    uint8_t save_failures;    /* of these, failed (counted in the events' save_failures too) */
+    uint8_t reserved[3];      /* 0 */
+    int32_t file_error;       /* errno behind UNREADABLE, READ_ONLY or start's failed save; else 0 */
+    int16_t soft_iron_q14[9]; /* the soft-iron correction W in use, Q14 (16384 = 1), row-major;
+                                 the identity when none */
 } KmxcServiceStart;
 
 /* One cycle's event. Float fields are valid when their flag says so. */
@@ -303,6 +396,12 @@ typedef struct KmxcServiceEvent {
     int32_t dip_cos_permille;  /* 1000 cos(angle between field and gravity) */
     uint32_t saves;            /* successful saves so far (start's included) */
     uint32_t save_failures;    /* failed saves so far (start's included) */
+    uint8_t estimator;         /* KMXC_SERVICE_ESTIMATOR_* of the offset in use */
+    uint8_t coverage_cells;    /* cells (of 24) the kit's store of samples covers, last fit */
+    int16_t soft_iron_q14[9];  /* the soft-iron correction W in use, Q14 (16384 = 1), row-major;
+                                  the identity when none. mag_counts and uncalibrated_uT are
+                                  the field after it: m' = c + W (m - c), c the centre of the
+                                  ellipsoid W came from */
 } KmxcServiceEvent;
 
 /* ---- Results ----------------------------------------------------------------------

@@ -59,6 +59,8 @@ SampleOutput to_sample(const KmxcServiceEvent &e) {
     s.ratio_min = e.calib_ratio_min;
     s.ratio_mid = e.calib_ratio_mid;
     s.residual = e.calib_residual;
+    s.estimator = e.estimator;
+    s.coverage_cells = e.coverage_cells;
     return s;
 }
 

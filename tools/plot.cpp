@@ -30,14 +30,16 @@ namespace {
 
 using vphone::scene::heading_difference;
 
-// Dashed vertical lines where an offset was published, the rough offset changed or an
-// anomaly began.
+// Dashed vertical lines where an offset was published, the kit's estimator changed, the
+// rough offset changed or an anomaly began.
 void put_marks(std::ostream &g, const std::vector<SampleOutput> &samples) {
     for (size_t i = 0; i < samples.size(); ++i) {
         const SampleOutput &s = samples[i];
         const double t = static_cast<double>(s.time_us) / 1e6;
         const char *colour = nullptr;
-        if (is_new_offset(s.calib_rc))
+        if (i > 0 && s.estimator != samples[i - 1].estimator)
+            colour = "#00a0a0";
+        else if (is_new_offset(s.calib_rc))
             colour = is_three_d(s.calib_rc) ? "#c00000" : "#2060c0";
         else if (s.flags & KMXC_SERVICE_ROUGH_CHANGED)
             colour = "#8000a0";
@@ -84,6 +86,7 @@ void put_panels(std::ostream &g, bool truth) {
     const std::string marks =
         "NaN with lines dt 2 lc rgb '#c00000' title '3-D calibration', "
         "NaN with lines dt 2 lc rgb '#2060c0' title 'planar calibration', "
+        "NaN with lines dt 2 lc rgb '#00a0a0' title 'estimator changed', "
         "NaN with lines dt 2 lc rgb '#8000a0' title 'rough offset changed', "
         "NaN with lines dt 2 lc rgb '#e0a000' title 'anomaly flagged'";
     g << "set size 1,0.68\nset origin 0,0.32\nset xlabel ''\nset ytics nomirror\nset y2tics\n";

@@ -23,6 +23,17 @@ constexpr int64_t kSteadyForUs = 2000000;
 
 }  // namespace
 
+const char *estimator_name(int estimator) {
+    switch (estimator) {
+    case KMXC_SERVICE_ESTIMATOR_NONE: return "none";
+    case KMXC_SERVICE_ESTIMATOR_STORED: return "stored";
+    case KMXC_SERVICE_ESTIMATOR_LIBRARY: return "library";
+    case KMXC_SERVICE_ESTIMATOR_STORE_SPHERE: return "store_sphere";
+    case KMXC_SERVICE_ESTIMATOR_ELLIPSOID: return "ellipsoid";
+    default: return "unknown";
+    }
+}
+
 std::string fmt(const char *f, double v) {
     char b[64];
     std::snprintf(b, sizeof b, f, v);
@@ -86,6 +97,12 @@ void Report::add(const SampleOutput &s) {
     tally_sample(s);
     tally_offset(s);
     if (s.has_truth) tally_errors(s);
+    if (!quiet_ && (s.flags & KMXC_SERVICE_KIT_ESTIMATE)) {
+        char b[160];
+        std::snprintf(b, sizeof b, "  t %5.1f s  kit estimate (%s, %d cells): offset %d,%d,%d", s.time_us / 1e6,
+                      estimator_name(s.estimator), s.coverage_cells, s.offset[0], s.offset[1], s.offset[2]);
+        out_ << b << '\n';
+    }
     if (!quiet_ && is_new_offset(s.calib_rc)) {
         char b[160];
         std::snprintf(b, sizeof b, "  t %5.1f s  %s calibration (rc %d): offset %d,%d,%d", s.time_us / 1e6,
@@ -116,9 +133,17 @@ void Report::tally_sample(const SampleOutput &s) {
     }
 }
 
-// Published offsets: their codes, and the first three-dimensional one.
+// Published offsets: their codes, and the first three-dimensional one (the library's or
+// the kit's own estimators').
 void Report::tally_offset(const SampleOutput &s) {
     Summary &m = summary_;
+    if (s.flags & KMXC_SERVICE_KIT_ESTIMATE) {
+        ++m.kit_estimates;
+        if (m.first_3d_sample < 0 && (s.flags & KMXC_SERVICE_FIT_3D)) {
+            m.first_3d_sample = m.samples;
+            m.first_3d_s = m.virtual_s;
+        }
+    }
     if (!is_new_offset(s.calib_rc)) return;
     if (std::find(m.codes_seen.begin(), m.codes_seen.end(), s.calib_rc) == m.codes_seen.end())
         m.codes_seen.push_back(s.calib_rc);
@@ -256,8 +281,10 @@ void Report::print_accuracy_summary() const {
         for (size_t a = 0; a < 4; ++a) line(kAccuracyNames[a], m.integer_error_at[a], m.double_error_at[a]);
         line("medium/high", m.integer_error_trusted, m.double_error_trusted);
     }
-    o << "  kit estimator             not reported by the kit yet\n";
-    o << "  sample store coverage     not reported by the kit yet\n";
+    const SampleOutput *last = samples_.empty() ? nullptr : &samples_.back();
+    o << "  kit estimator             " << estimator_name(last ? last->estimator : 0) << " at the end; "
+      << m.kit_estimates << " offset(s) from the kit's own estimators\n";
+    o << "  sample store coverage     " << (last ? last->coverage_cells : 0) << " of 24 cells at the last fit\n";
 }
 
 // The JSON keys the summary gained after its first form (see print_accuracy_summary).
@@ -276,9 +303,10 @@ std::string Report::accuracy_json() const {
         j << ", ";
     }
     level("medium_high", m.integer_error_trusted, m.double_error_trusted);
-    // Placeholders for what the kit does not report yet: which estimator it used and
-    // how well its store of samples covers the sphere.
-    j << "},\n  \"kit_estimator\": null,\n  \"store_coverage\": null";
+    // The estimator in use at the end and its store's coverage (cells of 24).
+    const SampleOutput *last = samples_.empty() ? nullptr : &samples_.back();
+    j << "},\n  \"estimator\": \"" << estimator_name(last ? last->estimator : 0)
+      << "\",\n  \"coverage_cells\": " << (last ? last->coverage_cells : 0);
     return j.str();
 }
 

@@ -40,7 +40,13 @@ struct SampleOutput {
     double dip_cos = 0;                // cos of the angle between field and gravity
     int ratio_min = 0, ratio_mid = 0;  // the calibration's batch ratios (x1024)
     int residual = 2147483647;         // and fit residual; 2147483647 while a batch fills
+    int estimator = 0;                 // KMXC_SERVICE_ESTIMATOR_* of the offset in use
+    int coverage_cells = 0;            // cells of the kit's store, at its last fit
 };
+
+// The name of a KMXC_SERVICE_ESTIMATOR_* code: none, stored, library, store_sphere,
+// ellipsoid ("unknown" for any other).
+const char *estimator_name(int estimator);
 
 // A calibration return code that published a new offset: 63 or one with axis bits.
 inline bool is_new_offset(int calib_rc) { return kmxc_calib_new_offset(calib_rc); }
@@ -82,6 +88,7 @@ struct Summary {
     // can be trusted.
     std::array<ErrorStats, 4> integer_error_at, double_error_at;
     ErrorStats integer_error_trusted, double_error_trusted;
+    int kit_estimates = 0;  // offsets the kit's own estimators published
 };
 
 // An azimuth this far off the truth at medium or high accuracy counts as wrong.

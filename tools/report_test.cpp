@@ -113,7 +113,8 @@ TEST(Report, ErrorsAreTalliedByTheAccuracyReportedWithThemAndListedAtTheEnd) {
     for (const char *line : {"  first medium/high         1.5 s\n", "  mounted                   0.2 s\n",
                              "    unreliable              RMS 35.36 / 35.36 deg, 2 samples\n",
                              "    medium/high             RMS 2.89 / 2.89 deg, 3 samples\n",
-                             "  kit estimator             not reported by the kit yet\n"})
+                             "  kit estimator             none at the end; 0 offset(s) from the kit's own estimators\n",
+                             "  sample store coverage     0 of 24 cells at the last fit\n"})
         EXPECT_GT(text.find(line), persisted) << line << text;
 }
 

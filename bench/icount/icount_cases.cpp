@@ -3,7 +3,9 @@
 // that does not fit, the double-precision attitude functions, and for comparison a
 // plain algebraic (Kasa) sphere fit in double and in float on the same 16 samples,
 // compiled with the same flags; then the kit's estimator units on a full store of 32
-// samples. An emulator's time means nothing, so the script counts instructions:
+// samples, and the kit's own share of a cycle: the path every non-fitting cycle adds
+// (the soft-iron correction and the store's offer, its worst refusal), and each of its
+// fitting steps. An emulator's time means nothing, so the script counts instructions:
 // callgrind on x86-64, a one-instruction-per-block qemu trace on armel. Each case
 // checks its result, so a count is never of a call that did nothing.
 #include <cmath>
@@ -17,7 +19,12 @@
 #include "service/circle_fit.h"
 #include "service/ellipsoid_fit.h"
 #include "service/field_store.h"
+#include "service/kit_internal.h"
 #include "service/sphere_fit.h"
+
+namespace kmxc_kit {
+State g_state;  // the kit's state, here the cases' own
+}  // namespace kmxc_kit
 
 namespace {
 
@@ -77,6 +84,30 @@ FitResult g_fit_results[3];
 Offer g_offers[3];
 int g_coverage;
 const Vec3 kCentre{100, -50, 200}, kDown{0, 0, 4096};
+
+KmxcServiceEvent g_event;
+uint8_t g_estimator_seen[4];
+
+// The kit trusting an offset at kCentre, with a soft-iron correction in use, its store
+// full, its ring of fed samples full, and `joined` samples joined since its last fit.
+void set_kit(int joined, bool ellipsoid_due, bool ellipsoid_pending) {
+    g_state = State{};
+    g_state.offset_trusted = true;
+    g_state.base_accuracy = KMXC_SERVICE_HIGH;
+    g_state.estimator = KMXC_SERVICE_ESTIMATOR_LIBRARY;
+    g_state.soft_iron = SoftIron{true, kCentre, {}};
+    for (int k = 0; k < 9; ++k) g_state.soft_iron.w_q14[k] = g_ellipsoid.w_q14[k];
+    g_state.est.store = g_store;
+    g_state.est.sphere = g_sphere;
+    g_state.est.ellipsoid = g_ellipsoid;
+    g_state.est.joined = static_cast<uint8_t>(joined);
+    g_state.est.ellipsoid_due = ellipsoid_due;
+    g_state.est.ellipsoid_pending = ellipsoid_pending;
+    for (int i = 0; i < KMXC_SERVICE_FEED_HISTORY; ++i) remember_fed(stored_field(g_store, 2 * i), kDown);
+    const KmxAxesData centre{kCentre.x + 3, kCentre.y, kCentre.z};  // a little off: the fits move it
+    KmxAxesLibSetMsOffset(&centre);
+    g_event = KmxcServiceEvent{};
+}
 
 void fill_stores() {
     field_store_clear(&g_store);
@@ -145,6 +176,36 @@ __attribute__((noinline)) void icount_case_circle(void) { g_fit_results[2] = cir
 __attribute__((noinline)) void icount_case_agreement(void) {
     field_store_agreement(g_store, g_ellipsoid.offset, g_ellipsoid.w_q14, &g_agreement);
 }
+// What the kit adds to a cycle that fits nothing: the field through the correction, the
+// sample offered to the full store (the longest refusal) with the gravity verdict, and
+// the estimator and correction copied into the event.
+__attribute__((noinline)) void icount_case_kit_cycle(void) {
+    const StoredSample &p = g_store.sample[kStoreCapacity - 1];
+    const Vec3 m = corrected(g_state.soft_iron, Vec3{p.m[0] + 3, p.m[1], p.m[2] - 2});
+    g_event.mag_counts[0] = m.x, g_event.mag_counts[1] = m.y, g_event.mag_counts[2] = m.z;
+    store_cycle(Vec3{p.m[0] + 3, p.m[1], p.m[2] - 2}, kDown, true, 1, &g_event);
+    g_event.estimator = g_state.estimator;
+    g_event.coverage_cells = g_state.est.coverage;
+    for (int k = 0; k < 9; ++k) g_event.soft_iron_q14[k] = g_state.soft_iron.w_q14[k];
+}
+// The kit's fitting steps, each a whole cycle's share: the sphere fit of the corrected
+// store with its judgement, the ellipsoid fit, the ellipsoid's judgement.
+__attribute__((noinline)) void icount_case_kit_sphere(void) {
+    store_cycle(Vec3{kCentre.x, kCentre.y, kCentre.z + 115}, kDown, true, 1, &g_event);
+    g_estimator_seen[0] = g_state.est.sphere_pending;
+}
+__attribute__((noinline)) void icount_case_kit_sphere_judge(void) {
+    store_cycle(Vec3{kCentre.x, kCentre.y, kCentre.z + 115}, kDown, true, 1, &g_event);
+    g_estimator_seen[3] = g_state.estimator;
+}
+__attribute__((noinline)) void icount_case_kit_ellipsoid(void) {
+    store_cycle(Vec3{kCentre.x, kCentre.y, kCentre.z + 115}, kDown, true, 1, &g_event);
+    g_estimator_seen[1] = g_state.est.ellipsoid_pending;
+}
+__attribute__((noinline)) void icount_case_kit_judge(void) {
+    store_cycle(Vec3{kCentre.x, kCentre.y, kCentre.z + 115}, kDown, true, 1, &g_event);
+    g_estimator_seen[2] = g_state.estimator;
+}
 }
 
 namespace {
@@ -192,6 +253,21 @@ int main() {
     measure(icount_case_agreement);
     measure(icount_case_offer_joins);
 
+    fill_stores();
+    sphere_fit(g_store, &g_sphere);
+    ellipsoid_fit(g_store, g_sphere, &g_ellipsoid);
+    set_kit(0, false, false);
+    measure(icount_case_kit_cycle);
+    const bool kit_cycle = g_state.est.store.count == kStoreCapacity && g_state.est.joined == 0;
+    set_kit(KMXC_SERVICE_STORE_REFIT_JOINS, false, false);
+    measure(icount_case_kit_sphere);
+    measure(icount_case_kit_sphere_judge);
+    set_kit(0, true, false);
+    measure(icount_case_kit_ellipsoid);
+    set_kit(0, false, true);
+    g_state.soft_iron.in_use = false;  // the judged ellipsoid is new
+    measure(icount_case_kit_judge);
+
     std::printf("fit rc %d, cycle rc %d heading %u, azimuth %.0f, Kasa centre %.1f,%.1f,%.1f (float %.1f,%.1f,%.1f)\n",
                 fit, cycle, unsigned(g_heading), g_angles[0], g_centre_d[0], g_centre_d[1], g_centre_d[2],
                 double(g_centre_f[0]), double(g_centre_f[1]), double(g_centre_f[2]));
@@ -212,5 +288,13 @@ int main() {
                             g_fit_results[1] == FitResult::kOk && g_fit_results[2] == FitResult::kOk &&
                             near(g_ellipsoid.offset.x, 100) && near(g_ellipsoid.offset.y, -50) &&
                             near(g_ellipsoid.offset.z, 200) && g_agreement.strength.worst_permille < 10;
-    return ok && estimators ? 0 : 1;
+    // The kit's steps: nothing fitted in the plain cycle; the sphere step refitted,
+    // judged and published in the next cycle (the offset in use was 3 counts off); the ellipsoid fitted and adopted.
+    std::printf(
+        "kit: cycle %d, sphere pending %d, sphere judged estimator %d, ellipsoid pending %d, judged estimator %d\n",
+        int(kit_cycle), g_estimator_seen[0], g_estimator_seen[3], g_estimator_seen[1], g_estimator_seen[2]);
+    const bool kit = kit_cycle && g_estimator_seen[0] == 1 &&
+                     g_estimator_seen[3] == KMXC_SERVICE_ESTIMATOR_STORE_SPHERE && g_estimator_seen[1] == 1 &&
+                     g_estimator_seen[2] == KMXC_SERVICE_ESTIMATOR_ELLIPSOID;
+    return ok && estimators && kit ? 0 : 1;
 }
