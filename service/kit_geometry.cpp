@@ -5,25 +5,12 @@
 
 namespace kmxc_kit {
 
-uint32_t isqrt64(uint64_t v) {
-    uint64_t r = 0, bit = uint64_t{1} << 62;
-    while (bit > v) bit >>= 2;
-    while (bit != 0) {
-        if (v >= r + bit) {
-            v -= r + bit;
-            r = (r >> 1) + bit;
-        } else {
-            r >>= 1;
-        }
-        bit >>= 2;
-    }
-    return static_cast<uint32_t>(r);
-}
+namespace {
 
-uint32_t isqrt32(uint32_t v) {
-    if (v == 0) return 0;
-    // Start at the highest power of four not above v (CLZ on ARMv5TE).
-    uint32_t r = 0, bit = uint32_t{1} << ((31 - std::countl_zero(v)) & ~1);
+// Digit-by-digit square root from bit, the highest power of four not above v (or 0 for v = 0).
+template <class U>
+U isqrt_from(U v, U bit) {
+    U r = 0;
     while (bit != 0) {
         if (v >= r + bit) {
             v -= r + bit;
@@ -34,6 +21,19 @@ uint32_t isqrt32(uint32_t v) {
         bit >>= 2;
     }
     return r;
+}
+
+}  // namespace
+
+uint32_t isqrt64(uint64_t v) {
+    if (v == 0) return 0;
+    return static_cast<uint32_t>(isqrt_from<uint64_t>(v, uint64_t{1} << ((63 - std::countl_zero(v)) & ~1)));
+}
+
+uint32_t isqrt32(uint32_t v) {
+    if (v == 0) return 0;
+    // Start at the highest power of four not above v (CLZ on ARMv5TE).
+    return isqrt_from<uint32_t>(v, uint32_t{1} << ((31 - std::countl_zero(v)) & ~1));
 }
 
 int32_t length(const Vec3 &v) {

@@ -1,13 +1,16 @@
 // The fixed-point solver and 3x3 eigen-routines against Eigen in double precision on
 // random normal matrices of every scale the fits produce, the solver's pivot rule at
-// its limit, and the 96-bit product and the reciprocal against independent forms.
+// its limit, the 96-bit product and the reciprocal against independent forms, and the
+// integer square roots by their defining property.
 #include <gtest/gtest.h>
 
 #include <Eigen/Dense>
 #include <bit>
 #include <cmath>
 #include <random>
+#include <vector>
 
+#include "service/kit_geometry.h"
 #include "service/kit_linalg.h"
 
 namespace {
@@ -190,6 +193,28 @@ TEST(KitLinalg, EigenvaluesAndSmallestVectorAgreeWithDoublePrecision) {
     EXPECT_FALSE(sym3_smallest_vector(line, v)) << "rank one: no plane";
     ASSERT_TRUE(sym3_smallest_vector(disc, v)) << "a double smallest eigenvalue: any vector of its plane";
     EXPECT_TRUE(v[0] == 0 && std::llabs(v[1]) + std::llabs(v[2]) >= 1073741822);
+}
+
+// r = floor(sqrt(v)) exactly when r^2 <= v < (r + 1)^2: checked at 0, at every power of
+// two and each square's neighbours across the full width, and on random values.
+TEST(KitGeometry, IntegerRootsAreFloorsOverEveryWidth) {
+    const auto floor_root64 = [](uint64_t v, uint64_t r) {
+        // r below 2^32: r^2 fits, and v < (r + 1)^2 is v - r^2 <= 2r without the overflow.
+        if (r > UINT32_MAX) return false;
+        const uint64_t sq = r * r;
+        return sq <= v && v - sq <= 2 * r;
+    };
+    std::vector<uint64_t> values{0, 1, 2, 3, 4, 5, UINT32_MAX, UINT64_MAX, UINT64_MAX - 1};
+    for (int b = 0; b < 64; ++b) values.push_back(uint64_t{1} << b);
+    for (uint64_t r :
+         {uint64_t{2}, uint64_t{3}, uint64_t{65535}, uint64_t{65536}, uint64_t{3037000499}, uint64_t{4294967295}})
+        for (uint64_t d : {uint64_t{0}, uint64_t{1}}) values.push_back(r * r - d);
+    std::mt19937_64 rng(11);
+    for (int i = 0; i < 20000; ++i) values.push_back(rng() >> (rng() % 64));
+    for (const uint64_t v : values) {
+        ASSERT_TRUE(floor_root64(v, isqrt64(v))) << v;
+        if (v <= UINT32_MAX) { ASSERT_EQ(isqrt32(static_cast<uint32_t>(v)), isqrt64(v)) << v; }
+    }
 }
 
 }  // namespace
