@@ -1,0 +1,189 @@
+// The kit's files against what a phone may hold in their place (the library's backup
+// name, a FIFO, a second service on the same files), and the kit file's own contents
+// across a restart.
+#include <gtest/gtest.h>
+
+#include <fstream>
+
+#include "service/kit_file_test_support.h"
+
+namespace {
+
+using namespace kit_file_test;
+
+// ---- Hostile files --------------------------------------------------------------------------
+
+// The library's fixed backup name is not the kit's: a link planted there leads nowhere,
+// a directory there blocks nothing.
+TEST_F(Kit, TheLibrarysBackupNameIsNeverTouched) {
+    const std::string outside = dir_ + "-outside";
+    for (const bool link : {true, false}) {
+        SCOPED_TRACE(link ? "a link at the backup name" : "a directory at the backup name");
+        vphone::reset();
+        rig_.attach_chips(1, kRigCalibration);
+        vphone::remove_file(kCfg);
+        std::filesystem::remove_all(vphone::host_path(kBackup));
+        { std::ofstream(outside) << "someone's file"; }
+        ::chmod(outside.c_str(), 0600);
+        if (link)
+            std::filesystem::create_symlink(outside, vphone::host_path(kBackup));
+        else
+            std::filesystem::create_directory(vphone::host_path(kBackup));
+        const Trace r = run(scenario("magnet"), 10);
+        EXPECT_GE(r.events.back().saves, 2u);
+        EXPECT_EQ(r.events.back().save_failures, 0u);
+        std::ifstream in(outside);
+        EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), "someone's file");
+        struct stat st {};
+        ASSERT_EQ(::stat(outside.c_str(), &st), 0);
+        EXPECT_EQ(st.st_mode & 0777, 0600u);
+        EXPECT_EQ(std::filesystem::is_symlink(vphone::host_path(kBackup)), link);
+    }
+    std::filesystem::remove_all(outside);
+}
+
+// A FIFO where the file should be: start does not wait for a writer that never comes,
+// and no save ever writes into it.
+TEST_F(Kit, AFifoAtTheFilesPlaceNeitherBlocksNorIsWritten) {
+    for (const char *path : {kCfg, kKitCfg}) {
+        SCOPED_TRACE(path);
+        vphone::reset();
+        rig_.attach_chips(1, kRigCalibration);
+        vphone::remove_file(kCfg);
+        ASSERT_EQ(::mkfifo(vphone::host_path(path).c_str(), 0600), 0);
+        vphone::StderrCapture err;
+        const Trace r = run(scenario("default"), 10, 20);
+        EXPECT_NE(err.text().find(std::string(path) + " is a FIFO"), std::string::npos);
+        ASSERT_EQ(r.start_rc, 0);
+        EXPECT_GE(r.events.back().save_failures, 1u);
+        struct stat st {};
+        ASSERT_EQ(::lstat(vphone::host_path(path).c_str(), &st), 0);
+        EXPECT_TRUE(S_ISFIFO(st.st_mode));
+        std::filesystem::remove(vphone::host_path(path));
+    }
+}
+
+// Two services on one phone's files, in two processes: the second one's save, made while
+// the first is half-way through its own, is refused by name, and the files end as one
+// complete record with its kit file.
+TEST_F(Kit, TwoServicesOnOneSandboxNeverMixTheirRecords) {
+    int paused[2], resume[2];
+    ASSERT_EQ(::pipe(paused), 0);
+    ASSERT_EQ(::pipe(resume), 0);
+    const pid_t child = vphone::fork_process();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        // The first service: its first save stops just before its rename until told.
+        bool stopped = false;
+        vphone::on_file_call([&](const vphone::FileCall &c) {
+            if (stopped || c.call != Call::Rename) return;
+            stopped = true;
+            char byte = 'p';
+            (void)!::write(paused[1], &byte, 1);
+            (void)!::read(resume[0], &byte, 1);
+        });
+        ScenarioSettings other = scenario("default");
+        other.hard_iron_uT = {30, 20, -10};
+        const Trace r = run(other, 10, 30);
+        ::_exit(r.start_rc == 0 && r.events.back().saves >= 1 ? 0 : 1);
+    }
+    char byte = 0;
+    ASSERT_EQ(::read(paused[0], &byte, 1), 1);  // the first service holds the lock now
+    KmxcServiceStart start{};
+    ASSERT_EQ(kmxc_service_start(10, &start), KMXC_SERVICE_OK);
+    EXPECT_TRUE(start.file & KMXC_SERVICE_FILE_LOCKED);
+    Scenario s(scenario("default"));
+    bool locked_in_cycle = false;
+    for (uint64_t us = 0; us < 20000000 && !locked_in_cycle; us += 100000) {
+        if (vphone::now_us() < us) usleep(static_cast<useconds_t>(us - vphone::now_us()));
+        rig_.sense(s.sample(static_cast<double>(us) / 1e6));
+        KmxcServiceEvent e;
+        kmxc_service_cycle(us, &e);
+        if (e.flags & KMXC_SERVICE_SAVE_LOCKED) {
+            EXPECT_TRUE(e.flags & KMXC_SERVICE_SAVE_FAILED);
+            locked_in_cycle = true;
+        }
+    }
+    EXPECT_TRUE(locked_in_cycle) << "the fit's save did not meet the lock";
+    (void)!::write(resume[1], "r", 1);
+    int status = 0;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    EXPECT_EQ(kmxc_service_stop(), KMXC_SERVICE_OK);  // the lock is free: the stop saves
+    const std::string cfg = text_of(kCfg);
+    int32_t fields[9];
+    EXPECT_EQ(std::sscanf(cfg.c_str(), "%d,%d,%d,%d,%d,%d,%d,%d,%d", &fields[0], &fields[1], &fields[2], &fields[3],
+                          &fields[4], &fields[5], &fields[6], &fields[7], &fields[8]),
+              9)
+        << cfg;
+    EXPECT_EQ(kit_belongs_to(text_of(kKitCfg)), rough_and_magnetic(cfg));
+    for (int fd : {paused[0], paused[1], resume[0], resume[1]}) ::close(fd);
+}
+
+// The kit file holds what the estimators know: the soft-iron correction in use, the
+// strength and dip of the last trusted 3-D calibration, the store's coverage; a restart
+// brings them back (the event reports the correction and coverage at once, and a record
+// start saves again writes them unchanged), and a kit file of another record brings
+// nothing back.
+TEST_F(Kit, TheKitFileBringsBackTheCorrectionAndReferencesAfterARestart) {
+    ScenarioSettings s = scenario("default");
+    s.soft_iron = {1.10, 0.92, 1.0, 0.05, 0, 0};
+    const Trace first = run(s, 20);
+    ASSERT_EQ(first.start_rc, 0);
+    const KmxcServiceEvent &last = first.events.back();
+    ASSERT_EQ(last.estimator, KMXC_SERVICE_ESTIMATOR_ELLIPSOID) << "the correction this test saves";
+    const std::string cfg = text_of(kCfg), kit = text_of(kKitCfg);
+    const std::vector<long long> c = fields_of(cfg), k = fields_of(kit);
+    ASSERT_EQ(c.size(), 9u) << cfg;
+    ASSERT_EQ(k.size(), 19u) << kit;
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(k[1 + i], c[i]) << "belongs to the record's rough offset";
+        EXPECT_EQ(k[4 + i], c[6 + i]) << "and its magnetic offset";
+    }
+    for (int i = 0; i < 6; ++i) EXPECT_EQ(k[kKitW + i], last.soft_iron_q14[kRowMajorOfKit[i]]) << i;
+    // The references: the field as the kit sees it at the end, and the scene's 60-degree
+    // inclination (the batch's mean dip in steady gravity, to a degree).
+    EXPECT_EQ(k[kKitReference], 1);
+    EXPECT_NEAR(k[kKitDip], 100 * s.inclination_deg, 100);
+    EXPECT_NEAR(k[kKitStrength] * 0.4, last.strength_centi_uT / 100.0, 0.03 * last.strength_centi_uT / 100.0);
+    EXPECT_EQ(k[kKitCoverage], last.coverage_cells);
+    EXPECT_GT(k[kKitCoverage], 0);
+
+    // A restart: the correction is applied from the first cycle on, the coverage reported.
+    const Trace second = run(scenario("still"), 10, 0.5);
+    ASSERT_EQ(second.start_rc, 0);
+    EXPECT_EQ(second.start.kit_file, KMXC_SERVICE_KIT_FILE_LOADED);
+    ASSERT_FALSE(second.events.empty());
+    for (int i = 0; i < 9; ++i) {
+        EXPECT_EQ(second.start.soft_iron_q14[i], last.soft_iron_q14[i]) << i;
+        EXPECT_EQ(second.events.front().soft_iron_q14[i], last.soft_iron_q14[i]) << i;
+    }
+    EXPECT_EQ(second.events.front().coverage_cells, last.coverage_cells);
+
+    // Start saves the record again (its gravity offset was implausible): the kit file it
+    // writes holds the loaded correction, references and coverage unchanged.
+    std::string damaged = cfg;
+    const size_t g0 = damaged.find(',', damaged.find(',', damaged.find(',') + 1) + 1) + 1;
+    damaged.replace(g0, damaged.find(',', g0) - g0, "-2147483648");
+    vphone::write_file(kCfg, damaged);
+    const Trace third = run(scenario("still"), 10, 0.5);
+    ASSERT_EQ(third.start_rc, 0);
+    EXPECT_TRUE(third.start.file & KMXC_SERVICE_FILE_IMPLAUSIBLE);
+    EXPECT_EQ(third.start.save_attempts, 1);
+    EXPECT_EQ(text_of(kKitCfg), kit);
+
+    // The same kit file beside a record of another offset: nothing of it is used.
+    std::vector<long long> moved = c;
+    moved[6] += 3;
+    std::string other;
+    for (size_t i = 0; i < moved.size(); ++i) other += (i ? "," : "") + std::to_string(moved[i]);
+    vphone::write_file(kCfg, other);
+    vphone::write_file(kKitCfg, kit);
+    const Trace fourth = run(scenario("still"), 10, 0.5);
+    ASSERT_EQ(fourth.start_rc, 0);
+    EXPECT_EQ(fourth.start.kit_file, KMXC_SERVICE_KIT_FILE_MISMATCH);
+    for (int i = 0; i < 9; ++i) EXPECT_EQ(fourth.start.soft_iron_q14[i], i % 4 == 0 ? 16384 : 0) << i;
+    EXPECT_EQ(fourth.events.front().coverage_cells, 0);
+}
+
+}  // namespace
