@@ -220,6 +220,7 @@ void store_cycle(const Vec3 &m, const Vec3 &g, bool fit_allowed, int64_t now, Km
         const Offer r = field_store_offer(&s.store, m, g, judged ? &centre : nullptr, causes != 0, gravity_steady(g));
         if ((r == Offer::kJoined || r == Offer::kJoinedReplacing) && s.joined < UINT8_MAX) ++s.joined;
     }
+    if (planar_cycle(fit_allowed, e)) return;  // the mounted phone's estimator (kit_planar.cpp) took the fit
     if (!fit_allowed) return;
     if (s.ellipsoid_pending) {
         judge_ellipsoid(e);

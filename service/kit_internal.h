@@ -9,6 +9,7 @@
 
 #include "drivers/kmxc_protocol.h"
 #include "orientation/orientation.h"
+#include "service/circle_fit.h"
 #include "service/ellipsoid_fit.h"
 #include "service/field_store.h"
 #include "service/kit_geometry.h"
@@ -56,8 +57,20 @@ struct Estimators {
     bool anomaly_cleared;    // ... and this anomaly episode has done so
 };
 
+// The planar estimator's state (kit_planar.cpp): a circle fit of the store waiting for
+// its judgement, and what tells it that the store has changed.
+struct Planar {
+    CircleFit circle;  // fitted in one cycle, judged in the next
+    bool pending;      // `circle` waits for its judgement
+    bool in_use;       // the offset in use is a planar estimate
+    uint8_t joins;     // samples that joined the store since the last circle fit
+    uint8_t seen_count, seen_last;
+    int16_t seen_m[3];  // the store's count, last slot and its field at the last cycle
+    int32_t arc_cdeg;   // the arc the last judged circle covered
+};
+
 // The store and the estimators' state stay within 1 KiB of static RAM.
-static_assert(sizeof(Estimators) + sizeof(SoftIron) <= 1024, "the kit's estimators fit 1 KiB");
+static_assert(sizeof(Estimators) + sizeof(SoftIron) + sizeof(Planar) <= 1024, "the kit's estimators fit 1 KiB");
 
 struct State {
     bool started;
@@ -94,6 +107,20 @@ struct State {
     int64_t anomaly_since_ns;  // start of the anomaly episode in progress
     SoftIron soft_iron;
     Estimators est;
+    // ---- Mounted phone (vehicle): references, steady tilt, demotion (kit_rules.cpp) ----
+    bool ref3d_valid;          // the last trusted 3-D fit's strength below holds a value
+    bool ref3d_dip_valid;      // ... and its angle between field and gravity
+    int32_t ref3d_strength;    // counts: the mean strength of its batch
+    int32_t ref3d_dip_cdeg;    // centidegrees, 0..18000: the mean angle of its batch's samples in steady tilt
+    int32_t ref_dip_cdeg;      // the anomaly reference's angle (ref_dip_valid), centidegrees
+    int32_t dip_cos_bound[4];  // 1000 cos of ref_dip_cdeg + tolerance, - tolerance, + half, - half
+    Vec3 gravity_mean_q4;      // running mean of gravity, 1/16 count
+    bool gravity_mean_valid;
+    bool tilt_steady;          // this cycle's gravity is steady in length and direction
+    uint16_t fed_tilt_steady;  // bit per fed-ring slot: that sample's tilt was steady
+    bool demoted;              // a persisting anomaly took the trust from the offset in use
+    int restore_count;         // fed samples since the demotion's last anomaly
+    Planar planar;
 };
 
 extern State g_state;
@@ -136,6 +163,19 @@ void note_anomaly(uint8_t causes, int64_t now, KmxcServiceEvent *e);
 int8_t accuracy_now(int64_t now);
 // Adopts an agreeing estimate: accuracy, trust, reference, save.
 void trust_estimate(int8_t level, const Agreement &a);
+// The running mean of gravity and this cycle's steady-tilt verdict (g_state.tilt_steady).
+void track_tilt(const Vec3 &g);
+// The anomaly rules on this sample (field v about the offset in use, its strength and
+// 1000 cos of its angle to gravity): flags, the episode, its hysteresis, and the
+// restore of a demoted offset by fed samples that agree with it.
+void judge_anomaly(const Vec3 &g, int32_t strength, int32_t dip, const KmxAxesData &offset, int64_t now,
+                   KmxcServiceEvent *e);
+// The mean angle between field (through the correction in use, offset o removed) and
+// gravity over the last n fed samples in steady tilt, centidegrees; false when none.
+bool ring_dip_cdeg(const KmxAxesData &o, int n, int32_t *cdeg);
+// Adopts a planar estimate of accuracy `level` whose offset the library now uses: the
+// references stay (they are what it was checked against).
+void trust_planar(int8_t level);
 
 // ---- The kit's estimators (kit_estimate.cpp) -----------------------------------------
 
@@ -145,6 +185,13 @@ void store_clear();
 // field m, gravity g), and at most one fitting step when one is due. fit_allowed: no
 // other fit ran in this cycle.
 void store_cycle(const Vec3 &m, const Vec3 &g, bool fit_allowed, int64_t now, KmxcServiceEvent *e);
+
+// ---- The planar estimator (kit_planar.cpp) ------------------------------------------
+
+// One cycle's share: notes joins to the store, and when fit_allowed and none of the
+// store's other fitting steps is due, runs at most one planar step (a circle fit, or its
+// judgement). True when it ran one (the cycle's fit is spent).
+bool planar_cycle(bool fit_allowed, KmxcServiceEvent *e);
 
 // ---- Persistence (kit_file.cpp) -----------------------------------------------------
 
