@@ -1,5 +1,6 @@
 // The kit's rules: integer geometry of the fed samples, the sample-feed gate, and the
 // accuracy and anomaly judgements.
+#include "calibration/calibration.h"
 #include "service/kit_angle.h"
 #include "service/kit_internal.h"
 
@@ -96,26 +97,25 @@ void track_tilt(const Vec3 &g) {
     if (!g_state.gravity_mean_valid) {
         mean = g16;
         g_state.gravity_mean_valid = true;
-    } else {
-        const int32_t w = tilt_weight_q12();
-        // Rounded toward the new value's side by the arithmetic shift: a bias of under
-        // 1/16 count, far below the angle it is compared at.
-        mean = Vec3{mean.x + static_cast<int32_t>((int64_t{g16.x - mean.x} * w) >> 12),
-                    mean.y + static_cast<int32_t>((int64_t{g16.y - mean.y} * w) >> 12),
-                    mean.z + static_cast<int32_t>((int64_t{g16.z - mean.z} * w) >> 12)};
     }
-    // Within the angle of the mean: |g x mean|^2 <= sin^2 |g|^2 |mean|^2 and g . mean > 0.
-    // |g| below 2^15 and |mean| below 2^19 (1/16 count): the cross product's square below
-    // 2^69 is taken with both scaled down by 2^4 (a sixteenth of a count is no angle).
-    const Vec3 a{g.x, g.y, g.z}, b{mean.x >> 4, mean.y >> 4, mean.z >> 4};
-    const int64_t cx = int64_t{a.y} * b.z - int64_t{a.z} * b.y, cy = int64_t{a.z} * b.x - int64_t{a.x} * b.z,
-                  cz = int64_t{a.x} * b.y - int64_t{a.y} * b.x;
-    const uint64_t cross_sq = static_cast<uint64_t>(cx * cx) + static_cast<uint64_t>(cy * cy) +
-                              static_cast<uint64_t>(cz * cz);  // below 3 * 2^60
+    // Within the angle of the mean so far: |g x mean|^2 <= sin^2 |g|^2 |mean|^2 and
+    // g . mean > 0. |g| below 2^15 and the mean taken to whole counts (a sixteenth of a
+    // count is no angle): the cross product's square below 3 * 2^60.
+    const Vec3 b{mean.x >> 4, mean.y >> 4, mean.z >> 4};
+    const int64_t cx = int64_t{g.y} * b.z - int64_t{g.z} * b.y, cy = int64_t{g.z} * b.x - int64_t{g.x} * b.z,
+                  cz = int64_t{g.x} * b.y - int64_t{g.y} * b.x;
+    const uint64_t cross_sq =
+        static_cast<uint64_t>(cx * cx) + static_cast<uint64_t>(cy * cy) + static_cast<uint64_t>(cz * cz);
     const int64_t s = sin_q14(KMXC_SERVICE_STEADY_TILT_CDEG);
-    // |a|^2 |b|^2 below 2^62; scaled by 2^-28 before the sine's square (Q28).
-    const uint64_t lengths = (static_cast<uint64_t>(dot(a, a)) >> 14) * (static_cast<uint64_t>(dot(b, b)) >> 14);
-    g_state.tilt_steady = gravity_steady(g) && dot(a, b) > 0 && cross_sq / static_cast<uint64_t>(s * s) <= lengths;
+    // |g|^2 |mean|^2 below 2^62, each scaled by 2^-14 against the sine's square (Q28).
+    const uint64_t lengths = (static_cast<uint64_t>(dot(g, g)) >> 14) * (static_cast<uint64_t>(dot(b, b)) >> 14);
+    g_state.tilt_steady = gravity_steady(g) && dot(g, b) > 0 && cross_sq / static_cast<uint64_t>(s * s) <= lengths;
+    // Then the mean takes the sample's share (rounded toward minus infinity by the shift:
+    // under 1/16 count, far below the angle it is compared at).
+    const int32_t w = tilt_weight_q12();
+    mean = Vec3{mean.x + static_cast<int32_t>((int64_t{g16.x - mean.x} * w) >> 12),
+                mean.y + static_cast<int32_t>((int64_t{g16.y - mean.y} * w) >> 12),
+                mean.z + static_cast<int32_t>((int64_t{g16.z - mean.z} * w) >> 12)};
 }
 
 // ---- References -------------------------------------------------------------------------
@@ -204,7 +204,19 @@ void remember_fed(const Vec3 &m, const Vec3 &g) {
 
 // ---- Accuracy -------------------------------------------------------------------------
 
+// A fit that comes while a trusted offset's field is in an anomaly episode (changed, for
+// less than the persistence) was gathered across the change: plausible at most, it sets
+// no reference and is not saved; the episode goes on.
+static bool across_a_change() { return g_state.offset_trusted && g_state.in_anomaly; }
+
+static void hold_low() {
+    g_state.base_accuracy = KMXC_SERVICE_LOW;
+    g_state.stored_pending = false;
+    g_state.provisional = false;
+}
+
 void on_fit(const KmxAxesData &o) {
+    if (across_a_change()) return hold_low();
     const Agreement a = agreement(o, g_state.fed_count);
     const bool agrees = a.in_range && a.worst_permille <= KMXC_SERVICE_FIT_MEDIUM_PERMILLE;
     g_state.base_accuracy = !agrees                                           ? KMXC_SERVICE_LOW
@@ -218,6 +230,7 @@ void on_fit(const KmxAxesData &o) {
 }
 
 void trust_estimate(int8_t level, const Agreement &a) {
+    if (across_a_change()) return hold_low();
     g_state.base_accuracy = level;
     g_state.offset_trusted = true;
     g_state.stored_pending = false;
@@ -266,10 +279,12 @@ static uint8_t causes_at(const Vec3 &g, int32_t strength, int32_t dip, int divis
     if (int64_t{abs32(strength - g_state.ref_strength)} * 1000 * divisor >
         int64_t{KMXC_SERVICE_STRENGTH_TOLERANCE_PERMILLE} * g_state.ref_strength)
         causes |= KMXC_SERVICE_ANOMALY_STRENGTH;
-    // The angle judged through its cosine's bounds; only in steady tilt (gravity then is
-    // the vertical).
+    // The angle judged through its cosine's bounds, while |g| is steady. Outside steady
+    // tilt an acceleration may be what moved it: the heading is then as wrong as the
+    // angle (a tilted gravity turns it), so the accuracy is held down all the same, but
+    // such an episode never counts as a new surrounding (note_anomaly).
     const int k = divisor == 1 ? 0 : 2;
-    if (g_state.ref_dip_valid && g_state.tilt_steady && gravity_steady(g) &&
+    if (g_state.ref_dip_valid && gravity_steady(g) &&
         (dip < g_state.dip_cos_bound[k] || dip > g_state.dip_cos_bound[k + 1]))
         causes |= KMXC_SERVICE_ANOMALY_DIP;
     return causes;
@@ -281,11 +296,14 @@ void note_anomaly(uint8_t causes, int64_t now, KmxcServiceEvent *e) {
     const uint8_t cap = (causes & KMXC_SERVICE_ANOMALY_RANGE) != 0 ? KMXC_SERVICE_UNRELIABLE : KMXC_SERVICE_LOW;
     if (!g_state.in_anomaly || cap < g_state.anomaly_level_cap) g_state.anomaly_level_cap = cap;
     // The episode counts toward persistence (anomaly_since_ns) from its first strength or
-    // range cause; dip causes alone count from KMXC_SERVICE_DIP_PERSIST_MS on.
+    // range cause; dip causes alone from KMXC_SERVICE_DIP_PERSIST_MS on, and only in
+    // steady tilt (else never: an acceleration is no new surrounding).
+    constexpr int64_t kNever = INT64_MAX / 2;
     const int64_t since =
-        causes == KMXC_SERVICE_ANOMALY_DIP
+        causes != KMXC_SERVICE_ANOMALY_DIP ? now
+        : g_state.tilt_steady
             ? now + int64_t{KMXC_SERVICE_DIP_PERSIST_MS - KMXC_SERVICE_STORE_ANOMALY_PERSIST_MS} * kNsPerMs
-            : now;
+            : kNever;
     if (!g_state.in_anomaly) {
         g_state.anomaly_since_ns = since;
         g_state.est.anomaly_cleared = false;
@@ -345,6 +363,12 @@ int8_t accuracy_now(int64_t now) {
         g_state.restore_count = 0;
         g_state.save_pending = false;
         g_state.in_anomaly = false;
+        // The fed samples and the library's batch straddle the change: later fits and
+        // judgements start from the new field alone.
+        KmxAxesData in_use;
+        KmxAxesLibGetMsOffset(&in_use);
+        KmxAxesMsCalibSetOffset(&in_use);
+        g_state.fed_count = 0;
     }
     if (!g_state.offset_trusted) return g_state.provisional ? KMXC_SERVICE_LOW : KMXC_SERVICE_UNRELIABLE;
     if (g_state.in_anomaly) {
