@@ -28,11 +28,16 @@ constexpr double kPi = 3.14159265358979323846;
 
 // A phone turned about the unit axis `down` (the way gravity pulls) in a field of strength
 // F (counts) at angle theta from gravity: samples at angles spread over `arc_deg`, each
-// axis tilted by up to `wobble_deg` (a road's slope), with noise.
+// axis tilted by up to `wobble_deg` at random (the body's roll, bumps) and by the road's
+// slope, which changes along the drive as the heading turns (up to `slope_deg`, twice
+// over per turn, from `hill_deg`): a constant slope only lifts or tilts the whole circle,
+// but one that changes lifts some samples off the plane and sinks others, so each
+// sample's own height matters; with noise.
 struct Circle {
     Vector3d offset, down;
     double strength, theta_deg, arc_deg, wobble_deg, noise;
     int n;
+    double slope_deg, hill_deg;  // the slope, and the hill's direction from the circle's start
 };
 
 FieldStore store_of(const Circle &c, std::mt19937 &rng) {
@@ -45,8 +50,12 @@ FieldStore store_of(const Circle &c, std::mt19937 &rng) {
     for (int i = 0; i < c.n; ++i) {
         const double phi = c.arc_deg * kPi / 180 * i / (c.n - 1);
         Vector3d f = c.strength * (std::cos(th) * c.down + std::sin(th) * (std::cos(phi) * e1 + std::sin(phi) * e2));
-        // The axis tilts with the road about a horizontal direction.
+        // The axis tilts with the road about a horizontal direction (the body's roll),
+        // and the vehicle pitches with the slope of the moment about its lateral axis
+        // (fixed in the phone, taken as e2).
         f = Eigen::AngleAxisd(wob(rng) * kPi / 180, e1) * f;
+        const double slope = c.slope_deg * std::sin(2 * phi + c.hill_deg * kPi / 180);
+        f = Eigen::AngleAxisd(slope * kPi / 180, e2) * f;
         const Vector3d m = c.offset + f + Vector3d(noise(rng), noise(rng), noise(rng));
         const Vec3 mv{static_cast<int32_t>(std::lround(m.x())), static_cast<int32_t>(std::lround(m.y())),
                       static_cast<int32_t>(std::lround(m.z()))};
@@ -123,6 +132,8 @@ TEST(PlanarProperty, AgreesWithAnIndependentDoubleSolutionOnRandomCirclesAxesStr
         if (u(rng) < 0.3) c.theta_deg = 180 - c.theta_deg;  // southern hemisphere
         c.arc_deg = 100 + u(rng) * 260;
         c.wobble_deg = u(rng) * 3;
+        c.slope_deg = u(rng) * 5;  // roads up to 9 %
+        c.hill_deg = u(rng) * 360;
         c.noise = 0.375 + u(rng) * 0.875;  // 0.15..0.5 uT
         c.n = 20 + static_cast<int>(u(rng) * 13);
         const FieldStore s = store_of(c, rng);
@@ -148,10 +159,14 @@ TEST(PlanarProperty, AgreesWithAnIndependentDoubleSolutionOnRandomCirclesAxesStr
         EXPECT_LT((o - d).norm(), 1.2);
         // Across the axis (what turns the heading), within what noise and the axis'
         // wobble leave of the truth: the reference's rounding, the noise over the
-        // samples, the wobble's lift of the vertical field into the plane.
+        // samples, the wobble's and the hill's lift of the vertical field into the plane
+        // (F cos(theta) times the tilt), once directly and once through the heights the
+        // reference's sphere turns into the centre's place (cot(theta) per unit height),
+        // the centre's errors growing as the arc shortens below half a turn.
         const Vector3d err = o - c.offset, across = err - err.dot(c.down) * c.down;
         const double axial = c.strength * std::fabs(std::cos(c.theta_deg * kPi / 180));
-        const double bound = 1.5 + 4 * c.noise / std::sqrt(c.n) * 360 / c.arc_deg + axial * c.wobble_deg * kPi / 180;
+        const double bound = 1.5 + 4 * c.noise / std::sqrt(c.n) * 360 / c.arc_deg +
+                             2 * axial * (c.wobble_deg + c.slope_deg) * kPi / 180 * std::max(1.0, 180 / c.arc_deg);
         EXPECT_LT(across.norm(), bound);
         ++checked;
         medium += est.level == KMXC_SERVICE_MEDIUM;
@@ -170,7 +185,7 @@ TEST(PlanarProperty, AgreesWithAnIndependentDoubleSolutionOnRandomCirclesAxesStr
 FieldStore clean(double arc_deg, double theta_deg, double strength = 120) {
     std::mt19937 rng(7);
     const int n = std::min(kStoreCapacity, 1 + static_cast<int>(arc_deg / 9));
-    Circle c{Vector3d(40, -30, 20), Vector3d(0.2, -0.9, 0.3).normalized(), strength, theta_deg, arc_deg, 0, 0, n};
+    Circle c{Vector3d(40, -30, 20), Vector3d(0.2, -0.9, 0.3).normalized(), strength, theta_deg, arc_deg, 0, 0, n, 0, 0};
     const FieldStore s = store_of(c, rng);
     EXPECT_EQ(s.count, n) << "the store keeps every sample of the arc";
     return s;
