@@ -12,8 +12,6 @@ constinit int16_t g_MsCalibPlanarHistory[8][3] = {};
 
 namespace {
 
-constexpr int32_t kDefaultResidualThreshold = 0x200000;
-
 bool three_dimensional(const KmxAxesMsCalib02Result &r) { return r.weights[1] <= 1; }
 
 void fill_detail(KmxAxesMsCalibDetail *detail, const KmxAxesMsCalib02Result &r) {
@@ -68,11 +66,11 @@ int8_t KmxAxesMsCalibInit(void) {
     g_MsCalibConfig.checkDistribution = KmxAxesMsCalibCheckDistribution;
     g_MsCalibConfig.ringMode = 0;
     g_MsCalibConfig.initialSkipCounter = 1;
-    MSFLOAT_I2F(&g_MsCalibConfig.residualThreshold, kDefaultResidualThreshold);
+    MSFLOAT_I2F(&g_MsCalibConfig.residualThreshold, KMXC_CALIB_DEFAULT_RESIDUAL);
 
-    g_MsCalibThreshold.ratioMinThreshold = 64;
-    g_MsCalibThreshold.ratioMidThreshold = 96;
-    g_MsCalibThreshold.residualThreshold = kDefaultResidualThreshold;
+    g_MsCalibThreshold.ratioMinThreshold = KMXC_CALIB_DEFAULT_RATIO_MIN;
+    g_MsCalibThreshold.ratioMidThreshold = KMXC_CALIB_DEFAULT_RATIO_MID;
+    g_MsCalibThreshold.residualThreshold = KMXC_CALIB_DEFAULT_RESIDUAL;
 
     g_MsCalibPlanarValid = 0;
     g_MsCalibStatus = 0;

@@ -78,7 +78,10 @@ static inline int kmxc_calib_new_offset(int result) { return result > 0 && (resu
 
 /* ---- Records ---------------------------------------------------------------------- */
 
-/* Acceptance thresholds (KmxAxesMsCalibSetThreshold). Defaults {64, 96, 0x200000}. */
+/* Acceptance thresholds (KmxAxesMsCalibSetThreshold); KmxAxesMsCalibInit sets the defaults. */
+#define KMXC_CALIB_DEFAULT_RATIO_MIN 64
+#define KMXC_CALIB_DEFAULT_RATIO_MID 96
+#define KMXC_CALIB_DEFAULT_RESIDUAL 0x200000
 typedef struct KmxAxesMsCalibThreshold {
     int16_t ratioMinThreshold; /* smallest eigenvalue above this (1/1024 of the largest): 3-D */
     int16_t ratioMidThreshold; /* else middle eigenvalue above this: planar, else a line */

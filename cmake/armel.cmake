@@ -10,7 +10,12 @@ set(CMAKE_C_COMPILER arm-linux-gnueabi-gcc)
 set(CMAKE_CXX_COMPILER arm-linux-gnueabi-g++)
 set(CMAKE_C_FLAGS_INIT "-march=armv5te -mfloat-abi=soft")
 set(CMAKE_CXX_FLAGS_INIT "-march=armv5te -mfloat-abi=soft")
-set(CMAKE_CROSSCOMPILING_EMULATOR qemu-arm -L /usr/arm-linux-gnueabi)
+# Programs run on the machine's armel runtime (libc6:armel and the libraries beside it,
+# which scripts/ensure-deps.sh installs): its loader and C library come from one
+# package. The cross toolchain's copy under /usr/arm-linux-gnueabi may be another
+# release, and its loader with the multiarch C library (which it finds first) crashes
+# at the first pthread_create.
+set(CMAKE_CROSSCOMPILING_EMULATOR qemu-arm)
 
 # Debian's multiarch packages (:armel) live under /usr/lib/arm-linux-gnueabi and
 # /usr/include; the cross toolchain's own sysroot is /usr/arm-linux-gnueabi.

@@ -21,8 +21,11 @@
  *
  * Calibration file (one line of nine integers: rough offset x3, gravity offset x3,
  * magnetic offset x3; platform/platform.h has its rules):
+ *   KMXC_CALIBRATION_DIRECTORY     the folder that holds both
  *   KMXC_CALIBRATION_FILE          the file on the phone
  *   KMXC_CALIBRATION_BACKUP_FILE   the backup written first and renamed over it
+ *   KMXC_CALIBRATION_FILE_UID/GID  its owner: Android's compass user (1008), system group (1000)
+ *   KMXC_CALIBRATION_FILE_MODE     its mode, 0666
  */
 #ifndef KMXC_COMMON_H
 #define KMXC_COMMON_H
@@ -50,9 +53,14 @@
 #define KMXC_ROUGH_UNKNOWN 255
 #define KMXC_OFFSET_UNKNOWN 2147483647
 
-/* The calibration file and its backup, absolute paths on the phone. */
-#define KMXC_CALIBRATION_FILE "/misc/sensor/kmxc_orvane.cfg"
-#define KMXC_CALIBRATION_BACKUP_FILE "/misc/sensor/kmxc_orvane-backup.cfg"
+/* The calibration file and its backup, absolute paths on the phone, in their folder;
+ * the file's owner (Android's compass user and system group) and mode. */
+#define KMXC_CALIBRATION_DIRECTORY "/misc/sensor"
+#define KMXC_CALIBRATION_FILE KMXC_CALIBRATION_DIRECTORY "/kmxc_orvane.cfg"
+#define KMXC_CALIBRATION_BACKUP_FILE KMXC_CALIBRATION_DIRECTORY "/kmxc_orvane-backup.cfg"
+#define KMXC_CALIBRATION_FILE_UID 1008
+#define KMXC_CALIBRATION_FILE_GID 1000
+#define KMXC_CALIBRATION_FILE_MODE 0666
 
 KMXC_BEGIN_DECLS
 

@@ -24,7 +24,7 @@ for unit in "$@"; do
   [ -n "$obj" ] || { echo "integer-only: no object for $unit"; fail=1; continue; }
   dis=$("$objdump" -dr --no-show-raw-insn "$obj")
   calls=$(grep -oE "$helpers" <<<"$dis" | sort -u | tr '\n' ' ')
-  insns=$(grep -P '^\s*[0-9a-f]+:\s' <<<"$dis" | cut -f2- | grep -oE "$fpinsn" | sort -u | tr '\n' ' ')
+  insns=$(grep -P '^\s*[0-9a-f]+:\s' <<<"$dis" | cut -f2- | awk '{print $1}' | grep -oE "$fpinsn" | sort -u | tr '\n' ' ')
   [ -z "$calls" ] || { echo "integer-only: $unit calls floating-point helpers: $calls"; fail=1; }
   [ -z "$insns" ] || { echo "integer-only: $unit has floating-point instructions: $insns"; fail=1; }
   checked=$((checked + 1))

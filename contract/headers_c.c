@@ -43,6 +43,12 @@ _Static_assert(KMXC_ROUGH_UNKNOWN == 255 && KMXC_OFFSET_UNKNOWN == INT32_MAX, "n
 _Static_assert(sizeof KMXC_CALIBRATION_FILE == sizeof "/misc/sensor/kmxc_orvane.cfg" &&
                    sizeof KMXC_CALIBRATION_BACKUP_FILE == sizeof "/misc/sensor/kmxc_orvane-backup.cfg",
                "calibration file paths");
+_Static_assert(sizeof KMXC_CALIBRATION_DIRECTORY == sizeof "/misc/sensor" && KMXC_CALIBRATION_FILE_UID == 1008 &&
+                   KMXC_CALIBRATION_FILE_GID == 1000 && KMXC_CALIBRATION_FILE_MODE == 0666,
+               "calibration file folder and attributes");
+_Static_assert(KMXC_CALIB_DEFAULT_RATIO_MIN == 64 && KMXC_CALIB_DEFAULT_RATIO_MID == 96 &&
+                   KMXC_CALIB_DEFAULT_RESIDUAL == 0x200000,
+               "calibration thresholds' defaults");
 _Static_assert(KMXC_PLAT_OK == 0 && KMXC_PLAT_FAILED == -1 && KMXC_PLAT_REQUEST_FAILED == -2 &&
                    KMXC_PLAT_CHARGER_NO_LINE == -1 && KMXC_PLAT_CHARGER_NULL_FIRST == -2 &&
                    KMXC_PLAT_CHARGER_NULL_SECOND == -3 && KMXC_PLAT_CHARGER_NULL_THIRD == -4 &&

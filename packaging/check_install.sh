@@ -53,7 +53,7 @@ read -r -a extra <<<"$cflags"
 "$cc" "${extra[@]}" -std=c11 -Wall -Wextra -Werror -pedantic -o "$work/consumer_pkgconfig" \
   "$consumers/consumer.c" "${pc_flags[@]}" -Wl,-rpath,"$pc_libdir" || fail "pkg-config consumer does not build"
 library_line='^start 0 cycles 5 .*stored 0 '
-kit_line='^kit start 0 measured 5 heading -?[0-9]+ stop 0$'
+kit_line='^kit start KMXC_SERVICE_OK measured 5 heading -?[0-9]+ cycle KMXC_SERVICE_OK stop KMXC_SERVICE_OK$'
 expect_run pkgconfig "$work/consumer_pkgconfig" "$library_line"
 # The service kit, when the tree has one: its .pc brings the library's flags along.
 have_kit=no

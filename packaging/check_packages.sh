@@ -1,22 +1,22 @@
 #!/usr/bin/env bash
-# Makes the Debian packages of a build tree and checks each against README.md: the
-# package files it names exist, with the architecture, version and dependencies it
-# states, and hold exactly the files it lists (no more, no fewer).
-# Usage: check_packages.sh BUILD_DIR WORK_DIR README MULTIARCH DEB_ARCH VERSION CONFIG HAVE_KIT(yes|no)
+# Checks the Debian packages of a build tree (make_packages.sh put them in DEB_DIR)
+# against README.md: the package files it names exist, with the architecture, version
+# and dependencies it states, and hold exactly the files it lists (no more, no fewer).
+# VERSION is the packages' <version>-<revision>.
+# Usage: check_packages.sh DEB_DIR WORK_DIR README MULTIARCH DEB_ARCH VERSION CONFIG HAVE_KIT(yes|no)
 set -euo pipefail
-build=$1 work=$2 readme=$3 multiarch=$4 arch=$5 version=$6 config=$7 have_kit=$8
+debs=$1 work=$2 readme=$3 multiarch=$4 arch=$5 version=$6 config=$7 have_kit=$8
 
 fail() { echo "FAIL: $*" >&2; exit 1; }
 
 # Only ever empties its own scratch directory.
 rm -rf "$work"
 mkdir -p "$work"
-cpack --config "$build/CPackConfig.cmake" -B "$work" >"$work/cpack.log" 2>&1 || { cat "$work/cpack.log"; fail cpack; }
 
 # The README's list: the first ```text block after "### Debian packages". A line
 # "<file> depends: <deps>" starts a package, the indented lines under it are its files.
 expected=$(awk '/^### Debian packages/ {s=1} s==1 && /^```text/ {s=2; next} s==2 && /^```/ {exit} s==2' "$readme" |
-  sed -e "s/<version>/$version/g" -e "s/<arch>/$arch/g" -e "s/<multiarch>/$multiarch/g" -e "s/<config>/$config/g")
+  sed -e "s/<version>-<revision>/$version/g" -e "s/<version>/${version%-*}/g" -e "s/<arch>/$arch/g" -e "s/<multiarch>/$multiarch/g" -e "s/<config>/$config/g")
 [ -n "$expected" ] || fail "no package list under '### Debian packages' in $readme"
 # The service kit's files are listed too; a tree without the kit does not make them.
 [ "$have_kit" = yes ] || expected=$(grep -v kmxc_service <<<"$expected")
@@ -38,7 +38,7 @@ while IFS= read -r line; do
   fi
 done <<<"$expected"
 
-made=$(cd "$work" && ls -1 -- *.deb 2>/dev/null | sort)
+made=$(cd "$debs" && ls -1 -- *.deb 2>/dev/null | sort)
 want=$(printf '%s\n' "${order[@]}" | sort)
 [ "$made" = "$want" ] || fail "cpack made [$(echo $made)], README lists [$(echo $want)]"
 
@@ -58,7 +58,7 @@ want_deps() { # "name[arch]" applies on that architecture only
 
 status=0
 for deb in "${order[@]}"; do
-  f=$work/$deb
+  f=$debs/$deb
   got_arch=$(dpkg-deb -f "$f" Architecture)
   got_deps=$(dpkg-deb -f "$f" Depends)
   [ "$got_arch" = "$arch" ] || { echo "FAIL: $deb: Architecture $got_arch, want $arch" >&2; status=1; }
@@ -82,7 +82,7 @@ for deb in "${order[@]}"; do
   headers=$(grep '^/usr/include/kmxc_orvane/.*\.h$' <<<"${files[$deb]}" || true)
   [ -n "$headers" ] || continue
   unpacked=$work/unpacked-${deb%.deb}
-  dpkg-deb -x "$work/$deb" "$unpacked"
+  dpkg-deb -x "$debs/$deb" "$unpacked"
   while IFS= read -r header; do
     while IFS= read -r included; do
       [ -f "$unpacked/usr/include/kmxc_orvane/$included" ] ||

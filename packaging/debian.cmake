@@ -1,10 +1,13 @@
 # Debian packages (CPack DEB), one per install component:
 #   libkmxc-orvane        runtime:     the libraries
 #   libkmxc-orvane-dev    development: headers, pkg-config files, CMake package
-#   kmxc-orvane-tools     tools:       compass_service, the virtual phone, their docs
+#   kmxc-orvane-tools     tools:       compass_service, the virtual phone and its world,
+#                                      their docs, the example services' sources
 # `cpack --config <build>/CPackConfig.cmake` in a build tree makes them for that build's
-# architecture: amd64 natively, armel from the cross build. What each holds is listed
-# in README.md and checked against the packages by the package_contents test.
+# architecture: amd64 natively, armel from the cross build; the presets packages and
+# packages-armel configure a build of only what ships (KMXC_BUILD_TESTS and
+# KMXC_BUILD_BENCHMARKS off) and make them there. What each holds is listed in
+# README.md and checked against the packages by the package_contents test.
 
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME kmxc-orvane)
@@ -62,22 +65,38 @@ set(CPACK_DEBIAN_TOOLS_DESCRIPTION "electronic compass library - virtual phone a
 compass_service plays a phone's sensor service against the library on a
 virtual phone: scripted handling, raw-data record and replay, report and plot.
 libkmxc_vphone.so, the virtual phone, stands in for the kernel driver, both
-chips and the phone's files; any program runs on it with LD_PRELOAD.")
+chips, the phone's files and its monotonic clock; any program runs on it with
+LD_PRELOAD, and with libkmxc_vphone_world.so preloaded too the phone is
+handled by a scenario or a recorded run. The documentation holds a sensor
+service written as a HAL is, to build against the kit and run on it.")
 
 include(CPack)
 
-# Makes the packages and checks each one's file list against README.md. Skipped under
-# the sanitizers (nothing there is shipped).
-if(NOT KMXC_SANITIZE)
+# The packages of this build (made once per test run), checked: each one's file list
+# against README.md, and the shipped example built from them alone and run on the
+# shipped virtual phone. Skipped under the sanitizers (nothing there is shipped).
+if(KMXC_BUILD_TESTS AND NOT KMXC_SANITIZE)
   find_program(DPKG_DEB dpkg-deb REQUIRED)
   if(TARGET kmxc_service)
     set(KMXC_PACKAGES_HAVE_KIT yes)
   else()
     set(KMXC_PACKAGES_HAVE_KIT no)
   endif()
+  set(kmxc_packages ${PROJECT_BINARY_DIR}/packages)
+  set(kmxc_deb_version ${PROJECT_VERSION}-${CPACK_DEBIAN_PACKAGE_RELEASE})
+  add_test(NAME packages_made COMMAND ${CMAKE_CURRENT_LIST_DIR}/make_packages.sh ${PROJECT_BINARY_DIR} ${kmxc_packages})
+  set_tests_properties(packages_made PROPERTIES FIXTURES_SETUP kmxc_packages)
   string(TOLOWER "${CMAKE_BUILD_TYPE}" kmxc_config)
   add_test(NAME package_contents
-    COMMAND ${CMAKE_CURRENT_LIST_DIR}/check_packages.sh ${PROJECT_BINARY_DIR}
+    COMMAND ${CMAKE_CURRENT_LIST_DIR}/check_packages.sh ${kmxc_packages}
       ${PROJECT_BINARY_DIR}/package-test ${PROJECT_SOURCE_DIR}/README.md
-      ${CMAKE_LIBRARY_ARCHITECTURE} ${KMXC_DEB_ARCH} ${PROJECT_VERSION}-${CPACK_DEBIAN_PACKAGE_RELEASE} ${kmxc_config} ${KMXC_PACKAGES_HAVE_KIT})
+      ${CMAKE_LIBRARY_ARCHITECTURE} ${KMXC_DEB_ARCH} ${kmxc_deb_version} ${kmxc_config} ${KMXC_PACKAGES_HAVE_KIT})
+  set_tests_properties(package_contents PROPERTIES FIXTURES_REQUIRED kmxc_packages)
+  if(KMXC_PACKAGES_HAVE_KIT)
+    add_test(NAME install_packaged_example
+      COMMAND ${CMAKE_CURRENT_LIST_DIR}/check_packaged_example.sh ${kmxc_packages} ${PROJECT_BINARY_DIR}/packaged-example
+        ${KMXC_DEB_ARCH} ${kmxc_deb_version} ${CMAKE_LIBRARY_ARCHITECTURE} ${CMAKE_C_COMPILER} "${CMAKE_C_FLAGS}"
+        "${CMAKE_CROSSCOMPILING_EMULATOR}" ${PKG_CONFIG_EXECUTABLE} ${PROJECT_SOURCE_DIR}/service/check_example.sh)
+    set_tests_properties(install_packaged_example PROPERTIES FIXTURES_REQUIRED kmxc_packages)
+  endif()
 endif()

@@ -8,7 +8,9 @@
 #   <libdir>/cmake/kmxc_orvane/                          CMake package (development)
 #   <bindir>/compass_service                             the demo service (tools)
 #   <libdir>/kmxc_orvane/libkmxc_vphone.so               the virtual phone (tools)
-#   <datadir>/doc/kmxc-orvane-tools/                     their documentation (tools)
+#   <libdir>/kmxc_orvane/libkmxc_vphone_world.so         the world that moves it (tools)
+#   <datadir>/doc/kmxc-orvane-tools/                     their documentation and the
+#                                                        example services' sources (tools)
 #
 # Headers keep their subsystem folders, so `-I<includedir>/kmxc_orvane` serves the
 # includes the headers make of each other ("numerics/numerics.h", ...).
@@ -96,22 +98,27 @@ install(FILES ${PROJECT_BINARY_DIR}/kmxc_orvaneConfig.cmake ${PROJECT_BINARY_DIR
 # --- Tools --------------------------------------------------------------------------
 # The virtual phone interposes open, read, ioctl, ... for any program that loads it, so
 # it lives in a private directory, never on the loader's default path; programs get it
-# by LD_PRELOAD or, like compass_service, through their RUNPATH.
-install(TARGETS kmxc_vphone LIBRARY DESTINATION ${KMXC_PRELOAD_DIR} COMPONENT tools)
+# by LD_PRELOAD or, like compass_service, through their RUNPATH. The world library
+# beside it is preloaded after it and finds it already loaded.
+set_target_properties(kmxc_vphone_world PROPERTIES INSTALL_RPATH "\$ORIGIN")  # ... or loads it from there
+install(TARGETS kmxc_vphone kmxc_vphone_world LIBRARY DESTINATION ${KMXC_PRELOAD_DIR} COMPONENT tools)
 file(RELATIVE_PATH kmxc_bin_to_lib /${CMAKE_INSTALL_BINDIR} /${CMAKE_INSTALL_LIBDIR})
 set_target_properties(compass_service PROPERTIES
   INSTALL_RPATH "\$ORIGIN/${kmxc_bin_to_lib}/kmxc_orvane;\$ORIGIN/${kmxc_bin_to_lib}")
 install(TARGETS compass_service RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
-install(FILES ${PROJECT_SOURCE_DIR}/tools/README.md DESTINATION ${KMXC_TOOLS_DOCDIR} RENAME tools.md COMPONENT tools)
-install(FILES ${PROJECT_SOURCE_DIR}/vphone/README.md DESTINATION ${KMXC_TOOLS_DOCDIR} RENAME vphone.md COMPONENT tools)
-install(FILES ${PROJECT_SOURCE_DIR}/docs/record-format.md ${PROJECT_SOURCE_DIR}/vphone/preload_demo.c
+# The documentation written for the package's users (installed paths and names only;
+# the install tests check that), and two programs to start from.
+install(FILES ${PROJECT_SOURCE_DIR}/vphone/preloading.md DESTINATION ${KMXC_TOOLS_DOCDIR} RENAME vphone.md
+  COMPONENT tools)
+install(FILES ${PROJECT_SOURCE_DIR}/tools/compass_service.md ${PROJECT_SOURCE_DIR}/docs/record-format.md
+  ${PROJECT_SOURCE_DIR}/vphone/preload_demo.c ${PROJECT_SOURCE_DIR}/service/example_service.c
   DESTINATION ${KMXC_TOOLS_DOCDIR} COMPONENT tools)
 
 # --- Tests of the installed tree --------------------------------------------------------
 # Install into a scratch prefix, build the two consumers against it (pkg-config and
 # find_package), run them on the virtual phone; under a cross build, through the
 # emulator. Skipped under the sanitizers, whose runtime the installed tree lacks.
-if(NOT KMXC_SANITIZE)
+if(KMXC_BUILD_TESTS AND NOT KMXC_SANITIZE)
   find_program(PKG_CONFIG_EXECUTABLE NAMES pkg-config pkgconf REQUIRED)
   set(kmxc_consumer_cflags "${CMAKE_C_FLAGS}")
   if(CMAKE_SYSROOT)

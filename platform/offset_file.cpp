@@ -17,9 +17,9 @@ constexpr char kMainPath[] = KMXC_CALIBRATION_FILE;
 constexpr char kBackupPath[] = KMXC_CALIBRATION_BACKUP_FILE;
 constexpr char kFormat[] = "%d,%d,%d,%d,%d,%d,%d,%d,%d";
 constexpr char kLogTag[] = "Msmachdep";
-constexpr uid_t kCompassUid = 1008;  // the compass user
-constexpr gid_t kSystemGid = 1000;   // the system group
-constexpr mode_t kFileMode = 0666;
+constexpr uid_t kCompassUid = KMXC_CALIBRATION_FILE_UID;
+constexpr gid_t kSystemGid = KMXC_CALIBRATION_FILE_GID;
+constexpr mode_t kFileMode = KMXC_CALIBRATION_FILE_MODE;
 
 constexpr int kFields = 9;
 constexpr int kRough = 0;

@@ -61,6 +61,9 @@ def run_one(binary, scenario, seed, rate, soft, work):
         cmd += ["--soft-iron", SOFT_IRON[soft]]
     p = subprocess.run(cmd, capture_output=True, text=True)
     if p.returncode not in (0, 3) or not os.path.exists(js):
+        # A run that failed says why: a missing binary, a refused option, a crash.
+        why = (p.stderr.strip().splitlines() or [f"exit {p.returncode}, no summary"])[-1]
+        print(f"goals.py: {' '.join(cmd)}: {why}", file=sys.stderr)
         return None
     with open(js) as f:
         summary = json.load(f)
@@ -259,6 +262,9 @@ def main():
                         [] if a.soft_iron == "none" else a.soft_iron.split(","))
     work = a.work or tempfile.mkdtemp(prefix="kmxc-goals-")
     os.makedirs(work, exist_ok=True)
+    for name, path in [("--binary", a.binary)] + ([("--base", a.base)] if a.base else []):
+        if not os.access(path, os.X_OK):
+            sys.exit(f"goals.py: {name} {path}: no such program (build it first)")
     binaries = [("after", os.path.abspath(a.binary))] + ([("before", os.path.abspath(a.base))] if a.base else [])
     if a.car:
         car_table(a, seeds, rates, binaries, work)

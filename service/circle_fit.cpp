@@ -13,19 +13,11 @@ constexpr int kCentreBits = 8;  // in-plane centre, 1/256 count
 
 int64_t round_shift(int64_t v, int s) { return (v + (int64_t{1} << (s - 1))) >> s; }
 
-}  // namespace
-
-FitResult circle_fit(const FieldStore &store, const Vec3 &gravity, CircleFit *out) {
+// The sums s of u = m - m0 and the covariance times n^2, n sum(u u^T) - s s^T, with
+// |u| <= 2^11 (sums below 2^28.6); kOverflowRisk for a sample beyond the span.
+FitResult centred_covariance(const FieldStore &store, const Vec3 &m0, int32_t s[3], int64_t cov[6]) {
     const int n = store.count;
-    if (n < kCircleMinSamples) return FitResult::kTooFew;
-    int32_t sum[3] = {0, 0, 0};  // below 32 * 2^15
-    for (int i = 0; i < n; ++i) {
-        for (int k = 0; k < 3; ++k) sum[k] += store.sample[i].m[k];
-    }
-    const Vec3 m0{sum[0] / n, sum[1] / n, sum[2] / n};  // truncated: the fraction is kept in s
-
-    // Covariance times n^2: n sum(u u^T) - s s^T, with |u| <= 2^11 (sums below 2^28.6).
-    int32_t s[3] = {0, 0, 0}, uu[6] = {0, 0, 0, 0, 0, 0};
+    int32_t uu[6] = {0, 0, 0, 0, 0, 0};
     for (int i = 0; i < n; ++i) {
         const Vec3 u = minus(stored_field(store, i), m0);
         if (u.x > kCircleSpanLimit || u.x < -kCircleSpanLimit || u.y > kCircleSpanLimit || u.y < -kCircleSpanLimit ||
@@ -36,32 +28,43 @@ FitResult circle_fit(const FieldStore &store, const Vec3 &gravity, CircleFit *ou
         uu[3] += u.y * u.y, uu[4] += u.y * u.z, uu[5] += u.z * u.z;
     }
     constexpr int kRow[6] = {0, 0, 0, 1, 1, 2}, kCol[6] = {0, 1, 2, 1, 2, 2};
-    int64_t cov[6];
     for (int k = 0; k < 6; ++k) cov[k] = int64_t{n} * uu[k] - int64_t{s[kRow[k]]} * s[kCol[k]];
+    return FitResult::kOk;
+}
 
-    // The normal (Q30), signed by gravity: |n| <= 2^30 and |g| < 2^31, so n.g < 2^63.
-    int64_t nv[3];
-    if (!sym3_smallest_vector(cov, nv)) return FitResult::kIllConditioned;
+// The plane's unit normal nv and in-plane axes e1, e2 (Q30); false when the covariance
+// determines no plane.
+bool plane_axes(const int64_t cov[6], const Vec3 &gravity, int64_t nv[3], int64_t e1[3], int64_t e2[3]) {
+    // The normal, signed by gravity: |n| <= 2^30 and |g| < 2^31, so n.g < 2^63.
+    if (!sym3_smallest_vector(cov, nv)) return false;
     if (nv[0] * (gravity.x >> 2) + nv[1] * (gravity.y >> 2) + nv[2] * (gravity.z >> 2) < 0) {
-        for (int64_t &c : nv) c = -c;
+        for (int k = 0; k < 3; ++k) nv[k] = -nv[k];
     }
 
     // In-plane axes: e1 = n x (the coordinate axis least along n), normalised (its
-    // length is at least sqrt(2/3)); e2 = n x e1. Q30.
+    // length is at least sqrt(2/3)); e2 = n x e1.
     int least = 0;
     for (int k = 1; k < 3; ++k) {
         const int64_t ak = nv[k] < 0 ? -nv[k] : nv[k], al = nv[least] < 0 ? -nv[least] : nv[least];
         if (ak < al) least = k;
     }
-    int64_t e1[3] = {0, 0, 0};
+    e1[0] = e1[1] = e1[2] = 0;
     const int a = (least + 1) % 3, b = (least + 2) % 3;
     e1[a] = nv[b], e1[b] = -nv[a];  // n x unit(least), up to the order of the cyclic pair
     const int64_t norm = isqrt64(static_cast<uint64_t>(e1[a] * e1[a] + e1[b] * e1[b]));
     const Reciprocal inv_norm = reciprocal(norm);
-    for (int64_t &c : e1) c = divide(c, inv_norm, kQ30);
-    const int64_t e2[3] = {(nv[1] * e1[2] - nv[2] * e1[1]) >> kQ30, (nv[2] * e1[0] - nv[0] * e1[2]) >> kQ30,
-                           (nv[0] * e1[1] - nv[1] * e1[0]) >> kQ30};
+    for (int k = 0; k < 3; ++k) e1[k] = divide(e1[k], inv_norm, kQ30);
+    e2[0] = (nv[1] * e1[2] - nv[2] * e1[1]) >> kQ30;
+    e2[1] = (nv[2] * e1[0] - nv[0] * e1[2]) >> kQ30;
+    e2[2] = (nv[0] * e1[1] - nv[1] * e1[0]) >> kQ30;
+    return true;
+}
 
+// The circle within the plane: its centre c along e1, e2 about m0 and its radius, both
+// 1/256 count, from the samples' projections.
+FitResult in_plane_circle(const FieldStore &store, const Vec3 &m0, const int64_t e1[3], const int64_t e2[3],
+                          int64_t c[2], int64_t *radius_q8) {
+    const int n = store.count;
     // Projections p, q (1/16 count, below 2^16), w = p^2 + q^2 (below 2^33): sums of
     // w p below 2^54, times n below 2^59.
     int64_t sp = 0, sq = 0, spp = 0, spq = 0, sqq = 0, sw = 0, swp = 0, swq = 0;
@@ -77,7 +80,6 @@ FitResult circle_fit(const FieldStore &store, const Vec3 &gravity, CircleFit *ou
     const int64_t r2[2] = {n * swp - sp * sw, n * swq - sq * sw};
     // The solve gives 2c in 1/16 count; 2^3 more gives c in 1/256 count.
     constexpr int8_t kFrac[2] = {kCentreBits - kProjBits - 1, kCentreBits - kProjBits - 1};
-    int64_t c[2];
     const FitResult solved = solve_spd(2, m2, r2, kFrac, c);
     if (solved != FitResult::kOk) return solved;
     constexpr int64_t kCentreLimit = int64_t{kCircleSpanLimit} << kCentreBits;
@@ -87,12 +89,18 @@ FitResult circle_fit(const FieldStore &store, const Vec3 &gravity, CircleFit *ou
     // 2^-8 count): each term below 2^47.
     const int64_t r2_n = 256 * sw - 32 * (sp * c[0] + sq * c[1]) + n * (c[0] * c[0] + c[1] * c[1]);
     if (r2_n <= 0) return FitResult::kNoSolution;
-    const int64_t radius_q8 = isqrt64(static_cast<uint64_t>(r2_n / n));
+    *radius_q8 = isqrt64(static_cast<uint64_t>(r2_n / n));
+    return FitResult::kOk;
+}
 
-    // The variance across the plane: n^T cov n / n^2, cov first scaled to 2^29..2^30 (the
-    // product with a Q30 vector below 2^61.6).
+// The variance across the plane, 1/256 count^2: n^T cov n / n^2, cov first scaled to
+// 2^29..2^30 (the product with a Q30 vector below 2^61.6).
+int64_t variance_across(const int64_t cov[6], const int64_t nv[3], int n) {
     int64_t big = 0;
-    for (const int64_t v : cov) big = (v < 0 ? -v : v) > big ? (v < 0 ? -v : v) : big;
+    for (int k = 0; k < 6; ++k) {
+        const int64_t v = cov[k] < 0 ? -cov[k] : cov[k];
+        if (v > big) big = v;
+    }
     const int down = significant_bits(big) - 30;
     int64_t cs[6];
     for (int k = 0; k < 6; ++k) cs[k] = shift_down(cov[k], down);
@@ -102,7 +110,25 @@ FitResult circle_fit(const FieldStore &store, const Vec3 &gravity, CircleFit *ou
     int64_t across = (nv[0] * mv0 + nv[1] * mv1 + nv[2] * mv2) >> kQ30;
     if (across < 0) across = 0;
     // Back to cov's scale, times 256 (1/256 count^2), over n^2: below 2^50 before the division.
-    const int64_t variance_q8 = shift_down(across, -down - 8) / (int64_t{n} * n);
+    return shift_down(across, -down - 8) / (int64_t{n} * n);
+}
+
+}  // namespace
+
+FitResult circle_fit(const FieldStore &store, const Vec3 &gravity, CircleFit *out) {
+    const int n = store.count;
+    if (n < kCircleMinSamples) return FitResult::kTooFew;
+    const Vec3 m0 = store_mean(store);  // truncated: the fraction is kept in s
+    int32_t s[3] = {0, 0, 0};
+    int64_t cov[6];
+    FitResult result = centred_covariance(store, m0, s, cov);
+    if (result != FitResult::kOk) return result;
+    int64_t nv[3], e1[3], e2[3];
+    if (!plane_axes(cov, gravity, nv, e1, e2)) return FitResult::kIllConditioned;
+    int64_t c[2], radius_q8;
+    result = in_plane_circle(store, m0, e1, e2, c, &radius_q8);
+    if (result != FitResult::kOk) return result;
+    const int64_t variance_q8 = variance_across(cov, nv, n);
 
     // The centre: m0, the in-plane solution, and the plane's own offset from m0 (the
     // mean's fraction along n, s.n / n; s.n below 2^48, to 1/256 count below 2^10).

@@ -98,26 +98,11 @@ constexpr const uint8_t *kEntryCol = kTables.col;
 // Packed symmetric 3x3 index of (i, j).
 constexpr int kPacked[3][3] = {{0, 1, 2}, {1, 3, 4}, {2, 4, 5}};
 
-}  // namespace
-
-bool axes_plausible(const int32_t axes_q14[3]) {
-    for (int k = 0; k < 3; ++k) {
-        if (axes_q14[k] < kAxisMinQ14 || axes_q14[k] > kAxisMaxQ14) return false;
-    }
-    return true;
-}
-
-FitResult ellipsoid_fit(const FieldStore &store, const SphereFit &sphere, EllipsoidFit *out) {
+// The samples' moments about c0 in kMonomial's order (kOverflowRisk for a sample beyond
+// the span). With |u| <= 2^10 per axis: degree 2 below 2^20 and its sums below 2^25 (32
+// bits), degrees 3 and 4 below 2^40 and their sums below 2^45 (64 bits).
+FitResult sample_moments(const FieldStore &store, const Vec3 &c0, int64_t moment[kMoments]) {
     const int n = store.count;
-    if (n < kEllipsoidMinSamples) return FitResult::kTooFew;
-    const Vec3 c0 = sphere.offset;
-
-    // Normal equations of the features f = (x^2 - z^2, y^2 - z^2, 2xy, 2xz, 2yz, -2x,
-    // -2y, -2z, 1) against t = -|u|^2, from the samples' moments: every product of two
-    // features, and of a feature and t, is a sum of monomials of degree up to 4, so 34
-    // sums per sample stand for the 54 entries. With |u| <= 2^10 per axis: degree 2 below
-    // 2^20 and its sums below 2^25 (32 bits), degrees 3 and 4 below 2^40 and their sums
-    // below 2^45 (64 bits); every entry, at most four moments times 4, below 2^48.
     int32_t m1[3] = {0, 0, 0}, m2[6] = {0, 0, 0, 0, 0, 0};
     int64_t m3[10] = {}, m4[15] = {};
     for (int i = 0; i < n; ++i) {
@@ -141,14 +126,19 @@ FitResult ellipsoid_fit(const FieldStore &store, const SphereFit &sphere, Ellips
         m4[9] += int64_t{zz} * xz, m4[10] += int64_t{yy} * yy, m4[11] += int64_t{yy} * yz;
         m4[12] += int64_t{yy} * zz, m4[13] += int64_t{zz} * yz, m4[14] += int64_t{zz} * zz;
     }
-    int64_t moment[kMoments];
     moment[0] = n;
     for (int k = 0; k < 3; ++k) moment[1 + k] = m1[k];
     for (int k = 0; k < 6; ++k) moment[4 + k] = m2[k];
     for (int k = 0; k < 10; ++k) moment[10 + k] = m3[k];
     for (int k = 0; k < 15; ++k) moment[20 + k] = m4[k];
-    int64_t a[kUnknowns * kUnknowns];
-    int64_t r[kUnknowns];
+    return FitResult::kOk;
+}
+
+// Normal equations of the features f = (x^2 - z^2, y^2 - z^2, 2xy, 2xz, 2yz, -2x, -2y,
+// -2z, 1) against t = -|u|^2 from the moments: every product of two features, and of a
+// feature and t, is a sum of monomials of degree up to 4, so 34 sums per sample stand for
+// the 54 entries; every entry, at most four moments times 4, below 2^48.
+void normal_equations(const int64_t moment[kMoments], int64_t a[kUnknowns * kUnknowns], int64_t r[kUnknowns]) {
     for (int e = 0; e < kEntries; ++e) {
         int64_t v = 0;
         for (int k = 0; k < kNormalTerms[e].terms; ++k)
@@ -160,49 +150,58 @@ FitResult ellipsoid_fit(const FieldStore &store, const SphereFit &sphere, Ellips
             a[j * kUnknowns + k] = a[k * kUnknowns + j] = v;
         }
     }
-    // The ridge: lambda times the Frobenius form of D = [[p, s1, s2], [s1, q, s3],
-    // [s2, s3, -p-q]]: 2p^2 + 2q^2 + 2pq + 2(s1^2 + s2^2 + s3^2). R^4 below 2^40.
-    const int64_t r2_q8 = int64_t{sphere.radius_q4} * sphere.radius_q4;
+}
+
+// The ridge added to a: lambda times the Frobenius form of D = [[p, s1, s2], [s1, q, s3],
+// [s2, s3, -p-q]]: 2p^2 + 2q^2 + 2pq + 2(s1^2 + s2^2 + s3^2). R^4 below 2^40.
+void add_ridge(int n, int32_t radius_q4, int64_t a[kUnknowns * kUnknowns]) {
+    const int64_t r2_q8 = int64_t{radius_q4} * radius_q4;
     const int64_t lambda = (n * ((r2_q8 * r2_q8) >> 16)) >> kEllipsoidRidgeBits;
     a[0 * kUnknowns + 0] += 2 * lambda;
     a[1 * kUnknowns + 1] += 2 * lambda;
     a[0 * kUnknowns + 1] += lambda;
     a[1 * kUnknowns + 0] += lambda;
     for (int j = 2; j < 5; ++j) a[j * kUnknowns + j] += 2 * lambda;
+}
 
-    constexpr int8_t kFrac[kUnknowns] = {kQ30,        kQ30,        kQ30,        kQ30,      kQ30,
-                                         kCentreBits, kCentreBits, kCentreBits, kConstBits};
-    int64_t x[kUnknowns];
-    FitResult solved = solve_spd(kUnknowns, a, r, kFrac, x);
-    if (solved != FitResult::kOk) return solved;
-
-    // A = I + D (Q30), its eigenvalues, and the centre A^-1 b (1/65536 count).
+// The quadric the solution x describes, judged: a near-sphere with a centre in the span
+// and a positive radius, or kNoSolution.
+struct Quadric {
+    int64_t am[6];       // A = I + D, packed, Q30
+    int64_t lambda[3];   // A's eigenvalues, descending, Q30
+    int64_t c[3];        // the centre A^-1 b about the sphere's offset, 1/65536 count
+    int64_t radius2_q8;  // b.c - k, 1/256 count^2
+};
+FitResult quadric_of(const int64_t x[kUnknowns], Quadric *q) {
     const int64_t am[6] = {kOneQ30 + x[0], x[2], x[3], kOneQ30 + x[1], x[4], kOneQ30 - x[0] - x[1]};
     for (const int64_t v : am) {
         if (v > 4 * kOneQ30 || v < -4 * kOneQ30) return FitResult::kNoSolution;  // no near-sphere quadric
     }
-    int64_t lambda3[3];
-    sym3_eigenvalues(am, lambda3);
-    if (lambda3[2] <= 0) return FitResult::kNoSolution;
+    for (int k = 0; k < 6; ++k) q->am[k] = am[k];
+    sym3_eigenvalues(am, q->lambda);
+    if (q->lambda[2] <= 0) return FitResult::kNoSolution;
     const int64_t afull[9] = {am[0], am[1], am[2], am[1], am[3], am[4], am[2], am[4], am[5]};
     constexpr int8_t kCentreFrac[3] = {kQ30, kQ30, kQ30};
-    int64_t c[3];
-    solved = solve_spd(3, afull, &x[5], kCentreFrac, c);
-    if (solved != FitResult::kOk) return FitResult::kNoSolution;
+    int64_t *c = q->c;
+    if (solve_spd(3, afull, &x[5], kCentreFrac, c) != FitResult::kOk) return FitResult::kNoSolution;
     // The centre within the span (b and c below 2^27 in their format, b.c below 2^56).
     constexpr int64_t kCentreLimit = int64_t{kEllipsoidSpanLimit} << kCentreBits;
     for (int k = 0; k < 3; ++k) {
         if (c[k] > kCentreLimit || c[k] < -kCentreLimit || x[5 + k] > 4 * kCentreLimit || x[5 + k] < -4 * kCentreLimit)
             return FitResult::kNoSolution;
     }
-    const int64_t radius2_q8 =
-        ((x[5] * c[0] + x[6] * c[1] + x[7] * c[2]) >> (2 * kCentreBits - kConstBits)) - x[kUnknowns - 1];
-    if (radius2_q8 <= 0) return FitResult::kNoSolution;
+    q->radius2_q8 = ((x[5] * c[0] + x[6] * c[1] + x[7] * c[2]) >> (2 * kCentreBits - kConstBits)) - x[kUnknowns - 1];
+    return q->radius2_q8 <= 0 ? FitResult::kNoSolution : FitResult::kOk;
+}
 
+// W = A^(1/2) / g (Q14) and the axes mu / g (Q14), with g = det(A)^(1/6) (Q30, returned
+// in *g); kNoSolution when A's root degenerates.
+FitResult normalised_root(const Quadric &quad, int64_t *g_out, EllipsoidFit *out) {
+    const int64_t *am = quad.am;
     // Roots of the eigenvalues (below 4, so lambda << 30 stays below 2^62), their
     // elementary symmetric functions, and the normalisation g = III^(1/3) = det(A)^(1/6).
     int64_t mu[3];
-    for (int k = 0; k < 3; ++k) mu[k] = isqrt64(static_cast<uint64_t>(lambda3[k] << kQ30));
+    for (int k = 0; k < 3; ++k) mu[k] = isqrt64(static_cast<uint64_t>(quad.lambda[k] << kQ30));
     const int64_t i1 = mu[0] + mu[1] + mu[2];
     const int64_t i2 = (mu[0] * mu[1] + mu[0] * mu[2] + mu[1] * mu[2]) >> kQ30;
     const int64_t i3 = (((mu[0] * mu[1]) >> kQ30) * mu[2]) >> kQ30;
@@ -238,14 +237,50 @@ FitResult ellipsoid_fit(const FieldStore &store, const SphereFit &sphere, Ellips
         }
     }
     for (int k = 0; k < 3; ++k) out->axes_q14[k] = static_cast<int32_t>((divide(mu[k], inv_g, 15) + 1) >> 1);
+    *g_out = g;
+    return FitResult::kOk;
+}
+
+}  // namespace
+
+bool axes_plausible(const int32_t axes_q14[3]) {
+    for (int k = 0; k < 3; ++k) {
+        if (axes_q14[k] < kAxisMinQ14 || axes_q14[k] > kAxisMaxQ14) return false;
+    }
+    return true;
+}
+
+FitResult ellipsoid_fit(const FieldStore &store, const SphereFit &sphere, EllipsoidFit *out) {
+    const int n = store.count;
+    if (n < kEllipsoidMinSamples) return FitResult::kTooFew;
+    const Vec3 c0 = sphere.offset;
+    int64_t moment[kMoments];
+    FitResult result = sample_moments(store, c0, moment);
+    if (result != FitResult::kOk) return result;
+    int64_t a[kUnknowns * kUnknowns];
+    int64_t r[kUnknowns];
+    normal_equations(moment, a, r);
+    add_ridge(n, sphere.radius_q4, a);
+
+    // D (Q30), b (1/65536 count) and k (1/256 count^2).
+    constexpr int8_t kFrac[kUnknowns] = {kQ30,        kQ30,        kQ30,        kQ30,      kQ30,
+                                         kCentreBits, kCentreBits, kCentreBits, kConstBits};
+    int64_t x[kUnknowns];
+    result = solve_spd(kUnknowns, a, r, kFrac, x);
+    if (result != FitResult::kOk) return result;
+    Quadric quad;
+    if (quadric_of(x, &quad) != FitResult::kOk) return FitResult::kNoSolution;
+    int64_t g;
+    if (normalised_root(quad, &g, out) != FitResult::kOk) return FitResult::kNoSolution;
+
     const int64_t half = int64_t{1} << (kCentreBits - 1);
-    out->offset = Vec3{c0.x + static_cast<int32_t>((c[0] + half) >> kCentreBits),
-                       c0.y + static_cast<int32_t>((c[1] + half) >> kCentreBits),
-                       c0.z + static_cast<int32_t>((c[2] + half) >> kCentreBits)};
+    out->offset = Vec3{c0.x + static_cast<int32_t>((quad.c[0] + half) >> kCentreBits),
+                       c0.y + static_cast<int32_t>((quad.c[1] + half) >> kCentreBits),
+                       c0.z + static_cast<int32_t>((quad.c[2] + half) >> kCentreBits)};
     // The root to 1/256 count (radius^2 below 2^40, shifted below 2^48), divided by g, then
     // truncated to 1/16.
-    const int64_t radius_q8 = isqrt64(static_cast<uint64_t>(radius2_q8) << 8);
-    out->radius_q4 = static_cast<int32_t>(divide(radius_q8, inv_g, kQ30) >> 4);
+    const int64_t radius_q8 = isqrt64(static_cast<uint64_t>(quad.radius2_q8) << 8);
+    out->radius_q4 = static_cast<int32_t>(divide(radius_q8, reciprocal(g), kQ30) >> 4);
     field_store_strengths(store, out->offset, out->w_q14, &out->residual);
     return axes_plausible(out->axes_q14) ? FitResult::kOk : FitResult::kImplausible;
 }

@@ -4,11 +4,11 @@
 
 #include <math.h>
 
-#include "drivers/kmxc_protocol.h"
+#include "common/common.h"
 
 namespace {
 
-constexpr float kMicroteslaPerCount = static_cast<float>(kmxc::kMicroteslaPerCount);
+constexpr float kMicroteslaPerCount = 10.0f / KMXC_MS_COUNTS_PER_10_UT;
 
 // A whole-degree angle as the event carries it: -0 (a truncated small negative angle)
 // reads 0.

@@ -161,6 +161,15 @@ Offer field_store_offer(FieldStore *s, const Vec3 &m, const Vec3 &g, const Vec3 
     return result;
 }
 
+Vec3 store_mean(const FieldStore &store) {
+    const int n = store.count;
+    int32_t sum[3] = {0, 0, 0};  // below 32 * 2^15
+    for (int i = 0; i < n; ++i) {
+        for (int k = 0; k < 3; ++k) sum[k] += store.sample[i].m[k];
+    }
+    return Vec3{sum[0] / n, sum[1] / n, sum[2] / n};
+}
+
 int coverage_cell(const Vec3 &v) {
     const int64_t ax = v.x < 0 ? -int64_t{v.x} : v.x, ay = v.y < 0 ? -int64_t{v.y} : v.y,
                   az = v.z < 0 ? -int64_t{v.z} : v.z;

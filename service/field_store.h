@@ -100,6 +100,10 @@ void field_store_clear(FieldStore *store);
 // acceleration), recorded for the dip.
 Offer field_store_offer(FieldStore *store, const Vec3 &m, const Vec3 &g, const Vec3 *centre, bool anomaly, bool steady);
 
+// The mean of the kept samples' fields, each component truncated toward zero (the fits
+// centre their sums on it and keep its fraction in their first moments). count > 0.
+Vec3 store_mean(const FieldStore &store);
+
 // The coverage cell of a direction, 0..23: the face of the largest |component| (ties
 // go to x before y before z; the face of a zero component is the positive one), then the
 // quadrant by the signs of the other two (zero counts as positive). -1 for the zero vector.

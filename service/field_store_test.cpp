@@ -236,6 +236,34 @@ TEST(FieldStore, CoverageCellsSplitAtTheirBordersByTheStatedTies) {
     EXPECT_EQ(field_store_coverage(s, Vec3{0, 0, -1000}), 4) << "seen from far below: the +z face only";
 }
 
+// The fits centre their sums on this mean and keep its fraction in their first moments:
+// each axis truncated toward zero (not floored), every kept sample counted, and a full
+// store of int16 extremes summed without wrapping.
+TEST(FieldStore, TheMeanTruncatesEachAxisTowardZeroOverEveryKeptSample) {
+    std::vector<Vec3> extremes;
+    for (int i = 0; i < kStoreCapacity; ++i) extremes.push_back(Vec3{-32768, -32768 + 16 * i, 32767});
+    const struct {
+        const char *name;
+        std::vector<Vec3> fields;
+    } cases[] = {
+        {"one sample", {{-5, 7, 0}}},
+        {"negative sums with remainders", {{-100, -1, 50}, {-109, -20, -60}, {-117, 0, 9}}},
+        {"positive sums with remainders", {{100, 1, -50}, {109, 20, 60}, {118, 0, -9}}},
+        {"the first sample alone off the rest", {{900, -900, 900}, {0, 0, 0}, {0, 10, 0}, {10, 0, 0}}},
+        {"a full store of int16 extremes", extremes},
+    };
+    for (const auto &c : cases) {
+        const FieldStore s = store_of(c.fields);
+        double sum[3] = {0, 0, 0};
+        for (const Vec3 &m : c.fields) sum[0] += m.x, sum[1] += m.y, sum[2] += m.z;
+        const double n = static_cast<double>(c.fields.size());
+        const Vec3 mean = store_mean(s);
+        EXPECT_EQ(mean.x, static_cast<int32_t>(std::trunc(sum[0] / n))) << c.name;
+        EXPECT_EQ(mean.y, static_cast<int32_t>(std::trunc(sum[1] / n))) << c.name;
+        EXPECT_EQ(mean.z, static_cast<int32_t>(std::trunc(sum[2] / n))) << c.name;
+    }
+}
+
 // Random stores, round to flat, under a random offset and correction: strengths, dip
 // and spread against the same quantities in double precision; and the Earth's range at
 // its ends (10 uT is 25 counts, 100 uT 250).

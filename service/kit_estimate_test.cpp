@@ -79,11 +79,15 @@ void fill(const std::vector<std::array<double, 3>> &dirs, const Vec3 &o, const d
         remember_fed(sample(dirs[i], o, s, noise, sd), kDown);
 }
 
-// One fitting step due now.
+// A sphere fit due now: the fit in one cycle, its judgement in the next (the event of
+// the judgement's cycle returned).
 KmxcServiceEvent step() {
     KmxcServiceEvent e{};
     e.mag_result = 1;  // a clipped sample: offered nothing
     g_state.est.joined = KMXC_SERVICE_STORE_REFIT_JOINS;
+    store_cycle(Vec3{0, 0, 0}, kDown, true, 1, &e);
+    e = KmxcServiceEvent{};
+    e.mag_result = 1;
     store_cycle(Vec3{0, 0, 0}, kDown, true, 1, &e);
     return e;
 }
@@ -159,7 +163,9 @@ TEST(KitEstimate, TheStoreIsRefittedOnlyOnceEnoughSamplesHaveJoined) {
         g_state.est.joined = static_cast<uint8_t>(joined);
         KmxcServiceEvent e{};
         e.mag_result = 1;
-        store_cycle(Vec3{0, 0, 0}, kDown, true, 1, &e);
+        store_cycle(Vec3{0, 0, 0}, kDown, true, 1, &e);  // the fit, when due
+        EXPECT_FALSE(e.flags & KMXC_SERVICE_KIT_ESTIMATE) << "judged in the next cycle, not the fit's";
+        store_cycle(Vec3{0, 0, 0}, kDown, true, 1, &e);  // its judgement
         const bool fitted = joined >= KMXC_SERVICE_STORE_REFIT_JOINS;
         EXPECT_EQ(g_state.estimator, fitted ? KMXC_SERVICE_ESTIMATOR_STORE_SPHERE : KMXC_SERVICE_ESTIMATOR_NONE)
             << joined;
@@ -172,8 +178,10 @@ TEST(KitEstimate, TheStoreIsRefittedOnlyOnceEnoughSamplesHaveJoined) {
     }
 }
 
-// Whether the store's sphere fit is trusted (high, medium), used as plausible (low), or
-// refused follows its samples' spread and noise through the predicted offset error.
+// Whether the store's sphere fit is trusted (high, medium), or refused follows how well
+// its samples determine the offset across gravity (what turns the heading of a phone
+// held as the samples were) and whether they agree. Gravity along z throughout: a cap
+// about z is a phone turned while held level.
 TEST(KitEstimate, DeterminacyAndAgreementDecideHowFarASphereFitIsUsed) {
     const struct {
         const char *name;
@@ -186,9 +194,11 @@ TEST(KitEstimate, DeterminacyAndAgreementDecideHowFarASphereFitIsUsed) {
          KMXC_SERVICE_ESTIMATOR_STORE_SPHERE},
         {"a 60-degree cap, little noise: determined, high", 60, 0.4, KMXC_SERVICE_HIGH, true,
          KMXC_SERVICE_ESTIMATOR_STORE_SPHERE},
-        {"a 35-degree cap, 2 counts of noise: plausible, low", 35, 2, KMXC_SERVICE_LOW, false,
-         KMXC_SERVICE_ESTIMATOR_STORE_SPHERE},
-        {"a 20-degree cap, 2 counts of noise: refused", 20, 2, KMXC_SERVICE_UNRELIABLE, false,
+        {"a 35-degree cap about gravity, 2 counts of noise: the horizontal offset determined, high", 35, 2,
+         KMXC_SERVICE_HIGH, true, KMXC_SERVICE_ESTIMATOR_STORE_SPHERE},
+        {"a 20-degree cap about gravity, 2 counts of noise: still determined across gravity", 20, 2, KMXC_SERVICE_HIGH,
+         true, KMXC_SERVICE_ESTIMATOR_STORE_SPHERE},
+        {"a 2-degree cap: no direction determined, refused", 2, 0.4, KMXC_SERVICE_UNRELIABLE, false,
          KMXC_SERVICE_ESTIMATOR_NONE},
         {"the whole sphere, 8 counts of noise: disagrees, refused", 180, 8, KMXC_SERVICE_UNRELIABLE, false,
          KMXC_SERVICE_ESTIMATOR_NONE},
@@ -295,6 +305,7 @@ TEST(KitEstimate, TheEllipsoidMustBeatTheSphereByItsFactorAndHavePlausibleAxes) 
         EllipsoidFit &f = g_state.est.ellipsoid;
         f = EllipsoidFit{};
         f.offset = kOffset;
+        f.radius_q4 = static_cast<int32_t>(kRadius * 16);
         for (int k = 0; k < 9; ++k) f.w_q14[k] = k % 4 == 0 ? 16384 : 0;
         f.axes_q14[0] = c.axis_q14, f.axes_q14[1] = 16384, f.axes_q14[2] = 16384;
         field_store_strengths(g_state.est.store, kOffset, f.w_q14, &f.residual);
@@ -311,6 +322,254 @@ TEST(KitEstimate, TheEllipsoidMustBeatTheSphereByItsFactorAndHavePlausibleAxes) 
     const int32_t past[3] = {kAxisMaxQ14 + 1, 16384, 16384}, at[3] = {kAxisMaxQ14, 16384, kAxisMinQ14};
     EXPECT_FALSE(axes_plausible(past));
     EXPECT_TRUE(axes_plausible(at));
+}
+
+// A library fit replaces a trusted offset only when its batch (the fed ring) agrees
+// with it, even when nothing predicts the error of the offset in use.
+TEST(KitEstimate, ALibraryFitReplacesATrustedOffsetOnlyWhenItsBatchAgrees) {
+    const struct {
+        const char *name;
+        Vec3 fit;
+        bool preferred;
+    } cases[] = {
+        {"a fit at the ring's offset: preferred", kOffset, true},
+        {"a fit 30 counts off: its batch disagrees", Vec3{kOffset.x + 30, kOffset.y, kOffset.z}, false},
+    };
+    for (const auto &c : cases) {
+        set_kit(kOffset);
+        g_state.offset_trusted = true;
+        g_state.base_accuracy = KMXC_SERVICE_HIGH;
+        Noise noise;
+        for (const auto &d : directions(KMXC_SERVICE_FEED_HISTORY))
+            remember_fed(sample(d, kOffset, kNoSoftIron, noise, 0.3), kDown);
+        const KmxAxesData o{c.fit.x, c.fit.y, c.fit.z};
+        EXPECT_EQ(library_fit_preferred(o, kDown), c.preferred) << c.name;
+    }
+}
+
+// ---- The heading's uncertainty caps the accuracy --------------------------------------
+
+// A covariance (counts^2) along the phone's axes: xx, yy, zz and an x-y term.
+OffsetCovariance covariance(double xx, double yy, double zz, double xy = 0) {
+    OffsetCovariance c{};
+    const double q8[6] = {xx, xy, 0, yy, 0, zz};
+    for (int k = 0; k < 6; ++k) c.p_q8[k] = static_cast<int32_t>(std::lround(q8[k] * 256));
+    c.valid = true;
+    return c;
+}
+
+// sigma_psi^2 = e^T P e |g|^2 / |e|^4, e = v x g, in double (rad^2): P in counts^2.
+double heading_variance(const int32_t p_q8[6], const Vec3 &v, const Vec3 &g) {
+    const double e[3] = {double(v.y) * g.z - double(v.z) * g.y, double(v.z) * g.x - double(v.x) * g.z,
+                         double(v.x) * g.y - double(v.y) * g.x};
+    const double p[3][3] = {{p_q8[0] / 256.0, p_q8[1] / 256.0, p_q8[2] / 256.0},
+                            {p_q8[1] / 256.0, p_q8[3] / 256.0, p_q8[4] / 256.0},
+                            {p_q8[2] / 256.0, p_q8[4] / 256.0, p_q8[5] / 256.0}};
+    double epe = 0, ee = 0;
+    for (int r = 0; r < 3; ++r) {
+        ee += e[r] * e[r];
+        for (int k = 0; k < 3; ++k) epe += e[r] * p[r][k] * e[k];
+    }
+    const double gg = double(g.x) * g.x + double(g.y) * g.y + double(g.z) * g.z;
+    return epe * gg / (ee * ee);
+}
+
+double limit_rad(int cdeg) { return cdeg * M_PI / 18000; }
+
+// A phone held level (gravity along +z, the field 50 counts = 20 uT north along +y and
+// 80 counts down): magnetic east is +x, the horizontal field 50 counts, so an offset
+// error of s counts along x turns the heading by s / 50 rad. Each limit's variance along
+// x is (limit * 50)^2; the cases sit 2 % each side of it, with the directions that do not
+// turn the heading (north, down) left at the prior's 50 counts.
+TEST(KitEstimate, TheHeadingsUncertaintyAtThisAttitudeCapsTheAccuracy) {
+    const Vec3 level_g{0, 0, 4096}, level_v{0, 50, -80};
+    const auto at = [](int cdeg, double f) { return std::pow(limit_rad(cdeg) * 50, 2) * f; };
+    constexpr double kPrior = 2500;
+    const struct {
+        const char *name;
+        OffsetCovariance p;
+        Vec3 v, g;
+        int8_t cap;
+    } cases[] = {
+        {"just within the high limit along east: high",
+         covariance(at(KMXC_SERVICE_HEADING_SIGMA_HIGH_CDEG, 0.98), kPrior, kPrior), level_v, level_g,
+         KMXC_SERVICE_HIGH},
+        {"just past the high limit: medium", covariance(at(KMXC_SERVICE_HEADING_SIGMA_HIGH_CDEG, 1.02), kPrior, kPrior),
+         level_v, level_g, KMXC_SERVICE_MEDIUM},
+        {"just within the medium limit: medium",
+         covariance(at(KMXC_SERVICE_HEADING_SIGMA_MEDIUM_CDEG, 0.98), kPrior, kPrior), level_v, level_g,
+         KMXC_SERVICE_MEDIUM},
+        {"just past the medium limit: low",
+         covariance(at(KMXC_SERVICE_HEADING_SIGMA_MEDIUM_CDEG, 1.02), kPrior, kPrior), level_v, level_g,
+         KMXC_SERVICE_LOW},
+        {"just within the low limit: low", covariance(at(KMXC_SERVICE_HEADING_SIGMA_LOW_CDEG, 0.98), kPrior, kPrior),
+         level_v, level_g, KMXC_SERVICE_LOW},
+        {"just past the low limit: unreliable",
+         covariance(at(KMXC_SERVICE_HEADING_SIGMA_LOW_CDEG, 1.02), kPrior, kPrior), level_v, level_g,
+         KMXC_SERVICE_UNRELIABLE},
+        // The same estimate (east determined, the rest at the prior) on a phone stood on
+        // its side: gravity along +x, the field north along +y and down along -x, so
+        // east is -z, the direction the samples never determined.
+        {"tilted until the undetermined direction is east: unreliable",
+         covariance(at(KMXC_SERVICE_HEADING_SIGMA_HIGH_CDEG, 0.5), kPrior, kPrior), Vec3{-80, 50, 0}, Vec3{4096, 0, 0},
+         KMXC_SERVICE_UNRELIABLE},
+        {"tilted, the east error along the phone's z determined: high",
+         covariance(kPrior, kPrior, at(KMXC_SERVICE_HEADING_SIGMA_HIGH_CDEG, 0.5)), Vec3{-80, 50, 0}, Vec3{4096, 0, 0},
+         KMXC_SERVICE_HIGH},
+        // A weaker horizontal field turns the same offset error into a larger heading
+        // error: 25 counts north instead of 50 doubles it.
+        {"half the horizontal field: the high limit's variance is past it",
+         covariance(at(KMXC_SERVICE_HEADING_SIGMA_HIGH_CDEG, 0.98), kPrior, kPrior), Vec3{0, 25, -80}, level_g,
+         KMXC_SERVICE_MEDIUM},
+        // Gravity's length enters as |g|^2 / |e|^2 = 1 / |h|^2: a phone accelerated to
+        // 1.5 g reads the same heading uncertainty.
+        {"gravity 1.5 g, just within the high limit: still high",
+         covariance(at(KMXC_SERVICE_HEADING_SIGMA_HIGH_CDEG, 0.98), kPrior, kPrior), level_v, Vec3{0, 0, 6144},
+         KMXC_SERVICE_HIGH},
+        {"the field along gravity: no heading", covariance(1, 1, 1), Vec3{0, 0, -120}, level_g,
+         KMXC_SERVICE_UNRELIABLE},
+    };
+    for (const auto &c : cases) {
+        g_state = State{};
+        g_state.est.cov = c.p;
+        EXPECT_EQ(heading_accuracy_cap(c.v, c.g), c.cap) << c.name;
+    }
+    g_state = State{};
+    EXPECT_EQ(heading_accuracy_cap(level_v, level_g), KMXC_SERVICE_HIGH) << "no covariance: the other rules decide";
+}
+
+// The integer cap against sigma_psi^2 = e^T P e |g|^2 / |e|^4 in double over random
+// covariances (with cross terms), fields and attitudes: the same level wherever the
+// double variance is more than 5 % from a limit (the integer one truncates e to 8
+// bits: up to 1 part in 128 per component, some 3 % of the variance).
+TEST(KitEstimate, TheIntegerHeadingCapMatchesTheDoubleFormula) {
+    uint32_t state = 2024;
+    const auto uniform = [&](double lo, double hi) {
+        state = state * 1664525u + 1013904223u;
+        return lo + (hi - lo) * ((state >> 8) / double(1 << 24));
+    };
+    const int limits[3] = {KMXC_SERVICE_HEADING_SIGMA_HIGH_CDEG, KMXC_SERVICE_HEADING_SIGMA_MEDIUM_CDEG,
+                           KMXC_SERVICE_HEADING_SIGMA_LOW_CDEG};
+    const int8_t levels[3] = {KMXC_SERVICE_HIGH, KMXC_SERVICE_MEDIUM, KMXC_SERVICE_LOW};
+    int compared = 0, per_level[4] = {0, 0, 0, 0};
+    for (int i = 0; i < 20000; ++i) {
+        // P = A A^T + d I with entries up to the prior's 2500 counts^2.
+        double a[3][3];
+        const double scale = std::exp(uniform(std::log(0.05), std::log(28.0)));
+        for (auto &row : a)
+            for (double &x : row) x = uniform(-1, 1) * scale;
+        double p[3][3];
+        for (int r = 0; r < 3; ++r)
+            for (int k = 0; k < 3; ++k) p[r][k] = a[r][0] * a[k][0] + a[r][1] * a[k][1] + a[r][2] * a[k][2];
+        g_state = State{};
+        OffsetCovariance &c = g_state.est.cov;
+        const double packed[6] = {p[0][0], p[0][1], p[0][2], p[1][1], p[1][2], p[2][2]};
+        for (int k = 0; k < 6; ++k) c.p_q8[k] = static_cast<int32_t>(std::lround(packed[k] * 256));
+        c.valid = true;
+        const auto draw = [&](double m) {
+            return Vec3{static_cast<int32_t>(std::lround(uniform(-m, m))),
+                        static_cast<int32_t>(std::lround(uniform(-m, m))),
+                        static_cast<int32_t>(std::lround(uniform(-m, m)))};
+        };
+        const Vec3 v = draw(250), g = draw(4096 * 2.0);
+        const double var = heading_variance(c.p_q8, v, g);
+        if (!std::isfinite(var)) continue;
+        int8_t expected = KMXC_SERVICE_UNRELIABLE;
+        bool near_limit = false;
+        for (int k = 2; k >= 0; --k) {
+            const double l2 = limit_rad(limits[k]) * limit_rad(limits[k]);
+            near_limit |= std::fabs(var - l2) < 0.05 * l2;
+            if (var <= l2) expected = levels[k];
+        }
+        if (near_limit) continue;
+        ++compared;
+        ++per_level[expected];
+        ASSERT_EQ(heading_accuracy_cap(v, g), expected)
+            << "sigma " << std::sqrt(var) * 180 / M_PI << " deg, v " << v.x << "," << v.y << "," << v.z << " g " << g.x
+            << "," << g.y << "," << g.z;
+    }
+    EXPECT_GT(compared, 18000);
+    for (int k = 0; k < 4; ++k) EXPECT_GT(per_level[k], 200) << "level " << k << " drawn too rarely";
+}
+
+// ---- References and the kit file ---------------------------------------------------------
+
+// The references are an estimate's trusted at medium or high with a dip measured; the
+// dip is the angle below the horizontal (1000 cos 30 degrees to the downward gravity:
+// 60 degrees).
+TEST(KitEstimate, OnlyATrustedEstimateWithADipBecomesTheReference) {
+    const struct {
+        const char *name;
+        int8_t accuracy;
+        bool dip_valid;
+        bool known;
+    } cases[] = {
+        {"high with a dip", KMXC_SERVICE_HIGH, true, true},
+        {"medium with a dip", KMXC_SERVICE_MEDIUM, true, true},
+        {"low: plausible, not trusted", KMXC_SERVICE_LOW, true, false},
+        {"high without a dip in steady gravity", KMXC_SERVICE_HIGH, false, false},
+    };
+    for (const auto &c : cases) {
+        g_state = State{};
+        g_state.base_accuracy = c.accuracy;
+        g_state.reference = true;
+        g_state.ref_strength = 120;
+        g_state.ref_dip = 866;  // cos 30 degrees
+        g_state.ref_dip_valid = c.dip_valid;
+        note_trusted_reference();
+        EXPECT_EQ(g_state.reference_known, c.known) << c.name;
+        if (c.known) {
+            EXPECT_EQ(g_state.reference_strength_counts, 120) << c.name;
+            EXPECT_NEAR(g_state.reference_dip_cdeg, 6000, 3) << c.name;
+        }
+    }
+}
+
+// The kit record round trip through the estimators' state: what is saved comes back;
+// a correction beyond what the ellipsoid fit accepts (an axis of 2) is never applied.
+TEST(KitEstimate, TheKitRecordRoundTripsAndAnImplausibleCorrectionIsRefused) {
+    const CalibRecord record{{16, 16, 16}, {0, 0, 0}, {45, -31, 24}};
+    const struct {
+        const char *name;
+        int16_t w[9];
+        bool applied;
+    } cases[] = {
+        {"a plausible correction", {18022, 819, 0, 819, 15073, 0, 0, 0, 16384}, true},
+        {"the identity: no correction in use", {16384, 0, 0, 0, 16384, 0, 0, 0, 16384}, false},
+        {"axes of 1.3 and 0.77, past the fit's range", {21299, 0, 0, 0, 16384, 0, 0, 0, 12603}, false},
+        {"one axis of 1.3, the others within", {21299, 0, 0, 0, 16384, 0, 0, 0, 14000}, false},
+        {"one axis of 0.77, the others within", {18000, 0, 0, 0, 16384, 0, 0, 0, 12603}, false},
+    };
+    for (const auto &c : cases) {
+        g_state = State{};
+        g_state.soft_iron.in_use = true;
+        for (int k = 0; k < 9; ++k) g_state.soft_iron.w_q14[k] = c.w[k];
+        g_state.reference_known = true;
+        g_state.reference_strength_counts = 118;
+        g_state.reference_dip_cdeg = -4512;
+        g_state.est.coverage = 17;
+        const KitRecord saved = kit_record_for(record);
+        EXPECT_TRUE(kit_belongs_to(saved, record)) << c.name;
+        g_state = State{};
+        apply_kit_record(saved);
+        EXPECT_EQ(g_state.soft_iron.in_use, c.applied) << c.name;
+        if (c.applied) {
+            for (int k = 0; k < 9; ++k) EXPECT_EQ(g_state.soft_iron.w_q14[k], c.w[k]) << c.name << " " << k;
+            EXPECT_EQ(g_state.soft_iron.centre.x, 45) << "about the record's offset";
+            EXPECT_EQ(g_state.soft_iron.centre.z, 24);
+        }
+        EXPECT_TRUE(g_state.reference_known) << c.name;
+        EXPECT_EQ(g_state.reference_strength_counts, 118) << c.name;
+        EXPECT_EQ(g_state.reference_dip_cdeg, -4512) << c.name;
+        EXPECT_EQ(g_state.est.coverage, 17) << c.name;
+    }
+    // Nothing known: the defaults.
+    g_state = State{};
+    const KitRecord none = kit_record_for(record);
+    EXPECT_EQ(none.reference, 0);
+    EXPECT_EQ(none.soft_iron[0], 16384);
+    EXPECT_EQ(none.soft_iron[1], 0);
+    EXPECT_EQ(none.coverage, 0);
 }
 
 }  // namespace

@@ -1,119 +1,225 @@
-// The kit's persistence: the calibration file's state, checked saves that read back,
-// repair of a damaged file, and the rough-offset change that carries offsets over.
-#include <errno.h>
-#include <stdio.h>
+// The kit's persistence: the calibration file and the kit file read and checked at
+// start, one complete record saved durably when the rules say so, and the rough-offset
+// change that carries the offsets over. Files go through durable_file.h; records and
+// the save spacing are kit_store.h's.
+#include <string.h>
+
+#include <utility>
 
 #include "calibration/calibration.h"
 #include "drivers/drivers.h"
-#include "platform/platform.h"
+#include "service/durable_file.h"
 #include "service/kit_internal.h"
 
 namespace kmxc_kit {
 
-// ---- Calibration file ---------------------------------------------------------------
+namespace {
 
-FileState file_state() {
-    FILE *f = fopen(kCalibrationFile, "r");
-    if (f == nullptr) return errno == ENOENT ? FileState::kMissing : FileState::kUnreadable;
-    char line[256];
-    const bool got = fgets(line, sizeof line, f) != nullptr;
-    const bool read_error = !got && ferror(f) != 0;
-    fclose(f);
-    if (read_error) return FileState::kUnreadable;
-    if (!got) return FileState::kDamaged;
-    int fields = 0;
-    const char *p = line;
-    for (;;) {
-        if (*p == '-') ++p;
-        if (*p < '0' || *p > '9') return FileState::kDamaged;
-        int digits = 0;
-        while (*p >= '0' && *p <= '9') {
-            ++p;
-            if (++digits > 10) return FileState::kDamaged;
-        }
-        ++fields;
-        if (*p == ',') {
-            ++p;
-            continue;
-        }
-        break;
+constexpr const char *kDirectory = KMXC_CALIBRATION_DIRECTORY;
+constexpr const char *kCalibrationFile = KMXC_SERVICE_CALIBRATION_FILE;
+constexpr const char *kKitFile = KMXC_SERVICE_KIT_FILE;
+
+Persistence &files() { return g_state.files; }
+
+enum class Saved { kYes, kFailed, kLocked };
+
+// The directory's lock, and, when start could not read the calibration file, the file
+// readable again (it is not replaced before anyone knows what it held).
+WriteResult lock_for_saving(DirLock *lock) {
+    Persistence &p = files();
+    WriteResult w = lock_directory(kDirectory, lock);
+    if (w.outcome != Outcome::kDone) {
+        report_write(kDirectory, w);
+        return w;
     }
-    return fields == 9 && (*p == '\0' || (*p == '\n' && p[1] == '\0')) ? FileState::kWellFormed : FileState::kDamaged;
+    if (!p.unread) return w;
+    char ignored[kCalibTextMax + 2];
+    const FileRead again = read_small_file(kCalibrationFile, ignored, sizeof ignored);
+    p.unread = again.kind == PathKind::kUnreadable;
+    if (!p.unread) return w;
+    unlock_directory(lock);
+    w = WriteResult{Outcome::kRefused, WriteStep::kTarget, again.error, PathKind::kUnreadable};
+    report_write(kCalibrationFile, w);
+    return w;
 }
 
-static bool file_well_formed() { return file_state() == FileState::kWellFormed; }
-
-bool same(const KmxAxesData &a, const KmxAxesData &b) { return a.x == b.x && a.y == b.y && a.z == b.z; }
-
-// Writes the rough offset and reads it back.
-static bool rough_saved(const uint8_t rough[3]) {
-    uint8_t back[3];
-    return msmachdep_SaveRoughOffset(rough) == 0 && msmachdep_LoadRoughOffset(back) == 0 && back[0] == rough[0] &&
-           back[1] == rough[1] && back[2] == rough[2];
-}
-
-bool reset_file() {
-    msmachdep_ResetOffsetData();
-    uint8_t rough[3];
-    return file_well_formed() && msmachdep_LoadRoughOffset(rough) == 0;
-}
-
-// A file the start could not read is checked, and a damaged one the start could not
-// reset is reset, before anything is saved into it (with the rough offset in use), so
-// no value read from damage ever persists. A failure counts as a failed save.
-static bool repair_damaged_file() {
-    if (g_state.file_unchecked) {
-        const FileState state = file_state();
-        if (state == FileState::kUnreadable) {
-            ++g_state.save_failures;
-            return false;
-        }
-        g_state.file_unchecked = false;
-        g_state.file_damaged = state == FileState::kDamaged;
+// The calibration file, then the kit file. A cut between the two leaves a kit file of
+// the old record, which the next start sees does not belong and never uses.
+WriteResult write_both(const DirLock &lock, const CalibRecord &record) {
+    Persistence &p = files();
+    remove_stale_temporaries(lock, kCalibrationFile);
+    remove_stale_temporaries(lock, kKitFile);
+    char text[kCalibTextMax + 1];
+    WriteResult w = replace_file(lock, kCalibrationFile, text, format_calib(record, text, sizeof text), kFileUid,
+                                 kFileGid, kFileMode);
+    if (w.outcome == Outcome::kDone || w.step == WriteStep::kSyncDir) {
+        // Renamed; not yet durable when the directory's fsync failed, so not known to stay.
+        p.stored = record;
+        p.stored_valid = w.outcome == Outcome::kDone;
     }
-    if (!g_state.file_damaged) return true;
-    if (reset_file() && rough_saved(g_state.rough)) {
-        g_state.file_damaged = false;
-        return true;
+    if (w.outcome != Outcome::kDone) {
+        report_write(kCalibrationFile, w);
+        return w;
     }
-    ++g_state.save_failures;
-    return false;
+    p.kit = kit_record_for(record);  // what the estimators hold now, for this record
+    char kit[kKitTextMax + 1];
+    w = replace_file(lock, kKitFile, kit, format_kit(p.kit, kit, sizeof kit), kFileUid, kFileGid, kFileMode);
+    report_write(kKitFile, w);
+    return w;
 }
 
-bool save_offset(const KmxAxesData &offset) {
-    if (!repair_damaged_file()) return false;
-    const int32_t v[3] = {offset.x, offset.y, offset.z};
-    int32_t back[3];
-    if (msmachdep_SaveMsOffset(v) == 0 && msmachdep_LoadMsOffset(back) == 0 && back[0] == v[0] && back[1] == v[1] &&
-        back[2] == v[2]) {
-        g_state.stored = offset;
+// One save of one record, counted in the session's saves; error: the failing call's errno.
+Saved save(const CalibRecord &record, int32_t *error) {
+    DirLock lock;
+    WriteResult w = lock_for_saving(&lock);
+    if (w.outcome == Outcome::kDone) {
+        w = write_both(lock, record);
+        unlock_directory(&lock);
+    }
+    if (w.outcome == Outcome::kDone) {
         ++g_state.saves;
-        return true;
+        return Saved::kYes;
     }
     ++g_state.save_failures;
-    // A file that no longer loads is reset, so later loads and saves work again (or,
-    // when that fails too, before the next save).
-    uint8_t rough[3];
-    if (msmachdep_LoadRoughOffset(rough) != 0 || !file_well_formed()) {
-        g_state.file_damaged = !reset_file() || msmachdep_SaveRoughOffset(g_state.rough) != 0;
-        g_state.stored = kNoStoredOffset;
-    }
-    return false;
+    if (error != nullptr) *error = w.error;
+    return w.outcome == Outcome::kLocked ? Saved::kLocked : Saved::kFailed;
 }
 
-bool save_rough(const uint8_t rough[3]) {
-    if (!repair_damaged_file()) return false;
-    if (rough_saved(rough)) {
-        ++g_state.saves;
-        return true;
-    }
-    ++g_state.save_failures;
-    return false;
+// A save in the cycle: the spacing clock restarts, the event says how it went.
+void attempt(int64_t now, KmxcServiceEvent *e) {
+    Persistence &p = files();
+    p.clock.attempted = true;
+    p.clock.last_attempt_ns = now;
+    p.clock.settle_from_ns = now;
+    const Saved s = save(p.wanted, nullptr);
+    e->flags |= s == Saved::kYes ? KMXC_SERVICE_SAVED : KMXC_SERVICE_SAVE_FAILED;
+    if (s == Saved::kLocked) e->flags |= KMXC_SERVICE_SAVE_LOCKED;
 }
 
-// ---- Rough-offset change --------------------------------------------------------------
+bool file_holds_wanted() {
+    const Persistence &p = files();
+    return p.stored_valid && same_record(p.wanted, p.stored);
+}
 
-bool change_rough_offset(KmxcServiceEvent *e) {
+void say_refused(const char *path, const FileRead &r) {
+    Line line;
+    if (r.kind == PathKind::kUnreadable)
+        line.text(path).text(" cannot be read (").text(strerror(r.error)).text("); not used");
+    else
+        line.text(path).text(" is ").text(path_kind_text(r.kind)).text(", not a regular file; not used");
+    line.print();
+}
+
+// The kit file: its record when it holds one (kit_read), else defaults.
+void read_kit_file(StartFiles *found) {
+    Persistence &p = files();
+    p.kit = default_kit(p.wanted);
+    char text[kKitTextMax + 2];
+    const FileRead r = read_small_file(kKitFile, text, sizeof text);
+    found->kit_file = KMXC_SERVICE_KIT_FILE_ABSENT;
+    if (r.kind == PathKind::kRegular) {
+        found->kit_read = !r.too_long && parse_kit(text, r.length, &p.kit);
+        found->kit_file = found->kit_read ? KMXC_SERVICE_KIT_FILE_LOADED : KMXC_SERVICE_KIT_FILE_GARBLED;
+        if (!found->kit_read) p.kit = default_kit(p.wanted);
+    } else if (r.kind != PathKind::kMissing) {
+        found->kit_file = KMXC_SERVICE_KIT_FILE_REFUSED;
+        say_refused(kKitFile, r);
+    }
+}
+
+}  // namespace
+
+// ---- Start --------------------------------------------------------------------------------
+
+void read_stored_record(StartFiles *found) {
+    Persistence &p = files();
+    p = Persistence{};
+    p.wanted = kDefaultRecord;
+    char text[kCalibTextMax + 2];
+    const FileRead r = read_small_file(kCalibrationFile, text, sizeof text);
+    int32_t fields[kCalibFields];
+    if (r.kind == PathKind::kMissing) {
+        found->file = KMXC_SERVICE_FILE_ABSENT;
+    } else if (r.kind == PathKind::kUnreadable || r.kind != PathKind::kRegular) {
+        found->file = r.kind == PathKind::kUnreadable ? KMXC_SERVICE_FILE_UNREADABLE : KMXC_SERVICE_FILE_NOT_REGULAR;
+        p.unread = r.kind == PathKind::kUnreadable;
+        found->error = p.unread ? r.error : 0;
+        say_refused(kCalibrationFile, r);
+    } else if (r.too_long || !parse_calib(text, r.length, fields)) {
+        found->file = KMXC_SERVICE_FILE_GARBLED;
+        Line().text(kCalibrationFile).text(" is not a calibration record; reset to defaults").print();
+    } else {
+        found->file = KMXC_SERVICE_FILE_LOADED;
+        const uint8_t reset = checked_record(fields, &p.wanted);
+        if (reset != 0) {
+            found->file |= KMXC_SERVICE_FILE_IMPLAUSIBLE;
+            Line line;
+            line.text(kCalibrationFile).text(" held implausible values (");
+            const char *sep = "";
+            for (const auto &[bit, what] :
+                 {std::pair{kResetRough, "rough offset"}, std::pair{kResetMagnetic, "magnetic offset"},
+                  std::pair{kResetGravity, "gravity offset"}})
+                if ((reset & bit) != 0) line.text(sep).text(what), sep = ", ";
+            line.text("); reset").print();
+        } else {
+            p.stored = p.wanted;
+            p.stored_valid = true;
+        }
+        int denied = write_denied(kCalibrationFile);
+        if (denied == 0) denied = write_denied(kDirectory);
+        if (denied != 0) {
+            found->file |= KMXC_SERVICE_FILE_READ_ONLY;
+            found->error = denied;
+            Line()
+                .text(kCalibrationFile)
+                .text(" cannot be written (")
+                .text(strerror(denied))
+                .text("); used as it is")
+                .print();
+        }
+    }
+    read_kit_file(found);
+}
+
+void use_rough_offset(const uint8_t rough[3]) {
+    CalibRecord &w = files().wanted;
+    if (w.rough[0] == rough[0] && w.rough[1] == rough[1] && w.rough[2] == rough[2]) return;
+    for (int k = 0; k < 3; ++k) w.rough[k] = rough[k];
+    w.magnetic = kNoStoredOffset;  // it belonged to the other rough offset
+}
+
+void save_at_start(StartFiles *found) {
+    Persistence &p = files();
+    if (found->kit_read && !kit_belongs_to(p.kit, p.wanted)) {
+        found->kit_file = KMXC_SERVICE_KIT_FILE_MISMATCH;
+        p.kit = default_kit(p.wanted);
+    }
+    if (file_holds_wanted()) return;
+    found->save_attempts = 1;
+    int32_t error = 0;
+    const Saved s = save(p.wanted, &error);
+    if (s == Saved::kYes) return;
+    found->save_failures = 1;
+    found->error = error;
+    if (s == Saved::kLocked) found->file |= KMXC_SERVICE_FILE_LOCKED;
+}
+
+// ---- Cycle ------------------------------------------------------------------------------------
+
+void save_when_due(int64_t now, KmxcServiceEvent *e) {
+    Persistence &p = files();
+    if (!p.clock_started) {
+        p.clock_started = true;
+        p.clock.settle_from_ns = now;
+    }
+    if (g_state.save_pending) {
+        g_state.save_pending = false;
+        KmxAxesMsCalibGetOffset(&p.wanted.magnetic);
+    }
+    if (save_due(p.clock, p.wanted, p.stored, p.stored_valid, now)) attempt(now, e);
+}
+
+bool change_rough_offset(int64_t now, KmxcServiceEvent *e) {
     uint8_t fresh[3];
     if (KmxAxesDrvMsSetRoughOffset(nullptr) != 0) return false;
     KmxAxesDrvMsGetWrittenRoughOffset(fresh);
@@ -124,18 +230,21 @@ bool change_rough_offset(KmxcServiceEvent *e) {
         KmxAxesLibSetMsOffset(&carried);
         KmxAxesMsCalibSetOffset(&carried);
     }
-    bool saved = true;
-    if (KmxAxesLibIsValidMsOffset(&g_state.stored)) {
-        KmxAxesData stored;
-        KmxAxesLibRecalcMsOffset(&g_state.stored, &stored, g_state.rough, fresh);
-        saved = save_offset(KmxAxesLibIsValidMsOffset(&stored) ? stored : kNoStoredOffset);
+    // The record changes meaning: saved at once, its offset carried too (or not known).
+    CalibRecord &w = files().wanted;
+    if (magnetic_known(w.magnetic)) {
+        KmxAxesLibRecalcMsOffset(&w.magnetic, &carried, g_state.rough, fresh);
+        w.magnetic = magnetic_known(carried) ? carried : kNoStoredOffset;
     }
-    saved = save_rough(fresh) && saved;
-    e->flags |= saved ? KMXC_SERVICE_SAVED : KMXC_SERVICE_SAVE_FAILED;
-    for (int k = 0; k < 3; ++k) g_state.rough[k] = fresh[k];
+    for (int k = 0; k < 3; ++k) w.rough[k] = g_state.rough[k] = fresh[k];
+    attempt(now, e);
     // The fed samples were measured with the old rough offset.
     g_state.fed_count = g_state.fed_next = 0;
     return true;
 }
+
+// ---- Stop ---------------------------------------------------------------------------------------
+
+bool save_at_stop() { return file_holds_wanted() || save(files().wanted, nullptr) == Saved::kYes; }
 
 }  // namespace kmxc_kit

@@ -5,7 +5,7 @@
 
 #include <stdint.h>
 
-#include "drivers/kmxc_protocol.h"
+#include "common/common.h"
 #include "orientation/orientation.h"
 #include "service/kmxc_service.h"
 
@@ -37,8 +37,8 @@ Vec3 apply_q14(const int16_t w[9], const Vec3 &v, int frac);
 // A field strength (corrected counts) within the Earth's range,
 // KMXC_SERVICE_FIELD_MIN_UT..KMXC_SERVICE_FIELD_MAX_UT inclusive.
 inline bool in_earth_range(int32_t counts) {
-    return counts * 10 >= KMXC_SERVICE_FIELD_MIN_UT * kmxc::kCountsPer10Microtesla &&
-           counts * 10 <= KMXC_SERVICE_FIELD_MAX_UT * kmxc::kCountsPer10Microtesla;
+    return counts * 10 >= KMXC_SERVICE_FIELD_MIN_UT * KMXC_MS_COUNTS_PER_10_UT &&
+           counts * 10 <= KMXC_SERVICE_FIELD_MAX_UT * KMXC_MS_COUNTS_PER_10_UT;
 }
 
 }  // namespace kmxc_kit

@@ -7,30 +7,36 @@
 #include <stdint.h>
 #include <sys/types.h>
 
-#include "drivers/kmxc_protocol.h"
+#include "calibration/calibration.h"
 #include "orientation/orientation.h"
 #include "service/circle_fit.h"
 #include "service/ellipsoid_fit.h"
 #include "service/field_store.h"
 #include "service/kit_geometry.h"
+#include "service/kit_store.h"
 #include "service/kmxc_service.h"
 #include "service/sphere_fit.h"
 
 namespace kmxc_kit {
 
-// The library's calibration file, read here only to check that it is well formed.
-constexpr const char *kCalibrationFile = "/misc/sensor/kmxc_orvane.cfg";
-constexpr int32_t kUnknownOffset = 2147483647;  // the file's "not known" magnetic offset
-constexpr KmxAxesData kNoStoredOffset{kUnknownOffset, kUnknownOffset, kUnknownOffset};
-constexpr uint8_t kUnknownRough = 255;                            // a rough-offset step not known
-constexpr int32_t kNoResidual = 2147483647;                       // the calibration's residual while a batch fills
-constexpr int32_t kCountsPer10uT = kmxc::kCountsPer10Microtesla;  // corrected counts
+constexpr int32_t kCountsPer10uT = KMXC_MS_COUNTS_PER_10_UT;  // corrected counts
 constexpr int64_t kNsPerMs = 1000000;
-constexpr int32_t kGravityCounts = 4096;  // 1 g
+constexpr int32_t kGravityCounts = KMXC_GS_COUNTS_PER_G;  // 1 g
 constexpr int16_t kIdentityQ14[9] = {16384, 0, 0, 0, 16384, 0, 0, 0, 16384};
 // The calibration's other two thresholds stay at the library's defaults.
-constexpr int16_t kRatioMidThreshold = 96;
-constexpr int32_t kResidualThreshold = 0x200000;
+constexpr int16_t kRatioMidThreshold = KMXC_CALIB_DEFAULT_RATIO_MID;
+constexpr int32_t kResidualThreshold = KMXC_CALIB_DEFAULT_RESIDUAL;
+
+// The kit's files as it knows them (kit_file.cpp).
+struct Persistence {
+    CalibRecord wanted;  // the record in use: what the calibration file should hold
+    CalibRecord stored;  // what it holds, when stored_valid
+    bool stored_valid;   // (not: absent, garbled, refused, or values reset since)
+    bool unread;         // start could not read it: not replaced until it reads again
+    KitRecord kit;       // the kit file's record, for wanted
+    SaveClock clock;
+    bool clock_started;
+};
 
 // The soft-iron correction in use: the library sees m' = centre + W (m - centre), so its
 // own offset subtraction still works (identity while not in use).
@@ -42,14 +48,25 @@ struct SoftIron {
 // m' for a raw field m (m itself while no correction is in use).
 Vec3 corrected(const SoftIron &s, const Vec3 &m);
 
+// An estimate's predicted offset covariance, in the frame the library sees (after the
+// correction in use): counts^2 in 1/256, packed symmetric (kit_linalg.h's order). Bounded
+// by the prior the estimates carry (kit_estimate.cpp): every entry below 2^20.
+struct OffsetCovariance {
+    int32_t p_q8[6];
+    bool valid;  // false: nothing predicts the error (no estimate, or an unconfirmed stored offset)
+};
+
 // The kit's own estimators (kit_estimate.cpp): the diversity store of raw samples, the
-// last sphere fit of it, an ellipsoid fit waiting for its judgement, and what the
-// store's schedule needs.
+// last sphere fit of it (waiting for its judgement, then the ellipsoid's starting
+// point), an ellipsoid fit waiting for its judgement, the covariance of the estimate in
+// use, and what the store's schedule needs.
 struct Estimators {
     FieldStore store;
-    SphereFit sphere;        // the last sphere fit (the ellipsoid's starting point)
+    SphereFit sphere;        // the last sphere fit, of the store as the library sees it
     EllipsoidFit ellipsoid;  // fitted in one cycle, judged in the next
-    bool ellipsoid_due;      // coverage allows an ellipsoid fit in a coming cycle
+    OffsetCovariance cov;    // the estimate in use (any source)
+    bool sphere_pending;     // `sphere` waits for its judgement
+    bool ellipsoid_due;      // the sphere's residual asks for an ellipsoid fit in a coming cycle
     bool ellipsoid_pending;  // `ellipsoid` waits for its judgement
     uint8_t joined;          // samples joined since the last sphere fit
     uint8_t coverage;        // cells of the store about the offset in use, at the last fit
@@ -79,7 +96,7 @@ struct State {
     int64_t last_cycle_ns;
     uint32_t rate_hz;
     uint8_t rough[3];
-    KmxAxesData stored;    // the magnetic offset the file holds (kUnknownOffset: none)
+    Persistence files;
     bool offset_trusted;   // a 3-D fit of this run, or a confirmed stored offset
     bool stored_pending;   // a stored offset waits for confirmation
     int8_t base_accuracy;  // accuracy without anomaly
@@ -98,20 +115,22 @@ struct State {
     int confirm_count;  // fed samples since start (for the stored offset's check)
     uint32_t warm_cycles;
     uint32_t saves, save_failures;
-    bool save_pending;    // a confirmed offset waits to be saved (after a failure)
-    bool file_damaged;    // the start could not reset a damaged calibration file
-    bool file_unchecked;  // the start could not read the calibration file
+    bool save_pending;  // a fit's offset, agreeing with its batch, is to be kept
     // The kit's estimators.
     uint8_t estimator;         // KMXC_SERVICE_ESTIMATOR_* of the offset in use
     bool provisional;          // an untrusted offset worth a low accuracy is in use
     int64_t anomaly_since_ns;  // start of the anomaly episode in progress
     SoftIron soft_iron;
     Estimators est;
-    // ---- Mounted phone (vehicle): references, steady tilt, demotion (kit_rules.cpp) ----
-    bool ref3d_valid;          // the last trusted 3-D fit's strength below holds a value
-    bool ref3d_dip_valid;      // ... and its angle between field and gravity
-    int32_t ref3d_strength;    // counts: the mean strength of its batch
-    int32_t ref3d_dip_cdeg;    // centidegrees, 0..18000: the mean angle of its batch's samples in steady tilt
+    // The references of the last trusted 3-D calibration (for the planar estimator): its
+    // batch's mean strength (counts, as the library sees the field) and mean dip (1/100
+    // degree below the horizontal, -9000..9000). Set when an estimate is trusted at
+    // medium or high with a dip measured in steady gravity; saved in and loaded from the
+    // kit file.
+    bool reference_known;
+    int32_t reference_strength_counts;
+    int32_t reference_dip_cdeg;
+    // ---- Mounted phone (vehicle): anomaly angle, steady tilt, demotion (kit_rules.cpp) ----
     int32_t ref_dip_cdeg;      // the anomaly reference's angle (ref_dip_valid), centidegrees
     int32_t dip_cos_bound[4];  // 1000 cos of ref_dip_cdeg + tolerance, - tolerance, + half, - half
     Vec3 gravity_mean_q4;      // running mean of gravity, 1/16 count
@@ -176,6 +195,9 @@ bool ring_dip_cdeg(const KmxAxesData &o, int n, int32_t *cdeg);
 // Adopts a planar estimate of accuracy `level` whose offset the library now uses: the
 // references stay (they are what it was checked against).
 void trust_planar(int8_t level);
+// The last trusted 3-D calibration's angle between field and gravity, centidegrees
+// (0..18000), from its dip below the horizontal (reference_dip_cdeg, -9000..9000).
+inline int32_t reference_angle_cdeg() { return 9000 - g_state.reference_dip_cdeg; }
 
 // ---- The kit's estimators (kit_estimate.cpp) -----------------------------------------
 
@@ -185,6 +207,30 @@ void store_clear();
 // field m, gravity g), and at most one fitting step when one is due. fit_allowed: no
 // other fit ran in this cycle.
 void store_cycle(const Vec3 &m, const Vec3 &g, bool fit_allowed, int64_t now, KmxcServiceEvent *e);
+// A library fit (offset o) arrived while an offset is trusted: whether it replaces the
+// offset in use (its batch, the last fed samples, agrees with it, and its predicted
+// horizontal error at gravity g is no larger than the estimate in use's); in that case
+// its covariance becomes the one in use.
+bool library_fit_preferred(const KmxAxesData &o, const Vec3 &g);
+// The estimate in use now rests on the last n fed samples (a library fit of them, dof 4
+// unknowns; a stored offset they confirmed, 1): its covariance from them.
+void use_ring_covariance(const KmxAxesData &o, int n, int unknowns);
+// The highest accuracy the heading allows at this attitude: the offset's predicted
+// error along magnetic east (v x g) over the horizontal field, against the heading
+// limits. v: the calibrated field (counts), g: gravity. KMXC_SERVICE_HIGH when no
+// covariance is kept (the other rules decide).
+int8_t heading_accuracy_cap(const Vec3 &v, const Vec3 &g);
+
+// After an estimate was trusted (base accuracy and references set): its strength and
+// dip become the references when it is trusted at medium or high with a dip.
+void note_trusted_reference();
+// The kit file's record for a calibration record about to be saved: the correction in
+// use, the references and the store's coverage.
+KitRecord kit_record_for(const CalibRecord &record);
+// Start: a kit file that belongs to the loaded record gives back its correction (about
+// the record's offset, the ellipsoid's centre when it was saved), references and
+// coverage.
+void apply_kit_record(const KitRecord &kit);
 
 // ---- The planar estimator (kit_planar.cpp) ------------------------------------------
 
@@ -195,21 +241,33 @@ bool planar_cycle(bool fit_allowed, KmxcServiceEvent *e);
 
 // ---- Persistence (kit_file.cpp) -----------------------------------------------------
 
-// The calibration file as the kit finds it: one line of nine comma-separated decimal
-// integers, as the library writes it; missing (the library creates it with defaults);
-// damaged (anything else); or unreadable just now (it may be fine).
-enum class FileState { kWellFormed, kMissing, kDamaged, kUnreadable };
-FileState file_state();
-bool same(const KmxAxesData &a, const KmxAxesData &b);
-// A reset (the library's, which returns nothing) took when the file is then whole and
-// loads.
-bool reset_file();
-// Saves offset as the stored magnetic offset and reads it back.
-bool save_offset(const KmxAxesData &offset);
-bool save_rough(const uint8_t rough[3]);
+// The owner and mode the library gives the calibration file; the kit's files get them too.
+constexpr uint32_t kFileUid = KMXC_CALIBRATION_FILE_UID;
+constexpr uint32_t kFileGid = KMXC_CALIBRATION_FILE_GID;
+constexpr uint32_t kFileMode = KMXC_CALIBRATION_FILE_MODE;
+
+// What start found and did, for its record.
+struct StartFiles {
+    uint16_t file;     // KMXC_SERVICE_FILE_*
+    uint8_t kit_file;  // KMXC_SERVICE_KIT_FILE_*
+    bool kit_read;     // the kit file held a kit record (it may belong to another record)
+    uint8_t save_attempts, save_failures;
+    int32_t error;
+};
+// Reads the calibration file and the kit file: g_state.files.wanted is the record to
+// start from (implausible values reset), found says what was there.
+void read_stored_record(StartFiles *found);
+// The rough offset start wrote: a stored magnetic offset of another rough offset goes.
+void use_rough_offset(const uint8_t rough[3]);
+// Start's save when the file does not hold the record in use; the kit file's outcome.
+void save_at_start(StartFiles *found);
+// Cycle: a fit's offset to keep (g_state.save_pending), then a save when due.
+void save_when_due(int64_t now, KmxcServiceEvent *e);
 // Measure a new rough offset; carry the library's offset, the calibration's and the
-// stored one over to it.
-bool change_rough_offset(KmxcServiceEvent *e);
+// record's over to it and save the record at once.
+bool change_rough_offset(int64_t now, KmxcServiceEvent *e);
+// Stop: saves what is newer than the file; false when that failed.
+bool save_at_stop();
 
 }  // namespace kmxc_kit
 

@@ -55,78 +55,107 @@ Reciprocal reciprocal(int64_t d) {
     return Reciprocal{r, 94 - z};
 }
 
-FitResult solve_spd(int n, const int64_t *a, const int64_t *b, const int8_t *frac, int64_t *x) {
-    // Equilibration by powers of two: a'_ij = a_ij 2^-(e_i + e_j), diagonal 2^28..2^30
-    // (Q30: 0.25..1), so every |a'_ij| < 2^30 for a positive definite a.
-    int e[kSolveMaxUnknowns];
+namespace {
+
+// The factorisation a' = L D L^T of the equilibrated matrix.
+struct Factor {
+    int e[kSolveMaxUnknowns];                         // a'_ij = a_ij 2^-(e_i + e_j)
+    int32_t l[kSolveMaxUnknowns][kSolveMaxUnknowns];  // unit lower factor, Q24
+    int32_t d[kSolveMaxUnknowns];                     // pivots, Q30
+    Reciprocal inv[kSolveMaxUnknowns];                // their reciprocals
+};
+
+// Equilibration by powers of two: a'_ij = a_ij 2^-(e_i + e_j), diagonal 2^28..2^30
+// (Q30: 0.25..1), so every |a'_ij| < 2^30 for a positive definite a.
+bool equilibrate(int n, const int64_t *a, int e[]) {
     for (int i = 0; i < n; ++i) {
-        if (a[i * n + i] <= 0) return FitResult::kIllConditioned;
+        if (a[i * n + i] <= 0) return false;
         e[i] = (significant_bits(a[i * n + i]) - 29) >> 1;
     }
+    return true;
+}
+
+// a' = L D L^T, row by row: u_ij = l_ij d_j (Q30, |u| <= sqrt(d_j) < 1), l (Q24),
+// d (Q30). Every product u l is a product of two entries of the Cholesky factor,
+// below 1 (Q54), and so is every partial sum of them. False when ill-conditioned.
+bool factorise(int n, const int64_t *a, Factor *f) {
+    const int *e = f->e;
     auto scaled = [&](int i, int j) { return shift_down(a[i * n + j], e[i] + e[j]); };
     // An entry too large for its diagonals (not positive definite) is refused before it
     // is shifted, so that no shift can wrap.
     auto fits = [&](int i, int j) { return significant_bits(a[i * n + j]) - e[i] - e[j] <= kQ; };
-
-    // a' = L D L^T, row by row: u_ij = l_ij d_j (Q30, |u| <= sqrt(d_j) < 1), l (Q24),
-    // d (Q30). Every product u l is a product of two entries of the Cholesky factor,
-    // below 1 (Q54), and so is every partial sum of them.
-    int32_t l[kSolveMaxUnknowns][kSolveMaxUnknowns];
-    int32_t d[kSolveMaxUnknowns];
-    Reciprocal inv[kSolveMaxUnknowns];
     for (int i = 0; i < n; ++i) {
         int32_t u[kSolveMaxUnknowns];
         for (int j = 0; j < i; ++j) {
-            if (!fits(i, j)) return FitResult::kIllConditioned;
+            if (!fits(i, j)) return false;
             const int64_t aij = scaled(i, j);
-            if (abs64(aij) >= int64_t{1} << kQ) return FitResult::kIllConditioned;
+            if (abs64(aij) >= int64_t{1} << kQ) return false;
             int64_t s = aij << kLBits;
-            for (int k = 0; k < j; ++k) s -= int64_t{u[k]} * l[j][k];
+            for (int k = 0; k < j; ++k) s -= int64_t{u[k]} * f->l[j][k];
             u[j] = static_cast<int32_t>(s >> kLBits);
-            const int64_t lij = divide(u[j], inv[j], kLBits);
-            if (abs64(lij) >= int64_t{1} << 31) return FitResult::kIllConditioned;
-            l[i][j] = static_cast<int32_t>(lij);
+            const int64_t lij = divide(u[j], f->inv[j], kLBits);
+            if (abs64(lij) >= int64_t{1} << 31) return false;
+            f->l[i][j] = static_cast<int32_t>(lij);
         }
         const int64_t aii = scaled(i, i);
         int64_t s = aii << kLBits;
-        for (int k = 0; k < i; ++k) s -= int64_t{u[k]} * l[i][k];
+        for (int k = 0; k < i; ++k) s -= int64_t{u[k]} * f->l[i][k];
         const int64_t dii = s >> kLBits;
-        if (dii <= 0 || dii < (aii >> kSolvePivotBits)) return FitResult::kIllConditioned;
-        d[i] = static_cast<int32_t>(dii);
-        inv[i] = reciprocal(dii);
+        if (dii <= 0 || dii < (aii >> kSolvePivotBits)) return false;
+        f->d[i] = static_cast<int32_t>(dii);
+        f->inv[i] = reciprocal(dii);
     }
+    return true;
+}
 
-    // Right-hand side: b' = b_i 2^-(e_i + t), the largest 2^29..2^30.
+// The right-hand side's scale t: b' = b_i 2^-(e_i + t), the largest 2^29..2^30; -64
+// for b = 0.
+int rhs_scale(int n, const int64_t *b, const int e[]) {
     int t = -64;
     for (int i = 0; i < n; ++i) {
         if (b[i] != 0 && significant_bits(b[i]) - e[i] - kQ > t) t = significant_bits(b[i]) - e[i] - kQ;
     }
-    int64_t v[kSolveMaxUnknowns];
+    return t;
+}
+
+// x' from a' x' = b': forward (L z = b'), diagonal (y = D^-1 z), back (L^T x' = y);
+// |values| < 2^52 and |l| < 2^31, so every term is below 2^59 and every sum of eight
+// below 2^62. False when a value would leave that range.
+bool substitute(int n, const Factor &f, const int64_t *b, int t, int64_t v[]) {
+    constexpr int64_t kValueLimit = int64_t{1} << kValueBits;
+    for (int i = 0; i < n; ++i) {
+        int64_t z = shift_down(b[i], f.e[i] + t);
+        for (int k = 0; k < i; ++k) z -= mul_shift(v[k], f.l[i][k], kLBits);
+        // y = z 2^30 / d below 2^52: |z| < d 2^22.
+        if (abs64(z) >= int64_t{f.d[i]} << (kValueBits - kQ)) return false;
+        v[i] = z;
+    }
+    for (int i = 0; i < n; ++i) v[i] = divide(v[i], f.inv[i], kQ);
+    for (int i = n - 1; i >= 0; --i) {
+        for (int k = i + 1; k < n; ++k) v[i] -= mul_shift(v[k], f.l[k][i], kLBits);
+        if (abs64(v[i]) >= kValueLimit) return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+FitResult solve_spd(int n, const int64_t *a, const int64_t *b, const int8_t *frac, int64_t *x) {
+    Factor f;
+    if (!equilibrate(n, a, f.e) || !factorise(n, a, &f)) return FitResult::kIllConditioned;
+    const int t = rhs_scale(n, b, f.e);
     if (t == -64) {  // b = 0
         for (int i = 0; i < n; ++i) x[i] = 0;
         return FitResult::kOk;
     }
-    // Forward (L z = b'), diagonal (y = D^-1 z), back (L^T x' = y); |values| < 2^52 and
-    // |l| < 2^31, so every term is below 2^59 and every sum of eight below 2^62.
-    constexpr int64_t kValueLimit = int64_t{1} << kValueBits;
-    for (int i = 0; i < n; ++i) {
-        int64_t z = shift_down(b[i], e[i] + t);
-        for (int k = 0; k < i; ++k) z -= mul_shift(v[k], l[i][k], kLBits);
-        // y = z 2^30 / d below 2^52: |z| < d 2^22.
-        if (abs64(z) >= int64_t{d[i]} << (kValueBits - kQ)) return FitResult::kIllConditioned;
-        v[i] = z;
-    }
-    for (int i = 0; i < n; ++i) v[i] = divide(v[i], inv[i], kQ);
-    for (int i = n - 1; i >= 0; --i) {
-        for (int k = i + 1; k < n; ++k) v[i] -= mul_shift(v[k], l[k][i], kLBits);
-        if (abs64(v[i]) >= kValueLimit) return FitResult::kIllConditioned;
-    }
+    int64_t v[kSolveMaxUnknowns];
+    if (!substitute(n, f, b, t, v)) return FitResult::kIllConditioned;
 
     // a' x' = b' is 2^-30 D a D x' = 2^-t D b (D = diag(2^-e_i)), so x_i = x'_i 2^(t - 30 - e_i);
     // then times 2^frac_i.
     int64_t out[kSolveMaxUnknowns];
     for (int i = 0; i < n; ++i) {
-        const int s = t - kQ - e[i] + frac[i];
+        const int s = t - kQ - f.e[i] + frac[i];
         if (s >= 0) {
             if (s >= 63 || abs64(v[i]) >= (int64_t{1} << (62 - s))) return FitResult::kOverflowRisk;
             out[i] = v[i] << s;

@@ -229,7 +229,7 @@ void note_joins() {
 // The store's other fitting steps (kit_estimate.cpp) come first.
 bool other_step_due() {
     const Estimators &s = g_state.est;
-    return s.ellipsoid_pending || s.ellipsoid_due ||
+    return s.ellipsoid_pending || s.sphere_pending || s.ellipsoid_due ||
            (s.joined >= KMXC_SERVICE_STORE_REFIT_JOINS && s.store.count >= kSphereMinSamples);
 }
 
@@ -267,8 +267,8 @@ void judge_step(KmxcServiceEvent *e) {
     const FieldStore &store = fitted_store(&scratch);
     KmxAxesData in_use;
     KmxAxesLibGetMsOffset(&in_use);
-    const PlanarReference ref{g_state.ref3d_strength, g_state.ref3d_dip_cdeg};
-    const bool with_ref = g_state.ref3d_valid && g_state.ref3d_dip_valid;
+    const PlanarReference ref{g_state.reference_strength_counts, reference_angle_cdeg()};
+    const bool with_ref = g_state.reference_known;
     PlanarEstimate est;
     planar_estimate(store, p.circle, with_ref ? &ref : nullptr, Vec3{in_use.x, in_use.y, in_use.z}, &est);
     p.arc_cdeg = est.arc_cdeg;
@@ -289,6 +289,7 @@ void judge_step(KmxcServiceEvent *e) {
     KmxAxesLibSetMsOffset(&o);
     KmxAxesMsCalibSetOffset(&o);
     g_state.estimator = KMXC_SERVICE_ESTIMATOR_PLANAR;
+    g_state.est.cov.valid = false;  // no covariance predicts its error: the level alone caps it
     e->flags |= KMXC_SERVICE_NEW_OFFSET | KMXC_SERVICE_KIT_ESTIMATE;
     trust_planar(est.level);
 }

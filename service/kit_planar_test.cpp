@@ -295,9 +295,9 @@ void trusted_at(int32_t cdeg) {
     g_state.reference = true;
     g_state.ref_strength = 120;
     g_state.ref_dip_valid = true;
-    g_state.ref3d_dip_cdeg = cdeg;
-    g_state.ref3d_strength = 120;
-    g_state.ref3d_valid = g_state.ref3d_dip_valid = true;
+    g_state.reference_known = true;
+    g_state.reference_strength_counts = 120;
+    g_state.reference_dip_cdeg = 9000 - cdeg;
     trust_planar(KMXC_SERVICE_MEDIUM);  // sets the angle's bounds from the 3-D reference
     g_state.base_accuracy = KMXC_SERVICE_HIGH;
     g_state.tilt_steady = true;

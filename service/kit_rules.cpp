@@ -153,10 +153,10 @@ static void set_dip_bounds(int32_t cdeg) {
     }
 }
 
-// The reference for anomalies (and, from a 3-D fit, for the planar estimator): the
-// agreement's mean strength, and the mean angle of the last fed samples in steady tilt
-// about the offset in use.
-static void set_reference(const Agreement &a, bool three_d) {
+// The reference for anomalies: the agreement's mean strength, and the mean angle of the
+// last fed samples in steady tilt about the offset in use. (The last trusted 3-D fit's
+// references for the planar estimator follow from it: note_trusted_reference.)
+static void set_reference(const Agreement &a) {
     KmxAxesData o;
     KmxAxesLibGetMsOffset(&o);
     int32_t cdeg = 0;
@@ -166,12 +166,6 @@ static void set_reference(const Agreement &a, bool three_d) {
     g_state.ref_dip = a.dip;
     g_state.ref_dip_valid = dip;
     if (dip) set_dip_bounds(cdeg);
-    if (three_d) {
-        g_state.ref3d_valid = true;
-        g_state.ref3d_strength = a.mean;
-        g_state.ref3d_dip_valid = dip;
-        g_state.ref3d_dip_cdeg = cdeg;
-    }
     g_state.in_anomaly = false;
     g_state.demoted = false;
     g_state.est.reference_stale = false;
@@ -204,19 +198,7 @@ void remember_fed(const Vec3 &m, const Vec3 &g) {
 
 // ---- Accuracy -------------------------------------------------------------------------
 
-// A fit that comes while a trusted offset's field is in an anomaly episode (changed, for
-// less than the persistence) was gathered across the change: plausible at most, it sets
-// no reference and is not saved; the episode goes on.
-static bool across_a_change() { return g_state.offset_trusted && g_state.in_anomaly; }
-
-static void hold_low() {
-    g_state.base_accuracy = KMXC_SERVICE_LOW;
-    g_state.stored_pending = false;
-    g_state.provisional = false;
-}
-
 void on_fit(const KmxAxesData &o) {
-    if (across_a_change()) return hold_low();
     const Agreement a = agreement(o, g_state.fed_count);
     const bool agrees = a.in_range && a.worst_permille <= KMXC_SERVICE_FIT_MEDIUM_PERMILLE;
     g_state.base_accuracy = !agrees                                           ? KMXC_SERVICE_LOW
@@ -225,17 +207,16 @@ void on_fit(const KmxAxesData &o) {
     g_state.offset_trusted = true;
     g_state.stored_pending = false;
     g_state.provisional = false;
-    set_reference(a, agrees);
+    set_reference(a);
     if (agrees) g_state.save_pending = true;  // saved in the cycle when it differs from the stored one
 }
 
 void trust_estimate(int8_t level, const Agreement &a) {
-    if (across_a_change()) return hold_low();
     g_state.base_accuracy = level;
     g_state.offset_trusted = true;
     g_state.stored_pending = false;
     g_state.provisional = false;
-    set_reference(a, true);
+    set_reference(a);
     g_state.save_pending = true;
 }
 
@@ -251,10 +232,12 @@ void trust_planar(int8_t level) {
     g_state.save_pending = confirmed;
     if (!confirmed) return;
     // Judged from now on against the references it was checked with.
+    const int32_t angle = reference_angle_cdeg();
     g_state.reference = true;
-    g_state.ref_strength = g_state.ref3d_strength;
+    g_state.ref_strength = g_state.reference_strength_counts;
+    g_state.ref_dip = cos_q14(angle) * 1000 / 16384;
     g_state.ref_dip_valid = true;
-    set_dip_bounds(g_state.ref3d_dip_cdeg);
+    set_dip_bounds(angle);
 }
 
 void try_confirm(const KmxAxesData &o, KmxcServiceEvent *e) {
@@ -266,7 +249,7 @@ void try_confirm(const KmxAxesData &o, KmxcServiceEvent *e) {
     g_state.offset_trusted = true;
     g_state.provisional = false;
     g_state.base_accuracy = KMXC_SERVICE_MEDIUM;
-    set_reference(a, false);
+    set_reference(a);
     e->flags |= KMXC_SERVICE_CONFIRMED;
 }
 
@@ -279,12 +262,11 @@ static uint8_t causes_at(const Vec3 &g, int32_t strength, int32_t dip, int divis
     if (int64_t{abs32(strength - g_state.ref_strength)} * 1000 * divisor >
         int64_t{KMXC_SERVICE_STRENGTH_TOLERANCE_PERMILLE} * g_state.ref_strength)
         causes |= KMXC_SERVICE_ANOMALY_STRENGTH;
-    // The angle judged through its cosine's bounds, while |g| is steady. Outside steady
-    // tilt an acceleration may be what moved it: the heading is then as wrong as the
-    // angle (a tilted gravity turns it), so the accuracy is held down all the same, but
-    // such an episode never counts as a new surrounding (note_anomaly).
+    // The angle judged through its cosine's bounds, only in steady tilt: outside it an
+    // acceleration (a hand's, a vehicle's) may be what moved it, and the sample's field is
+    // no less good for the store and the fits.
     const int k = divisor == 1 ? 0 : 2;
-    if (g_state.ref_dip_valid && gravity_steady(g) &&
+    if (g_state.ref_dip_valid && g_state.tilt_steady && gravity_steady(g) &&
         (dip < g_state.dip_cos_bound[k] || dip > g_state.dip_cos_bound[k + 1]))
         causes |= KMXC_SERVICE_ANOMALY_DIP;
     return causes;
@@ -353,12 +335,14 @@ void judge_anomaly(const Vec3 &g, int32_t strength, int32_t dip, const KmxAxesDa
 }
 
 int8_t accuracy_now(int64_t now) {
-    // An episode that has lasted KMXC_SERVICE_STORE_ANOMALY_PERSIST_MS is a new
-    // surrounding (a clip, a mount): the offset in use no longer describes the field.
-    if (g_state.offset_trusted && g_state.in_anomaly &&
+    // An episode of strength or dip anomalies that has lasted
+    // KMXC_SERVICE_STORE_ANOMALY_PERSIST_MS is a new surrounding (a clip, a mount): the
+    // offset in use no longer describes the field. (A field outside the Earth's range is
+    // the rough offset's business: the library moves it, and the store starts afresh.)
+    if (g_state.offset_trusted && g_state.in_anomaly && g_state.anomaly_level_cap != KMXC_SERVICE_UNRELIABLE &&
         now - g_state.anomaly_since_ns >= int64_t{KMXC_SERVICE_STORE_ANOMALY_PERSIST_MS} * kNsPerMs) {
         g_state.offset_trusted = false;
-        g_state.provisional = g_state.anomaly_level_cap != KMXC_SERVICE_UNRELIABLE;
+        g_state.provisional = true;
         g_state.demoted = true;
         g_state.restore_count = 0;
         g_state.save_pending = false;

@@ -88,23 +88,26 @@ TEST(KitRuleEdges, AFitIsJudgedByItsBatchUpToEachAgreementLimit) {
 }
 
 // The dip is judged only in steady gravity: |g| within 60 thousandths of 4096 counts,
-// so 3851..4341.
+// so 3851..4341, and its direction steady (an acceleration may have turned it).
 TEST(KitRuleEdges, DipAnomaliesAreJudgedOnlyInSteadyGravity) {
     const struct {
         int32_t gravity;
+        bool tilt_steady;
         uint8_t causes;
     } cases[] = {
-        {4341, KMXC_SERVICE_ANOMALY_DIP},
-        {4342, 0},
-        {3851, KMXC_SERVICE_ANOMALY_DIP},
-        {3850, 0},
+        {4341, true, KMXC_SERVICE_ANOMALY_DIP},
+        {4342, true, 0},
+        {3851, true, KMXC_SERVICE_ANOMALY_DIP},
+        {3850, true, 0},
+        {4096, false, 0},
     };
     for (const auto &c : cases) {
         g_state = State{};
         g_state.reference = true;
         g_state.ref_strength = 200;
         g_state.ref_dip_valid = true;
-        EXPECT_EQ(anomaly_of(Vec3{0, 0, -c.gravity}, 200, 500), c.causes) << c.gravity;
+        g_state.tilt_steady = c.tilt_steady;
+        EXPECT_EQ(anomaly_of(Vec3{0, 0, -c.gravity}, 200, 500), c.causes) << c.gravity << " " << c.tilt_steady;
     }
 }
 

@@ -62,8 +62,9 @@ TEST_F(Kit, EachMisuseGetsItsOwnNamedResultAndChangesNothing) {
         {KMXC_SERVICE_BAD_TIMESTAMP, "KMXC_SERVICE_BAD_TIMESTAMP"},
         {KMXC_SERVICE_WRONG_THREAD, "KMXC_SERVICE_WRONG_THREAD"},
         {KMXC_SERVICE_BUSY, "KMXC_SERVICE_BUSY"},
+        {KMXC_SERVICE_STOP_NOT_SAVED, "KMXC_SERVICE_STOP_NOT_SAVED"},
         {1, "unknown result"},
-        {-11, "unknown result"},
+        {-12, "unknown result"},
     };
     for (const auto &[value, name] : names) EXPECT_STREQ(kmxc_service_result_name(value), name) << value;
 }
@@ -130,7 +131,20 @@ TEST_F(Kit, FirstFitComesInTimeAtEveryRateAndOnlyThenAreHeadingsTrusted) {
             const KmxcServiceEvent &e = r.events[i];
             if (!fitted && (e.flags & KMXC_SERVICE_FIT_3D)) {
                 fitted = true;
-                EXPECT_LT(offset_error_uT(e, r.true_offsets[i]), 1.5) << "first fit";
+                // Right where it turns the heading: the offset's error along magnetic east
+                // (east = the attitude's first row) over the horizontal field turns the
+                // heading by no more than three of the accuracy's standard deviations.
+                const auto &east = r.truths[i].attitude[0], &north = r.truths[i].attitude[1];
+                double err_east = 0, h = 0;
+                for (int k = 0; k < 3; ++k) {
+                    err_east += (e.offset[k] - r.true_offsets[i][k]) * 0.4 * east[k];
+                    h += r.truths[i].earth_uT[k] * north[k];
+                }
+                const double limit_deg = e.accuracy == KMXC_SERVICE_HIGH     ? 3 * 2.0
+                                         : e.accuracy == KMXC_SERVICE_MEDIUM ? 3 * 5.0
+                                                                             : 3 * 15.0;
+                EXPECT_LE(std::atan2(std::fabs(err_east), h) * 180 / M_PI, limit_deg)
+                    << "first fit at accuracy " << int(e.accuracy);
             }
             // Before it, at most a plausible estimate, at low accuracy.
             if (!fitted) { EXPECT_LE(e.accuracy, KMXC_SERVICE_LOW) << e.timestamp_ns; }

@@ -1,7 +1,7 @@
 // The sensor-service kit: the library's call order, as start, cycle and stop. The
 // numbered steps are those of the README's call sequence. Its rules are in
-// kit_rules.cpp, its persistence in kit_file.cpp. Integer arithmetic only (built without
-// floating-point registers); the float fields of the event are filled in event_fill.cpp.
+// kit_rules.cpp, its persistence in kit_file.cpp (through durable_file.cpp and kit_store.cpp). Integer arithmetic only
+// (built without floating-point registers); the float fields of the event are filled in event_fill.cpp.
 #include "service/kmxc_service.h"
 
 #include <unistd.h>
@@ -11,7 +11,6 @@
 #include "calibration/calibration.h"
 #include "drivers/drivers.h"
 #include "orientation/orientation.h"
-#include "platform/platform.h"
 #include "service/event_fill.h"
 #include "service/kit_internal.h"
 
@@ -76,74 +75,50 @@ void stop_drivers() {
     KmxAxesDrvGsTerm();
 }
 
-// The rough offset the calibration file holds (255s when none). An empty or garbled
-// file is reset, never read as offsets; a reset that does not take is a failed save,
-// and then nothing in the file is used and the reset is tried again before the first
-// save. A file that cannot be read just now is not used either, and checked again
-// before the first save.
-void read_stored_rough(uint8_t rough[3], bool *repaired) {
-    rough[0] = rough[1] = rough[2] = kUnknownRough;
-    const FileState state = file_state();
-    if (state == FileState::kUnreadable) {
-        g_state.file_unchecked = true;
-        return;
-    }
-    if (state != FileState::kDamaged && msmachdep_LoadRoughOffset(rough) == 0) return;
-    rough[0] = rough[1] = rough[2] = kUnknownRough;
-    if (reset_file()) {
-        *repaired = true;
-        if (msmachdep_LoadRoughOffset(rough) != 0) rough[0] = kUnknownRough;
-    } else {
-        g_state.file_damaged = true;
-        ++g_state.save_failures;
-    }
-}
-
-// 2. Rough offset: the stored one when valid, else measured; what was written is stored.
-int32_t write_rough_offset(const uint8_t stored[3], bool *use_stored) {
+// 2. Rough offset: the stored one when valid, else measured. A magnetic offset stored
+// with another rough offset is not used (it belongs to that one).
+int32_t write_rough_offset(bool *use_stored) {
+    const uint8_t *stored = g_state.files.wanted.rough;
     *use_stored = KmxAxesLibIsValidRoughOffset(stored) != 0;
     if (KmxAxesDrvMsSetRoughOffset(*use_stored ? stored : nullptr) != 0) return KMXC_SERVICE_ROUGH_OFFSET_FAILED;
     KmxAxesDrvMsGetWrittenRoughOffset(g_state.rough);
-    if (!*use_stored) save_rough(g_state.rough);
+    use_rough_offset(g_state.rough);
     return KMXC_SERVICE_OK;
 }
 
-// 3. Stored offsets. The magnetic one is used at once but trusted only once the live
-// field confirms it (or a fit replaces it); it belongs to the stored rough offset, so
-// it is ignored when a new rough offset had to be measured. Returns whether it loaded.
-bool load_stored_offsets(bool rough_was_stored) {
-    int32_t v[3];
-    bool loaded = false;
-    if (msmachdep_LoadMsOffset(v) == 0) {
-        const KmxAxesData offset{v[0], v[1], v[2]};
-        if (KmxAxesLibIsValidMsOffset(&offset) && rough_was_stored) {
-            KmxAxesLibSetMsOffset(&offset);
-            KmxAxesMsCalibSetOffset(&offset);
-            g_state.stored = offset;
-            g_state.stored_pending = true;
-            g_state.provisional = true;  // low until the live field confirms it
-            g_state.estimator = KMXC_SERVICE_ESTIMATOR_STORED;
-            loaded = true;
-        }
-    }
-    if (!g_state.file_damaged && !g_state.file_unchecked && msmachdep_LoadGsOffset(v) == 0) {
-        const KmxAxesData offset{v[0], v[1], v[2]};
-        KmxAxesLibSetGsOffset(&offset);
-    }
-    return loaded;
+// 3. Stored offsets, range-checked when read. The magnetic one is used at once but
+// trusted only once the live field confirms it (or a fit replaces it): until then it is
+// worth low accuracy. Returns whether it loaded.
+bool load_stored_offsets() {
+    const CalibRecord &r = g_state.files.wanted;
+    KmxAxesLibSetGsOffset(&r.gravity);
+    if (!magnetic_known(r.magnetic)) return false;
+    KmxAxesLibSetMsOffset(&r.magnetic);
+    KmxAxesMsCalibSetOffset(&r.magnetic);
+    g_state.stored_pending = true;
+    g_state.provisional = true;
+    g_state.estimator = KMXC_SERVICE_ESTIMATOR_STORED;
+    return true;
 }
 
-void fill_start_record(bool rough_was_stored, bool loaded, bool repaired, KmxcServiceStart *start) {
+void fill_start_record(bool rough_was_stored, bool loaded, const StartFiles &found, KmxcServiceStart *start) {
+    *start = KmxcServiceStart{};
     for (int k = 0; k < 3; ++k) start->rough[k] = g_state.rough[k];
     start->rough_measured = rough_was_stored ? 0 : 1;
     start->offset_loaded = loaded ? 1 : 0;
-    start->file_repaired = repaired ? 1 : 0;
+    start->file_repaired = (found.file & KMXC_SERVICE_FILE_GARBLED) != 0 ? 1 : 0;
     KmxAxesData o;
     KmxAxesLibGetMsOffset(&o);
     start->offset[0] = o.x;
     start->offset[1] = o.y;
     start->offset[2] = o.z;
-    for (int k = 0; k < 9; ++k) start->soft_iron_q14[k] = kIdentityQ14[k];
+    start->file = found.file;
+    start->kit_file = found.kit_file;
+    start->save_attempts = found.save_attempts;
+    start->save_failures = found.save_failures;
+    start->file_error = found.error;
+    const SoftIron &soft = g_state.soft_iron;
+    for (int k = 0; k < 9; ++k) start->soft_iron_q14[k] = soft.in_use ? soft.w_q14[k] : kIdentityQ14[k];
 }
 
 // ---- Cycle ----------------------------------------------------------------------------------
@@ -169,27 +144,31 @@ bool measure(KmxAxesData *mag, KmxAxesData *gravity, KmxcServiceEvent *e) {
 
 // 4c. The calibration published an offset: hand it to the orientation library. Once an
 // offset is trusted, a new fit replaces it only when its batch agrees with it (a
-// disagreeing fit is never used) and at least as well as with the offset in use: each
-// fit carries its batch's noise, and a worse one must not undo a better. Planar fits
-// are held to the same once an offset is trusted.
-void adopt_new_offset(bool three_d, KmxcServiceEvent *e) {
+// disagreeing fit is never used) and its predicted horizontal error is no larger than the
+// estimate in use's (each fit carries its batch's noise, and a worse one must not undo a
+// better). Planar fits are held to the same once an offset is trusted.
+void adopt_new_offset(bool three_d, const Vec3 &g, KmxcServiceEvent *e) {
     KmxAxesData offset, in_use;
     KmxAxesMsCalibGetOffset(&offset);
     KmxAxesLibGetMsOffset(&in_use);
     if (g_state.offset_trusted) {
-        const Agreement fresh = agreement(offset, g_state.fed_count);
-        const bool fresh_agrees = fresh.in_range && fresh.worst_permille <= KMXC_SERVICE_FIT_MEDIUM_PERMILLE;
-        if (!fresh_agrees || agreement(in_use, g_state.fed_count).spread < fresh.spread) {
+        if (!library_fit_preferred(offset, g)) {
             KmxAxesMsCalibSetOffset(&in_use);
             offset = in_use;
         }
+    } else {
+        // Untrusted: the fit is used; its batch's covariance once a 3-D fit is trusted.
+        g_state.est.cov.valid = false;
     }
     KmxAxesLibSetMsOffset(&offset);
     e->flags |= KMXC_SERVICE_NEW_OFFSET;
     if (!same(offset, in_use)) g_state.estimator = KMXC_SERVICE_ESTIMATOR_LIBRARY;
     if (three_d) {
         e->flags |= KMXC_SERVICE_FIT_3D;
+        const bool trusted = g_state.offset_trusted;
         on_fit(offset);
+        note_trusted_reference();
+        if (!trusted && g_state.offset_trusted) use_ring_covariance(offset, KMXC_SERVICE_FEED_HISTORY, 4);
     }
 }
 
@@ -208,17 +187,7 @@ void feed_calibration(KmxAxesData *mag, const Vec3 &m, const Vec3 &g, KmxcServic
     e->calib_ratio_mid = detail.ratioMid;
     e->calib_residual = detail.residual;
     e->calib_status = KmxAxesMsCalibGetStatus();
-    if (kmxc_calib_new_offset(e->calib_result)) adopt_new_offset(e->calib_result == KMXC_CALIB_THREE_D, e);
-}
-
-// Persistence: a confirmed offset that differs from the stored one. One attempt per
-// fit: a failing file system is not hammered every cycle.
-void save_confirmed_offset(KmxcServiceEvent *e) {
-    if (!g_state.save_pending) return;
-    g_state.save_pending = false;
-    KmxAxesData fit;
-    KmxAxesMsCalibGetOffset(&fit);
-    if (!same(fit, g_state.stored)) e->flags |= save_offset(fit) ? KMXC_SERVICE_SAVED : KMXC_SERVICE_SAVE_FAILED;
+    if (kmxc_calib_new_offset(e->calib_result)) adopt_new_offset(e->calib_result == KMXC_CALIB_THREE_D, g, e);
 }
 
 // The field against the reference: strength, dip and the anomaly they show. A sample
@@ -258,11 +227,12 @@ void move_rough_offset_if_clipped(int64_t now, KmxcServiceEvent *e) {
     g_state.last_rough_change_ns = now;
     KmxAxesData before, after;
     KmxAxesLibGetMsOffset(&before);
-    if (!change_rough_offset(e)) return;
-    e->flags |= KMXC_SERVICE_ROUGH_CHANGED;
-    // The stored samples were measured with the old rough offset; the correction's
-    // centre moves with the field by the step the offset was carried over.
+    // The stored samples were measured with the old rough offset: the store goes before
+    // the change's save, so the kit file it writes says nothing is covered.
     store_clear();
+    if (!change_rough_offset(now, e)) return;
+    e->flags |= KMXC_SERVICE_ROUGH_CHANGED;
+    // The correction's centre moves with the field by the step the offset was carried.
     KmxAxesLibGetMsOffset(&after);
     SoftIron &soft = g_state.soft_iron;
     soft.centre = Vec3{soft.centre.x + after.x - before.x, soft.centre.y + after.y - before.y,
@@ -296,6 +266,7 @@ const char *kmxc_service_result_name(int32_t result) {
         KMXC_NAME_OF(KMXC_SERVICE_BAD_TIMESTAMP);
         KMXC_NAME_OF(KMXC_SERVICE_WRONG_THREAD);
         KMXC_NAME_OF(KMXC_SERVICE_BUSY);
+        KMXC_NAME_OF(KMXC_SERVICE_STOP_NOT_SAVED);
     default: return "unknown result";
     }
 #undef KMXC_NAME_OF
@@ -309,18 +280,21 @@ int32_t kmxc_service_start(uint32_t rate_hz, KmxcServiceStart *start) {
     g_state = State{};
     g_state.rate_hz = rate_hz;
     g_state.owner = gettid();
-    g_state.stored = kNoStoredOffset;
     if (const int32_t rc = start_library_and_drivers(); rc != KMXC_SERVICE_OK) return rc;
-    uint8_t stored_rough[3];
-    bool repaired = false, rough_was_stored = false;
-    read_stored_rough(stored_rough, &repaired);
-    if (const int32_t rc = write_rough_offset(stored_rough, &rough_was_stored); rc != KMXC_SERVICE_OK) {
+    StartFiles found{};
+    read_stored_record(&found);
+    bool rough_was_stored = false;
+    if (const int32_t rc = write_rough_offset(&rough_was_stored); rc != KMXC_SERVICE_OK) {
         stop_drivers();
         return rc;
     }
-    const bool loaded = load_stored_offsets(rough_was_stored);
+    const bool loaded = load_stored_offsets();
+    // The kit file of the loaded record: its correction, references and coverage.
+    if (loaded && found.kit_read && kit_belongs_to(g_state.files.kit, g_state.files.wanted))
+        apply_kit_record(g_state.files.kit);
+    save_at_start(&found);
     g_state.started = true;
-    if (start != nullptr) fill_start_record(rough_was_stored, loaded, repaired, start);
+    if (start != nullptr) fill_start_record(rough_was_stored, loaded, found, start);
     return KMXC_SERVICE_OK;
 }
 
@@ -335,7 +309,7 @@ int32_t kmxc_service_cycle(int64_t now, KmxcServiceEvent *e) {
     *e = KmxcServiceEvent{};
     e->timestamp_ns = now;
     e->heading_deg = -1;
-    e->calib_residual = kNoResidual;
+    e->calib_residual = KMXC_CALIB_NO_RESIDUAL;
 
     KmxAxesData mag = KmxAxesData_Constructor, gravity = KmxAxesData_Constructor;
     if (measure(&mag, &gravity, e)) {
@@ -347,16 +321,28 @@ int32_t kmxc_service_cycle(int64_t now, KmxcServiceEvent *e) {
         feed_calibration(&mag, m, g, e);
         KmxAxesData offset;
         KmxAxesLibGetMsOffset(&offset);
-        if (g_state.stored_pending && (e->flags & KMXC_SERVICE_FED) != 0) try_confirm(offset, e);
+        if (g_state.stored_pending && (e->flags & KMXC_SERVICE_FED) != 0) {
+            try_confirm(offset, e);
+            // A confirmed stored offset is known as well as the samples that confirmed it
+            // determine it (its own fit's samples are gone).
+            if ((e->flags & KMXC_SERVICE_CONFIRMED) != 0) use_ring_covariance(offset, KMXC_SERVICE_CONFIRM_SAMPLES, 1);
+        }
         judge_field(c, g, offset, now, e);
         store_cycle(m, g, (e->flags & KMXC_SERVICE_FED) == 0, now, e);
-        save_confirmed_offset(e);
+        save_when_due(now, e);
         KmxAxesLibGetMsOffset(&offset);
         integer_heading(mag, gravity, e);
         e->offset[0] = offset.x, e->offset[1] = offset.y, e->offset[2] = offset.z;
         kmxc_service_fill_floats(&mag, &gravity, &offset, e);
     }
     e->accuracy = accuracy_now(now);
+    // The heading's uncertainty at this attitude caps whatever the other rules allow.
+    if ((e->flags & KMXC_SERVICE_MEASURED) != 0 && e->accuracy > KMXC_SERVICE_UNRELIABLE) {
+        const Vec3 v{e->mag_counts[0] - e->offset[0], e->mag_counts[1] - e->offset[1], e->mag_counts[2] - e->offset[2]};
+        const Vec3 g{e->gravity_counts[0], e->gravity_counts[1], e->gravity_counts[2]};
+        const int8_t cap = heading_accuracy_cap(v, g);
+        if (cap < e->accuracy) e->accuracy = cap;
+    }
     // An unconfirmed offset is worth low accuracy only while the field it gives is one
     // the Earth could make.
     if (e->accuracy == KMXC_SERVICE_LOW && !g_state.offset_trusted &&
@@ -373,8 +359,17 @@ int32_t kmxc_service_stop(void) {
     const CallGuard guard;
     if (!guard.entered()) return KMXC_SERVICE_BUSY;
     if (const int32_t rc = session_check(); rc != KMXC_SERVICE_OK) return rc;
+    const bool saved = save_at_stop();
     stop_drivers();
     g_state.started = false;
+    return saved ? KMXC_SERVICE_OK : KMXC_SERVICE_STOP_NOT_SAVED;
+}
+
+int32_t kmxc_service_saves(uint32_t *done, uint32_t *failed) {
+    const CallGuard guard;
+    if (!guard.entered()) return KMXC_SERVICE_BUSY;
+    if (done != nullptr) *done = g_state.saves;
+    if (failed != nullptr) *failed = g_state.save_failures;
     return KMXC_SERVICE_OK;
 }
 

@@ -9,19 +9,18 @@
  * heading, and one accuracy value 0..3 for all of them.
  *
  * What the kit does on the caller's behalf, in the library's required order:
- *   start  KmxAxesLibInit, KmxAxesMsCalibInit, both driver inits; the rough offset
- *          (stored one if valid, else measured, then stored); the stored magnetic and
- *          gravity offsets, after checking that the calibration file is well formed
- *          (an empty or garbled file is reset to its defaults, never trusted; a
- *          reset that fails counts as a failed save and is tried again before the
- *          first save; a file that cannot be read at start is not used and is
- *          checked again before the first save).
+ *   start  KmxAxesLibInit, KmxAxesMsCalibInit, both driver inits; the calibration file
+ *          and the kit file read and checked (below, Persistence); the rough offset
+ *          (stored one if valid, else measured); the stored magnetic and gravity
+ *          offsets; the file saved when it does not hold the record in use. What start
+ *          found and did is in the KmxcServiceStart record.
  *   cycle  both measurements; the sample-feed gate; KmxAxesMsCalibUpdateDetail with the raw
  *          (offset-free) magnetic vector; a new offset to the orientation library;
  *          the attitude both ways; accuracy and field-anomaly checks; a rough-offset
  *          change with the magnetic offset carried over when a channel leaves its
- *          range; saving a confirmed offset that differs from the stored one.
- *   stop   both driver terms (the last closes /dev/compass).
+ *          range; saving a confirmed offset when the save spacing allows.
+ *   stop   an offset newer than the file saved; both driver terms (the last closes
+ *          /dev/compass).
  *
  * Rules (the constants are below, named once):
  *   Sample feed. The calibration fits batches of 16 samples and needs them spread
@@ -79,15 +78,56 @@
  *     when no anomaly has been seen for KMXC_SERVICE_ANOMALY_CLEAR_MS, or at once when
  *     a new 3-D fit replaces the offset (and the references). A disturbance that keeps
  *     both the strength and the dip while it turns the field is not seen.
- *   Persistence. Saved: the offset of a 3-D fit (the library's or the store's) whose
- *     samples agree with it (accuracy
- *     2 or 3), only when it differs from the stored one; the rough offset after a
- *     change, with the stored magnetic offset carried over to it. Never saved: planar
- *     offsets, offsets no agreeing 3-D fit produced, the gravity offset (its library
- *     save path rewrites the file in place). Every save is read back; a failed save
- *     is flagged (KMXC_SERVICE_SAVE_FAILED), counted, leaves the previous file (the
- *     library's saves write a backup and rename it), and is tried again at the next
- *     new offset. A file that no longer loads after a failure is reset to defaults.
+ *   Persistence. The kit owns its files; it never calls the library's file functions
+ *     (nor writes the library's backup file name), and writes what the library would:
+ *     KMXC_SERVICE_CALIBRATION_FILE, one line of nine integers "%d,...,%d" without a
+ *     line end: rough offset (steps, 255 not known), gravity offset (1/4096 g),
+ *     magnetic offset (counts, 2147483647 not known); owner 1008:1000, mode 0666.
+ *     Beside it KMXC_SERVICE_KIT_FILE, one line of 19 integers: version
+ *     (KMXC_SERVICE_KIT_FILE_VERSION), the rough and magnetic offset of the record it
+ *     belongs to, a symmetric soft-iron correction xx,xy,xz,yy,yz,zz (Q14: identity is
+ *     KMXC_SERVICE_SOFT_IRON_ONE,0,0,ONE,0,ONE; diagonal ONE/2..2*ONE, others within
+ *     +-ONE/2), the field strength (counts, 10..100 uT) and dip (1/100 degree,
+ *     -9000..9000) of the last trusted 3-D calibration, whether those two are known
+ *     (0: both 0), the store's coverage (cells 0..255), whether the offset came from a
+ *     planar fit (0/1), and the CRC-32 (as zlib's) of the text before its comma. Each
+ *     save writes the correction in use (identity when none), the mean strength and dip
+ *     below the horizontal of the batch of the last estimate trusted at medium or high
+ *     with a dip measured in steady gravity (not known before one), the cells the store
+ *     covered at its last fit (0 after a rough-offset change empties it), and planar 0.
+ *     At start a kit file that belongs to the loaded record gives these back: the
+ *     correction is applied about the record's offset from the first cycle (only when
+ *     its axes are within the ellipsoid fit's plausible range; reported in
+ *     KmxcServiceStart and every event), the coverage is reported until the store's
+ *     next fit. A kit file that does not belong to the calibration file's record, or
+ *     fails any check, is never used (defaults).
+ *     Reading: each path is opened with O_NOFOLLOW|O_NONBLOCK and checked with fstat;
+ *     anything but a regular file (a link, FIFO, directory, device) is refused, never
+ *     waited on and never written through, with one line on stderr naming the path and
+ *     what it is. The line is parsed strictly (anything but nine integers is garbled:
+ *     reset to defaults) and every value range-checked: rough 0..31 (or all 255),
+ *     magnetic within the library's valid range (or all not known; a magnetic offset of
+ *     a rough offset not known is dropped), gravity within
+ *     KMXC_SERVICE_GRAVITY_OFFSET_LIMIT; implausible values are reset and the record is
+ *     saved again. A file that reads but cannot be written is used (start reports it
+ *     read-only). A file that cannot be read is not used and not replaced until it
+ *     reads again.
+ *     Writing: one save writes one complete record, both files, each through a
+ *     temporary file of a unique name created with O_CREAT|O_EXCL|O_NOFOLLOW in
+ *     /misc/sensor, written, given owner and mode, fsynced, renamed over the file, then
+ *     the directory fsynced; a crash or power cut at any step leaves the old record or
+ *     the new one. The save holds the directory's advisory lock (flock, not waiting): a
+ *     second service saving at the same moment finds it taken and its save fails with
+ *     KMXC_SERVICE_SAVE_LOCKED (tried again later). A failed save prints its cause on
+ *     stderr and keeps the previous file.
+ *     What and when: the record in use is the rough offset, the gravity offset loaded,
+ *     and the offset of the last 3-D fit whose batch agrees with it (accuracy 2 or 3);
+ *     planar offsets and unconfirmed ones are never saved. A rough-offset change is saved
+ *     at once, with the magnetic offset carried over to it (or not known). A new offset
+ *     is saved when it moved more than KMXC_SERVICE_SAVE_MIN_MOVE_COUNTS from the stored
+ *     one, or moved at all and the stored one has stood KMXC_SERVICE_SAVE_SETTLE_S; never
+ *     within KMXC_SERVICE_SAVE_MIN_INTERVAL_S of the last attempt (failed ones
+ *     included), and at stop when it differs at all (one save per session).
  *   Warm-up. The integer heading's smoother starts from 180 degrees when the library
  *     is loaded and keeps its history across restarts; for the first
  *     KMXC_SERVICE_WARMUP_CYCLES cycles with an attitude the event's heading is -1.
@@ -109,6 +149,8 @@
 #define KMXC_SERVICE_H
 
 #include <stdint.h>
+
+#include "common/common.h"
 
 #ifndef KMXC_SERVICE_API
 #define KMXC_SERVICE_API __attribute__((visibility("default")))
@@ -220,25 +262,69 @@ extern "C" {
  * passed at walking pace (a door, a speaker) disturbs the field for a second or two and
  * leaves the store as it was. */
 #define KMXC_SERVICE_STORE_ANOMALY_PERSIST_MS 5000
-/* Determinacy of a store fit: the predicted error (one standard deviation) of its
- * offset along the direction its samples determine least, from the strengths' residual
- * and the samples' covariance, in thousandths of the field strength. Half the agreement
- * a high-accuracy fit must show: the offset is known as well in its weakest direction
- * as the strengths can tell in the others. Worse: the fit is plausible, not confirmed. */
-#define KMXC_SERVICE_STORE_UNCERTAINTY_PERMILLE 20
-/* Coverage cells (of 24: the cube's faces in quadrants, seen from the offset) the store
- * must occupy before the ellipsoid is fitted: soft iron is a scale and skew along every
- * axis, which only samples from nearly every side tell from an offset (on a cap the
- * sphere fit is the better estimate). */
-#define KMXC_SERVICE_ELLIPSOID_MIN_CELLS 8
-/* The ellipsoid is used only when its strengths' RMS residual is at most this fraction
- * (1/n) of the sphere fit's on the same store: soft iron that the strengths cannot tell
- * from noise is not worth a correction that may also bend the heading. */
+/* Heading uncertainty (one standard deviation, centidegrees) that caps the accuracy: the
+ * offset's predicted error along magnetic east at this attitude (east = field x gravity)
+ * over the horizontal field. An error along gravity or along the horizontal field does
+ * not turn the heading, so a phone turned about the vertical is trusted as soon as its
+ * turns fix the horizontal offset, and loses the trust when a tilt brings the direction
+ * its samples never determined into the horizontal.
+ *   HIGH 2 degrees: 95 % of headings within 4 degrees, finer than a user lines up a map
+ *     by eye (and the 2-degree RMS of a well-calibrated phone).
+ *   MEDIUM 5 degrees: a heading 15 degrees off (3 sigma: a wrong street at a junction)
+ *     in fewer than 3 samples in 1000.
+ *   LOW 15 degrees: the heading points into the right quarter 9 times in 10 (the
+ *     quarter's half-width 45 degrees is 3 sigma). Beyond: unreliable. */
+#define KMXC_SERVICE_HEADING_SIGMA_HIGH_CDEG 200
+#define KMXC_SERVICE_HEADING_SIGMA_MEDIUM_CDEG 500
+#define KMXC_SERVICE_HEADING_SIGMA_LOW_CDEG 1500
+/* The magnetometer's noise per axis assumed by the estimators, 1/100 uT: its part in a
+ * fit's expected residual (with the 0.4 uT count's rounding, 0.12 uT). Twice what the
+ * virtual phone draws: a noisier chip only makes the ellipsoid attempted more often (its
+ * adoption has its own test) and never shrinks a predicted error (the residual a fit
+ * shows is used when it is larger). */
+#define KMXC_SERVICE_MAG_NOISE_CENTI_UT 30
+/* The ellipsoid is attempted (whatever the store's coverage) when the sphere estimate's
+ * strength residual exceeds this many times what noise and rounding explain: a field
+ * that is no sphere within the noise. Twice: a sphere's residual over 32 samples
+ * scatters by about an eighth, so noise alone never reaches it. */
+#define KMXC_SERVICE_ELLIPSOID_ATTEMPT_FACTOR 2
+/* A first soft-iron correction is used only when its strengths' RMS residual is at most
+ * this fraction (1/n) of the sphere fit's on the same store: soft iron that the strengths
+ * cannot tell from noise is not worth a correction that may also bend the heading. A new
+ * correction replaces one in use when its residual is no larger than that of the sphere
+ * fitted through the correction in use (the store as the library sees it). */
 #define KMXC_SERVICE_ELLIPSOID_BEAT_FACTOR 2
-/* A store estimate that agrees better with the recent samples replaces the offset in
- * use only when it moves it by at least this many counts (0.8 uT, under a degree of
- * heading in a 24 uT horizontal field): publishing restarts the library's batch. */
+/* A better-determined estimate (a smaller predicted horizontal offset error) replaces the
+ * offset in use when it moves it by at least this many counts (0.8 uT, under a degree of
+ * heading in a 24 uT horizontal field), or when its predicted error variance is at most
+ * 1/KMXC_SERVICE_REPUBLISH_VARIANCE_FACTOR of the one in use: publishing restarts the
+ * library's batch, so a refit that only moves the offset by its noise is not published.
+ * Halving: a refit after a few new samples changes the variance by far less. */
 #define KMXC_SERVICE_REPUBLISH_MIN_CHANGE 2
+#define KMXC_SERVICE_REPUBLISH_VARIANCE_FACTOR 2
+
+/* Persistence (see the paragraph above). The library's calibration file, and the kit's. */
+#define KMXC_SERVICE_CALIBRATION_FILE KMXC_CALIBRATION_FILE
+#define KMXC_SERVICE_KIT_FILE KMXC_CALIBRATION_DIRECTORY "/kmxc_orvane-kit.cfg"
+/* Largest stored gravity offset used, per axis, 1/4096 g: a quarter of g. A MEMS
+ * accelerometer's zero-g offset, soldering stress and temperature included, stays within
+ * about a tenth of g; a larger value is damage, and would tilt the attitude by up to
+ * 14 degrees. */
+#define KMXC_SERVICE_GRAVITY_OFFSET_LIMIT 1024
+/* Save spacing, for the flash. A new offset is saved at once when it moved more than
+ * this many counts (1.2 uT: about the spread of one fit's offset, and under 3 degrees
+ * of heading in a 24 uT horizontal field) from the stored one ... */
+#define KMXC_SERVICE_SAVE_MIN_MOVE_COUNTS 3
+/* ... and when it moved at all and the stored one is this old (it stays close to the
+ * truth; a save every ten minutes of handling costs the flash nothing) ... */
+#define KMXC_SERVICE_SAVE_SETTLE_S 600
+/* ... but never within this long of the last save attempt: at most 60 saves an hour
+ * however often the calibration fits (it can fit every few seconds while the phone is
+ * handled). */
+#define KMXC_SERVICE_SAVE_MIN_INTERVAL_S 60
+/* The kit file's format version, and 1.0 in its soft-iron correction (Q14). */
+#define KMXC_SERVICE_KIT_FILE_VERSION 1
+#define KMXC_SERVICE_SOFT_IRON_ONE 16384
 
 /* Accuracy values (Android's SENSOR_STATUS_*). */
 #define KMXC_SERVICE_UNRELIABLE 0
@@ -253,12 +339,13 @@ extern "C" {
 #define KMXC_SERVICE_FIT_3D 0x0008            /* ... from a three-dimensional fit */
 #define KMXC_SERVICE_ANOMALY 0x0010           /* a field anomaly was seen in this sample */
 #define KMXC_SERVICE_ROUGH_CHANGED 0x0020     /* the rough offset was changed, offset carried */
-#define KMXC_SERVICE_SAVED 0x0040             /* the calibration file was written and read back */
-#define KMXC_SERVICE_SAVE_FAILED 0x0080       /* a save failed; the previous file is kept */
+#define KMXC_SERVICE_SAVED 0x0040             /* the record was saved: both files, durably */
+#define KMXC_SERVICE_SAVE_FAILED 0x0080       /* a save failed; the previous record is kept */
 #define KMXC_SERVICE_CONFIRMED 0x0100         /* the stored offset was confirmed by the field */
 #define KMXC_SERVICE_HEADING_VALID 0x0200     /* heading_deg holds a heading (after warm-up) */
 #define KMXC_SERVICE_ORIENTATION_VALID 0x0400 /* orientation_deg and rotation_vector hold values */
-#define KMXC_SERVICE_KIT_ESTIMATE 0x0800      /* the new offset (and soft iron) is the kit's own */
+#define KMXC_SERVICE_SAVE_LOCKED 0x0800       /* the save found another service saving (with SAVE_FAILED) */
+#define KMXC_SERVICE_KIT_ESTIMATE 0x1000      /* the new offset (and soft iron) is the kit's own */
 
 /* Estimators (event.estimator): where the offset in use comes from. */
 #define KMXC_SERVICE_ESTIMATOR_NONE 0         /* no offset yet (or only a planar one moved it) */
@@ -273,15 +360,55 @@ extern "C" {
 #define KMXC_SERVICE_ANOMALY_STRENGTH 2 /* strength far from the reference */
 #define KMXC_SERVICE_ANOMALY_DIP 4      /* field-gravity angle far from the reference */
 
+/* What start found at KMXC_SERVICE_CALIBRATION_FILE and did (KmxcServiceStart.file,
+ * bits). An integrator acts on: ABSENT (first start, or the file was lost),
+ * UNREADABLE, NOT_REGULAR, READ_ONLY (no calibration will be kept), GARBLED and
+ * IMPLAUSIBLE (the file was damaged), LOCKED (two services share the files).
+ *   LOADED       a complete record was read; its values were used (IMPLAUSIBLE: some reset)
+ *   ABSENT       no file: defaults, the file made by start's save
+ *   UNREADABLE   it exists but could not be read (file_error): defaults; not replaced
+ *                until it reads again
+ *   NOT_REGULAR  a symbolic link, FIFO, directory or device: refused, never written
+ *   READ_ONLY    with LOADED: the file or /misc/sensor cannot be written (file_error):
+ *                the record is used, nothing can be saved
+ *   GARBLED      not a record of nine integers: reset to defaults and saved again
+ *   IMPLAUSIBLE  with LOADED: a value out of its range (rough, magnetic, gravity; see
+ *                Persistence) was reset and the record saved again
+ *   LOCKED       start's save found another service saving: not saved now */
+#define KMXC_SERVICE_FILE_LOADED 0x0001
+#define KMXC_SERVICE_FILE_ABSENT 0x0002
+#define KMXC_SERVICE_FILE_UNREADABLE 0x0004
+#define KMXC_SERVICE_FILE_NOT_REGULAR 0x0008
+#define KMXC_SERVICE_FILE_READ_ONLY 0x0010
+#define KMXC_SERVICE_FILE_GARBLED 0x0020
+#define KMXC_SERVICE_FILE_IMPLAUSIBLE 0x0040
+#define KMXC_SERVICE_FILE_LOCKED 0x0080
+
+/* What start found at KMXC_SERVICE_KIT_FILE (KmxcServiceStart.kit_file). Every code but
+ * LOADED means its values are the defaults, written with the next save. */
+#define KMXC_SERVICE_KIT_FILE_LOADED 0 /* belongs to the calibration record in use */
+#define KMXC_SERVICE_KIT_FILE_ABSENT 1 /* none yet */
+#define KMXC_SERVICE_KIT_FILE_MISMATCH                                                       \
+    2                                   /* made for another rough or magnetic offset (a save \
+                                           cut short, a rough-offset change, the library's own save) */
+#define KMXC_SERVICE_KIT_FILE_GARBLED 3 /* not a kit record of this version: format, range, checksum */
+#define KMXC_SERVICE_KIT_FILE_REFUSED 4 /* not a regular file, or unreadable: never written while so */
+
 /* ---- Records ---------------------------------------------------------------------- */
 
-/* What start found (filled by kmxc_service_start). */
+/* What start found (filled by kmxc_service_start when it returns KMXC_SERVICE_OK). */
 typedef struct KmxcServiceStart {
     uint8_t rough[3];         /* rough offset written to the chip, channels 0..2 */
     uint8_t rough_measured;   /* 1 measured now, 0 taken from the file */
     uint8_t offset_loaded;    /* 1 a valid stored magnetic offset was loaded (unconfirmed) */
-    uint8_t file_repaired;    /* 1 the calibration file was empty or garbled and reset */
+    uint8_t file_repaired;    /* 1 when file has KMXC_SERVICE_FILE_GARBLED (as before file existed) */
     int32_t offset[3];        /* the magnetic offset in use, counts */
+    uint16_t file;            /* KMXC_SERVICE_FILE_* bits */
+    uint8_t kit_file;         /* KMXC_SERVICE_KIT_FILE_* */
+    uint8_t save_attempts;    /* saves start tried: 0 or 1 (one save writes both files) */
+    uint8_t save_failures;    /* of these, failed (counted in the events' save_failures too) */
+    uint8_t reserved[3];      /* 0 */
+    int32_t file_error;       /* errno behind UNREADABLE, READ_ONLY or start's failed save; else 0 */
     int16_t soft_iron_q14[9]; /* the soft-iron correction W in use, Q14 (16384 = 1), row-major;
                                  the identity when none */
 } KmxcServiceStart;
@@ -320,8 +447,8 @@ typedef struct KmxcServiceEvent {
     int32_t offset[3];         /* the magnetic offset in use, counts */
     int32_t strength_centi_uT; /* |mag_counts - offset| in 1/100 uT, rounded down */
     int32_t dip_cos_permille;  /* 1000 cos(angle between field and gravity) */
-    uint32_t saves;            /* successful saves so far */
-    uint32_t save_failures;    /* failed saves so far */
+    uint32_t saves;            /* successful saves so far (start's included) */
+    uint32_t save_failures;    /* failed saves so far (start's included) */
     uint8_t estimator;         /* KMXC_SERVICE_ESTIMATOR_* of the offset in use */
     uint8_t coverage_cells;    /* cells (of 24) the kit's store of samples covers, last fit */
     int16_t soft_iron_q14[9];  /* the soft-iron correction W in use, Q14 (16384 = 1), row-major;
@@ -350,10 +477,13 @@ typedef struct KmxcServiceEvent {
  *   KMXC_SERVICE_NULL_EVENT             -7   cycle        event is null; nothing done
  *   KMXC_SERVICE_BAD_TIMESTAMP          -8   cycle        the timestamp is not later than the
  *                                                         last cycle's; nothing done
- *   KMXC_SERVICE_WRONG_THREAD           -9   cycle, stop  called from a thread other than the
- *                                                         one that started the session
+ *   KMXC_SERVICE_WRONG_THREAD           -9   all but      called from a thread other than the
+ *                                             start       one that started the session
  *   KMXC_SERVICE_BUSY                  -10   all          another call of the kit is running
  *                                                         (on another thread); nothing done
+ *   KMXC_SERVICE_STOP_NOT_SAVED        -11   stop         stopped, but an offset newer than the
+ *                                                         file could not be saved (the file keeps
+ *                                                         the previous record; cause on stderr)
  */
 enum KmxcServiceResult {
     KMXC_SERVICE_OK = 0,
@@ -366,7 +496,8 @@ enum KmxcServiceResult {
     KMXC_SERVICE_NULL_EVENT = -7,
     KMXC_SERVICE_BAD_TIMESTAMP = -8,
     KMXC_SERVICE_WRONG_THREAD = -9,
-    KMXC_SERVICE_BUSY = -10
+    KMXC_SERVICE_BUSY = -10,
+    KMXC_SERVICE_STOP_NOT_SAVED = -11
 };
 
 /* ---- Functions -------------------------------------------------------------------
@@ -379,7 +510,10 @@ enum KmxcServiceResult {
  *                                      the monotonic clock (CLOCK_MONOTONIC or
  *                                      CLOCK_BOOTTIME, as Android's sensor events) and
  *                                      must increase from cycle to cycle
- * kmxc_service_stop()                  step 6
+ * kmxc_service_stop()                  step 6, after saving an offset newer than the file
+ * kmxc_service_saves(done, failed)     saves and failed saves of the session so far, start's
+ *                                      and stop's included (valid after stop, until the next
+ *                                      start); either pointer may be null; KMXC_SERVICE_OK
  * Cycle and stop must come from the thread that started the session; the kit detects
  * another thread (KMXC_SERVICE_WRONG_THREAD) and a call while another is running
  * (KMXC_SERVICE_BUSY) and refuses them without touching the session.
@@ -389,6 +523,7 @@ enum KmxcServiceResult {
 KMXC_SERVICE_API int32_t kmxc_service_start(uint32_t rate_hz, KmxcServiceStart *start);
 KMXC_SERVICE_API int32_t kmxc_service_cycle(int64_t timestamp_ns, KmxcServiceEvent *event);
 KMXC_SERVICE_API int32_t kmxc_service_stop(void);
+KMXC_SERVICE_API int32_t kmxc_service_saves(uint32_t *done, uint32_t *failed);
 KMXC_SERVICE_API const char *kmxc_service_result_name(int32_t result);
 
 #ifdef __cplusplus

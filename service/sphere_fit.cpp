@@ -9,14 +9,10 @@ constexpr int kCentreBits = 8;  // the centre about m0 is solved to 1/256 count
 
 }  // namespace
 
-FitResult sphere_fit(const FieldStore &store, SphereFit *out) {
+FitResult sphere_fit(const FieldStore &store, SphereFit *out, const SpherePrior *prior) {
     const int n = store.count;
     if (n < kSphereMinSamples) return FitResult::kTooFew;
-    int32_t sum[3] = {0, 0, 0};  // below 32 * 2^15
-    for (int i = 0; i < n; ++i) {
-        for (int k = 0; k < 3; ++k) sum[k] += store.sample[i].m[k];
-    }
-    const Vec3 m0{sum[0] / n, sum[1] / n, sum[2] / n};  // truncated: the fraction is kept in s
+    const Vec3 m0 = store_mean(store);  // truncated: the fraction is kept in s
 
     // With |u| <= 2^11: u u^T and |u|^2 below 2^23.6, their sums below 2^28.6 (32 bits);
     // u |u|^2 below 2^34.6, its sums below 2^39.6 (64 bits).
@@ -40,10 +36,21 @@ FitResult sphere_fit(const FieldStore &store, SphereFit *out) {
     int64_t cov[6];
     for (int k = 0; k < 6; ++k) cov[k] = int64_t{n} * uu[k] - int64_t{s[kRow[k]]} * s[kCol[k]];
     const Spread spread = spread_ratios(cov);
-    if (spread.ratio_min < kSphereMinSpread) return FitResult::kIllConditioned;
-    const int64_t a[9] = {cov[0], cov[1], cov[2], cov[1], cov[3], cov[4], cov[2], cov[4], cov[5]};
+    if (prior == nullptr && spread.ratio_min < kSphereMinSpread) return FitResult::kIllConditioned;
     int64_t r[3];
     for (int k = 0; k < 3; ++k) r[k] = n * suw[k] - int64_t{s[k]} * sw;
+    if (prior != nullptr) {
+        // w below 2^40 and the prior's centre within 2^15 of m0: each term below 2^56.
+        const Vec3 cp = minus(prior->centre, m0);
+        const int64_t w = prior->weight;
+        int64_t lambda[3];
+        sym3_eigenvalues(cov, lambda);
+        int64_t noise = (int64_t{n} * n * prior->noise_q8) >> 8;  // below 2^32
+        if (noise > lambda[2]) noise = lambda[2] > 0 ? lambda[2] : 0;
+        cov[0] += w - noise, cov[3] += w - noise, cov[5] += w - noise;
+        r[0] += 2 * w * cp.x, r[1] += 2 * w * cp.y, r[2] += 2 * w * cp.z;
+    }
+    const int64_t a[9] = {cov[0], cov[1], cov[2], cov[1], cov[3], cov[4], cov[2], cov[4], cov[5]};
     // The solve gives 2c; asking it for 2^7 gives c to 1/256 count.
     constexpr int8_t kFrac[3] = {kCentreBits - 1, kCentreBits - 1, kCentreBits - 1};
     int64_t c[3];

@@ -11,7 +11,8 @@
 //   kOk               out filled
 //   kTooFew           fewer than kSphereMinSamples kept
 //   kOverflowRisk     a sample more than kSphereSpanLimit counts from m0 on some axis
-//   kIllConditioned   the samples' spread below kSphereMinSpread, or the solve refused
+//   kIllConditioned   the samples' spread below kSphereMinSpread (without a prior), or the
+//                     solve refused
 //   kNoSolution       no positive radius, or a centre beyond kSphereSpanLimit from m0
 // On any refusal out is untouched.
 #ifndef KMXC_SERVICE_SPHERE_FIT_H
@@ -41,6 +42,22 @@ constexpr int32_t kSphereSpanLimit = 2048;
 // 5..13/1024 and at 0.15 uT noise gives offsets within 1 uT.
 constexpr int32_t kSphereMinSpread = 4;
 
+// A prior for the centre (optional): each axis known to within sd counts about `centre`
+// before the samples. The fit then solves (N + w I) 2c = rhs + w 2 (centre - m0), N the
+// normal matrix n S - s s^T less the scatter noise puts into it, w = n R^2 sigma^2 / sd^2
+// (R the sphere's radius, sigma the strengths' noise: the caller's estimates): the most
+// probable centre under that prior. Directions the samples determine are theirs; a
+// direction they span only by their noise (a band of samples about a plane) carries no
+// information and stays at the prior's, where the plain fit would take the noise for
+// geometry and move its centre along it. The noise's scatter, n^2 noise_q8 / 256 on N's
+// diagonal, is taken out as far as N's least eigenvalue allows (N stays semi-definite).
+// With a prior no least spread is asked for.
+struct SpherePrior {
+    Vec3 centre;       // counts
+    int64_t weight;    // w, counts^2 (at least 1, below 2^40)
+    int64_t noise_q8;  // each sample's noise variance per axis, counts^2 in 1/256 (below 2^20)
+};
+
 struct SphereFit {
     Vec3 offset;             // centre, counts, rounded to nearest (ties up)
     int32_t radius_q4;       // radius, 1/16 count (truncated)
@@ -48,7 +65,7 @@ struct SphereFit {
     StrengthStats residual;  // the kept samples' strengths about offset
 };
 
-FitResult sphere_fit(const FieldStore &store, SphereFit *out);
+FitResult sphere_fit(const FieldStore &store, SphereFit *out, const SpherePrior *prior = nullptr);
 
 }  // namespace kmxc_kit
 

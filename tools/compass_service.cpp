@@ -89,6 +89,7 @@ public:
         if (int status = start_service(); status != 0) return status;
         for (size_t i = 0; next_cycle(i); ++i) cycle();
         kmxc_service_stop();
+        kmxc_service_saves(&saves_, &save_failures_);  // the stop's save of a newer offset included
         return finish();
     }
 

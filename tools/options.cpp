@@ -80,7 +80,7 @@ std::string usage_text() {
            "  --summary-json FILE    write the summary to FILE (JSON)\n"
            "  --quiet                print the summary only\n"
            "  --fault PLAN           fail the virtual phone's calls: CALL:N[:ERRNO[:COUNT]],...\n"
-           "                         e.g. rename:1:EROFS (vphone/README.md; VPHONE_FAULTS too)\n"
+           "                         e.g. rename:1:EROFS (the virtual phone's fault plan; VPHONE_FAULTS too)\n"
            "  --help                 this text\n"
            "  --version              the version of the tools and the library\n"
            "Scenarios:\n" +

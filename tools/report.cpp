@@ -251,7 +251,8 @@ void Report::print_summary(const std::string &persisted) const {
           << fmt("%.1f", 100.0 * m.trusted_wrong / m.trusted_samples) << " %) more than " << fmt("%.0f", kWrongDeg)
           << " deg off\n";
     o << "  anomalies flagged         " << m.anomalies << "; batches refused " << m.batches_refused << '\n';
-    o << "  saves                     " << m.saves << " done, " << m.save_failures << " failed\n";
+    o << "  saves                     " << m.saves << " done, " << m.save_failures << " failed; "
+      << fmt("%.0f", m.virtual_s > 0 ? m.saves * 3600.0 / m.virtual_s : 0.0) << " per hour\n";
     o << "  final accuracy            " << (samples_.empty() ? 0 : samples_.back().accuracy) << '\n';
     o << "  persisted                 " << persisted << '\n';
     print_accuracy_summary();

@@ -1,4 +1,5 @@
 #include "vphone/fault_plan.h"
+#include "vphone/world.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -9,9 +10,16 @@
 namespace vphone {
 namespace {
 
-constexpr Call kCalls[] = {Call::Open,   Call::Close, Call::Read,  Call::Write,   Call::Ioctl,
-                           Call::Usleep, Call::Fopen, Call::Fgets, Call::Fprintf, Call::Fclose,
-                           Call::Access, Call::Chown, Call::Chmod, Call::Rename};
+constexpr Call kCalls[] = {Call::Open,         Call::Close,     Call::Read,          Call::Write,   Call::Ioctl,
+                           Call::Usleep,       Call::Fopen,     Call::Fgets,         Call::Fprintf, Call::Fclose,
+                           Call::Access,       Call::Chown,     Call::Chmod,         Call::Rename,  Call::Unlink,
+                           Call::Fsync,        Call::Fdatasync, Call::Flock,         Call::Fchmod,  Call::Fchown,
+                           Call::ClockGettime, Call::Nanosleep, Call::ClockNanosleep};
+static_assert(sizeof kCalls / sizeof kCalls[0] == static_cast<int>(Call::ClockNanosleep) + 1,
+              "every call can be planned");
+constexpr const char *kCallList =
+    "open, close, read, write, ioctl, usleep, fopen, fgets, fprintf, fclose, access, chown, chmod, rename, unlink, "
+    "fsync, fdatasync, flock, fchmod, fchown, clock_gettime, nanosleep, clock_nanosleep";
 
 struct ErrnoName {
     const char *name;
@@ -36,6 +44,34 @@ bool whole(std::string_view text, int lo, int *out) {
     return true;
 }
 
+bool call_named(std::string_view name, Call *out) {
+    for (Call c : kCalls)
+        if (name == call_name(c)) {
+            *out = c;
+            return true;
+        }
+    return false;
+}
+
+// powercut:N[:CALL]
+bool parse_power_cut(std::string_view entry, const std::string_view (&field)[4], int n, PlannedFault *f,
+                     std::string *error) {
+    f->power_cut = true;
+    f->any_file_call = n < 3;
+    f->count = 1;
+    f->error = 0;
+    if (n < 2 || n > 3 || !whole(field[1], 1, &f->nth)) {
+        *error = "'" + std::string(entry) + "': a power cut is " + std::string(field[0]) +
+                 ":N[:CALL], N a whole number from 1";
+        return false;
+    }
+    if (n == 3 && !call_named(field[2], &f->call)) {
+        *error = "'" + std::string(entry) + "': unknown call '" + std::string(field[2]) + "' (" + kCallList + ")";
+        return false;
+    }
+    return true;
+}
+
 bool parse_entry(std::string_view entry, PlannedFault *f, std::string *error) {
     std::string_view field[4];
     int n = 0;
@@ -52,13 +88,13 @@ bool parse_entry(std::string_view entry, PlannedFault *f, std::string *error) {
             return false;
         }
     }
-    bool known = false;
-    for (Call c : kCalls)
-        if (field[0] == call_name(c)) f->call = c, known = true;
-    if (!known) {
-        *error = "'" + std::string(entry) + "': unknown call '" + std::string(field[0]) +
-                 "' (open, close, read, write, ioctl, usleep, fopen, fgets, fprintf, fclose, access, chown, chmod, "
-                 "rename)";
+    if (field[0] == "powercut" || field[0] == "powercut-entries") {
+        f->keeps = field[0] == "powercut" ? CutKeeps::kSynced : CutKeeps::kEntries;
+        return parse_power_cut(entry, field, n, f, error);
+    }
+    if (!call_named(field[0], &f->call)) {
+        *error = "'" + std::string(entry) + "': unknown call '" + std::string(field[0]) + "' (" + kCallList +
+                 ", or powercut, powercut-entries)";
         return false;
     }
     if (n < 2 || !whole(field[1], 1, &f->nth)) {
@@ -102,10 +138,15 @@ bool parse_fault_plan(std::string_view text, std::vector<PlannedFault> *out, std
         *error = "empty fault plan";
         return false;
     }
+    int cuts = 0;
     for (;;) {  // every entry between commas, an empty one included
         const size_t comma = text.find(',');
         PlannedFault f{};
         if (!parse_entry(text.substr(0, comma), &f, error)) return false;
+        if (f.power_cut && ++cuts > 1) {
+            *error = "'" + std::string(text.substr(0, comma)) + "': one power cut per plan";
+            return false;
+        }
         out->push_back(f);
         if (comma == std::string_view::npos) return true;
         text = text.substr(comma + 1);
@@ -113,7 +154,14 @@ bool parse_fault_plan(std::string_view text, std::vector<PlannedFault> *out, std
 }
 
 void apply_fault_plan(const std::vector<PlannedFault> &plan) {
-    for (const PlannedFault &f : plan) fail_call(f.call, f.nth, f.error, f.count);
+    for (const PlannedFault &f : plan) {
+        if (!f.power_cut)
+            fail_call(f.call, f.nth, f.error, f.count);
+        else if (f.any_file_call)
+            cut_power_at_file_call(f.nth, true, f.keeps);
+        else
+            cut_power_at(f.call, f.nth, true, f.keeps);
+    }
 }
 
 void apply_environment_fault_plan() {
@@ -128,11 +176,18 @@ void apply_environment_fault_plan() {
             std::exit(2);
         }
         // Counted from the program's start: this runs inside its first counted call.
-        for (PlannedFault &f : plan) fail_call(f.call, f.nth, f.error, f.count);
+        apply_fault_plan(plan);
     }
     if (const char *file = std::getenv("VPHONE_CALL_COUNTS"); file != nullptr && *file != '\0') {
         g_counts_file = file;
         std::atexit(write_counts);
+    }
+    if (const char *file = std::getenv("VPHONE_FILE_LOG"); file != nullptr && *file != '\0') {
+        state().file_log_out = std::fopen(file, "w");
+        if (state().file_log_out == nullptr) {
+            std::fprintf(stderr, "vphone: VPHONE_FILE_LOG: cannot write '%s'\n", file);
+            std::exit(2);
+        }
     }
 }
 

@@ -46,6 +46,7 @@ const std::string &ensure_root() {
         if (env != nullptr && *env != '\0') {
             s.root = env;
             create_phone_dirs(s.root);
+            power_on();
         } else {
             make_sandbox();
             std::fprintf(stderr, "vphone: sandbox %s\n", s.root.c_str());
@@ -68,12 +69,14 @@ std::string make_sandbox() {
     s.root = buffer.data();
     s.made_root = true;
     create_phone_dirs(s.root);
+    power_on();
     return s.root;
 }
 
 void set_root(const std::string &directory) {
     remove_sandbox();
     state().root = directory;
+    power_on();
 }
 
 void remove_sandbox() {
@@ -97,8 +100,12 @@ std::string host_path(std::string_view phone) {
 }
 
 void write_file(std::string_view phone, std::string_view content) {
-    std::ofstream out(host_path(phone), std::ios::binary | std::ios::trunc);
-    out.write(content.data(), static_cast<std::streamsize>(content.size()));
+    const std::string host = host_path(phone);
+    {
+        std::ofstream out(host, std::ios::binary | std::ios::trunc);
+        out.write(content.data(), static_cast<std::streamsize>(content.size()));
+    }
+    durable_helper_wrote(host);
 }
 
 std::optional<std::string> read_file(std::string_view phone) {
@@ -112,8 +119,11 @@ std::optional<std::string> read_file(std::string_view phone) {
 bool exists(std::string_view phone) { return std::filesystem::exists(host_path(phone)); }
 
 void remove_file(std::string_view phone) {
+    const std::string host = host_path(phone);
+    durable_before_remove(host);
     std::error_code ignored;
-    std::filesystem::remove(host_path(phone), ignored);
+    if (std::filesystem::remove(host, ignored)) durable_removed();
+    durable_helper_removed(host);
 }
 
 unsigned mode_of(std::string_view phone) {

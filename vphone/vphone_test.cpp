@@ -1,11 +1,16 @@
 // The virtual phone itself, driven through the plain C library calls a program makes.
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <functional>
 
 #include "vphone/fault_plan.h"
 #include "vphone/phone_fixture.h"
@@ -119,6 +124,20 @@ TEST_F(VphoneTest, FaultPlansParseToTheirFaultsOrSayWhyNot) {
         {"read:1:EIO:0", {}, "'read:1:EIO:0': the count must be a whole number from 1, or all"},
         {"read:1:EIO:1:9", {}, "'read:1:EIO:1:9': at most CALL:N:ERRNO:COUNT"},
         {"read:1,", {}, "'': unknown call ''"},
+        {"fsync:2:EIO,flock:1:EAGAIN", {{Call::Fsync, 2, EIO, 1}, {Call::Flock, 1, EAGAIN, 1}}, ""},
+        {"unlink:1,fdatasync:1,fchmod:1,fchown:1:EPERM",
+         {{Call::Unlink, 1, EIO, 1},
+          {Call::Fdatasync, 1, EIO, 1},
+          {Call::Fchmod, 1, EIO, 1},
+          {Call::Fchown, 1, EPERM, 1}},
+         ""},
+        {"powercut:7", {{Call::Open, 7, 0, 1, true, true}}, ""},
+        {"rename:1,powercut:3:usleep", {{Call::Rename, 1, EIO, 1}, {Call::Usleep, 3, 0, 1, true, false}}, ""},
+        {"powercut-entries:4:fsync", {{Call::Fsync, 4, 0, 1, true, false, vphone::CutKeeps::kEntries}}, ""},
+        {"powercut", {}, "'powercut': a power cut is powercut:N[:CALL]"},
+        {"powercut:0", {}, "'powercut:0': a power cut is powercut:N[:CALL]"},
+        {"powercut:1:sync", {}, "'powercut:1:sync': unknown call 'sync'"},
+        {"powercut:1,powercut:2", {}, "'powercut:2': one power cut per plan"},
     };
     for (const auto &c : cases) {
         std::vector<PlannedFault> got;
@@ -135,6 +154,9 @@ TEST_F(VphoneTest, FaultPlansParseToTheirFaultsOrSayWhyNot) {
             EXPECT_EQ(got[i].nth, c.want[i].nth) << c.text;
             EXPECT_EQ(got[i].error, c.want[i].error) << c.text;
             EXPECT_EQ(got[i].count, c.want[i].count) << c.text;
+            EXPECT_EQ(got[i].power_cut, c.want[i].power_cut) << c.text;
+            EXPECT_EQ(got[i].any_file_call, c.want[i].any_file_call) << c.text;
+            EXPECT_EQ(got[i].keeps, c.want[i].keeps) << c.text;
         }
     }
     // Applied, the plan fails exactly the named occurrence.
@@ -146,6 +168,140 @@ TEST_F(VphoneTest, FaultPlansParseToTheirFaultsOrSayWhyNot) {
     EXPECT_EQ(::access("/misc/sensor", F_OK), -1);
     EXPECT_EQ(errno, EACCES);
     EXPECT_EQ(::access("/misc/sensor", F_OK), 0);
+}
+
+// ---- Phone files through descriptors ---------------------------------------------------
+
+// The kit's way of writing a file: every call is counted, can be made to fail, and keeps
+// the real file system's semantics (the sandbox is a real directory).
+TEST_F(VphoneTest, DescriptorCallsOnPhoneFilesAreCountedFailableAndReal) {
+    const char *path = "/misc/sensor/new";
+    const int dir = ::open("/misc/sensor", O_RDONLY | O_DIRECTORY);
+    ASSERT_GE(dir, 0);
+    int fd = ::open(path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, 0600);
+    ASSERT_GE(fd, 0);
+    EXPECT_EQ(::open(path, O_WRONLY | O_CREAT | O_EXCL, 0600), -1);  // exclusive
+    EXPECT_EQ(errno, EEXIST);
+    EXPECT_EQ(::write(fd, "abc", 3), 3);
+    EXPECT_EQ(::fchown(fd, 1008, 1000), 0);
+    EXPECT_EQ(::fchmod(fd, 0666), 0);
+    EXPECT_EQ(::fsync(fd), 0);
+    EXPECT_EQ(::fdatasync(fd), 0);
+    EXPECT_EQ(::flock(dir, LOCK_EX | LOCK_NB), 0);
+    const int other = ::open("/misc/sensor", O_RDONLY | O_DIRECTORY);  // another open file description
+    EXPECT_EQ(::flock(other, LOCK_EX | LOCK_NB), -1);
+    EXPECT_EQ(errno, EWOULDBLOCK);
+    EXPECT_EQ(::close(fd), 0);
+    EXPECT_EQ(::renameat(dir, "new", dir, "moved"), 0);
+    EXPECT_EQ(vphone::read_file("/misc/sensor/moved"), "abc");
+    EXPECT_EQ(vphone::owner_of("/misc/sensor/moved"), (vphone::Owner{1008, 1000}));  // fchown follows the rename
+    EXPECT_EQ(vphone::mode_of("/misc/sensor/moved"), 0666u);
+    EXPECT_EQ(::unlink("/misc/sensor/moved"), 0);
+    EXPECT_FALSE(vphone::exists("/misc/sensor/moved"));
+    ::close(other);
+    ::close(dir);
+    const struct {
+        Call call;
+        int count;
+    } counted[] = {{Call::Open, 4},      {Call::Write, 1}, {Call::Fchown, 1}, {Call::Fchmod, 1}, {Call::Fsync, 1},
+                   {Call::Fdatasync, 1}, {Call::Flock, 2}, {Call::Close, 3},  {Call::Rename, 1}, {Call::Unlink, 1}};
+    long total = 0;
+    for (const auto &c : counted) {
+        EXPECT_EQ(vphone::calls(c.call), c.count) << vphone::call_name(c.call);
+        total += c.count;
+    }
+    EXPECT_EQ(vphone::file_calls(), total);  // the refused exclusive open among them
+    ASSERT_EQ(vphone::file_call_log().size(), static_cast<size_t>(total));
+    EXPECT_EQ(vphone::file_call_log()[0].path, "/misc/sensor");
+    EXPECT_EQ(vphone::file_call_log()[1].path, path);
+    EXPECT_EQ(vphone::file_call_log()[5].call, Call::Fchmod);
+    EXPECT_EQ(vphone::file_call_log()[5].path, path);  // a descriptor's call names its path
+
+    // Each kind fails when planned, and the failing call does nothing.
+    vphone::write_file(path, "old");
+    const unsigned mode = vphone::mode_of(path);
+    const vphone::Owner owner = vphone::owner_of(path);
+    const struct {
+        Call call;
+        std::function<int(int fd)> make;
+    } fails[] = {
+        {Call::Write, [](int fd) { return static_cast<int>(::write(fd, "x", 1)); }},
+        {Call::Read, [](int fd) { return static_cast<int>(::read(fd, nullptr, 0)); }},
+        {Call::Fsync, [](int fd) { return ::fsync(fd); }},
+        {Call::Fdatasync, [](int fd) { return ::fdatasync(fd); }},
+        {Call::Flock, [](int fd) { return ::flock(fd, LOCK_EX | LOCK_NB); }},
+        {Call::Fchmod, [](int fd) { return ::fchmod(fd, 0600); }},
+        {Call::Fchown, [](int fd) { return ::fchown(fd, 1, 1); }},
+        {Call::Close, [](int fd) { return ::close(fd); }},
+        {Call::Rename, [](int) { return ::rename("/misc/sensor/new", "/misc/sensor/moved"); }},
+        {Call::Unlink, [](int) { return ::unlink("/misc/sensor/new"); }},
+    };
+    for (const auto &f : fails) {
+        SCOPED_TRACE(vphone::call_name(f.call));
+        fd = ::open(path, O_RDWR);
+        ASSERT_GE(fd, 0);
+        vphone::fail_call(f.call, 1, EROFS);
+        EXPECT_EQ(f.make(fd), -1);
+        EXPECT_EQ(errno, EROFS);
+        if (f.call != Call::Close) ::close(fd);
+        EXPECT_EQ(vphone::read_file(path), "old");
+        EXPECT_EQ(vphone::mode_of(path), mode);
+        EXPECT_EQ(vphone::owner_of(path), owner);
+    }
+}
+
+// O_NOFOLLOW and O_NONBLOCK reach the real file system: a link is refused, a FIFO opens
+// at once for reading.
+TEST_F(VphoneTest, OpenFlagsKeepTheirMeaningOnPhonePaths) {
+    const std::string target = vphone::root() + "/outside";
+    vphone::write_file("/misc/sensor/real", "x");
+    std::filesystem::create_symlink(target, vphone::host_path("/misc/sensor/link"));
+    ASSERT_EQ(::mkfifo(vphone::host_path("/misc/sensor/fifo").c_str(), 0600), 0);
+    EXPECT_EQ(::open("/misc/sensor/link", O_RDONLY | O_NOFOLLOW), -1);
+    EXPECT_EQ(errno, ELOOP);
+    EXPECT_EQ(::open("/misc/sensor/link", O_WRONLY | O_CREAT | O_EXCL, 0600), -1);  // never through a link
+    EXPECT_EQ(errno, EEXIST);
+    EXPECT_FALSE(std::filesystem::exists(target));
+    const int fifo = ::open("/misc/sensor/fifo", O_RDONLY | O_NONBLOCK | O_NOFOLLOW);
+    ASSERT_GE(fifo, 0);
+    struct stat st {};
+    ASSERT_EQ(::fstat(fifo, &st), 0);
+    EXPECT_TRUE(S_ISFIFO(st.st_mode));
+    ::close(fifo);
+}
+
+TEST_F(VphoneTest, TheTranscriptIsBoundedAndCountsWhatItDrops) {
+    const size_t sleeps = vphone::kTranscriptCap + 1000;
+    for (size_t i = 0; i < sleeps; ++i) ::usleep(999999);
+    EXPECT_EQ(vphone::transcript().size(), vphone::kTranscriptCap);
+    EXPECT_EQ(vphone::transcript_dropped(), 1000u);
+    EXPECT_EQ(vphone::now_us(), uint64_t{sleeps} * 999999u);  // every sleep still passes its time
+    vphone::clear_transcript();
+    ::usleep(5);
+    EXPECT_EQ(vphone::transcript().size(), 1u);
+    EXPECT_EQ(vphone::transcript_dropped(), 0u);
+}
+
+// A fault aimed at one file, and a look at every file call as it is made.
+TEST_F(VphoneTest, PathFaultsHitOnlyTheirFileAndTheHookSeesEveryFileCall) {
+    vphone::write_file("/misc/sensor/a", "a");
+    vphone::write_file("/misc/sensor/b", "b");
+    vphone::fail_path("/misc/sensor/a", Call::Open, EACCES);
+    std::vector<std::string> seen;
+    vphone::on_file_call(
+        [&](const vphone::FileCall &c) { seen.push_back(std::string(vphone::call_name(c.call)) + " " + c.path); });
+    EXPECT_EQ(::open("/misc/sensor/a", O_RDONLY), -1);
+    EXPECT_EQ(errno, EACCES);
+    EXPECT_EQ(::open("/misc/sensor/a", O_RDONLY), -1);  // every time
+    const int fd = ::open("/misc/sensor/b", O_RDONLY);
+    EXPECT_GE(fd, 0);
+    ::close(fd);
+    EXPECT_EQ(::access("/misc/sensor/a", F_OK), 0);  // other calls on it go through
+    EXPECT_EQ(seen, (std::vector<std::string>{"open /misc/sensor/a", "open /misc/sensor/a", "open /misc/sensor/b",
+                                              "close /misc/sensor/b", "access /misc/sensor/a"}));
+    vphone::reset();
+    EXPECT_GE(::open("/misc/sensor/a", O_RDONLY), 0);
+    EXPECT_EQ(seen.size(), 5u);
 }
 
 }  // namespace

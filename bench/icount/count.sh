@@ -15,7 +15,8 @@ for p in "$x86" "$arm"; do [ -x "$p" ] || { echo "count.sh: no $p (build target 
 tmp=$(mktemp -d)
 trap 'rm -rf "$tmp"' EXIT
 cases=(empty fit cycle double kasa_double kasa_float offer_still offer_refused coverage spread sphere ellipsoid circle
-  agreement offer_joins kit_cycle kit_sphere kit_ellipsoid kit_judge kit_rules kit_planar_fit kit_planar_judge)
+  agreement offer_joins kit_cycle kit_sphere kit_sphere_judge kit_ellipsoid kit_judge kit_rules kit_planar_fit
+  kit_planar_judge)
 
 # x86-64
 LD_BIND_NOW=1 valgrind --tool=callgrind --callgrind-out-file="$tmp/cg" "$x86" >/dev/null 2>"$tmp/vg" ||
@@ -50,7 +51,8 @@ label() {
     circle) echo "kit circle fit, full store" ;;
     agreement) echo "kit store agreement under offset and W (strengths, dip)" ;;
     kit_cycle) echo "kit: added to a non-fitting cycle (W, store offer refused, event)" ;;
-    kit_sphere) echo "kit: a sphere step (corrected store, fit, determinacy, judgement)" ;;
+    kit_sphere) echo "kit: a sphere step (the corrected store and its fit)" ;;
+    kit_sphere_judge) echo "kit: a sphere fit's judgement (covariance, agreement, publishing)" ;;
     kit_ellipsoid) echo "kit: an ellipsoid step (fit of the full store)" ;;
     kit_judge) echo "kit: an ellipsoid's judgement and adoption" ;;
     kit_rules) echo "kit: the vehicle rules of every cycle (steady tilt, anomaly, hysteresis)" ;;

@@ -1,0 +1,269 @@
+// The durable writer's rules on the virtual phone: what it refuses, the order of its
+// calls, a failure or a power cut at each of them, exclusive temporaries, the lock
+// across processes, and the safe reader.
+#include "service/durable_file.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "vphone/phone_fixture.h"
+
+namespace {
+
+using namespace kmxc_kit;
+using vphone::Call;
+
+constexpr const char *kDir = "/misc/sensor";
+constexpr const char *kFile = "/misc/sensor/f.cfg";
+
+class DurableFile : public vphone::PhoneTest {
+protected:
+    // Takes the lock and replaces kFile with text.
+    WriteResult save(const std::string &text) {
+        DirLock lock;
+        WriteResult r = lock_directory(kDir, &lock);
+        if (r.outcome != Outcome::kDone) return r;
+        r = replace_file(lock, kFile, text.data(), text.size(), 1008, 1000, 0666);
+        unlock_directory(&lock);
+        return r;
+    }
+    // Powered on, with kFile holding "old" and nothing else in /misc/sensor.
+    static void fresh() {
+        vphone::reset();
+        for (const auto &e : std::filesystem::directory_iterator(vphone::host_path(kDir)))
+            std::filesystem::remove_all(e.path());
+        vphone::write_file(kFile, "old");
+    }
+    // The names in the phone's /misc/sensor.
+    static std::vector<std::string> names() {
+        std::vector<std::string> out;
+        for (const auto &e : std::filesystem::directory_iterator(vphone::host_path(kDir)))
+            out.push_back(e.path().filename().string());
+        std::sort(out.begin(), out.end());
+        return out;
+    }
+};
+
+TEST_F(DurableFile, ReplacesWithContentOwnerAndModeAndLeavesNoTemporary) {
+    for (const char *text : {"first", "second, longer than the first", ""}) {
+        ASSERT_EQ(save(text).outcome, Outcome::kDone) << text;
+        EXPECT_EQ(vphone::read_file(kFile), text);
+        EXPECT_EQ(vphone::owner_of(kFile), (vphone::Owner{1008, 1000}));
+        EXPECT_EQ(vphone::mode_of(kFile), 0666u);
+        EXPECT_EQ(names(), std::vector<std::string>{"f.cfg"});
+    }
+}
+
+// The content is on the flash before the name points at it, and the name before the
+// save returns: fsync of the file, then the rename, then fsync of the directory.
+TEST_F(DurableFile, SyncsTheFileBeforeTheRenameAndTheDirectoryAfterIt) {
+    vphone::write_file(kFile, "old");
+    ASSERT_EQ(save("new").outcome, Outcome::kDone);
+    std::vector<std::string> calls;
+    for (const auto &c : vphone::file_call_log())
+        calls.push_back(std::string(vphone::call_name(c.call)) + " " + c.path);
+    const std::string temporary = std::string(kFile) + ".tmp-" + std::to_string(getpid()) + "-0";
+    EXPECT_EQ(calls, (std::vector<std::string>{
+                         "open /misc/sensor", "flock /misc/sensor",                    // the lock
+                         "open " + std::string(kFile), "close " + std::string(kFile),  // the target: a regular file
+                         "access " + std::string(kFile),                               // ... that may be written
+                         "open " + temporary, "write " + temporary, "fchown " + temporary, "fchmod " + temporary,
+                         "fsync " + temporary, "rename " + std::string(kFile), "close " + temporary,
+                         "fsync /misc/sensor", "close /misc/sensor"}));
+}
+
+// A failure at any call leaves the old file and no temporary, and says at which step;
+// only the directory's fsync comes after the new file is in place.
+TEST_F(DurableFile, AFailureAtAnyCallLeavesTheOldFileAndNoTemporary) {
+    const struct {
+        Call call;
+        int nth;
+        WriteStep step;
+        bool in_place;
+    } cases[] = {{Call::Open, 1, WriteStep::kLock, false},    {Call::Flock, 1, WriteStep::kLock, false},
+                 {Call::Open, 2, WriteStep::kTarget, false},  {Call::Access, 1, WriteStep::kAccess, false},
+                 {Call::Open, 3, WriteStep::kCreate, false},  {Call::Write, 1, WriteStep::kWrite, false},
+                 {Call::Fchown, 1, WriteStep::kOwner, false}, {Call::Fchmod, 1, WriteStep::kMode, false},
+                 {Call::Fsync, 1, WriteStep::kSync, false},   {Call::Rename, 1, WriteStep::kRename, false},
+                 {Call::Fsync, 2, WriteStep::kSyncDir, true}};
+    for (const auto &c : cases) {
+        SCOPED_TRACE(std::string(vphone::call_name(c.call)) + " #" + std::to_string(c.nth));
+        fresh();
+        vphone::fail_call(c.call, c.nth, ENOSPC);
+        const WriteResult r = save("new");
+        EXPECT_NE(r.outcome, Outcome::kDone);
+        EXPECT_EQ(r.step, c.step);
+        EXPECT_EQ(r.error, ENOSPC);
+        EXPECT_EQ(vphone::read_file(kFile), c.in_place ? "new" : "old");
+        EXPECT_EQ(names(), std::vector<std::string>{"f.cfg"});
+    }
+}
+
+// Whenever the power fails, and whatever the journal had committed, the file is the old
+// one or the new one, never empty; once the save returned, it is the new one.
+TEST_F(DurableFile, APowerCutAtAnyCallLeavesTheOldFileOrTheNew) {
+    vphone::write_file(kFile, "old");
+    ASSERT_EQ(save("new").outcome, Outcome::kDone);
+    const long calls = vphone::file_calls();
+    for (const vphone::CutKeeps keeps : {vphone::CutKeeps::kSynced, vphone::CutKeeps::kEntries}) {
+        bool saw_old = false, saw_new = false;
+        for (long at = 1; at <= calls + 1; ++at) {
+            SCOPED_TRACE("cut at file call " + std::to_string(at) +
+                         (keeps == vphone::CutKeeps::kEntries ? " (entries kept)" : ""));
+            fresh();
+            vphone::cut_power_at_file_call(at, false, keeps);
+            save("new");
+            if (!vphone::powered_off()) vphone::power_cut(keeps);  // after the save
+            vphone::reset();
+            const auto now = vphone::read_file(kFile);
+            ASSERT_TRUE(now);
+            EXPECT_TRUE(*now == "old" || *now == "new") << *now;
+            saw_old |= *now == "old";
+            saw_new |= *now == "new";
+            if (at == calls + 1) { EXPECT_EQ(*now, "new") << "a finished save did not survive"; }
+        }
+        EXPECT_TRUE(saw_old && saw_new);
+    }
+}
+
+// Anything but a regular file at the target is refused and never written through.
+TEST_F(DurableFile, RefusesWhatIsNotARegularFileAndWhatCannotBeWritten) {
+    const std::string outside = vphone::root() + "/outside";
+    vphone::write_file("/etc/kmxc_target", "precious");
+    const struct {
+        const char *name;
+        std::function<void(const std::string &host)> make;
+        PathKind kind;
+        WriteStep step;
+    } cases[] = {
+        {"symbolic link", [&](const std::string &h) { std::filesystem::create_symlink(outside, h); },
+         PathKind::kSymlink, WriteStep::kTarget},
+        {"link to a file",
+         [&](const std::string &h) { std::filesystem::create_symlink(vphone::host_path("/etc/kmxc_target"), h); },
+         PathKind::kSymlink, WriteStep::kTarget},
+        {"FIFO", [](const std::string &h) { ::mkfifo(h.c_str(), 0600); }, PathKind::kFifo, WriteStep::kTarget},
+        {"directory", [](const std::string &h) { std::filesystem::create_directory(h); }, PathKind::kDirectory,
+         WriteStep::kTarget},
+        {"read-only file",
+         [](const std::string &h) {
+             std::ofstream(h) << "pinned";
+             vphone::fail_path(kFile, Call::Access, EROFS);
+         },
+         PathKind::kRegular, WriteStep::kAccess},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.name);
+        vphone::reset();
+        std::filesystem::remove_all(vphone::host_path(kFile));
+        c.make(vphone::host_path(kFile));
+        vphone::StderrCapture err;
+        const WriteResult r = save("new");
+        EXPECT_EQ(r.outcome, Outcome::kRefused);
+        EXPECT_EQ(r.kind, c.kind);
+        EXPECT_EQ(r.step, c.step);
+        report_write(kFile, r);
+        const std::string said = err.text();
+        EXPECT_NE(said.find(std::string("kmxc_service: ") + kFile), std::string::npos) << said;
+        if (c.step == WriteStep::kTarget) { EXPECT_NE(said.find(path_kind_text(c.kind)), std::string::npos) << said; }
+        EXPECT_FALSE(std::filesystem::exists(outside));
+        EXPECT_EQ(vphone::read_file("/etc/kmxc_target"), "precious");
+        EXPECT_EQ(names(), std::vector<std::string>{"f.cfg"});
+    }
+}
+
+// A temporary is always a new file of the writer's own: a name someone else holds (a
+// link planted there, another writer's file) is never opened.
+TEST_F(DurableFile, TemporariesAreExclusiveAndLeftoversGoUnderTheLock) {
+    const std::string mine = std::string(kFile) + ".tmp-" + std::to_string(getpid());
+    const std::string outside = vphone::root() + "/outside";
+    std::filesystem::create_symlink(outside, vphone::host_path(mine + "-0"));
+    vphone::write_file(mine + "-1", "another writer's");
+    ASSERT_EQ(save("new").outcome, Outcome::kDone);
+    EXPECT_EQ(vphone::read_file(kFile), "new");
+    EXPECT_FALSE(std::filesystem::exists(outside));
+    EXPECT_EQ(vphone::read_file(mine + "-1"), "another writer's");
+    // Leftovers of this file's writers go; other files stay.
+    vphone::write_file(std::string(kFile) + ".tmp-99999-0", "dead writer's");
+    vphone::write_file("/misc/sensor/g.cfg.tmp-1-0", "another file's");
+    DirLock lock;
+    ASSERT_EQ(lock_directory(kDir, &lock).outcome, Outcome::kDone);
+    remove_stale_temporaries(lock, kFile);
+    unlock_directory(&lock);
+    EXPECT_EQ(names(), (std::vector<std::string>{"f.cfg", "g.cfg.tmp-1-0"}));
+}
+
+// Another process holding the directory's lock: the save does not wait and says so.
+TEST_F(DurableFile, TheLockKeepsASecondProcessOutWithoutWaiting) {
+    vphone::write_file(kFile, "old");
+    int to_child[2], to_parent[2];
+    ASSERT_EQ(::pipe(to_child), 0);
+    ASSERT_EQ(::pipe(to_parent), 0);
+    const pid_t child = vphone::fork_process();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        DirLock lock;
+        const bool held = lock_directory(kDir, &lock).outcome == Outcome::kDone;
+        char byte = held ? 'y' : 'n';
+        (void)!::write(to_parent[1], &byte, 1);
+        (void)!::read(to_child[0], &byte, 1);  // hold it until told
+        ::_exit(0);
+    }
+    char byte = 0;
+    ASSERT_EQ(::read(to_parent[0], &byte, 1), 1);
+    ASSERT_EQ(byte, 'y');
+    const WriteResult r = save("new");
+    EXPECT_EQ(r.outcome, Outcome::kLocked);
+    EXPECT_EQ(vphone::read_file(kFile), "old");
+    (void)!::write(to_child[1], "x", 1);
+    int status = 0;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_EQ(save("new").outcome, Outcome::kDone);  // released with the process
+    EXPECT_EQ(vphone::read_file(kFile), "new");
+    for (int fd : {to_child[0], to_child[1], to_parent[0], to_parent[1]}) ::close(fd);
+}
+
+TEST_F(DurableFile, TheReaderNeverFollowsNorWaitsAndSaysWhatItFound) {
+    char buffer[8];
+    const struct {
+        const char *name;
+        std::function<void(const std::string &host)> make;
+        PathKind kind;
+        std::string text;
+        bool too_long;
+    } cases[] = {
+        {"missing", [](const std::string &) {}, PathKind::kMissing, "", false},
+        {"regular", [](const std::string &h) { std::ofstream(h) << "1,2,3"; }, PathKind::kRegular, "1,2,3", false},
+        {"exactly full", [](const std::string &h) { std::ofstream(h) << "1234567"; }, PathKind::kRegular, "1234567",
+         false},
+        {"too long", [](const std::string &h) { std::ofstream(h) << "12345678"; }, PathKind::kRegular, "1234567", true},
+        {"link", [](const std::string &h) { std::filesystem::create_symlink("/etc/hostname", h); }, PathKind::kSymlink,
+         "", false},
+        {"FIFO without a writer", [](const std::string &h) { ::mkfifo(h.c_str(), 0600); }, PathKind::kFifo, "", false},
+        {"directory", [](const std::string &h) { std::filesystem::create_directory(h); }, PathKind::kDirectory, "",
+         false},
+        {"unreadable", [](const std::string &) { vphone::fail_path(kFile, Call::Open, EACCES); }, PathKind::kUnreadable,
+         "", false},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.name);
+        vphone::reset();
+        std::filesystem::remove_all(vphone::host_path(kFile));
+        c.make(vphone::host_path(kFile));
+        const FileRead r = read_small_file(kFile, buffer, sizeof buffer);
+        EXPECT_EQ(r.kind, c.kind);
+        EXPECT_EQ(std::string(buffer, r.length), c.text);
+        EXPECT_EQ(r.too_long, c.too_long);
+        if (c.kind == PathKind::kUnreadable) { EXPECT_EQ(r.error, EACCES); }
+    }
+}
+
+}  // namespace

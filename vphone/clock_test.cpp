@@ -1,0 +1,221 @@
+// The virtual clock through the C library calls a sensor HAL makes: clock_gettime on the
+// monotonic clocks, nanosleep, and clock_nanosleep relative or to an absolute deadline.
+#include <time.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <functional>
+#include <random>
+
+#include "vphone/fault_plan.h"
+#include "vphone/phone_fixture.h"
+
+extern "C" int __nanosleep(const struct timespec *request, struct timespec *remaining);
+extern "C" int __clock_gettime(clockid_t clock, struct timespec *now);
+
+namespace {
+
+using vphone::Call;
+using vphone::Kind;
+
+class ClockTest : public vphone::PhoneTest {};
+
+uint64_t ns_of(const timespec &t) {
+    return static_cast<uint64_t>(t.tv_sec) * 1000000000u + static_cast<uint64_t>(t.tv_nsec);
+}
+
+timespec at(time_t seconds, long nanoseconds) {
+    timespec t{};
+    t.tv_sec = seconds;
+    t.tv_nsec = nanoseconds;
+    return t;
+}
+
+// Each sleeping call moves the one clock by exactly what it asks, counted as its own
+// kind and recorded as a sleep; an absolute sleep goes to its deadline. Every clock that
+// reads the virtual clock then reads the same nanosecond, and now_us() is it in whole
+// microseconds. Each case starts at 1.000000700 s.
+TEST_F(ClockTest, EachSleepMovesTheOneClockByWhatItAsksAndEveryMonotonicClockReadsIt) {
+    const struct {
+        const char *name;
+        Call call;
+        std::function<int()> sleep;
+        uint64_t moved_ns;
+    } cases[] = {
+        {"usleep", Call::Usleep, [] { return ::usleep(13000); }, 13000000},
+        {"nanosleep", Call::Nanosleep,
+         [] {
+             const timespec t = at(2, 999999999);
+             return ::nanosleep(&t, nullptr);
+         },
+         2999999999},
+        {"__nanosleep", Call::Nanosleep,
+         [] {
+             const timespec t = at(0, 1);
+             return ::__nanosleep(&t, nullptr);
+         },
+         1},
+        {"monotonic, relative", Call::ClockNanosleep,
+         [] {
+             const timespec t = at(0, 20000001);
+             return ::clock_nanosleep(CLOCK_MONOTONIC, 0, &t, nullptr);
+         },
+         20000001},
+        {"boottime, relative", Call::ClockNanosleep,
+         [] {
+             const timespec t = at(1, 5);
+             return ::clock_nanosleep(CLOCK_BOOTTIME, 0, &t, nullptr);
+         },
+         1000000005},
+        {"monotonic, to a deadline", Call::ClockNanosleep,
+         [] {
+             const timespec t = at(3, 250);
+             return ::clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &t, nullptr);
+         },
+         1999999550},
+        {"boottime, to a deadline", Call::ClockNanosleep,
+         [] {
+             const timespec t = at(1, 1000);
+             return ::clock_nanosleep(CLOCK_BOOTTIME, TIMER_ABSTIME, &t, nullptr);
+         },
+         300},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.name);
+        vphone::reset();
+        vphone::advance_us(1000000);
+        const timespec t = at(0, 700);
+        ASSERT_EQ(::nanosleep(&t, nullptr), 0);
+        ASSERT_EQ(vphone::now_ns(), 1000000700u);
+        vphone::clear_transcript();
+        const int before = vphone::calls(c.call);
+        EXPECT_EQ(c.sleep(), 0);
+        const uint64_t now = 1000000700u + c.moved_ns;
+        EXPECT_EQ(vphone::now_ns(), now);
+        EXPECT_EQ(vphone::now_us(), now / 1000);
+        EXPECT_EQ(vphone::calls(c.call), before + 1);
+        ASSERT_EQ(vphone::transcript().size(), 1u);
+        const vphone::Event &e = vphone::transcript()[0];
+        EXPECT_EQ(e.kind, Kind::Sleep);
+        EXPECT_EQ(e.sleep_ns, c.moved_ns);
+        EXPECT_EQ(e.argument, static_cast<long>(c.moved_ns / 1000));
+        EXPECT_EQ(e.time_us, 1000000u);
+        EXPECT_EQ(e.request, static_cast<unsigned long>(c.call));
+        for (clockid_t clock : {CLOCK_MONOTONIC, CLOCK_MONOTONIC_RAW, CLOCK_MONOTONIC_COARSE, CLOCK_BOOTTIME}) {
+            timespec read{};
+            ASSERT_EQ(::clock_gettime(clock, &read), 0) << clock;
+            EXPECT_EQ(ns_of(read), now) << clock;
+            EXPECT_LT(read.tv_nsec, 1000000000) << clock;
+        }
+        timespec alias{};
+        ASSERT_EQ(::__clock_gettime(CLOCK_MONOTONIC, &alias), 0);
+        EXPECT_EQ(ns_of(alias), now);
+        EXPECT_EQ(vphone::calls(Call::ClockGettime), 5);
+    }
+}
+
+// A service's loop: read the clock, work a while (the library's own sleeps), sleep to
+// the next period's deadline. Whatever each cycle's work takes below the period, every
+// wake-up is exactly on its deadline; a deadline already past returns at once.
+TEST_F(ClockTest, AbsoluteSleepsWakeOnTheirDeadlinesAndAPastOneReturnsAtOnce) {
+    std::mt19937 random(7);
+    timespec start{};
+    ASSERT_EQ(::clock_gettime(CLOCK_MONOTONIC, &start), 0);
+    const uint64_t period_ns = 20000000;  // 50 Hz
+    uint64_t deadline = ns_of(start);
+    for (int cycle = 1; cycle <= 200; ++cycle) {
+        ::usleep(std::uniform_int_distribution<useconds_t>(0, 19999)(random));
+        deadline += period_ns;
+        const timespec t = at(static_cast<time_t>(deadline / 1000000000u), static_cast<long>(deadline % 1000000000u));
+        ASSERT_EQ(::clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &t, nullptr), 0);
+        ASSERT_EQ(vphone::now_ns(), deadline) << "cycle " << cycle;
+    }
+    // Past and present deadlines, and a zero relative sleep: no time passes, each is
+    // still one sleep.
+    const uint64_t now = vphone::now_ns();
+    vphone::clear_transcript();
+    const timespec past = at(1, 0);
+    const timespec present = at(static_cast<time_t>(now / 1000000000u), static_cast<long>(now % 1000000000u));
+    const timespec zero = at(0, 0);
+    EXPECT_EQ(::clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &past, nullptr), 0);
+    EXPECT_EQ(::clock_nanosleep(CLOCK_BOOTTIME, TIMER_ABSTIME, &present, nullptr), 0);
+    EXPECT_EQ(::clock_nanosleep(CLOCK_MONOTONIC, 0, &zero, nullptr), 0);
+    EXPECT_EQ(vphone::now_ns(), now);
+    ASSERT_EQ(vphone::transcript_of(Kind::Sleep).size(), 3u);
+    for (const vphone::Event &e : vphone::transcript()) EXPECT_EQ(e.sleep_ns, 0u);
+}
+
+// A fault on a clock call fails it the way that call reports failures and leaves the
+// clock where it was: nanosleep -1 with errno, clock_nanosleep the error number itself
+// (errno untouched); an interrupted relative sleep has all of its time left.
+TEST_F(ClockTest, AFaultFailsTheCallAsItReportsErrorsAndSleepsNothing) {
+    const timespec request = at(0, 5000000);
+    const struct {
+        const char *plan;
+        std::function<int(timespec *left)> call;
+        int result;      // what the call returns
+        int error;       // errno after it (0: untouched)
+        bool time_left;  // *left is the whole request
+    } cases[] = {
+        {"usleep:1:EINTR", [](timespec *) { return ::usleep(5000); }, -1, EINTR, false},
+        {"nanosleep:1:EINTR", [&](timespec *left) { return ::nanosleep(&request, left); }, -1, EINTR, true},
+        {"nanosleep:1:EFAULT", [&](timespec *left) { return ::nanosleep(&request, left); }, -1, EFAULT, false},
+        {"clock_nanosleep:1:EINTR",
+         [&](timespec *left) { return ::clock_nanosleep(CLOCK_MONOTONIC, 0, &request, left); }, EINTR, 0, true},
+        {"clock_nanosleep:1:EINTR",
+         [&](timespec *left) { return ::clock_nanosleep(CLOCK_BOOTTIME, TIMER_ABSTIME, &request, left); }, EINTR, 0,
+         false},
+        {"clock_gettime:1:EINVAL", [](timespec *now) { return ::clock_gettime(CLOCK_BOOTTIME, now); }, -1, EINVAL,
+         false},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.plan);
+        vphone::reset();
+        std::vector<vphone::PlannedFault> plan;
+        std::string why;
+        ASSERT_TRUE(vphone::parse_fault_plan(c.plan, &plan, &why)) << why;
+        vphone::apply_fault_plan(plan);
+        timespec left = at(9, 9);
+        errno = 0;
+        EXPECT_EQ(c.call(&left), c.result);
+        EXPECT_EQ(errno, c.error);
+        EXPECT_EQ(ns_of(left), c.time_left ? ns_of(request) : ns_of(at(9, 9)));
+        EXPECT_EQ(vphone::now_ns(), 0u);
+        EXPECT_TRUE(vphone::transcript_of(Kind::Sleep).empty());
+        EXPECT_EQ(c.call(&left), 0) << "the fault was for the first call only";
+    }
+    // Times the kernel refuses are refused the same way, before they count or sleep.
+    vphone::reset();
+    const timespec refused[] = {at(0, 1000000000), at(0, -1), at(-1, 0)};
+    for (const timespec &t : refused) {
+        EXPECT_EQ(::nanosleep(&t, nullptr), -1);
+        EXPECT_EQ(errno, EINVAL);
+        EXPECT_EQ(::clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &t, nullptr), EINVAL);
+    }
+    EXPECT_EQ(vphone::calls(Call::Nanosleep) + vphone::calls(Call::ClockNanosleep), 0);
+    EXPECT_EQ(vphone::now_ns(), 0u);
+}
+
+// CLOCK_REALTIME is the machine's: a virtual hour does not move it, and a sleep on it
+// takes real time without moving the virtual clock or counting as the phone's.
+TEST_F(ClockTest, TheRealtimeClockStaysReal) {
+    timespec real_before{};
+    ASSERT_EQ(::clock_gettime(CLOCK_REALTIME, &real_before), 0);
+    ::usleep(3600u * 1000000u);
+    ASSERT_EQ(vphone::now_us(), 3600u * 1000000u);
+    timespec real_after{};
+    ASSERT_EQ(::clock_gettime(CLOCK_REALTIME, &real_after), 0);
+    EXPECT_LT(ns_of(real_after) - ns_of(real_before), 60u * 1000000000u);
+    EXPECT_NEAR(static_cast<double>(real_after.tv_sec), static_cast<double>(::time(nullptr)), 2.0);
+    const timespec two_ms = at(0, 2000000);
+    ASSERT_EQ(::clock_nanosleep(CLOCK_REALTIME, 0, &two_ms, nullptr), 0);
+    timespec real_slept{};
+    ASSERT_EQ(::clock_gettime(CLOCK_REALTIME, &real_slept), 0);
+    EXPECT_GE(ns_of(real_slept) - ns_of(real_after), 2000000u);
+    EXPECT_EQ(vphone::now_us(), 3600u * 1000000u);
+    EXPECT_EQ(vphone::calls(Call::ClockGettime), 0);
+    EXPECT_EQ(vphone::calls(Call::ClockNanosleep), 0);
+}
+
+}  // namespace
