@@ -82,6 +82,123 @@ def run_one(binary, scenario, seed, rate, soft, work):
     return summary
 
 
+# The car scenarios' fields (uT, phone axes once mounted): 10, 20 and 40 uT in three
+# directions; 0 measures what the drive's accelerations and vibration leave with the
+# hand's offset still right.
+CAR_FIELDS = {"0": "0,0,0", "10": "6,-4,7", "20": "-8,12,14", "40": "25,20,-24"}
+CAR_TURNING_DEG = 720.0  # the goals' turning allowance before a re-estimate
+
+
+def run_car(binary, scenario, seed, rate, field, work):
+    tag = f"{os.path.basename(os.path.dirname(os.path.dirname(binary)))}-{scenario}-{seed}-{rate}-car{field}"
+    sandbox = os.path.join(work, "sb-" + tag)
+    js, outs = os.path.join(work, tag + ".json"), os.path.join(work, tag + ".csv")
+    cmd = [binary, "--scenario", scenario, "--seed", str(seed), "--rate", str(rate), "--fresh", "--quiet",
+           "--sandbox", sandbox, "--summary-json", js, "--outputs", outs, "--car-field", CAR_FIELDS[field]]
+    p = subprocess.run(cmd, capture_output=True, text=True)
+    if p.returncode not in (0, 3) or not os.path.exists(js):
+        return None
+    with open(js) as f:
+        summary = json.load(f)
+    mounted = summary.get("mounted_s") or 0.0
+    reest = summary.get("first_reestimate_s")
+    r = {"mounted": mounted, "reest": reest, "detect": None, "turn_at_reest": None, "trusted_before": 0,
+         "drive": [0.0, 0, 0.0, 0], "straight": [0.0, 0], "after720": [0.0, 0], "mh": 0, "wrong": 0,
+         "max_acc": 0, "cum": 0.0}
+    prev = None
+    with open(outs) as f:
+        for row in csv.DictReader(f):
+            t = int(row["time_us"]) / 1e6
+            acc = int(row["accuracy"])
+            r["max_acc"] = max(r["max_acc"], acc)
+            valid = row["rotation_rc"] == "0"
+            e = wrap(float(row["azimuth"]) - float(row["true_azimuth"])) if valid else 0.0
+            ei = wrap(float(row["heading_int"]) - float(row["true_heading_int"])) if row["attitude_rc"] == "0" else None
+            if valid and acc >= 2:
+                r["mh"] += 1
+                r["wrong"] += abs(e) > 15
+            if t < mounted:
+                continue
+            a = float(row["true_azimuth"])
+            if prev is not None:
+                r["cum"] += abs(wrap(a - prev))
+            prev = a
+            if r["detect"] is None and acc <= 1:
+                r["detect"] = t - mounted
+            if reest is not None and t < reest - 1e-6 and acc >= 2:
+                r["trusted_before"] += 1
+            if reest is not None and abs(t - reest) < 1e-6 and r["turn_at_reest"] is None:
+                r["turn_at_reest"] = r["cum"]
+            driving = row["phase"].startswith("driving")
+            if reest is not None and t >= reest - 1e-6 and driving and valid:
+                r["drive"][0] += e * e
+                r["drive"][1] += 1
+                if ei is not None:
+                    r["drive"][2] += ei * ei
+                    r["drive"][3] += 1
+                if row["phase"] == "driving straight":
+                    r["straight"][0] += e * e
+                    r["straight"][1] += 1
+            if r["cum"] >= CAR_TURNING_DEG and driving and valid:
+                r["after720"][0] += e * e
+                r["after720"][1] += 1
+    r["summary"] = summary
+    return r
+
+
+def car_row(runs):
+    if not runs or any(x is None for x in runs):
+        return None
+
+    def span(vals, f="{:.1f}"):
+        vals = [v for v in vals if v is not None]
+        if not vals:
+            return "never"
+        lo, hi = min(vals), max(vals)
+        return f.format(lo) if abs(hi - lo) < 0.05 else f.format(lo) + "-" + f.format(hi)
+
+    def pooled(key, i=0):
+        sq = sum(x[key][i] for x in runs)
+        n = sum(x[key][i + 1] for x in runs)
+        return f"{math.sqrt(sq / n):.2f}" if n else "-"
+
+    never = sum(x["reest"] is None for x in runs)
+    mh = sum(x["mh"] for x in runs)
+    wr = sum(x["wrong"] for x in runs)
+    return {
+        "detect": span([x["detect"] for x in runs]),
+        "reest": span([x["reest"] - x["mounted"] if x["reest"] is not None else None for x in runs], "{:.0f}") +
+                 (f" ({never} never)" if never and never < len(runs) else ""),
+        "turn": span([x["turn_at_reest"] for x in runs], "{:.0f}"),
+        "before": sum(x["trusted_before"] for x in runs),
+        "drive": f"{pooled('drive')} / {pooled('drive', 2)}",
+        "straight": pooled("straight"),
+        "after720": pooled("after720"),
+        "wrong": f"{wr}/{mh}" + (f" ({100.0 * wr / mh:.2f} %)" if mh else ""),
+        "maxacc": max(x["max_acc"] for x in runs),
+    }
+
+
+def car_table(a, seeds, rates, binaries, work):
+    print("| scenario | car field uT | Hz | build | accuracy <= 1 after mounting, s | re-estimate after mounting, s "
+          "| turning by then, deg | medium/high before it | RMS after it while driving dbl / int | ... straight "
+          "| RMS after 720 deg dbl | wrong | highest accuracy |")
+    print("|---|---|---|---|---|---|---|---|---|---|---|---|---|")
+    for scenario in a.car_scenarios.split(","):
+        for field in a.car_fields.split(","):
+            for rate in rates:
+                for name, binary in binaries:
+                    r = car_row([run_car(binary, scenario, s, rate, field, work) for s in seeds])
+                    if r is None:
+                        print(f"| {scenario} | {field} | {rate} | {name} | n/a | | | | | | | | |")
+                    else:
+                        print(f"| {scenario} | {field} | {rate} | {name} | {r['detect']} | {r['reest']} | {r['turn']} | "
+                              f"{r['before']} | {r['drive']} | {r['straight']} | {r['after720']} | {r['wrong']} | "
+                              f"{r['maxacc']} |")
+                    sys.stdout.flush()
+    print("car fields: " + "; ".join(f"{k} uT = {v}" for k, v in CAR_FIELDS.items()))
+
+
 def rng(values):
     if any(v == "n/a" for v in values):
         return "n/a"
@@ -134,6 +251,9 @@ def main():
     ap.add_argument("--scenarios", default=",".join(SCENARIOS))
     ap.add_argument("--soft-iron", default="all", help="all, none, or a list of A,B,C,D")
     ap.add_argument("--work", default="")
+    ap.add_argument("--car", action="store_true", help="the car table instead (car, car-fresh; fields 10, 20, 40 uT)")
+    ap.add_argument("--car-scenarios", default="car,car-fresh")
+    ap.add_argument("--car-fields", default="10,20,40", help="of 0 (none: the floor the accelerations leave), 10, 20, 40")
     a = ap.parse_args()
     lo, _, hi = a.seeds.partition("-")
     seeds = list(range(int(lo), int(hi or lo) + 1))
@@ -146,6 +266,9 @@ def main():
         if not os.access(path, os.X_OK):
             sys.exit(f"goals.py: {name} {path}: no such program (build it first)")
     binaries = [("after", os.path.abspath(a.binary))] + ([("before", os.path.abspath(a.base))] if a.base else [])
+    if a.car:
+        car_table(a, seeds, rates, binaries, work)
+        return
     print("| scenario | soft iron | Hz | build | first medium/high s | first 3-D s | offset err uT | RMS after "
           "dbl | held steady int / dbl | wrong | estimator / cells |")
     print("|---|---|---|---|---|---|---|---|---|---|---|")

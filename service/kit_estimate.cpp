@@ -436,6 +436,7 @@ void store_cycle(const Vec3 &m, const Vec3 &g, bool fit_allowed, int64_t now, Km
         const Offer r = field_store_offer(&s.store, m, g, judged ? &centre : nullptr, causes != 0, gravity_steady(g));
         if ((r == Offer::kJoined || r == Offer::kJoinedReplacing) && s.joined < UINT8_MAX) ++s.joined;
     }
+    if (planar_cycle(fit_allowed, e)) return;  // the mounted phone's estimator (kit_planar.cpp) took the fit
     if (!fit_allowed) return;
     if (s.ellipsoid_pending) {
         judge_ellipsoid(g, e);
@@ -475,6 +476,8 @@ KitRecord kit_record_for(const CalibRecord &record) {
         k.dip_centideg = g_state.reference_dip_cdeg;
     }
     k.coverage = est().coverage;
+    // A planar estimate is saved only when checked against the references (trust_planar).
+    k.planar = g_state.estimator == KMXC_SERVICE_ESTIMATOR_PLANAR ? 1 : 0;
     return k;
 }
 

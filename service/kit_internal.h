@@ -9,6 +9,7 @@
 
 #include "calibration/calibration.h"
 #include "orientation/orientation.h"
+#include "service/circle_fit.h"
 #include "service/ellipsoid_fit.h"
 #include "service/field_store.h"
 #include "service/kit_geometry.h"
@@ -73,8 +74,20 @@ struct Estimators {
     bool anomaly_cleared;    // ... and this anomaly episode has done so
 };
 
+// The planar estimator's state (kit_planar.cpp): a circle fit of the store waiting for
+// its judgement, and what tells it that the store has changed.
+struct Planar {
+    CircleFit circle;  // fitted in one cycle, judged in the next
+    bool pending;      // `circle` waits for its judgement
+    bool in_use;       // the offset in use is a planar estimate
+    uint8_t joins;     // samples that joined the store since the last circle fit
+    uint8_t seen_count, seen_last;
+    int16_t seen_m[3];  // the store's count, last slot and its field at the last cycle
+    int32_t arc_cdeg;   // the arc the last judged circle covered
+};
+
 // The store and the estimators' state stay within 1 KiB of static RAM.
-static_assert(sizeof(Estimators) + sizeof(SoftIron) <= 1024, "the kit's estimators fit 1 KiB");
+static_assert(sizeof(Estimators) + sizeof(SoftIron) + sizeof(Planar) <= 1024, "the kit's estimators fit 1 KiB");
 
 struct State {
     bool started;
@@ -117,6 +130,16 @@ struct State {
     bool reference_known;
     int32_t reference_strength_counts;
     int32_t reference_dip_cdeg;
+    // ---- Mounted phone (vehicle): anomaly angle, steady tilt, demotion (kit_rules.cpp) ----
+    int32_t ref_dip_cdeg;      // the anomaly reference's angle (ref_dip_valid), centidegrees
+    int32_t dip_cos_bound[4];  // 1000 cos of ref_dip_cdeg + tolerance, - tolerance, + half, - half
+    Vec3 gravity_mean_q4;      // running mean of gravity, 1/16 count
+    bool gravity_mean_valid;
+    bool tilt_steady;          // this cycle's gravity is steady in length and direction
+    uint16_t fed_tilt_steady;  // bit per fed-ring slot: that sample's tilt was steady
+    bool demoted;              // a persisting anomaly took the trust from the offset in use
+    int restore_count;         // fed samples since the demotion's last anomaly
+    Planar planar;
 };
 
 extern State g_state;
@@ -159,6 +182,22 @@ void note_anomaly(uint8_t causes, int64_t now, KmxcServiceEvent *e);
 int8_t accuracy_now(int64_t now);
 // Adopts an agreeing estimate: accuracy, trust, reference, save.
 void trust_estimate(int8_t level, const Agreement &a);
+// The running mean of gravity and this cycle's steady-tilt verdict (g_state.tilt_steady).
+void track_tilt(const Vec3 &g);
+// The anomaly rules on this sample (field v about the offset in use, its strength and
+// 1000 cos of its angle to gravity): flags, the episode, its hysteresis, and the
+// restore of a demoted offset by fed samples that agree with it.
+void judge_anomaly(const Vec3 &g, int32_t strength, int32_t dip, const KmxAxesData &offset, int64_t now,
+                   KmxcServiceEvent *e);
+// The mean angle between field (through the correction in use, offset o removed) and
+// gravity over the last n fed samples in steady tilt, centidegrees; false when none.
+bool ring_dip_cdeg(const KmxAxesData &o, int n, int32_t *cdeg);
+// Adopts a planar estimate of accuracy `level` whose offset the library now uses: the
+// references stay (they are what it was checked against).
+void trust_planar(int8_t level);
+// The last trusted 3-D calibration's angle between field and gravity, centidegrees
+// (0..18000), from its dip below the horizontal (reference_dip_cdeg, -9000..9000).
+inline int32_t reference_angle_cdeg() { return 9000 - g_state.reference_dip_cdeg; }
 
 // ---- The kit's estimators (kit_estimate.cpp) -----------------------------------------
 
@@ -192,6 +231,13 @@ KitRecord kit_record_for(const CalibRecord &record);
 // the record's offset, the ellipsoid's centre when it was saved), references and
 // coverage.
 void apply_kit_record(const KitRecord &kit);
+
+// ---- The planar estimator (kit_planar.cpp) ------------------------------------------
+
+// One cycle's share: notes joins to the store, and when fit_allowed and none of the
+// store's other fitting steps is due, runs at most one planar step (a circle fit, or its
+// judgement). True when it ran one (the cycle's fit is spent).
+bool planar_cycle(bool fit_allowed, KmxcServiceEvent *e);
 
 // ---- Persistence (kit_file.cpp) -----------------------------------------------------
 

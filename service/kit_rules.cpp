@@ -1,5 +1,7 @@
 // The kit's rules: integer geometry of the fed samples, the sample-feed gate, and the
 // accuracy and anomaly judgements.
+#include "calibration/calibration.h"
+#include "service/kit_angle.h"
 #include "service/kit_internal.h"
 
 namespace kmxc_kit {
@@ -75,12 +77,97 @@ Agreement agreement(const SoftIron &soft, const KmxAxesData &o, int n, bool with
     return a;
 }
 
+// ---- Steady tilt ----------------------------------------------------------------------
+
+namespace {
+
+// The running mean's weight of a new sample at the session's rate, Q12: the cycle's
+// share of KMXC_SERVICE_STEADY_TILT_MS (at most all of it).
+int32_t tilt_weight_q12() {
+    const int64_t w =
+        int64_t{4096} * 1000 / (int64_t{g_state.rate_hz > 0 ? g_state.rate_hz : 1} * KMXC_SERVICE_STEADY_TILT_MS);
+    return w > 4096 ? 4096 : static_cast<int32_t>(w);
+}
+
+}  // namespace
+
+void track_tilt(const Vec3 &g) {
+    Vec3 &mean = g_state.gravity_mean_q4;
+    const Vec3 g16{g.x * 16, g.y * 16, g.z * 16};  // |g| within 2^15: below 2^19
+    if (!g_state.gravity_mean_valid) {
+        mean = g16;
+        g_state.gravity_mean_valid = true;
+    }
+    // Within the angle of the mean so far: |g x mean|^2 <= sin^2 |g|^2 |mean|^2 and
+    // g . mean > 0. |g| below 2^15 and the mean taken to whole counts (a sixteenth of a
+    // count is no angle): the cross product's square below 3 * 2^60.
+    const Vec3 b{mean.x >> 4, mean.y >> 4, mean.z >> 4};
+    const int64_t cx = int64_t{g.y} * b.z - int64_t{g.z} * b.y, cy = int64_t{g.z} * b.x - int64_t{g.x} * b.z,
+                  cz = int64_t{g.x} * b.y - int64_t{g.y} * b.x;
+    const uint64_t cross_sq =
+        static_cast<uint64_t>(cx * cx) + static_cast<uint64_t>(cy * cy) + static_cast<uint64_t>(cz * cz);
+    const int64_t s = sin_q14(KMXC_SERVICE_STEADY_TILT_CDEG);
+    // |g|^2 |mean|^2 below 2^62, each scaled by 2^-14 against the sine's square (Q28).
+    const uint64_t lengths = (static_cast<uint64_t>(dot(g, g)) >> 14) * (static_cast<uint64_t>(dot(b, b)) >> 14);
+    g_state.tilt_steady = gravity_steady(g) && dot(g, b) > 0 && cross_sq / static_cast<uint64_t>(s * s) <= lengths;
+    // Then the mean takes the sample's share (rounded toward minus infinity by the shift:
+    // under 1/16 count, far below the angle it is compared at).
+    const int32_t w = tilt_weight_q12();
+    mean = Vec3{mean.x + static_cast<int32_t>((int64_t{g16.x - mean.x} * w) >> 12),
+                mean.y + static_cast<int32_t>((int64_t{g16.y - mean.y} * w) >> 12),
+                mean.z + static_cast<int32_t>((int64_t{g16.z - mean.z} * w) >> 12)};
+}
+
+// ---- References -------------------------------------------------------------------------
+
+// The samples in steady tilt when there are any; else (a phone turned by hand, whose
+// gravity turns with it) those whose |g| is steady, their hand accelerations averaged.
+bool ring_dip_cdeg(const KmxAxesData &o, int n, int32_t *cdeg) {
+    int64_t sum[2] = {0, 0};
+    int count[2] = {0, 0};
+    for (int i = 0; i < n; ++i) {
+        const int slot = fed_slot(i);
+        if (!gravity_steady(g_state.fed_g[slot])) continue;
+        const int k = (g_state.fed_tilt_steady & (1u << slot)) != 0 ? 0 : 1;
+        sum[k] += angle_between_cdeg(minus(corrected(g_state.soft_iron, g_state.fed[slot]), o), g_state.fed_g[slot]);
+        ++count[k];
+    }
+    const int k = count[0] > 0 ? 0 : 1;
+    if (count[k] == 0) return false;
+    *cdeg = static_cast<int32_t>(sum[k] / count[k]);
+    return true;
+}
+
+// The anomaly bounds of 1000 cos(field, gravity) about the reference angle: the full
+// tolerance and its half (the hysteresis), the angles kept within 0..180 degrees.
+static void set_dip_bounds(int32_t cdeg) {
+    g_state.ref_dip_cdeg = cdeg;
+    const int32_t tol[2] = {KMXC_SERVICE_DIP_TOLERANCE_CDEG,
+                            KMXC_SERVICE_DIP_TOLERANCE_CDEG / KMXC_SERVICE_ANOMALY_HYSTERESIS_DIVISOR};
+    for (int k = 0; k < 2; ++k) {
+        const int32_t wide = cdeg + tol[k] > kCdegHalfTurn ? kCdegHalfTurn : cdeg + tol[k];
+        const int32_t narrow = cdeg - tol[k] < 0 ? 0 : cdeg - tol[k];
+        // cos falls with the angle: the wider angle bounds 1000 cos from below.
+        g_state.dip_cos_bound[2 * k] = cos_q14(wide) * 1000 / 16384;
+        g_state.dip_cos_bound[2 * k + 1] = cos_q14(narrow) * 1000 / 16384;
+    }
+}
+
+// The reference for anomalies: the agreement's mean strength, and the mean angle of the
+// last fed samples in steady tilt about the offset in use. (The last trusted 3-D fit's
+// references for the planar estimator follow from it: note_trusted_reference.)
 static void set_reference(const Agreement &a) {
+    KmxAxesData o;
+    KmxAxesLibGetMsOffset(&o);
+    int32_t cdeg = 0;
+    const bool dip = ring_dip_cdeg(o, g_state.fed_count, &cdeg);
     g_state.reference = true;
     g_state.ref_strength = a.mean;
     g_state.ref_dip = a.dip;
-    g_state.ref_dip_valid = a.dip_valid;
+    g_state.ref_dip_valid = dip;
+    if (dip) set_dip_bounds(cdeg);
     g_state.in_anomaly = false;
+    g_state.demoted = false;
     g_state.est.reference_stale = false;
 }
 
@@ -102,6 +189,9 @@ bool passes_gate(const Vec3 &m) {
 void remember_fed(const Vec3 &m, const Vec3 &g) {
     g_state.fed[g_state.fed_next] = m;
     g_state.fed_g[g_state.fed_next] = g;
+    const uint16_t bit = static_cast<uint16_t>(1u << g_state.fed_next);
+    g_state.fed_tilt_steady =
+        static_cast<uint16_t>(g_state.tilt_steady ? g_state.fed_tilt_steady | bit : g_state.fed_tilt_steady & ~bit);
     g_state.fed_next = (g_state.fed_next + 1) % KMXC_SERVICE_FEED_HISTORY;
     if (g_state.fed_count < KMXC_SERVICE_FEED_HISTORY) ++g_state.fed_count;
 }
@@ -130,6 +220,26 @@ void trust_estimate(int8_t level, const Agreement &a) {
     g_state.save_pending = true;
 }
 
+void trust_planar(int8_t level) {
+    const bool confirmed = level >= KMXC_SERVICE_MEDIUM;
+    g_state.base_accuracy = level;
+    g_state.offset_trusted = confirmed;
+    g_state.provisional = !confirmed;
+    g_state.stored_pending = false;
+    g_state.in_anomaly = false;
+    g_state.demoted = false;
+    g_state.est.reference_stale = false;
+    g_state.save_pending = confirmed;
+    if (!confirmed) return;
+    // Judged from now on against the references it was checked with.
+    const int32_t angle = reference_angle_cdeg();
+    g_state.reference = true;
+    g_state.ref_strength = g_state.reference_strength_counts;
+    g_state.ref_dip = cos_q14(angle) * 1000 / 16384;
+    g_state.ref_dip_valid = true;
+    set_dip_bounds(angle);
+}
+
 void try_confirm(const KmxAxesData &o, KmxcServiceEvent *e) {
     if (g_state.confirm_count < KMXC_SERVICE_CONFIRM_SAMPLES) return;
     const int n = g_state.fed_count < KMXC_SERVICE_CONFIRM_SAMPLES ? g_state.fed_count : KMXC_SERVICE_CONFIRM_SAMPLES;
@@ -143,33 +253,107 @@ void try_confirm(const KmxAxesData &o, KmxcServiceEvent *e) {
     e->flags |= KMXC_SERVICE_CONFIRMED;
 }
 
-uint8_t anomaly_of(const Vec3 &g, int32_t strength, int32_t dip) {
+// Causes against the reference at 1/divisor of each tolerance (1: the anomaly itself; the
+// hysteresis' divisor: a sample too near the limits to end an episode).
+static uint8_t causes_at(const Vec3 &g, int32_t strength, int32_t dip, int divisor) {
     uint8_t causes = 0;
     if (!strength_in_earth_range(strength)) causes |= KMXC_SERVICE_ANOMALY_RANGE;
-    if (g_state.reference) {
-        if (int64_t{abs32(strength - g_state.ref_strength)} * 1000 >
-            int64_t{KMXC_SERVICE_STRENGTH_TOLERANCE_PERMILLE} * g_state.ref_strength)
-            causes |= KMXC_SERVICE_ANOMALY_STRENGTH;
-        if (g_state.ref_dip_valid && gravity_steady(g) &&
-            abs32(dip - g_state.ref_dip) > KMXC_SERVICE_DIP_COS_TOLERANCE_PERMILLE)
-            causes |= KMXC_SERVICE_ANOMALY_DIP;
-    }
+    if (!g_state.reference) return causes;
+    if (int64_t{abs32(strength - g_state.ref_strength)} * 1000 * divisor >
+        int64_t{KMXC_SERVICE_STRENGTH_TOLERANCE_PERMILLE} * g_state.ref_strength)
+        causes |= KMXC_SERVICE_ANOMALY_STRENGTH;
+    // The angle judged through its cosine's bounds, only in steady tilt: outside it an
+    // acceleration (a hand's, a vehicle's) may be what moved it, and the sample's field is
+    // no less good for the store and the fits.
+    const int k = divisor == 1 ? 0 : 2;
+    if (g_state.ref_dip_valid && g_state.tilt_steady && gravity_steady(g) &&
+        (dip < g_state.dip_cos_bound[k] || dip > g_state.dip_cos_bound[k + 1]))
+        causes |= KMXC_SERVICE_ANOMALY_DIP;
     return causes;
 }
+
+uint8_t anomaly_of(const Vec3 &g, int32_t strength, int32_t dip) { return causes_at(g, strength, dip, 1); }
 
 void note_anomaly(uint8_t causes, int64_t now, KmxcServiceEvent *e) {
     const uint8_t cap = (causes & KMXC_SERVICE_ANOMALY_RANGE) != 0 ? KMXC_SERVICE_UNRELIABLE : KMXC_SERVICE_LOW;
     if (!g_state.in_anomaly || cap < g_state.anomaly_level_cap) g_state.anomaly_level_cap = cap;
+    // The episode counts toward persistence (anomaly_since_ns) from its first strength or
+    // range cause; dip causes alone from KMXC_SERVICE_DIP_PERSIST_MS on, and only in
+    // steady tilt (else never: an acceleration is no new surrounding).
+    constexpr int64_t kNever = INT64_MAX / 2;
+    const int64_t since =
+        causes != KMXC_SERVICE_ANOMALY_DIP ? now
+        : g_state.tilt_steady
+            ? now + int64_t{KMXC_SERVICE_DIP_PERSIST_MS - KMXC_SERVICE_STORE_ANOMALY_PERSIST_MS} * kNsPerMs
+            : kNever;
     if (!g_state.in_anomaly) {
-        g_state.anomaly_since_ns = now;
+        g_state.anomaly_since_ns = since;
         g_state.est.anomaly_cleared = false;
+    } else if (since < g_state.anomaly_since_ns) {
+        g_state.anomaly_since_ns = since;
     }
     g_state.in_anomaly = true;
     g_state.last_anomaly_ns = now;
     e->flags |= KMXC_SERVICE_ANOMALY;
 }
 
+// A demoted offset regains its trust (medium) when KMXC_SERVICE_CONFIRM_SAMPLES fed
+// samples in a row, none anomalous, agree with it as a stored offset's confirmation
+// requires and with the reference strength: the field fits it again from several sides,
+// not merely at the heading of the moment.
+static void try_restore(const Vec3 &g, int32_t strength, int32_t dip, const KmxAxesData &offset, KmxcServiceEvent *e) {
+    if ((e->flags & KMXC_SERVICE_FED) == 0) return;
+    if (e->mag_result != 0 || causes_at(g, strength, dip, 1) != 0) {
+        g_state.restore_count = 0;
+        return;
+    }
+    if (++g_state.restore_count < KMXC_SERVICE_CONFIRM_SAMPLES) return;
+    const Agreement a = agreement(offset, KMXC_SERVICE_CONFIRM_SAMPLES);
+    if (!a.in_range || a.worst_permille > KMXC_SERVICE_AGREE_PERMILLE ||
+        int64_t{abs32(a.mean - g_state.ref_strength)} * 1000 >
+            int64_t{KMXC_SERVICE_STRENGTH_TOLERANCE_PERMILLE} * g_state.ref_strength)
+        return;
+    g_state.offset_trusted = true;
+    g_state.provisional = false;
+    g_state.demoted = false;
+    g_state.base_accuracy = KMXC_SERVICE_MEDIUM;
+    e->flags |= KMXC_SERVICE_CONFIRMED;
+}
+
+void judge_anomaly(const Vec3 &g, int32_t strength, int32_t dip, const KmxAxesData &offset, int64_t now,
+                   KmxcServiceEvent *e) {
+    if (!g_state.offset_trusted) {
+        if (g_state.demoted) try_restore(g, strength, dip, offset, e);
+        return;
+    }
+    e->anomaly = e->mag_result == 0 ? anomaly_of(g, strength, dip) : uint8_t{KMXC_SERVICE_ANOMALY_RANGE};
+    if (e->anomaly != 0) {
+        note_anomaly(e->anomaly, now, e);
+    } else if (g_state.in_anomaly && causes_at(g, strength, dip, KMXC_SERVICE_ANOMALY_HYSTERESIS_DIVISOR) != 0) {
+        g_state.last_anomaly_ns = now;  // near a limit: the episode goes on, unflagged
+    }
+}
+
 int8_t accuracy_now(int64_t now) {
+    // An episode of strength or dip anomalies that has lasted
+    // KMXC_SERVICE_STORE_ANOMALY_PERSIST_MS is a new surrounding (a clip, a mount): the
+    // offset in use no longer describes the field. (A field outside the Earth's range is
+    // the rough offset's business: the library moves it, and the store starts afresh.)
+    if (g_state.offset_trusted && g_state.in_anomaly && g_state.anomaly_level_cap != KMXC_SERVICE_UNRELIABLE &&
+        now - g_state.anomaly_since_ns >= int64_t{KMXC_SERVICE_STORE_ANOMALY_PERSIST_MS} * kNsPerMs) {
+        g_state.offset_trusted = false;
+        g_state.provisional = true;
+        g_state.demoted = true;
+        g_state.restore_count = 0;
+        g_state.save_pending = false;
+        g_state.in_anomaly = false;
+        // The fed samples and the library's batch straddle the change: later fits and
+        // judgements start from the new field alone.
+        KmxAxesData in_use;
+        KmxAxesLibGetMsOffset(&in_use);
+        KmxAxesMsCalibSetOffset(&in_use);
+        g_state.fed_count = 0;
+    }
     if (!g_state.offset_trusted) return g_state.provisional ? KMXC_SERVICE_LOW : KMXC_SERVICE_UNRELIABLE;
     if (g_state.in_anomaly) {
         if (now - g_state.last_anomaly_ns < int64_t{KMXC_SERVICE_ANOMALY_CLEAR_MS} * kNsPerMs) {

@@ -45,16 +45,17 @@ TEST(KitRuleEdges, TheGateOpensAtExactlyItsDistanceFromEachOfTheLastFewFed) {
 }
 
 // 0.4 uT per count: 10 uT is 25 counts, 100 uT is 250; the strength anomaly is more
-// than 150 thousandths from the reference.
+// than 100 thousandths from the reference.
 TEST(KitRuleEdges, RangeAndStrengthAnomaliesStartJustPastTheirLimits) {
+    static_assert(KMXC_SERVICE_STRENGTH_TOLERANCE_PERMILLE == 100);
     const struct {
         int32_t reference, strength;
         uint8_t causes;
     } cases[] = {
         {0, 25, 0},    {0, 24, KMXC_SERVICE_ANOMALY_RANGE},
         {0, 250, 0},   {0, 251, KMXC_SERVICE_ANOMALY_RANGE},
-        {200, 230, 0}, {200, 231, KMXC_SERVICE_ANOMALY_STRENGTH},
-        {200, 170, 0}, {200, 169, KMXC_SERVICE_ANOMALY_STRENGTH},
+        {200, 220, 0}, {200, 221, KMXC_SERVICE_ANOMALY_STRENGTH},
+        {200, 180, 0}, {200, 179, KMXC_SERVICE_ANOMALY_STRENGTH},
     };
     for (const auto &c : cases) {
         g_state = State{};
@@ -87,23 +88,26 @@ TEST(KitRuleEdges, AFitIsJudgedByItsBatchUpToEachAgreementLimit) {
 }
 
 // The dip is judged only in steady gravity: |g| within 60 thousandths of 4096 counts,
-// so 3851..4341.
+// so 3851..4341, and its direction steady (an acceleration may have turned it).
 TEST(KitRuleEdges, DipAnomaliesAreJudgedOnlyInSteadyGravity) {
     const struct {
         int32_t gravity;
+        bool tilt_steady;
         uint8_t causes;
     } cases[] = {
-        {4341, KMXC_SERVICE_ANOMALY_DIP},
-        {4342, 0},
-        {3851, KMXC_SERVICE_ANOMALY_DIP},
-        {3850, 0},
+        {4341, true, KMXC_SERVICE_ANOMALY_DIP},
+        {4342, true, 0},
+        {3851, true, KMXC_SERVICE_ANOMALY_DIP},
+        {3850, true, 0},
+        {4096, false, 0},
     };
     for (const auto &c : cases) {
         g_state = State{};
         g_state.reference = true;
         g_state.ref_strength = 200;
         g_state.ref_dip_valid = true;
-        EXPECT_EQ(anomaly_of(Vec3{0, 0, -c.gravity}, 200, 500), c.causes) << c.gravity;
+        g_state.tilt_steady = c.tilt_steady;
+        EXPECT_EQ(anomaly_of(Vec3{0, 0, -c.gravity}, 200, 500), c.causes) << c.gravity << " " << c.tilt_steady;
     }
 }
 
@@ -120,6 +124,7 @@ TEST(KitRuleEdges, AnAnomalyHoldsTheAccuracyDownForItsWholeClearTime) {
         g_state.in_anomaly = true;
         g_state.anomaly_level_cap = KMXC_SERVICE_LOW;
         g_state.last_anomaly_ns = kSeen;
+        g_state.anomaly_since_ns = kSeen;  // a short episode: the trust stays
         EXPECT_EQ(accuracy_now(kSeen + c.after_ns), c.accuracy) << c.after_ns;
     }
 }

@@ -199,9 +199,7 @@ void judge_field(const Vec3 &m, const Vec3 &g, const KmxAxesData &offset, int64_
     const int32_t dip = dip_cos(v, g);
     e->strength_centi_uT = strength_centi_uT(v);
     e->dip_cos_permille = dip;
-    if (!g_state.offset_trusted) return;
-    e->anomaly = e->mag_result == 0 ? anomaly_of(g, strength, dip) : uint8_t{KMXC_SERVICE_ANOMALY_RANGE};
-    if (e->anomaly != 0) note_anomaly(e->anomaly, now, e);
+    judge_anomaly(g, strength, dip, offset, now, e);
 }
 
 // 4d. Attitude, integer path: the heading after the smoother's warm-up. (The double
@@ -319,6 +317,7 @@ int32_t kmxc_service_cycle(int64_t now, KmxcServiceEvent *e) {
         const Vec3 c = corrected(g_state.soft_iron, m);  // what the library sees
         mag = KmxAxesData{c.x, c.y, c.z};
         e->mag_counts[0] = c.x, e->mag_counts[1] = c.y, e->mag_counts[2] = c.z;
+        track_tilt(g);
         feed_calibration(&mag, m, g, e);
         KmxAxesData offset;
         KmxAxesLibGetMsOffset(&offset);

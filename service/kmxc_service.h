@@ -190,14 +190,67 @@ extern "C" {
 #define KMXC_SERVICE_FIT_MEDIUM_PERMILLE 80
 /* Fed samples that must agree before a stored offset counts as confirmed. */
 #define KMXC_SERVICE_CONFIRM_SAMPLES 8
-/* Anomaly: strength this far from the reference (thousandths of it). */
-#define KMXC_SERVICE_STRENGTH_TOLERANCE_PERMILLE 150
-/* Anomaly: cosine of the field-gravity angle this far from the reference (x1000). */
-#define KMXC_SERVICE_DIP_COS_TOLERANCE_PERMILLE 120
+/* Anomaly: strength this far from the reference (thousandths of it). Above the 80 a
+ * medium-accuracy fit's own samples may spread, plus noise (0.5 uT in 25 uT: 20); a
+ * vehicle's 14 uT at a 48 uT field moves the strength by -10 .. +19 % with the heading. */
+#define KMXC_SERVICE_STRENGTH_TOLERANCE_PERMILLE 100
 /* The dip is judged only while |gravity| is 1 g within this (thousandths). */
 #define KMXC_SERVICE_STEADY_GRAVITY_PERMILLE 60
 /* An anomaly clears after this long without one. */
 #define KMXC_SERVICE_ANOMALY_CLEAR_MS 1000
+/* ---- Mounted phone (vehicle) rules ---- */
+/* Anomaly: the angle between field and gravity this far from the reference,
+ * centidegrees. Judged as an angle: its cosine loses its sensitivity at steep dips. The
+ * sum of what moves it on a calibrated phone at rest: noise (0.5 uT in 25 uT: 1.2
+ * degrees), a tilt just inside KMXC_SERVICE_STEADY_TILT_CDEG (3), the reference's own
+ * error (1) and a medium fit's residual offset (1 uT in 48 uT: 1.2). A vehicle's 14 uT
+ * turns a 48 uT field by up to 17 degrees. */
+#define KMXC_SERVICE_DIP_TOLERANCE_CDEG 600
+/* Steady tilt: the dip is judged (and a sample's gravity taken as the vertical) only
+ * while gravity's direction lies within this of its running mean (time constant
+ * KMXC_SERVICE_STEADY_TILT_MS), as well as |g| within KMXC_SERVICE_STEADY_GRAVITY_PERMILLE.
+ * The length alone misses horizontal accelerations: braking or cornering at 0.3 g
+ * changes |g| by 4 % but tilts it by 17 degrees. 3 degrees: above the jitter of a
+ * vehicle's vibration (0.03 g: 1.7 degrees) and sensor noise (0.003 g: 0.2). */
+#define KMXC_SERVICE_STEADY_TILT_CDEG 300
+/* ... the running mean's time constant: half a second, shorter than the rise of a
+ * braking or a turn (1 to 4 s), so their tilt shows against it, and long enough to
+ * average a vehicle's vibration (11 Hz and up) over several cycles at 10 Hz. */
+#define KMXC_SERVICE_STEADY_TILT_MS 500
+/* An anomaly episode ends only when no sample has come within half a tolerance of it
+ * for KMXC_SERVICE_ANOMALY_CLEAR_MS: a field that hovers at a limit (a vehicle's field
+ * at a heading where it barely shows) keeps the episode going instead of restoring the
+ * accuracy between flickers. An episode that lasts KMXC_SERVICE_STORE_ANOMALY_PERSIST_MS
+ * demotes the offset in use to low until a new estimate is trusted or
+ * KMXC_SERVICE_CONFIRM_SAMPLES fed samples after it agree with the offset and the
+ * references as a stored offset's confirmation does. */
+#define KMXC_SERVICE_ANOMALY_HYSTERESIS_DIVISOR 2
+/* An episode of dip anomalies alone counts toward that persistence only after this long:
+ * a vehicle's acceleration tilts gravity for as long as it lasts (pulling away to 17 m/s
+ * at 0.15 g: 9 s; a right-angle turn at 8 m/s and 0.2 g: 13 s; a roundabout's three
+ * turns in a row: up to 30 s), and a hand's while it moves; meanwhile the accuracy is
+ * held down (a tilted gravity turns the heading too), but the store and the offset's
+ * trust are kept. */
+#define KMXC_SERVICE_DIP_PERSIST_MS 30000
+/* Planar estimator (a phone turned about one axis: a vehicle mount). The store's samples
+ * count as a circle when their RMS distance from the fitted plane is at most
+ * 1/KMXC_SERVICE_PLANAR_FLATNESS of its radius: a rotation axis that wobbles by up to 7
+ * degrees (road slopes up to 5, a body's roll in a turn, noise) about its mean. */
+#define KMXC_SERVICE_PLANAR_FLATNESS 8
+/* Least arc of the circle its samples cover (centidegrees, 360 less the widest gap
+ * between neighbours about the fitted centre) for an offset from the reference circle:
+ * over a quarter turn the reference's radius pins the centre (its error moves the centre
+ * by about the radius' error); below, the centre slides along the arc. */
+#define KMXC_SERVICE_PLANAR_MIN_ARC_CDEG 9000
+/* Least arc for a confirmed (medium) planar estimate, and for one without a reference:
+ * from half a turn the samples determine the circle's radius themselves, so it can be
+ * checked against the references (and the centre needs no reference across the axis). */
+#define KMXC_SERVICE_PLANAR_CONFIRM_ARC_CDEG 18000
+/* The circle's own radius must match the reference circle's, strength x sin(angle
+ * between field and gravity), within this change of the angle (centidegrees): the
+ * reference's dip error (1 degree), the radius' error from half a turn of samples whose
+ * axis wobbles with the road's slope (1.5) and noise. */
+#define KMXC_SERVICE_PLANAR_DIP_TOLERANCE_CDEG 300
 /* Least time between two rough-offset changes. */
 #define KMXC_SERVICE_ROUGH_CHANGE_INTERVAL_MS 1000
 /* The kit's store of samples is refitted once this many samples have joined it since
@@ -300,7 +353,7 @@ extern "C" {
 #define KMXC_SERVICE_ESTIMATOR_LIBRARY 2      /* the library's fit of its batch */
 #define KMXC_SERVICE_ESTIMATOR_STORE_SPHERE 3 /* the kit's sphere fit of its store */
 #define KMXC_SERVICE_ESTIMATOR_ELLIPSOID 4    /* the kit's ellipsoid fit: offset and soft iron */
-/* 5 is kept for the planar (mounted phone) estimator. */
+#define KMXC_SERVICE_ESTIMATOR_PLANAR 5       /* the kit's circle fit of a phone turned about one axis */
 
 /* Anomaly causes (event.anomaly), bits. */
 #define KMXC_SERVICE_ANOMALY_RANGE 1    /* strength outside the Earth's range */

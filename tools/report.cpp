@@ -30,6 +30,7 @@ const char *estimator_name(int estimator) {
     case KMXC_SERVICE_ESTIMATOR_LIBRARY: return "library";
     case KMXC_SERVICE_ESTIMATOR_STORE_SPHERE: return "store_sphere";
     case KMXC_SERVICE_ESTIMATOR_ELLIPSOID: return "ellipsoid";
+    case KMXC_SERVICE_ESTIMATOR_PLANAR: return "planar";
     default: return "unknown";
     }
 }
@@ -124,6 +125,10 @@ void Report::tally_sample(const SampleOutput &s) {
     m.samples = static_cast<int>(samples_.size());
     m.virtual_s = static_cast<double>(s.time_us) / 1e6;
     if (m.first_trusted_s < 0 && s.accuracy >= KMXC_SERVICE_MEDIUM) m.first_trusted_s = m.virtual_s;
+    if (m.first_reestimate_s < 0 && s.mounted_s >= 0 && m.virtual_s >= s.mounted_s &&
+        (s.flags & KMXC_SERVICE_NEW_OFFSET) && (s.flags & (KMXC_SERVICE_KIT_ESTIMATE | KMXC_SERVICE_FIT_3D)) &&
+        (s.estimator == KMXC_SERVICE_ESTIMATOR_PLANAR || (s.flags & KMXC_SERVICE_FIT_3D)))
+        m.first_reestimate_s = m.virtual_s;
     if (s.anomaly && !last_anomaly_) ++m.anomalies;
     last_anomaly_ = s.anomaly != 0;
     const std::string refused = refusal(s);
@@ -270,7 +275,14 @@ void Report::print_accuracy_summary() const {
     std::ostream &o = out_;
     o << "  first medium/high         "
       << (m.first_trusted_s >= 0 ? fmt("%.1f", m.first_trusted_s) + " s" : std::string("never")) << '\n';
-    if (m.mounted_s >= 0) o << "  mounted                   " << fmt("%.1f", m.mounted_s) << " s\n";
+    if (m.mounted_s >= 0) {
+        o << "  mounted                   " << fmt("%.1f", m.mounted_s) << " s\n";
+        o << "  first re-estimate         "
+          << (m.first_reestimate_s >= 0 ? fmt("%.1f", m.first_reestimate_s) + " s, " +
+                                              fmt("%.1f", m.first_reestimate_s - m.mounted_s) + " s after mounting"
+                                        : std::string("never"))
+          << '\n';
+    }
     if (!samples_.empty() && samples_.front().has_truth) {
         o << "  heading error by the accuracy reported with it (whole run; integer / double path)\n";
         auto line = [&o](const std::string &name, const ErrorStats &i, const ErrorStats &d) {
@@ -297,6 +309,7 @@ std::string Report::accuracy_json() const {
     };
     j << ",\n  \"first_trusted_s\": " << (m.first_trusted_s >= 0 ? fmt("%.3f", m.first_trusted_s) : "null")
       << ",\n  \"mounted_s\": " << (m.mounted_s >= 0 ? fmt("%.3f", m.mounted_s) : "null")
+      << ",\n  \"first_reestimate_s\": " << (m.first_reestimate_s >= 0 ? fmt("%.3f", m.first_reestimate_s) : "null")
       << ",\n  \"heading_rms_by_accuracy_deg\": {";
     for (size_t a = 0; a < 4; ++a) {
         level(kAccuracyNames[a], m.integer_error_at[a], m.double_error_at[a]);
@@ -321,7 +334,7 @@ bool Report::write_outputs(const std::string &path, std::string *error) const {
     // integer heading (azimuth, pitch and roll), else -1.
     f << "time_us,ms_rc,gs_rc,calib_rc,calib_status,attitude_rc,heading_int,rotation_rc,azimuth,pitch,roll,"
          "offset_x,offset_y,offset_z,accuracy,anomaly,field_uT,dip_cos,fed,ratio_min,ratio_mid,residual,"
-         "true_heading_int,true_azimuth,true_pitch,true_roll,offset_error_uT,phase\n";
+         "true_heading_int,true_azimuth,true_pitch,true_roll,offset_error_uT,phase,estimator\n";
     for (const SampleOutput &s : samples_)
         f << s.time_us << ',' << s.ms_rc << ',' << s.gs_rc << ',' << s.calib_rc << ',' << s.calib_status << ','
           << (s.heading_valid ? 0 : -1) << ',' << s.integer_heading << ',' << (s.orientation_valid ? 0 : -1) << ','
@@ -333,7 +346,7 @@ bool Report::write_outputs(const std::string &path, std::string *error) const {
                                 fmt("%.3f", s.truth.pitch) + ',' + fmt("%.3f", s.truth.roll) + ',' +
                                 fmt("%.3f", offset_error_uT(s)) + ',' + s.phase
                           : std::string(",,,,,"))
-          << '\n';
+          << ',' << estimator_name(s.estimator) << '\n';
     f.flush();
     if (!f) {
         *error = "writing outputs file '" + path + "' failed";

@@ -45,7 +45,7 @@ struct SampleOutput {
 };
 
 // The name of a KMXC_SERVICE_ESTIMATOR_* code: none, stored, library, store_sphere,
-// ellipsoid ("unknown" for any other).
+// ellipsoid, planar ("unknown" for any other).
 const char *estimator_name(int estimator);
 
 // A calibration return code that published a new offset: 63 or one with axis bits.
@@ -83,6 +83,9 @@ struct Summary {
     int rough_changes = 0;
     double first_trusted_s = -1;  // the first sample at medium or high accuracy; -1 none
     double mounted_s = -1;        // car scenarios: when the phone went into the mount; else -1
+    // Car scenarios: the first offset published from the mount on by a 3-D fit or the
+    // kit's planar estimator (a re-estimate of the offset the mount's field moved); -1 none.
+    double first_reestimate_s = -1;
     // Heading errors over the whole run by the accuracy the kit reported with them
     // (0 unreliable .. 3 high), and at medium or high together: how far each level
     // can be trusted.

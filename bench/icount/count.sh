@@ -15,7 +15,8 @@ for p in "$x86" "$arm"; do [ -x "$p" ] || { echo "count.sh: no $p (build target 
 tmp=$(mktemp -d)
 trap 'rm -rf "$tmp"' EXIT
 cases=(empty fit cycle double kasa_double kasa_float offer_still offer_refused coverage spread sphere ellipsoid circle
-  agreement offer_joins kit_cycle kit_sphere kit_sphere_judge kit_ellipsoid kit_judge)
+  agreement offer_joins kit_cycle kit_sphere kit_sphere_judge kit_ellipsoid kit_judge kit_rules kit_planar_fit
+  kit_planar_judge)
 
 # x86-64
 LD_BIND_NOW=1 valgrind --tool=callgrind --callgrind-out-file="$tmp/cg" "$x86" >/dev/null 2>"$tmp/vg" ||
@@ -54,6 +55,9 @@ label() {
     kit_sphere_judge) echo "kit: a sphere fit's judgement (covariance, agreement, publishing)" ;;
     kit_ellipsoid) echo "kit: an ellipsoid step (fit of the full store)" ;;
     kit_judge) echo "kit: an ellipsoid's judgement and adoption" ;;
+    kit_rules) echo "kit: the vehicle rules of every cycle (steady tilt, anomaly, hysteresis)" ;;
+    kit_planar_fit) echo "kit: a planar step (circle fit of a mount's full store)" ;;
+    kit_planar_judge) echo "kit: a planar judgement (arc, reference circle, strengths, adoption)" ;;
   esac
 }
 printf '| %-72s | %9s | %9s |\n' "instructions (16 samples for the library's fit)" "x86-64" "armel"

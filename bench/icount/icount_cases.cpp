@@ -86,7 +86,7 @@ int g_coverage;
 const Vec3 kCentre{100, -50, 200}, kDown{0, 0, 4096};
 
 KmxcServiceEvent g_event;
-uint8_t g_estimator_seen[4];
+uint8_t g_estimator_seen[5];
 
 // The kit trusting an offset at kCentre, with a soft-iron correction in use, its store
 // full, its ring of fed samples full, and `joined` samples joined since its last fit.
@@ -206,6 +206,23 @@ __attribute__((noinline)) void icount_case_kit_judge(void) {
     store_cycle(Vec3{kCentre.x, kCentre.y, kCentre.z + 115}, kDown, true, 1, &g_event);
     g_estimator_seen[2] = g_state.estimator;
 }
+// The vehicle rules every cycle adds: the steady tilt's running mean and verdict, and the
+// anomaly rules on a sample that agrees with the reference.
+__attribute__((noinline)) void icount_case_kit_rules(void) {
+    const Vec3 g{40, -20, 4090}, v{90, 0, 60};
+    track_tilt(g);
+    judge_anomaly(g, length(v), dip_cos(v, g), KmxAxesData{kCentre.x, kCentre.y, kCentre.z}, 1, &g_event);
+}
+// The planar estimator's two steps on a full store of a mount's circle: the circle fit,
+// then its judgement (arc, the reference circle's refinement, strengths, adoption).
+__attribute__((noinline)) void icount_case_kit_planar_fit(void) {
+    store_cycle(Vec3{kCentre.x, kCentre.y, kCentre.z + 60}, kDown, true, 1, &g_event);
+    g_estimator_seen[4] = g_state.planar.pending;
+}
+__attribute__((noinline)) void icount_case_kit_planar_judge(void) {
+    store_cycle(Vec3{kCentre.x, kCentre.y, kCentre.z + 60}, kDown, true, 1, &g_event);
+    g_estimator_seen[4] = static_cast<uint8_t>(g_estimator_seen[4] + 2 * g_state.estimator);
+}
 }
 
 namespace {
@@ -268,6 +285,30 @@ int main() {
     g_state.soft_iron.in_use = false;  // the judged ellipsoid is new
     measure(icount_case_kit_judge);
 
+    // A mount: the offset in use 20 counts off after a vehicle's field, the reference of
+    // the hand's calibration (108 counts at 56.3 degrees from gravity), the store the circle.
+    set_kit(0, false, false);
+    g_state.soft_iron.in_use = false;
+    g_state.rate_hz = 10;
+    g_state.reference = g_state.ref_dip_valid = true;
+    g_state.ref_strength = 108;
+    g_state.reference_known = true;
+    g_state.reference_strength_counts = 108;
+    g_state.reference_dip_cdeg = 9000 - 5631;
+    trust_planar(KMXC_SERVICE_MEDIUM);  // the anomaly bounds from the reference
+    g_state.estimator = KMXC_SERVICE_ESTIMATOR_LIBRARY;
+    measure(icount_case_kit_rules);
+    const bool rules_quiet = g_event.anomaly == 0;
+    g_state.est.store = g_ring;
+    g_state.planar.joins = KMXC_SERVICE_STORE_REFIT_JOINS;
+    g_state.planar.seen_count = g_ring.count;
+    g_state.planar.seen_last = g_ring.last;
+    for (int k = 0; k < 3; ++k) g_state.planar.seen_m[k] = g_ring.sample[g_ring.last].m[k];
+    const KmxAxesData off{kCentre.x + 20, kCentre.y - 10, kCentre.z};
+    KmxAxesLibSetMsOffset(&off);
+    measure(icount_case_kit_planar_fit);
+    measure(icount_case_kit_planar_judge);
+
     std::printf("fit rc %d, cycle rc %d heading %u, azimuth %.0f, Kasa centre %.1f,%.1f,%.1f (float %.1f,%.1f,%.1f)\n",
                 fit, cycle, unsigned(g_heading), g_angles[0], g_centre_d[0], g_centre_d[1], g_centre_d[2],
                 double(g_centre_f[0]), double(g_centre_f[1]), double(g_centre_f[2]));
@@ -296,5 +337,10 @@ int main() {
     const bool kit = kit_cycle && g_estimator_seen[0] == 1 &&
                      g_estimator_seen[3] == KMXC_SERVICE_ESTIMATOR_STORE_SPHERE && g_estimator_seen[1] == 1 &&
                      g_estimator_seen[2] == KMXC_SERVICE_ESTIMATOR_ELLIPSOID;
-    return ok && estimators && kit ? 0 : 1;
+    // The vehicle: the rules quiet on an agreeing sample; the circle fitted, then judged
+    // and published as the planar estimate (pending 1 plus twice the estimator 5).
+    std::printf("vehicle: rules quiet %d, planar steps %d, offset %d,%d,%d\n", int(rules_quiet), g_estimator_seen[4],
+                g_event.offset[0], g_event.offset[1], g_event.offset[2]);
+    const bool vehicle = rules_quiet && g_estimator_seen[4] == 1 + 2 * KMXC_SERVICE_ESTIMATOR_PLANAR;
+    return ok && estimators && kit && vehicle ? 0 : 1;
 }

@@ -29,7 +29,8 @@ Drive::Drive(std::mt19937 &rng, double heading_deg) {
 void Drive::plan(std::mt19937 &rng) {
     enum Maneuver { Left, Right, Roundabout };
     std::vector<Maneuver> maneuvers{Left, Right, Roundabout};
-    const int extra = std::uniform_int_distribution<int>(2, 4)(rng);
+    // A turn about once a minute or more, as in town: eight to twelve manoeuvres.
+    const int extra = std::uniform_int_distribution<int>(5, 9)(rng);
     for (int i = 0; i < extra; ++i) maneuvers.push_back(coin(rng) ? Left : Right);
     std::shuffle(maneuvers.begin(), maneuvers.end(), rng);
     for (int k = 0; k < 2; ++k) {

@@ -175,9 +175,17 @@ Pose Scenario::pose_in(const Segment &segment, double t, double u) const {
     return b;
 }
 
-Pose Scenario::mount_pose(const CarMotion &car) {
-    // Car heading and slope, then the mount's tilt, both about the car's x axis.
-    return {car.heading_deg, -(kMountTiltDeg + car.slope_deg), 0};
+Pose Scenario::mount_pose(const CarMotion &car) const {
+    // Car heading and slope, then the mount's tilt, both about the car's x axis, then
+    // its swivel about the phone's long axis.
+    return {car.heading_deg, -(mount_tilt_deg_ + car.slope_deg), mount_swivel_deg_};
+}
+
+double Scenario::car_field_share(double t) const {
+    if (mounted_s_ < 0 || t < mounted_s_ - kCarFieldRampS) return 0;
+    if (t >= mounted_s_) return 1;
+    const double x = (t - (mounted_s_ - kCarFieldRampS)) / kCarFieldRampS;
+    return x * x * x;  // as the cube of the closing distance, roughly
 }
 
 Vec3 Scenario::linear_accel_g(const Segment &seg, double t, double u) const {
@@ -219,10 +227,10 @@ Truth Scenario::ideal(double t) const {
     const Vec3 acc = linear_accel_g(*seg, t, u);
     const Vec3 g = to_phone(tr.attitude, Vec3{-acc[0], -acc[1], -1.0 - acc[2]});
     const bool magnet = magnet_from_s_ >= 0 && t >= magnet_from_s_;
-    const bool mounted = mounted_s_ >= 0 && t >= mounted_s_;
+    const double car_share = car_field_share(t);
     for (int k = 0; k < 3; ++k) {
         tr.hard_iron_uT[k] = settings_.hard_iron_uT[k] + (magnet ? settings_.magnet_uT[k] : 0.0);
-        if (mounted) tr.hard_iron_uT[k] += settings_.car_field_uT[k];
+        if (car_share > 0) tr.hard_iron_uT[k] += car_share * settings_.car_field_uT[k];
         tr.gravity_g[k] = g[k];
     }
     tr.temperature_C = settings_.temperature_C + settings_.temp_drift_C_per_min * t / 60.0;
@@ -245,7 +253,8 @@ Truth Scenario::sample(double t) {
     // In the mount with the engine running, the car shakes the phone.
     if (mounted_s_ >= 0 && t >= mounted_s_ && t <= drive_from_s_ + drive_.duration_s()) {
         const double speed = t < drive_from_s_ ? 0.0 : drive_.at(t - drive_from_s_).speed_mps;
-        const Vec3 shake = to_phone(attitude_matrix(Pose{0, -kMountTiltDeg, 0}), drive_.vibration_g(t, speed));
+        const Vec3 shake =
+            to_phone(attitude_matrix(Pose{0, -mount_tilt_deg_, mount_swivel_deg_}), drive_.vibration_g(t, speed));
         for (int k = 0; k < 3; ++k) tr.gravity_g[k] -= shake[k];
     }
     return tr;

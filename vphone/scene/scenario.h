@@ -50,8 +50,15 @@ Mat3 soft_iron_matrix(const std::array<double, 6> &xx_yy_zz_xy_xz_yz);
 std::string soft_iron_problem(const std::array<double, 6> &xx_yy_zz_xy_xz_yz);
 
 // The phone in the car's dashboard mount: upright, screen to the driver, its top edge
-// this far above the horizontal (leaning back by the rest).
-constexpr double kMountTiltDeg = 75.0;
+// between these above the horizontal (leaning back by the rest), drawn from the seed...
+constexpr double kMountTiltMinDeg = 60.0;
+constexpr double kMountTiltMaxDeg = 85.0;
+// ... and swivelled toward the driver (about its long axis) by up to this either way.
+constexpr double kMountSwivelMaxDeg = 20.0;
+// The car's field grows over the last part of the mounting move, as the phone nears the
+// mount's steel and the dashboard's (a dipole's field falls as the cube of the distance:
+// most of it arrives in the last few centimetres).
+constexpr double kCarFieldRampS = 1.5;
 
 // What the phone experiences at one instant.
 struct Truth {
@@ -124,7 +131,9 @@ private:
     void script_car();
     void script_car_fresh();
     void add_drive();  // the legs of drive_, then parked
-    static Pose mount_pose(const CarMotion &car);
+    Pose mount_pose(const CarMotion &car) const;
+    void draw_mount();                         // the mount's tilt and swivel, from the script's generator
+    double car_field_share(double t_s) const;  // 0 before the ramp, 1 once mounted
     struct Entry {
         ScenarioInfo info;
         void (Scenario::*script)();
@@ -144,6 +153,7 @@ private:
     double magnet_from_s_ = -1;  // the magnet clip is on from then, when >= 0
     double mounted_s_ = -1;      // in the car's mount from then, when >= 0
     double drive_from_s_ = 0;    // the drive's start
+    double mount_tilt_deg_ = 75, mount_swivel_deg_ = 0;
     Mat3 soft_iron_{};
     std::mt19937 rng_;         // noise
     std::mt19937 script_rng_;  // the details of the browse and car scripts

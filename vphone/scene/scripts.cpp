@@ -156,6 +156,7 @@ void Scenario::script_car() {
     const double heading = uniform(script_rng_, 0, 360);
     drive_ = Drive(script_rng_, heading);
     const Pose in_hand{heading + uniform(script_rng_, -40, 40), -30, 0};
+    draw_mount();
     add(Segment::Hold, "in hand", 2, in_hand);
     add(Segment::FigureEight, "figure-eight in hand", 12, in_hand);  // three loops, back level
     add(Segment::Move, "mounting", 3, mount_pose(drive_.at(0)));
@@ -167,9 +168,15 @@ void Scenario::script_car() {
 void Scenario::script_car_fresh() {
     const double heading = uniform(script_rng_, 0, 360);
     drive_ = Drive(script_rng_, heading);
+    draw_mount();
     mounted_s_ = 0;
     add(Segment::Hold, "mounted", 5, mount_pose(drive_.at(0)));
     add_drive();
+}
+
+void Scenario::draw_mount() {
+    mount_tilt_deg_ = uniform(script_rng_, kMountTiltMinDeg, kMountTiltMaxDeg);
+    mount_swivel_deg_ = uniform(script_rng_, -kMountSwivelMaxDeg, kMountSwivelMaxDeg);
 }
 
 void Scenario::add_drive() {

@@ -117,19 +117,29 @@ TEST(Car, TheAccelerometerReadsGravityMinusTheDerivativeOfTheCarsVelocity) {
     }
 }
 
-// The car's field is the phone's from the moment it is clipped in, not before.
-TEST(Car, TheCarsFieldJoinsTheHardIronAtMounting) {
+// The car's field grows over the last kCarFieldRampS of the mounting move, rising all
+// the way, and is the phone's whole from the moment it is clipped in.
+TEST(Car, TheCarsFieldGrowsAsThePhoneNearsTheMountAndIsWholeOnceMounted) {
     for (const char *name : {"car", "car-fresh"}) {
         const ScenarioSettings s = settings(name);
         const Scenario car(s);
         EXPECT_EQ(car.ideal(0).mounted_s, car.mounted_s());
         EXPECT_EQ(car.mounted_s(), std::string(name) == "car" ? 17.0 : 0.0) << name;
-        for (double t : {car.mounted_s() - 0.01, car.mounted_s(), car.duration_s()}) {
+        const double start = car.mounted_s() - kCarFieldRampS;
+        double last = -1;
+        for (double t : {start - 0.01, start + 0.3, start + 0.8, start + 1.3, car.mounted_s(), car.duration_s()}) {
             if (t < 0) continue;
-            const bool mounted = t >= car.mounted_s();
-            for (int k = 0; k < 3; ++k)
-                EXPECT_EQ(car.ideal(t).hard_iron_uT[k], s.hard_iron_uT[k] + (mounted ? s.car_field_uT[k] : 0.0))
-                    << name << " t " << t;
+            const double share = t < start ? 0.0 : t >= car.mounted_s() ? 1.0 : -1.0;
+            const double x = car.ideal(t).hard_iron_uT[0] - s.hard_iron_uT[0];
+            if (share >= 0) {
+                for (int k = 0; k < 3; ++k)
+                    EXPECT_EQ(car.ideal(t).hard_iron_uT[k], s.hard_iron_uT[k] + share * s.car_field_uT[k])
+                        << name << " t " << t;
+            } else {
+                EXPECT_GT(x / s.car_field_uT[0], last) << name << " t " << t;
+                EXPECT_LT(x / s.car_field_uT[0], 1.0) << name << " t " << t;
+            }
+            last = x / s.car_field_uT[0];
         }
         EXPECT_EQ(Scenario(settings("default")).ideal(0).mounted_s, -1);
     }

@@ -1,0 +1,362 @@
+// The planar estimator against an independent double-precision solution (Eigen) on
+// random circles, axes, strengths, dips, arcs and noise, and its rules at their
+// thresholds: the arc, the radius' agreement with the references, and in the kit the
+// dip's angle tolerance, the steady tilt and the persistence of dip anomalies.
+#include <gtest/gtest.h>
+
+#include <Eigen/Dense>
+#include <algorithm>
+#include <cmath>
+#include <random>
+#include <vector>
+
+#include "calibration/calibration.h"
+#include "service/kit_angle.h"
+#include "service/kit_internal.h"
+#include "service/kit_planar.h"
+
+namespace kmxc_kit {
+State g_state;  // the rules' state, here the test's own
+}  // namespace kmxc_kit
+
+namespace {
+
+using namespace kmxc_kit;
+using Eigen::Vector3d;
+
+constexpr double kPi = 3.14159265358979323846;
+
+// A phone turned about the unit axis `down` (the way gravity pulls) in a field of strength
+// F (counts) at angle theta from gravity: samples at angles spread over `arc_deg`, each
+// axis tilted by up to `wobble_deg` at random (the body's roll, bumps) and by the road's
+// slope, which changes along the drive as the heading turns (up to `slope_deg`, twice
+// over per turn, from `hill_deg`): a constant slope only lifts or tilts the whole circle,
+// but one that changes lifts some samples off the plane and sinks others, so each
+// sample's own height matters; with noise.
+struct Circle {
+    Vector3d offset, down;
+    double strength, theta_deg, arc_deg, wobble_deg, noise;
+    int n;
+    double slope_deg, hill_deg;  // the slope, and the hill's direction from the circle's start
+};
+
+FieldStore store_of(const Circle &c, std::mt19937 &rng) {
+    std::normal_distribution<double> noise(0, c.noise);
+    std::uniform_real_distribution<double> wob(-c.wobble_deg, c.wobble_deg);
+    const Vector3d e1 = c.down.unitOrthogonal(), e2 = c.down.cross(e1);
+    FieldStore s;
+    field_store_clear(&s);
+    const double th = c.theta_deg * kPi / 180;
+    for (int i = 0; i < c.n; ++i) {
+        const double phi = c.arc_deg * kPi / 180 * i / (c.n - 1);
+        Vector3d f = c.strength * (std::cos(th) * c.down + std::sin(th) * (std::cos(phi) * e1 + std::sin(phi) * e2));
+        // The axis tilts with the road about a horizontal direction (the body's roll),
+        // and the vehicle pitches with the slope of the moment about its lateral axis
+        // (fixed in the phone, taken as e2).
+        f = Eigen::AngleAxisd(wob(rng) * kPi / 180, e1) * f;
+        const double slope = c.slope_deg * std::sin(2 * phi + c.hill_deg * kPi / 180);
+        f = Eigen::AngleAxisd(slope * kPi / 180, e2) * f;
+        const Vector3d m = c.offset + f + Vector3d(noise(rng), noise(rng), noise(rng));
+        const Vec3 mv{static_cast<int32_t>(std::lround(m.x())), static_cast<int32_t>(std::lround(m.y())),
+                      static_cast<int32_t>(std::lround(m.z()))};
+        const Vector3d g = 4096 * c.down;
+        field_store_offer(&s, mv,
+                          Vec3{int32_t(std::lround(g.x())), int32_t(std::lround(g.y())), int32_t(std::lround(g.z()))},
+                          nullptr, false, true);
+    }
+    return s;
+}
+
+// The independent solution: the plane's normal by Eigen's eigen-decomposition of the
+// samples' covariance (signed by gravity); the offset held on the line F cos(theta)
+// below the samples' mean along it, o = mean - F cos(theta) n + u e1 + v e2, with (u, v)
+// by Gauss-Newton in double on |m - o|^2 = F^2 from the samples' mean. Also the arc the
+// samples cover about the circle's centre (360 less the widest gap, degrees).
+struct DoubleSolution {
+    Vector3d offset;
+    double arc_deg;
+};
+
+DoubleSolution double_solution(const FieldStore &s, const Vector3d &down, double F, double theta_deg) {
+    const int n = s.count;
+    Vector3d mean = Vector3d::Zero();
+    std::vector<Vector3d> m(n);
+    for (int i = 0; i < n; ++i) {
+        m[i] = Vector3d(s.sample[i].m[0], s.sample[i].m[1], s.sample[i].m[2]);
+        mean += m[i] / n;
+    }
+    Eigen::Matrix3d cov = Eigen::Matrix3d::Zero();
+    for (const Vector3d &v : m) cov += (v - mean) * (v - mean).transpose();
+    Vector3d normal = Eigen::SelfAdjointEigenSolver<Eigen::Matrix3d>(cov).eigenvectors().col(0);
+    if (normal.dot(down) < 0) normal = -normal;
+    const Vector3d e1 = normal.unitOrthogonal(), e2 = normal.cross(e1);
+    const Vector3d base = mean - F * std::cos(theta_deg * kPi / 180) * normal;
+    Eigen::Vector2d uv = Eigen::Vector2d::Zero();
+    for (int step = 0; step < 50; ++step) {
+        Eigen::Matrix2d jtj = Eigen::Matrix2d::Zero();
+        Eigen::Vector2d jtr = Eigen::Vector2d::Zero();
+        const Vector3d o = base + uv.x() * e1 + uv.y() * e2;
+        for (const Vector3d &v : m) {
+            const Vector3d a = v - o;
+            const Eigen::Vector2d j(-2 * a.dot(e1), -2 * a.dot(e2));  // d r / d (u, v)
+            const double r = a.squaredNorm() - F * F;
+            jtj += j * j.transpose();
+            jtr += j * r;
+        }
+        uv -= jtj.ldlt().solve(jtr);
+    }
+    DoubleSolution out{base + uv.x() * e1 + uv.y() * e2, 0};
+    std::vector<double> angle;
+    for (const Vector3d &v : m) {
+        const Vector3d a = v - out.offset;
+        angle.push_back(std::atan2(a.dot(e2), a.dot(e1)) * 180 / kPi);
+    }
+    std::sort(angle.begin(), angle.end());
+    double widest = angle.front() + 360 - angle.back();
+    for (size_t i = 1; i < angle.size(); ++i) widest = std::max(widest, angle[i] - angle[i - 1]);
+    out.arc_deg = 360 - widest;
+    return out;
+}
+
+TEST(PlanarProperty, AgreesWithAnIndependentDoubleSolutionOnRandomCirclesAxesStrengthsAndDips) {
+    std::mt19937 rng(2024);
+    std::uniform_real_distribution<double> u(0, 1);
+    int medium = 0, checked = 0;
+    double worst = 0;
+    for (int trial = 0; trial < 300; ++trial) {
+        Circle c;
+        c.offset = Vector3d(u(rng) * 600 - 300, u(rng) * 600 - 300, u(rng) * 600 - 300);
+        c.down = Vector3d(u(rng) - 0.5, u(rng) - 0.5, u(rng) - 0.5).normalized();
+        c.strength = 62.5 + u(rng) * 100;                   // 25..65 uT
+        c.theta_deg = 20 + u(rng) * 55;                     // dips 15..70 degrees
+        if (u(rng) < 0.3) c.theta_deg = 180 - c.theta_deg;  // southern hemisphere
+        c.arc_deg = 100 + u(rng) * 260;
+        c.wobble_deg = u(rng) * 3;
+        c.slope_deg = u(rng) * 5;  // roads up to 9 %
+        c.hill_deg = u(rng) * 360;
+        c.noise = 0.375 + u(rng) * 0.875;  // 0.15..0.5 uT
+        c.n = 20 + static_cast<int>(u(rng) * 13);
+        const FieldStore s = store_of(c, rng);
+        const Vec3 gsum{int32_t(std::lround(4096 * c.down.x())), int32_t(std::lround(4096 * c.down.y())),
+                        int32_t(std::lround(4096 * c.down.z()))};
+        CircleFit fit;
+        ASSERT_EQ(circle_fit(s, gsum, &fit), FitResult::kOk) << trial;
+        const PlanarReference ref{static_cast<int32_t>(std::lround(c.strength)),
+                                  static_cast<int32_t>(std::lround(c.theta_deg * 100))};
+        PlanarEstimate est;
+        planar_estimate(s, fit, &ref, Vec3{0, 0, 0}, &est);
+        SCOPED_TRACE(::testing::Message() << "trial " << trial << " arc " << c.arc_deg << " theta " << c.theta_deg);
+        ASSERT_NE(est.level, KMXC_SERVICE_UNRELIABLE);
+        const DoubleSolution ds = double_solution(s, c.down, ref.strength, ref.angle_cdeg / 100.0);
+        const Vector3d &d = ds.offset;
+        // The arc about the same centre: within what the offset's rounding (0.9 count)
+        // turns a sample's angle at the circle's radius, and the atan2's resolution.
+        const double radius = ref.strength * std::sin(ref.angle_cdeg * kPi / 18000);
+        EXPECT_NEAR(est.arc_cdeg / 100.0, ds.arc_deg, 2 * 0.9 / radius * 180 / kPi + 0.1);
+        const Vector3d o(est.offset.x, est.offset.y, est.offset.z);
+        // Rounding to counts and the Q14 normal: within 1.2 counts of the double solution.
+        worst = std::max(worst, (o - d).norm());
+        EXPECT_LT((o - d).norm(), 1.2);
+        // Across the axis (what turns the heading), within what noise and the axis'
+        // wobble leave of the truth: the reference's rounding, the noise over the
+        // samples, the wobble's and the hill's lift of the vertical field into the plane
+        // (F cos(theta) times the tilt), once directly and once through the heights the
+        // reference's sphere turns into the centre's place (cot(theta) per unit height),
+        // the centre's errors growing as the arc shortens below half a turn.
+        const Vector3d err = o - c.offset, across = err - err.dot(c.down) * c.down;
+        const double axial = c.strength * std::fabs(std::cos(c.theta_deg * kPi / 180));
+        const double bound = 1.5 + 4 * c.noise / std::sqrt(c.n) * 360 / c.arc_deg +
+                             2 * axial * (c.wobble_deg + c.slope_deg) * kPi / 180 * std::max(1.0, 180 / c.arc_deg);
+        EXPECT_LT(across.norm(), bound);
+        ++checked;
+        medium += est.level == KMXC_SERVICE_MEDIUM;
+        if (c.arc_deg < KMXC_SERVICE_PLANAR_CONFIRM_ARC_CDEG / 100.0 - 360.0 / (c.n - 1) - 2) {
+            EXPECT_EQ(est.level, KMXC_SERVICE_LOW) << "a short arc cannot confirm the radius";
+        }
+    }
+    EXPECT_EQ(checked, 300);
+    EXPECT_GT(medium, 100);
+    RecordProperty("worst_distance_from_double", std::to_string(worst));
+}
+
+// A clean circle (F 120 counts at theta 30 degrees: radius 60) over `arc`, its samples
+// 9 degrees (9.4 counts) or more apart so that the store keeps every one (it refuses
+// samples nearer than kStoreMinDistance) and the arc is the one drawn.
+FieldStore clean(double arc_deg, double theta_deg, double strength = 120) {
+    std::mt19937 rng(7);
+    const int n = std::min(kStoreCapacity, 1 + static_cast<int>(arc_deg / 9));
+    Circle c{Vector3d(40, -30, 20), Vector3d(0.2, -0.9, 0.3).normalized(), strength, theta_deg, arc_deg, 0, 0, n, 0, 0};
+    const FieldStore s = store_of(c, rng);
+    EXPECT_EQ(s.count, n) << "the store keeps every sample of the arc";
+    return s;
+}
+
+TEST(PlanarRules, TheArcAndTheRadiusDecideEachAtItsLimit) {
+    const Vec3 down{int32_t(std::lround(4096 * 0.2 / std::sqrt(0.94))),
+                    int32_t(std::lround(-4096 * 0.9 / std::sqrt(0.94))),
+                    int32_t(std::lround(4096 * 0.3 / std::sqrt(0.94)))};
+    const struct {
+        const char *name;
+        double arc_deg, theta_deg;  // the samples'
+        int32_t ref_theta_cdeg;     // the reference's
+        bool with_ref;
+        int8_t level;
+    } cases[] = {
+        {"a quarter turn and a little: low on the reference", 92, 30, 3000, true, KMXC_SERVICE_LOW},
+        {"just under a quarter turn: refused", 86, 30, 3000, true, KMXC_SERVICE_UNRELIABLE},
+        {"half a turn and a little: the radius confirms, medium", 184, 30, 3000, true, KMXC_SERVICE_MEDIUM},
+        {"just under half a turn: low", 176, 30, 3000, true, KMXC_SERVICE_LOW},
+        {"a full turn, the reference's dip 2.8 degrees off: medium", 350, 30, 3280, true, KMXC_SERVICE_MEDIUM},
+        {"a full turn, the reference's dip 3.4 degrees off: low", 350, 30, 3340, true, KMXC_SERVICE_LOW},
+        {"the other way, 3.4 degrees: low", 350, 30, 2660, true, KMXC_SERVICE_LOW},
+        {"no reference, half a turn and a little: low", 184, 30, 0, false, KMXC_SERVICE_LOW},
+        {"no reference, just under half a turn: refused", 176, 30, 0, false, KMXC_SERVICE_UNRELIABLE},
+    };
+    for (const auto &c : cases) {
+        const FieldStore s = clean(c.arc_deg, c.theta_deg);
+        CircleFit fit;
+        ASSERT_EQ(circle_fit(s, down, &fit), FitResult::kOk) << c.name;
+        const PlanarReference ref{120, c.ref_theta_cdeg};
+        PlanarEstimate est;
+        planar_estimate(s, fit, c.with_ref ? &ref : nullptr, Vec3{40, -30, 20}, &est);
+        EXPECT_EQ(est.level, c.level) << c.name << " (arc " << est.arc_cdeg << ", radius " << fit.radius_q4 << " in "
+                                      << est.radius_low_q4 << ".." << est.radius_high_q4 << ")";
+    }
+}
+
+TEST(PlanarRules, AReferenceCircleThatNoSampleCanLieOnIsRefused) {
+    const FieldStore s = clean(200, 30);
+    CircleFit fit;
+    ASSERT_EQ(circle_fit(s, Vec3{0, -4096, 0}, &fit), FitResult::kOk);
+    Vec3 o{1, 2, 3};
+    int32_t arc = -1;
+    // A reference field along gravity: its circle is a point, and the samples (60 counts
+    // from their axis, about half of them a little above their plane) have no place on its
+    // sphere. Refused, offset and arc untouched.
+    EXPECT_FALSE(planar_offset_from_reference(s, fit, PlanarReference{120, 0}, &o, &arc));
+    EXPECT_EQ(o.x, 1);
+    EXPECT_EQ(arc, -1);
+    EXPECT_TRUE(planar_offset_from_reference(s, fit, PlanarReference{120, 3000}, &o, &arc));
+    EXPECT_NEAR(o.x, 40, 1);
+    EXPECT_NEAR(o.y, -30, 1);
+    EXPECT_NEAR(o.z, 20, 1);
+}
+
+// ---- The kit's rules: steady tilt, the dip's angle, its persistence -----------------------
+
+void start_kit(uint32_t rate_hz) {
+    g_state = State{};
+    g_state.rate_hz = rate_hz;
+}
+
+// Gravity of 1 g tilted by `deg` from straight down (about x).
+Vec3 tilted(double deg) {
+    return Vec3{0, int32_t(std::lround(4096 * std::sin(deg * kPi / 180))),
+                int32_t(std::lround(-4096 * std::cos(deg * kPi / 180)))};
+}
+
+TEST(KitTilt, GravityIsSteadyWithinItsAngleOfTheRunningMeanAndWithinTheLengthBand) {
+    const struct {
+        const char *name;
+        double jump_deg;  // a sample this far from a long-held gravity
+        double scale;     // and this long (1: 1 g)
+        bool steady;
+    } cases[] = {
+        {"unchanged", 0, 1, true},
+        {"2.9 degrees off", 2.9, 1, true},
+        {"3.1 degrees off", 3.1, 1, false},
+        {"unchanged but 7 % long", 0, 1.07, false},
+        {"unchanged, 5 % long", 0, 1.05, true},
+    };
+    for (const auto &c : cases) {
+        start_kit(10);
+        for (int i = 0; i < 50; ++i) track_tilt(tilted(0));
+        Vec3 g = tilted(c.jump_deg);
+        g = Vec3{int32_t(std::lround(g.x * c.scale)), int32_t(std::lround(g.y * c.scale)),
+                 int32_t(std::lround(g.z * c.scale))};
+        track_tilt(g);
+        EXPECT_EQ(g_state.tilt_steady, c.steady) << c.name;
+    }
+    // A tilt held steady becomes the mean: steady again after a few time constants.
+    start_kit(10);
+    for (int i = 0; i < 50; ++i) track_tilt(tilted(0));
+    track_tilt(tilted(10));
+    EXPECT_FALSE(g_state.tilt_steady);
+    for (int i = 0; i < 30; ++i) track_tilt(tilted(10));
+    EXPECT_TRUE(g_state.tilt_steady);
+}
+
+// The kit trusting an offset whose reference angle between field and gravity is
+// `cdeg` (3000: a 60-degree dip), strength 120 counts.
+void trusted_at(int32_t cdeg) {
+    start_kit(10);
+    g_state.offset_trusted = true;
+    g_state.base_accuracy = KMXC_SERVICE_HIGH;
+    g_state.reference = true;
+    g_state.ref_strength = 120;
+    g_state.ref_dip_valid = true;
+    g_state.reference_known = true;
+    g_state.reference_strength_counts = 120;
+    g_state.reference_dip_cdeg = 9000 - cdeg;
+    trust_planar(KMXC_SERVICE_MEDIUM);  // sets the angle's bounds from the 3-D reference
+    g_state.base_accuracy = KMXC_SERVICE_HIGH;
+    g_state.tilt_steady = true;
+}
+
+int32_t dip_permille(double deg) { return static_cast<int32_t>(1000 * std::cos(deg * kPi / 180)); }
+
+TEST(KitDip, TheDipIsJudgedAsAnAngleSixDegreesEitherWayAtAnyDip) {
+    static_assert(KMXC_SERVICE_DIP_TOLERANCE_CDEG == 600);
+    const struct {
+        const char *name;
+        double angle_deg;
+        bool anomaly;
+    } cases[] = {
+        {"5.8 degrees steeper", 24.2, false},
+        {"6.3 degrees steeper", 23.7, true},
+        {"5.8 degrees flatter", 35.8, false},
+        {"6.3 degrees flatter", 36.3, true},
+    };
+    for (const auto &c : cases) {
+        trusted_at(3000);
+        const uint8_t causes = anomaly_of(Vec3{0, 0, -4096}, 120, dip_permille(c.angle_deg));
+        EXPECT_EQ((causes & KMXC_SERVICE_ANOMALY_DIP) != 0, c.anomaly) << c.name;
+    }
+    // At a steep field (an 84-degree dip: 6 degrees from gravity) the cosine moves by 0.005
+    // for 6 degrees, 0.12 of it would hide a whole 20: the angle still tells.
+    trusted_at(600);
+    EXPECT_EQ(anomaly_of(Vec3{0, 0, -4096}, 120, dip_permille(11)) & KMXC_SERVICE_ANOMALY_DIP, 0);
+    EXPECT_NE(anomaly_of(Vec3{0, 0, -4096}, 120, dip_permille(13)) & KMXC_SERVICE_ANOMALY_DIP, 0);
+}
+
+TEST(KitDip, AnAccelerationsDipHoldsTheAccuracyDownButNeverTakesTheTrust) {
+    const struct {
+        const char *name;
+        bool tilt_steady;
+        uint8_t causes;
+        double for_s;
+        bool demoted;
+    } cases[] = {
+        {"strength off for 5 s: a new surrounding", true, KMXC_SERVICE_ANOMALY_STRENGTH, 5.05, true},
+        {"strength off for 4.9 s: kept", true, KMXC_SERVICE_ANOMALY_STRENGTH, 4.9, false},
+        {"dip off in steady tilt for 29.9 s: kept", true, KMXC_SERVICE_ANOMALY_DIP, 29.9, false},
+        {"dip off in steady tilt for 30 s: a new surrounding", true, KMXC_SERVICE_ANOMALY_DIP, 30.05, true},
+        {"dip off while accelerating for 60 s: kept", false, KMXC_SERVICE_ANOMALY_DIP, 60, false},
+    };
+    for (const auto &c : cases) {
+        trusted_at(3000);
+        g_state.tilt_steady = c.tilt_steady;
+        KmxcServiceEvent e{};
+        const int64_t step = 100000000;  // 10 Hz
+        int64_t t = 1000000000;
+        int8_t acc = 0;
+        for (; t <= 1000000000 + static_cast<int64_t>(c.for_s * 1e9); t += step) {
+            note_anomaly(c.causes, t, &e);
+            acc = accuracy_now(t);
+        }
+        EXPECT_EQ(g_state.demoted, c.demoted) << c.name;
+        EXPECT_EQ(acc, KMXC_SERVICE_LOW) << c.name;
+    }
+}
+
+}  // namespace
