@@ -41,12 +41,7 @@ spread() { # COUNT N
 
 # The phones before the sweep: new, calibrated, and calibrated with an offset 5 counts
 # off (a handling that corrects it saves).
-mkdir fresh
-cp -a fresh stored
-run --sandbox stored --scenario default >/dev/null || fail "the calibrating run failed"
-cp -a stored stale
-IFS=, read -r -a f <"stored/$cfg" || true  # one line, no line end
-echo -n "${f[0]},${f[1]},${f[2]},${f[3]},${f[4]},${f[5]},$((f[6] + 5)),${f[7]},${f[8]}" >"stale/$cfg"
+make_phones
 
 runs=0 failed_saves=0 nonzero=0 summary=""
 sweep_case() { # NAME SCENARIO BASE KINDS

@@ -37,12 +37,7 @@ pair() { IFS=, read -r -a f <<<"$1"; echo "${f[0]},${f[1]},${f[2]},${f[6]},${f[7
 kit_pair() { IFS=, read -r -a f <<<"$1"; echo "${f[1]},${f[2]},${f[3]},${f[4]},${f[5]},${f[6]}"; }
 
 # The calibrated phone of the restart cases, and the same with its offset 5 counts off.
-mkdir fresh
-cp -a fresh stored
-run --sandbox stored --scenario default >/dev/null || fail "the calibrating run failed"
-cp -a stored stale
-IFS=, read -r -a f <"stored/$cfg" || true  # one line, no line end
-echo -n "${f[0]},${f[1]},${f[2]},${f[3]},${f[4]},${f[5]},$((f[6] + 5)),${f[7]},${f[8]}" >"stale/$cfg"
+make_phones
 
 total_cuts=0 total_runs=0
 sweep_case() { # NAME SCENARIO BASE_DIR

@@ -1,6 +1,7 @@
-# What the sweeps read back after each run (sourced by fault_sweep.sh and
-# power_cut_sweep.sh): the two files' records and whether each is whole, as the kit
-# writes them. Relative paths, run from the sweep's scratch directory.
+# What the sweeps share (sourced by fault_sweep.sh and power_cut_sweep.sh): the two
+# files' records read back after each run and whether each is whole, as the kit writes
+# them, and the phones they start from. Relative paths: run from the sweep's scratch
+# directory.
 cfg=misc/sensor/kmxc_orvane.cfg kit=misc/sensor/kmxc_orvane-kit.cfg
 
 record() { if [ -f "$1/$cfg" ]; then cat "$1/$cfg"; else echo "<none>"; fi; }
@@ -20,3 +21,16 @@ whole() {
 }
 # The kit's line: version 1 and 18 integers, or "<none>".
 kit_whole() { [ "$1" = "<none>" ] || [[ $1 =~ ^1(,-?[0-9]+){18}$ ]]; }
+
+# The phones the sweeps start from, in the current directory: fresh (new), stored
+# (calibrated by a default run) and stale (the same with its offset 5 counts off, which
+# a handling that corrects it saves). Uses the caller's run and fail.
+make_phones() {
+  mkdir fresh
+  cp -a fresh stored
+  run --sandbox stored --scenario default >/dev/null || fail "the calibrating run failed"
+  cp -a stored stale
+  local -a f
+  IFS=, read -r -a f <"stored/$cfg" || true  # one line, no line end
+  echo -n "${f[0]},${f[1]},${f[2]},${f[3]},${f[4]},${f[5]},$((f[6] + 5)),${f[7]},${f[8]}" >"stale/$cfg"
+}
