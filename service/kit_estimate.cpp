@@ -29,6 +29,16 @@ constexpr int64_t kExpectedResidualSqQ8 = int64_t{KMXC_SERVICE_MAG_NOISE_CENTI_U
                                               (1 << kQ8) / (kCentiUtPerCount * kCentiUtPerCount) +
                                           (1 << kQ8) / 12;
 
+// What does not average out over a fit's samples: the chip's offset wanders as its
+// temperature changes (the library's drift correction rounds to whole counts: a count
+// either way within a degree), so samples taken at temperatures a degree or more apart
+// disagree by up to a count whatever their number. The wander b grows with the store's
+// span of raw temperature (4 per degree) up to kWanderMaxRaw, where it is a count; each
+// sample's error variance carries it once more per sample, which bounds what many
+// samples on a thin band (a phone in a mount for minutes, tilted by the road alone) can
+// tell along the band's axis.
+constexpr int32_t kWanderMaxRaw = 4;
+
 // The prior every estimate's covariance carries: each axis of the offset known to 50
 // counts (20 uT) before any sample. An offset error that large turns the heading by 45
 // degrees or more in any Earth field, so a direction no sample determines stays far
@@ -94,9 +104,10 @@ const FieldStore &library_view(const FieldStore &in, const SoftIron &soft, Field
 // direction spanned by noise alone is no information. Sums about the first sample: with
 // |u - u0| <= 2^11 (any Earth field's sphere), n C stays below 2^33 per entry. False
 // when the solve refuses.
-bool covariance_of(const Vec3 *u, int n, int32_t radius, int64_t var_q8, OffsetCovariance *out) {
-    out->valid = false;
-    if (n < 2 || radius <= 0) return false;
+// n C, C the n samples' scatter about their mean (upper triangle: xx, xy, xz, yy, yz,
+// zz), from sums about the first sample: with |u - u0| <= 2^11 (any Earth field's
+// sphere), n C stays below 2^33 per entry.
+void scatter_of(const Vec3 *u, int n, int64_t m[6]) {
     int64_t s[3] = {0, 0, 0}, uu[6] = {0, 0, 0, 0, 0, 0};
     for (int i = 0; i < n; ++i) {
         const Vec3 d = minus(u[i], u[0]);
@@ -104,13 +115,19 @@ bool covariance_of(const Vec3 *u, int n, int32_t radius, int64_t var_q8, OffsetC
         uu[0] += int64_t{d.x} * d.x, uu[1] += int64_t{d.x} * d.y, uu[2] += int64_t{d.x} * d.z;
         uu[3] += int64_t{d.y} * d.y, uu[4] += int64_t{d.y} * d.z, uu[5] += int64_t{d.z} * d.z;
     }
+    constexpr int kRow[6] = {0, 0, 0, 1, 1, 2}, kCol[6] = {0, 1, 2, 1, 2, 2};
+    for (int k = 0; k < 6; ++k) m[k] = n * uu[k] - s[kRow[k]] * s[kCol[k]];
+}
+
+bool covariance_of(const Vec3 *u, int n, int32_t radius, int64_t var_q8, OffsetCovariance *out) {
+    out->valid = false;
+    if (n < 2 || radius <= 0) return false;
     // K: R^2 below 2^17 (an Earth field's strength), var_q8 below 2^20 (the fits refuse
     // a residual of 8 % of the strength, 17 counts at most), n up to 32: below 2^42.
     const int64_t k_q8 = int64_t{n} * radius * radius * var_q8;
     const int64_t prior = k_q8 / (kPriorVarianceCounts2 << kQ8) + 1;  // n R^2 s^2 / s0^2, rounded up
-    constexpr int kRow[6] = {0, 0, 0, 1, 1, 2}, kCol[6] = {0, 1, 2, 1, 2, 2};
     int64_t m[6];
-    for (int k = 0; k < 6; ++k) m[k] = n * uu[k] - s[kRow[k]] * s[kCol[k]];
+    scatter_of(u, n, m);
     int64_t lambda[3];
     sym3_eigenvalues(m, lambda);
     int64_t noise = (int64_t{n} * n * kExpectedResidualSqQ8) >> kQ8;
@@ -134,12 +151,29 @@ bool covariance_of(const Vec3 *u, int n, int32_t radius, int64_t var_q8, OffsetC
     return true;
 }
 
-// The strengths' variance a fit leaves with `unknowns` fitted from n samples: the
-// residual's sum of squares over n - unknowns, never below what noise and rounding
-// explain. spread_q8: sum of squared strength deviations, 1/256 count^2.
-int64_t residual_variance_q8(int64_t spread_q8, int n, int unknowns) {
+void note_temperature(int16_t raw) {
+    Estimators &s = est();
+    if (!s.temp_known || raw < s.temp_low) s.temp_low = raw;
+    if (!s.temp_known || raw > s.temp_high) s.temp_high = raw;
+    s.temp_known = true;
+}
+
+// The wander's square b^2 over the store's temperature span, 1/256 count^2.
+int64_t store_wander_sq_q8() {
+    const Estimators &s = est();
+    if (!s.temp_known) return 0;
+    const int32_t span = s.temp_high - s.temp_low < kWanderMaxRaw ? s.temp_high - s.temp_low : kWanderMaxRaw;
+    return (int64_t{span} * span << kQ8) / (kWanderMaxRaw * kWanderMaxRaw);
+}
+
+// The error variance per sample that a fit of `unknowns` from n samples leaves its
+// offset: the residual's sum of squares over n - unknowns, never below what noise and
+// rounding explain, plus n times the wander's square (P = R^2 (s^2 / n + b^2) (C / n)^-1:
+// the wander's share does not shrink as samples are added). spread_q8: sum of squared
+// strength deviations, 1/256 count^2.
+int64_t residual_variance_q8(int64_t spread_q8, int n, int unknowns, int64_t wander_sq_q8) {
     const int64_t v = n > unknowns ? spread_q8 / (n - unknowns) : spread_q8;
-    return v > kExpectedResidualSqQ8 ? v : kExpectedResidualSqQ8;
+    return (v > kExpectedResidualSqQ8 ? v : kExpectedResidualSqQ8) + n * wander_sq_q8;
 }
 
 // The offset's error variance in the plane across gravity g (the part that can turn a
@@ -292,7 +326,7 @@ void judge_sphere(const Vec3 &g, KmxcServiceEvent *e) {
     corrected_samples(s.store, soft, u);
     const int32_t radius = fit.radius_q4 >> kQ4;
     OffsetCovariance p;
-    if (!covariance_of(u, n, radius, residual_variance_q8(fit.residual.spread_q8, n, 4), &p)) return;
+    if (!covariance_of(u, n, radius, residual_variance_q8(fit.residual.spread_q8, n, 4, store_wander_sq_q8()), &p)) return;
     // Every direction must be the samples' more than the prior's (its variance at most a
     // quarter of the prior's: three times the prior's information): a set of samples
     // that leaves a direction to the prior (a phone only ever turned flat) confirms no
@@ -336,7 +370,7 @@ void judge_ellipsoid(const Vec3 &g, KmxcServiceEvent *e) {
     OffsetCovariance p;
     // Nine unknowns: the offset, W's five and the strength. W's own error is left out:
     // where the store cannot tell it, the ridge holds W at the sphere's.
-    if (!covariance_of(u, n, fit.radius_q4 >> kQ4, residual_variance_q8(fit.residual.spread_q8, n, 9), &p)) return;
+    if (!covariance_of(u, n, fit.radius_q4 >> kQ4, residual_variance_q8(fit.residual.spread_q8, n, 9, store_wander_sq_q8()), &p)) return;
     if (take(true, fit.offset, ring_of(soft, axes(fit.offset)), p, g) == Take::kNo) return;
     s.cov = p;
     g_state.soft_iron = soft;
@@ -359,7 +393,7 @@ bool ring_covariance(const KmxAxesData &o, int n, int unknowns, OffsetCovariance
     const Agreement a = agreement(g_state.soft_iron, o, n, false);
     Vec3 u[KMXC_SERVICE_FEED_HISTORY];
     ring_samples(n, u);
-    return covariance_of(u, n, a.mean, residual_variance_q8(a.spread << (2 * kQ4), n, unknowns), p);
+    return covariance_of(u, n, a.mean, residual_variance_q8(a.spread << (2 * kQ4), n, unknowns, 0), p);
 }
 
 }  // namespace
@@ -370,6 +404,7 @@ void store_clear() {
     s.joined = 0;
     s.coverage = 0;
     s.sphere_pending = s.ellipsoid_due = s.ellipsoid_pending = false;
+    s.temp_known = false;
 }
 
 bool library_fit_preferred(const KmxAxesData &o, const Vec3 &g) {
@@ -434,7 +469,10 @@ void store_cycle(const Vec3 &m, const Vec3 &g, bool fit_allowed, int64_t now, Km
         const Vec3 centre = vec(o);
         const bool judged = g_state.offset_trusted && !s.reference_stale;
         const Offer r = field_store_offer(&s.store, m, g, judged ? &centre : nullptr, causes != 0, gravity_steady(g));
-        if ((r == Offer::kJoined || r == Offer::kJoinedReplacing) && s.joined < UINT8_MAX) ++s.joined;
+        if (r == Offer::kJoined || r == Offer::kJoinedReplacing) {
+            if (s.joined < UINT8_MAX) ++s.joined;
+            note_temperature(e->raw_temperature);
+        }
     }
     if (planar_cycle(fit_allowed, e)) return;  // the mounted phone's estimator (kit_planar.cpp) took the fit
     if (!fit_allowed) return;

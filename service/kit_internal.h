@@ -13,6 +13,7 @@
 #include "service/ellipsoid_fit.h"
 #include "service/field_store.h"
 #include "service/kit_geometry.h"
+#include "service/kit_mount.h"
 #include "service/kit_store.h"
 #include "service/kmxc_service.h"
 #include "service/sphere_fit.h"
@@ -72,6 +73,10 @@ struct Estimators {
     uint8_t coverage;        // cells of the store about the offset in use, at the last fit
     bool reference_stale;    // a persisting anomaly cleared the store: only range verdicts count
     bool anomaly_cleared;    // ... and this anomaly episode has done so
+    // The chip's raw temperatures of the samples joined since the store was last emptied
+    // (bounds of the kept ones'), valid when temp_known.
+    bool temp_known;
+    int16_t temp_low, temp_high;
 };
 
 // The planar estimator's state (kit_planar.cpp): a circle fit of the store waiting for
@@ -140,6 +145,7 @@ struct State {
     bool demoted;              // a persisting anomaly took the trust from the offset in use
     int restore_count;         // fed samples since the demotion's last anomaly
     Planar planar;
+    MountGravity mount_gravity;  // the mounted phone's gravity (kit_mount.h)
 };
 
 extern State g_state;

@@ -151,7 +151,7 @@ void planar_estimate(const FieldStore &store, const CircleFit &fit, const Planar
     // arc can wrap its few samples half way round itself).
     if (ref == nullptr) {
         out->arc_cdeg = planar_arc_cdeg(store, fit);
-        if (out->arc_cdeg < KMXC_SERVICE_PLANAR_CONFIRM_ARC_CDEG) return;
+        if (out->arc_cdeg < KMXC_SERVICE_PLANAR_MIN_ARC_CDEG) return;
         out->offset = circle_offset_from_prior(fit, prior);
     } else if (!planar_offset_from_reference(store, fit, *ref, &out->offset, &out->arc_cdeg) ||
                out->arc_cdeg < KMXC_SERVICE_PLANAR_MIN_ARC_CDEG) {

@@ -29,9 +29,9 @@
 // bias alone would give, so the normal is used at every size.
 //
 // Verdict (planar_estimate): refused (level KMXC_SERVICE_UNRELIABLE) below
-// KMXC_SERVICE_PLANAR_MIN_ARC_CDEG, or when the reference circle's offset leaves the
-// store's strengths spread beyond KMXC_SERVICE_FIT_MEDIUM_PERMILLE or out of the Earth's
-// range, or (no reference) below KMXC_SERVICE_PLANAR_CONFIRM_ARC_CDEG; medium from
+// KMXC_SERVICE_PLANAR_MIN_ARC_CDEG, or when the offset leaves the store's strengths
+// spread beyond KMXC_SERVICE_FIT_MEDIUM_PERMILLE or out of the Earth's range; low without
+// a reference; with one, medium from
 // KMXC_SERVICE_PLANAR_CONFIRM_ARC_CDEG when the circle's own radius lies within
 // F sin(theta +- KMXC_SERVICE_PLANAR_DIP_TOLERANCE_CDEG) (both references agree); else
 // low. Never high: nothing but the references confirms the axial component.

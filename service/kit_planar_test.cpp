@@ -209,8 +209,9 @@ TEST(PlanarRules, TheArcAndTheRadiusDecideEachAtItsLimit) {
         {"a full turn, the reference's dip 2.8 degrees off: medium", 350, 30, 3280, true, KMXC_SERVICE_MEDIUM},
         {"a full turn, the reference's dip 3.4 degrees off: low", 350, 30, 3340, true, KMXC_SERVICE_LOW},
         {"the other way, 3.4 degrees: low", 350, 30, 2660, true, KMXC_SERVICE_LOW},
-        {"no reference, half a turn and a little: low", 184, 30, 0, false, KMXC_SERVICE_LOW},
-        {"no reference, just under half a turn: refused", 176, 30, 0, false, KMXC_SERVICE_UNRELIABLE},
+        {"no reference, a quarter turn and a little: low", 92, 30, 0, false, KMXC_SERVICE_LOW},
+        {"no reference, just under a quarter turn: refused", 86, 30, 0, false, KMXC_SERVICE_UNRELIABLE},
+        {"no reference, half a turn and a little: still low", 184, 30, 0, false, KMXC_SERVICE_LOW},
     };
     for (const auto &c : cases) {
         const FieldStore s = clean(c.arc_deg, c.theta_deg);

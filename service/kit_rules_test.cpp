@@ -200,7 +200,8 @@ TEST_F(Kit, FirstFitComesInTimeAtEveryRateAndOnlyThenAreHeadingsTrusted) {
 // Lying still, only the first sample passes the feed gate; turned flat only, every
 // library fit is a plane's with its normal along z, and the kit's circle (no reference
 // strength and dip: a fresh phone) keeps the axial offset it started from. Both leave
-// the z offset where it started; neither is trusted (the circle gives low accuracy at
+// the z offset where it started (within 2 counts: a circle fitted on a quarter turn
+// tilts its normal a little, and the axial offset is taken along it); neither is trusted (the circle gives low accuracy at
 // most), and no magnetic offset is saved.
 TEST_F(Kit, WithoutAThreeDimensionalFitNothingIsTrustedOrSaved) {
     for (const char *name : {"still", "planar"}) {
@@ -217,7 +218,7 @@ TEST_F(Kit, WithoutAThreeDimensionalFitNothingIsTrustedOrSaved) {
                     EXPECT_EQ(e.calib_result, KMXC_CALIB_PLANE_Z) << e.timestamp_ns;
                 }
             }
-            EXPECT_LE(std::abs(e.offset[2]), 1) << e.timestamp_ns;
+            EXPECT_LE(std::abs(e.offset[2]), 2) << e.timestamp_ns;
             EXPECT_LE(e.accuracy, std::string(name) == "still" ? KMXC_SERVICE_UNRELIABLE : KMXC_SERVICE_LOW)
                 << e.timestamp_ns;
         }
@@ -375,3 +376,26 @@ TEST_F(Kit, NoIntegerHeadingUntilTheSmootherHasHistory) {
 }
 
 }  // namespace
+
+// In a car's mount the attitude takes the mount's mean gravity while the phone turns on
+// its circle: the heading then holds through braking and cornering (0.4 g tilts the
+// measured gravity by up to 22 degrees, several times the heading at a 60-degree dip).
+// Over the drive's samples that took it, the double path's azimuth stays within 5
+// degrees RMS of the truth, where the measured gravity leaves about 9.
+TEST_F(Kit, AMountedPhonesAttitudeTakesTheMountsMeanGravity) {
+    vphone::remove_file(kCfg);
+    const Trace r = run(scenario("car-fresh"), 10);
+    double sq = 0;
+    int n = 0;
+    for (size_t i = 0; i < r.events.size(); ++i) {
+        const KmxcServiceEvent &e = r.events[i];
+        if ((e.flags & KMXC_SERVICE_MOUNT_GRAVITY) == 0 || (e.flags & KMXC_SERVICE_ORIENTATION_VALID) == 0) continue;
+        const auto &a = r.truths[i].attitude;  // rows: east, north, up in phone axes
+        const double truth = std::atan2(a[0][1] - a[1][0], a[0][0] + a[1][1]) * 180 / M_PI;
+        const double d = std::remainder(e.orientation_deg[0] - truth, 360.0);
+        sq += d * d;
+        ++n;
+    }
+    EXPECT_GT(n, 2000) << "most of the drive after the first planar estimate";
+    EXPECT_LT(std::sqrt(sq / std::max(n, 1)), 5.0);
+}

@@ -238,13 +238,14 @@ extern "C" {
  * degrees (road slopes up to 5, a body's roll in a turn, noise) about its mean. */
 #define KMXC_SERVICE_PLANAR_FLATNESS 8
 /* Least arc of the circle its samples cover (centidegrees, 360 less the widest gap
- * between neighbours about the fitted centre) for an offset from the reference circle:
- * over a quarter turn the reference's radius pins the centre (its error moves the centre
- * by about the radius' error); below, the centre slides along the arc. */
+ * between neighbours about the fitted centre) for a planar offset: over a quarter turn
+ * the reference's radius pins the centre (its error moves the centre by about the
+ * radius' error), and without a reference the free circle's own curvature places it
+ * within a few counts on a mount's wobble, what a low accuracy allows (a drive's turns
+ * to and fro may cover little more for minutes); below, the centre slides along the arc. */
 #define KMXC_SERVICE_PLANAR_MIN_ARC_CDEG 9000
-/* Least arc for a confirmed (medium) planar estimate, and for one without a reference:
- * from half a turn the samples determine the circle's radius themselves, so it can be
- * checked against the references (and the centre needs no reference across the axis). */
+/* Least arc for a confirmed (medium) planar estimate: from half a turn the samples
+ * determine the circle's radius themselves, so it can be checked against the references. */
 #define KMXC_SERVICE_PLANAR_CONFIRM_ARC_CDEG 18000
 /* The circle's own radius must match the reference circle's, strength x sin(angle
  * between field and gravity), within this change of the angle (centidegrees): the
@@ -346,6 +347,9 @@ extern "C" {
 #define KMXC_SERVICE_ORIENTATION_VALID 0x0400 /* orientation_deg and rotation_vector hold values */
 #define KMXC_SERVICE_SAVE_LOCKED 0x0800       /* the save found another service saving (with SAVE_FAILED) */
 #define KMXC_SERVICE_KIT_ESTIMATE 0x1000      /* the new offset (and soft iron) is the kit's own */
+#define KMXC_SERVICE_MOUNT_GRAVITY 0x2000     /* the attitude took the mount's mean gravity, not this
+                                                 sample's (a vehicle's accelerations left out);
+                                                 acceleration_ms2 and gravity_counts stay measured */
 
 /* Estimators (event.estimator): where the offset in use comes from. */
 #define KMXC_SERVICE_ESTIMATOR_NONE 0         /* no offset yet (or only a planar one moved it) */

@@ -114,7 +114,10 @@ TEST(CompassService, SecondRunWithTheSameSandboxStartsFromTheStoredOffsets) {
 }
 
 // A scenario that starts with no stored offset empties the sandbox as --fresh does; the
-// car scenarios' summaries say when the phone was mounted.
+// car scenarios' summaries say when the phone was mounted. In the mount from the start,
+// nothing confirms the field's strength and dip: the phone never reaches medium or high
+// (a sphere fitted to the thin band the road's slopes give places the offset along the
+// axis no better than the chip's temperature wander allows).
 TEST(CompassService, CarFreshStartsWithoutTheStoredOffsetAndTheSummaryNamesTheMounting) {
     const std::string d = dir_for("car");
     ASSERT_EQ(run(d, {"--fresh", "--sandbox", d + "/phone", "--quiet"}).exit_code, 0);
@@ -126,6 +129,7 @@ TEST(CompassService, CarFreshStartsWithoutTheStoredOffsetAndTheSummaryNamesTheMo
         if (std::string(scenario) == "car-fresh") {
             EXPECT_NE(r.out.find("no stored magnetic offset"), std::string::npos) << r.out;
             EXPECT_NE(json.find("\"mounted_s\": 0.000,"), std::string::npos) << json;
+            EXPECT_NE(json.find("\"medium\": 0.000, \"high\": 0.000}"), std::string::npos) << json;
         } else {
             EXPECT_NE(json.find("\"mounted_s\": 17.000,"), std::string::npos) << json;
         }
