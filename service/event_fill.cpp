@@ -54,11 +54,12 @@ void quaternion_of(const double m[9], float q[4]) {
 
 }  // namespace
 
-void kmxc_service_fill_floats(const KmxAxesData *ms, const KmxAxesData *gs, const KmxAxesData *offset,
-                              KmxcServiceEvent *e) {
+void kmxc_service_fill_floats(const KmxAxesData *ms, const KmxAxesData *gs, const KmxAxesData *attitude_gs,
+                              const KmxAxesData *offset, KmxcServiceEvent *e) {
     const int32_t m[3] = {ms->x, ms->y, ms->z}, o[3] = {offset->x, offset->y, offset->z};
-    double gravity[3], field[3], matrix[9], euler[3] = {0, 0, 0};
+    double gravity[3], attitude[3], field[3], matrix[9], euler[3] = {0, 0, 0};
     KmxAxesLibGetGravityEarth(gs, gravity);
+    KmxAxesLibGetGravityEarth(attitude_gs, attitude);
     KmxAxesLibGetMagneticT(ms, field);
     for (int k = 0; k < 3; ++k) {
         e->uncalibrated_uT[k] = static_cast<float>(m[k]) * kMicroteslaPerCount;
@@ -68,7 +69,7 @@ void kmxc_service_fill_floats(const KmxAxesData *ms, const KmxAxesData *gs, cons
         // reads +9.81 m/s^2 on z for a phone lying face up.
         e->acceleration_ms2[k] = static_cast<float>(-gravity[k]);
     }
-    if (KmxAxesLibGetRotationMatrix(gravity, field, matrix) == 0 && KmxAxesLibGetEuler(matrix, euler) == 0) {
+    if (KmxAxesLibGetRotationMatrix(attitude, field, matrix) == 0 && KmxAxesLibGetEuler(matrix, euler) == 0) {
         for (int k = 0; k < 3; ++k) e->orientation_deg[k] = whole_degrees(euler[k]);
         quaternion_of(matrix, e->rotation_vector);
         e->flags |= KMXC_SERVICE_ORIENTATION_VALID;

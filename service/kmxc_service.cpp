@@ -202,7 +202,19 @@ void judge_field(const Vec3 &m, const Vec3 &g, const KmxAxesData &offset, int64_
     judge_anomaly(g, strength, dip, offset, now, e);
 }
 
-// 4d. Attitude, integer path: the heading after the smoother's warm-up. (The double
+// 4d. The gravity the attitude takes: the mount's mean while the phone turns in its
+// mount (the planar estimate in use, the sample c, as the library sees it, on the
+// circle's plane) and the measured g lies near that mean (kit_mount.h); else g.
+Vec3 attitude_gravity(const Vec3 &c, const Vec3 &g, KmxcServiceEvent *e) {
+    const MountGravity &mg = g_state.mount_gravity;
+    if (g_state.estimator != KMXC_SERVICE_ESTIMATOR_PLANAR || !on_mount_circle(g_state.planar.circle, c) ||
+        !mount_gravity_near(mg, g))
+        return g;
+    e->flags |= KMXC_SERVICE_MOUNT_GRAVITY;
+    return mount_gravity_mean(mg);
+}
+
+// 4e. Attitude, integer path: the heading after the smoother's warm-up. (The double
 // path's attitude comes with the float fields.)
 void integer_heading(const KmxAxesData &mag, const KmxAxesData &gravity, KmxcServiceEvent *e) {
     KmxAxesAttitude attitude;
@@ -312,12 +324,14 @@ int32_t kmxc_service_cycle(int64_t now, KmxcServiceEvent *e) {
     e->calib_residual = KMXC_CALIB_NO_RESIDUAL;
 
     KmxAxesData mag = KmxAxesData_Constructor, gravity = KmxAxesData_Constructor;
+    Vec3 attitude_g{};  // the gravity the attitude takes
     if (measure(&mag, &gravity, e)) {
         const Vec3 m{mag.x, mag.y, mag.z}, g{gravity.x, gravity.y, gravity.z};
         const Vec3 c = corrected(g_state.soft_iron, m);  // what the library sees
         mag = KmxAxesData{c.x, c.y, c.z};
         e->mag_counts[0] = c.x, e->mag_counts[1] = c.y, e->mag_counts[2] = c.z;
         track_tilt(g);
+        mount_gravity_track(&g_state.mount_gravity, g, g_state.tilt_steady, g_state.rate_hz);
         feed_calibration(&mag, m, g, e);
         KmxAxesData offset;
         KmxAxesLibGetMsOffset(&offset);
@@ -331,16 +345,17 @@ int32_t kmxc_service_cycle(int64_t now, KmxcServiceEvent *e) {
         store_cycle(m, g, (e->flags & KMXC_SERVICE_FED) == 0, now, e);
         save_when_due(now, e);
         KmxAxesLibGetMsOffset(&offset);
-        integer_heading(mag, gravity, e);
+        attitude_g = attitude_gravity(c, g, e);
+        const KmxAxesData attitude{attitude_g.x, attitude_g.y, attitude_g.z};
+        integer_heading(mag, attitude, e);
         e->offset[0] = offset.x, e->offset[1] = offset.y, e->offset[2] = offset.z;
-        kmxc_service_fill_floats(&mag, &gravity, &offset, e);
+        kmxc_service_fill_floats(&mag, &gravity, &attitude, &offset, e);
     }
     e->accuracy = accuracy_now(now);
     // The heading's uncertainty at this attitude caps whatever the other rules allow.
     if ((e->flags & KMXC_SERVICE_MEASURED) != 0 && e->accuracy > KMXC_SERVICE_UNRELIABLE) {
         const Vec3 v{e->mag_counts[0] - e->offset[0], e->mag_counts[1] - e->offset[1], e->mag_counts[2] - e->offset[2]};
-        const Vec3 g{e->gravity_counts[0], e->gravity_counts[1], e->gravity_counts[2]};
-        const int8_t cap = heading_accuracy_cap(v, g);
+        const int8_t cap = heading_accuracy_cap(v, attitude_g);
         if (cap < e->accuracy) e->accuracy = cap;
     }
     // An unconfirmed offset is worth low accuracy only while the field it gives is one

@@ -1,0 +1,47 @@
+// The mounted phone's gravity (kit_mount.h). Integer arithmetic only.
+#include "service/kit_mount.h"
+
+#include "service/kit_angle.h"
+#include "service/kmxc_service.h"
+
+namespace kmxc_kit {
+
+void mount_gravity_reset(MountGravity *mg) { *mg = MountGravity{{0, 0, 0}, 0}; }
+
+bool mount_gravity_near(const MountGravity &mg, const Vec3 &g) {
+    if (mg.n == 0) return false;
+    const Vec3 m = mount_gravity_mean(mg);
+    // cos(angle) >= cos(limit): d > 0 and d^2 >= cos^2 |g|^2 |m|^2. An accelerometer's
+    // counts stay within 2^14 (4 g): d^2 below 2^58, |g|^2 |m|^2 below 2^58 and taken to
+    // 2^-28 before the Q28 cosine's square.
+    const int64_t d = dot(g, m);
+    if (d <= 0) return false;
+    const int64_t c = cos_q14(kMountGravityNearCdeg);
+    return d * d >= ((dot(g, g) * dot(m, m)) >> 28) * (c * c);
+}
+
+void mount_gravity_track(MountGravity *mg, const Vec3 &g, bool steady, uint32_t rate_hz) {
+    if (steady && mg->n > 0 && !mount_gravity_near(*mg, g)) mount_gravity_reset(mg);
+    const int64_t window = int64_t{rate_hz > 0 ? rate_hz : 1} * kMountGravityWindowMs / 1000;
+    if (mg->n < window) ++mg->n;
+    // The window's mean, expanding until it is full, then each sample's share 1/window;
+    // the division truncates toward zero, below 1/256 count.
+    const int64_t in[3] = {int64_t{g.x} << 8, int64_t{g.y} << 8, int64_t{g.z} << 8};
+    for (int k = 0; k < 3; ++k) mg->mean_q8[k] += (in[k] - mg->mean_q8[k]) / mg->n;
+}
+
+Vec3 mount_gravity_mean(const MountGravity &mg) {
+    return Vec3{static_cast<int32_t>(mg.mean_q8[0] / 256), static_cast<int32_t>(mg.mean_q8[1] / 256),
+                static_cast<int32_t>(mg.mean_q8[2] / 256)};
+}
+
+bool on_mount_circle(const CircleFit &circle, const Vec3 &m) {
+    if (circle.radius_q4 <= 0) return false;
+    // (16 m - centre) . n in 2^-18 count: within 2^21 times 2^14 per term.
+    const Vec3 d{m.x * 16 - circle.centre_q4.x, m.y * 16 - circle.centre_q4.y, m.z * 16 - circle.centre_q4.z};
+    int64_t z = dot(d, circle.normal_q14) >> 14;  // 1/16 count, toward minus infinity
+    if (z < 0) z = -z;
+    return z * KMXC_SERVICE_PLANAR_FLATNESS <= int64_t{kMountOnCircleFactor} * circle.radius_q4;
+}
+
+}  // namespace kmxc_kit

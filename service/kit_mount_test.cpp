@@ -1,0 +1,163 @@
+// The mounted phone's gravity: a drive's accelerations averaged out of the mean, each
+// rule at its limit (the angle that starts the mean afresh or keeps the measurement, the
+// window, the circle's plane), against synthetic physics in double precision.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <random>
+
+#include "service/kit_mount.h"
+#include "service/kmxc_service.h"
+
+namespace {
+
+using namespace kmxc_kit;
+
+constexpr double kPi = 3.14159265358979323846;
+constexpr double kG = 4096;  // counts per g
+
+Vec3 counts(double x, double y, double z) {
+    return Vec3{static_cast<int32_t>(std::lround(x)), static_cast<int32_t>(std::lround(y)),
+                static_cast<int32_t>(std::lround(z))};
+}
+
+// A unit vector at `deg` from (0, -1, 0) (an upright phone's gravity) toward +z, times g.
+Vec3 tilted(double deg, double g = kG) {
+    return counts(0, -g * std::cos(deg * kPi / 180), g * std::sin(deg * kPi / 180));
+}
+
+double angle_deg(const Vec3 &a, const Vec3 &b) {
+    const double d = double(a.x) * b.x + double(a.y) * b.y + double(a.z) * b.z;
+    const double la = std::sqrt(double(a.x) * a.x + double(a.y) * a.y + double(a.z) * a.z);
+    const double lb = std::sqrt(double(b.x) * b.x + double(b.y) * b.y + double(b.z) * b.z);
+    return std::acos(std::fmin(1.0, d / (la * lb))) * 180 / kPi;
+}
+
+// Ten minutes at 10 Hz in a mount tilted 30 degrees back: the car's accelerations (a
+// turn's centripetal 0.3 g across for 6 s, braking 0.3 g along for 3 s, pulling away 0.15 g
+// for 8 s, in seeded order, and road vibration) add to gravity in the phone's axes. The
+// mean's error is a fraction of the measurement's (RMS and worst) from the window's end:
+// within 3 degrees RMS and 6 at worst (two turns the same way in a row), where the
+// measurement strays by 16 degrees in each turn.
+TEST(MountGravity, ADrivesAccelerationsAverageOutOfTheMean) {
+    std::mt19937 rng(3);
+    std::normal_distribution<double> vibration(0, 0.02 * kG);
+    const double tilt = 30 * kPi / 180;
+    // The car's axes in the phone's: across (x), along the road (into the screen: the
+    // mount's tilt), up.
+    const double across[3] = {1, 0, 0}, along[3] = {0, std::sin(tilt), -std::cos(tilt)};
+    const double down[3] = {0, -std::cos(tilt), -std::sin(tilt)};
+    const Vec3 mount = counts(kG * down[0], kG * down[1], kG * down[2]);
+    MountGravity mg;
+    mount_gravity_reset(&mg);
+    double worst_mean = 0, worst_measured = 0, sq_mean = 0, sq_measured = 0;
+    int n = 0;
+    int t = 0;
+    std::uniform_int_distribution<int> manoeuvre(0, 3), straight(100, 300);
+    while (t < 6000) {
+        const int kind = manoeuvre(rng);
+        const double a = kind == 0 ? 0.3 : kind == 1 ? -0.3 : kind == 2 ? 0.15 : -0.3;
+        const double *axis = kind == 0 || kind == 3 ? across : along;
+        const int len = kind == 0 || kind == 3 ? 60 : kind == 1 ? 30 : 80;
+        for (int i = 0; i < len + straight(rng); ++i, ++t) {
+            const double k = i < len ? a * kG : 0;
+            const Vec3 g = counts(kG * down[0] + k * axis[0] + vibration(rng), kG * down[1] + k * axis[1] + vibration(rng),
+                                  kG * down[2] + k * axis[2] + vibration(rng));
+            // The kit's steadiness: within 3 degrees of the last half second; a steady
+            // turn's 0.3 g counts as steady too (|g| 1.044), the hardest case.
+            mount_gravity_track(&mg, g, i >= 5, 10);
+            if (t >= 400) {
+                worst_mean = std::fmax(worst_mean, angle_deg(mount_gravity_mean(mg), mount));
+                worst_measured = std::fmax(worst_measured, angle_deg(g, mount));
+                sq_mean += std::pow(angle_deg(mount_gravity_mean(mg), mount), 2);
+                sq_measured += std::pow(angle_deg(g, mount), 2);
+                ++n;
+            }
+        }
+    }
+    const double rms_mean = std::sqrt(sq_mean / n), rms_measured = std::sqrt(sq_measured / n);
+    EXPECT_LT(rms_mean, 3.0);
+    EXPECT_LT(rms_mean, rms_measured / 2);
+    EXPECT_LT(worst_mean, 6.0);
+    EXPECT_GT(worst_measured, 16.0);
+    RecordProperty("rms_mean_deg", std::to_string(rms_mean));
+    RecordProperty("rms_measured_deg", std::to_string(rms_measured));
+}
+
+TEST(MountGravity, TheMeansWindowExpandsThenWeighsEachSampleAsItsShare) {
+    MountGravity mg;
+    mount_gravity_reset(&mg);
+    EXPECT_FALSE(mount_gravity_near(mg, tilted(0))) << "no mean yet";
+    const int window = 10 * kMountGravityWindowMs / 1000;  // at 10 Hz
+    // A constant gravity comes back exactly, however long the run.
+    for (int i = 0; i < window + 50; ++i) mount_gravity_track(&mg, Vec3{100, -4000, 700}, true, 10);
+    EXPECT_EQ(mg.n, static_cast<uint32_t>(window));
+    const Vec3 m = mount_gravity_mean(mg);
+    EXPECT_EQ(m.x, 100);
+    EXPECT_EQ(m.y, -4000);
+    EXPECT_EQ(m.z, 700);
+    // A full window: one sample 400 counts away (within the angle, unsteady) moves the
+    // mean by 400 / window.
+    mount_gravity_track(&mg, Vec3{500, -4000, 700}, false, 10);
+    EXPECT_EQ(mg.mean_q8[0], (100 << 8) + (400 << 8) / window);
+    // Expanding: the second sample of a fresh mean weighs a half.
+    mount_gravity_reset(&mg);
+    mount_gravity_track(&mg, Vec3{0, -4096, 0}, true, 50);
+    mount_gravity_track(&mg, Vec3{200, -4096, 0}, true, 50);
+    EXPECT_EQ(mount_gravity_mean(mg).x, 100);
+}
+
+TEST(MountGravity, TheAngleFromTheMeanDecidesAtItsLimit) {
+    const double limit = kMountGravityNearCdeg / 100.0;
+    const struct {
+        const char *name;
+        double deg;   // the new gravity's angle from the mean
+        bool steady;  // the kit's verdict on it
+        bool near;    // near the mean before it is taken
+        bool afresh;  // the mean starts again from it
+    } cases[] = {
+        {"inside the limit, steady: taken into the mean", limit - 0.3, true, true, false},
+        {"beyond the limit, steady: the phone has moved, afresh", limit + 0.3, true, false, true},
+        {"beyond the limit, unsteady (an acceleration): kept", limit + 0.3, false, false, false},
+        {"reversed, steady: afresh", 180, true, false, true},
+        {"a quarter turn, steady: afresh", 90, true, false, true},
+    };
+    for (const auto &c : cases) {
+        MountGravity mg;
+        mount_gravity_reset(&mg);
+        for (int i = 0; i < 100; ++i) mount_gravity_track(&mg, tilted(0), true, 10);
+        const Vec3 g = tilted(c.deg);
+        EXPECT_EQ(mount_gravity_near(mg, g), c.near) << c.name;
+        EXPECT_EQ(mount_gravity_near(mg, tilted(c.deg, 2 * kG)), c.near) << c.name << ": at 2 g";
+        mount_gravity_track(&mg, g, c.steady, 10);
+        EXPECT_EQ(mg.n, c.afresh ? 1u : 101u) << c.name;
+        if (c.afresh) {
+            EXPECT_EQ(angle_deg(mount_gravity_mean(mg), g), 0.0) << c.name;
+        }
+    }
+}
+
+TEST(MountGravity, ASampleIsOnTheCircleWithinTwiceTheFlatnessOfItsRadius) {
+    // A circle of radius 60 counts about (40, -30, 20) in the plane normal to y.
+    const CircleFit circle{Vec3{0, 16384, 0}, Vec3{40 * 16, -30 * 16, 20 * 16}, 60 * 16, 16};
+    const int32_t limit_q4 = kMountOnCircleFactor * circle.radius_q4 / KMXC_SERVICE_PLANAR_FLATNESS;  // 15 counts
+    const struct {
+        const char *name;
+        int32_t height;  // counts along the normal from the centre
+        bool on;
+    } cases[] = {
+        {"in the plane", 0, true},
+        {"at the limit above", limit_q4 / 16, true},
+        {"a count beyond, above", limit_q4 / 16 + 1, false},
+        {"at the limit below", -limit_q4 / 16, true},
+        {"a count beyond, below", -limit_q4 / 16 - 1, false},
+        {"taken out and held flat: the field along the normal", 55, false},
+    };
+    for (const auto &c : cases) {
+        EXPECT_EQ(on_mount_circle(circle, Vec3{40 + 60, -30 + c.height, 20}), c.on) << c.name;
+    }
+    const CircleFit none{};
+    EXPECT_FALSE(on_mount_circle(none, Vec3{40, -30, 20})) << "no circle fitted";
+}
+
+}  // namespace
