@@ -326,7 +326,8 @@ void judge_sphere(const Vec3 &g, KmxcServiceEvent *e) {
     corrected_samples(s.store, soft, u);
     const int32_t radius = fit.radius_q4 >> kQ4;
     OffsetCovariance p;
-    if (!covariance_of(u, n, radius, residual_variance_q8(fit.residual.spread_q8, n, 4, store_wander_sq_q8()), &p)) return;
+    if (!covariance_of(u, n, radius, residual_variance_q8(fit.residual.spread_q8, n, 4, store_wander_sq_q8()), &p))
+        return;
     // Every direction must be the samples' more than the prior's (its variance at most a
     // quarter of the prior's: three times the prior's information): a set of samples
     // that leaves a direction to the prior (a phone only ever turned flat) confirms no
@@ -370,7 +371,9 @@ void judge_ellipsoid(const Vec3 &g, KmxcServiceEvent *e) {
     OffsetCovariance p;
     // Nine unknowns: the offset, W's five and the strength. W's own error is left out:
     // where the store cannot tell it, the ridge holds W at the sphere's.
-    if (!covariance_of(u, n, fit.radius_q4 >> kQ4, residual_variance_q8(fit.residual.spread_q8, n, 9, store_wander_sq_q8()), &p)) return;
+    if (!covariance_of(u, n, fit.radius_q4 >> kQ4,
+                       residual_variance_q8(fit.residual.spread_q8, n, 9, store_wander_sq_q8()), &p))
+        return;
     if (take(true, fit.offset, ring_of(soft, axes(fit.offset)), p, g) == Take::kNo) return;
     s.cov = p;
     g_state.soft_iron = soft;

@@ -61,8 +61,9 @@ TEST(MountGravity, ADrivesAccelerationsAverageOutOfTheMean) {
         const int len = kind == 0 || kind == 3 ? 60 : kind == 1 ? 30 : 80;
         for (int i = 0; i < len + straight(rng); ++i, ++t) {
             const double k = i < len ? a * kG : 0;
-            const Vec3 g = counts(kG * down[0] + k * axis[0] + vibration(rng), kG * down[1] + k * axis[1] + vibration(rng),
-                                  kG * down[2] + k * axis[2] + vibration(rng));
+            const Vec3 g =
+                counts(kG * down[0] + k * axis[0] + vibration(rng), kG * down[1] + k * axis[1] + vibration(rng),
+                       kG * down[2] + k * axis[2] + vibration(rng));
             // The kit's steadiness: within 3 degrees of the last half second; a steady
             // turn's 0.3 g counts as steady too (|g| 1.044), the hardest case.
             mount_gravity_track(&mg, g, i >= 5, 10);
@@ -131,9 +132,7 @@ TEST(MountGravity, TheAngleFromTheMeanDecidesAtItsLimit) {
         EXPECT_EQ(mount_gravity_near(mg, tilted(c.deg, 2 * kG)), c.near) << c.name << ": at 2 g";
         mount_gravity_track(&mg, g, c.steady, 10);
         EXPECT_EQ(mg.n, c.afresh ? 1u : 101u) << c.name;
-        if (c.afresh) {
-            EXPECT_EQ(angle_deg(mount_gravity_mean(mg), g), 0.0) << c.name;
-        }
+        if (c.afresh) { EXPECT_EQ(angle_deg(mount_gravity_mean(mg), g), 0.0) << c.name; }
     }
 }
 

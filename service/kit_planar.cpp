@@ -83,6 +83,18 @@ int32_t arc_about(const InPlane *s, int n, int64_t cx, int64_t cy) {
 
 }  // namespace
 
+bool planar_circle(const FieldStore &store, const CircleFit &fit) {
+    // A circle: the samples within 1/KMXC_SERVICE_PLANAR_FLATNESS of its radius of the plane.
+    if (int64_t{fit.out_of_plane_q4} * KMXC_SERVICE_PLANAR_FLATNESS > fit.radius_q4) return false;
+    // Turned about the vertical: every sample's gravity within kPlanarAxisGravityCdeg of
+    // the axis. A hand turning the phone about any other axis also traces circles (short
+    // arcs look flat), but its gravity turns with the phone.
+    for (int i = 0; i < store.count; ++i) {
+        if (!within_angle(stored_gravity(store, i), fit.normal_q14, kPlanarAxisGravityCdeg)) return false;
+    }
+    return true;
+}
+
 int32_t planar_arc_cdeg(const FieldStore &store, const CircleFit &fit) {
     int32_t e1[3], e2[3];
     plane_axes(fit.normal_q14, e1, e2);
@@ -246,8 +258,7 @@ void fit_step() {
     CircleFit fit;
     const FitResult fr = circle_fit(store, down, &fit);
     if (fr != FitResult::kOk) return;
-    // A circle: the samples within 1/KMXC_SERVICE_PLANAR_FLATNESS of its radius of the plane.
-    if (int64_t{fit.out_of_plane_q4} * KMXC_SERVICE_PLANAR_FLATNESS > fit.radius_q4) return;
+    if (!planar_circle(store, fit)) return;
     p.circle = fit;
     p.pending = true;
 }

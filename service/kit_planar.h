@@ -46,12 +46,18 @@
 #include "service/circle_fit.h"
 #include "service/field_store.h"
 #include "service/kit_geometry.h"
+#include "service/kit_mount.h"
 
 namespace kmxc_kit {
 
 // Samples before a circle is fitted: the sphere fit's least (four unknowns twice over:
 // the plane's two and the circle's three leave one sample to spare each way).
 constexpr int kPlanarMinSamples = 8;
+// Largest angle between a circle's samples' gravity and its axis (centidegrees): a
+// vehicle's accelerations tilt gravity by up to 22 degrees, a walker reading a map holds
+// the phone within 30 degrees of level; a phone turned through other orientations
+// leaves it.
+constexpr int32_t kPlanarAxisGravityCdeg = 4500;
 // Gauss-Newton steps of the reference circle's refinement: from the free circle's centre
 // (within a few counts on an arc of a quarter turn) each step squares the relative error.
 constexpr int kPlanarRefineSteps = 4;
@@ -69,6 +75,11 @@ struct PlanarEstimate {
     int8_t level;             // KMXC_SERVICE_UNRELIABLE (refused), _LOW or _MEDIUM
     StrengthStats strengths;  // the store's strengths about offset
 };
+
+// The store's samples trace the circle of a phone turned about the vertical: within
+// 1/KMXC_SERVICE_PLANAR_FLATNESS of its radius of its plane (RMS), and every sample's
+// gravity within kPlanarAxisGravityCdeg of its axis.
+bool planar_circle(const FieldStore &store, const CircleFit &fit);
 
 // The arc the store's samples cover about the fit's centre, centidegrees: 36000 less the
 // widest gap between angular neighbours; 0 with fewer than two samples.

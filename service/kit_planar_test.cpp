@@ -225,6 +225,36 @@ TEST(PlanarRules, TheArcAndTheRadiusDecideEachAtItsLimit) {
     }
 }
 
+// A circle counts when it is flat (RMS off its plane within 1/FLATNESS of its radius)
+// and every sample's gravity lies within the limit of its axis (a phone turned about the
+// vertical); one sample whose gravity leans beyond refuses it (a hand turning the phone
+// about another axis).
+TEST(PlanarRules, ACircleIsFlatAndTurnedAboutGravity) {
+    const Vector3d down = Vector3d(0.2, -0.9, 0.3).normalized(), side = down.unitOrthogonal();
+    const double limit = kPlanarAxisGravityCdeg / 100.0;
+    const struct {
+        const char *name;
+        double lean_deg;  // one sample's gravity from the axis
+        int oop_extra;    // added to the flattest RMS the rule allows, 1/16 count
+        bool accepted;
+    } cases[] = {
+        {"gravity along the axis, at the flatness limit", 0, 0, true},
+        {"a sixteenth of a count beyond the flatness", 0, 1, false},
+        {"one sample's gravity just inside the limit", limit - 0.5, 0, true},
+        {"one sample's gravity just beyond it", limit + 0.5, 0, false},
+    };
+    for (const auto &c : cases) {
+        FieldStore s = clean(200, 30);
+        CircleFit fit;
+        ASSERT_EQ(circle_fit(s, Vec3{0, -4096, 0}, &fit), FitResult::kOk) << c.name;
+        fit.radius_q4 -= fit.radius_q4 % KMXC_SERVICE_PLANAR_FLATNESS;  // the limit exactly
+        fit.out_of_plane_q4 = fit.radius_q4 / KMXC_SERVICE_PLANAR_FLATNESS + c.oop_extra;
+        const Vector3d g = 4096.0 * (Eigen::AngleAxisd(c.lean_deg * kPi / 180, side) * down);
+        for (int k = 0; k < 3; ++k) s.sample[3].g[k] = static_cast<int16_t>(std::lround(g[k]));
+        EXPECT_EQ(planar_circle(s, fit), c.accepted) << c.name;
+    }
+}
+
 TEST(PlanarRules, AReferenceCircleThatNoSampleCanLieOnIsRefused) {
     const FieldStore s = clean(200, 30);
     CircleFit fit;

@@ -201,8 +201,8 @@ TEST_F(Kit, FirstFitComesInTimeAtEveryRateAndOnlyThenAreHeadingsTrusted) {
 // library fit is a plane's with its normal along z, and the kit's circle (no reference
 // strength and dip: a fresh phone) keeps the axial offset it started from. Both leave
 // the z offset where it started (within 2 counts: a circle fitted on a quarter turn
-// tilts its normal a little, and the axial offset is taken along it); neither is trusted (the circle gives low accuracy at
-// most), and no magnetic offset is saved.
+// tilts its normal a little, and the axial offset is taken along it); neither is trusted (the circle gives low accuracy
+// at most), and no magnetic offset is saved.
 TEST_F(Kit, WithoutAThreeDimensionalFitNothingIsTrustedOrSaved) {
     for (const char *name : {"still", "planar"}) {
         SCOPED_TRACE(name);

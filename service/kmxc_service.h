@@ -347,9 +347,10 @@ extern "C" {
 #define KMXC_SERVICE_ORIENTATION_VALID 0x0400 /* orientation_deg and rotation_vector hold values */
 #define KMXC_SERVICE_SAVE_LOCKED 0x0800       /* the save found another service saving (with SAVE_FAILED) */
 #define KMXC_SERVICE_KIT_ESTIMATE 0x1000      /* the new offset (and soft iron) is the kit's own */
-#define KMXC_SERVICE_MOUNT_GRAVITY 0x2000     /* the attitude took the mount's mean gravity, not this
-                                                 sample's (a vehicle's accelerations left out);
-                                                 acceleration_ms2 and gravity_counts stay measured */
+#define KMXC_SERVICE_MOUNT_GRAVITY                                 \
+    0x2000 /* the attitude took the mount's mean gravity, not this \
+              sample's (a vehicle's accelerations left out);       \
+              acceleration_ms2 and gravity_counts stay measured */
 
 /* Estimators (event.estimator): where the offset in use comes from. */
 #define KMXC_SERVICE_ESTIMATOR_NONE 0         /* no offset yet (or only a planar one moved it) */
