@@ -45,17 +45,17 @@ TEST(KitRuleEdges, TheGateOpensAtExactlyItsDistanceFromEachOfTheLastFewFed) {
 }
 
 // 0.4 uT per count: 10 uT is 25 counts, 100 uT is 250; the strength anomaly is more
-// than 100 thousandths from the reference.
+// than 150 thousandths from the reference.
 TEST(KitRuleEdges, RangeAndStrengthAnomaliesStartJustPastTheirLimits) {
-    static_assert(KMXC_SERVICE_STRENGTH_TOLERANCE_PERMILLE == 100);
+    static_assert(KMXC_SERVICE_STRENGTH_TOLERANCE_PERMILLE == 150);
     const struct {
         int32_t reference, strength;
         uint8_t causes;
     } cases[] = {
         {0, 25, 0},    {0, 24, KMXC_SERVICE_ANOMALY_RANGE},
         {0, 250, 0},   {0, 251, KMXC_SERVICE_ANOMALY_RANGE},
-        {200, 220, 0}, {200, 221, KMXC_SERVICE_ANOMALY_STRENGTH},
-        {200, 180, 0}, {200, 179, KMXC_SERVICE_ANOMALY_STRENGTH},
+        {200, 230, 0}, {200, 231, KMXC_SERVICE_ANOMALY_STRENGTH},
+        {200, 170, 0}, {200, 169, KMXC_SERVICE_ANOMALY_STRENGTH},
     };
     for (const auto &c : cases) {
         g_state = State{};
