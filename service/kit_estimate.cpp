@@ -200,6 +200,14 @@ int64_t worst_variance(const OffsetCovariance &c) {
     return lambda[0];
 }
 
+// Every direction must be the samples' more than the prior's (its variance at most a
+// quarter of the prior's: three times the prior's information): a set of samples that
+// leaves a direction to the prior (a phone only ever turned flat) confirms no offset.
+// How well the heading is determined at each attitude is the cap's to say.
+bool every_direction_determined(const OffsetCovariance &p) {
+    return worst_variance(p) <= (kPriorVarianceCounts2 << kQ8) / 4;
+}
+
 // ---- Publishing ------------------------------------------------------------------------------
 
 KmxAxesData offset_in_use() {
@@ -328,11 +336,7 @@ void judge_sphere(const Vec3 &g, KmxcServiceEvent *e) {
     OffsetCovariance p;
     if (!covariance_of(u, n, radius, residual_variance_q8(fit.residual.spread_q8, n, 4, store_wander_sq_q8()), &p))
         return;
-    // Every direction must be the samples' more than the prior's (its variance at most a
-    // quarter of the prior's: three times the prior's information): a set of samples
-    // that leaves a direction to the prior (a phone only ever turned flat) confirms no
-    // offset. How well the heading is determined at each attitude is the cap's to say.
-    if (worst_variance(p) > (kPriorVarianceCounts2 << kQ8) / 4) return;
+    if (!every_direction_determined(p)) return;
     const Take t = take(false, fit.offset, ring, p, g);
     if (t == Take::kNo) return;
     s.cov = p;
@@ -374,6 +378,9 @@ void judge_ellipsoid(const Vec3 &g, KmxcServiceEvent *e) {
     if (!covariance_of(u, n, fit.radius_q4 >> kQ4,
                        residual_variance_q8(fit.residual.spread_q8, n, 9, store_wander_sq_q8()), &p))
         return;
+    // As for the sphere: a store turned mostly flat leaves its axis to the ridge.
+    if (!every_direction_determined(p)) return;
+    if (!ellipsoid_centre_plausible(fit, s.sphere)) return;
     if (take(true, fit.offset, ring_of(soft, axes(fit.offset)), p, g) == Take::kNo) return;
     s.cov = p;
     g_state.soft_iron = soft;
@@ -400,6 +407,12 @@ bool ring_covariance(const KmxAxesData &o, int n, int unknowns, OffsetCovariance
 }
 
 }  // namespace
+
+bool ellipsoid_centre_plausible(const EllipsoidFit &fit, const SphereFit &sphere) {
+    const Vec3 shift = minus(fit.offset, sphere.offset);
+    const int64_t radius = sphere.radius_q4 >> kQ4;
+    return dot(shift, shift) * kEllipsoidShiftDivisor * kEllipsoidShiftDivisor <= radius * radius;
+}
 
 void store_clear() {
     field_store_clear(&g_state.est.store);

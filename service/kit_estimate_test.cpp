@@ -210,11 +210,13 @@ TEST(KitEstimate, TheEllipsoidMustBeatTheSphereByItsFactorAndHavePlausibleAxes) 
     const struct {
         const char *name;
         int32_t sphere_rms_q4, axis_q14;
+        int32_t sphere_off_z;  // the store sphere's centre from the ellipsoid's, counts along z
         bool adopted;
     } cases[] = {
-        {"half the sphere's RMS exactly", 2 * 10, 16384, true},
-        {"just over half", 2 * 10 - 1, 16384, false},
-        {"an axis of exactly 1.25", 2 * 10, kAxisMaxQ14, true},
+        {"half the sphere's RMS exactly", 2 * 10, 16384, 0, true},
+        {"just over half", 2 * 10 - 1, 16384, 0, false},
+        {"an axis of exactly 1.25", 2 * 10, kAxisMaxQ14, 0, true},
+        {"the centre a third of the radius from the sphere's", 2 * 10, 16384, static_cast<int32_t>(kRadius / 3), false},
     };
     for (const auto &c : cases) {
         set_kit(Vec3{0, 0, 0});
@@ -228,6 +230,8 @@ TEST(KitEstimate, TheEllipsoidMustBeatTheSphereByItsFactorAndHavePlausibleAxes) 
         field_store_strengths(g_state.est.store, kOffset, f.w_q14, &f.residual);
         f.residual.rms_q4 = 10;
         g_state.est.sphere.residual.rms_q4 = c.sphere_rms_q4;
+        g_state.est.sphere.offset = Vec3{kOffset.x, kOffset.y, kOffset.z + c.sphere_off_z};
+        g_state.est.sphere.radius_q4 = static_cast<int32_t>(kRadius * 16);
         g_state.est.ellipsoid_pending = true;
         KmxcServiceEvent e{};
         e.mag_result = 1;
@@ -261,6 +265,30 @@ TEST(KitEstimate, ALibraryFitReplacesATrustedOffsetOnlyWhenItsBatchAgrees) {
             remember_fed(sample(d, kOffset, kNoSoftIron, noise, 0.3), kDown);
         const KmxAxesData o{c.fit.x, c.fit.y, c.fit.z};
         EXPECT_EQ(library_fit_preferred(o, kDown), c.preferred) << c.name;
+    }
+}
+
+// An ellipsoid's centre may move from the store sphere's by up to a quarter of its
+// radius (counts: 120 here, so 30), in any direction; a count farther is refused.
+TEST(KitEstimate, AnEllipsoidsCentreStaysNearTheSpheresAtItsLimit) {
+    SphereFit sphere{};
+    sphere.offset = Vec3{40, -30, 20};
+    sphere.radius_q4 = 120 * 16 + 15;  // the radius is taken in whole counts
+    const struct {
+        const char *name;
+        Vec3 shift;
+        bool plausible;
+    } cases[] = {
+        {"the same centre", {0, 0, 0}, true},
+        {"a quarter of the radius along z", {0, 0, 30}, true},
+        {"a count beyond, along z", {0, 0, 31}, false},
+        {"a quarter of the radius, diagonal (18, 24)", {18, 0, -24}, true},
+        {"a count beyond it, diagonal (18, 25)", {18, 0, -25}, false},
+    };
+    for (const auto &c : cases) {
+        EllipsoidFit fit{};
+        fit.offset = Vec3{40 + c.shift.x, -30 + c.shift.y, 20 + c.shift.z};
+        EXPECT_EQ(ellipsoid_centre_plausible(fit, sphere), c.plausible) << c.name;
     }
 }
 

@@ -209,6 +209,13 @@ inline int32_t reference_angle_cdeg() { return 9000 - g_state.reference_dip_cdeg
 
 // Empties the store (the fed samples no longer describe the field).
 void store_clear();
+// An ellipsoid's centre lies within 1/kEllipsoidShiftDivisor of the radius of the store
+// sphere's centre: the sphere of an ellipsoid whose axes lie within 0.8..1.25 (what the
+// fit accepts), on a store of any coverage, misses the centre by less. Farther, the fit
+// has traded the offset along an axis the store hardly spans (a phone turned flat on a
+// table) for W's scale there.
+constexpr int64_t kEllipsoidShiftDivisor = 4;
+bool ellipsoid_centre_plausible(const EllipsoidFit &fit, const SphereFit &sphere);
 // One cycle's share: the persisting-anomaly clear, the sample offered to the store (raw
 // field m, gravity g), and at most one fitting step when one is due. fit_allowed: no
 // other fit ran in this cycle.
