@@ -8,6 +8,9 @@ namespace kmxc_kit {
 
 void mount_gravity_reset(MountGravity *mg) { *mg = MountGravity{{0, 0, 0}, 0}; }
 
+// Counts beyond 2^14 (4 g) are clamped: the mean stays within 2^22 in 1/256 count.
+static int32_t clamp14(int32_t v) { return v > 16383 ? 16383 : v < -16384 ? -16384 : v; }
+
 bool within_angle(const Vec3 &a, const Vec3 &b, int32_t cdeg) {
     // cos(angle) >= cos(limit): d > 0 and d^2 >= cos^2 |a|^2 |b|^2. Within 2^14 per
     // component (an accelerometer's 4 g, a Q14 unit vector): d^2 below 2^58, |a|^2 |b|^2
@@ -24,12 +27,14 @@ bool mount_gravity_near(const MountGravity &mg, const Vec3 &g) {
 
 void mount_gravity_track(MountGravity *mg, const Vec3 &g, bool steady, uint32_t rate_hz) {
     if (steady && mg->n > 0 && !mount_gravity_near(*mg, g)) mount_gravity_reset(mg);
-    const int64_t window = int64_t{rate_hz > 0 ? rate_hz : 1} * kMountGravityWindowMs / 1000;
+    const uint32_t window = (rate_hz > 0 ? rate_hz : 1) * static_cast<uint32_t>(kMountGravityWindowMs) / 1000;
     if (mg->n < window) ++mg->n;
     // The window's mean, expanding until it is full, then each sample's share 1/window;
-    // the division truncates toward zero, below 1/256 count.
-    const int64_t in[3] = {int64_t{g.x} << 8, int64_t{g.y} << 8, int64_t{g.z} << 8};
-    for (int k = 0; k < 3; ++k) mg->mean_q8[k] += (in[k] - mg->mean_q8[k]) / mg->n;
+    // the division truncates toward zero, below 1/256 count. 32-bit throughout: a
+    // 64-bit division is a library call on the target, each cycle.
+    const int32_t in[3] = {clamp14(g.x) * 256, clamp14(g.y) * 256, clamp14(g.z) * 256};
+    const int32_t n = static_cast<int32_t>(mg->n);
+    for (int k = 0; k < 3; ++k) mg->mean_q8[k] += (in[k] - mg->mean_q8[k]) / n;
 }
 
 Vec3 mount_gravity_mean(const MountGravity &mg) {

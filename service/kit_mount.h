@@ -31,7 +31,7 @@ constexpr int32_t kMountGravityNearCdeg = 2500;
 constexpr int32_t kMountOnCircleFactor = 2;
 
 struct MountGravity {
-    int64_t mean_q8[3];  // mean gravity, 1/256 count
+    int32_t mean_q8[3];  // mean gravity, 1/256 count (an accelerometer's 2^14: within 2^22)
     uint32_t n;          // samples in the mean, at most the window's (0: none yet)
 };
 
