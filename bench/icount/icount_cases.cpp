@@ -86,7 +86,7 @@ int g_coverage;
 const Vec3 kCentre{100, -50, 200}, kDown{0, 0, 4096};
 
 KmxcServiceEvent g_event;
-uint8_t g_estimator_seen[5];
+uint8_t g_estimator_seen[6];
 
 // The kit trusting an offset at kCentre, with a soft-iron correction in use, its store
 // full, its ring of fed samples full, and `joined` samples joined since its last fit.
@@ -223,6 +223,16 @@ __attribute__((noinline)) void icount_case_kit_planar_judge(void) {
     store_cycle(Vec3{kCentre.x, kCentre.y, kCentre.z + 60}, kDown, true, 1, &g_event);
     g_estimator_seen[4] = static_cast<uint8_t>(g_estimator_seen[4] + 2 * g_state.estimator);
 }
+// What a mounted phone adds to every cycle: gravity into the mount's mean (a full
+// window), and the attitude's two checks (a sample of the circle on its plane, the
+// gravity near the mean).
+__attribute__((noinline)) void icount_case_kit_mount(void) {
+    const Vec3 g{40, -20, 4090};
+    mount_gravity_track(&g_state.mount_gravity, g, true, 10);
+    const Vec3 m = stored_field(g_ring, 0);
+    g_estimator_seen[5] = static_cast<uint8_t>(on_mount_circle(g_state.planar.circle, m) +
+                                               2 * mount_gravity_near(g_state.mount_gravity, g));
+}
 }
 
 namespace {
@@ -308,6 +318,8 @@ int main() {
     KmxAxesLibSetMsOffset(&off);
     measure(icount_case_kit_planar_fit);
     measure(icount_case_kit_planar_judge);
+    for (int i = 0; i < 400; ++i) mount_gravity_track(&g_state.mount_gravity, Vec3{40, -20, 4090}, true, 10);
+    measure(icount_case_kit_mount);
 
     std::printf("fit rc %d, cycle rc %d heading %u, azimuth %.0f, Kasa centre %.1f,%.1f,%.1f (float %.1f,%.1f,%.1f)\n",
                 fit, cycle, unsigned(g_heading), g_angles[0], g_centre_d[0], g_centre_d[1], g_centre_d[2],
@@ -341,6 +353,8 @@ int main() {
     // and published as the planar estimate (pending 1 plus twice the estimator 5).
     std::printf("vehicle: rules quiet %d, planar steps %d, offset %d,%d,%d\n", int(rules_quiet), g_estimator_seen[4],
                 g_event.offset[0], g_event.offset[1], g_event.offset[2]);
-    const bool vehicle = rules_quiet && g_estimator_seen[4] == 1 + 2 * KMXC_SERVICE_ESTIMATOR_PLANAR;
+    // The mount: the circle's own sample on its plane, the gravity at the mean (1 + 2).
+    const bool vehicle =
+        rules_quiet && g_estimator_seen[4] == 1 + 2 * KMXC_SERVICE_ESTIMATOR_PLANAR && g_estimator_seen[5] == 3;
     return ok && estimators && kit && vehicle ? 0 : 1;
 }
