@@ -11,18 +11,8 @@ void mount_gravity_reset(MountGravity *mg) { *mg = MountGravity{{0, 0, 0}, 0}; }
 // Counts beyond 2^14 (4 g) are clamped: the mean stays within 2^22 in 1/256 count.
 static int32_t clamp14(int32_t v) { return v > 16383 ? 16383 : v < -16384 ? -16384 : v; }
 
-bool within_angle(const Vec3 &a, const Vec3 &b, int32_t cdeg) {
-    // cos(angle) >= cos(limit): d > 0 and d^2 >= cos^2 |a|^2 |b|^2. Within 2^14 per
-    // component (an accelerometer's 4 g, a Q14 unit vector): d^2 below 2^58, |a|^2 |b|^2
-    // below 2^58 and taken to 2^-28 before the Q28 cosine's square.
-    const int64_t d = dot(a, b);
-    if (d <= 0) return false;
-    const int64_t c = cos_q14(cdeg);
-    return d * d >= ((dot(a, a) * dot(b, b)) >> 28) * (c * c);
-}
-
 bool mount_gravity_near(const MountGravity &mg, const Vec3 &g) {
-    return mg.n > 0 && within_angle(g, mount_gravity_mean(mg), kMountGravityNearCdeg);
+    return mg.n > 0 && angle_between_cdeg(g, mount_gravity_mean(mg)) <= kMountGravityNearCdeg;
 }
 
 void mount_gravity_track(MountGravity *mg, const Vec3 &g, bool steady, uint32_t rate_hz) {

@@ -35,9 +35,6 @@ struct MountGravity {
     uint32_t n;          // samples in the mean, at most the window's (0: none yet)
 };
 
-// a and b (each component within 2^14, neither zero) within cdeg (0..9000) of each other.
-bool within_angle(const Vec3 &a, const Vec3 &b, int32_t cdeg);
-
 void mount_gravity_reset(MountGravity *mg);
 // Takes one measured gravity g at the session's rate; steady: the kit's verdict that g
 // holds still (kit_rules.cpp). A steady g beyond kMountGravityNearCdeg starts afresh.

@@ -90,7 +90,7 @@ bool planar_circle(const FieldStore &store, const CircleFit &fit) {
     // the axis. A hand turning the phone about any other axis also traces circles (short
     // arcs look flat), but its gravity turns with the phone.
     for (int i = 0; i < store.count; ++i) {
-        if (!within_angle(stored_gravity(store, i), fit.normal_q14, kPlanarAxisGravityCdeg)) return false;
+        if (angle_between_cdeg(stored_gravity(store, i), fit.normal_q14) > kPlanarAxisGravityCdeg) return false;
     }
     return true;
 }

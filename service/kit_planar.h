@@ -46,7 +46,6 @@
 #include "service/circle_fit.h"
 #include "service/field_store.h"
 #include "service/kit_geometry.h"
-#include "service/kit_mount.h"
 
 namespace kmxc_kit {
 
