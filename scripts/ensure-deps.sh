@@ -15,7 +15,7 @@ packages=(
   gnuplot-nox                            # the demo's plot
   pkgconf dpkg-dev                       # install test (pkg-config), packages (dpkg-architecture)
   valgrind                               # exact instruction counts on x86-64 (bench/icount)
-  python3 git                            # the planted-fault pass (scripts/plant_faults.py)
+  python3 git ccache                     # the planted-fault pass (scripts/plant_faults.py) and its compiler cache
   # The real target, ARM without an FPU (Debian armel), built by the cross compiler
   # and run under qemu-arm, with the armel copies of the libraries the build links.
   g++-arm-linux-gnueabi qemu-user

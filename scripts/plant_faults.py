@@ -82,6 +82,16 @@ def hinted_test(build, test, jobs):
     return failures(t.stdout) if t.returncode != 0 else None
 
 
+def compiler_cache():
+    """The checkout's build's compiler cache setting, to share: [] when it has none."""
+    try:
+        with open(os.path.join(ROOT, "build", "CMakeCache.txt"), encoding="utf-8") as f:
+            m = re.search(r"^KMXC_COMPILER_CACHE:PATH=(.+)$", f.read(), re.M)
+    except OSError:
+        return []
+    return [f"-DKMXC_COMPILER_CACHE={m.group(1)}"] if m else []
+
+
 def run(cmd, **kw):
     return subprocess.run(cmd, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, **kw)
 
@@ -93,7 +103,11 @@ def main():
     ap.add_argument("--work", default="build-faults", help="scratch folder for the worktree and its build")
     args = ap.parse_args()
     work = os.path.join(ROOT, args.work)
-    tree, build = os.path.join(work, "tree"), os.path.join(work, "build")
+    # The build folder inside the worktree, as build/ is inside the checkout: with the
+    # checkout's compiler cache (KMXC_COMPILER_CACHE of build/, which the test command
+    # sets) the two builds' compile commands match and the unchanged tree builds from it.
+    tree = os.path.join(work, "tree")
+    build = os.path.join(tree, "build")
 
     faults = load_faults(os.path.join(ROOT, "scripts", "faults.txt"))
     if args.only:
@@ -118,7 +132,7 @@ def main():
         sys.exit(r.stdout)
     missed = 0
     try:
-        r = run(["cmake", "-S", tree, "-B", build, "-G", "Ninja"])
+        r = run(["cmake", "-S", tree, "-B", build, "-G", "Ninja"] + compiler_cache())
         if r.returncode != 0:
             sys.exit(r.stdout)
         r = run(["cmake", "--build", build, "-j", str(os.cpu_count() or 2)])
