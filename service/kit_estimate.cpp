@@ -324,9 +324,12 @@ void judge_sphere(const Vec3 &g, KmxcServiceEvent *e) {
     const KmxAxesData in_use = offset_in_use();
     const Agreement ring = ring_of(soft, axes(fit.offset));
     // Drift: a store that agrees with itself but not with a full ring of recent samples,
-    // while the offset in use does, describes a field that has gone.
+    // while the offset in use does, describes a field that has gone. The ring speaks for
+    // the offset in use only when it was fed after it: the library's fit of that very
+    // batch agrees with it whatever the field (under soft iron, the store's sphere then
+    // fails the batch and a store half-way to its ellipsoid would go).
     if (g_state.offset_trusted && !g_state.in_anomaly && g_state.fed_count == KMXC_SERVICE_FEED_HISTORY &&
-        !agrees(ring) && agrees(ring_of(soft, in_use))) {
+        ring_fed_under(in_use) && !agrees(ring) && agrees(ring_of(soft, in_use))) {
         store_clear();
         return;
     }

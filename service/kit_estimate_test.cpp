@@ -157,17 +157,39 @@ TEST(KitEstimate, ATrustedOffsetGivesWayOnlyToAFitTheRecentSamplesPreferThatMove
         EXPECT_EQ(g_state.estimator, c.replaced ? KMXC_SERVICE_ESTIMATOR_STORE_SPHERE : KMXC_SERVICE_ESTIMATOR_LIBRARY)
             << c.name;
     }
-    // The recent samples come from another offset (the store is stale): the store goes.
-    set_kit(kOffset);
-    g_state.offset_trusted = true;
-    g_state.base_accuracy = KMXC_SERVICE_HIGH;
-    fill(directions(60), Vec3{kOffset.x + 30, kOffset.y, kOffset.z}, kNoSoftIron, 0.3);
-    Noise noise;
-    for (const auto &d : directions(KMXC_SERVICE_FEED_HISTORY))
-        remember_fed(sample(d, kOffset, kNoSoftIron, noise, 0.3), kDown);
-    step();
-    EXPECT_EQ(g_state.est.store.count, 0) << "a store the recent samples contradict is emptied";
-    EXPECT_EQ(offset_in_use().x, kOffset.x);
+}
+
+// The recent samples agree with the offset in use and not with the store: the store is
+// stale and goes, but only when those samples were fed after that offset came into use
+// (the library's fit of its own batch agrees with it whatever the field).
+TEST(KitEstimate, AStoreTheRecentSamplesContradictGoesOnlyWhenTheyCameAfterTheOffset) {
+    const struct {
+        const char *name;
+        int fed_before_change;  // of the ring's samples, those fed before the offset in use was set
+        bool emptied;
+    } cases[] = {
+        {"the whole ring fed under the offset in use: emptied", 0, true},
+        {"the offset set at the ring's last sample (its own fit): kept", KMXC_SERVICE_FEED_HISTORY, false},
+        {"one sample fed before it: kept", 1, false},
+    };
+    for (const auto &c : cases) {
+        set_kit(kOffset);
+        fill(directions(60), Vec3{kOffset.x + 30, kOffset.y, kOffset.z}, kNoSoftIron, 0.3);
+        const KmxAxesData other{kOffset.x + 30, kOffset.y, kOffset.z}, o{kOffset.x, kOffset.y, kOffset.z};
+        KmxAxesLibSetMsOffset(&other);
+        Noise noise;
+        int i = 0;
+        for (const auto &d : directions(KMXC_SERVICE_FEED_HISTORY)) {
+            if (i++ == c.fed_before_change) KmxAxesLibSetMsOffset(&o);
+            remember_fed(sample(d, kOffset, kNoSoftIron, noise, 0.3), kDown);
+        }
+        KmxAxesLibSetMsOffset(&o);
+        g_state.offset_trusted = true;
+        g_state.base_accuracy = KMXC_SERVICE_HIGH;
+        step();
+        EXPECT_EQ(g_state.est.store.count == 0, c.emptied) << c.name;
+        EXPECT_EQ(offset_in_use().x, kOffset.x) << c.name;
+    }
 }
 
 // The ellipsoid: fitted once the store covers enough cells, used only when it beats the

@@ -117,6 +117,11 @@ struct State {
     Vec3 fed[KMXC_SERVICE_FEED_HISTORY];    // the last fed samples (raw field), ring
     Vec3 fed_g[KMXC_SERVICE_FEED_HISTORY];  // the gravity of each
     int fed_count, fed_next;
+    // The offset in use when the last sample was fed, and for how many fed samples in a
+    // row (up to KMXC_SERVICE_FEED_HISTORY): the ring speaks for an offset only once its
+    // samples came after it (a fit agrees with its own batch by construction).
+    KmxAxesData fed_offset;
+    int fed_since_offset;
     int confirm_count;  // fed samples since start (for the stored offset's check)
     uint32_t warm_cycles;
     uint32_t saves, save_failures;
@@ -173,6 +178,8 @@ bool gravity_steady(const Vec3 &g);
 // Far enough from each of the last few fed samples to be fed.
 bool passes_gate(const Vec3 &m);
 void remember_fed(const Vec3 &m, const Vec3 &g);
+// Every sample of a full ring was fed while o was the offset in use.
+bool ring_fed_under(const KmxAxesData &o);
 
 // A 3-D fit published offset o: judge it by its batch (the last fed samples).
 void on_fit(const KmxAxesData &o);

@@ -187,6 +187,13 @@ bool passes_gate(const Vec3 &m) {
 }
 
 void remember_fed(const Vec3 &m, const Vec3 &g) {
+    KmxAxesData in_use;
+    KmxAxesLibGetMsOffset(&in_use);
+    if (!same(in_use, g_state.fed_offset)) {
+        g_state.fed_offset = in_use;
+        g_state.fed_since_offset = 0;
+    }
+    if (g_state.fed_since_offset < KMXC_SERVICE_FEED_HISTORY) ++g_state.fed_since_offset;
     g_state.fed[g_state.fed_next] = m;
     g_state.fed_g[g_state.fed_next] = g;
     const uint16_t bit = static_cast<uint16_t>(1u << g_state.fed_next);
@@ -194,6 +201,10 @@ void remember_fed(const Vec3 &m, const Vec3 &g) {
         static_cast<uint16_t>(g_state.tilt_steady ? g_state.fed_tilt_steady | bit : g_state.fed_tilt_steady & ~bit);
     g_state.fed_next = (g_state.fed_next + 1) % KMXC_SERVICE_FEED_HISTORY;
     if (g_state.fed_count < KMXC_SERVICE_FEED_HISTORY) ++g_state.fed_count;
+}
+
+bool ring_fed_under(const KmxAxesData &o) {
+    return g_state.fed_since_offset == KMXC_SERVICE_FEED_HISTORY && same(o, g_state.fed_offset);
 }
 
 // ---- Accuracy -------------------------------------------------------------------------
