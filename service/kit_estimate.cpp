@@ -314,11 +314,14 @@ void judge_sphere(const Vec3 &g, KmxcServiceEvent *e) {
     const SphereFit &fit = s.sphere;
     const SoftIron &soft = g_state.soft_iron;
     const int n = s.store.count;
-    // A residual beyond what noise explains: the field is no sphere (soft iron).
+    // A residual beyond what noise explains: the field is no sphere (soft iron). Or a
+    // correction in use fitted to fewer directions than the store now covers: its W is
+    // as good as the store it came from, and a wider one tells the axes better.
     s.ellipsoid_due =
         n >= kEllipsoidMinSamples &&
-        int64_t{fit.residual.rms_q4} * fit.residual.rms_q4 >
-            KMXC_SERVICE_ELLIPSOID_ATTEMPT_FACTOR * KMXC_SERVICE_ELLIPSOID_ATTEMPT_FACTOR * kExpectedResidualSqQ8;
+        (int64_t{fit.residual.rms_q4} * fit.residual.rms_q4 >
+             KMXC_SERVICE_ELLIPSOID_ATTEMPT_FACTOR * KMXC_SERVICE_ELLIPSOID_ATTEMPT_FACTOR * kExpectedResidualSqQ8 ||
+         (soft.in_use && s.coverage > s.ellipsoid_cells));
     const int8_t level = level_of(fit.residual);
     if (level == KMXC_SERVICE_UNRELIABLE) return;  // refused: its own samples disagree
     const KmxAxesData in_use = offset_in_use();
@@ -386,6 +389,7 @@ void judge_ellipsoid(const Vec3 &g, KmxcServiceEvent *e) {
     if (!ellipsoid_centre_plausible(fit, s.sphere)) return;
     if (take(true, fit.offset, ring_of(soft, axes(fit.offset)), p, g) == Take::kNo) return;
     s.cov = p;
+    s.ellipsoid_cells = s.coverage;
     g_state.soft_iron = soft;
     publish(fit.offset, KMXC_SERVICE_ESTIMATOR_ELLIPSOID, e);
     trust_estimate(level, reference_of(soft, fit.offset, fit.residual));

@@ -217,6 +217,7 @@ TEST(KitEstimate, TheEllipsoidReplacesTheSphereOnlyWhereSoftIronShowsAndTheStore
         EXPECT_EQ(g_state.soft_iron.in_use, c.adopted) << c.name << ", coverage " << int(g_state.est.coverage);
         EXPECT_EQ(g_state.estimator == KMXC_SERVICE_ESTIMATOR_ELLIPSOID, c.adopted) << c.name;
         if (c.adopted) {
+            EXPECT_EQ(g_state.est.ellipsoid_cells, g_state.est.coverage) << c.name << ": the cells it was fitted to";
             // The corrected field of every stored sample has one strength.
             const Vec3 o = offset_in_use();
             const Vec3 m = corrected(g_state.soft_iron, stored_field(g_state.est.store, 0));
@@ -315,3 +316,33 @@ TEST(KitEstimate, AnEllipsoidsCentreStaysNearTheSpheresAtItsLimit) {
 }
 
 }  // namespace
+
+// A correction in use is fitted again once the store covers more cells than it was
+// fitted to, even where the field through it is a sphere (its residual at the noise):
+// a wider store tells W's axes better. Not while the cells are as many.
+TEST(KitEstimate, ACorrectionIsRefittedOnceTheStoreCoversMoreCellsThanItsFit) {
+    set_kit(kOffset);
+    g_state.soft_iron = SoftIron{true, kOffset, {16384, 0, 0, 0, 16384, 0, 0, 0, 16384}};
+    fill(directions(60), kOffset, kNoSoftIron, 0.3);
+    step();
+    const int cells = g_state.est.coverage;
+    ASSERT_GT(cells, 1);
+    const struct {
+        const char *name;
+        int fitted_cells;
+        bool due;
+    } cases[] = {
+        {"fitted to one cell fewer than the store covers: due", cells - 1, true},
+        {"fitted to as many cells: not due", cells, false},
+    };
+    for (const auto &c : cases) {
+        g_state.est.ellipsoid_cells = static_cast<uint8_t>(c.fitted_cells);
+        step();
+        EXPECT_EQ(g_state.est.coverage, cells) << c.name;
+        EXPECT_EQ(g_state.est.ellipsoid_due, c.due) << c.name;
+    }
+    g_state.soft_iron.in_use = false;
+    g_state.est.ellipsoid_cells = 0;
+    step();
+    EXPECT_FALSE(g_state.est.ellipsoid_due) << "no correction in use and a sphere's residual: none due";
+}

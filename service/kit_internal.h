@@ -63,16 +63,17 @@ struct OffsetCovariance {
 // use, and what the store's schedule needs.
 struct Estimators {
     FieldStore store;
-    SphereFit sphere;        // the last sphere fit, of the store as the library sees it
-    EllipsoidFit ellipsoid;  // fitted in one cycle, judged in the next
-    OffsetCovariance cov;    // the estimate in use (any source)
-    bool sphere_pending;     // `sphere` waits for its judgement
-    bool ellipsoid_due;      // the sphere's residual asks for an ellipsoid fit in a coming cycle
-    bool ellipsoid_pending;  // `ellipsoid` waits for its judgement
-    uint8_t joined;          // samples joined since the last sphere fit
-    uint8_t coverage;        // cells of the store about the offset in use, at the last fit
-    bool reference_stale;    // a persisting anomaly cleared the store: only range verdicts count
-    bool anomaly_cleared;    // ... and this anomaly episode has done so
+    SphereFit sphere;         // the last sphere fit, of the store as the library sees it
+    EllipsoidFit ellipsoid;   // fitted in one cycle, judged in the next
+    OffsetCovariance cov;     // the estimate in use (any source)
+    bool sphere_pending;      // `sphere` waits for its judgement
+    bool ellipsoid_due;       // the sphere's residual asks for an ellipsoid fit in a coming cycle
+    bool ellipsoid_pending;   // `ellipsoid` waits for its judgement
+    uint8_t joined;           // samples joined since the last sphere fit
+    uint8_t coverage;         // cells of the store about the offset in use, at the last fit
+    uint8_t ellipsoid_cells;  // the store's cells when the correction in use was fitted
+    bool reference_stale;     // a persisting anomaly cleared the store: only range verdicts count
+    bool anomaly_cleared;     // ... and this anomaly episode has done so
     // The chip's raw temperatures of the samples joined since the store was last emptied
     // (bounds of the kept ones'), valid when temp_known.
     bool temp_known;
