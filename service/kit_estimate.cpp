@@ -233,9 +233,9 @@ void publish(const Vec3 &offset, uint8_t estimator, KmxcServiceEvent *e) {
 
 // The reference for anomalies: the candidate's recent-sample agreement (strength and
 // dip), with the store's mean strength when too few samples have been fed since start
-// or since a rough-offset change.
-Agreement reference_of(const SoftIron &soft, const Vec3 &offset, const StrengthStats &store) {
-    Agreement a = agreement(soft, axes(offset), g_state.fed_count, true);
+// or since a rough-offset change. fed: the fed samples through the candidate's correction.
+Agreement reference_of(const Vec3 *fed, const Vec3 &offset, const StrengthStats &store) {
+    Agreement a = agreement_of(fed, axes(offset), g_state.fed_count, true);
     if (g_state.fed_count < KMXC_SERVICE_CONFIRM_SAMPLES) a.mean = store.mean_q4 >> kQ4;
     return a;
 }
@@ -247,10 +247,13 @@ Agreement ring_of(const SoftIron &soft, const KmxAxesData &offset) {
 
 // The estimate in use's predicted horizontal error variance at gravity g; INT64_MAX when
 // it has none or the recent fed samples no longer agree with it (its prediction is of a
-// field that has gone: any agreeing candidate is better).
-int64_t in_use_variance(const KmxAxesData &o, const Vec3 &g) {
+// field that has gone: any agreeing candidate is better). fed: the fed samples through
+// the correction in use, or null.
+int64_t in_use_variance(const KmxAxesData &o, const Vec3 &g, const Vec3 *fed) {
     const OffsetCovariance &in_use = est().cov;
-    if (!in_use.valid || !agrees(ring_of(g_state.soft_iron, o))) return INT64_MAX;
+    if (!in_use.valid) return INT64_MAX;
+    if (!agrees(fed != nullptr ? agreement_of(fed, o, g_state.fed_count, false) : ring_of(g_state.soft_iron, o)))
+        return INT64_MAX;
     return horizontal_variance(in_use, g);
 }
 
@@ -262,13 +265,14 @@ enum class Take { kNo, kCovariance, kPublish };
 // describes the field now) and its predicted horizontal error is no larger than the
 // estimate in use's. It is then published when it moves the offset enough, brings a new
 // correction, or is clearly better determined; when it leaves the offset where it is,
-// only its covariance is taken.
-Take take(bool new_correction, const Vec3 &offset, const Agreement &ring, const OffsetCovariance &p, const Vec3 &g) {
+// only its covariance is taken. fed: the fed samples through the correction in use, or null.
+Take take(bool new_correction, const Vec3 &offset, const Agreement &ring, const OffsetCovariance &p, const Vec3 &g,
+          const Vec3 *fed) {
     if (!g_state.offset_trusted) return Take::kPublish;
     if (!agrees(ring)) return Take::kNo;
     const int64_t mine = horizontal_variance(p, g);
     const KmxAxesData o = offset_in_use();
-    const int64_t theirs = in_use_variance(o, g);
+    const int64_t theirs = in_use_variance(o, g, fed);
     if (mine > theirs) return Take::kNo;
     if (new_correction || moves(offset, o) ||
         (theirs != INT64_MAX && mine * KMXC_SERVICE_REPUBLISH_VARIANCE_FACTOR <= theirs))
@@ -322,11 +326,14 @@ void judge_sphere(const Vec3 &g, KmxcServiceEvent *e) {
     const int8_t level = level_of(fit.residual);
     if (level == KMXC_SERVICE_UNRELIABLE) return;  // refused: its own samples disagree
     const KmxAxesData in_use = offset_in_use();
-    const Agreement ring = ring_of(soft, axes(fit.offset));
+    // The fed samples through the correction in use, corrected once for every look below.
+    Vec3 fed[KMXC_SERVICE_FEED_HISTORY];
+    fed_corrected(soft, g_state.fed_count, fed);
+    const Agreement ring = agreement_of(fed, axes(fit.offset), g_state.fed_count, false);
     // Drift: a store that agrees with itself but not with a full ring of recent samples,
     // while the offset in use does, describes a field that has gone.
     if (g_state.offset_trusted && !g_state.in_anomaly && g_state.fed_count == KMXC_SERVICE_FEED_HISTORY &&
-        !agrees(ring) && agrees(ring_of(soft, in_use))) {
+        !agrees(ring) && agrees(agreement_of(fed, in_use, g_state.fed_count, false))) {
         store_clear();
         return;
     }
@@ -337,7 +344,7 @@ void judge_sphere(const Vec3 &g, KmxcServiceEvent *e) {
     if (!covariance_of(u, n, radius, residual_variance_q8(fit.residual.spread_q8, n, 4, store_wander_sq_q8()), &p))
         return;
     if (!every_direction_determined(p)) return;
-    const Take t = take(false, fit.offset, ring, p, g);
+    const Take t = take(false, fit.offset, ring, p, g, fed);
     if (t == Take::kNo) return;
     s.cov = p;
     if (t == Take::kCovariance) {
@@ -345,7 +352,7 @@ void judge_sphere(const Vec3 &g, KmxcServiceEvent *e) {
         return;
     }
     publish(fit.offset, KMXC_SERVICE_ESTIMATOR_STORE_SPHERE, e);
-    trust_estimate(level, reference_of(soft, fit.offset, fit.residual));
+    trust_estimate(level, reference_of(fed, fit.offset, fit.residual), fed);
     note_trusted_reference();
 }
 
@@ -381,11 +388,15 @@ void judge_ellipsoid(const Vec3 &g, KmxcServiceEvent *e) {
     // As for the sphere: a store turned mostly flat leaves its axis to the ridge.
     if (!every_direction_determined(p)) return;
     if (!ellipsoid_centre_plausible(fit, s.sphere)) return;
-    if (take(true, fit.offset, ring_of(soft, axes(fit.offset)), p, g) == Take::kNo) return;
+    // The fed samples through the new correction (the one in use once it is taken).
+    Vec3 fed[KMXC_SERVICE_FEED_HISTORY];
+    fed_corrected(soft, g_state.fed_count, fed);
+    const Agreement ring = agreement_of(fed, axes(fit.offset), g_state.fed_count, false);
+    if (take(true, fit.offset, ring, p, g, nullptr) == Take::kNo) return;
     s.cov = p;
     g_state.soft_iron = soft;
     publish(fit.offset, KMXC_SERVICE_ESTIMATOR_ELLIPSOID, e);
-    trust_estimate(level, reference_of(soft, fit.offset, fit.residual));
+    trust_estimate(level, reference_of(fed, fit.offset, fit.residual), fed);
     note_trusted_reference();
 }
 
@@ -427,7 +438,7 @@ bool library_fit_preferred(const KmxAxesData &o, const Vec3 &g) {
     OffsetCovariance p;
     if (!ring_covariance(o, KMXC_SERVICE_FEED_HISTORY, 4, &p)) return false;
     if (!agrees(ring_of(g_state.soft_iron, o))) return false;
-    const int64_t theirs = in_use_variance(offset_in_use(), g);
+    const int64_t theirs = in_use_variance(offset_in_use(), g, nullptr);
     if (theirs != INT64_MAX && horizontal_variance(p, g) > theirs) return false;
     est().cov = p;
     return true;

@@ -54,8 +54,10 @@ Vec3 apply_q14(const int16_t w[9], const Vec3 &v, int frac) {
     return Vec3{out[0], out[1], out[2]};
 }
 
-int32_t dip_cos(const Vec3 &field, const Vec3 &gravity) {
-    const int64_t lf = length(field), lg = length(gravity);
+int32_t dip_cos(const Vec3 &field, const Vec3 &gravity) { return dip_cos(field, length(field), gravity); }
+
+int32_t dip_cos(const Vec3 &field, int32_t field_length, const Vec3 &gravity) {
+    const int64_t lf = field_length, lg = length(gravity);
     if (lf == 0 || lg == 0) return 0;
     return static_cast<int32_t>(dot(field, gravity) * 1000 / (lf * lg));
 }
