@@ -135,11 +135,9 @@ bool covariance_of(const Vec3 *u, int n, int32_t radius, int64_t var_q8, OffsetC
     m[0] += prior - noise, m[3] += prior - noise, m[5] += prior - noise;
     const int64_t a[9] = {m[0], m[1], m[2], m[1], m[3], m[4], m[2], m[4], m[5]};
     constexpr int8_t kFrac[3] = {0, 0, 0};
+    const int64_t b[3][3] = {{k_q8, 0, 0}, {0, k_q8, 0}, {0, 0, k_q8}};
     int64_t col[3][3];
-    for (int j = 0; j < 3; ++j) {
-        const int64_t b[3] = {j == 0 ? k_q8 : 0, j == 1 ? k_q8 : 0, j == 2 ? k_q8 : 0};
-        if (solve_spd(3, a, b, kFrac, col[j]) != FitResult::kOk) return false;
-    }
+    if (solve_spd_columns(3, a, 3, b[0], kFrac, col[0]) != FitResult::kOk) return false;
     // The solve's columns are symmetric to its rounding; the upper triangle is kept. The
     // prior bounds every entry by s0^2 (2^19.3 in 1/256).
     const int64_t p[6] = {col[0][0], col[1][0], col[2][0], col[1][1], col[2][1], col[2][2]};
