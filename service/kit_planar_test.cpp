@@ -273,51 +273,6 @@ TEST(PlanarRules, AReferenceCircleThatNoSampleCanLieOnIsRefused) {
     EXPECT_NEAR(o.z, 20, 1);
 }
 
-// The refinement against the same Gauss-Newton steps in double, on a flat arc about a
-// known centre whose reference is half the field's strength: every sample's residual is
-// then 3/4 of the squared radius. Circles of 1000 counts (the refinement's sums in 32-bit
-// factors) and of 5000 counts (beyond them: the residual alone outgrows 32 bits) check
-// that the sums stay exact on each side of the bound where they change.
-TEST(PlanarRules, TheRefinementMatchesDoubleOnEachSideOfThe32BitSums) {
-    for (const double radius : {1000.0, 5000.0}) {
-        SCOPED_TRACE(::testing::Message() << "radius " << radius);
-        std::mt19937 rng(3);
-        const double strength = radius / std::sin(60 * kPi / 180);
-        const Circle c{Vector3d(40, -30, 20), Vector3d(0, 0, 1), strength, 60, 240, 0, 0, 32, 0, 0};
-        const FieldStore s = store_of(c, rng);
-        ASSERT_EQ(s.count, 32);
-        // The circle as drawn (the circle fit refuses one this far beyond the Earth's).
-        const Vector3d centre = c.offset + strength / 2 * c.down;
-        const CircleFit fit{Vec3{0, 0, 16384},
-                            Vec3{int32_t(std::lround(16 * centre.x())), int32_t(std::lround(16 * centre.y())),
-                                 int32_t(std::lround(16 * centre.z()))},
-                            static_cast<int32_t>(std::lround(16 * radius)), 0};
-        const PlanarReference half{static_cast<int32_t>(std::lround(strength / 2)), 6000};
-        Vec3 o{0, 0, 0};
-        int32_t arc = 0;
-        ASSERT_TRUE(planar_offset_from_reference(s, fit, half, &o, &arc));
-        // The same steps in double: d moves to where |m - c - d|^2 meets F^2 - h^2.
-        const double f = half.strength, axial = f * std::cos(60 * kPi / 180);
-        const Vector3d cq = Vector3d(fit.centre_q4.x, fit.centre_q4.y, fit.centre_q4.z) / 16;
-        Eigen::Vector2d d = Eigen::Vector2d::Zero();
-        for (int step = 0; step < kPlanarRefineSteps; ++step) {
-            Eigen::Matrix2d jtj = Eigen::Matrix2d::Zero();
-            Eigen::Vector2d jtr = Eigen::Vector2d::Zero();
-            for (int i = 0; i < s.count; ++i) {
-                const Vector3d m = Vector3d(s.sample[i].m[0], s.sample[i].m[1], s.sample[i].m[2]) - cq;
-                const Eigen::Vector2d a = Eigen::Vector2d(m.x(), m.y()) - d;
-                const double h = m.z() + axial, r = a.squaredNorm() - (f * f - h * h);
-                jtj += a * a.transpose();
-                jtr += a * r / 2;
-            }
-            d += jtj.ldlt().solve(jtr);
-        }
-        EXPECT_NEAR(o.x, cq.x() + d.x(), 1);
-        EXPECT_NEAR(o.y, cq.y() + d.y(), 1);
-        EXPECT_NEAR(o.z, cq.z() - axial, 1);
-    }
-}
-
 // ---- The kit's rules: steady tilt, the dip's angle, its persistence -----------------------
 
 void start_kit(uint32_t rate_hz) {
