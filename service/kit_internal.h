@@ -165,7 +165,7 @@ struct Agreement {
 };
 Agreement agreement(const KmxAxesData &o, int n);
 // The same for the fed samples as the library would see them through the correction s;
-// the dip only when asked for (it costs two roots and a division per sample).
+// the dip only when asked for (it costs a root and a division per sample).
 Agreement agreement(const SoftIron &s, const KmxAxesData &o, int n, bool with_dip);
 // The last n fed samples (n up to KMXC_SERVICE_FEED_HISTORY) through the correction s,
 // newest first: a judgement that looks at them several times corrects them once.
