@@ -30,10 +30,48 @@ uint32_t isqrt64(uint64_t v) {
     return static_cast<uint32_t>(isqrt_from<uint64_t>(v, uint64_t{1} << ((63 - std::countl_zero(v)) & ~1)));
 }
 
+namespace {
+
+// One step of the 32-bit root: root holds 2R, R the root's bits above n; bit n is set
+// when v (what R^2 leaves) still holds (2R + 2^n) 2^n = (R + 2^n)^2 - R^2 (below 2^32 as
+// R + 2^n <= 2^16). The test compares v 2^-n, truncated, with 2R + 2^n: the same, as
+// (2R + 2^n) 2^n has no bits below n.
+template <int n>
+void root_step(uint32_t &v, uint32_t &root) {
+    const uint32_t trial = root + (uint32_t{1} << n);
+    if ((v >> n) >= trial) {
+        v -= trial << n;
+        root |= uint32_t{2} << n;
+    }
+}
+
+}  // namespace
+
 uint32_t isqrt32(uint32_t v) {
-    if (v == 0) return 0;
-    // Start at the highest power of four not above v (CLZ on ARMv5TE).
-    return isqrt_from<uint32_t>(v, uint32_t{1} << ((31 - std::countl_zero(v)) & ~1));
+    // The digit-by-digit root unrolled (a few instructions per result bit on ARMv5TE, no
+    // loop), entered at the step of v's highest power of four (CLZ): the steps above it
+    // would set no bit.
+    uint32_t root = 0;
+    switch ((31 - std::countl_zero(v)) >> 1) {
+    case 15: root_step<15>(v, root); [[fallthrough]];
+    case 14: root_step<14>(v, root); [[fallthrough]];
+    case 13: root_step<13>(v, root); [[fallthrough]];
+    case 12: root_step<12>(v, root); [[fallthrough]];
+    case 11: root_step<11>(v, root); [[fallthrough]];
+    case 10: root_step<10>(v, root); [[fallthrough]];
+    case 9: root_step<9>(v, root); [[fallthrough]];
+    case 8: root_step<8>(v, root); [[fallthrough]];
+    case 7: root_step<7>(v, root); [[fallthrough]];
+    case 6: root_step<6>(v, root); [[fallthrough]];
+    case 5: root_step<5>(v, root); [[fallthrough]];
+    case 4: root_step<4>(v, root); [[fallthrough]];
+    case 3: root_step<3>(v, root); [[fallthrough]];
+    case 2: root_step<2>(v, root); [[fallthrough]];
+    case 1: root_step<1>(v, root); [[fallthrough]];
+    case 0: root_step<0>(v, root); break;
+    default: break;  // v = 0 (no bit: -1)
+    }
+    return root >> 1;
 }
 
 int32_t length(const Vec3 &v) {
@@ -54,8 +92,10 @@ Vec3 apply_q14(const int16_t w[9], const Vec3 &v, int frac) {
     return Vec3{out[0], out[1], out[2]};
 }
 
-int32_t dip_cos(const Vec3 &field, const Vec3 &gravity) {
-    const int64_t lf = length(field), lg = length(gravity);
+int32_t dip_cos(const Vec3 &field, const Vec3 &gravity) { return dip_cos(field, length(field), gravity); }
+
+int32_t dip_cos(const Vec3 &field, int32_t field_length, const Vec3 &gravity) {
+    const int64_t lf = field_length, lg = length(gravity);
     if (lf == 0 || lg == 0) return 0;
     return static_cast<int32_t>(dot(field, gravity) * 1000 / (lf * lg));
 }

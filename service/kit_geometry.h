@@ -30,6 +30,8 @@ inline Vec3 minus(const Vec3 &a, const Vec3 &b) { return Vec3{a.x - b.x, a.y - b
 int32_t length(const Vec3 &v);
 // 1000 cos of the angle between field and gravity, truncated; 0 when either has no length.
 int32_t dip_cos(const Vec3 &field, const Vec3 &gravity);
+// The same with the field's length(field) already at hand.
+int32_t dip_cos(const Vec3 &field, int32_t field_length, const Vec3 &gravity);
 // W v for a 3x3 correction W in Q14 (16384 = 1; row-major), to `frac` fraction bits
 // (0: counts, 4: 1/16 count; at most 13), each component rounded to nearest (ties up).
 // Components of v within +-2^16.

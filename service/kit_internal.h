@@ -171,8 +171,13 @@ struct Agreement {
 };
 Agreement agreement(const KmxAxesData &o, int n);
 // The same for the fed samples as the library would see them through the correction s;
-// the dip only when asked for (it costs two roots and a division per sample).
+// the dip only when asked for (it costs a root and a division per sample).
 Agreement agreement(const SoftIron &s, const KmxAxesData &o, int n, bool with_dip);
+// The last n fed samples (n up to KMXC_SERVICE_FEED_HISTORY) through the correction s,
+// newest first: a judgement that looks at them several times corrects them once.
+void fed_corrected(const SoftIron &s, int n, Vec3 *u);
+// agreement() of the fed samples already corrected (u from fed_corrected, n the same).
+Agreement agreement_of(const Vec3 *u, const KmxAxesData &o, int n, bool with_dip);
 // |g| is 1 g within KMXC_SERVICE_STEADY_GRAVITY_PERMILLE: no hand acceleration.
 bool gravity_steady(const Vec3 &g);
 
@@ -194,8 +199,9 @@ int32_t strength_centi_uT(const Vec3 &v);
 // An anomaly with these causes was seen now: hold the accuracy down (flagged in e).
 void note_anomaly(uint8_t causes, int64_t now, KmxcServiceEvent *e);
 int8_t accuracy_now(int64_t now);
-// Adopts an agreeing estimate: accuracy, trust, reference, save.
-void trust_estimate(int8_t level, const Agreement &a);
+// Adopts an agreeing estimate: accuracy, trust, reference, save. fed: the fed samples
+// through the correction now in use (fed_corrected of all g_state.fed_count), or null.
+void trust_estimate(int8_t level, const Agreement &a, const Vec3 *fed);
 // The running mean of gravity and this cycle's steady-tilt verdict (g_state.tilt_steady).
 void track_tilt(const Vec3 &g);
 // The anomaly rules on this sample (field v about the offset in use, its strength and
@@ -205,7 +211,8 @@ void judge_anomaly(const Vec3 &g, int32_t strength, int32_t dip, const KmxAxesDa
                    KmxcServiceEvent *e);
 // The mean angle between field (through the correction in use, offset o removed) and
 // gravity over the last n fed samples in steady tilt, centidegrees; false when none.
-bool ring_dip_cdeg(const KmxAxesData &o, int n, int32_t *cdeg);
+// fed: those samples already corrected (fed_corrected), or null.
+bool ring_dip_cdeg(const Vec3 *fed, const KmxAxesData &o, int n, int32_t *cdeg);
 // Adopts a planar estimate of accuracy `level` whose offset the library now uses: the
 // references stay (they are what it was checked against).
 void trust_planar(int8_t level);

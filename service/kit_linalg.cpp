@@ -140,9 +140,10 @@ bool substitute(int n, const Factor &f, const int64_t *b, int t, int64_t v[]) {
 
 }  // namespace
 
-FitResult solve_spd(int n, const int64_t *a, const int64_t *b, const int8_t *frac, int64_t *x) {
-    Factor f;
-    if (!equilibrate(n, a, f.e) || !factorise(n, a, &f)) return FitResult::kIllConditioned;
+namespace {
+
+// x from the factorised a and one right-hand side b (solve_spd's second half).
+FitResult solve_factored(int n, const Factor &f, const int64_t *b, const int8_t *frac, int64_t *x) {
     const int t = rhs_scale(n, b, f.e);
     if (t == -64) {  // b = 0
         for (int i = 0; i < n; ++i) x[i] = 0;
@@ -166,6 +167,24 @@ FitResult solve_spd(int n, const int64_t *a, const int64_t *b, const int8_t *fra
         }
     }
     for (int i = 0; i < n; ++i) x[i] = out[i];
+    return FitResult::kOk;
+}
+
+}  // namespace
+
+FitResult solve_spd(int n, const int64_t *a, const int64_t *b, const int8_t *frac, int64_t *x) {
+    Factor f;
+    if (!equilibrate(n, a, f.e) || !factorise(n, a, &f)) return FitResult::kIllConditioned;
+    return solve_factored(n, f, b, frac, x);
+}
+
+FitResult solve_spd_columns(int n, const int64_t *a, int m, const int64_t *b, const int8_t *frac, int64_t *x) {
+    Factor f;
+    if (!equilibrate(n, a, f.e) || !factorise(n, a, &f)) return FitResult::kIllConditioned;
+    for (int j = 0; j < m; ++j) {
+        const FitResult r = solve_factored(n, f, b + j * n, frac, x + j * n);
+        if (r != FitResult::kOk) return r;
+    }
     return FitResult::kOk;
 }
 

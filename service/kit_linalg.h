@@ -37,6 +37,10 @@ constexpr int kSolvePivotBits = 12;
 //                     definite, or intermediate values beyond 2^52 (x untouched)
 //   kOverflowRisk     a solution does not fit its requested format (x untouched)
 FitResult solve_spd(int n, const int64_t *a, const int64_t *b, const int8_t *frac, int64_t *x);
+// solve_spd for m right-hand sides at once (b and x: m columns of n, one after the
+// other), a factorised once: each column exactly as solve_spd gives it. The first
+// column solve_spd would refuse ends it with that result (the columns before it filled).
+FitResult solve_spd_columns(int n, const int64_t *a, int m, const int64_t *b, const int8_t *frac, int64_t *x);
 
 // Eigenvalues of the packed symmetric matrix s (|entries| < 2^62), in descending order
 // and in the scale of s (floored to whole units). A diagonal s gives its diagonal

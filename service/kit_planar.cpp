@@ -52,6 +52,28 @@ InPlane in_plane(const FieldStore &store, int i, const CircleFit &fit, const int
     return InPlane{round_shift(p, kQ14 - 4), round_shift(q, kQ14 - 4), round_shift(z, kQ14 - 4)};
 }
 
+// One Gauss-Newton step's sums about (dx, dy) (planar_offset_from_reference): saa, sab,
+// sbb, sar, sbr. T holds a = p - dx, b = q - dy and r 2^-8: int64_t always; int32_t when
+// the caller has bounded them (|a|, |b| < 2^19 and 0 < target < 2^39 put r within
+// +-2^39, r 2^-8 within int32), where every product is one 32 x 32 multiply on the
+// target instead of a 64-bit one. The sums are the same either way.
+template <class T>
+void step_sums(const InPlane *s, const int64_t *target, int n, int64_t dx, int64_t dy, int64_t sums[5]) {
+    int64_t saa = 0, sab = 0, sbb = 0, sar = 0, sbr = 0;
+    for (int i = 0; i < n; ++i) {
+        const T a = static_cast<T>(s[i].p - dx), b = static_cast<T>(s[i].q - dy);
+        const int64_t r = int64_t{a} * a + int64_t{b} * b - target[i];
+        const T r8 = static_cast<T>(r >> 8);  // r to 2^-8 count^2: the products below 2^50
+        saa += int64_t{a} * a, sab += int64_t{a} * b, sbb += int64_t{b} * b;
+        sar += int64_t{a} * r8, sbr += int64_t{b} * r8;
+    }
+    sums[0] = saa, sums[1] = sab, sums[2] = sbb, sums[3] = sar, sums[4] = sbr;
+}
+
+// The bound under which step_sums may take 32-bit factors: |a|, |b| below 2^19.
+constexpr int kFastBits = 18;  // |p|, |q| and |dx|, |dy| each below 2^18
+constexpr int64_t kFastTarget = int64_t{1} << 39;
+
 // Largest and smallest of sin over [a, b] (centidegrees, 0 <= a <= b <= 18000), Q14.
 void sin_range(int32_t a, int32_t b, int32_t *lo, int32_t *hi) {
     const int32_t sa = sin_q14(a), sb = sin_q14(b);
@@ -113,26 +135,27 @@ bool planar_offset_from_reference(const FieldStore &store, const CircleFit &fit,
     const int64_t axial_q8 = round_shift(int64_t{ref.strength} * cos_q14(ref.angle_cdeg), kQ14 - 8);
     InPlane s[kStoreCapacity];
     int64_t target[kStoreCapacity];  // F^2 - (z + F cos theta)^2: the squared radius at the sample's height, 2^-16
+    bool small = true;               // every |p|, |q| below 2^kFastBits and target below kFastTarget
     for (int i = 0; i < n; ++i) {
         s[i] = in_plane(store, i, fit, e1, e2);
         const int64_t h = s[i].z + axial_q8;
         target[i] = f_q8 * f_q8 - h * h;
         if (target[i] <= 0) return false;
+        small = small && s[i].p < (1 << kFastBits) && s[i].p > -(1 << kFastBits) && s[i].q < (1 << kFastBits) &&
+                s[i].q > -(1 << kFastBits) && target[i] < kFastTarget;
     }
     // Gauss-Newton on d (1/256 count) for r_i = |(p, q) - d|^2 - target_i: the normal
     // equations sum(a a^T) delta = sum(a r) / 2 with a = (p, q) - d. |a| below 2^17
     // (twice a radius of 2^9 counts), r below 2^35: the sums below 2^44 and 2^58.
     int64_t dx = 0, dy = 0;
     for (int step = 0; step < kPlanarRefineSteps; ++step) {
-        int64_t saa = 0, sab = 0, sbb = 0, sar = 0, sbr = 0;
-        for (int i = 0; i < n; ++i) {
-            const int64_t a = s[i].p - dx, b = s[i].q - dy;
-            const int64_t r = a * a + b * b - target[i];
-            saa += a * a, sab += a * b, sbb += b * b;
-            sar += a * (r >> 8), sbr += b * (r >> 8);  // r to 2^-8 count^2: the products below 2^50
-        }
-        const int64_t m2[4] = {saa, sab, sab, sbb};
-        const int64_t rhs[2] = {sar, sbr};
+        int64_t sums[5];
+        if (small && dx < (1 << kFastBits) && dx > -(1 << kFastBits) && dy < (1 << kFastBits) && dy > -(1 << kFastBits))
+            step_sums<int32_t>(s, target, n, dx, dy, sums);
+        else
+            step_sums<int64_t>(s, target, n, dx, dy, sums);
+        const int64_t m2[4] = {sums[0], sums[1], sums[1], sums[2]};
+        const int64_t rhs[2] = {sums[3], sums[4]};
         // The solution is 2 delta in 1/256 count times 2^-8 (r's shift): 7 fraction bits
         // give delta itself.
         constexpr int8_t kFrac[2] = {7, 7};

@@ -47,19 +47,29 @@ Vec3 corrected(const SoftIron &s, const Vec3 &m) {
 
 Agreement agreement(const KmxAxesData &o, int n) { return agreement(g_state.soft_iron, o, n, true); }
 
+void fed_corrected(const SoftIron &soft, int n, Vec3 *u) {
+    for (int i = 0; i < n; ++i) u[i] = corrected(soft, g_state.fed[fed_slot(i)]);
+}
+
 Agreement agreement(const SoftIron &soft, const KmxAxesData &o, int n, bool with_dip) {
+    Vec3 u[KMXC_SERVICE_FEED_HISTORY];
+    fed_corrected(soft, n, u);
+    return agreement_of(u, o, n, with_dip);
+}
+
+Agreement agreement_of(const Vec3 *u, const KmxAxesData &o, int n, bool with_dip) {
     Agreement a{0, 0, 0, true, 0, false};
     int64_t sum = 0, dip_sum = 0;
     int dips = 0;
     int32_t s[KMXC_SERVICE_FEED_HISTORY];
     for (int i = 0; i < n; ++i) {
         const int slot = fed_slot(i);
-        const Vec3 v = minus(corrected(soft, g_state.fed[slot]), o);
+        const Vec3 v = minus(u[i], o);
         s[i] = length(v);
         sum += s[i];
         if (!strength_in_earth_range(s[i])) a.in_range = false;
         if (with_dip && gravity_steady(g_state.fed_g[slot])) {
-            dip_sum += dip_cos(v, g_state.fed_g[slot]);
+            dip_sum += dip_cos(v, s[i], g_state.fed_g[slot]);
             ++dips;
         }
     }
@@ -122,14 +132,15 @@ void track_tilt(const Vec3 &g) {
 
 // The samples in steady tilt when there are any; else (a phone turned by hand, whose
 // gravity turns with it) those whose |g| is steady, their hand accelerations averaged.
-bool ring_dip_cdeg(const KmxAxesData &o, int n, int32_t *cdeg) {
+bool ring_dip_cdeg(const Vec3 *fed, const KmxAxesData &o, int n, int32_t *cdeg) {
     int64_t sum[2] = {0, 0};
     int count[2] = {0, 0};
     for (int i = 0; i < n; ++i) {
         const int slot = fed_slot(i);
         if (!gravity_steady(g_state.fed_g[slot])) continue;
         const int k = (g_state.fed_tilt_steady & (1u << slot)) != 0 ? 0 : 1;
-        sum[k] += angle_between_cdeg(minus(corrected(g_state.soft_iron, g_state.fed[slot]), o), g_state.fed_g[slot]);
+        const Vec3 m = fed != nullptr ? fed[i] : corrected(g_state.soft_iron, g_state.fed[slot]);
+        sum[k] += angle_between_cdeg(minus(m, o), g_state.fed_g[slot]);
         ++count[k];
     }
     const int k = count[0] > 0 ? 0 : 1;
@@ -156,11 +167,12 @@ static void set_dip_bounds(int32_t cdeg) {
 // The reference for anomalies: the agreement's mean strength, and the mean angle of the
 // last fed samples in steady tilt about the offset in use. (The last trusted 3-D fit's
 // references for the planar estimator follow from it: note_trusted_reference.)
-static void set_reference(const Agreement &a) {
+// fed: the fed samples through the correction in use, or null.
+static void set_reference(const Agreement &a, const Vec3 *fed) {
     KmxAxesData o;
     KmxAxesLibGetMsOffset(&o);
     int32_t cdeg = 0;
-    const bool dip = ring_dip_cdeg(o, g_state.fed_count, &cdeg);
+    const bool dip = ring_dip_cdeg(fed, o, g_state.fed_count, &cdeg);
     g_state.reference = true;
     g_state.ref_strength = a.mean;
     g_state.ref_dip = a.dip;
@@ -218,16 +230,16 @@ void on_fit(const KmxAxesData &o) {
     g_state.offset_trusted = true;
     g_state.stored_pending = false;
     g_state.provisional = false;
-    set_reference(a);
+    set_reference(a, nullptr);
     if (agrees) g_state.save_pending = true;  // saved in the cycle when it differs from the stored one
 }
 
-void trust_estimate(int8_t level, const Agreement &a) {
+void trust_estimate(int8_t level, const Agreement &a, const Vec3 *fed) {
     g_state.base_accuracy = level;
     g_state.offset_trusted = true;
     g_state.stored_pending = false;
     g_state.provisional = false;
-    set_reference(a);
+    set_reference(a, fed);
     g_state.save_pending = true;
 }
 
@@ -260,7 +272,7 @@ void try_confirm(const KmxAxesData &o, KmxcServiceEvent *e) {
     g_state.offset_trusted = true;
     g_state.provisional = false;
     g_state.base_accuracy = KMXC_SERVICE_MEDIUM;
-    set_reference(a);
+    set_reference(a, nullptr);
     e->flags |= KMXC_SERVICE_CONFIRMED;
 }
 

@@ -1,0 +1,165 @@
+// The predicted uncertainty of the kit's offset estimates (kit_uncertainty.h). Integer
+// arithmetic only.
+#include "service/kit_uncertainty.h"
+
+namespace kmxc_kit {
+
+namespace {
+
+// What does not average out over a fit's samples: the chip's offset wanders as its
+// temperature changes (the library's drift correction rounds to whole counts: a count
+// either way within a degree), so samples taken at temperatures a degree or more apart
+// disagree by up to a count whatever their number. The wander b grows with the store's
+// span of raw temperature (4 per degree) up to kWanderMaxRaw, where it is a count; each
+// sample's error variance carries it once more per sample, which bounds what many
+// samples on a thin band (a phone in a mount for minutes, tilted by the road alone) can
+// tell along the band's axis.
+constexpr int32_t kWanderMaxRaw = 4;
+
+// The heading limits as squared angles, rad^2 in 2^-30: (cdeg pi / 18000)^2, pi as
+// 355/113 (within 3e-7).
+constexpr int64_t limit_sq_q30(int64_t cdeg) {
+    const int64_t rad_q20 = cdeg * 355 * (int64_t{1} << 20) / (113 * 18000);
+    return (rad_q20 * rad_q20) >> 10;
+}
+constexpr int64_t kLimitSqQ30[3] = {limit_sq_q30(KMXC_SERVICE_HEADING_SIGMA_HIGH_CDEG),
+                                    limit_sq_q30(KMXC_SERVICE_HEADING_SIGMA_MEDIUM_CDEG),
+                                    limit_sq_q30(KMXC_SERVICE_HEADING_SIGMA_LOW_CDEG)};
+constexpr int8_t kLimitLevel[3] = {KMXC_SERVICE_HIGH, KMXC_SERVICE_MEDIUM, KMXC_SERVICE_LOW};
+static_assert(kLimitSqQ30[2] < (int64_t{1} << 27), "a squared limit times |e'|^4 (below 2^35.2) fits 63 bits");
+
+int32_t abs32(int32_t v) { return v < 0 ? -v : v; }
+
+// n C, C the n samples' scatter about their mean (upper triangle: xx, xy, xz, yy, yz,
+// zz), from sums about the first sample: with |u - u0| <= 2^11 (any Earth field's
+// sphere), n C stays below 2^33 per entry.
+void scatter_of(const Vec3 *u, int n, int64_t m[6]) {
+    int64_t s[3] = {0, 0, 0}, uu[6] = {0, 0, 0, 0, 0, 0};
+    for (int i = 0; i < n; ++i) {
+        const Vec3 d = minus(u[i], u[0]);
+        s[0] += d.x, s[1] += d.y, s[2] += d.z;
+        uu[0] += int64_t{d.x} * d.x, uu[1] += int64_t{d.x} * d.y, uu[2] += int64_t{d.x} * d.z;
+        uu[3] += int64_t{d.y} * d.y, uu[4] += int64_t{d.y} * d.z, uu[5] += int64_t{d.z} * d.z;
+    }
+    constexpr int kRow[6] = {0, 0, 0, 1, 1, 2}, kCol[6] = {0, 1, 2, 1, 2, 2};
+    for (int k = 0; k < 6; ++k) m[k] = n * uu[k] - s[kRow[k]] * s[kCol[k]];
+}
+
+// The largest variance of P along any direction (1/256 count^2): its largest eigenvalue.
+int64_t worst_variance(const OffsetCovariance &c) {
+    const int64_t p[6] = {c.p_q8[0], c.p_q8[1], c.p_q8[2], c.p_q8[3], c.p_q8[4], c.p_q8[5]};
+    int64_t lambda[3];
+    sym3_eigenvalues(p, lambda);
+    return lambda[0];
+}
+
+}  // namespace
+
+bool covariance_of(const Vec3 *u, int n, int32_t radius, int64_t var_q8, OffsetCovariance *out) {
+    out->valid = false;
+    if (n < 2 || radius <= 0) return false;
+    // K: R^2 below 2^17 (an Earth field's strength), var_q8 below 2^20 (the fits refuse
+    // a residual of 8 % of the strength, 17 counts at most), n up to 32: below 2^42.
+    const int64_t k_q8 = int64_t{n} * radius * radius * var_q8;
+    const int64_t prior = k_q8 / (kPriorVarianceCounts2 << kQ8) + 1;  // n R^2 s^2 / s0^2, rounded up
+    int64_t m[6];
+    scatter_of(u, n, m);
+    int64_t lambda[3];
+    sym3_eigenvalues(m, lambda);
+    int64_t noise = (int64_t{n} * n * kExpectedResidualSqQ8) >> kQ8;
+    if (noise > lambda[2]) noise = lambda[2] > 0 ? lambda[2] : 0;
+    m[0] += prior - noise, m[3] += prior - noise, m[5] += prior - noise;
+    const int64_t a[9] = {m[0], m[1], m[2], m[1], m[3], m[4], m[2], m[4], m[5]};
+    constexpr int8_t kFrac[3] = {0, 0, 0};
+    const int64_t b[3][3] = {{k_q8, 0, 0}, {0, k_q8, 0}, {0, 0, k_q8}};
+    int64_t col[3][3];
+    if (solve_spd_columns(3, a, 3, b[0], kFrac, col[0]) != FitResult::kOk) return false;
+    // The solve's columns are symmetric to its rounding; the upper triangle is kept. The
+    // prior bounds every entry by s0^2 (2^19.3 in 1/256).
+    const int64_t p[6] = {col[0][0], col[1][0], col[2][0], col[1][1], col[2][1], col[2][2]};
+    for (int k = 0; k < 6; ++k) {
+        if (p[k] >= (int64_t{1} << 20) || p[k] <= -(int64_t{1} << 20)) return false;
+        out->p_q8[k] = static_cast<int32_t>(p[k]);
+    }
+    out->valid = true;
+    return true;
+}
+
+void note_temperature(int16_t raw) {
+    Estimators &s = g_state.est;
+    if (!s.temp_known || raw < s.temp_low) s.temp_low = raw;
+    if (!s.temp_known || raw > s.temp_high) s.temp_high = raw;
+    s.temp_known = true;
+}
+
+int64_t store_wander_sq_q8() {
+    const Estimators &s = g_state.est;
+    if (!s.temp_known) return 0;
+    const int32_t span = s.temp_high - s.temp_low < kWanderMaxRaw ? s.temp_high - s.temp_low : kWanderMaxRaw;
+    return (int64_t{span} * span << kQ8) / (kWanderMaxRaw * kWanderMaxRaw);
+}
+
+int64_t residual_variance_q8(int64_t spread_q8, int n, int unknowns, int64_t wander_sq_q8) {
+    const int64_t v = n > unknowns ? spread_q8 / (n - unknowns) : spread_q8;
+    return (v > kExpectedResidualSqQ8 ? v : kExpectedResidualSqQ8) + n * wander_sq_q8;
+}
+
+// With g scaled to 9 bits, g^T P g stays below 2^41.
+int64_t horizontal_variance(const OffsetCovariance &c, const Vec3 &g) {
+    const int32_t *p = c.p_q8;
+    const int64_t trace = int64_t{p[0]} + p[3] + p[5];
+    const int bits = significant_bits(abs32(g.x) | abs32(g.y) | abs32(g.z));
+    const int sh = bits > 9 ? bits - 9 : 0;
+    const int64_t x = g.x >> sh, y = g.y >> sh, z = g.z >> sh;
+    const int64_t gg = x * x + y * y + z * z;
+    if (gg == 0) return trace;
+    const int64_t gpg = x * (p[0] * x + p[1] * y + p[2] * z) + y * (p[1] * x + p[3] * y + p[4] * z) +
+                        z * (p[2] * x + p[4] * y + p[5] * z);
+    return trace - gpg / gg;
+}
+
+bool every_direction_determined(const OffsetCovariance &p) {
+    return worst_variance(p) <= (kPriorVarianceCounts2 << kQ8) / 4;
+}
+
+bool ring_covariance(const KmxAxesData &o, int n, int unknowns, OffsetCovariance *p) {
+    if (n > g_state.fed_count) n = g_state.fed_count;
+    const Agreement a = agreement(g_state.soft_iron, o, n, false);
+    Vec3 u[KMXC_SERVICE_FEED_HISTORY];
+    fed_corrected(g_state.soft_iron, n, u);
+    return covariance_of(u, n, a.mean, residual_variance_q8(a.spread << (2 * kQ4), n, unknowns, 0), p);
+}
+
+int8_t heading_accuracy_cap(const Vec3 &v, const Vec3 &g) {
+    const OffsetCovariance &c = g_state.est.cov;
+    if (!c.valid) return KMXC_SERVICE_HIGH;
+    // e = v x g: magnetic east, |e| = |h| |g| (h the horizontal field). Products below
+    // 2^31 for any in-range field (|v| < 2^16) and gravity (|g| < 2^14).
+    int64_t e[3] = {int64_t{v.y} * g.z - int64_t{v.z} * g.y, int64_t{v.z} * g.x - int64_t{v.x} * g.z,
+                    int64_t{v.x} * g.y - int64_t{v.y} * g.x};
+    // e to 8 bits (e' = e 2^-s): P e' below 2^30 per row, e'^T P e' below 2^40. The OR of
+    // the magnitudes has the largest one's bit length.
+    const int bits =
+        significant_bits((e[0] < 0 ? -e[0] : e[0]) | (e[1] < 0 ? -e[1] : e[1]) | (e[2] < 0 ? -e[2] : e[2]));
+    const int s = bits > 8 ? bits - 8 : 0;
+    const int32_t x = static_cast<int32_t>(e[0] >> s), y = static_cast<int32_t>(e[1] >> s),
+                  z = static_cast<int32_t>(e[2] >> s);
+    const int64_t b = int64_t{x} * x + int64_t{y} * y + int64_t{z} * z;  // |e'|^2 below 2^17.6
+    if (b == 0) return KMXC_SERVICE_UNRELIABLE;                          // the field along gravity: no heading
+    const int32_t *p = c.p_q8;
+    const int64_t a = int64_t{x} * (p[0] * x + p[1] * y + p[2] * z) + int64_t{y} * (p[1] * x + p[3] * y + p[4] * z) +
+                      int64_t{z} * (p[2] * x + p[4] * y + p[5] * z);
+    // sigma^2 = e^T P e |g|^2 / |e|^4 = a |g|^2 / (256 b^2 2^2s). With g' = g / 16 (|g'|^2
+    // below 2^21.6), sigma^2 <= T^2 reads a |g'|^2 <= T^2_q30 b^2 2^(2s - 30).
+    const int64_t gx = g.x >> 4, gy = g.y >> 4, gz = g.z >> 4;
+    const int64_t lhs = (a < 0 ? 0 : a) * (gx * gx + gy * gy + gz * gz);
+    const int k = 2 * s - 30;
+    const int64_t b2 = b * b;
+    for (int i = 0; i < 3; ++i) {
+        const int64_t rhs = kLimitSqQ30[i] * b2;
+        if (k >= 0 ? (lhs >> k) <= rhs : lhs <= (rhs >> -k)) return kLimitLevel[i];
+    }
+    return KMXC_SERVICE_UNRELIABLE;
+}
+
+}  // namespace kmxc_kit
