@@ -49,16 +49,20 @@
  *     sample (anomalies out) to a store of 32 samples spread over the sphere (a new
  *     rough offset empties it, and so does an anomaly lasting
  *     KMXC_SERVICE_STORE_ANOMALY_PERSIST_MS; a store that agrees with itself but not
- *     with the last 16 fed samples, while the offset in use does, is stale and emptied).
+ *     with the last 16 fed samples, while the offset in use does and those samples were
+ *     all fed after it came into use, is stale and emptied).
  *     Every KMXC_SERVICE_STORE_REFIT_JOINS new samples it is fitted with a sphere (the
  *     samples' spread at least 4/1024), judged like a library fit by its own 32
- *     samples' strengths (high, medium, or refused), and by its determinacy: the
- *     predicted offset error along the direction its samples determine least must lie
- *     within KMXC_SERVICE_STORE_UNCERTAINTY_PERMILLE of the strength for medium or high
- *     (else low while nothing is trusted). Once the store covers
- *     KMXC_SERVICE_ELLIPSOID_MIN_CELLS of the 24 cells an ellipsoid is fitted (an offset
- *     and a soft-iron correction W, det 1, axes 0.8..1.25), used only when its strengths'
- *     RMS residual is at most 1/KMXC_SERVICE_ELLIPSOID_BEAT_FACTOR of the sphere's. A
+ *     samples' strengths (high, medium, or refused), and by its determinacy: its
+ *     predicted offset error (from its residual, the chip's temperature wander and its
+ *     samples' spread) must be at most 25 counts (10 uT) along every direction, and at
+ *     each attitude it caps the accuracy through the heading's uncertainty
+ *     (KMXC_SERVICE_HEADING_SIGMA_*). When the sphere's residual exceeds
+ *     KMXC_SERVICE_ELLIPSOID_ATTEMPT_FACTOR times what noise explains, or the store
+ *     covers more of its 24 cells than the correction in use was fitted to, an ellipsoid
+ *     is fitted (an offset and a soft-iron correction W, det 1, axes 0.8..1.25), used
+ *     only when its strengths' RMS residual is at most
+ *     1/KMXC_SERVICE_ELLIPSOID_BEAT_FACTOR of the sphere's. A
  *     store estimate replaces a trusted offset only if the last fed samples agree with it
  *     at least as well and it moves the offset by KMXC_SERVICE_REPUBLISH_MIN_CHANGE
  *     counts (a new W always counts). With W in use the library sees (and is fed)
@@ -70,10 +74,10 @@
  *     after a 3-D fit): the accuracy, not the status, says whether to trust the offset.
  *   Anomaly. With a reference (from the fit or the confirmation): strength outside
  *     KMXC_SERVICE_FIELD_MIN_UT..KMXC_SERVICE_FIELD_MAX_UT gives 0; strength more than
- *     KMXC_SERVICE_STRENGTH_TOLERANCE_PERMILLE from the reference, or the cosine of the
- *     angle between field and gravity (the dip) more than
- *     KMXC_SERVICE_DIP_COS_TOLERANCE_PERMILLE from the reference, gives at most 1. The
- *     dip is judged only while the accelerometer reads 1 g within
+ *     KMXC_SERVICE_STRENGTH_TOLERANCE_PERMILLE from the reference, or the angle between
+ *     field and gravity (the dip) more than KMXC_SERVICE_DIP_TOLERANCE_CDEG from the
+ *     reference's, gives at most 1. The dip is judged only in steady tilt
+ *     (KMXC_SERVICE_STEADY_TILT_CDEG) with the accelerometer reading 1 g within
  *     KMXC_SERVICE_STEADY_GRAVITY_PERMILLE (no hand acceleration). The level climbs back
  *     when no anomaly has been seen for KMXC_SERVICE_ANOMALY_CLEAR_MS, or at once when
  *     a new 3-D fit replaces the offset (and the references). A disturbance that keeps
