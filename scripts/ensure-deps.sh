@@ -38,7 +38,7 @@ echo "Installing missing packages: ${missing[*]}"
 sudo=""
 [ "$(id -u)" -eq 0 ] || sudo="sudo"
 export DEBIAN_FRONTEND=noninteractive
-if ! dpkg --print-foreign-architectures | grep -qx armel; then
+if ! dpkg --print-foreign-architectures | grep -x armel >/dev/null; then
   $sudo dpkg --add-architecture armel
 fi
 $sudo apt-get update -qq

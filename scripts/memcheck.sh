@@ -33,7 +33,7 @@ check() { # NAME COMMAND...   (the exit status must be $want, 0 unless set)
 # briefly); tests that wrap a program in cmake -E env or a script are left out.
 root=$(realpath "$build")
 while IFS=$'\t' read -r name program args; do
-  [[ $program == "$root"/* ]] && file -b "$program" | grep -q '^ELF' || continue
+  [[ $program == "$root"/* ]] && file -b "$program" | grep '^ELF' >/dev/null || continue
   read -r -a extra <<<"$args"
   check "$name" "$program" "${extra[@]}"
 done < <(ctest --test-dir "$build" --show-only=json-v1 | python3 -c '

@@ -89,7 +89,7 @@ sweep_case() { # NAME SCENARIO BASE KINDS
       now=$(record "$dir")
       whole "$now" || fail "$what: the calibration file is not a whole record: '$now'"
       case $call in open | close | read | write | ioctl | usleep) ;; *)
-        printf '%s\n' "${saved[@]}" | grep -qxF -- "$now" ||
+        printf '%s\n' "${saved[@]}" | grep -xF -- "$now" >/dev/null ||
           fail "$what: the calibration file holds '$now', neither the old record nor one the fault-free run saved ($(printf "'%s' " "${saved[@]}")from its renames at file calls $(awk '$2 == "rename" {printf "%s ", $1}' "$name.log"))" ;;
       esac
       kit_whole "$(kit_record "$dir")" || fail "$what: the kit file is not whole: '$(kit_record "$dir")'"

@@ -118,7 +118,7 @@ sweep_case() { # NAME SCENARIO BASE_DIR
   [ "$previous" = "$final" ] || fail "$name: the last save left '$previous', the uncut run '$final'"
   for plan in "${plans[@]}"; do
     [[ $plan =~ usleep$ ]] || continue
-    printf '%s\n' "${records[@]}" | grep -qxF -- "${after[$plan]}" ||
+    printf '%s\n' "${records[@]}" | grep -xF -- "${after[$plan]}" >/dev/null ||
       fail "$name, $plan: '${after[$plan]}' is none of the saved records"
   done
   # A restart from every record: it loads, and its start is as far off as the record.
