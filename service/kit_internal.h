@@ -200,7 +200,7 @@ int32_t strength_centi_uT(const Vec3 &v);
 void note_anomaly(uint8_t causes, int64_t now, KmxcServiceEvent *e);
 int8_t accuracy_now(int64_t now);
 // Adopts an agreeing estimate: accuracy, trust, reference, save. fed: the fed samples
-// through the correction now in use (fed_corrected of all g_state.fed_count), or null.
+// through the correction now in use (fed_corrected of all g_state.fed_count).
 void trust_estimate(int8_t level, const Agreement &a, const Vec3 *fed);
 // The running mean of gravity and this cycle's steady-tilt verdict (g_state.tilt_steady).
 void track_tilt(const Vec3 &g);
@@ -211,7 +211,7 @@ void judge_anomaly(const Vec3 &g, int32_t strength, int32_t dip, const KmxAxesDa
                    KmxcServiceEvent *e);
 // The mean angle between field (through the correction in use, offset o removed) and
 // gravity over the last n fed samples in steady tilt, centidegrees; false when none.
-// fed: those samples already corrected (fed_corrected), or null.
+// fed: those samples already corrected (fed_corrected).
 bool ring_dip_cdeg(const Vec3 *fed, const KmxAxesData &o, int n, int32_t *cdeg);
 // Adopts a planar estimate of accuracy `level` whose offset the library now uses: the
 // references stay (they are what it was checked against).

@@ -139,8 +139,7 @@ bool ring_dip_cdeg(const Vec3 *fed, const KmxAxesData &o, int n, int32_t *cdeg) 
         const int slot = fed_slot(i);
         if (!gravity_steady(g_state.fed_g[slot])) continue;
         const int k = (g_state.fed_tilt_steady & (1u << slot)) != 0 ? 0 : 1;
-        const Vec3 m = fed != nullptr ? fed[i] : corrected(g_state.soft_iron, g_state.fed[slot]);
-        sum[k] += angle_between_cdeg(minus(m, o), g_state.fed_g[slot]);
+        sum[k] += angle_between_cdeg(minus(fed[i], o), g_state.fed_g[slot]);
         ++count[k];
     }
     const int k = count[0] > 0 ? 0 : 1;
@@ -167,7 +166,7 @@ static void set_dip_bounds(int32_t cdeg) {
 // The reference for anomalies: the agreement's mean strength, and the mean angle of the
 // last fed samples in steady tilt about the offset in use. (The last trusted 3-D fit's
 // references for the planar estimator follow from it: note_trusted_reference.)
-// fed: the fed samples through the correction in use, or null.
+// fed: the fed samples through the correction in use (fed_corrected).
 static void set_reference(const Agreement &a, const Vec3 *fed) {
     KmxAxesData o;
     KmxAxesLibGetMsOffset(&o);
@@ -222,7 +221,9 @@ bool ring_fed_under(const KmxAxesData &o) {
 // ---- Accuracy -------------------------------------------------------------------------
 
 void on_fit(const KmxAxesData &o) {
-    const Agreement a = agreement(o, g_state.fed_count);
+    Vec3 fed[KMXC_SERVICE_FEED_HISTORY];
+    fed_corrected(g_state.soft_iron, g_state.fed_count, fed);
+    const Agreement a = agreement_of(fed, o, g_state.fed_count, true);
     const bool agrees = a.in_range && a.worst_permille <= KMXC_SERVICE_FIT_MEDIUM_PERMILLE;
     g_state.base_accuracy = !agrees                                           ? KMXC_SERVICE_LOW
                             : a.worst_permille <= KMXC_SERVICE_AGREE_PERMILLE ? KMXC_SERVICE_HIGH
@@ -230,7 +231,7 @@ void on_fit(const KmxAxesData &o) {
     g_state.offset_trusted = true;
     g_state.stored_pending = false;
     g_state.provisional = false;
-    set_reference(a, nullptr);
+    set_reference(a, fed);
     if (agrees) g_state.save_pending = true;  // saved in the cycle when it differs from the stored one
 }
 
@@ -266,13 +267,15 @@ void trust_planar(int8_t level) {
 void try_confirm(const KmxAxesData &o, KmxcServiceEvent *e) {
     if (g_state.confirm_count < KMXC_SERVICE_CONFIRM_SAMPLES) return;
     const int n = g_state.fed_count < KMXC_SERVICE_CONFIRM_SAMPLES ? g_state.fed_count : KMXC_SERVICE_CONFIRM_SAMPLES;
-    const Agreement a = agreement(o, n);
+    Vec3 fed[KMXC_SERVICE_FEED_HISTORY];
+    fed_corrected(g_state.soft_iron, g_state.fed_count, fed);
+    const Agreement a = agreement_of(fed, o, n, true);
     if (!a.in_range || a.worst_permille > KMXC_SERVICE_AGREE_PERMILLE) return;
     g_state.stored_pending = false;
     g_state.offset_trusted = true;
     g_state.provisional = false;
     g_state.base_accuracy = KMXC_SERVICE_MEDIUM;
-    set_reference(a, nullptr);
+    set_reference(a, fed);
     e->flags |= KMXC_SERVICE_CONFIRMED;
 }
 
