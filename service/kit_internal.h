@@ -85,7 +85,8 @@ struct Estimators {
 struct Planar {
     CircleFit circle;  // fitted in one cycle, judged in the next
     bool pending;      // `circle` waits for its judgement
-    bool in_use;       // the offset in use is a planar estimate
+    bool mounted;      // the store's last circle fit found one about the vertical (a
+                       // mount; `circle` is it), whichever estimate is in use
     uint8_t joins;     // samples that joined the store since the last circle fit
     uint8_t seen_count, seen_last;
     int16_t seen_m[3];  // the store's count, last slot and its field at the last cycle

@@ -15,6 +15,10 @@ bool mount_gravity_near(const MountGravity &mg, const Vec3 &g) {
     return mg.n > 0 && angle_between_cdeg(g, mount_gravity_mean(mg)) <= kMountGravityNearCdeg;
 }
 
+bool mount_tilt_within(const MountGravity &mg, const Vec3 &g) {
+    return mg.n == 0 || angle_between_cdeg(g, mount_gravity_mean(mg)) <= KMXC_SERVICE_MOUNT_TILT_CDEG;
+}
+
 void mount_gravity_track(MountGravity *mg, const Vec3 &g, bool steady, uint32_t rate_hz) {
     if (steady && mg->n > 0 && !mount_gravity_near(*mg, g)) mount_gravity_reset(mg);
     const uint32_t window = (rate_hz > 0 ? rate_hz : 1) * static_cast<uint32_t>(kMountGravityWindowMs) / 1000;

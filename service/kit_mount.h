@@ -41,6 +41,9 @@ void mount_gravity_reset(MountGravity *mg);
 void mount_gravity_track(MountGravity *mg, const Vec3 &g, bool steady, uint32_t rate_hz);
 // g within kMountGravityNearCdeg of the mean (false without a mean).
 bool mount_gravity_near(const MountGravity &mg, const Vec3 &g);
+// g within KMXC_SERVICE_MOUNT_TILT_CDEG of the mean: what a road's slopes explain (true
+// without a mean: nothing to judge it by).
+bool mount_tilt_within(const MountGravity &mg, const Vec3 &g);
 // The mean, counts (rounded toward zero).
 Vec3 mount_gravity_mean(const MountGravity &mg);
 // The sample m (counts, as the circle was fitted) lies on the circle's plane.

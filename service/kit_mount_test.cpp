@@ -136,6 +136,31 @@ TEST(MountGravity, TheAngleFromTheMeanDecidesAtItsLimit) {
     }
 }
 
+// A measured gravity within the road's slopes of the mean keeps the attitude's accuracy;
+// beyond, it is a vehicle's acceleration or a hand (at any length of g); without a mean
+// there is nothing to judge it by.
+TEST(MountGravity, TheTiltLimitDecidesAtItsAngle) {
+    const double limit = KMXC_SERVICE_MOUNT_TILT_CDEG / 100.0;
+    const struct {
+        const char *name;
+        double deg;  // the gravity's angle from the mean
+        double g;    // its length
+        bool within;
+    } cases[] = {
+        {"just inside the limit", limit - 0.3, kG, true},
+        {"just beyond it", limit + 0.3, kG, false},
+        {"just inside, braking's longer g", limit - 0.3, 1.05 * kG, true},
+        {"just beyond, the other way", -limit - 0.3, kG, false},
+    };
+    for (const auto &c : cases) {
+        MountGravity mg;
+        mount_gravity_reset(&mg);
+        EXPECT_TRUE(mount_tilt_within(mg, tilted(c.deg, c.g))) << c.name << ": no mean yet";
+        for (int i = 0; i < 100; ++i) mount_gravity_track(&mg, tilted(0), true, 10);
+        EXPECT_EQ(mount_tilt_within(mg, tilted(c.deg, c.g)), c.within) << c.name;
+    }
+}
+
 TEST(MountGravity, ASampleIsOnTheCircleWithinTwiceTheFlatnessOfItsRadius) {
     // A circle of radius 60 counts about (40, -30, 20) in the plane normal to y.
     const CircleFit circle{Vec3{0, 16384, 0}, Vec3{40 * 16, -30 * 16, 20 * 16}, 60 * 16, 16};

@@ -246,6 +246,7 @@ void note_joins() {
     if (s.count == 0) {
         p.joins = 0;
         p.pending = false;
+        p.mounted = false;  // emptied: a new surrounding, mount or not
     }
     const StoredSample &last = s.sample[s.last];
     const bool changed =
@@ -279,9 +280,8 @@ void fit_step() {
         down = Vec3{down.x + g.x, down.y + g.y, down.z + g.z};
     }
     CircleFit fit;
-    const FitResult fr = circle_fit(store, down, &fit);
-    if (fr != FitResult::kOk) return;
-    if (!planar_circle(store, fit)) return;
+    p.mounted = circle_fit(store, down, &fit) == FitResult::kOk && planar_circle(store, fit);
+    if (!p.mounted) return;
     p.circle = fit;
     p.pending = true;
 }

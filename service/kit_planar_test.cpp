@@ -1,6 +1,7 @@
 // The planar estimator against an independent double-precision solution (Eigen) on
 // random circles, axes, strengths, dips, arcs and noise, and its rules at their
-// thresholds: the arc and the radius' agreement with the references.
+// thresholds: the arc, the radius' agreement with the references, and the mount it tells
+// the kit of.
 #include <gtest/gtest.h>
 
 #include <Eigen/Dense>
@@ -270,6 +271,41 @@ TEST(PlanarRules, AReferenceCircleThatNoSampleCanLieOnIsRefused) {
     EXPECT_NEAR(o.x, 40, 1);
     EXPECT_NEAR(o.y, -30, 1);
     EXPECT_NEAR(o.z, 20, 1);
+}
+
+// The store's circle tells the kit it is in a mount (kit_internal.h: Planar::mounted)
+// from the circle fit that finds it, whichever estimate is in use, until a fit finds
+// none or the store is emptied.
+TEST(PlanarRules, ACircleAboutGravityMarksAMountUntilTheStoreLeavesIt) {
+    const Vector3d down = Vector3d(0.2, -0.9, 0.3).normalized(), side = down.unitOrthogonal();
+    const struct {
+        const char *name;
+        double lean_deg;  // one sample's gravity from the circle's axis
+        bool emptied;     // the store emptied after the fit
+        bool mounted;
+    } cases[] = {
+        {"a circle about gravity: a mount", 0, false, true},
+        {"one sample's gravity beyond the axis limit: a hand, no mount", kPlanarAxisGravityCdeg / 100.0 + 1, false,
+         false},
+        {"a mount, then the store emptied: none", 0, true, false},
+    };
+    for (const auto &c : cases) {
+        g_state = State{};
+        g_state.rate_hz = 10;
+        g_state.planar.mounted = !c.mounted;  // whatever it held before
+        g_state.est.store = clean(200, 30);
+        const Vector3d g = 4096.0 * (Eigen::AngleAxisd(c.lean_deg * kPi / 180, side) * down);
+        for (int k = 0; k < 3; ++k) g_state.est.store.sample[3].g[k] = static_cast<int16_t>(std::lround(g[k]));
+        g_state.planar.joins = KMXC_SERVICE_STORE_REFIT_JOINS;
+        KmxcServiceEvent e{};
+        ASSERT_TRUE(planar_cycle(true, &e)) << c.name << ": the circle fitted";
+        if (c.emptied) {
+            EXPECT_TRUE(g_state.planar.mounted) << c.name;
+            field_store_clear(&g_state.est.store);
+            planar_cycle(true, &e);
+        }
+        EXPECT_EQ(g_state.planar.mounted, c.mounted) << c.name;
+    }
 }
 
 }  // namespace

@@ -204,14 +204,20 @@ void judge_field(const Vec3 &m, const Vec3 &g, const KmxAxesData &offset, int64_
 
 // 4d. The gravity the attitude takes: the mount's mean while the phone turns in its
 // mount (the planar estimate in use, the sample c, as the library sees it, on the
-// circle's plane) and the measured g lies near that mean (kit_mount.h); else g.
+// circle's plane) and the measured g lies near that mean (kit_mount.h); else g. In a
+// mount with another estimate in use (the store's samples on a circle about the
+// vertical), g beyond what a road's slopes explain flags the attitude as tilted.
 Vec3 attitude_gravity(const Vec3 &c, const Vec3 &g, KmxcServiceEvent *e) {
     const MountGravity &mg = g_state.mount_gravity;
-    if (g_state.estimator != KMXC_SERVICE_ESTIMATOR_PLANAR || !on_mount_circle(g_state.planar.circle, c) ||
-        !mount_gravity_near(mg, g))
-        return g;
-    e->flags |= KMXC_SERVICE_MOUNT_GRAVITY;
-    return mount_gravity_mean(mg);
+    const Planar &p = g_state.planar;
+    const bool planar = g_state.estimator == KMXC_SERVICE_ESTIMATOR_PLANAR;
+    if (!(planar || p.mounted) || !on_mount_circle(p.circle, c)) return g;
+    if (planar && mount_gravity_near(mg, g)) {
+        e->flags |= KMXC_SERVICE_MOUNT_GRAVITY;
+        return mount_gravity_mean(mg);
+    }
+    if (!mount_tilt_within(mg, g)) e->flags |= KMXC_SERVICE_MOUNT_TILT;
+    return g;
 }
 
 // 4e. Attitude, integer path: the heading after the smoother's warm-up. (The double
@@ -358,6 +364,8 @@ int32_t kmxc_service_cycle(int64_t now, KmxcServiceEvent *e) {
         const int8_t cap = heading_accuracy_cap(v, attitude_g);
         if (cap < e->accuracy) e->accuracy = cap;
     }
+    // A mounted phone's attitude tilted by an acceleration: its heading is no better than low.
+    if ((e->flags & KMXC_SERVICE_MOUNT_TILT) != 0 && e->accuracy > KMXC_SERVICE_LOW) e->accuracy = KMXC_SERVICE_LOW;
     // An unconfirmed offset is worth low accuracy only while the field it gives is one
     // the Earth could make.
     if (e->accuracy == KMXC_SERVICE_LOW && !g_state.offset_trusted &&

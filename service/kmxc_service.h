@@ -240,6 +240,15 @@ extern "C" {
  * held down (a tilted gravity turns the heading too), but the store and the offset's
  * trust are kept. */
 #define KMXC_SERVICE_DIP_PERSIST_MS 30000
+/* In a mount (the store's samples on a circle about the vertical, the sample on its
+ * plane) an attitude whose measured gravity lies farther than this from the mount's
+ * 40-second mean holds at most low accuracy, whichever estimate gives the offset
+ * (KMXC_SERVICE_MOUNT_TILT); the planar estimate's attitude takes the mean instead
+ * (KMXC_SERVICE_MOUNT_GRAVITY). A road's slopes (up to 5 degrees either way) stay inside;
+ * a vehicle's braking or cornering beyond 0.18 g does not, nor a hand that tilts the
+ * phone. A sphere fitted in a mount at a shallow dip determines the heading, but 0.3 g
+ * of cornering tilts the attitude by 17 degrees. */
+#define KMXC_SERVICE_MOUNT_TILT_CDEG 1000
 /* Planar estimator (a phone turned about one axis: a vehicle mount). The store's samples
  * count as a circle when their RMS distance from the fitted plane is at most
  * 1/KMXC_SERVICE_PLANAR_FLATNESS of its radius: a rotation axis that wobbles by up to 7
@@ -359,6 +368,10 @@ extern "C" {
     0x2000 /* the attitude took the mount's mean gravity, not this \
               sample's (a vehicle's accelerations left out);       \
               acceleration_ms2 and gravity_counts stay measured */
+#define KMXC_SERVICE_MOUNT_TILT                                    \
+    0x4000 /* in a mount, the measured gravity beyond              \
+              KMXC_SERVICE_MOUNT_TILT_CDEG of the mount's mean: an \
+              acceleration (or a hand) tilts the attitude; at most low */
 
 /* Estimators (event.estimator): where the offset in use comes from. */
 #define KMXC_SERVICE_ESTIMATOR_NONE 0         /* no offset yet (or only a planar one moved it) */

@@ -224,14 +224,15 @@ __attribute__((noinline)) void icount_case_kit_planar_judge(void) {
     g_estimator_seen[4] = static_cast<uint8_t>(g_estimator_seen[4] + 2 * g_state.estimator);
 }
 // What a mounted phone adds to every cycle: gravity into the mount's mean (a full
-// window), and the attitude's two checks (a sample of the circle on its plane, the
-// gravity near the mean).
+// window), and the attitude's checks (a sample of the circle on its plane, the gravity
+// near the mean, and within the road's slopes of it: at most all three).
 __attribute__((noinline)) void icount_case_kit_mount(void) {
     const Vec3 g{40, -20, 4090};
     mount_gravity_track(&g_state.mount_gravity, g, true, 10);
     const Vec3 m = stored_field(g_ring, 0);
     g_estimator_seen[5] = static_cast<uint8_t>(on_mount_circle(g_state.planar.circle, m) +
-                                               2 * mount_gravity_near(g_state.mount_gravity, g));
+                                               2 * mount_gravity_near(g_state.mount_gravity, g) +
+                                               4 * mount_tilt_within(g_state.mount_gravity, g));
 }
 }
 
@@ -353,8 +354,9 @@ int main() {
     // and published as the planar estimate (pending 1 plus twice the estimator 5).
     std::printf("vehicle: rules quiet %d, planar steps %d, offset %d,%d,%d\n", int(rules_quiet), g_estimator_seen[4],
                 g_event.offset[0], g_event.offset[1], g_event.offset[2]);
-    // The mount: the circle's own sample on its plane, the gravity at the mean (1 + 2).
+    // The mount: the circle's own sample on its plane, the gravity at the mean and so
+    // within the slopes' tilt of it (1 + 2 + 4).
     const bool vehicle =
-        rules_quiet && g_estimator_seen[4] == 1 + 2 * KMXC_SERVICE_ESTIMATOR_PLANAR && g_estimator_seen[5] == 3;
+        rules_quiet && g_estimator_seen[4] == 1 + 2 * KMXC_SERVICE_ESTIMATOR_PLANAR && g_estimator_seen[5] == 7;
     return ok && estimators && kit && vehicle ? 0 : 1;
 }
