@@ -6,6 +6,10 @@ scenario, soft iron and rate.
 
 Usage: scripts/goals.py [--binary B] [--base B0] [--seeds 1-5] [--rates 10,50]
                         [--scenarios default,slow,...] [--soft-iron all|none] [--work DIR]
+                        [--inclination DEG]
+
+--inclination runs every scenario in a field of that dip (the demo's default 60): the
+rules must hold from the equator to the poles, in either hemisphere.
 
 --base names a second build (the one before this work); its runs fill the 'before'
 columns, n/a where it lacks the scenario or the option.
@@ -51,12 +55,12 @@ def wrap(d):
     return d
 
 
-def run_one(binary, scenario, seed, rate, soft, work):
+def run_one(binary, scenario, seed, rate, soft, work, world):
     tag = f"{os.path.basename(os.path.dirname(os.path.dirname(binary)))}-{scenario}-{seed}-{rate}-{soft}"
     sandbox = os.path.join(work, "sb-" + tag)
     js, outs = os.path.join(work, tag + ".json"), os.path.join(work, tag + ".csv")
     cmd = [binary, "--scenario", scenario, "--seed", str(seed), "--rate", str(rate), "--fresh", "--quiet",
-           "--sandbox", sandbox, "--summary-json", js, "--outputs", outs]
+           "--sandbox", sandbox, "--summary-json", js, "--outputs", outs] + world
     if SOFT_IRON[soft]:
         cmd += ["--soft-iron", SOFT_IRON[soft]]
     p = subprocess.run(cmd, capture_output=True, text=True)
@@ -89,12 +93,12 @@ CAR_FIELDS = {"0": "0,0,0", "10": "6,-4,7", "20": "-8,12,14", "40": "25,20,-24"}
 CAR_TURNING_DEG = 720.0  # the goals' turning allowance before a re-estimate
 
 
-def run_car(binary, scenario, seed, rate, field, work):
+def run_car(binary, scenario, seed, rate, field, work, world):
     tag = f"{os.path.basename(os.path.dirname(os.path.dirname(binary)))}-{scenario}-{seed}-{rate}-car{field}"
     sandbox = os.path.join(work, "sb-" + tag)
     js, outs = os.path.join(work, tag + ".json"), os.path.join(work, tag + ".csv")
     cmd = [binary, "--scenario", scenario, "--seed", str(seed), "--rate", str(rate), "--fresh", "--quiet",
-           "--sandbox", sandbox, "--summary-json", js, "--outputs", outs, "--car-field", CAR_FIELDS[field]]
+           "--sandbox", sandbox, "--summary-json", js, "--outputs", outs, "--car-field", CAR_FIELDS[field]] + world
     p = subprocess.run(cmd, capture_output=True, text=True)
     if p.returncode not in (0, 3) or not os.path.exists(js):
         return None
@@ -179,6 +183,11 @@ def car_row(runs):
     }
 
 
+def world_of(a):
+    """The Earth field's options every run takes."""
+    return ["--inclination", a.inclination] if a.inclination else []
+
+
 def car_table(a, seeds, rates, binaries, work):
     print("| scenario | car field uT | Hz | build | accuracy <= 1 after mounting, s | re-estimate after mounting, s "
           "| turning by then, deg | medium/high before it | RMS after it while driving dbl / int | ... straight "
@@ -188,7 +197,7 @@ def car_table(a, seeds, rates, binaries, work):
         for field in a.car_fields.split(","):
             for rate in rates:
                 for name, binary in binaries:
-                    r = car_row([run_car(binary, scenario, s, rate, field, work) for s in seeds])
+                    r = car_row([run_car(binary, scenario, s, rate, field, work, world_of(a)) for s in seeds])
                     if r is None:
                         print(f"| {scenario} | {field} | {rate} | {name} | n/a | | | | | | | | |")
                     else:
@@ -254,7 +263,15 @@ def main():
     ap.add_argument("--car", action="store_true", help="the car table instead (car, car-fresh; fields 10, 20, 40 uT)")
     ap.add_argument("--car-scenarios", default="car,car-fresh")
     ap.add_argument("--car-fields", default="10,20,40", help="of 0 (none: the floor the accelerations leave), 10, 20, 40")
+    ap.add_argument("--inclination", default="", help="the Earth field's dip, -90..90 degrees (default: the demo's)")
     a = ap.parse_args()
+    if a.inclination:
+        try:
+            ok = -90 <= float(a.inclination) <= 90
+        except ValueError:
+            ok = False
+        if not ok:
+            sys.exit(f"goals.py: --inclination {a.inclination}: degrees, -90..90")
     lo, _, hi = a.seeds.partition("-")
     seeds = list(range(int(lo), int(hi or lo) + 1))
     rates = [int(r) for r in a.rates.split(",")]
@@ -278,7 +295,7 @@ def main():
                 continue
             for rate in rates:
                 for name, binary in binaries:
-                    runs = [run_one(binary, scenario, s, rate, soft, work) for s in seeds]
+                    runs = [run_one(binary, scenario, s, rate, soft, work, world_of(a)) for s in seeds]
                     r = row_of(runs)
                     if r is None:
                         print(f"| {scenario} | {soft} | {rate} | {name} | n/a | | | | | | |")

@@ -223,9 +223,10 @@ double steady_rms(const std::vector<Cycle> &run, const std::vector<bool> &steady
     return n ? std::sqrt(sq / n) : NAN;
 }
 
-int soft_iron(const char *scenario, int rate, int seed, const char *soft, bool trace) {
+int soft_iron(const char *scenario, int rate, int seed, const char *soft, bool trace, double inclination_deg) {
     sc::ScenarioSettings settings{.name = scenario};
     settings.seed = static_cast<uint32_t>(seed);
+    settings.inclination_deg = inclination_deg;
     if (std::sscanf(soft, "%lf,%lf,%lf,%lf,%lf,%lf", &settings.soft_iron[0], &settings.soft_iron[1],
                     &settings.soft_iron[2], &settings.soft_iron[3], &settings.soft_iron[4],
                     &settings.soft_iron[5]) != 6) {
@@ -363,13 +364,23 @@ int soft_iron(const char *scenario, int rate, int seed, const char *soft, bool t
 int main(int argc, char **argv) {
     if (argc == 5 && std::strcmp(argv[1], "determinacy") == 0)
         return determinacy(argv[2], std::atoi(argv[3]), std::atoi(argv[4]));
-    if (argc == 6 && std::strcmp(argv[1], "soft-iron") == 0)
-        return soft_iron(argv[2], std::atoi(argv[3]), std::atoi(argv[4]), argv[5], false);
-    if (argc == 6 && std::strcmp(argv[1], "trace") == 0)
-        return soft_iron(argv[2], std::atoi(argv[3]), std::atoi(argv[4]), argv[5], true);
+    // The field's inclination, degrees, last and optional (the scenarios' 60 otherwise).
+    double inclination = sc::ScenarioSettings{}.inclination_deg;
+    if (argc == 7) {
+        char *end = nullptr;
+        inclination = std::strtod(argv[6], &end);
+        if (end == argv[6] || *end != '\0' || !(inclination >= -90 && inclination <= 90)) {
+            std::fprintf(stderr, "kit_analysis: inclination '%s': degrees, -90..90\n", argv[6]);
+            return 2;
+        }
+    }
+    if ((argc == 6 || argc == 7) && std::strcmp(argv[1], "soft-iron") == 0)
+        return soft_iron(argv[2], std::atoi(argv[3]), std::atoi(argv[4]), argv[5], false, inclination);
+    if ((argc == 6 || argc == 7) && std::strcmp(argv[1], "trace") == 0)
+        return soft_iron(argv[2], std::atoi(argv[3]), std::atoi(argv[4]), argv[5], true, inclination);
     std::fprintf(stderr,
                  "usage: kit_analysis determinacy SCENARIO RATE SEED\n"
-                 "       kit_analysis soft-iron SCENARIO RATE SEED XX,YY,ZZ,XY,XZ,YZ\n"
-                 "       kit_analysis trace SCENARIO RATE SEED XX,YY,ZZ,XY,XZ,YZ\n");
+                 "       kit_analysis soft-iron SCENARIO RATE SEED XX,YY,ZZ,XY,XZ,YZ [INCLINATION]\n"
+                 "       kit_analysis trace SCENARIO RATE SEED XX,YY,ZZ,XY,XZ,YZ [INCLINATION]\n");
     return 2;
 }
