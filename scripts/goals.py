@@ -6,10 +6,11 @@ scenario, soft iron and rate.
 
 Usage: scripts/goals.py [--binary B] [--base B0] [--seeds 1-5] [--rates 10,50]
                         [--scenarios default,slow,...] [--soft-iron all|none] [--work DIR]
-                        [--inclination DEG]
+                        [--inclination DEG] [--accel-offset X,Y,Z]
 
 --inclination runs every scenario in a field of that dip (the demo's default 60): the
-rules must hold from the equator to the poles, in either hemisphere.
+rules must hold from the equator to the poles, in either hemisphere. --accel-offset
+gives the accelerometer a zero-g offset (mg, phone axes; the demo's part has none).
 
 --base names a second build (the one before this work); its runs fill the 'before'
 columns, n/a where it lacks the scenario or the option.
@@ -184,8 +185,9 @@ def car_row(runs):
 
 
 def world_of(a):
-    """The Earth field's options every run takes."""
-    return ["--inclination", a.inclination] if a.inclination else []
+    """The world's options every run takes: the Earth field's dip, the accelerometer's offset."""
+    return (["--inclination", a.inclination] if a.inclination else []) + \
+        (["--accel-offset", a.accel_offset] if a.accel_offset else [])
 
 
 def car_table(a, seeds, rates, binaries, work):
@@ -264,6 +266,7 @@ def main():
     ap.add_argument("--car-scenarios", default="car,car-fresh")
     ap.add_argument("--car-fields", default="10,20,40", help="of 0 (none: the floor the accelerations leave), 10, 20, 40")
     ap.add_argument("--inclination", default="", help="the Earth field's dip, -90..90 degrees (default: the demo's)")
+    ap.add_argument("--accel-offset", default="", help="the accelerometer's zero-g offset X,Y,Z, mg (default: none)")
     a = ap.parse_args()
     if a.inclination:
         try:

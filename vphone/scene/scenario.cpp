@@ -249,6 +249,7 @@ Truth Scenario::sample(double t) {
     for (int k = 0; k < 3; ++k) {
         if (settings_.noise_uT > 0) tr.field_uT[k] += mag(rng_);
         if (settings_.accel_noise_g > 0) tr.gravity_g[k] += acc(rng_);
+        tr.gravity_g[k] += settings_.accel_offset_mg[k] / 1000;
     }
     // In the mount with the engine running, the car shakes the phone.
     if (mounted_s_ >= 0 && t >= mounted_s_ && t <= drive_from_s_ + drive_.duration_s()) {

@@ -25,8 +25,12 @@ struct ScenarioSettings {
     double inclination_deg = 60.0;  // -90..90
     double declination_deg = 3.0;   // -180..180
     Vec3 hard_iron_uT{18.0, -12.0, 9.0};
-    double noise_uT = 0.15;             // magnetometer noise, standard deviation per axis
-    double accel_noise_g = 0.003;       // accelerometer noise, standard deviation per axis
+    double noise_uT = 0.15;        // magnetometer noise, standard deviation per axis
+    double accel_noise_g = 0.003;  // accelerometer noise, standard deviation per axis
+    // The accelerometer's zero-g offset, phone axes, mg: what it reads at rest beyond
+    // gravity. A phone's part is trimmed to within some tens of mg; each mg tilts the
+    // gravity it reads by up to 0.057 degrees, and the attitude with it.
+    Vec3 accel_offset_mg{0.0, 0.0, 0.0};
     double temperature_C = 25.0;        // at the start of the run
     double temp_drift_C_per_min = 0.5;  // warming (or cooling) during the run
     int profile = 1;                    // mounting profile, see mounting_profiles()

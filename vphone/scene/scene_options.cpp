@@ -137,6 +137,8 @@ const std::vector<WorldOption> &world_options() {
         ranged("--car-field", "X,Y,Z", "car scenarios: the car's field once mounted, uT, each ", "", -200, 200,
                &ScenarioSettings::car_field_uT),
         ranged("--noise", "UT", "magnetometer noise per axis, ", " uT", 0, 5, &ScenarioSettings::noise_uT),
+        ranged("--accel-offset", "X,Y,Z", "accelerometer zero-g offset, mg, each ", "", -200, 200,
+               &ScenarioSettings::accel_offset_mg),
         ranged("--temp-drift", "C_PER_MIN", "temperature change per minute, ", "", -20, 20,
                &ScenarioSettings::temp_drift_C_per_min),
         ranged("--temperature", "C", "temperature at the start, ", "", -20, 60, &ScenarioSettings::temperature_C),

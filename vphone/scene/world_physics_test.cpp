@@ -165,6 +165,25 @@ TEST(Car, TheEngineShakesThePhoneFromMountingUntilParked) {
     EXPECT_LT(running, 0.04);
 }
 
+// The accelerometer's zero-g offset adds to every reading, in the hand and in the car,
+// on top of gravity, accelerations and the engine's shake; the truth stays gravity.
+TEST(Accelerometer, ItsZeroGOffsetAddsToEveryReadingAndLeavesTheTruth) {
+    for (const char *name : {"default", "car"}) {
+        ScenarioSettings s = settings(name);
+        s.accel_noise_g = 0;
+        const ScenarioSettings clean = s;
+        s.accel_offset_mg = Vec3{40, -30, 20};
+        Scenario offset(s), exact(clean);
+        for (double t = 0; t < offset.duration_s(); t += 0.5) {
+            const Vec3 a = offset.sample(t).gravity_g, b = exact.sample(t).gravity_g;
+            for (int k = 0; k < 3; ++k) {
+                EXPECT_NEAR(a[k] - b[k], s.accel_offset_mg[k] / 1000, 1e-12) << name << " t " << t << " axis " << k;
+            }
+            EXPECT_EQ(offset.ideal(t).gravity_g, exact.ideal(t).gravity_g) << name << " t " << t;
+        }
+    }
+}
+
 TEST(Car, EverySeedsRouteKeepsItsStatedLimitsAndNoTwoAreAlike) {
     std::set<std::vector<std::string>> routes;
     for (uint32_t seed = 1; seed <= 5; ++seed) {
