@@ -44,9 +44,10 @@ TEST(SceneOptions, RefusedValuesGiveOneLineNamingTheProblem) {
 }
 
 TEST(SceneOptions, ValuesReachTheSettingsInBothSpellingsRangeEndsIncluded) {
-    const ParsedScene p = parse_scene_options({"--scenario", "two-planes", "--field=25", "--declination", "+12.5",
-                                               "--hard-iron", "-200,2.5,200", "--profile", "3", "--seed=4294967295",
-                                               "--inclination", "-90", "--noise", "0", "--field", "65"});
+    const ParsedScene p =
+        parse_scene_options({"--scenario", "two-planes", "--field=25", "--declination", "+12.5", "--hard-iron",
+                             "-200,2.5,200", "--profile", "3", "--seed=4294967295", "--inclination", "-90", "--noise",
+                             "0", "--field", "65", "--accel-offset=-200,0.5,200"});
     ASSERT_TRUE(p.ok) << p.error;
     const ScenarioSettings &s = p.settings;
     EXPECT_EQ(s.name, "two-planes");
@@ -57,6 +58,7 @@ TEST(SceneOptions, ValuesReachTheSettingsInBothSpellingsRangeEndsIncluded) {
     EXPECT_EQ(s.seed, 4294967295u);
     EXPECT_EQ(s.inclination_deg, -90);
     EXPECT_EQ(s.noise_uT, 0);
+    EXPECT_EQ(s.accel_offset_mg, (Vec3{-200, 0.5, 200}));
     EXPECT_EQ(parse_scene_options({}).settings.name, "default") << "nothing given: the default scenario";
 }
 
