@@ -223,6 +223,90 @@ double steady_rms(const std::vector<Cycle> &run, const std::vector<bool> &steady
     return n ? std::sqrt(sq / n) : NAN;
 }
 
+// One trace line: the event's heading error and the one its covariance predicts
+// (double), the offset's error, the store and the estimators' state.
+void print_trace(const sc::Truth &t, const Vector3d &true_offset, const KmxcServiceEvent &e) {
+    const kmxc_kit::Estimators &est = kmxc_kit::g_state.est;
+    const Vector3d v(e.mag_counts[0] - e.offset[0], e.mag_counts[1] - e.offset[1], e.mag_counts[2] - e.offset[2]);
+    const double err = heading_error_deg(v3(t.earth_uT), v, up_of(t));
+    double pred = NAN, worst = NAN, best = NAN;
+    if (est.cov.valid) {
+        const int32_t *q = est.cov.p_q8;
+        Matrix3d p;
+        p << q[0], q[1], q[2], q[1], q[3], q[4], q[2], q[4], q[5];
+        pred = heading_sigma_deg(p / 256, v, Vector3d(e.gravity_counts[0], e.gravity_counts[1], e.gravity_counts[2]));
+        const Eigen::SelfAdjointEigenSolver<Matrix3d> eig(p / 256);
+        worst = std::sqrt(eig.eigenvalues().maxCoeff()) * kUtPerCount;
+        best = std::sqrt(std::max(0.0, eig.eigenvalues().minCoeff())) * kUtPerCount;
+    }
+    const Vector3d off(e.offset[0], e.offset[1], e.offset[2]);
+    kmxc_kit::SphereFit probe{};
+    const int rc = static_cast<int>(kmxc_kit::sphere_fit(est.store, &probe));
+    const kmxc_kit::Spread spread = kmxc_kit::field_store_spread(est.store);
+    std::printf(
+        "%6.1f acc %d est %d flags %04x err %6.2f pred %6.2f off %5.2f store %2d cov %2d sph rms %5.2f "
+        "pend %d%d%d W %d fit %d spread %d joined %d sd %.2f..%.2f %s\n",
+        t.t_s, e.accuracy, e.estimator, e.flags, err, pred, (off - true_offset).norm() * kUtPerCount, est.store.count,
+        est.coverage, est.sphere.residual.rms_q4 / 16.0, est.sphere_pending, est.ellipsoid_due, est.ellipsoid_pending,
+        kmxc_kit::g_state.soft_iron.in_use, rc, spread.ratio_min, est.joined, best, worst, t.phase);
+}
+
+// Each ellipsoid attempt against the truth: W's error and the centre's for the kit's
+// fit, the same fit in double with and without the ridge, and the sphere; the held-steady
+// heading RMS each would give over the whole run.
+void print_snapshots(const std::vector<Cycle> &cycles, const std::vector<Snapshot> &snaps,
+                     const std::vector<bool> &steady, const Matrix3d &w_true) {
+    const Vector3d o_end = cycles.back().true_offset;
+    std::printf("held-steady samples %d; heading RMS with the true offset: no W %.2f deg, true W %.2f deg\n",
+                static_cast<int>(std::count(steady.begin(), steady.end(), true)),
+                steady_rms(cycles, steady, o_end, Matrix3d::Identity()), steady_rms(cycles, steady, o_end, w_true));
+    std::printf(
+        "t s | n cells | |W-Wtrue| max: kit, ridge, none | centre err uT: sphere, kit, ridge, none | "
+        "steady RMS deg: sphere, kit, ridge, none\n");
+    for (const auto &s : snaps) {
+        const Vector3d c_sphere(s.sphere.offset.x, s.sphere.offset.y, s.sphere.offset.z);
+        const Vector3d c_kit(s.ellipsoid.offset.x, s.ellipsoid.offset.y, s.ellipsoid.offset.z);
+        const Matrix3d w_kit = w_of(s.ellipsoid.w_q14);
+        const Ellipsoid ridge = ellipsoid_fit_d(s.store, c_sphere, s.sphere.radius_q4 / 16.0, true);
+        const Ellipsoid none = ellipsoid_fit_d(s.store, c_sphere, s.sphere.radius_q4 / 16.0, false);
+        // The true offset at the snapshot's time.
+        Vector3d o = o_end;
+        for (const auto &c : cycles)
+            if (c.truth.t_s <= s.t_s) o = c.true_offset;
+        std::printf("%5.1f | %2zu %2d | %.3f %.3f %.3f | %.2f %.2f %.2f %.2f | %.2f %.2f %.2f %.2f\n", s.t_s,
+                    s.store.size(), s.coverage, (w_kit - w_true).cwiseAbs().maxCoeff(),
+                    ridge.ok ? (ridge.w - w_true).cwiseAbs().maxCoeff() : NAN,
+                    none.ok ? (none.w - w_true).cwiseAbs().maxCoeff() : NAN, (c_sphere - o).norm() * kUtPerCount,
+                    (c_kit - o).norm() * kUtPerCount, ridge.ok ? (ridge.c - o).norm() * kUtPerCount : NAN,
+                    none.ok ? (none.c - o).norm() * kUtPerCount : NAN,
+                    steady_rms(cycles, steady, c_sphere, Matrix3d::Identity()),
+                    steady_rms(cycles, steady, c_kit, w_kit),
+                    ridge.ok ? steady_rms(cycles, steady, ridge.c, ridge.w) : NAN,
+                    none.ok ? steady_rms(cycles, steady, none.c, none.w) : NAN);
+    }
+}
+
+// What the events reported: the heading of each held-steady event's calibrated field
+// (mag_counts is the corrected field, offset the one in use), and which estimator.
+void print_events(const std::vector<Cycle> &cycles, const std::vector<bool> &steady) {
+    double sq = 0;
+    int n = 0, in_use[6] = {}, with_w = 0;
+    for (size_t i = 0; i < cycles.size(); ++i) {
+        const KmxcServiceEvent &e = cycles[i].event;
+        if (!steady[i] || e.accuracy < KMXC_SERVICE_MEDIUM) continue;
+        const Vector3d v(e.mag_counts[0] - e.offset[0], e.mag_counts[1] - e.offset[1], e.mag_counts[2] - e.offset[2]);
+        const double err = heading_error_deg(v3(cycles[i].truth.earth_uT), v, up_of(cycles[i].truth));
+        sq += err * err;
+        ++n;
+        ++in_use[e.estimator < 6 ? e.estimator : 5];
+        if (e.soft_iron_q14[0] != 16384) ++with_w;
+    }
+    std::printf(
+        "events held steady at medium/high: %d, heading RMS %.2f deg; estimator none/stored/library/sphere/"
+        "ellipsoid: %d %d %d %d %d; with a soft-iron correction %d\n",
+        n, n ? std::sqrt(sq / n) : NAN, in_use[0], in_use[1], in_use[2], in_use[3], in_use[4], with_w);
+}
+
 int soft_iron(const char *scenario, int rate, int seed, const char *soft, bool trace, double inclination_deg) {
     sc::ScenarioSettings settings{.name = scenario};
     settings.seed = static_cast<uint32_t>(seed);
@@ -252,37 +336,9 @@ int soft_iron(const char *scenario, int rate, int seed, const char *soft, bool t
         KmxcServiceEvent e;
         kmxc_service_cycle(static_cast<int64_t>(run.elapsed_us()) * 1000, &e);
         const sc::Truth &t = run.truth();
-        const auto o = rig.true_offset_counts();
-        cycles.push_back(Cycle{t, v3(o), e});
+        cycles.push_back(Cycle{t, v3(rig.true_offset_counts()), e});
+        if (trace) print_trace(t, cycles.back().true_offset, e);
         const kmxc_kit::Estimators &est = kmxc_kit::g_state.est;
-        if (trace) {
-            // The event's heading error, and the one its covariance predicts (double).
-            const Vector3d v(e.mag_counts[0] - e.offset[0], e.mag_counts[1] - e.offset[1],
-                             e.mag_counts[2] - e.offset[2]);
-            const double err = heading_error_deg(v3(t.earth_uT), v, up_of(t));
-            double pred = NAN, worst = NAN, best = NAN;
-            if (est.cov.valid) {
-                const int32_t *q = est.cov.p_q8;
-                Matrix3d p;
-                p << q[0], q[1], q[2], q[1], q[3], q[4], q[2], q[4], q[5];
-                pred = heading_sigma_deg(p / 256, v,
-                                         Vector3d(e.gravity_counts[0], e.gravity_counts[1], e.gravity_counts[2]));
-                const Eigen::SelfAdjointEigenSolver<Matrix3d> eig(p / 256);
-                worst = std::sqrt(eig.eigenvalues().maxCoeff()) * kUtPerCount;
-                best = std::sqrt(std::max(0.0, eig.eigenvalues().minCoeff())) * kUtPerCount;
-            }
-            const Vector3d off(e.offset[0], e.offset[1], e.offset[2]);
-            kmxc_kit::SphereFit probe{};
-            const int rc = static_cast<int>(kmxc_kit::sphere_fit(est.store, &probe));
-            const kmxc_kit::Spread spread = kmxc_kit::field_store_spread(est.store);
-            std::printf(
-                "%6.1f acc %d est %d flags %04x err %6.2f pred %6.2f off %5.2f store %2d cov %2d sph rms %5.2f "
-                "pend %d%d%d W %d fit %d spread %d joined %d sd %.2f..%.2f %s\n",
-                t.t_s, e.accuracy, e.estimator, e.flags, err, pred, (off - v3(o)).norm() * kUtPerCount, est.store.count,
-                est.coverage, est.sphere.residual.rms_q4 / 16.0, est.sphere_pending, est.ellipsoid_due,
-                est.ellipsoid_pending, kmxc_kit::g_state.soft_iron.in_use, rc, spread.ratio_min, est.joined, best,
-                worst, t.phase);
-        }
         if (est.ellipsoid_pending) {
             Snapshot s{t.t_s, {}, est.sphere, est.ellipsoid, est.coverage};
             for (int i = 0; i < est.store.count; ++i) {
@@ -295,67 +351,19 @@ int soft_iron(const char *scenario, int rate, int seed, const char *soft, bool t
     kmxc_service_stop();
     std::filesystem::remove_all(dir);
 
-    const std::vector<bool> steady = held_steady(
-        [&] {
-            std::vector<sc::Truth> t;
-            for (const auto &c : cycles) t.push_back(c.truth);
-            return t;
-        }(),
-        rate);
+    std::vector<sc::Truth> truths;
+    for (const auto &c : cycles) truths.push_back(c.truth);
+    const std::vector<bool> steady = held_steady(truths, rate);
     const sc::Mat3 s_scene = sc::soft_iron_matrix(settings.soft_iron);
     Matrix3d s_true;
     for (int i = 0; i < 3; ++i)
         for (int j = 0; j < 3; ++j) s_true(i, j) = s_scene[i][j];
     Matrix3d w_true = s_true.inverse();
     w_true /= std::cbrt(w_true.determinant());
-    const Vector3d o_end = cycles.back().true_offset;
     std::printf("true W (S^-1, det 1): %.4f %.4f %.4f / %.4f %.4f / %.4f\n", w_true(0, 0), w_true(0, 1), w_true(0, 2),
                 w_true(1, 1), w_true(1, 2), w_true(2, 2));
-    std::printf("held-steady samples %d; heading RMS with the true offset: no W %.2f deg, true W %.2f deg\n",
-                static_cast<int>(std::count(steady.begin(), steady.end(), true)),
-                steady_rms(cycles, steady, o_end, Matrix3d::Identity()), steady_rms(cycles, steady, o_end, w_true));
-    std::printf(
-        "t s | n cells | |W-Wtrue| max: kit, ridge, none | centre err uT: sphere, kit, ridge, none | "
-        "steady RMS deg: sphere, kit, ridge, none\n");
-    for (const auto &s : snaps) {
-        const Vector3d c_sphere(s.sphere.offset.x, s.sphere.offset.y, s.sphere.offset.z);
-        const Vector3d c_kit(s.ellipsoid.offset.x, s.ellipsoid.offset.y, s.ellipsoid.offset.z);
-        const Matrix3d w_kit = w_of(s.ellipsoid.w_q14);
-        const Ellipsoid ridge = ellipsoid_fit_d(s.store, c_sphere, s.sphere.radius_q4 / 16.0, true);
-        const Ellipsoid none = ellipsoid_fit_d(s.store, c_sphere, s.sphere.radius_q4 / 16.0, false);
-        // The true offset at the snapshot's time.
-        Vector3d o = o_end;
-        for (const auto &c : cycles)
-            if (c.truth.t_s <= s.t_s) o = c.true_offset;
-        std::printf("%5.1f | %2zu %2d | %.3f %.3f %.3f | %.2f %.2f %.2f %.2f | %.2f %.2f %.2f %.2f\n", s.t_s,
-                    s.store.size(), s.coverage, (w_kit - w_true).cwiseAbs().maxCoeff(),
-                    ridge.ok ? (ridge.w - w_true).cwiseAbs().maxCoeff() : NAN,
-                    none.ok ? (none.w - w_true).cwiseAbs().maxCoeff() : NAN, (c_sphere - o).norm() * kUtPerCount,
-                    (c_kit - o).norm() * kUtPerCount, ridge.ok ? (ridge.c - o).norm() * kUtPerCount : NAN,
-                    none.ok ? (none.c - o).norm() * kUtPerCount : NAN,
-                    steady_rms(cycles, steady, c_sphere, Matrix3d::Identity()),
-                    steady_rms(cycles, steady, c_kit, w_kit),
-                    ridge.ok ? steady_rms(cycles, steady, ridge.c, ridge.w) : NAN,
-                    none.ok ? steady_rms(cycles, steady, none.c, none.w) : NAN);
-    }
-    // What the events reported: the heading of each held-steady event's calibrated field
-    // (mag_counts is the corrected field, offset the one in use), and which estimator.
-    double sq = 0;
-    int n = 0, in_use[6] = {}, with_w = 0;
-    for (size_t i = 0; i < cycles.size(); ++i) {
-        const KmxcServiceEvent &e = cycles[i].event;
-        if (!steady[i] || e.accuracy < KMXC_SERVICE_MEDIUM) continue;
-        const Vector3d v(e.mag_counts[0] - e.offset[0], e.mag_counts[1] - e.offset[1], e.mag_counts[2] - e.offset[2]);
-        const double err = heading_error_deg(v3(cycles[i].truth.earth_uT), v, up_of(cycles[i].truth));
-        sq += err * err;
-        ++n;
-        ++in_use[e.estimator < 6 ? e.estimator : 5];
-        if (e.soft_iron_q14[0] != 16384) ++with_w;
-    }
-    std::printf(
-        "events held steady at medium/high: %d, heading RMS %.2f deg; estimator none/stored/library/sphere/"
-        "ellipsoid: %d %d %d %d %d; with a soft-iron correction %d\n",
-        n, n ? std::sqrt(sq / n) : NAN, in_use[0], in_use[1], in_use[2], in_use[3], in_use[4], with_w);
+    print_snapshots(cycles, snaps, steady, w_true);
+    print_events(cycles, steady);
     return 0;
 }
 
