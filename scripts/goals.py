@@ -184,6 +184,14 @@ def car_row(runs):
     }
 
 
+def in_range(texts, lo, hi, count=1):
+    """Each of `count` texts a number within lo..hi."""
+    try:
+        return len(texts) == count and all(lo <= float(t) <= hi for t in texts)
+    except ValueError:
+        return False
+
+
 def world_of(a):
     """The world's options every run takes: the Earth field's dip, the accelerometer's offset."""
     return (["--inclination", a.inclination] if a.inclination else []) + \
@@ -268,13 +276,12 @@ def main():
     ap.add_argument("--inclination", default="", help="the Earth field's dip, -90..90 degrees (default: the demo's)")
     ap.add_argument("--accel-offset", default="", help="the accelerometer's zero-g offset X,Y,Z, mg (default: none)")
     a = ap.parse_args()
-    if a.inclination:
-        try:
-            ok = -90 <= float(a.inclination) <= 90
-        except ValueError:
-            ok = False
-        if not ok:
-            sys.exit(f"goals.py: --inclination {a.inclination}: degrees, -90..90")
+    # The world's options are checked here, before any run: a run the demo refuses would
+    # only leave its rows empty.
+    if a.inclination and not in_range([a.inclination], -90, 90):
+        sys.exit(f"goals.py: --inclination {a.inclination}: degrees, -90..90")
+    if a.accel_offset and not in_range(a.accel_offset.split(","), -200, 200, count=3):
+        sys.exit(f"goals.py: --accel-offset {a.accel_offset}: X,Y,Z in mg, each -200..200")
     lo, _, hi = a.seeds.partition("-")
     seeds = list(range(int(lo), int(hi or lo) + 1))
     rates = [int(r) for r in a.rates.split(",")]
