@@ -243,10 +243,17 @@ void measure(void (*fn)(void)) {
     icount_mark();
 }
 bool near(double got, double want) { return got > want - 3 && got < want + 3; }
-}  // namespace
 
-// The order of the cases is the order of the marks; count.sh relies on it.
-int main() {
+// What the checks below read of the measuring: results the cases leave beside the globals.
+struct Seen {
+    int8_t fit, cycle;     // the library's fitting call and plain cycle
+    bool full, kit_cycle;  // the stores filled; the kit's cycle fitted nothing
+    bool rules_quiet;      // the vehicle rules raised no anomaly
+};
+
+// Every case, in the order of its marks (count.sh relies on it).
+Seen measure_all() {
+    Seen seen{};
     KmxAxesLibInit();
     KmxAxesMsCalibInit();
     measure(icount_case_empty);
@@ -257,20 +264,20 @@ int main() {
     g_MsCalibEstimator.count = g_MsCalibEstimator.writeIndex = 15;
     g_MsCalibPlanarValid = 0;
     measure(icount_case_fit);
-    const int8_t fit = g_code;
+    seen.fit = g_code;
 
     // A cycle: correction, a calibration sample that only fills the batch, heading.
     load_typical_chip_coefficients();
     g_MsCalibEstimator.count = g_MsCalibEstimator.writeIndex = 3;
     measure(icount_case_cycle);
-    const int8_t cycle = g_code;
+    seen.cycle = g_code;
 
     measure(icount_case_double);
     measure(icount_case_kasa_double);
     measure(icount_case_kasa_float);
 
     fill_stores();
-    const bool full = g_store.count == kStoreCapacity && g_ring.count == kStoreCapacity;
+    seen.full = g_store.count == kStoreCapacity && g_ring.count == kStoreCapacity;
     measure(icount_case_offer_still);
     measure(icount_case_offer_refused);
     measure(icount_case_coverage);
@@ -286,7 +293,7 @@ int main() {
     ellipsoid_fit(g_store, g_sphere, &g_ellipsoid);
     set_kit(0, false, false);
     measure(icount_case_kit_cycle);
-    const bool kit_cycle = g_state.est.store.count == kStoreCapacity && g_state.est.joined == 0;
+    seen.kit_cycle = g_state.est.store.count == kStoreCapacity && g_state.est.joined == 0;
     set_kit(KMXC_SERVICE_STORE_REFIT_JOINS, false, false);
     measure(icount_case_kit_sphere);
     measure(icount_case_kit_sphere_judge);
@@ -309,7 +316,7 @@ int main() {
     trust_planar(KMXC_SERVICE_MEDIUM);  // the anomaly bounds from the reference
     g_state.estimator = KMXC_SERVICE_ESTIMATOR_LIBRARY;
     measure(icount_case_kit_rules);
-    const bool rules_quiet = g_event.anomaly == 0;
+    seen.rules_quiet = g_event.anomaly == 0;
     g_state.est.store = g_ring;
     g_state.planar.joins = KMXC_SERVICE_STORE_REFIT_JOINS;
     g_state.planar.seen_count = g_ring.count;
@@ -321,9 +328,17 @@ int main() {
     measure(icount_case_kit_planar_judge);
     for (int i = 0; i < 400; ++i) mount_gravity_track(&g_state.mount_gravity, Vec3{40, -20, 4090}, true, 10);
     measure(icount_case_kit_mount);
+    return seen;
+}
 
+}  // namespace
+
+// The cases measured, then what they computed checked: each must have done the work
+// it stands for, or its count means nothing.
+int main() {
+    const Seen seen = measure_all();
     std::printf("fit rc %d, cycle rc %d heading %u, azimuth %.0f, Kasa centre %.1f,%.1f,%.1f (float %.1f,%.1f,%.1f)\n",
-                fit, cycle, unsigned(g_heading), g_angles[0], g_centre_d[0], g_centre_d[1], g_centre_d[2],
+                seen.fit, seen.cycle, unsigned(g_heading), g_angles[0], g_centre_d[0], g_centre_d[1], g_centre_d[2],
                 double(g_centre_f[0]), double(g_centre_f[1]), double(g_centre_f[2]));
     std::printf(
         "store: offers %d %d %d, coverage %d, spread %d; sphere %d at %d,%d,%d; ellipsoid %d axes %d %d %d; "
@@ -333,11 +348,12 @@ int main() {
         g_ellipsoid.axes_q14[1], g_ellipsoid.axes_q14[2], int(g_fit_results[2]), g_circle.radius_q4,
         g_agreement.strength.worst_permille);
     // 63: a new offset on all three axes; 7: no new offset, the status of a 3-D calibration.
-    const bool ok = fit == KMXC_CALIB_THREE_D && cycle == 7 && near(g_centre_d[0], 100) && near(g_centre_d[1], -50) &&
-                    near(g_centre_d[2], 200) && near(g_centre_f[0], 100) && near(g_centre_f[2], 200);
+    const bool ok = seen.fit == KMXC_CALIB_THREE_D && seen.cycle == 7 && near(g_centre_d[0], 100) &&
+                    near(g_centre_d[1], -50) && near(g_centre_d[2], 200) && near(g_centre_f[0], 100) &&
+                    near(g_centre_f[2], 200);
     // The estimators: refusals near kept samples, a replacing join, three fits that
     // found the centre, and a corrected store that agrees within 1 percent.
-    const bool estimators = full && g_offers[0] == Offer::kNotWider && g_offers[1] == Offer::kNotWider &&
+    const bool estimators = seen.full && g_offers[0] == Offer::kNotWider && g_offers[1] == Offer::kNotWider &&
                             g_offers[2] == Offer::kJoinedReplacing && g_fit_results[0] == FitResult::kOk &&
                             g_fit_results[1] == FitResult::kOk && g_fit_results[2] == FitResult::kOk &&
                             near(g_ellipsoid.offset.x, 100) && near(g_ellipsoid.offset.y, -50) &&
@@ -346,17 +362,17 @@ int main() {
     // judged and published in the next cycle (the offset in use was 3 counts off); the ellipsoid fitted and adopted.
     std::printf(
         "kit: cycle %d, sphere pending %d, sphere judged estimator %d, ellipsoid pending %d, judged estimator %d\n",
-        int(kit_cycle), g_estimator_seen[0], g_estimator_seen[3], g_estimator_seen[1], g_estimator_seen[2]);
-    const bool kit = kit_cycle && g_estimator_seen[0] == 1 &&
+        int(seen.kit_cycle), g_estimator_seen[0], g_estimator_seen[3], g_estimator_seen[1], g_estimator_seen[2]);
+    const bool kit = seen.kit_cycle && g_estimator_seen[0] == 1 &&
                      g_estimator_seen[3] == KMXC_SERVICE_ESTIMATOR_STORE_SPHERE && g_estimator_seen[1] == 1 &&
                      g_estimator_seen[2] == KMXC_SERVICE_ESTIMATOR_ELLIPSOID;
     // The vehicle: the rules quiet on an agreeing sample; the circle fitted, then judged
     // and published as the planar estimate (pending 1 plus twice the estimator 5).
-    std::printf("vehicle: rules quiet %d, planar steps %d, offset %d,%d,%d\n", int(rules_quiet), g_estimator_seen[4],
-                g_event.offset[0], g_event.offset[1], g_event.offset[2]);
+    std::printf("vehicle: rules quiet %d, planar steps %d, offset %d,%d,%d\n", int(seen.rules_quiet),
+                g_estimator_seen[4], g_event.offset[0], g_event.offset[1], g_event.offset[2]);
     // The mount: the circle's own sample on its plane, the gravity at the mean and so
     // within the slopes' tilt of it (1 + 2 + 4).
     const bool vehicle =
-        rules_quiet && g_estimator_seen[4] == 1 + 2 * KMXC_SERVICE_ESTIMATOR_PLANAR && g_estimator_seen[5] == 7;
+        seen.rules_quiet && g_estimator_seen[4] == 1 + 2 * KMXC_SERVICE_ESTIMATOR_PLANAR && g_estimator_seen[5] == 7;
     return ok && estimators && kit && vehicle ? 0 : 1;
 }
