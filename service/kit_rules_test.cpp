@@ -104,6 +104,49 @@ TEST_F(Kit, ACallWhileAnotherRunsIsRefusedAsBusy) {
 
 // ---- First fit, accuracy and events -----------------------------------------------------
 
+// A run that ends lying face up, calibrated: its last event in the Android conventions
+// (acceleration +g on z, calibrated field = uncalibrated - bias, its strength, the
+// orientation's range and no -0, the rotation vector taking up and the field to the world).
+void expect_face_up_in_android_conventions(const Trace &r) {
+    const KmxcServiceEvent &last = r.events.back();
+    EXPECT_EQ(last.accuracy, KMXC_SERVICE_HIGH);
+    EXPECT_NEAR(last.acceleration_ms2[2], 9.80665, 0.2) << "face up reads +g on z";
+    EXPECT_NEAR(last.acceleration_ms2[0], 0, 0.2);
+    for (int k = 0; k < 3; ++k) {
+        EXPECT_NEAR(last.magnetic_uT[k], last.uncalibrated_uT[k] - last.bias_uT[k], 1e-3) << k;
+        EXPECT_FLOAT_EQ(last.uncalibrated_uT[k], last.mag_counts[k] * 0.4f) << k;
+    }
+    // The strength is the length of the same vector to the hundredth (rounded down).
+    const double strength = std::hypot(last.magnetic_uT[0], last.magnetic_uT[1], last.magnetic_uT[2]);
+    EXPECT_LE(last.strength_centi_uT / 100.0, strength + 1e-4);
+    EXPECT_GT(last.strength_centi_uT / 100.0, strength - 0.0101);
+    ASSERT_TRUE(last.flags & KMXC_SERVICE_ORIENTATION_VALID);
+    EXPECT_GE(last.orientation_deg[0], 0);
+    EXPECT_LT(last.orientation_deg[0], 360);
+    for (const auto &e : r.events)
+        for (float angle : e.orientation_deg)
+            EXPECT_FALSE(angle == 0 && std::signbit(angle)) << "-0 at " << e.timestamp_ns;
+    // The rotation vector turns the device's up (the acceleration's direction) to the
+    // world's up, and the calibrated field into the north-up plane, northward.
+    const float *q = last.rotation_vector;
+    EXPECT_NEAR(std::hypot(std::hypot(q[0], q[1]), std::hypot(q[2], q[3])), 1.0, 1e-6);
+    EXPECT_GE(q[3], 0);
+    auto to_world = [q](const float *v) {
+        const double x = q[0], y = q[1], z = q[2], w = q[3];
+        const double m[3][3] = {{1 - 2 * (y * y + z * z), 2 * (x * y - z * w), 2 * (x * z + y * w)},
+                                {2 * (x * y + z * w), 1 - 2 * (x * x + z * z), 2 * (y * z - x * w)},
+                                {2 * (x * z - y * w), 2 * (y * z + x * w), 1 - 2 * (x * x + y * y)}};
+        const double n = std::hypot(v[0], v[1], v[2]);
+        return std::array<double, 3>{(m[0][0] * v[0] + m[0][1] * v[1] + m[0][2] * v[2]) / n,
+                                     (m[1][0] * v[0] + m[1][1] * v[1] + m[1][2] * v[2]) / n,
+                                     (m[2][0] * v[0] + m[2][1] * v[1] + m[2][2] * v[2]) / n};
+    };
+    const auto up = to_world(last.acceleration_ms2), field = to_world(last.magnetic_uT);
+    EXPECT_NEAR(up[2], 1.0, 1e-3);
+    EXPECT_NEAR(field[0], 0.0, 1e-3) << "no eastward field";
+    EXPECT_GT(field[1], 0.3) << "the field points north";
+}
+
 // The first 3-D fit comes in time whatever the rate, and its offset is right. Until
 // then the kit says unreliable; once it says medium or high, the azimuth is right.
 // Both handlings end with the phone lying face up.
@@ -156,44 +199,7 @@ TEST_F(Kit, FirstFitComesInTimeAtEveryRateAndOnlyThenAreHeadingsTrusted) {
         }
         ASSERT_GT(trusted * 2, static_cast<int>(r.events.size()));
         EXPECT_LE(wrong * 50, trusted) << wrong << " of " << trusted << " medium/high azimuths more than 15 deg off";
-        // Lying face up at the end, calibrated: the event in the Android conventions.
-        const KmxcServiceEvent &last = r.events.back();
-        EXPECT_EQ(last.accuracy, KMXC_SERVICE_HIGH);
-        EXPECT_NEAR(last.acceleration_ms2[2], 9.80665, 0.2) << "face up reads +g on z";
-        EXPECT_NEAR(last.acceleration_ms2[0], 0, 0.2);
-        for (int k = 0; k < 3; ++k) {
-            EXPECT_NEAR(last.magnetic_uT[k], last.uncalibrated_uT[k] - last.bias_uT[k], 1e-3) << k;
-            EXPECT_FLOAT_EQ(last.uncalibrated_uT[k], last.mag_counts[k] * 0.4f) << k;
-        }
-        // The strength is the length of the same vector to the hundredth (rounded down).
-        const double strength = std::hypot(last.magnetic_uT[0], last.magnetic_uT[1], last.magnetic_uT[2]);
-        EXPECT_LE(last.strength_centi_uT / 100.0, strength + 1e-4);
-        EXPECT_GT(last.strength_centi_uT / 100.0, strength - 0.0101);
-        ASSERT_TRUE(last.flags & KMXC_SERVICE_ORIENTATION_VALID);
-        EXPECT_GE(last.orientation_deg[0], 0);
-        EXPECT_LT(last.orientation_deg[0], 360);
-        for (const auto &e : r.events)
-            for (float angle : e.orientation_deg)
-                EXPECT_FALSE(angle == 0 && std::signbit(angle)) << "-0 at " << e.timestamp_ns;
-        // The rotation vector turns the device's up (the acceleration's direction) to the
-        // world's up, and the calibrated field into the north-up plane, northward.
-        const float *q = last.rotation_vector;
-        EXPECT_NEAR(std::hypot(std::hypot(q[0], q[1]), std::hypot(q[2], q[3])), 1.0, 1e-6);
-        EXPECT_GE(q[3], 0);
-        auto to_world = [q](const float *v) {
-            const double x = q[0], y = q[1], z = q[2], w = q[3];
-            const double m[3][3] = {{1 - 2 * (y * y + z * z), 2 * (x * y - z * w), 2 * (x * z + y * w)},
-                                    {2 * (x * y + z * w), 1 - 2 * (x * x + z * z), 2 * (y * z - x * w)},
-                                    {2 * (x * z - y * w), 2 * (y * z + x * w), 1 - 2 * (x * x + y * y)}};
-            const double n = std::hypot(v[0], v[1], v[2]);
-            return std::array<double, 3>{(m[0][0] * v[0] + m[0][1] * v[1] + m[0][2] * v[2]) / n,
-                                         (m[1][0] * v[0] + m[1][1] * v[1] + m[1][2] * v[2]) / n,
-                                         (m[2][0] * v[0] + m[2][1] * v[1] + m[2][2] * v[2]) / n};
-        };
-        const auto up = to_world(last.acceleration_ms2), field = to_world(last.magnetic_uT);
-        EXPECT_NEAR(up[2], 1.0, 1e-3);
-        EXPECT_NEAR(field[0], 0.0, 1e-3) << "no eastward field";
-        EXPECT_GT(field[1], 0.3) << "the field points north";
+        expect_face_up_in_android_conventions(r);
     }
 }
 
