@@ -10,12 +10,9 @@ namespace {
 
 using namespace kit_test;
 
-// The double path's azimuth error of an event against the scene's attitude (rows: east,
-// north, up in phone axes), degrees.
+// The double path's azimuth error of an event against the scene's attitude, degrees.
 double azimuth_error_deg(const KmxcServiceEvent &e, const Truth &t) {
-    const auto &a = t.attitude;
-    const double truth = std::atan2(a[0][1] - a[1][0], a[0][0] + a[1][1]) * 180 / M_PI;
-    return std::remainder(e.orientation_deg[0] - truth, 360.0);
+    return heading_difference(e.orientation_deg[0], true_angles(t.attitude).double_azimuth);
 }
 
 // In a car's mount the attitude takes the mount's mean gravity while the phone turns on
