@@ -146,7 +146,7 @@ TEST_F(Kit, ImplausibleValuesAreNeverAppliedNorWrittenBack) {
         const KmxcServiceEvent &e = r.events[i];
         if (e.accuracy < KMXC_SERVICE_MEDIUM || !(e.flags & KMXC_SERVICE_ORIENTATION_VALID)) continue;
         ++trusted;
-        const double truth = true_angles(r.truths[i].attitude).double_azimuth;
+        const double truth = true_angles(r.truths[i].attitude, HeadingAxis::kY).double_azimuth;
         if (std::fabs(heading_difference(e.orientation_deg[0], truth)) > 15.0) ++wrong;
     }
     EXPECT_GT(trusted, 100);

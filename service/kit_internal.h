@@ -153,6 +153,7 @@ struct State {
     int restore_count;         // fed samples since the demotion's last anomaly
     Planar planar;
     MountGravity mount_gravity;  // the mounted phone's gravity (kit_mount.h)
+    bool heading_z;              // the integer heading follows the z axis (kit_heading.cpp)
 };
 
 extern State g_state;
@@ -220,6 +221,18 @@ void trust_planar(int8_t level);
 // The last trusted 3-D calibration's angle between field and gravity, centidegrees
 // (0..18000), from its dip below the horizontal (reference_dip_cdeg, -9000..9000).
 inline int32_t reference_angle_cdeg() { return 9000 - g_state.reference_dip_cdeg; }
+
+// ---- The integer heading (kit_heading.cpp) ---------------------------------------------
+
+// The threshold the library's heading is given while the heading follows the z axis (z)
+// or the y axis: the one that leaves that axis (KMXC_SERVICE_DIRECTION_ENTER_Z, _LEAVE_Z).
+int32_t heading_threshold(bool z);
+// Whether the library, given threshold, took the z axis for an attitude whose up row's
+// y entry (Q12) is up_y.
+bool heading_on_z(int16_t up_y, int32_t threshold);
+// The heading of field mag at gravity (the library's attitude and smoother): after
+// KMXC_SERVICE_WARMUP_CYCLES attitudes, into e with its axis (g_state.heading_z).
+void integer_heading(const KmxAxesData &mag, const KmxAxesData &gravity, KmxcServiceEvent *e);
 
 // ---- The kit's estimators (kit_estimate.cpp) -----------------------------------------
 

@@ -129,4 +129,42 @@ TEST(KitRuleEdges, AnAnomalyHoldsTheAccuracyDownForItsWholeClearTime) {
     }
 }
 
+// The integer heading's axis: the kit tells the library the threshold that leaves the
+// axis in use and records the axis the library then took. At each threshold and one
+// count past it, from either axis and either sign of the y entry, the recorded axis is
+// the one whose heading the library gave (a threshold of 0 forces the z axis, 4096 the
+// y axis; the rows set the two headings tens of degrees apart).
+TEST(KitRuleEdges, TheHeadingsAxisChangesOnlyPastTheThresholdThatLeavesIt) {
+    constexpr int16_t kEnter = KMXC_SERVICE_DIRECTION_ENTER_Z, kLeave = KMXC_SERVICE_DIRECTION_LEAVE_Z;
+    const struct {
+        const char *name;
+        bool was_z;
+        int16_t up_y;
+        bool z;
+    } cases[] = {
+        {"on y: at the entry threshold", false, kEnter, false},
+        {"on y: one count past it", false, kEnter + 1, true},
+        {"on y: one count past it, y pointing down", false, -kEnter - 1, true},
+        {"on y: just past the leaving threshold", false, kLeave + 1, false},
+        {"on z: at the leaving threshold", true, kLeave, false},
+        {"on z: one count past it", true, kLeave + 1, true},
+        {"on z: one count past it, y pointing down", true, -kLeave - 1, true},
+        {"on z: at the entry threshold", true, kEnter, true},
+    };
+    for (const auto &c : cases) {
+        KmxAxesAttitude a{};
+        const int16_t rows[9] = {3000, 1000, 2000, -500, 2500, -3000, 0, c.up_y, 1000};
+        for (int k = 0; k < 9; ++k) a.matrix[k] = rows[k];
+        const int32_t threshold = heading_threshold(c.was_z);
+        uint16_t heading = 0, of_axis = 0, of_other = 0;
+        KmxAxesLibCalcDirectionWOF(&a, &heading, threshold);
+        const bool z = heading_on_z(c.up_y, threshold);
+        EXPECT_EQ(z, c.z) << c.name;
+        KmxAxesLibCalcDirectionWOF(&a, &of_axis, z ? 0 : 4096);
+        KmxAxesLibCalcDirectionWOF(&a, &of_other, z ? 4096 : 0);
+        EXPECT_EQ(heading, of_axis) << c.name;
+        EXPECT_NE(heading, of_other) << c.name;
+    }
+}
+
 }  // namespace

@@ -193,7 +193,7 @@ TEST_F(Kit, FirstFitComesInTimeAtEveryRateAndOnlyThenAreHeadingsTrusted) {
             if (!fitted) { EXPECT_LE(e.accuracy, KMXC_SERVICE_LOW) << e.timestamp_ns; }
             if (e.accuracy >= KMXC_SERVICE_MEDIUM && (e.flags & KMXC_SERVICE_ORIENTATION_VALID)) {
                 ++trusted;
-                const double truth = true_angles(r.truths[i].attitude).double_azimuth;
+                const double truth = true_angles(r.truths[i].attitude, HeadingAxis::kY).double_azimuth;
                 wrong += std::fabs(heading_difference(static_cast<int>(e.orientation_deg[0]), truth)) > 15.0;
             }
         }
@@ -370,13 +370,14 @@ TEST_F(Kit, NoIntegerHeadingUntilTheSmootherHasHistory) {
             EXPECT_FALSE(e.flags & KMXC_SERVICE_HEADING_VALID) << i;
             continue;
         }
-        // The first heading reported agrees with the unsmoothed one of the same sample.
+        // The first heading reported agrees with the unsmoothed one of the same sample,
+        // of the axis the event names (threshold 0 forces the z axis, 4096 the y axis).
         const KmxAxesData ms{e.mag_counts[0], e.mag_counts[1], e.mag_counts[2]},
             gs{e.gravity_counts[0], e.gravity_counts[1], e.gravity_counts[2]};
         KmxAxesAttitude a;
         ASSERT_EQ(KmxAxesLibGetAttitude(&ms, &gs, &a), 0);
         uint16_t raw = 0;
-        KmxAxesLibCalcDirectionWOF(&a, &raw, KMXC_SERVICE_DIRECTION_THRESHOLD);
+        KmxAxesLibCalcDirectionWOF(&a, &raw, (e.flags & KMXC_SERVICE_HEADING_Z_AXIS) != 0 ? 0 : 4096);
         EXPECT_LE(std::abs(heading_difference(e.heading_deg, raw)), 1.0) << i;
     }
 }

@@ -29,9 +29,6 @@ namespace kit_test {
 using namespace vphone::scene;
 using vphone::Vec3;
 
-// The scene's integer-heading truth switches axes where the kit tells the library to.
-static_assert(kDirectionThresholdQ12 == KMXC_SERVICE_DIRECTION_THRESHOLD);
-
 constexpr const char *kCfg = kCalibrationFile;
 // What a reset file holds after the rough offset.
 constexpr const char *kDefaultOffsets = "0,0,0,2147483647,2147483647,2147483647";

@@ -12,7 +12,7 @@ using namespace kit_test;
 
 // The double path's azimuth error of an event against the scene's attitude, degrees.
 double azimuth_error_deg(const KmxcServiceEvent &e, const Truth &t) {
-    return heading_difference(e.orientation_deg[0], true_angles(t.attitude).double_azimuth);
+    return heading_difference(e.orientation_deg[0], true_angles(t.attitude, HeadingAxis::kY).double_azimuth);
 }
 
 // In a car's mount the attitude takes the mount's mean gravity while the phone turns on
@@ -64,6 +64,48 @@ TEST_F(Kit, AMountedPhoneTiltedByTheCarIsAtMostLowWhateverTheEstimate) {
     EXPECT_GT(tilted, 200) << "the drive's turns and brakings";
     EXPECT_GT(sphere, 1000) << "the sphere gives the offset in the mount";
     EXPECT_LE(wrong * 200, trusted) << wrong << " of " << trusted;
+}
+
+// A phone mounted near 60 degrees (a dashboard mount's tilt, give or take a road's
+// slopes): its integer heading changes axis only past the margin either side, so it
+// keeps the axis it has, and the event says which. The phone rolled by 20 degrees sets
+// the two axes' headings about 20 degrees apart; each hold ends on the heading of the
+// axis the event names. (Without the margin, 62 degrees would give the z axis and 58
+// the y axis.)
+TEST_F(Kit, TheIntegerHeadingKeepsItsAxisWithinTheMarginAndSaysWhich) {
+    const struct {
+        double pitch_up_deg;  // the y axis this far above the horizontal, for 3 s
+        HeadingAxis axis;
+    } holds[] = {
+        {50, HeadingAxis::kY}, {62, HeadingAxis::kY}, {67, HeadingAxis::kZ},
+        {58, HeadingAxis::kZ}, {53, HeadingAxis::kY},
+    };
+    constexpr double kHoldS = 3;
+    ScenarioSettings s = scenario("still");
+    s.noise_uT = 0;
+    s.accel_noise_g = 0;
+    s.hard_iron_uT = Vec3{0, 0, 0};  // the offset is known: none
+    const auto pose_at = [&](double t) {
+        const size_t k = std::min(static_cast<size_t>(t / kHoldS), std::size(holds) - 1);
+        return Pose{40, -holds[k].pitch_up_deg, 20};
+    };
+    const Trace r = run(s, 10, kHoldS * std::size(holds), [&](double t, Truth &truth) {
+        truth.attitude = attitude_matrix(pose_at(t));  // magnetic: no declination
+        truth.earth_uT = to_phone(truth.attitude, earth_field_uT(s.field_uT, s.inclination_deg));
+        truth.field_uT = truth.earth_uT;
+        truth.gravity_g = to_phone(truth.attitude, Vec3{0, 0, -1});
+    });
+    ASSERT_GE(r.events.size(), 10 * kHoldS * std::size(holds));
+    for (size_t k = 0; k < std::size(holds); ++k) {
+        SCOPED_TRACE(holds[k].pitch_up_deg);
+        const size_t last = (k + 1) * 10 * kHoldS - 1;
+        const KmxcServiceEvent &e = r.events[last];
+        ASSERT_TRUE(e.flags & KMXC_SERVICE_HEADING_VALID);
+        EXPECT_EQ((e.flags & KMXC_SERVICE_HEADING_Z_AXIS) != 0, holds[k].axis == HeadingAxis::kZ);
+        const TrueAngles t = true_angles(r.truths[last].attitude, holds[k].axis);
+        EXPECT_LE(std::fabs(heading_difference(e.heading_deg, t.integer_heading)), 1.5);
+        EXPECT_GT(std::fabs(heading_difference(t.y_heading, t.z_heading)), 10) << "the axes' headings differ";
+    }
 }
 
 }  // namespace

@@ -1,7 +1,8 @@
 // The sensor-service kit: the library's call order, as start, cycle and stop. The
 // numbered steps are those of the README's call sequence. Its rules are in
-// kit_rules.cpp, its persistence in kit_file.cpp (through durable_file.cpp and kit_store.cpp). Integer arithmetic only
-// (built without floating-point registers); the float fields of the event are filled in event_fill.cpp.
+// kit_rules.cpp, the integer heading in kit_heading.cpp, its persistence in kit_file.cpp
+// (through durable_file.cpp and kit_store.cpp). Integer arithmetic only (built without
+// floating-point registers); the float fields of the event are filled in event_fill.cpp.
 #include "service/kmxc_service.h"
 
 #include <unistd.h>
@@ -220,21 +221,6 @@ Vec3 attitude_gravity(const Vec3 &c, const Vec3 &g, KmxcServiceEvent *e) {
     return g;
 }
 
-// 4e. Attitude, integer path: the heading after the smoother's warm-up. (The double
-// path's attitude comes with the float fields.)
-void integer_heading(const KmxAxesData &mag, const KmxAxesData &gravity, KmxcServiceEvent *e) {
-    KmxAxesAttitude attitude;
-    if (KmxAxesLibGetAttitude(&mag, &gravity, &attitude) != 0) return;
-    uint16_t heading = 0;
-    KmxAxesLibCalcDirection(&attitude, &heading, KMXC_SERVICE_DIRECTION_THRESHOLD);
-    if (g_state.warm_cycles < KMXC_SERVICE_WARMUP_CYCLES) {
-        ++g_state.warm_cycles;
-        return;
-    }
-    e->heading_deg = static_cast<int16_t>(heading);
-    e->flags |= KMXC_SERVICE_HEADING_VALID;
-}
-
 // 5. Channels out of range: move the rough offset, at most once per interval.
 void move_rough_offset_if_clipped(int64_t now, KmxcServiceEvent *e) {
     if (e->mag_result <= 0) return;
@@ -353,7 +339,7 @@ int32_t kmxc_service_cycle(int64_t now, KmxcServiceEvent *e) {
         KmxAxesLibGetMsOffset(&offset);
         attitude_g = attitude_gravity(c, g, e);
         const KmxAxesData attitude{attitude_g.x, attitude_g.y, attitude_g.z};
-        integer_heading(mag, attitude, e);
+        integer_heading(mag, attitude, e);  // 4e. (kit_heading.cpp)
         e->offset[0] = offset.x, e->offset[1] = offset.y, e->offset[2] = offset.z;
         kmxc_service_fill_floats(&mag, &gravity, &attitude, &offset, e);
     }

@@ -169,9 +169,16 @@ extern "C" {
 /* Rates the kit serves, cycles per second. */
 #define KMXC_SERVICE_RATE_MIN_HZ 1
 #define KMXC_SERVICE_RATE_MAX_HZ 100
-/* Up-row y component (Q12) beyond which the integer heading follows the z axis
- * instead of the y axis: sin(60 degrees). */
-#define KMXC_SERVICE_DIRECTION_THRESHOLD 3547
+/* The integer heading is the heading of the phone's y axis, or of its -z axis (+z when
+ * the y axis points down) once the y axis stands too steep to give one. It changes axis
+ * with a margin of 5 degrees either side of 60 degrees: to the z axis when the up-row y
+ * component (Q12, its magnitude) exceeds sin(65 degrees), back to the y axis when it no
+ * longer exceeds sin(55 degrees). Between the two the axis stays, so a phone held or
+ * mounted near 60 degrees (a dashboard mount's tilt, give or take a road's slopes) does
+ * not jump between two headings that its roll sets tens of degrees apart.
+ * KMXC_SERVICE_HEADING_Z_AXIS says which axis an event's heading belongs to. */
+#define KMXC_SERVICE_DIRECTION_ENTER_Z 3712
+#define KMXC_SERVICE_DIRECTION_LEAVE_Z 3355
 /* Cycles with an attitude before the integer heading is reported. */
 #define KMXC_SERVICE_WARMUP_CYCLES 10
 /* Sample-feed gate: least distance (corrected counts, 0.4 uT each) of a fed sample
@@ -372,6 +379,10 @@ extern "C" {
     0x4000 /* in a mount, the measured gravity beyond              \
               KMXC_SERVICE_MOUNT_TILT_CDEG of the mount's mean: an \
               acceleration (or a hand) tilts the attitude; at most low */
+#define KMXC_SERVICE_HEADING_Z_AXIS                                \
+    0x8000 /* heading_deg is the heading of the -z axis (the back; \
+              +z when the y axis points down), not of the y axis   \
+              (KMXC_SERVICE_DIRECTION_ENTER_Z) */
 
 /* Estimators (event.estimator): where the offset in use comes from. */
 #define KMXC_SERVICE_ESTIMATOR_NONE 0         /* no offset yet (or only a planar one moved it) */
@@ -453,7 +464,8 @@ typedef struct KmxcServiceEvent {
                                   (w >= 0) of the rotation from device axes to east, north,
                                   up, as Android's; from the same rotation matrix as the
                                   orientation, at full precision */
-    int16_t heading_deg;       /* integer path 0..359; -1 during warm-up or failure */
+    int16_t heading_deg;       /* integer path 0..359, of the axis KMXC_SERVICE_HEADING_Z_AXIS
+                                  names; -1 during warm-up or failure */
     int8_t accuracy;           /* KMXC_SERVICE_UNRELIABLE .. KMXC_SERVICE_HIGH */
     uint8_t anomaly;           /* KMXC_SERVICE_ANOMALY_* causes seen in this sample */
     uint16_t flags;            /* KMXC_SERVICE_* event flags */

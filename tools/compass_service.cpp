@@ -33,9 +33,6 @@ namespace {
 using namespace compass;
 using namespace vphone::scene;
 
-// The scene's integer-heading truth switches axes where the kit tells the library to.
-static_assert(kDirectionThresholdQ12 == KMXC_SERVICE_DIRECTION_THRESHOLD);
-
 // One kit event as the report sees it.
 SampleOutput to_sample(const KmxcServiceEvent &e) {
     SampleOutput s;
@@ -224,7 +221,9 @@ void Session::cycle() {
     if (!replaying_) {
         s.has_truth = true;
         s.phase = run_.truth().phase;
-        s.truth = true_angles(run_.truth().attitude);
+        // The integer heading's truth is of the axis the kit says it followed.
+        s.truth = true_angles(run_.truth().attitude,
+                              (e.flags & KMXC_SERVICE_HEADING_Z_AXIS) != 0 ? HeadingAxis::kZ : HeadingAxis::kY);
         s.true_offset = rig_.true_offset_counts();
         s.mounted_s = run_.truth().mounted_s;
     }

@@ -20,6 +20,13 @@ using vphone::scene::heading_difference;
 // so held, the heading smoother has settled.
 constexpr double kSteadyDeg = 8.0;
 constexpr int64_t kSteadyForUs = 2000000;
+// The heading a held attitude keeps: the y axis', or the z axis' once the y axis stands
+// beyond 60 degrees (a fixed rule, whichever axis the kit's heading follows).
+constexpr double kSteadySteepSine = 0.86602540378443865;  // sin 60 degrees
+
+double held_heading(const TrueAngles &t) {
+    return std::fabs(std::sin(t.pitch * M_PI / 180.0)) > kSteadySteepSine ? t.z_heading : t.y_heading;
+}
 
 }  // namespace
 
@@ -171,7 +178,7 @@ void Report::tally_errors(const SampleOutput &s) {
     m.mounted_s = s.mounted_s;
     const TrueAngles &t = s.truth;
     if (samples_.size() == 1 ||
-        std::fabs(heading_difference(t.integer_heading, steady_from_.integer_heading)) > kSteadyDeg ||
+        std::fabs(heading_difference(held_heading(t), held_heading(steady_from_))) > kSteadyDeg ||
         std::fabs(t.pitch - steady_from_.pitch) > kSteadyDeg || std::fabs(t.roll - steady_from_.roll) > kSteadyDeg) {
         steady_since_us_ = s.time_us;
         steady_from_ = t;
@@ -331,13 +338,16 @@ bool Report::write_outputs(const std::string &path, std::string *error) const {
     }
     // The library's outputs first; the truth after them (empty on replays). The
     // columns attitude_rc and rotation_rc keep their names: 0 when the kit reported an
-    // integer heading (azimuth, pitch and roll), else -1.
-    f << "time_us,ms_rc,gs_rc,calib_rc,calib_status,attitude_rc,heading_int,rotation_rc,azimuth,pitch,roll,"
-         "offset_x,offset_y,offset_z,accuracy,anomaly,field_uT,dip_cos,fed,ratio_min,ratio_mid,residual,"
+    // integer heading (azimuth, pitch and roll), else -1. heading_axis: the phone axis
+    // the integer heading (and its truth) belongs to, y or z.
+    f << "time_us,ms_rc,gs_rc,calib_rc,calib_status,attitude_rc,heading_int,heading_axis,rotation_rc,"
+         "azimuth,pitch,roll,offset_x,offset_y,offset_z,accuracy,anomaly,field_uT,dip_cos,fed,ratio_min,ratio_mid,"
+         "residual,"
          "true_heading_int,true_azimuth,true_pitch,true_roll,offset_error_uT,phase,estimator\n";
     for (const SampleOutput &s : samples_)
         f << s.time_us << ',' << s.ms_rc << ',' << s.gs_rc << ',' << s.calib_rc << ',' << s.calib_status << ','
-          << (s.heading_valid ? 0 : -1) << ',' << s.integer_heading << ',' << (s.orientation_valid ? 0 : -1) << ','
+          << (s.heading_valid ? 0 : -1) << ',' << s.integer_heading << ','
+          << ((s.flags & KMXC_SERVICE_HEADING_Z_AXIS) ? 'z' : 'y') << ',' << (s.orientation_valid ? 0 : -1) << ','
           << s.euler[0] << ',' << s.euler[1] << ',' << s.euler[2] << ',' << s.offset[0] << ',' << s.offset[1] << ','
           << s.offset[2] << ',' << s.accuracy << ',' << s.anomaly << ',' << fmt("%.2f", s.strength_uT) << ','
           << fmt("%.3f", s.dip_cos) << ',' << ((s.flags & KMXC_SERVICE_FED) ? 1 : 0) << ',' << s.ratio_min << ','

@@ -21,7 +21,12 @@ SampleOutput sample(int64_t t_us, int calib_rc, int heading, double true_heading
             .orientation_valid = true,
             .euler = {heading, 0, 0},
             .has_truth = true,
-            .truth = {true_heading, true_heading, 0, 0},
+            .truth = {.integer_heading = true_heading,
+                      .y_heading = true_heading,
+                      .z_heading = true_heading,
+                      .double_azimuth = true_heading,
+                      .pitch = 0,
+                      .roll = 0},
             .accuracy = accuracy,
             .flags = KMXC_SERVICE_HEADING_VALID | KMXC_SERVICE_ORIENTATION_VALID};
 }
@@ -81,6 +86,34 @@ TEST(Report, SteadyErrorsCountTwoSecondsAfterTheAttitudeLastMovedMoreThanEightDe
     // Steady from 2.0 s (the reference taken at sample 20), counted from 4.0 s.
     EXPECT_EQ(r.summary().steady_integer_error.count, 11);
     EXPECT_DOUBLE_EQ(r.summary().steady_integer_error.max_abs, 50);
+}
+
+// The heading a held attitude keeps is the y axis', or the back's once the y axis stands
+// beyond 60 degrees: whichever axis is steady counts, the other may swing (a steep y
+// axis' heading does with every tremor, a flat phone's back points down).
+TEST(Report, AHeldAttitudeIsJudgedByTheHeadingOfTheAxisThatIsNotSteep) {
+    const struct {
+        const char *name;
+        double pitch;
+        bool z_swings;  // else the y axis' heading swings
+        int steady;
+    } cases[] = {
+        {"flat: y held, z swings", 0, true, 11},
+        {"flat: y swings", 0, false, 0},
+        {"75 degrees: z held, y swings", -75, false, 11},
+        {"75 degrees: z swings", -75, true, 0},
+    };
+    for (const auto &c : cases) {
+        std::ostringstream out;
+        Report r(out, true);
+        for (int i = 0; i <= 30; ++i) {
+            SampleOutput s = sample(i * 100000, i == 0 ? 63 : 0, 40, 40);
+            s.truth.pitch = c.pitch;
+            (c.z_swings ? s.truth.z_heading : s.truth.y_heading) = i % 2 ? 60 : 20;
+            r.add(s);
+        }
+        EXPECT_EQ(r.summary().steady_integer_error.count, c.steady) << c.name;
+    }
 }
 
 // The summary's later additions come after its first lines: when the accuracy was first

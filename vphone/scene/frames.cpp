@@ -76,17 +76,14 @@ Vec3 symmetric_eigenvalues(const Mat3 &m) {
     return {largest, 3 * q - largest - smallest, smallest};
 }
 
-TrueAngles true_angles(const Mat3 &a) {
+TrueAngles true_angles(const Mat3 &a, HeadingAxis axis) {
     // a[i][j]: world axis i (east, north, up) component along phone axis j.
     TrueAngles t{};
     const double up_y = a[2][1];
-    if (std::fabs(up_y) > kDirectionThresholdQ12 / 4096.0) {
-        // Heading of the -z axis, or of +z when the y axis points down.
-        const double s = up_y >= 0 ? -1.0 : 1.0;
-        t.integer_heading = heading_of(s * a[0][2], s * a[1][2]);
-    } else {
-        t.integer_heading = heading_of(a[0][1], a[1][1]);
-    }
+    const double s = up_y >= 0 ? -1.0 : 1.0;
+    t.y_heading = heading_of(a[0][1], a[1][1]);
+    t.z_heading = heading_of(s * a[0][2], s * a[1][2]);
+    t.integer_heading = axis == HeadingAxis::kZ ? t.z_heading : t.y_heading;
     t.double_azimuth = wrap360(std::atan2(a[0][1] - a[1][0], a[0][0] + a[1][1]) / kDeg);
     double pitch = -std::asin(std::clamp(a[2][1], -1.0, 1.0)) / kDeg;
     if (a[2][2] < 0) {

@@ -37,17 +37,16 @@ struct Pose {
     double roll_deg = 0;
 };
 
-// Up-row y component (Q12) beyond which the integer heading follows the z axis
-// instead of the y axis: sin(60 degrees). The truth must switch where the service
-// does, so this is the threshold the sensor-service kit passes to the library
-// (KMXC_SERVICE_DIRECTION_THRESHOLD; the kit's tests and the demo assert the two agree).
-// The scene sits below the kit and cannot include its header.
-constexpr int kDirectionThresholdQ12 = 3547;
+// The phone axis the integer heading follows: the service changes axis with a margin
+// and says which in each event, so the truth takes the axis from there.
+enum class HeadingAxis { kY, kZ };
 
 // The angles each library path reports, computed from the true attitude with the
 // definitions the library documents (whole-degree truncation left out).
 struct TrueAngles {
-    double integer_heading;  // heading of the y axis, or of -z/+z when the y axis is steep
+    double integer_heading;  // of the axis asked for: y_heading, or (kZ) z_heading
+    double y_heading;        // heading of the y axis
+    double z_heading;        // heading of the -z axis, or of +z when the y axis points down
     double double_azimuth;   // rotation about the vertical: atan2(E.y - N.x, E.x + N.y)
     double pitch;            // -asin(up.y), folded beyond +-90 when facing down
     double roll;             // -asin(up.x)
@@ -60,7 +59,7 @@ Vec3 to_world(const Mat3 &attitude, const Vec3 &phone);           // attitude * 
 Mat3 multiply(const Mat3 &a, const Mat3 &b);
 // Eigenvalues of a symmetric matrix, largest first.
 Vec3 symmetric_eigenvalues(const Mat3 &m);
-TrueAngles true_angles(const Mat3 &attitude);
+TrueAngles true_angles(const Mat3 &attitude, HeadingAxis axis);
 // Signed difference a - b of two headings, in -180..180.
 double heading_difference(double a_deg, double b_deg);
 

@@ -17,13 +17,14 @@ const struct {
     Pose pose;
     Vec3 field, gravity;
     double integer_heading, double_azimuth, pitch, roll;
+    HeadingAxis axis = HeadingAxis::kY;  // the axis the integer heading is asked of
 } kKnown[] = {
     {"flat, top to north", {0, 0, 0}, {0, kBh, -kBv}, {0, 0, -1}, 0, 0, 0, 0},
     {"flat, top to east: north is the phone's -x", {90, 0, 0}, {-kBh, 0, -kBv}, {0, 0, -1}, 90, 90, 0, 0},
     {"flat, top to south-west", {225, 0, 0}, {kBh * M_SQRT1_2, -kBh *M_SQRT1_2, -kBv}, {0, 0, -1}, 225, 225, 0, 0},
     // Stood on its bottom edge facing north: y up, screen facing south; the integer
     // heading switches to the -z axis, which points north.
-    {"upright, screen to south", {0, -90, 0}, {0, -kBv, -kBh}, {0, -1, 0}, 0, 0, -90, 0},
+    {"upright, screen to south", {0, -90, 0}, {0, -kBv, -kBh}, {0, -1, 0}, 0, 0, -90, 0, HeadingAxis::kZ},
     // Rolled onto its right edge: x points down, the screen faces east.
     {"right edge down", {0, 0, 90}, {kBv, kBh, 0}, {1, 0, 0}, 0, 0, 0, 90},
     // Flipped over the x axis: the top points south, the screen down. The double
@@ -41,7 +42,7 @@ TEST(ScenarioPhysics, KnownAttitudesGiveHandWorkedVectorsAndAngles) {
             EXPECT_NEAR(f[k], c.field[k], 1e-9) << "field axis " << k;
             EXPECT_NEAR(g[k], c.gravity[k], 1e-12) << "gravity axis " << k;
         }
-        const TrueAngles t = true_angles(a);
+        const TrueAngles t = true_angles(a, c.axis);
         EXPECT_NEAR(heading_difference(t.integer_heading, c.integer_heading), 0, 1e-6);
         EXPECT_NEAR(heading_difference(t.double_azimuth, c.double_azimuth), 0, 1e-6);
         EXPECT_NEAR(t.pitch, c.pitch, 1e-6);
@@ -62,7 +63,7 @@ TEST(ScenarioPhysics, RandomPosesAreRotationsWhosePitchAndHeadingComeBack) {
             }
         // Pitch and heading of a phone whose y axis is not steep come back; roll
         // turns the phone about its y axis and leaves that axis' heading alone.
-        const TrueAngles t = true_angles(a);
+        const TrueAngles t = true_angles(a, HeadingAxis::kY);
         ASSERT_NEAR(t.pitch, pose.pitch_deg, 1e-9);
         ASSERT_NEAR(heading_difference(t.integer_heading, pose.heading_deg), 0, 1e-9) << "y-axis heading ignores roll";
     }

@@ -46,9 +46,11 @@ TEST(SoftIron, TheFieldOverAllAttitudesLiesOnTheMatrixEllipsoidAndTheOffsetStays
             const Truth truth = scenario.ideal(t);
             const Vec3 back = times(inverse, truth.field_uT);
             ASSERT_NEAR(std::hypot(back[0], back[1], back[2]), s.field_uT, 1e-9) << "t " << t;
-            const TrueAngles a = true_angles(truth.attitude), p = true_angles(plain.ideal(t).attitude);
-            ASSERT_EQ(a.integer_heading, p.integer_heading);
-            ASSERT_EQ(a.double_azimuth, p.double_azimuth);
+            for (HeadingAxis axis : {HeadingAxis::kY, HeadingAxis::kZ}) {
+                const TrueAngles a = true_angles(truth.attitude, axis), p = true_angles(plain.ideal(t).attitude, axis);
+                ASSERT_EQ(a.integer_heading, p.integer_heading);
+                ASSERT_EQ(a.double_azimuth, p.double_azimuth);
+            }
             rig.sense(truth);
             for (int k = 0; k < 3; ++k) ASSERT_NEAR(rig.true_offset_counts()[k], s.hard_iron_uT[k] / 0.4, 1e-9);
         }
