@@ -268,6 +268,13 @@ void store_clear() {
     s.temp_known = false;
 }
 
+void on_vehicle_entered(KmxcServiceEvent *e) {
+    e->anomaly |= KMXC_SERVICE_ANOMALY_VEHICLE;
+    if (!g_state.offset_trusted || g_state.estimator == KMXC_SERVICE_ESTIMATOR_PLANAR) return;
+    demote_offset();
+    store_clear();
+}
+
 bool library_fit_preferred(const KmxAxesData &o, const Vec3 &g) {
     OffsetCovariance p;
     if (!ring_covariance(o, KMXC_SERVICE_FEED_HISTORY, 4, &p)) return false;

@@ -15,6 +15,7 @@
 #include "service/kit_geometry.h"
 #include "service/kit_mount.h"
 #include "service/kit_store.h"
+#include "service/kit_motion.h"
 #include "service/kmxc_service.h"
 #include "service/sphere_fit.h"
 
@@ -154,6 +155,7 @@ struct State {
     Planar planar;
     MountGravity mount_gravity;  // the mounted phone's gravity (kit_mount.h)
     bool heading_z;              // the integer heading follows the z axis (kit_heading.cpp)
+    VehicleWatch vehicle;        // acceleration without a turn (kit_motion.h)
 };
 
 extern State g_state;
@@ -201,6 +203,10 @@ int32_t strength_centi_uT(const Vec3 &v);
 // An anomaly with these causes was seen now: hold the accuracy down (flagged in e).
 void note_anomaly(uint8_t causes, int64_t now, KmxcServiceEvent *e);
 int8_t accuracy_now(int64_t now);
+// The offset in use no longer describes the field (a persisting anomaly, a vehicle): its
+// trust goes (low, restored only by fed samples that fit it again), the fed samples and
+// the library's batch start afresh.
+void demote_offset();
 // Adopts an agreeing estimate: accuracy, trust, reference, save. fed: the fed samples
 // through the correction now in use (fed_corrected of all g_state.fed_count).
 void trust_estimate(int8_t level, const Agreement &a, const Vec3 *fed);
@@ -238,6 +244,9 @@ void integer_heading(const KmxAxesData &mag, const KmxAxesData &gravity, KmxcSer
 
 // Empties the store (the fed samples no longer describe the field).
 void store_clear();
+// The phone entered a vehicle (kit_motion.h): flagged in e; an offset trusted before it
+// (other than the planar estimate's) is demoted and the store emptied.
+void on_vehicle_entered(KmxcServiceEvent *e);
 // An ellipsoid's centre lies within 1/kEllipsoidShiftDivisor of the radius of the store
 // sphere's centre: the sphere of an ellipsoid whose axes lie within 0.8..1.25 (what the
 // fit accepts), on a store of any coverage, misses the centre by less. Farther, the fit

@@ -360,26 +360,29 @@ void judge_anomaly(const Vec3 &g, int32_t strength, int32_t dip, const KmxAxesDa
     }
 }
 
+void demote_offset() {
+    g_state.offset_trusted = false;
+    g_state.provisional = true;
+    g_state.demoted = true;
+    g_state.restore_count = 0;
+    g_state.save_pending = false;
+    g_state.in_anomaly = false;
+    // The fed samples and the library's batch straddle the change: later fits and
+    // judgements start from the new field alone.
+    KmxAxesData in_use;
+    KmxAxesLibGetMsOffset(&in_use);
+    KmxAxesMsCalibSetOffset(&in_use);
+    g_state.fed_count = 0;
+}
+
 int8_t accuracy_now(int64_t now) {
     // An episode of strength or dip anomalies that has lasted
     // KMXC_SERVICE_STORE_ANOMALY_PERSIST_MS is a new surrounding (a clip, a mount): the
     // offset in use no longer describes the field. (A field outside the Earth's range is
     // the rough offset's business: the library moves it, and the store starts afresh.)
     if (g_state.offset_trusted && g_state.in_anomaly && g_state.anomaly_level_cap != KMXC_SERVICE_UNRELIABLE &&
-        now - g_state.anomaly_since_ns >= int64_t{KMXC_SERVICE_STORE_ANOMALY_PERSIST_MS} * kNsPerMs) {
-        g_state.offset_trusted = false;
-        g_state.provisional = true;
-        g_state.demoted = true;
-        g_state.restore_count = 0;
-        g_state.save_pending = false;
-        g_state.in_anomaly = false;
-        // The fed samples and the library's batch straddle the change: later fits and
-        // judgements start from the new field alone.
-        KmxAxesData in_use;
-        KmxAxesLibGetMsOffset(&in_use);
-        KmxAxesMsCalibSetOffset(&in_use);
-        g_state.fed_count = 0;
-    }
+        now - g_state.anomaly_since_ns >= int64_t{KMXC_SERVICE_STORE_ANOMALY_PERSIST_MS} * kNsPerMs)
+        demote_offset();
     if (!g_state.offset_trusted) return g_state.provisional ? KMXC_SERVICE_LOW : KMXC_SERVICE_UNRELIABLE;
     if (g_state.in_anomaly) {
         if (now - g_state.last_anomaly_ns < int64_t{KMXC_SERVICE_ANOMALY_CLEAR_MS} * kNsPerMs) {

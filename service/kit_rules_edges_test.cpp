@@ -167,4 +167,40 @@ TEST(KitRuleEdges, TheHeadingsAxisChangesOnlyPastTheThresholdThatLeavesIt) {
     }
 }
 
+// Entering a vehicle demotes only an offset trusted before it that the mount did not
+// give: the planar estimate is the mount's own, and an untrusted one has nothing to lose.
+// Every entry is flagged.
+TEST(KitRuleEdges, EnteringAVehicleDemotesOnlyAnOffsetTrustedBeforeIt) {
+    const struct {
+        const char *name;
+        bool trusted;
+        uint8_t estimator;
+        bool demoted;
+    } cases[] = {
+        {"the hand's store sphere", true, KMXC_SERVICE_ESTIMATOR_STORE_SPHERE, true},
+        {"a stored offset, confirmed", true, KMXC_SERVICE_ESTIMATOR_STORED, true},
+        {"the planar estimate", true, KMXC_SERVICE_ESTIMATOR_PLANAR, false},
+        {"nothing trusted", false, KMXC_SERVICE_ESTIMATOR_LIBRARY, false},
+    };
+    for (const auto &c : cases) {
+        g_state = State{};
+        g_state.offset_trusted = c.trusted;
+        g_state.base_accuracy = KMXC_SERVICE_HIGH;
+        g_state.estimator = c.estimator;
+        g_state.fed_count = 5;
+        field_store_offer(&g_state.est.store, Vec3{100, 0, 0}, Vec3{0, 0, -4096}, nullptr, false, true);
+        KmxcServiceEvent e{};
+        on_vehicle_entered(&e);
+        EXPECT_EQ(e.anomaly, KMXC_SERVICE_ANOMALY_VEHICLE) << c.name;
+        EXPECT_EQ(g_state.demoted, c.demoted) << c.name;
+        EXPECT_EQ(g_state.offset_trusted, c.trusted && !c.demoted) << c.name;
+        EXPECT_EQ(g_state.est.store.count, c.demoted ? 0 : 1) << c.name;
+        EXPECT_EQ(g_state.fed_count, c.demoted ? 0 : 5) << c.name;
+        EXPECT_EQ(accuracy_now(0), c.trusted && !c.demoted ? KMXC_SERVICE_HIGH
+                                   : c.demoted             ? KMXC_SERVICE_LOW
+                                                           : KMXC_SERVICE_UNRELIABLE)
+            << c.name;
+    }
+}
+
 }  // namespace

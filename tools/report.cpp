@@ -338,8 +338,7 @@ bool Report::write_outputs(const std::string &path, std::string *error) const {
     }
     // The library's outputs first; the truth after them (empty on replays). The
     // columns attitude_rc and rotation_rc keep their names: 0 when the kit reported an
-    // integer heading (azimuth, pitch and roll), else -1. heading_axis: the phone axis
-    // the integer heading (and its truth) belongs to, y or z.
+    // integer heading (azimuth, pitch and roll), else -1. heading_axis: the axis (y, z) of heading_int and its truth.
     f << "time_us,ms_rc,gs_rc,calib_rc,calib_status,attitude_rc,heading_int,heading_axis,rotation_rc,"
          "azimuth,pitch,roll,offset_x,offset_y,offset_z,accuracy,anomaly,field_uT,dip_cos,fed,ratio_min,ratio_mid,"
          "residual,"

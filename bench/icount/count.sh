@@ -16,7 +16,7 @@ tmp=$(mktemp -d)
 trap 'rm -rf "$tmp"' EXIT
 cases=(empty fit cycle double kasa_double kasa_float offer_still offer_refused coverage spread sphere ellipsoid circle
   agreement offer_joins kit_cycle kit_sphere kit_sphere_judge kit_ellipsoid kit_judge kit_rules kit_planar_fit
-  kit_planar_judge kit_mount)
+  kit_planar_judge kit_mount kit_motion)
 
 # x86-64
 LD_BIND_NOW=1 valgrind --tool=callgrind --callgrind-out-file="$tmp/cg" "$x86" >/dev/null 2>"$tmp/vg" ||
@@ -59,6 +59,7 @@ label() {
     kit_planar_fit) echo "kit: a planar step (circle fit of a mount's full store)" ;;
     kit_planar_judge) echo "kit: a planar judgement (arc, reference circle, strengths, adoption)" ;;
     kit_mount) echo "kit: a mounted phone's every cycle (gravity's mean, circle and angle checks)" ;;
+    kit_motion) echo "kit: the vehicle watch of every cycle (field still, gravity's angle)" ;;
   esac
 }
 printf '| %-72s | %9s | %9s |\n' "instructions (16 samples for the library's fit)" "x86-64" "armel"

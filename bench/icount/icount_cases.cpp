@@ -86,7 +86,7 @@ int g_coverage;
 const Vec3 kCentre{100, -50, 200}, kDown{0, 0, 4096};
 
 KmxcServiceEvent g_event;
-uint8_t g_estimator_seen[6];
+uint8_t g_estimator_seen[7];
 
 // The kit trusting an offset at kCentre, with a soft-iron correction in use, its store
 // full, its ring of fed samples full, and `joined` samples joined since its last fit.
@@ -234,6 +234,13 @@ __attribute__((noinline)) void icount_case_kit_mount(void) {
                                                2 * mount_gravity_near(g_state.mount_gravity, g) +
                                                4 * mount_tilt_within(g_state.mount_gravity, g));
 }
+// The vehicle watch of every cycle, at its dearest: the field still, gravity a braking's
+// 17 degrees away and held for half the hold (the angle measured, no entry yet).
+__attribute__((noinline)) void icount_case_kit_motion(void) {
+    const Vec3 m{120, -40, -180}, g{0, 1177, -3923};
+    g_estimator_seen[6] =
+        static_cast<uint8_t>(vehicle_entered(&g_state.vehicle, m, g, 500000000) + 2 * g_state.vehicle.accelerating);
+}
 }
 
 namespace {
@@ -328,6 +335,8 @@ Seen measure_all() {
     measure(icount_case_kit_planar_judge);
     for (int i = 0; i < 400; ++i) mount_gravity_track(&g_state.mount_gravity, Vec3{40, -20, 4090}, true, 10);
     measure(icount_case_kit_mount);
+    g_state.vehicle = VehicleWatch{true, Vec3{120, -40, -180}, Vec3{0, 0, -4096}, true, 0, false, 0};
+    measure(icount_case_kit_motion);
     return seen;
 }
 
@@ -371,8 +380,8 @@ int main() {
     std::printf("vehicle: rules quiet %d, planar steps %d, offset %d,%d,%d\n", int(seen.rules_quiet),
                 g_estimator_seen[4], g_event.offset[0], g_event.offset[1], g_event.offset[2]);
     // The mount: the circle's own sample on its plane, the gravity at the mean and so
-    // within the slopes' tilt of it (1 + 2 + 4).
-    const bool vehicle =
-        seen.rules_quiet && g_estimator_seen[4] == 1 + 2 * KMXC_SERVICE_ESTIMATOR_PLANAR && g_estimator_seen[5] == 7;
+    // within the slopes' tilt of it (1 + 2 + 4). The watch: accelerating, not yet entered (2).
+    const bool vehicle = seen.rules_quiet && g_estimator_seen[4] == 1 + 2 * KMXC_SERVICE_ESTIMATOR_PLANAR &&
+                         g_estimator_seen[5] == 7 && g_estimator_seen[6] == 2;
     return ok && estimators && kit && vehicle ? 0 : 1;
 }

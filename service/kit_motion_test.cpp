@@ -1,0 +1,110 @@
+// Entering a vehicle: gravity held away from where it was while the field holds still,
+// each rule at its limit (the tilt, the field's stillness, the hold, the quiet that
+// leaves the vehicle), on a phone that never turns; and a hand's turn is no vehicle.
+#include <gtest/gtest.h>
+
+#include <cmath>
+
+#include "service/kit_motion.h"
+#include "service/kmxc_service.h"
+
+namespace {
+
+using namespace kmxc_kit;
+
+constexpr double kPi = 3.14159265358979323846;
+constexpr int64_t kMs = 1000000;    // ns
+const Vec3 kField{120, -40, -180};  // counts, held still
+const Vec3 kDown{0, 0, -4096};      // 1 g, face up
+
+// Gravity tilted by cdeg (1/100 degree) from kDown about x, 1 g long.
+Vec3 tilted(int32_t cdeg) {
+    const double a = cdeg / 100.0 * kPi / 180;
+    return Vec3{0, static_cast<int32_t>(std::lround(4096 * std::sin(a))),
+                static_cast<int32_t>(std::lround(-4096 * std::cos(a)))};
+}
+
+// A phone that never turns, cycled every step_ms: its entries into a vehicle and the last one's time.
+struct Still {
+    VehicleWatch w{};
+    int64_t entered_at = -1;
+    int entries = 0;
+    void hold(int64_t from_ms, int64_t to_ms, const Vec3 &m, const Vec3 &g, int64_t step_ms = 100) {
+        for (int64_t t = from_ms; t <= to_ms; t += step_ms)
+            if (vehicle_entered(&w, m, g, t * kMs)) {
+                entered_at = t;
+                ++entries;
+            }
+    }
+};
+
+TEST(VehicleEntry, GravityHeldAwayWhileTheFieldStaysStillIsAVehicleAtEachLimit) {
+    constexpr int32_t kTilt = KMXC_SERVICE_VEHICLE_TILT_CDEG, kStill = KMXC_SERVICE_VEHICLE_STILL_COUNTS;
+    const struct {
+        const char *name;
+        int32_t tilt_cdeg;   // gravity from 1 s on, against the still field's
+        Vec3 field;          // the field from 1 s on
+        int64_t entered_ms;  // -1: never
+    } cases[] = {
+        {"tilted 10 cdeg past the limit: entered after the hold", kTilt + 10, kField,
+         1000 + KMXC_SERVICE_VEHICLE_HOLD_MS},
+        {"10 cdeg short of the limit", kTilt - 10, kField, -1},
+        {"a 0.3 g brake (17 degrees)", 1670, kField, 1000 + KMXC_SERVICE_VEHICLE_HOLD_MS},
+        {"the field moved by the stillness limit: still", kTilt + 10,
+         Vec3{kField.x + kStill, kField.y, kField.z - kStill}, 1000 + KMXC_SERVICE_VEHICLE_HOLD_MS},
+        {"one count more: the phone turned", kTilt + 10, Vec3{kField.x, kField.y - kStill - 1, kField.z}, -1},
+    };
+    for (const auto &c : cases) {
+        Still r;
+        r.hold(0, 900, kField, kDown);
+        r.hold(1000, 5000, c.field, tilted(c.tilt_cdeg));
+        EXPECT_EQ(r.entered_at, c.entered_ms) << c.name;
+        EXPECT_LE(r.entries, 1) << c.name;
+    }
+}
+
+// The hold is in time, whatever the rate: a tilt that ends a cycle short of it is none.
+TEST(VehicleEntry, AnAccelerationShorterThanTheHoldIsNone) {
+    for (int64_t step : {10, 20, 100}) {
+        Still r;
+        r.hold(0, 1000, kField, kDown, step);
+        r.hold(1000 + step, 1000 + KMXC_SERVICE_VEHICLE_HOLD_MS, kField, tilted(1500), step);
+        r.hold(1000 + KMXC_SERVICE_VEHICLE_HOLD_MS + step, 4000, kField, kDown, step);
+        EXPECT_EQ(r.entries, 0) << step;
+        r.hold(4000 + step, 4000 + step + KMXC_SERVICE_VEHICLE_HOLD_MS, kField, tilted(1500), step);
+        EXPECT_EQ(r.entered_at, 4000 + step + KMXC_SERVICE_VEHICLE_HOLD_MS) << step;
+    }
+}
+
+// Once in a vehicle, its later brakings are no new entry; after the quiet, one is.
+TEST(VehicleEntry, TheVehicleIsLeftAfterItsQuietTime) {
+    constexpr int64_t kQuietMs = int64_t{KMXC_SERVICE_VEHICLE_QUIET_S} * 1000;
+    const struct {
+        int64_t gap_ms;  // from the first acceleration's last cycle to the second's first
+        int entries;
+    } cases[] = {{kQuietMs - 100 - KMXC_SERVICE_VEHICLE_HOLD_MS, 1}, {kQuietMs - KMXC_SERVICE_VEHICLE_HOLD_MS, 2}};
+    for (const auto &c : cases) {
+        Still r;
+        r.hold(0, 900, kField, kDown);
+        r.hold(1000, 3000, kField, tilted(1500));  // entered at 2000, held to 3000
+        r.hold(3100, 3000 + c.gap_ms - 100, kField, kDown);
+        r.hold(3000 + c.gap_ms, 3000 + c.gap_ms + 2000, kField, tilted(1500));
+        EXPECT_EQ(r.entries, c.entries) << c.gap_ms;
+    }
+}
+
+// A hand tilting the phone by 15 degrees turns the field with it (here a 48 uT field at
+// a 60-degree dip, about an axis across it): every tilt re-anchors, none is a vehicle.
+TEST(VehicleEntry, AHandsTiltTurnsTheFieldAndIsNoVehicle) {
+    Still r;
+    const double f = 120;  // counts: 48 uT
+    for (int64_t t = 0; t <= 20000; t += 100) {
+        const double a = 15 * std::sin(2 * kPi * t / 8000.0) * kPi / 180;  // about x
+        const Vec3 m{0, static_cast<int32_t>(std::lround(f * (0.5 * std::cos(a) + 0.866 * std::sin(a)))),
+                     static_cast<int32_t>(std::lround(f * (-0.866 * std::cos(a) + 0.5 * std::sin(a))))};
+        if (vehicle_entered(&r.w, m, tilted(static_cast<int32_t>(std::lround(a * 18000 / kPi))), t * kMs)) ++r.entries;
+    }
+    EXPECT_EQ(r.entries, 0);
+}
+
+}  // namespace
