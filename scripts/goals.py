@@ -56,8 +56,9 @@ def wrap(d):
     return d
 
 
-def run_one(binary, scenario, seed, rate, soft, work, world):
-    tag = f"{os.path.basename(os.path.dirname(os.path.dirname(binary)))}-{scenario}-{seed}-{rate}-{soft}"
+def run_one(name, binary, scenario, seed, rate, soft, work, world):
+    # Files named by the build's role (after, before): two builds' trees may share a name.
+    tag = f"{name}-{scenario}-{seed}-{rate}-{soft}"
     sandbox = os.path.join(work, "sb-" + tag)
     js, outs = os.path.join(work, tag + ".json"), os.path.join(work, tag + ".csv")
     cmd = [binary, "--scenario", scenario, "--seed", str(seed), "--rate", str(rate), "--fresh", "--quiet",
@@ -94,8 +95,8 @@ CAR_FIELDS = {"0": "0,0,0", "10": "6,-4,7", "20": "-8,12,14", "40": "25,20,-24"}
 CAR_TURNING_DEG = 720.0  # the goals' turning allowance before a re-estimate
 
 
-def run_car(binary, scenario, seed, rate, field, work, world):
-    tag = f"{os.path.basename(os.path.dirname(os.path.dirname(binary)))}-{scenario}-{seed}-{rate}-car{field}"
+def run_car(name, binary, scenario, seed, rate, field, work, world):
+    tag = f"{name}-{scenario}-{seed}-{rate}-car{field}"
     sandbox = os.path.join(work, "sb-" + tag)
     js, outs = os.path.join(work, tag + ".json"), os.path.join(work, tag + ".csv")
     cmd = [binary, "--scenario", scenario, "--seed", str(seed), "--rate", str(rate), "--fresh", "--quiet",
@@ -207,7 +208,7 @@ def car_table(a, seeds, rates, binaries, work):
         for field in a.car_fields.split(","):
             for rate in rates:
                 for name, binary in binaries:
-                    r = car_row([run_car(binary, scenario, s, rate, field, work, world_of(a)) for s in seeds])
+                    r = car_row([run_car(name, binary, scenario, s, rate, field, work, world_of(a)) for s in seeds])
                     if r is None:
                         print(f"| {scenario} | {field} | {rate} | {name} | n/a | | | | | | | | |")
                     else:
@@ -305,7 +306,7 @@ def main():
                 continue
             for rate in rates:
                 for name, binary in binaries:
-                    runs = [run_one(binary, scenario, s, rate, soft, work, world_of(a)) for s in seeds]
+                    runs = [run_one(name, binary, scenario, s, rate, soft, work, world_of(a)) for s in seeds]
                     r = row_of(runs)
                     if r is None:
                         print(f"| {scenario} | {soft} | {rate} | {name} | n/a | | | | | | |")
