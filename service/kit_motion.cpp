@@ -21,15 +21,23 @@ bool field_still(const Vec3 &a, const Vec3 &b) {
 
 }  // namespace
 
-bool vehicle_entered(VehicleWatch *w, const Vec3 &m, const Vec3 &g, int64_t now) {
-    if (w->in_vehicle && now - w->last_accel_ns >= int64_t{KMXC_SERVICE_VEHICLE_QUIET_S} * 1000 * kNsPerMs)
-        w->in_vehicle = false;
-    if (!w->anchored || !field_still(m, w->field)) {
-        // The phone turned (or a rotation's field moved): what gravity does now is its.
-        *w = VehicleWatch{true, m, g, false, 0, w->in_vehicle, w->last_accel_ns};
+bool vehicle_entered(VehicleWatch *w, const Vec3 &v, const Vec3 &g, bool trusted, int64_t now) {
+    if (!trusted) {
+        // Nothing judged, nothing concluded: a vehicle is not left while it cannot be seen.
+        w->anchored = false;
+        if (w->in_vehicle) w->last_accel_ns = now;
         return false;
     }
-    if (angle_between_cdeg(g, w->gravity) < KMXC_SERVICE_VEHICLE_TILT_CDEG) {
+    if (w->in_vehicle && now - w->last_accel_ns >= int64_t{KMXC_SERVICE_VEHICLE_QUIET_S} * 1000 * kNsPerMs)
+        w->in_vehicle = false;
+    const int32_t angle = angle_between_cdeg(v, g);
+    if (!w->anchored || !field_still(v, w->field)) {
+        // The phone turned (or the offset moved): what gravity does now is measured from here.
+        *w = VehicleWatch{true, v, angle, false, 0, w->in_vehicle, w->last_accel_ns};
+        return false;
+    }
+    const int32_t change = angle - w->angle_cdeg;
+    if (change < KMXC_SERVICE_VEHICLE_ANGLE_CDEG && -change < KMXC_SERVICE_VEHICLE_ANGLE_CDEG) {
         w->accelerating = false;
         return false;
     }

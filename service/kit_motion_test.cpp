@@ -1,6 +1,7 @@
-// Entering a vehicle: gravity held away from where it was while the field holds still,
-// each rule at its limit (the tilt, the field's stillness, the hold, the quiet that
-// leaves the vehicle), on a phone that never turns; and a hand's turn is no vehicle.
+// Entering a vehicle: the angle between field and gravity held away from what it was
+// while the field holds still, each rule at its limit (the angle, the field's stillness,
+// the hold, the quiet that leaves the vehicle), on a phone that never turns; and a hand's
+// turn is no vehicle, whether it turns the field or keeps it.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -13,11 +14,12 @@ namespace {
 using namespace kmxc_kit;
 
 constexpr double kPi = 3.14159265358979323846;
-constexpr int64_t kMs = 1000000;    // ns
-const Vec3 kField{120, -40, -180};  // counts, held still
-const Vec3 kDown{0, 0, -4096};      // 1 g, face up
+constexpr int64_t kMs = 1000000;  // ns
+const Vec3 kField{0, 100, -173};  // counts, offset removed: 60 degrees from straight down
+const Vec3 kDown{0, 0, -4096};    // 1 g, face up
 
-// Gravity tilted by cdeg (1/100 degree) from kDown about x, 1 g long.
+// Gravity tilted by cdeg (1/100 degree) from kDown about x, 1 g long: in the plane of
+// kField and kDown, so its angle to the field changes by the tilt.
 Vec3 tilted(int32_t cdeg) {
     const double a = cdeg / 100.0 * kPi / 180;
     return Vec3{0, static_cast<int32_t>(std::lround(4096 * std::sin(a))),
@@ -31,28 +33,29 @@ struct Still {
     int entries = 0;
     void hold(int64_t from_ms, int64_t to_ms, const Vec3 &m, const Vec3 &g, int64_t step_ms = 100) {
         for (int64_t t = from_ms; t <= to_ms; t += step_ms)
-            if (vehicle_entered(&w, m, g, t * kMs)) {
+            if (vehicle_entered(&w, m, g, true, t * kMs)) {
                 entered_at = t;
                 ++entries;
             }
     }
 };
 
-TEST(VehicleEntry, GravityHeldAwayWhileTheFieldStaysStillIsAVehicleAtEachLimit) {
-    constexpr int32_t kTilt = KMXC_SERVICE_VEHICLE_TILT_CDEG, kStill = KMXC_SERVICE_VEHICLE_STILL_COUNTS;
+TEST(VehicleEntry, AnAngleHeldAwayWhileTheFieldStaysStillIsAVehicleAtEachLimit) {
+    constexpr int32_t kAngle = KMXC_SERVICE_VEHICLE_ANGLE_CDEG, kStill = KMXC_SERVICE_VEHICLE_STILL_COUNTS;
+    constexpr int64_t kEntered = 1000 + KMXC_SERVICE_VEHICLE_HOLD_MS;
     const struct {
         const char *name;
-        int32_t tilt_cdeg;   // gravity from 1 s on, against the still field's
+        int32_t tilt_cdeg;   // gravity from 1 s on (its angle to the field changes as much)
         Vec3 field;          // the field from 1 s on
         int64_t entered_ms;  // -1: never
     } cases[] = {
-        {"tilted 10 cdeg past the limit: entered after the hold", kTilt + 10, kField,
-         1000 + KMXC_SERVICE_VEHICLE_HOLD_MS},
-        {"10 cdeg short of the limit", kTilt - 10, kField, -1},
-        {"a 0.3 g brake (17 degrees)", 1670, kField, 1000 + KMXC_SERVICE_VEHICLE_HOLD_MS},
-        {"the field moved by the stillness limit: still", kTilt + 10,
-         Vec3{kField.x + kStill, kField.y, kField.z - kStill}, 1000 + KMXC_SERVICE_VEHICLE_HOLD_MS},
-        {"one count more: the phone turned", kTilt + 10, Vec3{kField.x, kField.y - kStill - 1, kField.z}, -1},
+        {"10 cdeg past the limit: entered after the hold", kAngle + 10, kField, kEntered},
+        {"10 cdeg short of the limit", kAngle - 10, kField, -1},
+        {"the other way", -kAngle - 10, kField, kEntered},
+        {"a 0.3 g brake (17 degrees)", 1670, kField, kEntered},
+        {"the field moved by the stillness limit: still", kAngle + 30, Vec3{kField.x - kStill, kField.y, kField.z},
+         kEntered},
+        {"one count more: the phone turned", kAngle + 30, Vec3{kField.x + kStill + 1, kField.y, kField.z}, -1},
     };
     for (const auto &c : cases) {
         Still r;
@@ -61,6 +64,52 @@ TEST(VehicleEntry, GravityHeldAwayWhileTheFieldStaysStillIsAVehicleAtEachLimit) 
         EXPECT_EQ(r.entered_at, c.entered_ms) << c.name;
         EXPECT_LE(r.entries, 1) << c.name;
     }
+}
+
+// A hand turning the phone about the field's own direction keeps the field still and
+// moves gravity (here by 20 degrees about the field, 10 from kDown), but not the angle
+// between them: no vehicle.
+TEST(VehicleEntry, ATurnAboutTheFieldsDirectionIsNoVehicle) {
+    const double n = std::sqrt(100.0 * 100 + 173.0 * 173), u[3] = {0, 100 / n, -173 / n};
+    Still r;
+    r.hold(0, 900, kField, kDown);
+    for (int64_t t = 1000; t <= 5000; t += 100) {
+        // Rodrigues' rotation of kDown about u by up to 20 degrees.
+        const double a = std::min(1.0, (t - 1000) / 1000.0) * 20 * kPi / 180, g[3] = {0, 0, -4096};
+        const double ug = u[2] * g[2], cross[3] = {u[1] * g[2] - u[2] * g[1], u[2] * g[0] - u[0] * g[2], 0};
+        Vec3 turned{};
+        int32_t *out[3] = {&turned.x, &turned.y, &turned.z};
+        for (int k = 0; k < 3; ++k)
+            *out[k] = static_cast<int32_t>(
+                std::lround(g[k] * std::cos(a) + cross[k] * std::sin(a) + u[k] * ug * (1 - std::cos(a))));
+        r.hold(t, t, kField, turned);
+    }
+    EXPECT_EQ(r.entries, 0);
+}
+
+// Without a trusted offset the field is not the Earth's: nothing is judged, and the
+// watch starts afresh from the first cycle with one.
+TEST(VehicleEntry, NothingIsJudgedWithoutATrustedOffset) {
+    VehicleWatch w{};
+    int entries = 0;
+    for (int64_t t = 0; t <= 6000; t += 100) {
+        const bool trusted = t < 500 || t >= 4000;  // lost from 0.5 s to 4 s
+        entries += vehicle_entered(&w, kField, t < 1000 ? kDown : tilted(1670), trusted, t * kMs);
+    }
+    EXPECT_EQ(entries, 0) << "the braking began while no offset was trusted";
+}
+
+// A vehicle is not left while nothing can be judged: ten minutes without a trusted
+// offset after entering, then a braking, is the same vehicle.
+TEST(VehicleEntry, AVehicleIsNotLeftWhileNoOffsetIsTrusted) {
+    VehicleWatch w{};
+    int entries = 0;
+    for (int64_t t = 0; t <= 3000; t += 100)
+        entries += vehicle_entered(&w, kField, t < 1000 ? kDown : tilted(1670), true, t * kMs);
+    for (int64_t t = 3100; t <= 603000; t += 100) entries += vehicle_entered(&w, kField, kDown, false, t * kMs);
+    for (int64_t t = 603100; t <= 606000; t += 100)
+        entries += vehicle_entered(&w, kField, t < 604000 ? kDown : tilted(1670), true, t * kMs);
+    EXPECT_EQ(entries, 1);
 }
 
 // The hold is in time, whatever the rate: a tilt that ends a cycle short of it is none.
@@ -102,7 +151,8 @@ TEST(VehicleEntry, AHandsTiltTurnsTheFieldAndIsNoVehicle) {
         const double a = 15 * std::sin(2 * kPi * t / 8000.0) * kPi / 180;  // about x
         const Vec3 m{0, static_cast<int32_t>(std::lround(f * (0.5 * std::cos(a) + 0.866 * std::sin(a)))),
                      static_cast<int32_t>(std::lround(f * (-0.866 * std::cos(a) + 0.5 * std::sin(a))))};
-        if (vehicle_entered(&r.w, m, tilted(static_cast<int32_t>(std::lround(a * 18000 / kPi))), t * kMs)) ++r.entries;
+        if (vehicle_entered(&r.w, m, tilted(static_cast<int32_t>(std::lround(a * 18000 / kPi))), true, t * kMs))
+            ++r.entries;
     }
     EXPECT_EQ(r.entries, 0);
 }

@@ -168,25 +168,29 @@ TEST(KitRuleEdges, TheHeadingsAxisChangesOnlyPastTheThresholdThatLeavesIt) {
 }
 
 // Entering a vehicle demotes only an offset trusted before it that the mount did not
-// give: the planar estimate is the mount's own, and an untrusted one has nothing to lose.
-// Every entry is flagged.
+// give: the planar estimate is the mount's own, so is a sphere of a store that already
+// draws the mount's circle, and an untrusted one has nothing to lose. Every entry is
+// flagged.
 TEST(KitRuleEdges, EnteringAVehicleDemotesOnlyAnOffsetTrustedBeforeIt) {
     const struct {
         const char *name;
         bool trusted;
         uint8_t estimator;
+        bool mounted;  // the store's circle lies about the vertical
         bool demoted;
     } cases[] = {
-        {"the hand's store sphere", true, KMXC_SERVICE_ESTIMATOR_STORE_SPHERE, true},
-        {"a stored offset, confirmed", true, KMXC_SERVICE_ESTIMATOR_STORED, true},
-        {"the planar estimate", true, KMXC_SERVICE_ESTIMATOR_PLANAR, false},
-        {"nothing trusted", false, KMXC_SERVICE_ESTIMATOR_LIBRARY, false},
+        {"the hand's store sphere", true, KMXC_SERVICE_ESTIMATOR_STORE_SPHERE, false, true},
+        {"a stored offset, confirmed", true, KMXC_SERVICE_ESTIMATOR_STORED, false, true},
+        {"the planar estimate (its store since emptied)", true, KMXC_SERVICE_ESTIMATOR_PLANAR, false, false},
+        {"a sphere of the mount's store", true, KMXC_SERVICE_ESTIMATOR_STORE_SPHERE, true, false},
+        {"nothing trusted", false, KMXC_SERVICE_ESTIMATOR_LIBRARY, false, false},
     };
     for (const auto &c : cases) {
         g_state = State{};
         g_state.offset_trusted = c.trusted;
         g_state.base_accuracy = KMXC_SERVICE_HIGH;
         g_state.estimator = c.estimator;
+        g_state.planar.mounted = c.mounted;
         g_state.fed_count = 5;
         field_store_offer(&g_state.est.store, Vec3{100, 0, 0}, Vec3{0, 0, -4096}, nullptr, false, true);
         KmxcServiceEvent e{};

@@ -256,19 +256,21 @@ extern "C" {
  * phone. A sphere fitted in a mount at a shallow dip determines the heading, but 0.3 g
  * of cornering tilts the attitude by 17 degrees. */
 #define KMXC_SERVICE_MOUNT_TILT_CDEG 1000
-/* Entering a vehicle (a car, a bike, a train): gravity held at least
- * KMXC_SERVICE_VEHICLE_TILT_CDEG from where it was when the field last moved by more
- * than KMXC_SERVICE_VEHICLE_STILL_COUNTS on an axis, for KMXC_SERVICE_VEHICLE_HOLD_MS:
- * an acceleration of the phone without a turn (0.1 g and more: a vehicle pulling away or
- * braking, where a hand that tilts the phone turns its field too, and a walker's steps
- * tilt gravity by 2 degrees, to and fro twice a second). The vehicle's steel may have
- * changed the field fixed to the phone, by less than the anomaly rules can see at every
- * heading: an offset trusted before the vehicle loses its trust (low; the store starts
- * afresh, as after a persisting anomaly; KMXC_SERVICE_ANOMALY_VEHICLE) unless the
- * planar estimate, the mount's own, gives it. Once in a vehicle, until
+/* Entering a vehicle (a car, a bike, a train): the angle between field and gravity held
+ * at least KMXC_SERVICE_VEHICLE_ANGLE_CDEG from what it was when the field (offset
+ * removed) last moved by more than KMXC_SERVICE_VEHICLE_STILL_COUNTS on an axis, for
+ * KMXC_SERVICE_VEHICLE_HOLD_MS: an acceleration of the phone without a turn (a vehicle
+ * pulling away or braking, 0.1 g and more), where a hand that tilts the phone turns its
+ * field too, or keeps the angle when it turns the phone about the field's direction,
+ * and a walker's steps move it by 2 degrees, to and fro twice a second. The vehicle's
+ * steel may have changed the field fixed to the phone, by less than the anomaly rules
+ * can see at every heading: an offset trusted before the vehicle loses its trust (low;
+ * the store starts afresh, as after a persisting anomaly; KMXC_SERVICE_ANOMALY_VEHICLE)
+ * unless it was found in the mount (the planar estimate, or a store whose samples draw
+ * the mount's circle). Only a trusted offset's field is judged. Once in a vehicle, until
  * KMXC_SERVICE_VEHICLE_QUIET_S pass without such an acceleration, the estimates found
  * there keep theirs. */
-#define KMXC_SERVICE_VEHICLE_TILT_CDEG 600
+#define KMXC_SERVICE_VEHICLE_ANGLE_CDEG 400
 #define KMXC_SERVICE_VEHICLE_STILL_COUNTS 4
 #define KMXC_SERVICE_VEHICLE_HOLD_MS 1000
 #define KMXC_SERVICE_VEHICLE_QUIET_S 300
@@ -412,7 +414,7 @@ extern "C" {
 #define KMXC_SERVICE_ANOMALY_RANGE 1    /* strength outside the Earth's range */
 #define KMXC_SERVICE_ANOMALY_STRENGTH 2 /* strength far from the reference */
 #define KMXC_SERVICE_ANOMALY_DIP 4      /* field-gravity angle far from the reference */
-#define KMXC_SERVICE_ANOMALY_VEHICLE 8  /* the phone entered a vehicle (KMXC_SERVICE_VEHICLE_TILT_CDEG) */
+#define KMXC_SERVICE_ANOMALY_VEHICLE 8  /* the phone entered a vehicle (KMXC_SERVICE_VEHICLE_ANGLE_CDEG) */
 
 /* What start found at KMXC_SERVICE_CALIBRATION_FILE and did (KmxcServiceStart.file,
  * bits). An integrator acts on: ABSENT (first start, or the file was lost),

@@ -19,6 +19,7 @@
 #include "service/circle_fit.h"
 #include "service/ellipsoid_fit.h"
 #include "service/field_store.h"
+#include "service/kit_angle.h"
 #include "service/kit_internal.h"
 #include "service/sphere_fit.h"
 
@@ -235,11 +236,11 @@ __attribute__((noinline)) void icount_case_kit_mount(void) {
                                                4 * mount_tilt_within(g_state.mount_gravity, g));
 }
 // The vehicle watch of every cycle, at its dearest: the field still, gravity a braking's
-// 17 degrees away and held for half the hold (the angle measured, no entry yet).
+// 17 degrees away and held for half the hold (the angle changed, no entry yet).
 __attribute__((noinline)) void icount_case_kit_motion(void) {
     const Vec3 m{120, -40, -180}, g{0, 1177, -3923};
-    g_estimator_seen[6] =
-        static_cast<uint8_t>(vehicle_entered(&g_state.vehicle, m, g, 500000000) + 2 * g_state.vehicle.accelerating);
+    g_estimator_seen[6] = static_cast<uint8_t>(vehicle_entered(&g_state.vehicle, m, g, true, 500000000) +
+                                               2 * g_state.vehicle.accelerating);
 }
 }
 
@@ -335,7 +336,8 @@ Seen measure_all() {
     measure(icount_case_kit_planar_judge);
     for (int i = 0; i < 400; ++i) mount_gravity_track(&g_state.mount_gravity, Vec3{40, -20, 4090}, true, 10);
     measure(icount_case_kit_mount);
-    g_state.vehicle = VehicleWatch{true, Vec3{120, -40, -180}, Vec3{0, 0, -4096}, true, 0, false, 0};
+    const Vec3 still{120, -40, -180};
+    g_state.vehicle = VehicleWatch{true, still, angle_between_cdeg(still, Vec3{0, 0, -4096}), true, 0, false, 0};
     measure(icount_case_kit_motion);
     return seen;
 }
