@@ -252,6 +252,12 @@ void measure(void (*fn)(void)) {
 }
 bool near(double got, double want) { return got > want - 3 && got < want + 3; }
 
+// The vehicle watch anchored face up with the field of the motion case, accelerating.
+VehicleWatch braking_watch() {
+    const Vec3 still{120, -40, -180};
+    return VehicleWatch{true, still, angle_between_cdeg(still, Vec3{0, 0, -4096}), true, 0, false, 0};
+}
+
 // What the checks below read of the measuring: results the cases leave beside the globals.
 struct Seen {
     int8_t fit, cycle;     // the library's fitting call and plain cycle
@@ -336,8 +342,7 @@ Seen measure_all() {
     measure(icount_case_kit_planar_judge);
     for (int i = 0; i < 400; ++i) mount_gravity_track(&g_state.mount_gravity, Vec3{40, -20, 4090}, true, 10);
     measure(icount_case_kit_mount);
-    const Vec3 still{120, -40, -180};
-    g_state.vehicle = VehicleWatch{true, still, angle_between_cdeg(still, Vec3{0, 0, -4096}), true, 0, false, 0};
+    g_state.vehicle = braking_watch();
     measure(icount_case_kit_motion);
     return seen;
 }
