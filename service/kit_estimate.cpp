@@ -271,7 +271,7 @@ void store_clear() {
 void on_vehicle_entered(KmxcServiceEvent *e) {
     e->anomaly |= KMXC_SERVICE_ANOMALY_VEHICLE;
     // The planar estimate, and any estimate whose store already draws the mount's circle,
-    // was found in the vehicle.
+    // were found in the vehicle.
     if (!g_state.offset_trusted || g_state.estimator == KMXC_SERVICE_ESTIMATOR_PLANAR || g_state.planar.mounted) return;
     demote_offset();
     store_clear();

@@ -13,9 +13,9 @@
 #include "service/ellipsoid_fit.h"
 #include "service/field_store.h"
 #include "service/kit_geometry.h"
+#include "service/kit_motion.h"
 #include "service/kit_mount.h"
 #include "service/kit_store.h"
-#include "service/kit_motion.h"
 #include "service/kmxc_service.h"
 #include "service/sphere_fit.h"
 
@@ -245,7 +245,8 @@ void integer_heading(const KmxAxesData &mag, const KmxAxesData &gravity, KmxcSer
 // Empties the store (the fed samples no longer describe the field).
 void store_clear();
 // The phone entered a vehicle (kit_motion.h): flagged in e; an offset trusted before it
-// (other than the planar estimate's) is demoted and the store emptied.
+// (not the planar estimate, nor one whose store draws the mount's circle) is demoted and
+// the store emptied.
 void on_vehicle_entered(KmxcServiceEvent *e);
 // An ellipsoid's centre lies within 1/kEllipsoidShiftDivisor of the radius of the store
 // sphere's centre: the sphere of an ellipsoid whose axes lie within 0.8..1.25 (what the

@@ -268,8 +268,8 @@ extern "C" {
  * the store starts afresh, as after a persisting anomaly; KMXC_SERVICE_ANOMALY_VEHICLE)
  * unless it was found in the mount (the planar estimate, or a store whose samples draw
  * the mount's circle). Only a trusted offset's field is judged. Once in a vehicle, until
- * KMXC_SERVICE_VEHICLE_QUIET_S pass without such an acceleration, the estimates found
- * there keep theirs. */
+ * KMXC_SERVICE_VEHICLE_QUIET_S of a trusted offset pass without such an acceleration,
+ * the estimates found there keep theirs. */
 #define KMXC_SERVICE_VEHICLE_ANGLE_CDEG 400
 #define KMXC_SERVICE_VEHICLE_STILL_COUNTS 4
 #define KMXC_SERVICE_VEHICLE_HOLD_MS 1000

@@ -340,9 +340,9 @@ bool Report::write_outputs(const std::string &path, std::string *error) const {
     // columns attitude_rc and rotation_rc keep their names: 0 when the kit reported an
     // integer heading (azimuth, pitch and roll), else -1. heading_axis: the axis (y, z) of heading_int and its truth.
     f << "time_us,ms_rc,gs_rc,calib_rc,calib_status,attitude_rc,heading_int,heading_axis,rotation_rc,"
-         "azimuth,pitch,roll,offset_x,offset_y,offset_z,accuracy,anomaly,field_uT,dip_cos,fed,ratio_min,ratio_mid,"
-         "residual,"
-         "true_heading_int,true_azimuth,true_pitch,true_roll,offset_error_uT,phase,estimator\n";
+         "azimuth,pitch,roll,offset_x,offset_y,offset_z,accuracy,anomaly,field_uT,dip_cos,fed,"
+         "ratio_min,ratio_mid,residual,true_heading_int,true_azimuth,true_pitch,true_roll,offset_error_uT,phase,"
+         "estimator\n";
     for (const SampleOutput &s : samples_)
         f << s.time_us << ',' << s.ms_rc << ',' << s.gs_rc << ',' << s.calib_rc << ',' << s.calib_status << ','
           << (s.heading_valid ? 0 : -1) << ',' << s.integer_heading << ','
