@@ -1,5 +1,6 @@
 // Integer vector geometry shared by the kit's units: field and gravity vectors in
-// counts, their lengths and angles. Integer arithmetic only.
+// counts, their lengths and angles; and the unit of the caller's timestamps. Integer
+// arithmetic only.
 #ifndef KMXC_SERVICE_KIT_GEOMETRY_H
 #define KMXC_SERVICE_KIT_GEOMETRY_H
 
@@ -10,6 +11,9 @@
 #include "service/kmxc_service.h"
 
 namespace kmxc_kit {
+
+// The caller's timestamps are nanoseconds (kmxc_service_cycle); the kit's windows are ms.
+constexpr int64_t kNsPerMs = 1000000;
 
 // A field or gravity vector, counts.
 struct Vec3 {

@@ -22,8 +22,7 @@
 namespace kmxc_kit {
 
 constexpr int32_t kCountsPer10uT = KMXC_MS_COUNTS_PER_10_UT;  // corrected counts
-constexpr int64_t kNsPerMs = 1000000;
-constexpr int32_t kGravityCounts = KMXC_GS_COUNTS_PER_G;  // 1 g
+constexpr int32_t kGravityCounts = KMXC_GS_COUNTS_PER_G;      // 1 g
 constexpr int16_t kIdentityQ14[9] = {16384, 0, 0, 0, 16384, 0, 0, 0, 16384};
 // The calibration's other two thresholds stay at the library's defaults.
 constexpr int16_t kRatioMidThreshold = KMXC_CALIB_DEFAULT_RATIO_MID;

@@ -8,8 +8,6 @@ namespace kmxc_kit {
 
 namespace {
 
-constexpr int64_t kNsPerMs = 1000000;
-
 // The field held still: within KMXC_SERVICE_VEHICLE_STILL_COUNTS of where it was on
 // every axis (a turn of 2 degrees moves a 48 uT field by 1.7 uT, 4 counts).
 bool field_still(const Vec3 &a, const Vec3 &b) {
