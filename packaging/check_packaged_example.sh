@@ -4,8 +4,8 @@
 # names only, builds the shipped example service from the documentation folder with
 # `pkg-config kmxc_service` against the unpacked headers and libraries, and runs it on
 # the shipped virtual phone and moving world (default scenario, 50 Hz), which must bring
-# it to accuracy 3 within 12 s of virtual time (CHECKER, service/check_example.sh). No
-# build tree is involved. In a cross build the program is built by the cross compiler
+# it to accuracy 2 or 3 within 12 s of virtual time (CHECKER, service/check_example.sh).
+# No build tree is involved. In a cross build the program is built by the cross compiler
 # and run under the emulator with the unpacked root as its -L prefix, its libraries and
 # preloads named by their installed paths; liblog comes from the machine's package.
 # Usage: check_packaged_example.sh DEB_DIR WORK_DIR DEB_ARCH DEB_VERSION MULTIARCH CC "CFLAGS" "EMULATOR" PKG_CONFIG CHECKER

@@ -153,6 +153,7 @@ void sphere_step() {
     if (sphere_fit(view, &fit, &prior) != FitResult::kOk) return;
     s.sphere = fit;
     s.sphere_pending = true;
+    s.share_steps = 0;
     s.coverage = static_cast<uint8_t>(field_store_coverage(view, fit.offset));
 }
 
@@ -191,7 +192,9 @@ void judge_sphere(const Vec3 &g, KmxcServiceEvent *e) {
     corrected_samples(s.store, soft, u);
     const int32_t radius = fit.radius_q4 >> kQ4;
     OffsetCovariance p;
-    if (!covariance_of(u, n, radius, residual_variance_q8(fit.residual.spread_q8, n, 4, store_wander_sq_q8()), &p))
+    if (!s.share_valid ||
+        !covariance_of(u, n, radius, residual_variance_q8(fit.residual.spread_q8, n, 4, store_wander_sq_q8()),
+                       s.share_q8, &p))
         return;
     if (!every_direction_determined(p)) return;
     const Take t = take(false, fit.offset, ring, p, g, fed);
@@ -211,7 +214,10 @@ void ellipsoid_step() {
     s.ellipsoid_due = false;
     // The raw store. The sphere (fitted through any correction in use) gives the fit its
     // starting centre and the ridge its radius, the same within the correction's percents.
-    if (ellipsoid_fit(s.store, s.sphere, &s.ellipsoid) == FitResult::kOk) s.ellipsoid_pending = true;
+    if (ellipsoid_fit(s.store, s.sphere, &s.ellipsoid) == FitResult::kOk) {
+        s.ellipsoid_pending = true;
+        s.share_steps = 0;
+    }
 }
 
 void judge_ellipsoid(const Vec3 &g, KmxcServiceEvent *e) {
@@ -224,16 +230,16 @@ void judge_ellipsoid(const Vec3 &g, KmxcServiceEvent *e) {
     // do no worse than the sphere fitted through the correction in use.
     const int64_t beat = g_state.soft_iron.in_use ? 1 : KMXC_SERVICE_ELLIPSOID_BEAT_FACTOR;
     if (int64_t{fit.residual.rms_q4} * beat > s.sphere.residual.rms_q4) return;
-    SoftIron soft{true, fit.offset, {}};
-    for (int k = 0; k < 9; ++k) soft.w_q14[k] = fit.w_q14[k];
+    const SoftIron soft = proposed_correction(fit);
     Vec3 u[kStoreCapacity];
     corrected_samples(s.store, soft, u);
     const int n = s.store.count;
     OffsetCovariance p;
-    // Nine unknowns: the offset, W's five and the strength. W's own error is left out:
-    // where the store cannot tell it, the ridge holds W at the sphere's.
-    if (!covariance_of(u, n, fit.radius_q4 >> kQ4,
-                       residual_variance_q8(fit.residual.spread_q8, n, 9, store_wander_sq_q8()), &p))
+    // Nine unknowns: the offset, W's five and the strength. What W may still miss is the
+    // soft-iron share's.
+    if (!s.share_valid ||
+        !covariance_of(u, n, fit.radius_q4 >> kQ4,
+                       residual_variance_q8(fit.residual.spread_q8, n, 9, store_wander_sq_q8()), s.share_q8, &p))
         return;
     // As for the sphere: a store turned mostly flat leaves its axis to the ridge.
     if (!every_direction_determined(p)) return;
@@ -316,7 +322,9 @@ void store_cycle(const Vec3 &m, const Vec3 &g, bool fit_allowed, int64_t now, Km
     }
     if (planar_cycle(fit_allowed, e)) return;  // the mounted phone's estimator (kit_planar.cpp) took the fit
     if (!fit_allowed) return;
-    if (s.ellipsoid_pending) {
+    if ((s.ellipsoid_pending || s.sphere_pending) && s.share_steps < 2) {
+        share_step();
+    } else if (s.ellipsoid_pending) {
         judge_ellipsoid(g, e);
     } else if (s.sphere_pending) {
         judge_sphere(g, e);

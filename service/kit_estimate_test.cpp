@@ -81,7 +81,9 @@ TEST(KitEstimate, TheStoreIsRefittedOnlyOnceEnoughSamplesHaveJoined) {
         KmxcServiceEvent e{};
         e.mag_result = 1;
         store_cycle(Vec3{0, 0, 0}, kDown, true, 1, &e);  // the fit, when due
-        EXPECT_FALSE(e.flags & KMXC_SERVICE_KIT_ESTIMATE) << "judged in the next cycle, not the fit's";
+        store_cycle(Vec3{0, 0, 0}, kDown, true, 1, &e);  // its soft-iron share, in two cycles
+        store_cycle(Vec3{0, 0, 0}, kDown, true, 1, &e);
+        EXPECT_FALSE(e.flags & KMXC_SERVICE_KIT_ESTIMATE) << "judged in a cycle of its own, not the fit's";
         store_cycle(Vec3{0, 0, 0}, kDown, true, 1, &e);  // its judgement
         const bool fitted = joined >= KMXC_SERVICE_STORE_REFIT_JOINS;
         EXPECT_EQ(g_state.estimator, fitted ? KMXC_SERVICE_ESTIMATOR_STORE_SPHERE : KMXC_SERVICE_ESTIMATOR_NONE)
@@ -213,6 +215,8 @@ TEST(KitEstimate, TheEllipsoidReplacesTheSphereOnlyWhereSoftIronShowsAndTheStore
         KmxcServiceEvent e{};
         e.mag_result = 1;
         store_cycle(Vec3{0, 0, 0}, kDown, true, 1, &e);  // the ellipsoid fit
+        store_cycle(Vec3{0, 0, 0}, kDown, true, 1, &e);  // its soft-iron share, in two cycles
+        store_cycle(Vec3{0, 0, 0}, kDown, true, 1, &e);
         store_cycle(Vec3{0, 0, 0}, kDown, true, 1, &e);  // its judgement
         EXPECT_EQ(g_state.soft_iron.in_use, c.adopted) << c.name << ", coverage " << int(g_state.est.coverage);
         EXPECT_EQ(g_state.estimator == KMXC_SERVICE_ESTIMATOR_ELLIPSOID, c.adopted) << c.name;
@@ -256,9 +260,10 @@ TEST(KitEstimate, TheEllipsoidMustBeatTheSphereByItsFactorAndHavePlausibleAxes) 
         g_state.est.sphere.offset = Vec3{kOffset.x, kOffset.y, kOffset.z + c.sphere_off_z};
         g_state.est.sphere.radius_q4 = static_cast<int32_t>(kRadius * 16);
         g_state.est.ellipsoid_pending = true;
+        g_state.est.share_steps = 0;
         KmxcServiceEvent e{};
         e.mag_result = 1;
-        store_cycle(Vec3{0, 0, 0}, kDown, true, 1, &e);
+        for (int cycle = 0; cycle < 3; ++cycle) store_cycle(Vec3{0, 0, 0}, kDown, true, 1, &e);  // share, judgement
         EXPECT_EQ(g_state.soft_iron.in_use, c.adopted) << c.name;
     }
     // An axis past the range never reaches the judgement: the fit returns kImplausible

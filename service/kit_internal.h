@@ -17,6 +17,7 @@
 #include "service/kit_mount.h"
 #include "service/kit_store.h"
 #include "service/kmxc_service.h"
+#include "service/soft_iron_share.h"
 #include "service/sphere_fit.h"
 
 namespace kmxc_kit {
@@ -48,6 +49,12 @@ struct SoftIron {
 };
 // m' for a raw field m (m itself while no correction is in use).
 Vec3 corrected(const SoftIron &s, const Vec3 &m);
+// The correction an ellipsoid fit proposes (in use, about its centre).
+inline SoftIron proposed_correction(const EllipsoidFit &fit) {
+    SoftIron soft{true, fit.offset, {}};
+    for (int k = 0; k < 9; ++k) soft.w_q14[k] = fit.w_q14[k];
+    return soft;
+}
 
 // An estimate's predicted offset covariance, in the frame the library sees (after the
 // correction in use): counts^2 in 1/256, packed symmetric (kit_linalg.h's order). Bounded
@@ -72,8 +79,16 @@ struct Estimators {
     uint8_t joined;           // samples joined since the last sphere fit
     uint8_t coverage;         // cells of the store about the offset in use, at the last fit
     uint8_t ellipsoid_cells;  // the store's cells when the correction in use was fitted
-    bool reference_stale;     // a persisting anomaly cleared the store: only range verdicts count
-    bool anomaly_cleared;     // ... and this anomaly episode has done so
+    // The pending fit's share of unmodelled soft iron (kit_uncertainty.h), worked out in
+    // two cycles of their own between the fit and its judgement: share_steps 1 once X
+    // (share_x_q8) is known, 2 once the share is; share_valid while both determined
+    // something.
+    uint8_t share_steps;
+    bool share_valid;
+    int32_t share_x_q8[kShareColumns];
+    int32_t share_q8[6];
+    bool reference_stale;  // a persisting anomaly cleared the store: only range verdicts count
+    bool anomaly_cleared;  // ... and this anomaly episode has done so
     // The chip's raw temperatures of the samples joined since the store was last emptied
     // (bounds of the kept ones'), valid when temp_known.
     bool temp_known;

@@ -2,6 +2,8 @@
 // arithmetic only.
 #include "service/kit_uncertainty.h"
 
+#include "service/soft_iron_share.h"
+
 namespace kmxc_kit {
 
 namespace {
@@ -53,15 +55,15 @@ int64_t worst_variance(const OffsetCovariance &c) {
     return lambda[0];
 }
 
-}  // namespace
-
-bool covariance_of(const Vec3 *u, int n, int32_t radius, int64_t var_q8, OffsetCovariance *out) {
-    out->valid = false;
+// The matrix the covariance solves with, a = n C + n R^2 s^2 / s0^2 I less the noise's
+// scatter (see covariance_of), and K = n R^2 s^2 (1/256). False for fewer than two
+// samples or no radius.
+bool offset_information(const Vec3 *u, int n, int32_t radius, int64_t var_q8, int64_t a[9], int64_t *k_q8) {
     if (n < 2 || radius <= 0) return false;
     // K: R^2 below 2^17 (an Earth field's strength), var_q8 below 2^20 (the fits refuse
     // a residual of 8 % of the strength, 17 counts at most), n up to 32: below 2^42.
-    const int64_t k_q8 = int64_t{n} * radius * radius * var_q8;
-    const int64_t prior = k_q8 / (kPriorVarianceCounts2 << kQ8) + 1;  // n R^2 s^2 / s0^2, rounded up
+    *k_q8 = int64_t{n} * radius * radius * var_q8;
+    const int64_t prior = *k_q8 / (kPriorVarianceCounts2 << kQ8) + 1;  // n R^2 s^2 / s0^2, rounded up
     int64_t m[6];
     scatter_of(u, n, m);
     int64_t lambda[3];
@@ -69,20 +71,90 @@ bool covariance_of(const Vec3 *u, int n, int32_t radius, int64_t var_q8, OffsetC
     int64_t noise = (int64_t{n} * n * kExpectedResidualSqQ8) >> kQ8;
     if (noise > lambda[2]) noise = lambda[2] > 0 ? lambda[2] : 0;
     m[0] += prior - noise, m[3] += prior - noise, m[5] += prior - noise;
-    const int64_t a[9] = {m[0], m[1], m[2], m[1], m[3], m[4], m[2], m[4], m[5]};
+    const int64_t full[9] = {m[0], m[1], m[2], m[1], m[3], m[4], m[2], m[4], m[5]};
+    for (int k = 0; k < 9; ++k) a[k] = full[k];
+    return true;
+}
+
+}  // namespace
+
+bool covariance_of(const Vec3 *u, int n, int32_t radius, int64_t var_q8, const int32_t *share_q8,
+                   OffsetCovariance *out) {
+    out->valid = false;
+    int64_t a[9], k_q8 = 0;
+    if (!offset_information(u, n, radius, var_q8, a, &k_q8)) return false;
     constexpr int8_t kFrac[3] = {0, 0, 0};
     const int64_t b[3][3] = {{k_q8, 0, 0}, {0, k_q8, 0}, {0, 0, k_q8}};
     int64_t col[3][3];
     if (solve_spd_columns(3, a, 3, b[0], kFrac, col[0]) != FitResult::kOk) return false;
     // The solve's columns are symmetric to its rounding; the upper triangle is kept. The
     // prior bounds every entry by s0^2 (2^19.3 in 1/256).
-    const int64_t p[6] = {col[0][0], col[1][0], col[2][0], col[1][1], col[2][1], col[2][2]};
+    int64_t p[6] = {col[0][0], col[1][0], col[2][0], col[1][1], col[2][1], col[2][2]};
     for (int k = 0; k < 6; ++k) {
+        if (share_q8 != nullptr) p[k] += share_q8[k];
         if (p[k] >= (int64_t{1} << 20) || p[k] <= -(int64_t{1} << 20)) return false;
         out->p_q8[k] = static_cast<int32_t>(p[k]);
     }
     out->valid = true;
     return true;
+}
+
+namespace {
+
+SoftIronPrior prior_of(bool corrected, int64_t noise_q8) {
+    return SoftIronPrior{corrected ? KMXC_SERVICE_SOFT_IRON_LEFT_PERMILLE : KMXC_SERVICE_SOFT_IRON_PRIOR_PERMILLE,
+                         noise_q8};
+}
+
+// P's own bound (covariance_of): a share beyond it determines nothing.
+bool share_within_bound(const int64_t share[6], int32_t share_q8[6]) {
+    for (int k = 0; k < 6; ++k) {
+        if (share[k] >= (int64_t{1} << 20) || share[k] <= -(int64_t{1} << 20)) return false;
+        share_q8[k] = static_cast<int32_t>(share[k]);
+    }
+    return true;
+}
+
+// The share of unmodelled soft iron (soft_iron_share.h) in the covariance of a fit of n
+// samples u about `centre` and `radius`: var_q8 as covariance_of takes it, noise_q8 the
+// samples' own error variance (the residual's, without the wander, which looks like no
+// soft iron). The prior per entry of D is KMXC_SERVICE_SOFT_IRON_PRIOR_PERMILLE, or
+// KMXC_SERVICE_SOFT_IRON_LEFT_PERMILLE when the samples come through a correction
+// (corrected). False when the share refuses or exceeds P's bound (nothing determined).
+bool soft_iron_share_of(const Vec3 *u, int n, const Vec3 &centre, int32_t radius, int64_t var_q8, int64_t noise_q8,
+                        bool corrected, int32_t share_q8[6]) {
+    int64_t a[9], k_q8 = 0;
+    if (!offset_information(u, n, radius, var_q8, a, &k_q8)) return false;
+    int64_t share[6];
+    if (soft_iron_share(u, n, centre, radius, prior_of(corrected, noise_q8), a, share) != FitResult::kOk) return false;
+    return share_within_bound(share, share_q8);
+}
+
+}  // namespace
+
+void share_step() {
+    Estimators &s = g_state.est;
+    const bool ellipsoid = s.ellipsoid_pending;
+    const SoftIron soft = ellipsoid ? proposed_correction(s.ellipsoid) : g_state.soft_iron;
+    const StrengthStats &r = ellipsoid ? s.ellipsoid.residual : s.sphere.residual;
+    const Vec3 centre = ellipsoid ? s.ellipsoid.offset : s.sphere.offset;
+    const int32_t radius = (ellipsoid ? s.ellipsoid.radius_q4 : s.sphere.radius_q4) >> kQ4;
+    const int n = s.store.count, unknowns = ellipsoid ? 9 : 4;
+    Vec3 u[kStoreCapacity];
+    for (int i = 0; i < n; ++i) u[i] = corrected(soft, stored_field(s.store, i));
+    if (s.share_steps == 0) {
+        int64_t a[9], k_q8 = 0;
+        const int64_t var = residual_variance_q8(r.spread_q8, n, unknowns, store_wander_sq_q8());
+        s.share_valid = offset_information(u, n, radius, var, a, &k_q8) &&
+                        soft_iron_share_columns(u, n, centre, a, s.share_x_q8) == FitResult::kOk;
+        s.share_steps = s.share_valid ? 1 : 2;
+        return;
+    }
+    const SoftIronPrior prior = prior_of(soft.in_use, residual_variance_q8(r.spread_q8, n, unknowns, 0));
+    int64_t share[6];
+    s.share_valid = soft_iron_share_from_columns(u, n, centre, radius, prior, s.share_x_q8, share) == FitResult::kOk &&
+                    share_within_bound(share, s.share_q8);
+    s.share_steps = 2;
 }
 
 void note_temperature(int16_t raw) {
@@ -127,7 +199,10 @@ bool ring_covariance(const KmxAxesData &o, int n, int unknowns, OffsetCovariance
     const Agreement a = agreement(g_state.soft_iron, o, n, false);
     Vec3 u[KMXC_SERVICE_FEED_HISTORY];
     fed_corrected(g_state.soft_iron, n, u);
-    return covariance_of(u, n, a.mean, residual_variance_q8(a.spread << (2 * kQ4), n, unknowns, 0), p);
+    const int64_t var = residual_variance_q8(a.spread << (2 * kQ4), n, unknowns, 0);
+    int32_t share[6];
+    if (!soft_iron_share_of(u, n, Vec3{o.x, o.y, o.z}, a.mean, var, var, g_state.soft_iron.in_use, share)) return false;
+    return covariance_of(u, n, a.mean, var, share, p);
 }
 
 int8_t heading_accuracy_cap(const Vec3 &v, const Vec3 &g) {

@@ -9,6 +9,7 @@
 #include <stdint.h>
 
 #include "service/kit_internal.h"
+#include "service/soft_iron_share.h"
 
 namespace kmxc_kit {
 
@@ -41,7 +42,18 @@ constexpr int64_t kPriorVarianceCounts2 = 50 * 50;
 // direction spanned by noise alone is no information. Sums about the first sample: with
 // |u - u0| <= 2^11 (any Earth field's sphere), n C stays below 2^33 per entry. False
 // when the solve refuses.
-bool covariance_of(const Vec3 *u, int n, int32_t radius, int64_t var_q8, OffsetCovariance *out);
+// share_q8, when given: the share of unmodelled soft iron (share_step), added to P.
+bool covariance_of(const Vec3 *u, int n, int32_t radius, int64_t var_q8, const int32_t *share_q8,
+                   OffsetCovariance *out);
+// One step of the pending store fit's share of unmodelled soft iron (its own cycle; two
+// between the fit and its judgement): X, then the share (Estimators' share_steps,
+// share_valid, share_q8), of the sphere's samples through the correction in use or the
+// ellipsoid's through the one it proposes. The prior per entry of D is
+// KMXC_SERVICE_SOFT_IRON_PRIOR_PERMILLE, or KMXC_SERVICE_SOFT_IRON_LEFT_PERMILLE for
+// samples through a correction; the samples' own noise is the fit's residual without
+// the temperature wander (which looks like no soft iron). A share that refuses or
+// exceeds P's bound leaves share_valid false: nothing determined, the fit not used.
+void share_step();
 
 // A sample with this raw temperature joined the store: its temperature span grows.
 void note_temperature(int16_t raw);

@@ -2,6 +2,7 @@
 // accelerations, whichever estimate gives the offset.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 
 #include "service/kit_test_fixture.h"
@@ -36,34 +37,42 @@ TEST_F(Kit, AMountedPhonesAttitudeTakesTheMountsMeanGravity) {
     EXPECT_LT(std::sqrt(sq / std::max(n, 1)), 5.0);
 }
 
-// A car whose own field is weak (10 uT) lets the store's sphere determine the offset in
-// the mount: slopes and the mount's wobble take the samples off their circle. Its
-// attitude takes the measured gravity, so the rule that caps a tilted one carries the
-// drive's turns and brakings: every event flagged with the tilt is at most low, and of
-// the medium and high events at most 0.5 % turn the heading by more than 15 degrees
-// (without the cap 1.9 %: 39 of 2,074).
+// A phone calibrated in the hand keeps its trusted offset in the mount until the car's
+// weak field (10 uT) shows: its attitude takes the measured gravity meanwhile, so the
+// rule that caps a tilted one carries the drive's first turns and brakings. Every event
+// flagged with the tilt is at most low.
 TEST_F(Kit, AMountedPhoneTiltedByTheCarIsAtMostLowWhateverTheEstimate) {
     vphone::remove_file(kCfg);
-    ScenarioSettings s = scenario("car-fresh");
-    s.seed = 4;
+    ScenarioSettings s = scenario("car");
+    s.seed = 5;
     s.car_field_uT = Vec3{6, -4, 7};
     const Trace r = run(s, 10);
-    int tilted = 0, sphere = 0, trusted = 0, wrong = 0;
+    int tilted = 0;
     for (size_t i = 0; i < r.events.size(); ++i) {
         const KmxcServiceEvent &e = r.events[i];
-        if ((e.flags & KMXC_SERVICE_MOUNT_TILT) != 0) {
-            ++tilted;
-            EXPECT_LE(e.accuracy, KMXC_SERVICE_LOW) << "event " << i;
-            EXPECT_EQ(e.flags & KMXC_SERVICE_MOUNT_GRAVITY, 0) << "event " << i;
-        }
-        if (e.accuracy < KMXC_SERVICE_MEDIUM || (e.flags & KMXC_SERVICE_ORIENTATION_VALID) == 0) continue;
-        ++trusted;
-        if (e.estimator == KMXC_SERVICE_ESTIMATOR_STORE_SPHERE) ++sphere;
-        if (std::fabs(azimuth_error_deg(e, r.truths[i])) > 15) ++wrong;
+        if ((e.flags & KMXC_SERVICE_MOUNT_TILT) == 0) continue;
+        ++tilted;
+        EXPECT_LE(e.accuracy, KMXC_SERVICE_LOW) << "event " << i;
+        EXPECT_EQ(e.flags & KMXC_SERVICE_MOUNT_GRAVITY, 0) << "event " << i;
     }
-    EXPECT_GT(tilted, 200) << "the drive's turns and brakings";
-    EXPECT_GT(sphere, 1000) << "the sphere gives the offset in the mount";
-    EXPECT_LE(wrong * 200, trusted) << wrong << " of " << trusted;
+    EXPECT_GT(tilted, 100) << "the drive's turns and brakings";
+}
+
+// Without a calibration from the hand, the mount's slopes and wobble take the samples a
+// little off their circle: a band the sphere fits, whose offset the soft iron a phone
+// may have could move by many uT. Nothing confirms it: never medium or high.
+TEST_F(Kit, AMountedPhoneNeverCalibratedInTheHandIsNeverTrusted) {
+    for (uint32_t seed : {2u, 4u}) {
+        SCOPED_TRACE(seed);
+        vphone::remove_file(kCfg);
+        ScenarioSettings s = scenario("car-fresh");
+        s.seed = seed;
+        s.car_field_uT = Vec3{6, -4, 7};
+        const Trace r = run(s, 10);
+        int8_t highest = KMXC_SERVICE_UNRELIABLE;
+        for (const KmxcServiceEvent &e : r.events) highest = std::max(highest, e.accuracy);
+        EXPECT_LE(highest, KMXC_SERVICE_LOW);
+    }
 }
 
 // A phone mounted near 60 degrees (a dashboard mount's tilt, give or take a road's

@@ -326,6 +326,15 @@ extern "C" {
  * adoption has its own test) and never shrinks a predicted error (the residual a fit
  * shows is used when it is larger). */
 #define KMXC_SERVICE_MAG_NOISE_CENTI_UT 30
+/* Soft iron a fit does not model, per entry of the correction W = I + D (one standard
+ * deviation, 1/1000). A sphere fitted to part of the sphere turns D into offset (a cap
+ * of an ellipsoid is as round as a shifted sphere); the estimators' predicted errors
+ * carry that share, which vanishes as the samples go round the sphere and tell D
+ * apart. 2 %: a phone's metal bends its axes by a few percent (at 1.5 %, a fifth to a
+ * third of the trusted headings of a phone with 10 % turned slowly were more than 15
+ * degrees off). LEFT: what may remain once an ellipsoid's correction is applied. */
+#define KMXC_SERVICE_SOFT_IRON_PRIOR_PERMILLE 20
+#define KMXC_SERVICE_SOFT_IRON_LEFT_PERMILLE 15
 /* The ellipsoid is attempted (whatever the store's coverage) when the sphere estimate's
  * strength residual exceeds this many times what noise and rounding explain: a field
  * that is no sphere within the noise. Twice: a sphere's residual over 32 samples
