@@ -76,13 +76,9 @@ bool offset_information(const Vec3 *u, int n, int32_t radius, int64_t var_q8, in
     return true;
 }
 
-}  // namespace
-
-bool covariance_of(const Vec3 *u, int n, int32_t radius, int64_t var_q8, const int32_t *share_q8,
-                   OffsetCovariance *out) {
+// P = K a^-1 plus the share (when given), from offset_information's a and K.
+bool covariance_from(const int64_t a[9], int64_t k_q8, const int32_t *share_q8, OffsetCovariance *out) {
     out->valid = false;
-    int64_t a[9], k_q8 = 0;
-    if (!offset_information(u, n, radius, var_q8, a, &k_q8)) return false;
     constexpr int8_t kFrac[3] = {0, 0, 0};
     const int64_t b[3][3] = {{k_q8, 0, 0}, {0, k_q8, 0}, {0, 0, k_q8}};
     int64_t col[3][3];
@@ -99,8 +95,6 @@ bool covariance_of(const Vec3 *u, int n, int32_t radius, int64_t var_q8, const i
     return true;
 }
 
-namespace {
-
 SoftIronPrior prior_of(bool corrected, int64_t noise_q8) {
     return SoftIronPrior{corrected ? KMXC_SERVICE_SOFT_IRON_LEFT_PERMILLE : KMXC_SERVICE_SOFT_IRON_PRIOR_PERMILLE,
                          noise_q8};
@@ -115,22 +109,14 @@ bool share_within_bound(const int64_t share[6], int32_t share_q8[6]) {
     return true;
 }
 
-// The share of unmodelled soft iron (soft_iron_share.h) in the covariance of a fit of n
-// samples u about `centre` and `radius`: var_q8 as covariance_of takes it, noise_q8 the
-// samples' own error variance (the residual's, without the wander, which looks like no
-// soft iron). The prior per entry of D is KMXC_SERVICE_SOFT_IRON_PRIOR_PERMILLE, or
-// KMXC_SERVICE_SOFT_IRON_LEFT_PERMILLE when the samples come through a correction
-// (corrected). False when the share refuses or exceeds P's bound (nothing determined).
-bool soft_iron_share_of(const Vec3 *u, int n, const Vec3 &centre, int32_t radius, int64_t var_q8, int64_t noise_q8,
-                        bool corrected, int32_t share_q8[6]) {
-    int64_t a[9], k_q8 = 0;
-    if (!offset_information(u, n, radius, var_q8, a, &k_q8)) return false;
-    int64_t share[6];
-    if (soft_iron_share(u, n, centre, radius, prior_of(corrected, noise_q8), a, share) != FitResult::kOk) return false;
-    return share_within_bound(share, share_q8);
-}
-
 }  // namespace
+
+bool covariance_of(const Vec3 *u, int n, int32_t radius, int64_t var_q8, const int32_t *share_q8,
+                   OffsetCovariance *out) {
+    out->valid = false;
+    int64_t a[9], k_q8 = 0;
+    return offset_information(u, n, radius, var_q8, a, &k_q8) && covariance_from(a, k_q8, share_q8, out);
+}
 
 void share_step() {
     Estimators &s = g_state.est;
@@ -199,10 +185,14 @@ bool ring_covariance(const KmxAxesData &o, int n, int unknowns, OffsetCovariance
     const Agreement a = agreement(g_state.soft_iron, o, n, false);
     Vec3 u[KMXC_SERVICE_FEED_HISTORY];
     fed_corrected(g_state.soft_iron, n, u);
+    // One step here, the share included (the samples' noise is the variance: no wander).
     const int64_t var = residual_variance_q8(a.spread << (2 * kQ4), n, unknowns, 0);
-    int32_t share[6];
-    if (!soft_iron_share_of(u, n, Vec3{o.x, o.y, o.z}, a.mean, var, var, g_state.soft_iron.in_use, share)) return false;
-    return covariance_of(u, n, a.mean, var, share, p);
+    int64_t m[9], k_q8 = 0, share[6];
+    int32_t share_q8[6];
+    return offset_information(u, n, a.mean, var, m, &k_q8) &&
+           soft_iron_share(u, n, Vec3{o.x, o.y, o.z}, a.mean, prior_of(g_state.soft_iron.in_use, var), m, share) ==
+               FitResult::kOk &&
+           share_within_bound(share, share_q8) && covariance_from(m, k_q8, share_q8, p);
 }
 
 int8_t heading_accuracy_cap(const Vec3 &v, const Vec3 &g) {
