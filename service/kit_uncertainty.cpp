@@ -95,6 +95,9 @@ bool covariance_from(const int64_t a[9], int64_t k_q8, const int32_t *share_q8, 
     return true;
 }
 
+static_assert(kStoreCapacity <= kShareMaxSamples && KMXC_SERVICE_FEED_HISTORY <= kShareMaxSamples,
+              "the store's and the fed ring's samples within the share's bounds");
+
 SoftIronPrior prior_of(bool corrected, int64_t noise_q8) {
     return SoftIronPrior{corrected ? KMXC_SERVICE_SOFT_IRON_LEFT_PERMILLE : KMXC_SERVICE_SOFT_IRON_PRIOR_PERMILLE,
                          noise_q8};

@@ -19,7 +19,8 @@
 // (six columns through S) and for C X^T (three through the 6x6 information).
 // Results (FitResult):
 //   kOk               share_q8 filled (1/256 count^2, packed upper triangle)
-//   kTooFew           n < 2, or no prior (sd 0) and nothing to add: share_q8 zero
+//   kTooFew           n < 2 or above kShareMaxSamples, no radius, no noise, or no prior
+//                     (sd 0): share_q8 zero
 //   kOverflowRisk     a sample more than kShareSpanLimit counts from the centre on some
 //                     axis, or X beyond kShareMaxXQ8 (the centre moves by more than
 //                     2^16 counts per unit of D: nothing is determined)
