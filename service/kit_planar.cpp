@@ -307,7 +307,9 @@ void judge_step(KmxcServiceEvent *e) {
     planar_estimate(store, p.circle, with_ref ? &ref : nullptr, Vec3{in_use.x, in_use.y, in_use.z}, &est);
     p.arc_cdeg = est.arc_cdeg;
     if (est.level == KMXC_SERVICE_UNRELIABLE) return;
-    // The offset in use against the same samples: one that still describes them stays.
+    // The offset in use against the same samples: one that still describes them stays,
+    // unless nothing trusts it and the estimate can (a medium one: the hand's offset,
+    // demoted on entering a vehicle whose own field is too weak to move it).
     StrengthStats current;
     field_store_strengths(store, Vec3{in_use.x, in_use.y, in_use.z}, nullptr, &current);
     const bool in_use_fits = current.in_range && current.worst_permille <= KMXC_SERVICE_FIT_MEDIUM_PERMILLE &&
@@ -315,7 +317,9 @@ void judge_step(KmxcServiceEvent *e) {
     const bool planar_in_use = g_state.estimator == KMXC_SERVICE_ESTIMATOR_PLANAR;
     // A planar estimate in use is replaced when the new one moves it, or confirms it.
     const bool upgrade = planar_in_use && est.level > g_state.base_accuracy && !g_state.offset_trusted;
-    if (planar_in_use ? !moves(est.offset, in_use) && !upgrade : in_use_fits) return;
+    if (planar_in_use ? !moves(est.offset, in_use) && !upgrade
+                      : in_use_fits && (g_state.offset_trusted || est.level < KMXC_SERVICE_MEDIUM))
+        return;
     // A low estimate is used only while nothing is trusted; a medium one replaces a
     // trusted offset that no longer describes the store (or refreshes its own).
     if (est.level == KMXC_SERVICE_LOW && g_state.offset_trusted) return;

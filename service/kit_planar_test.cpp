@@ -225,6 +225,47 @@ TEST(PlanarRules, TheArcAndTheRadiusDecideEachAtItsLimit) {
     }
 }
 
+// What a judged circle does with the offset in use (the store: a full turn about the
+// vertical, 40,-30,20 its centre; the references those of its strength and dip). An
+// offset that describes the circle as well is kept, unless nothing trusts it and the
+// estimate can: then the estimate, medium, takes over (a car whose own field is too
+// weak to move the hand's offset, demoted on entering it). One that does not describe
+// it gives way.
+TEST(PlanarRules, TheOffsetInUseGivesWayToACircleThatItDoesNotFitOrThatTrustsMore) {
+    const struct {
+        const char *name;
+        Vec3 in_use;
+        bool trusted;
+        double arc_deg;
+        bool replaced;
+        int8_t accuracy;  // base accuracy after the judgement
+    } cases[] = {
+        {"right, untrusted, a medium estimate: replaced, medium", {40, -30, 20}, false, 350, true, KMXC_SERVICE_MEDIUM},
+        {"right, untrusted, a low estimate: kept", {40, -30, 20}, false, 120, false, KMXC_SERVICE_LOW},
+        {"right, trusted, a medium estimate: kept", {40, -30, 20}, true, 350, false, KMXC_SERVICE_HIGH},
+        {"10 counts off, untrusted, a low estimate: replaced, low", {50, -30, 20}, false, 120, true, KMXC_SERVICE_LOW},
+    };
+    for (const auto &c : cases) {
+        g_state = State{};
+        g_state.rate_hz = 10;
+        g_state.reference_known = true;
+        g_state.reference_strength_counts = 120;
+        g_state.reference_dip_cdeg = 9000 - 3000;
+        g_state.offset_trusted = c.trusted;
+        g_state.base_accuracy = c.trusted ? KMXC_SERVICE_HIGH : KMXC_SERVICE_LOW;
+        g_state.estimator = KMXC_SERVICE_ESTIMATOR_LIBRARY;
+        const KmxAxesData o{c.in_use.x, c.in_use.y, c.in_use.z};
+        KmxAxesLibSetMsOffset(&o);
+        g_state.est.store = clean(c.arc_deg, 30);
+        g_state.planar.joins = KMXC_SERVICE_STORE_REFIT_JOINS;
+        KmxcServiceEvent e{};
+        ASSERT_TRUE(planar_cycle(true, &e)) << c.name << ": the circle fitted";
+        ASSERT_TRUE(planar_cycle(true, &e)) << c.name << ": and judged";
+        EXPECT_EQ(g_state.estimator == KMXC_SERVICE_ESTIMATOR_PLANAR, c.replaced) << c.name;
+        EXPECT_EQ(g_state.base_accuracy, c.accuracy) << c.name;
+    }
+}
+
 // A circle counts when it is flat (RMS off its plane within 1/FLATNESS of its radius)
 // and every sample's gravity lies within the limit of its axis (a phone turned about the
 // vertical); one sample whose gravity leans beyond refuses it (a hand turning the phone
