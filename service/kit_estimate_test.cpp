@@ -232,6 +232,22 @@ TEST(KitEstimate, TheEllipsoidReplacesTheSphereOnlyWhereSoftIronShowsAndTheStore
     }
 }
 
+// A correction already in use that the field no longer matches (W stretching x by a
+// quarter): the new ellipsoid is judged, and the reference strength taken, from the
+// recent samples through the correction it proposes, the one in use once it is taken.
+TEST(KitEstimate, ANewCorrectionIsJudgedByTheRecentSamplesThroughItself) {
+    set_kit(Vec3{0, 0, 0});
+    fill(directions(80), kOffset, kSoftIron, 0.4);
+    g_state.soft_iron = SoftIron{true, kOffset, {20480, 0, 0, 0, 13107, 0, 0, 0, 16384}};
+    step();  // the sphere through the old correction: its residual asks for an ellipsoid
+    KmxcServiceEvent e{};
+    e.mag_result = 1;
+    for (int cycle = 0; cycle < 4; ++cycle) store_cycle(Vec3{0, 0, 0}, kDown, true, 1, &e);  // fit, share, judge
+    ASSERT_EQ(g_state.estimator, KMXC_SERVICE_ESTIMATOR_ELLIPSOID);
+    EXPECT_NE(g_state.soft_iron.w_q14[0], 20480) << "the new correction in use";
+    EXPECT_NEAR(g_state.ref_strength, kRadius, 2) << "the strength through the new correction";
+}
+
 TEST(KitEstimate, TheEllipsoidMustBeatTheSphereByItsFactorAndHavePlausibleAxes) {
     static_assert(KMXC_SERVICE_ELLIPSOID_BEAT_FACTOR == 2);
     const struct {

@@ -37,30 +37,35 @@ TEST_F(Kit, AMountedPhonesAttitudeTakesTheMountsMeanGravity) {
     EXPECT_LT(std::sqrt(sq / std::max(n, 1)), 5.0);
 }
 
-// A phone calibrated in the hand keeps its trusted offset in the mount until the car's
-// weak field (10 uT) shows: its attitude takes the measured gravity meanwhile, so the
-// rule that caps a tilted one carries the drive's first turns and brakings. Every event
-// flagged with the tilt is at most low.
+// At a shallow dip (20 degrees) the mount's slopes and wobble pin a sphere's offset
+// in the mount even with a car's weak field (10 uT): its attitude takes the measured
+// gravity, so the rule that caps a tilted one carries the drive's turns and brakings.
+// Every event flagged with the tilt is at most low (without the cap, 186 of them are
+// medium on this seed).
 TEST_F(Kit, AMountedPhoneTiltedByTheCarIsAtMostLowWhateverTheEstimate) {
     vphone::remove_file(kCfg);
-    ScenarioSettings s = scenario("car");
-    s.seed = 5;
+    ScenarioSettings s = scenario("car-fresh");
+    s.seed = 1;
+    s.inclination_deg = 20;
     s.car_field_uT = Vec3{6, -4, 7};
     const Trace r = run(s, 10);
-    int tilted = 0;
+    int tilted = 0, not_planar = 0;
     for (size_t i = 0; i < r.events.size(); ++i) {
         const KmxcServiceEvent &e = r.events[i];
         if ((e.flags & KMXC_SERVICE_MOUNT_TILT) == 0) continue;
         ++tilted;
+        not_planar += e.estimator != KMXC_SERVICE_ESTIMATOR_PLANAR;
         EXPECT_LE(e.accuracy, KMXC_SERVICE_LOW) << "event " << i;
         EXPECT_EQ(e.flags & KMXC_SERVICE_MOUNT_GRAVITY, 0) << "event " << i;
     }
-    EXPECT_GT(tilted, 100) << "the drive's turns and brakings";
+    EXPECT_GT(tilted, 200) << "the drive's turns and brakings";
+    EXPECT_GT(not_planar, 200) << "a sphere's offset in the mount";
 }
 
-// Without a calibration from the hand, the mount's slopes and wobble take the samples a
-// little off their circle: a band the sphere fits, whose offset the soft iron a phone
-// may have could move by many uT. Nothing confirms it: never medium or high.
+// Without a calibration from the hand, at the demo's 60-degree dip, the mount's slopes
+// and wobble take the samples a little off their circle: a band the sphere fits, whose
+// offset the soft iron a phone may have could move by many uT. Nothing confirms it:
+// never medium or high (a shallow dip's band is wider, above).
 TEST_F(Kit, AMountedPhoneNeverCalibratedInTheHandIsNeverTrusted) {
     for (uint32_t seed : {2u, 4u}) {
         SCOPED_TRACE(seed);
