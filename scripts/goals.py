@@ -6,11 +6,14 @@ scenario, soft iron and rate.
 
 Usage: scripts/goals.py [--binary B] [--base B0] [--seeds 1-5] [--rates 10,50]
                         [--scenarios default,slow,...] [--soft-iron all|none] [--work DIR]
-                        [--inclination DEG] [--accel-offset X,Y,Z]
+                        [--inclination DEG] [--accel-offset X,Y,Z] [--field UT] [--noise UT]
 
 --inclination runs every scenario in a field of that dip (the demo's default 60): the
 rules must hold from the equator to the poles, in either hemisphere. --accel-offset
 gives the accelerometer a zero-g offset (mg, phone axes; the demo's part has none).
+--field and --noise set the Earth field's strength (25..65 uT) and the magnetometer's
+noise per axis (0..5 uT): the rules are counts of noise and fractions of the field,
+never the demo's numbers.
 
 --base names a second build (the one before this work); its runs fill the 'before'
 columns, n/a where it lacks the scenario or the option.
@@ -194,9 +197,11 @@ def in_range(texts, lo, hi, count=1):
 
 
 def world_of(a):
-    """The world's options every run takes: the Earth field's dip, the accelerometer's offset."""
+    """The world's options every run takes: the Earth field's dip and strength, the
+    accelerometer's offset, the magnetometer's noise."""
     return (["--inclination", a.inclination] if a.inclination else []) + \
-        (["--accel-offset", a.accel_offset] if a.accel_offset else [])
+        (["--accel-offset", a.accel_offset] if a.accel_offset else []) + \
+        (["--field", a.field] if a.field else []) + (["--noise", a.noise] if a.noise else [])
 
 
 def car_table(a, seeds, rates, binaries, work):
@@ -276,6 +281,8 @@ def main():
     ap.add_argument("--car-fields", default="10,20,40", help="of 0 (none: the floor the accelerations leave), 10, 20, 40")
     ap.add_argument("--inclination", default="", help="the Earth field's dip, -90..90 degrees (default: the demo's)")
     ap.add_argument("--accel-offset", default="", help="the accelerometer's zero-g offset X,Y,Z, mg (default: none)")
+    ap.add_argument("--field", default="", help="the Earth field's strength, 25..65 uT (default: the demo's)")
+    ap.add_argument("--noise", default="", help="the magnetometer's noise per axis, 0..5 uT (default: the demo's)")
     a = ap.parse_args()
     # The world's options are checked here, before any run: a run the demo refuses would
     # only leave its rows empty.
@@ -283,6 +290,10 @@ def main():
         sys.exit(f"goals.py: --inclination {a.inclination}: degrees, -90..90")
     if a.accel_offset and not in_range(a.accel_offset.split(","), -200, 200, count=3):
         sys.exit(f"goals.py: --accel-offset {a.accel_offset}: X,Y,Z in mg, each -200..200")
+    if a.field and not in_range([a.field], 25, 65):
+        sys.exit(f"goals.py: --field {a.field}: uT, 25..65")
+    if a.noise and not in_range([a.noise], 0, 5):
+        sys.exit(f"goals.py: --noise {a.noise}: uT, 0..5")
     lo, _, hi = a.seeds.partition("-")
     seeds = list(range(int(lo), int(hi or lo) + 1))
     rates = [int(r) for r in a.rates.split(",")]

@@ -6,10 +6,15 @@
 
 namespace kmxc_kit {
 
-void mount_gravity_reset(MountGravity *mg) { *mg = MountGravity{{0, 0, 0}, 0}; }
+void mount_gravity_reset(MountGravity *mg) { *mg = MountGravity{{0, 0, 0}, 0, 0, 0, false}; }
 
 // Counts beyond 2^14 (4 g) are clamped: the mean stays within 2^22 in 1/256 count.
 static int32_t clamp14(int32_t v) { return v > 16383 ? 16383 : v < -16384 ? -16384 : v; }
+
+// |v|^2 in the length test's unit from which v is no still phone's gravity (2 g).
+constexpr int64_t kLevelLimit = int64_t{1} << 20;
+static_assert(int64_t{2 * KMXC_GS_COUNTS_PER_G >> kMountLevelShift} * (2 * KMXC_GS_COUNTS_PER_G >> kMountLevelShift) ==
+              kLevelLimit);
 
 bool mount_gravity_near(const MountGravity &mg, const Vec3 &g) {
     return mg.n > 0 && angle_between_cdeg(g, mount_gravity_mean(mg)) <= kMountGravityNearCdeg;
@@ -19,9 +24,64 @@ bool mount_tilt_within(const MountGravity &mg, const Vec3 &g) {
     return mg.n == 0 || angle_between_cdeg(g, mount_gravity_mean(mg)) <= KMXC_SERVICE_MOUNT_TILT_CDEG;
 }
 
-void mount_gravity_track(MountGravity *mg, const Vec3 &g, bool steady, uint32_t rate_hz) {
-    if (steady && mg->n > 0 && !mount_gravity_near(*mg, g)) mount_gravity_reset(mg);
-    const uint32_t window = (rate_hz > 0 ? rate_hz : 1) * static_cast<uint32_t>(kMountGravityWindowMs) / 1000;
+// v in the length test's unit (toward minus infinity: under 1/512 g).
+static Vec3 level_unit(const Vec3 &v) {
+    return Vec3{v.x >> kMountLevelShift, v.y >> kMountLevelShift, v.z >> kMountLevelShift};
+}
+
+namespace {
+
+// smooth against the mean in the length test's unit, from one set of products: the
+// squares ss and mm, c = s.m and x = |s x m|^2 = ss mm - c^2. Lengths of 2 g and more
+// (a square from 2^20) are no still phone's gravity: below them c^2, x and ss mm stay
+// below 2^40.
+struct AgainstMean {
+    int64_t ss, mm, c, x;
+    bool valid;
+};
+
+AgainstMean against_mean(const MountGravity &mg, const Vec3 &smooth) {
+    const Vec3 s = level_unit(smooth), m = level_unit(mount_gravity_mean(mg));
+    AgainstMean a{dot(s, s), dot(m, m), dot(s, m), 0, false};
+    a.valid = mg.n > 0 && a.ss < kLevelLimit && a.mm < kLevelLimit;
+    if (a.valid) a.x = a.ss * a.mm - a.c * a.c;
+    return a;
+}
+
+// Within cdeg (below 90 degrees): c > 0 and x <= sin^2 ss mm, the sine in Q10 (each
+// side below 2^60).
+bool within(const AgainstMean &a, int32_t cdeg) {
+    const int64_t sine = (sin_q14(cdeg) + 8) >> 4;
+    return a.c > 0 && a.x * (int64_t{1} << 20) <= sine * sine * (a.ss * a.mm);
+}
+
+// Beyond the road's slopes and shorter than an acceleration across the mean would make
+// it: tan^2 t = x / c^2, so 2 c^2 (ss - level) < level x (below 2^61).
+bool tilted(const MountGravity &mg, const AgainstMean &a) {
+    if (!a.valid || mg.level_sq <= 0 || a.c <= 0 || within(a, KMXC_SERVICE_MOUNT_TILT_CDEG)) return false;
+    return 2 * a.c * a.c * (a.ss - mg.level_sq) < mg.level_sq * a.x;
+}
+
+}  // namespace
+
+bool mount_tilted(const MountGravity &mg, const Vec3 &smooth) { return tilted(mg, against_mean(mg, smooth)); }
+
+void mount_gravity_track(MountGravity *mg, const Vec3 &g, const Vec3 &smooth, bool steady, uint32_t rate_hz) {
+    const uint32_t rate = rate_hz > 0 ? rate_hz : 1;
+    const AgainstMean a = against_mean(*mg, smooth);
+    mg->tilt_seen = tilted(*mg, a);
+    mg->tilted = steady && mg->tilt_seen ? mg->tilted + 1 : 0;
+    const bool held = mg->tilted >= rate * static_cast<uint32_t>(kMountTiltHoldMs) / 1000;
+    if (steady && mg->n > 0 && (!mount_gravity_near(*mg, g) || held)) {
+        const int32_t level = mg->level_sq;  // the part's, not the mount's
+        mount_gravity_reset(mg);
+        mg->level_sq = level;
+    } else if (steady && a.valid && within(a, KMXC_SERVICE_STEADY_TILT_CDEG)) {
+        // The first still sample sets it; then each takes its share (toward minus infinity).
+        const int32_t v = static_cast<int32_t>(a.ss);
+        mg->level_sq = mg->level_sq == 0 ? v : mg->level_sq + ((v - mg->level_sq) >> kMountLevelWeightShift);
+    }
+    const uint32_t window = rate * static_cast<uint32_t>(kMountGravityWindowMs) / 1000;
     if (mg->n < window) ++mg->n;
     // The window's mean, expanding until it is full, then each sample's share 1/window;
     // the division truncates toward zero, below 1/256 count. 32-bit throughout: a

@@ -7,7 +7,17 @@
 // seen turning in its mount (the planar estimate in use and the sample on its circle's
 // plane) and the measured gravity lies near the window's mean, the attitude takes the
 // mean. A steady tilt far from the mean (the phone taken out, or put into another
-// mount) starts the mean afresh. Integer arithmetic only.
+// mount) starts the mean afresh, and so does a steady tilt beyond the road's slopes that
+// keeps gravity's length: the phone was tilted, not accelerated (below). Integer
+// arithmetic only.
+//
+// Tilted or accelerated: an acceleration a across gravity adds to what the accelerometer
+// reads, so a reading at an angle t from the mean is 1/cos t long (|g|^2 grows by
+// tan^2 t: 3 % at 10 degrees, 10 % at 17); a tilt by t leaves its length. A hand that
+// puts the phone down on a table, or a reader who holds it at a new angle, tilts it for
+// good; taking the mean for them turns the heading by up to t tan(dip). The length is
+// judged against the level: |g|^2 of the phone held still at the mean (the part's own
+// scale, kept across the mean's restarts), halfway between the two.
 #ifndef KMXC_SERVICE_KIT_MOUNT_H
 #define KMXC_SERVICE_KIT_MOUNT_H
 
@@ -30,15 +40,34 @@ constexpr int32_t kMountGravityNearCdeg = 2500;
 // show. A phone taken out of the mount leaves the plane at once.
 constexpr int32_t kMountOnCircleFactor = 2;
 
+// The length test's unit: counts >> kMountLevelShift (512 to 1 g), squares below 2^20.
+constexpr int kMountLevelShift = 3;
+// The level's share of each still sample, 1/2^kMountLevelWeightShift: a few samples.
+constexpr int kMountLevelWeightShift = 4;
+// A tilt restarts the mean once held this long (milliseconds, steady throughout): a
+// vehicle's vibration leaves about a percent of noise on gravity's length, and an
+// acceleration near KMXC_SERVICE_MOUNT_TILT_CDEG is only 1.5 % longer than a tilt.
+constexpr int32_t kMountTiltHoldMs = 3000;
+
 struct MountGravity {
     int32_t mean_q8[3];  // mean gravity, 1/256 count (an accelerometer's 2^14: within 2^22)
     uint32_t n;          // samples in the mean, at most the window's (0: none yet)
+    int32_t level_sq;    // |g|^2 held still at the mean, (2^kMountLevelShift counts)^2 (0: none)
+    uint32_t tilted;     // successive steady samples found tilted (mount_tilted)
+    bool tilt_seen;      // the last sample's smooth gravity was tilted, steady or not
 };
 
 void mount_gravity_reset(MountGravity *mg);
-// Takes one measured gravity g at the session's rate; steady: the kit's verdict that g
-// holds still (kit_rules.cpp). A steady g beyond kMountGravityNearCdeg starts afresh.
-void mount_gravity_track(MountGravity *mg, const Vec3 &g, bool steady, uint32_t rate_hz);
+// Takes one measured gravity g at the session's rate; smooth: gravity's running mean
+// (counts; vibration averaged out); steady: the kit's verdict that g holds still near it
+// (kit_rules.cpp). Steady, g beyond kMountGravityNearCdeg, or smooth tilted
+// (mount_tilted) for kMountTiltHoldMs, starts the mean afresh; steady within KMXC_SERVICE_STEADY_TILT_CDEG of
+// the mean, smooth's length joins the level.
+void mount_gravity_track(MountGravity *mg, const Vec3 &g, const Vec3 &smooth, bool steady, uint32_t rate_hz);
+// smooth lies beyond KMXC_SERVICE_MOUNT_TILT_CDEG of the mean and is shorter than an
+// acceleration across the mean would make it: |s|^2 below level (1 + tan^2 t / 2), t its
+// angle from the mean. False without a mean or a level.
+bool mount_tilted(const MountGravity &mg, const Vec3 &smooth);
 // g within kMountGravityNearCdeg of the mean (false without a mean).
 bool mount_gravity_near(const MountGravity &mg, const Vec3 &g);
 // g within KMXC_SERVICE_MOUNT_TILT_CDEG of the mean: what a road's slopes explain (true

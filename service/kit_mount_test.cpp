@@ -50,6 +50,7 @@ TEST(MountGravity, ADrivesAccelerationsAverageOutOfTheMean) {
     const Vec3 mount = counts(kG * down[0], kG * down[1], kG * down[2]);
     MountGravity mg;
     mount_gravity_reset(&mg);
+    double smooth[3] = {kG * down[0], kG * down[1], kG * down[2]};  // the kit's half-second mean
     double worst_mean = 0, worst_measured = 0, sq_mean = 0, sq_measured = 0;
     int n = 0;
     int t = 0;
@@ -65,8 +66,10 @@ TEST(MountGravity, ADrivesAccelerationsAverageOutOfTheMean) {
                 counts(kG * down[0] + k * axis[0] + vibration(rng), kG * down[1] + k * axis[1] + vibration(rng),
                        kG * down[2] + k * axis[2] + vibration(rng));
             // The kit's steadiness: within 3 degrees of the last half second; a steady
-            // turn's 0.3 g counts as steady too (|g| 1.044), the hardest case.
-            mount_gravity_track(&mg, g, i >= 5, 10);
+            // turn's 0.3 g counts as steady too (|g| 1.044), the hardest case: only its
+            // length tells it from a tilt.
+            for (int k = 0; k < 3; ++k) smooth[k] += ((&g.x)[k] - smooth[k]) / 5;
+            mount_gravity_track(&mg, g, counts(smooth[0], smooth[1], smooth[2]), i >= 5, 10);
             if (t >= 400) {
                 worst_mean = std::fmax(worst_mean, angle_deg(mount_gravity_mean(mg), mount));
                 worst_measured = std::fmax(worst_measured, angle_deg(g, mount));
@@ -91,7 +94,7 @@ TEST(MountGravity, TheMeansWindowExpandsThenWeighsEachSampleAsItsShare) {
     EXPECT_FALSE(mount_gravity_near(mg, tilted(0))) << "no mean yet";
     const int window = 10 * kMountGravityWindowMs / 1000;  // at 10 Hz
     // A constant gravity comes back exactly, however long the run.
-    for (int i = 0; i < window + 50; ++i) mount_gravity_track(&mg, Vec3{100, -4000, 700}, true, 10);
+    for (int i = 0; i < window + 50; ++i) mount_gravity_track(&mg, Vec3{100, -4000, 700}, Vec3{100, -4000, 700}, true, 10);
     EXPECT_EQ(mg.n, static_cast<uint32_t>(window));
     const Vec3 m = mount_gravity_mean(mg);
     EXPECT_EQ(m.x, 100);
@@ -99,41 +102,92 @@ TEST(MountGravity, TheMeansWindowExpandsThenWeighsEachSampleAsItsShare) {
     EXPECT_EQ(m.z, 700);
     // A full window: one sample 400 counts away (within the angle, unsteady) moves the
     // mean by 400 / window.
-    mount_gravity_track(&mg, Vec3{500, -4000, 700}, false, 10);
+    mount_gravity_track(&mg, Vec3{500, -4000, 700}, Vec3{500, -4000, 700}, false, 10);
     EXPECT_EQ(mg.mean_q8[0], (100 << 8) + (400 << 8) / window);
     // Expanding: the second sample of a fresh mean weighs a half.
     mount_gravity_reset(&mg);
-    mount_gravity_track(&mg, Vec3{0, -4096, 0}, true, 50);
-    mount_gravity_track(&mg, Vec3{200, -4096, 0}, true, 50);
+    mount_gravity_track(&mg, Vec3{0, -4096, 0}, Vec3{0, -4096, 0}, true, 50);
+    mount_gravity_track(&mg, Vec3{200, -4096, 0}, Vec3{200, -4096, 0}, true, 50);
     EXPECT_EQ(mount_gravity_mean(mg).x, 100);
 }
 
-TEST(MountGravity, TheAngleFromTheMeanDecidesAtItsLimit) {
-    const double limit = kMountGravityNearCdeg / 100.0;
+// Each case's gravity is held for the tilt's hold (at 10 Hz) on a full window.
+TEST(MountGravity, TheAngleFromTheMeanAndTheLengthDecideAtTheirLimits) {
+    const double limit = kMountGravityNearCdeg / 100.0, tilt = KMXC_SERVICE_MOUNT_TILT_CDEG / 100.0;
+    // The length of gravity an acceleration across the mean gives at t degrees, and the
+    // halfway length that parts it from a tilt's.
+    auto accelerated = [](double deg) { return kG / std::cos(deg * kPi / 180); };
+    auto halfway = [](double deg) { return kG * std::sqrt(1 + std::pow(std::tan(deg * kPi / 180), 2) / 2); };
+    enum Outcome { kKept, kAfresh, kTilted };  // joins the mean; restarts it at once; after the hold
     const struct {
         const char *name;
         double deg;   // the new gravity's angle from the mean
+        double g;     // its length (the level is 1 g)
         bool steady;  // the kit's verdict on it
         bool near;    // near the mean before it is taken
-        bool afresh;  // the mean starts again from it
+        Outcome outcome;
     } cases[] = {
-        {"inside the limit, steady: taken into the mean", limit - 0.3, true, true, false},
-        {"beyond the limit, steady: the phone has moved, afresh", limit + 0.3, true, false, true},
-        {"beyond the limit, unsteady (an acceleration): kept", limit + 0.3, false, false, false},
-        {"reversed, steady: afresh", 180, true, false, true},
-        {"a quarter turn, steady: afresh", 90, true, false, true},
+        {"beyond the limit, steady: the phone has moved, afresh", limit + 0.3, kG, true, false, kAfresh},
+        {"beyond the limit, unsteady (an acceleration): kept", limit + 0.3, kG, false, false, kKept},
+        {"reversed, steady: afresh", 180, kG, true, false, kAfresh},
+        {"a quarter turn, steady: afresh", 90, kG, true, false, kAfresh},
+        {"within the slopes, steady, the level's length: kept", tilt - 0.5, kG, true, true, kKept},
+        // (the hold's samples draw the mean 0.7 degrees toward them first)
+        {"beyond the slopes, steady, the level's length: tilted", tilt + 1, kG, true, true, kTilted},
+        {"beyond the slopes, unsteady, the level's length: kept", tilt + 1, kG, false, true, kKept},
+        {"20 degrees, steady, as long as an acceleration makes it: kept", 20, accelerated(20), true, true, kKept},
+        {"20 degrees, steady, 1 % shorter than halfway: tilted", 20, 0.99 * halfway(20), true, true, kTilted},
+        {"20 degrees, steady, 1 % longer than halfway: kept", 20, 1.01 * halfway(20), true, true, kKept},
+        {"inside the limit, steady, an acceleration's length: kept", limit - 0.5, accelerated(limit - 0.5), true,
+         true, kKept},
+        {"inside the limit, steady, 1 % shorter than the level: tilted", limit - 0.5, 0.99 * kG, true, true,
+         kTilted},
     };
+    const int32_t one_g = (4096 >> kMountLevelShift) * (4096 >> kMountLevelShift);
+    const uint32_t window = 10 * kMountGravityWindowMs / 1000, hold = 10 * kMountTiltHoldMs / 1000;
     for (const auto &c : cases) {
         MountGravity mg;
         mount_gravity_reset(&mg);
-        for (int i = 0; i < 100; ++i) mount_gravity_track(&mg, tilted(0), true, 10);
-        const Vec3 g = tilted(c.deg);
+        for (uint32_t i = 0; i < window; ++i) mount_gravity_track(&mg, tilted(0), tilted(0), true, 10);
+        ASSERT_EQ(mg.level_sq, one_g);
+        const Vec3 g = tilted(c.deg, c.g);
         EXPECT_EQ(mount_gravity_near(mg, g), c.near) << c.name;
         EXPECT_EQ(mount_gravity_near(mg, tilted(c.deg, 2 * kG)), c.near) << c.name << ": at 2 g";
-        mount_gravity_track(&mg, g, c.steady, 10);
-        EXPECT_EQ(mg.n, c.afresh ? 1u : 101u) << c.name;
-        if (c.afresh) { EXPECT_EQ(angle_deg(mount_gravity_mean(mg), g), 0.0) << c.name; }
+        for (uint32_t i = 0; i + 1 < hold; ++i) mount_gravity_track(&mg, g, g, c.steady, 10);
+        EXPECT_EQ(mg.n, c.outcome == kAfresh ? hold - 1 : window) << c.name << ": before the hold";
+        mount_gravity_track(&mg, g, g, c.steady, 10);
+        EXPECT_EQ(mg.n, c.outcome == kKept ? window : c.outcome == kAfresh ? hold : 1u) << c.name;
+        // The level is the part's: kept across a restart (a restarted mean then measures it).
+        if (c.outcome != kAfresh) { EXPECT_EQ(mg.level_sq, one_g) << c.name << ": the part's"; }
+        if (c.outcome != kKept) { EXPECT_LT(angle_deg(mount_gravity_mean(mg), g), 0.01) << c.name; }
     }
+}
+
+// The level: the first still sample near the mean sets it, each later one takes its
+// share; tilted, accelerated or unsteady samples leave it, and no gravity of 2 g or more
+// (nor a mean of one) is judged by it.
+TEST(MountGravity, TheLevelIsGravitysLengthHeldStillAtTheMean) {
+    MountGravity mg;
+    mount_gravity_reset(&mg);
+    const int32_t one_g = (4096 >> kMountLevelShift) * (4096 >> kMountLevelShift);
+    mount_gravity_track(&mg, tilted(0), tilted(0), true, 10);
+    EXPECT_EQ(mg.level_sq, 0) << "no mean before the first sample";
+    mount_gravity_track(&mg, tilted(0), tilted(0), true, 10);
+    EXPECT_EQ(mg.level_sq, one_g);
+    mount_gravity_track(&mg, tilted(0, 1.05 * kG), tilted(0, 1.05 * kG), false, 10);
+    EXPECT_EQ(mg.level_sq, one_g) << "unsteady";
+    mount_gravity_track(&mg, tilted(5), tilted(5), true, 10);
+    EXPECT_EQ(mg.level_sq, one_g) << "beyond the steady tilt of the mean";
+    const Vec3 longer = tilted(0, 1.05 * kG);
+    mount_gravity_track(&mg, longer, longer, true, 10);
+    const Vec3 l{longer.x >> kMountLevelShift, longer.y >> kMountLevelShift, longer.z >> kMountLevelShift};
+    const int32_t sq = l.x * l.x + l.y * l.y + l.z * l.z;
+    EXPECT_EQ(mg.level_sq, one_g + ((sq - one_g) >> kMountLevelWeightShift)) << "a sixteenth of the way";
+    EXPECT_FALSE(mount_tilted(mg, tilted(30, 2 * kG))) << "2 g is no gravity";
+    EXPECT_TRUE(mount_tilted(mg, tilted(30, kG)));
+    MountGravity none = mg;
+    none.level_sq = 0;
+    EXPECT_FALSE(mount_tilted(none, tilted(30, kG))) << "no level";
 }
 
 // A measured gravity within the road's slopes of the mean keeps the attitude's accuracy;
@@ -156,7 +210,7 @@ TEST(MountGravity, TheTiltLimitDecidesAtItsAngle) {
         MountGravity mg;
         mount_gravity_reset(&mg);
         EXPECT_TRUE(mount_tilt_within(mg, tilted(c.deg, c.g))) << c.name << ": no mean yet";
-        for (int i = 0; i < 100; ++i) mount_gravity_track(&mg, tilted(0), true, 10);
+        for (int i = 0; i < 100; ++i) mount_gravity_track(&mg, tilted(0), tilted(0), true, 10);
         EXPECT_EQ(mount_tilt_within(mg, tilted(c.deg, c.g)), c.within) << c.name;
     }
 }

@@ -205,9 +205,10 @@ void judge_field(const Vec3 &m, const Vec3 &g, const KmxAxesData &offset, int64_
 
 // 4d. The gravity the attitude takes: the mount's mean while the phone turns in its
 // mount (the planar estimate in use, the sample c, as the library sees it, on the
-// circle's plane) and the measured g lies near that mean (kit_mount.h); else g. In a
-// mount with another estimate in use (the store's samples on a circle about the
-// vertical), g beyond what a road's slopes explain flags the attitude as tilted.
+// circle's plane) and the measured g lies near that mean (kit_mount.h) with the length
+// of an acceleration, not of a tilt; else g. In a mount, g beyond what a road's slopes
+// explain flags the attitude as tilted (a tilt not yet held, an acceleration with
+// another estimate in use: the store's samples on a circle about the vertical).
 Vec3 attitude_gravity(const Vec3 &c, const Vec3 &g, KmxcServiceEvent *e) {
     const MountGravity &mg = g_state.mount_gravity;
     const Planar &p = g_state.planar;
@@ -215,6 +216,7 @@ Vec3 attitude_gravity(const Vec3 &c, const Vec3 &g, KmxcServiceEvent *e) {
     if (!(planar || p.mounted) || !on_mount_circle(p.circle, c)) return g;
     if (planar && mount_gravity_near(mg, g)) {
         e->flags |= KMXC_SERVICE_MOUNT_GRAVITY;
+        if (mg.tilt_seen) e->flags |= KMXC_SERVICE_MOUNT_TILT;
         return mount_gravity_mean(mg);
     }
     if (!mount_tilt_within(mg, g)) e->flags |= KMXC_SERVICE_MOUNT_TILT;
@@ -323,7 +325,9 @@ int32_t kmxc_service_cycle(int64_t now, KmxcServiceEvent *e) {
         mag = KmxAxesData{c.x, c.y, c.z};
         e->mag_counts[0] = c.x, e->mag_counts[1] = c.y, e->mag_counts[2] = c.z;
         track_tilt(g);
-        mount_gravity_track(&g_state.mount_gravity, g, g_state.tilt_steady, g_state.rate_hz);
+        const Vec3 &q4 = g_state.gravity_mean_q4;
+        mount_gravity_track(&g_state.mount_gravity, g, Vec3{q4.x >> 4, q4.y >> 4, q4.z >> 4}, g_state.tilt_steady,
+                            g_state.rate_hz);
         feed_calibration(&mag, m, g, e);
         KmxAxesData offset;
         KmxAxesLibGetMsOffset(&offset);

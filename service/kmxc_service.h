@@ -254,7 +254,10 @@ extern "C" {
  * (KMXC_SERVICE_MOUNT_GRAVITY). A road's slopes (up to 5 degrees either way) stay inside;
  * a vehicle's braking or cornering beyond 0.18 g does not, nor a hand that tilts the
  * phone. A sphere fitted in a mount at a shallow dip determines the heading, but 0.3 g
- * of cornering tilts the attitude by 17 degrees. */
+ * of cornering tilts the attitude by 17 degrees. Beyond it, a gravity of its own length
+ * (not lengthened as an acceleration lengthens it) is a tilt: the planar attitude is
+ * flagged too while the mean still has it, and a tilt held steady starts the mean
+ * afresh (the phone put down, a mount knocked to a new angle; service/kit_mount.h). */
 #define KMXC_SERVICE_MOUNT_TILT_CDEG 1000
 /* Entering a vehicle (a car, a bike, a train): the angle between field and gravity held
  * at least KMXC_SERVICE_VEHICLE_ANGLE_CDEG from what it was when the field (offset
@@ -405,7 +408,8 @@ extern "C" {
 #define KMXC_SERVICE_MOUNT_TILT                                    \
     0x4000 /* in a mount, the measured gravity beyond              \
               KMXC_SERVICE_MOUNT_TILT_CDEG of the mount's mean: an \
-              acceleration (or a hand) tilts the attitude; at most low */
+              acceleration (or a hand) tilts the attitude, or a    \
+              tilt not yet held leaves the mean wrong; at most low */
 #define KMXC_SERVICE_HEADING_Z_AXIS                                \
     0x8000 /* heading_deg is the heading of the -z axis (the back; \
               +z when the y axis points down), not of the y axis   \

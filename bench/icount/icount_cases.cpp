@@ -217,7 +217,7 @@ __attribute__((noinline)) void icount_case_kit_planar_judge(void) {
 // near the mean, and within the road's slopes of it: at most all three).
 __attribute__((noinline)) void icount_case_kit_mount(void) {
     const Vec3 g{40, -20, 4090};
-    mount_gravity_track(&g_state.mount_gravity, g, true, 10);
+    mount_gravity_track(&g_state.mount_gravity, g, g, true, 10);
     const Vec3 m = stored_field(g_ring, 0);
     g_estimator_seen[5] = static_cast<uint8_t>(on_mount_circle(g_state.planar.circle, m) +
                                                2 * mount_gravity_near(g_state.mount_gravity, g) +
@@ -279,7 +279,7 @@ void measure_mount(Seen *seen) {
     KmxAxesLibSetMsOffset(&off);
     measure(icount_case_kit_planar_fit);
     measure(icount_case_kit_planar_judge);
-    for (int i = 0; i < 400; ++i) mount_gravity_track(&g_state.mount_gravity, Vec3{40, -20, 4090}, true, 10);
+    for (int i = 0; i < 400; ++i) mount_gravity_track(&g_state.mount_gravity, Vec3{40, -20, 4090}, Vec3{40, -20, 4090}, true, 10);
     measure(icount_case_kit_mount);
     g_state.vehicle = braking_watch();
     measure(icount_case_kit_motion);
