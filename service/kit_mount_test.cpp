@@ -94,7 +94,8 @@ TEST(MountGravity, TheMeansWindowExpandsThenWeighsEachSampleAsItsShare) {
     EXPECT_FALSE(mount_gravity_near(mg, tilted(0))) << "no mean yet";
     const int window = 10 * kMountGravityWindowMs / 1000;  // at 10 Hz
     // A constant gravity comes back exactly, however long the run.
-    for (int i = 0; i < window + 50; ++i) mount_gravity_track(&mg, Vec3{100, -4000, 700}, Vec3{100, -4000, 700}, true, 10);
+    for (int i = 0; i < window + 50; ++i)
+        mount_gravity_track(&mg, Vec3{100, -4000, 700}, Vec3{100, -4000, 700}, true, 10);
     EXPECT_EQ(mg.n, static_cast<uint32_t>(window));
     const Vec3 m = mount_gravity_mean(mg);
     EXPECT_EQ(m.x, 100);
@@ -138,10 +139,9 @@ TEST(MountGravity, TheAngleFromTheMeanAndTheLengthDecideAtTheirLimits) {
         {"20 degrees, steady, as long as an acceleration makes it: kept", 20, accelerated(20), true, true, kKept},
         {"20 degrees, steady, 1 % shorter than halfway: tilted", 20, 0.99 * halfway(20), true, true, kTilted},
         {"20 degrees, steady, 1 % longer than halfway: kept", 20, 1.01 * halfway(20), true, true, kKept},
-        {"inside the limit, steady, an acceleration's length: kept", limit - 0.5, accelerated(limit - 0.5), true,
-         true, kKept},
-        {"inside the limit, steady, 1 % shorter than the level: tilted", limit - 0.5, 0.99 * kG, true, true,
-         kTilted},
+        {"inside the limit, steady, an acceleration's length: kept", limit - 0.5, accelerated(limit - 0.5), true, true,
+         kKept},
+        {"inside the limit, steady, 1 % shorter than the level: tilted", limit - 0.5, 0.99 * kG, true, true, kTilted},
     };
     const int32_t one_g = (4096 >> kMountLevelShift) * (4096 >> kMountLevelShift);
     const uint32_t window = 10 * kMountGravityWindowMs / 1000, hold = 10 * kMountTiltHoldMs / 1000;

@@ -279,7 +279,8 @@ void measure_mount(Seen *seen) {
     KmxAxesLibSetMsOffset(&off);
     measure(icount_case_kit_planar_fit);
     measure(icount_case_kit_planar_judge);
-    for (int i = 0; i < 400; ++i) mount_gravity_track(&g_state.mount_gravity, Vec3{40, -20, 4090}, Vec3{40, -20, 4090}, true, 10);
+    for (int i = 0; i < 400; ++i)
+        mount_gravity_track(&g_state.mount_gravity, Vec3{40, -20, 4090}, Vec3{40, -20, 4090}, true, 10);
     measure(icount_case_kit_mount);
     g_state.vehicle = braking_watch();
     measure(icount_case_kit_motion);
