@@ -298,7 +298,7 @@ def main():
     seeds = list(range(int(lo), int(hi or lo) + 1))
     rates = [int(r) for r in a.rates.split(",")]
     softs = ["none"] + ([k for k in SOFT_IRON if k != "none"] if a.soft_iron == "all" else
-                        [] if a.soft_iron == "none" else a.soft_iron.split(","))
+                        [k for k in a.soft_iron.split(",") if k != "none"])
     work = a.work or tempfile.mkdtemp(prefix="kmxc-goals-")
     os.makedirs(work, exist_ok=True)
     for name, path in [("--binary", a.binary)] + ([("--base", a.base)] if a.base else []):

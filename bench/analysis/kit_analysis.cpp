@@ -16,6 +16,8 @@
 //   kit_analysis trace SCENARIO RATE SEED XX,YY,ZZ,XY,XZ,YZ
 //       The same run, one line per cycle: accuracy, estimator, flags, the heading error
 //       and the one the kit's covariance predicts, the offset error, the store.
+//   Both take the world after the soft iron: field=UT, noise=UT, inclination=DEG (or
+//   the inclination alone).
 #include <Eigen/Dense>
 #include <algorithm>
 #include <cmath>
@@ -307,10 +309,11 @@ void print_events(const std::vector<Cycle> &cycles, const std::vector<bool> &ste
         n, n ? std::sqrt(sq / n) : NAN, in_use[0], in_use[1], in_use[2], in_use[3], in_use[4], with_w);
 }
 
-int soft_iron(const char *scenario, int rate, int seed, const char *soft, bool trace, double inclination_deg) {
-    sc::ScenarioSettings settings{.name = scenario};
+int soft_iron(const char *scenario, int rate, int seed, const char *soft, bool trace,
+              const sc::ScenarioSettings &world) {
+    sc::ScenarioSettings settings = world;
+    settings.name = scenario;
     settings.seed = static_cast<uint32_t>(seed);
-    settings.inclination_deg = inclination_deg;
     if (std::sscanf(soft, "%lf,%lf,%lf,%lf,%lf,%lf", &settings.soft_iron[0], &settings.soft_iron[1],
                     &settings.soft_iron[2], &settings.soft_iron[3], &settings.soft_iron[4],
                     &settings.soft_iron[5]) != 6) {
@@ -372,23 +375,35 @@ int soft_iron(const char *scenario, int rate, int seed, const char *soft, bool t
 int main(int argc, char **argv) {
     if (argc == 5 && std::strcmp(argv[1], "determinacy") == 0)
         return determinacy(argv[2], std::atoi(argv[3]), std::atoi(argv[4]));
-    // The field's inclination, degrees, last and optional (the scenarios' 60 otherwise).
-    double inclination = sc::ScenarioSettings{}.inclination_deg;
-    if (argc == 7) {
+    // The world's options after the soft iron: the inclination in degrees (alone, as
+    // before), or field=UT, noise=UT, inclination=DEG (the scenarios' own otherwise).
+    sc::ScenarioSettings world;
+    for (int i = 6; i < argc; ++i) {
+        const char *arg = argv[i], *eq = std::strchr(arg, '=');
+        const std::string key = eq != nullptr ? std::string(arg, eq) : "inclination";
+        const char *text = eq != nullptr ? eq + 1 : arg;
         char *end = nullptr;
-        inclination = std::strtod(argv[6], &end);
-        if (end == argv[6] || *end != '\0' || !(inclination >= -90 && inclination <= 90)) {
-            std::fprintf(stderr, "kit_analysis: inclination '%s': degrees, -90..90\n", argv[6]);
+        const double v = std::strtod(text, &end);
+        const bool number = end != text && *end == '\0';
+        if (number && key == "inclination" && v >= -90 && v <= 90) {
+            world.inclination_deg = v;
+        } else if (number && key == "field" && v >= 25 && v <= 65) {
+            world.field_uT = v;
+        } else if (number && key == "noise" && v >= 0 && v <= 5) {
+            world.noise_uT = v;
+        } else {
+            std::fprintf(stderr, "kit_analysis: '%s': inclination=-90..90, field=25..65 or noise=0..5\n", arg);
             return 2;
         }
     }
-    if ((argc == 6 || argc == 7) && std::strcmp(argv[1], "soft-iron") == 0)
-        return soft_iron(argv[2], std::atoi(argv[3]), std::atoi(argv[4]), argv[5], false, inclination);
-    if ((argc == 6 || argc == 7) && std::strcmp(argv[1], "trace") == 0)
-        return soft_iron(argv[2], std::atoi(argv[3]), std::atoi(argv[4]), argv[5], true, inclination);
+    if (argc >= 6 && std::strcmp(argv[1], "soft-iron") == 0)
+        return soft_iron(argv[2], std::atoi(argv[3]), std::atoi(argv[4]), argv[5], false, world);
+    if (argc >= 6 && std::strcmp(argv[1], "trace") == 0)
+        return soft_iron(argv[2], std::atoi(argv[3]), std::atoi(argv[4]), argv[5], true, world);
     std::fprintf(stderr,
                  "usage: kit_analysis determinacy SCENARIO RATE SEED\n"
-                 "       kit_analysis soft-iron SCENARIO RATE SEED XX,YY,ZZ,XY,XZ,YZ [INCLINATION]\n"
-                 "       kit_analysis trace SCENARIO RATE SEED XX,YY,ZZ,XY,XZ,YZ [INCLINATION]\n");
+                 "       kit_analysis soft-iron SCENARIO RATE SEED XX,YY,ZZ,XY,XZ,YZ [WORLD...]\n"
+                 "       kit_analysis trace SCENARIO RATE SEED XX,YY,ZZ,XY,XZ,YZ [WORLD...]\n"
+                 "  WORLD: INCLINATION, inclination=DEG, field=UT, noise=UT\n");
     return 2;
 }
