@@ -284,11 +284,12 @@ void on_vehicle_entered(KmxcServiceEvent *e) {
 }
 
 bool library_fit_preferred(const KmxAxesData &o, const Vec3 &g) {
-    OffsetCovariance p;
-    if (!ring_covariance(o, KMXC_SERVICE_FEED_HISTORY, 4, &p)) return false;
+    // The recent fed samples, corrected and agreed with the fit once for both questions.
     Vec3 fed[KMXC_SERVICE_FEED_HISTORY];
     fed_corrected(g_state.soft_iron, g_state.fed_count, fed);
-    if (!agrees(agreement_of(fed, o, g_state.fed_count, false))) return false;
+    const Agreement a = agreement_of(fed, o, g_state.fed_count, false);
+    OffsetCovariance p;
+    if (!ring_covariance_of(fed, g_state.fed_count, a, o, 4, &p) || !agrees(a)) return false;
     const int64_t theirs = in_use_variance(offset_in_use(), g, fed);
     if (theirs != INT64_MAX && horizontal_variance(p, g) > theirs) return false;
     est().cov = p;

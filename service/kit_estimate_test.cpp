@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include "service/kit_estimate_test_support.h"
+#include "service/kit_uncertainty.h"
 
 namespace kmxc_kit {
 State g_state;  // the rules' state, here the test's own
@@ -310,6 +311,26 @@ TEST(KitEstimate, ALibraryFitReplacesATrustedOffsetOnlyWhenItsBatchAgrees) {
         const KmxAxesData o{c.fit.x, c.fit.y, c.fit.z};
         EXPECT_EQ(library_fit_preferred(o, kDown), c.preferred) << c.name;
     }
+}
+
+// A library fit's batch (the fed ring) is known as well as its own scatter says: above
+// the expected noise, twice the scatter (the same noise drawn twice as large) is four
+// times the offset's variance (the share of soft iron aside, which the scatter moves
+// little); below it, the expected noise decides.
+TEST(KitEstimate, ALibraryFitsBatchIsKnownAsWellAsItsOwnScatterSays) {
+    const auto trace_at = [](double sd) {
+        set_kit(kOffset);
+        Noise noise;
+        for (const auto &d : directions(KMXC_SERVICE_FEED_HISTORY))
+            remember_fed(sample(d, kOffset, kNoSoftIron, noise, sd), kDown);
+        OffsetCovariance p;
+        EXPECT_TRUE(ring_covariance(KmxAxesData{kOffset.x, kOffset.y, kOffset.z}, KMXC_SERVICE_FEED_HISTORY, 4, &p));
+        return double(p.p_q8[0]) + p.p_q8[3] + p.p_q8[5];
+    };
+    const double noisy = trace_at(4), noisier = trace_at(8);
+    EXPECT_GT(noisier / noisy, 3.0);
+    EXPECT_LT(noisier / noisy, 5.0);
+    EXPECT_GT(noisy, trace_at(0.2) * 4) << "4 counts of scatter against the expected 0.3 uT";
 }
 
 // An ellipsoid's centre may move from the store sphere's by up to a quarter of its

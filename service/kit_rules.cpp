@@ -74,14 +74,18 @@ Agreement agreement_of(const Vec3 *u, const KmxAxesData &o, int n, bool with_dip
         }
     }
     if (n == 0) return a;
-    a.mean = static_cast<int32_t>(sum / n);
+    // Lengths below 2^16, so the sums and the permille below 2^31: 32-bit divisions (a
+    // 64-bit one is a library call of some 340 instructions on the target), and one for
+    // the worst deviation, its permille rising with the deviation.
+    a.mean = static_cast<int32_t>(static_cast<int32_t>(sum) / n);
+    int32_t worst = 0;
     for (int i = 0; i < n; ++i) {
-        const int32_t dev = a.mean > 0 ? static_cast<int32_t>(int64_t{abs32(s[i] - a.mean)} * 1000 / a.mean) : 1000;
-        if (dev > a.worst_permille) a.worst_permille = dev;
+        if (abs32(s[i] - a.mean) > worst) worst = abs32(s[i] - a.mean);
         a.spread += int64_t{s[i] - a.mean} * (s[i] - a.mean);
     }
+    a.worst_permille = a.mean > 0 ? worst * 1000 / a.mean : 1000;
     if (dips > 0) {
-        a.dip = static_cast<int32_t>(dip_sum / dips);
+        a.dip = static_cast<int32_t>(dip_sum) / dips;
         a.dip_valid = true;
     }
     return a;

@@ -185,9 +185,13 @@ bool every_direction_determined(const OffsetCovariance &p) {
 
 bool ring_covariance(const KmxAxesData &o, int n, int unknowns, OffsetCovariance *p) {
     if (n > g_state.fed_count) n = g_state.fed_count;
-    const Agreement a = agreement(g_state.soft_iron, o, n, false);
     Vec3 u[KMXC_SERVICE_FEED_HISTORY];
     fed_corrected(g_state.soft_iron, n, u);
+    return ring_covariance_of(u, n, agreement_of(u, o, n, false), o, unknowns, p);
+}
+
+bool ring_covariance_of(const Vec3 *u, int n, const Agreement &a, const KmxAxesData &o, int unknowns,
+                        OffsetCovariance *p) {
     // One step here, the share included (the samples' noise is the variance: no wander).
     const int64_t var = residual_variance_q8(a.spread << (2 * kQ4), n, unknowns, 0);
     int64_t m[9], k_q8 = 0, share[6];

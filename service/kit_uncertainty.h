@@ -76,6 +76,10 @@ bool every_direction_determined(const OffsetCovariance &p);
 // The covariance of offset o from the last n fed samples (at most those fed), as a fit
 // of `unknowns` would leave it (no wander: they are recent). False when the solve refuses.
 bool ring_covariance(const KmxAxesData &o, int n, int unknowns, OffsetCovariance *p);
+// The same from samples the caller has corrected (u: the last n fed, as
+// fed_corrected gives them) and their agreement with o (agreement_of, no dip).
+bool ring_covariance_of(const Vec3 *u, int n, const Agreement &a, const KmxAxesData &o, int unknowns,
+                        OffsetCovariance *p);
 
 }  // namespace kmxc_kit
 

@@ -72,12 +72,13 @@ FitResult share_of(const Moments &m, int n, int32_t radius, const SoftIronPrior 
     // X's Q8 is shifted out, n K / sd^2 below 2^55.
     const int64_t nk = (int64_t{n} * 4 * radius * radius * prior.noise_q8) >> kQ8;
     if (nk <= 0) return FitResult::kTooFew;
+    const int64_t prior_info = nk * 1000000 / (int64_t{prior.sd_permille} * prior.sd_permille);
     int64_t l[36];
     for (int k = 0; k < 6; ++k) {
         for (int j = k; j < 6; ++j) {
             int64_t f = n * m.sww[k][j] - m.sw[k] * m.sw[j];
             for (int r = 0; r < 3; ++r) f -= mul_shift(g[k][r], x_q8[3 * j + r], kQ8);
-            if (k == j) f += nk * 1000000 / (int64_t{prior.sd_permille} * prior.sd_permille);
+            if (k == j) f += prior_info;
             l[6 * k + j] = l[6 * j + k] = f;
         }
     }
