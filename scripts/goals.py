@@ -7,13 +7,15 @@ scenario, soft iron and rate.
 Usage: scripts/goals.py [--binary B] [--base B0] [--seeds 1-5] [--rates 10,50]
                         [--scenarios default,slow,...] [--soft-iron all|none] [--work DIR]
                         [--inclination DEG] [--accel-offset X,Y,Z] [--field UT] [--noise UT]
+                        [--hard-iron X,Y,Z] [--temp-drift C_PER_MIN]
 
 --inclination runs every scenario in a field of that dip (the demo's default 60): the
 rules must hold from the equator to the poles, in either hemisphere. --accel-offset
 gives the accelerometer a zero-g offset (mg, phone axes; the demo's part has none).
 --field and --noise set the Earth field's strength (25..65 uT) and the magnetometer's
 noise per axis (0..5 uT): the rules are counts of noise and fractions of the field,
-never the demo's numbers.
+never the demo's numbers. --hard-iron and --temp-drift set the phone's own field and
+the chip's temperature change per minute.
 
 --base names a second build (the one before this work); its runs fill the 'before'
 columns, n/a where it lacks the scenario or the option.
@@ -201,7 +203,9 @@ def world_of(a):
     accelerometer's offset, the magnetometer's noise."""
     return (["--inclination", a.inclination] if a.inclination else []) + \
         (["--accel-offset", a.accel_offset] if a.accel_offset else []) + \
-        (["--field", a.field] if a.field else []) + (["--noise", a.noise] if a.noise else [])
+        (["--field", a.field] if a.field else []) + (["--noise", a.noise] if a.noise else []) + \
+        (["--hard-iron", a.hard_iron] if a.hard_iron else []) + \
+        (["--temp-drift", a.temp_drift] if a.temp_drift else [])
 
 
 def car_table(a, seeds, rates, binaries, work):
@@ -283,6 +287,8 @@ def main():
     ap.add_argument("--accel-offset", default="", help="the accelerometer's zero-g offset X,Y,Z, mg (default: none)")
     ap.add_argument("--field", default="", help="the Earth field's strength, 25..65 uT (default: the demo's)")
     ap.add_argument("--noise", default="", help="the magnetometer's noise per axis, 0..5 uT (default: the demo's)")
+    ap.add_argument("--hard-iron", default="", help="the phone's own field X,Y,Z, uT, each -200..200 (default: the demo's)")
+    ap.add_argument("--temp-drift", default="", help="temperature change per minute, -20..20 (default: the demo's)")
     a = ap.parse_args()
     # The world's options are checked here, before any run: a run the demo refuses would
     # only leave its rows empty.
@@ -294,6 +300,10 @@ def main():
         sys.exit(f"goals.py: --field {a.field}: uT, 25..65")
     if a.noise and not in_range([a.noise], 0, 5):
         sys.exit(f"goals.py: --noise {a.noise}: uT, 0..5")
+    if a.hard_iron and not in_range(a.hard_iron.split(","), -200, 200, count=3):
+        sys.exit(f"goals.py: --hard-iron {a.hard_iron}: X,Y,Z in uT, each -200..200")
+    if a.temp_drift and not in_range([a.temp_drift], -20, 20):
+        sys.exit(f"goals.py: --temp-drift {a.temp_drift}: degrees per minute, -20..20")
     lo, _, hi = a.seeds.partition("-")
     seeds = list(range(int(lo), int(hi or lo) + 1))
     rates = [int(r) for r in a.rates.split(",")]
