@@ -125,6 +125,11 @@ int32_t planar_arc_cdeg(const FieldStore &store, const CircleFit &fit) {
     return arc_about(s, store.count, 0, 0);
 }
 
+bool planar_axis_vertical(const CircleFit &fit, const Vec3 &vertical) {
+    if (vertical.x == 0 && vertical.y == 0 && vertical.z == 0) return false;
+    return angle_between_cdeg(vertical, fit.normal_q14) <= kPlanarAxisMeanGravityCdeg;
+}
+
 bool planar_offset_from_reference(const FieldStore &store, const CircleFit &fit, const PlanarReference &ref,
                                   Vec3 *offset, int32_t *arc_cdeg) {
     const int n = store.count;
@@ -307,6 +312,10 @@ void judge_step(KmxcServiceEvent *e) {
     planar_estimate(store, p.circle, with_ref ? &ref : nullptr, Vec3{in_use.x, in_use.y, in_use.z}, &est);
     p.arc_cdeg = est.arc_cdeg;
     if (est.level == KMXC_SERVICE_UNRELIABLE) return;
+    // Without a reference nothing checks the circle's radius: its axis must be the
+    // vertical, the mount's mean gravity (the store's samples joined in turns, each
+    // tilted by the turn's acceleration).
+    if (!with_ref && !planar_axis_vertical(p.circle, mount_gravity_mean(g_state.mount_gravity))) return;
     // The offset in use against the same samples: one that still describes them stays,
     // unless nothing trusts it and the estimate can (a medium one: the hand's offset,
     // demoted on entering a vehicle whose own field is too weak to move it).

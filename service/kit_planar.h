@@ -46,6 +46,7 @@
 #include "service/circle_fit.h"
 #include "service/field_store.h"
 #include "service/kit_geometry.h"
+#include "service/kmxc_service.h"
 
 namespace kmxc_kit {
 
@@ -57,6 +58,11 @@ constexpr int kPlanarMinSamples = 8;
 // the phone within 30 degrees of level; a phone turned through other orientations
 // leaves it.
 constexpr int32_t kPlanarAxisGravityCdeg = 4500;
+// ... and, without a reference, the axis within the mount's allowance for slopes and
+// wobble of the phone's mean gravity (centidegrees; turned about the vertical in hand or
+// mount the store's mean gravity lay 0.3 to 5 degrees from it, about a field-near axis
+// 20 to 40).
+constexpr int32_t kPlanarAxisMeanGravityCdeg = KMXC_SERVICE_MOUNT_TILT_CDEG;
 // Gauss-Newton steps of the reference circle's refinement: from the free circle's centre
 // (within a few counts on an arc of a quarter turn) each step squares the relative error.
 constexpr int kPlanarRefineSteps = 4;
@@ -83,6 +89,13 @@ bool planar_circle(const FieldStore &store, const CircleFit &fit);
 // The arc the store's samples cover about the fit's centre, centidegrees: 36000 less the
 // widest gap between angular neighbours; 0 with fewer than two samples.
 int32_t planar_arc_cdeg(const FieldStore &store, const CircleFit &fit);
+// A circle turned about the vertical has its axis along the phone's mean gravity (a
+// hand's tilts and a vehicle's accelerations average out over the mount's window, a
+// road's slopes nearly so); a hand turning the phone about another axis, one near the
+// field, traces a smaller circle whose centre says nothing of the offset. Without a
+// reference nothing checks the radius: the axis must lie within
+// kPlanarAxisMeanGravityCdeg of vertical (any scale; none, or a zero vector, fails).
+bool planar_axis_vertical(const CircleFit &fit, const Vec3 &vertical);
 
 // The offset on the reference circle (see above), counts, and the arc the samples cover
 // about its centre (arc_cdeg may be null). False when the reference's circle does not

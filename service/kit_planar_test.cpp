@@ -296,6 +296,36 @@ TEST(PlanarRules, ACircleIsFlatAndTurnedAboutGravity) {
     }
 }
 
+// Without a reference the circle's axis must be the vertical: the phone's mean gravity
+// (any scale) within the mount's allowance of it; no mean, no vertical.
+TEST(PlanarRules, AnUnreferencedCirclesAxisIsTheMeanGravitysWithinItsAllowance) {
+    const Vector3d n = Vector3d(0.2, -0.9, 0.3).normalized(), side = n.unitOrthogonal();
+    const double limit = kPlanarAxisMeanGravityCdeg / 100.0;
+    CircleFit fit{};
+    fit.normal_q14 =
+        Vec3{static_cast<int32_t>(std::lround(16384 * n[0])), static_cast<int32_t>(std::lround(16384 * n[1])),
+             static_cast<int32_t>(std::lround(16384 * n[2]))};
+    const struct {
+        const char *name;
+        double lean_deg;  // the mean gravity from the axis
+        double scale;     // its length, g
+        bool vertical;
+    } cases[] = {
+        {"along the axis", 0, 1, true},
+        {"just inside the allowance", limit - 0.2, 1, true},
+        {"just beyond it", limit + 0.2, 1, false},
+        {"just inside, a mean of 40 samples' sum", limit - 0.2, 40, true},
+        {"upside down", 180, 1, false},
+        {"no mean", 0, 0, false},
+    };
+    for (const auto &c : cases) {
+        const Vector3d g = 4096.0 * c.scale * (Eigen::AngleAxisd(c.lean_deg * kPi / 180, side) * n);
+        const Vec3 v{static_cast<int32_t>(std::lround(g[0])), static_cast<int32_t>(std::lround(g[1])),
+                     static_cast<int32_t>(std::lround(g[2]))};
+        EXPECT_EQ(planar_axis_vertical(fit, v), c.vertical) << c.name;
+    }
+}
+
 TEST(PlanarRules, AReferenceCircleThatNoSampleCanLieOnIsRefused) {
     const FieldStore s = clean(200, 30);
     CircleFit fit;

@@ -17,7 +17,7 @@
 //       The same run, one line per cycle: accuracy, estimator, flags, the heading error
 //       and the one the kit's covariance predicts, the offset error, the store.
 //   Both take the world after the soft iron: field=UT, noise=UT, inclination=DEG (or
-//   the inclination alone).
+//   the inclination alone), hard=X,Y,Z (the phone's own field, uT).
 #include <Eigen/Dense>
 #include <algorithm>
 #include <cmath>
@@ -391,8 +391,11 @@ int main(int argc, char **argv) {
             world.field_uT = v;
         } else if (number && key == "noise" && v >= 0 && v <= 5) {
             world.noise_uT = v;
+        } else if (key == "hard" && std::sscanf(text, "%lf,%lf,%lf", &world.hard_iron_uT[0], &world.hard_iron_uT[1],
+                                                &world.hard_iron_uT[2]) == 3) {
         } else {
-            std::fprintf(stderr, "kit_analysis: '%s': inclination=-90..90, field=25..65 or noise=0..5\n", arg);
+            std::fprintf(stderr, "kit_analysis: '%s': inclination=-90..90, field=25..65, noise=0..5 or hard=X,Y,Z\n",
+                         arg);
             return 2;
         }
     }
@@ -404,6 +407,6 @@ int main(int argc, char **argv) {
                  "usage: kit_analysis determinacy SCENARIO RATE SEED\n"
                  "       kit_analysis soft-iron SCENARIO RATE SEED XX,YY,ZZ,XY,XZ,YZ [WORLD...]\n"
                  "       kit_analysis trace SCENARIO RATE SEED XX,YY,ZZ,XY,XZ,YZ [WORLD...]\n"
-                 "  WORLD: INCLINATION, inclination=DEG, field=UT, noise=UT\n");
+                 "  WORLD: INCLINATION, inclination=DEG, field=UT, noise=UT, hard=X,Y,Z (uT)\n");
     return 2;
 }
