@@ -123,23 +123,25 @@ TEST_F(Kit, APhonePutDownFromReadingIsTiltedNotAcceleratedAndItsAttitudeFollows)
     EXPECT_NE(r.events[10 * (kTurnS + kDownS) - 1].flags & KMXC_SERVICE_MOUNT_GRAVITY, 0) << "the table's mean";
 }
 
-// A knock turns the mount by 13 degrees in its plane on a straight stretch, heading
-// south-south-east, where the tilt turns the heading by about 20 (the planar estimate
-// at medium, its attitude on the mount's mean gravity). The new tilt keeps gravity's
+// A knock tilts the mount by 13 degrees about magnetic north on a straight stretch (the
+// planar estimate at medium, its attitude on the mount's mean gravity): the field then
+// stays on the mount's circle, the tilt only turning it like a turn would, and a pitch
+// toward east turns the heading by about 20 degrees. The new tilt keeps gravity's
 // length: within a second and a half it holds the accuracy at low, and once held the
-// mean starts afresh from it and the heading is right again. (The old mean would leave
-// the heading 20 degrees off at medium for the window's 40 s.)
+// mean starts afresh from it and the heading is right again. (Before, the mean left the
+// heading about 20 degrees off at medium.)
 TEST_F(Kit, AMountKnockedToANewTiltIsNotTakenForAnAcceleration) {
     constexpr double kKnockS = 232, kShownS = 1.5, kHeldS = 5, kUntilS = 258;
     const double a = 13 * std::acos(-1.0) / 180;
-    const Mat3 turn{{{std::cos(a), -std::sin(a), 0}, {std::sin(a), std::cos(a), 0}, {0, 0, 1}}};
+    // The attitude's rows (east, north, up in phone axes) turned about north.
+    const Mat3 turn{{{std::cos(a), 0, -std::sin(a)}, {0, 1, 0}, {std::sin(a), 0, std::cos(a)}}};
     ScenarioSettings s = scenario("car");
     const Trace r = run(s, 10, kUntilS, [&](double t, Truth &truth) {
         if (t < kKnockS) return;
         const Vec3 earth = to_world(truth.attitude, truth.earth_uT), g = to_world(truth.attitude, truth.gravity_g);
         Vec3 noise;
         for (int k = 0; k < 3; ++k) noise[k] = truth.field_uT[k] - truth.earth_uT[k];
-        truth.attitude = multiply(truth.attitude, turn);
+        truth.attitude = multiply(turn, truth.attitude);
         truth.earth_uT = to_phone(truth.attitude, earth);
         for (int k = 0; k < 3; ++k) truth.field_uT[k] = truth.earth_uT[k] + noise[k];
         truth.gravity_g = to_phone(truth.attitude, g);
