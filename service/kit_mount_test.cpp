@@ -163,6 +163,25 @@ TEST(MountGravity, TheAngleFromTheMeanAndTheLengthDecideAtTheirLimits) {
     }
 }
 
+// The hold counts steady tilted samples in a row: unsteady ones (a hand or a vehicle
+// still moving) start it again, so a tilt seen through a shaking second is not held.
+TEST(MountGravity, TheTiltsHoldCountsOnlySteadySamplesInARow) {
+    const uint32_t window = 10 * kMountGravityWindowMs / 1000, hold = 10 * kMountTiltHoldMs / 1000;
+    const double tilt = KMXC_SERVICE_MOUNT_TILT_CDEG / 100.0 + 3;
+    MountGravity mg;
+    mount_gravity_reset(&mg);
+    for (uint32_t i = 0; i < window; ++i) mount_gravity_track(&mg, tilted(0), tilted(0), true, 10);
+    const Vec3 g = tilted(tilt);
+    for (uint32_t i = 0; i + 1 < hold; ++i) mount_gravity_track(&mg, g, g, false, 10);
+    EXPECT_TRUE(mg.tilt_seen) << "seen while unsteady";
+    EXPECT_EQ(mg.tilted, 0u) << "but not counted";
+    mount_gravity_track(&mg, g, g, true, 10);
+    EXPECT_EQ(mg.tilted, 1u);
+    EXPECT_EQ(mg.n, window) << "one steady sample holds nothing";
+    for (uint32_t i = 1; i < hold; ++i) mount_gravity_track(&mg, g, g, true, 10);
+    EXPECT_EQ(mg.n, 1u) << "a hold of steady samples restarts the mean";
+}
+
 // The level: the first still sample near the mean sets it, each later one takes its
 // share; tilted, accelerated or unsteady samples leave it, and no gravity of 2 g or more
 // (nor a mean of one) is judged by it.
