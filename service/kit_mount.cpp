@@ -24,12 +24,12 @@ bool mount_tilt_within(const MountGravity &mg, const Vec3 &g) {
     return mg.n == 0 || angle_between_cdeg(g, mount_gravity_mean(mg)) <= KMXC_SERVICE_MOUNT_TILT_CDEG;
 }
 
+namespace {
+
 // v in the length test's unit (toward minus infinity: under 1/512 g).
-static Vec3 level_unit(const Vec3 &v) {
+Vec3 level_unit(const Vec3 &v) {
     return Vec3{v.x >> kMountLevelShift, v.y >> kMountLevelShift, v.z >> kMountLevelShift};
 }
-
-namespace {
 
 // smooth against the mean in the length test's unit, from one set of products: the
 // squares ss and mm, c = s.m and x = |s x m|^2 = ss mm - c^2. Lengths of 2 g and more

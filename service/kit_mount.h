@@ -61,8 +61,8 @@ void mount_gravity_reset(MountGravity *mg);
 // Takes one measured gravity g at the session's rate; smooth: gravity's running mean
 // (counts; vibration averaged out); steady: the kit's verdict that g holds still near it
 // (kit_rules.cpp). Steady, g beyond kMountGravityNearCdeg, or smooth tilted
-// (mount_tilted) for kMountTiltHoldMs, starts the mean afresh; steady within KMXC_SERVICE_STEADY_TILT_CDEG of
-// the mean, smooth's length joins the level.
+// (mount_tilted) for kMountTiltHoldMs, starts the mean afresh; steady within
+// KMXC_SERVICE_STEADY_TILT_CDEG of the mean, smooth's length joins the level.
 void mount_gravity_track(MountGravity *mg, const Vec3 &g, const Vec3 &smooth, bool steady, uint32_t rate_hz);
 // smooth lies beyond KMXC_SERVICE_MOUNT_TILT_CDEG of the mean and is shorter than an
 // acceleration across the mean would make it: |s|^2 below level (1 + tan^2 t / 2), t its
