@@ -280,7 +280,10 @@ extern "C" {
 /* Planar estimator (a phone turned about one axis: a vehicle mount). The store's samples
  * count as a circle when their RMS distance from the fitted plane is at most
  * 1/KMXC_SERVICE_PLANAR_FLATNESS of its radius: a rotation axis that wobbles by up to 7
- * degrees (road slopes up to 5, a body's roll in a turn, noise) about its mean. */
+ * degrees (road slopes up to 5, a body's roll in a turn, noise) about its mean. Without
+ * a reference (no trusted 3-D calibration yet) nothing checks the circle's radius, and
+ * its axis must also lie within KMXC_SERVICE_MOUNT_TILT_CDEG of the phone's mean gravity:
+ * a hand turning the phone about an axis near the field's traces a circle too. */
 #define KMXC_SERVICE_PLANAR_FLATNESS 8
 /* Least arc of the circle its samples cover (centidegrees, 360 less the widest gap
  * between neighbours about the fitted centre) for a planar offset: over a quarter turn
