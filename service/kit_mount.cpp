@@ -73,9 +73,13 @@ void mount_gravity_track(MountGravity *mg, const Vec3 &g, const Vec3 &smooth, bo
     mg->tilted = steady && mg->tilt_seen ? mg->tilted + 1 : 0;
     const bool held = mg->tilted >= rate * static_cast<uint32_t>(kMountTiltHoldMs) / 1000;
     if (steady && mg->n > 0 && (!mount_gravity_near(*mg, g) || held)) {
-        const int32_t level = mg->level_sq;  // the part's, not the mount's
+        // The part's level stays; so does this cycle's tilt: the library's azimuth hold
+        // lets the heading follow the new attitude one cycle late.
+        const int32_t level = mg->level_sq;
+        const bool seen = mg->tilt_seen;
         mount_gravity_reset(mg);
         mg->level_sq = level;
+        mg->tilt_seen = seen;
     } else if (steady && a.valid && within(a, KMXC_SERVICE_STEADY_TILT_CDEG)) {
         // The first still sample sets it; then each takes its share (toward minus infinity).
         const int32_t v = static_cast<int32_t>(a.ss);
