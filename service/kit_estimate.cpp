@@ -6,8 +6,9 @@
 // Every estimate in use carries its offset's predicted covariance (kit_uncertainty.h),
 // which decides which estimate is used and caps the accuracy at each attitude by the
 // heading's uncertainty. Integer arithmetic only. One fitting step per cycle at most (a
-// sphere fit, its judgement, an ellipsoid fit, or an ellipsoid's judgement), each within
-// the cost the kit allows a cycle.
+// sphere fit, the ellipsoid fit that shows the store's soft iron before the sphere is
+// judged, a step of a share, a judgement, an ellipsoid fit), each within the cost the
+// kit allows a cycle.
 #include "calibration/calibration.h"
 #include "orientation/orientation.h"
 #include "service/kit_angle.h"
@@ -153,6 +154,7 @@ void sphere_step() {
     if (sphere_fit(view, &fit, &prior) != FitResult::kOk) return;
     s.sphere = fit;
     s.sphere_pending = true;
+    s.probe_due = s.store.count >= kEllipsoidMinSamples;
     s.share_steps = 0;
     s.coverage = static_cast<uint8_t>(field_store_coverage(view, fit.offset));
 }
@@ -194,7 +196,7 @@ void judge_sphere(const Vec3 &g, KmxcServiceEvent *e) {
     OffsetCovariance p;
     if (!s.share_valid ||
         !covariance_of(u, n, radius, residual_variance_q8(fit.residual.spread_q8, n, 4, store_wander_sq_q8()),
-                       s.share_q8, &p))
+                       s.share_q8, s.share_prior_permille, &p))
         return;
     if (!every_direction_determined(p)) return;
     const Take t = take(false, fit.offset, ring, p, g, fed);
@@ -215,8 +217,21 @@ void ellipsoid_step() {
     // The raw store. The sphere (fitted through any correction in use) gives the fit its
     // starting centre and the ridge its radius, the same within the correction's percents.
     if (ellipsoid_fit(s.store, s.sphere, &s.ellipsoid) == FitResult::kOk) {
+        s.shown_permille = soft_iron_shown_permille(s.ellipsoid);
+        rescale_share(&s.cov);
         s.ellipsoid_pending = true;
         s.share_steps = 0;
+    }
+}
+
+// Before a sphere is judged, what soft iron the store shows: an ellipsoid fit of it,
+// not itself judged.
+void probe_step() {
+    Estimators &s = est();
+    s.probe_due = false;
+    if (ellipsoid_fit(s.store, s.sphere, &s.ellipsoid) == FitResult::kOk) {
+        s.shown_permille = soft_iron_shown_permille(s.ellipsoid);
+        rescale_share(&s.cov);
     }
 }
 
@@ -237,9 +252,9 @@ void judge_ellipsoid(const Vec3 &g, KmxcServiceEvent *e) {
     OffsetCovariance p;
     // Nine unknowns: the offset, W's five and the strength. What W may still miss is the
     // soft-iron share's.
-    if (!s.share_valid ||
-        !covariance_of(u, n, fit.radius_q4 >> kQ4,
-                       residual_variance_q8(fit.residual.spread_q8, n, 9, store_wander_sq_q8()), s.share_q8, &p))
+    if (!s.share_valid || !covariance_of(u, n, fit.radius_q4 >> kQ4,
+                                         residual_variance_q8(fit.residual.spread_q8, n, 9, store_wander_sq_q8()),
+                                         s.share_q8, s.share_prior_permille, &p))
         return;
     // As for the sphere: a store turned mostly flat leaves its axis to the ridge.
     if (!every_direction_determined(p)) return;
@@ -270,8 +285,9 @@ void store_clear() {
     Estimators &s = est();
     s.joined = 0;
     s.coverage = 0;
-    s.sphere_pending = s.ellipsoid_due = s.ellipsoid_pending = false;
+    s.sphere_pending = s.ellipsoid_due = s.ellipsoid_pending = s.probe_due = false;
     s.temp_known = false;
+    s.shown_permille = 0;
 }
 
 void on_vehicle_entered(KmxcServiceEvent *e) {
@@ -323,7 +339,9 @@ void store_cycle(const Vec3 &m, const Vec3 &g, bool fit_allowed, int64_t now, Km
     }
     if (planar_cycle(fit_allowed, e)) return;  // the mounted phone's estimator (kit_planar.cpp) took the fit
     if (!fit_allowed) return;
-    if ((s.ellipsoid_pending || s.sphere_pending) && s.share_steps < 2) {
+    if (s.sphere_pending && s.probe_due) {
+        probe_step();
+    } else if ((s.ellipsoid_pending || s.sphere_pending) && s.share_steps < 2) {
         share_step();
     } else if (s.ellipsoid_pending) {
         judge_ellipsoid(g, e);

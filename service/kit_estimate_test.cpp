@@ -82,6 +82,7 @@ TEST(KitEstimate, TheStoreIsRefittedOnlyOnceEnoughSamplesHaveJoined) {
         KmxcServiceEvent e{};
         e.mag_result = 1;
         store_cycle(Vec3{0, 0, 0}, kDown, true, 1, &e);  // the fit, when due
+        store_cycle(Vec3{0, 0, 0}, kDown, true, 1, &e);  // the soft iron the store shows
         store_cycle(Vec3{0, 0, 0}, kDown, true, 1, &e);  // its soft-iron share, in two cycles
         store_cycle(Vec3{0, 0, 0}, kDown, true, 1, &e);
         EXPECT_FALSE(e.flags & KMXC_SERVICE_KIT_ESTIMATE) << "judged in a cycle of its own, not the fit's";
@@ -387,4 +388,46 @@ TEST(KitEstimate, ACorrectionIsRefittedOnceTheStoreCoversMoreCellsThanItsFit) {
     g_state.est.ellipsoid_cells = 0;
     step();
     EXPECT_FALSE(g_state.est.ellipsoid_due) << "no correction in use and a sphere's residual: none due";
+}
+
+// The soft iron an ellipsoid fit shows scales the share of unmodelled soft iron every
+// estimate carries: a store of a phone with 10 % soft iron widens its own sphere's
+// prior to what it shows, a round one keeps the default. The same happens to the
+// estimate in use when a later fit shows more.
+TEST(KitEstimate, TheSoftIronAStoreShowsIsThePriorOfItsShare) {
+    const struct {
+        const char *name;
+        const double *soft;
+        int32_t prior_min, prior_max;
+    } cases[] = {
+        {"round: the default prior", kNoSoftIron, KMXC_SERVICE_SOFT_IRON_PRIOR_PERMILLE,
+         KMXC_SERVICE_SOFT_IRON_PRIOR_PERMILLE},
+        {"10 % soft iron: what it shows", kSoftIron, 45, 60},
+    };
+    for (const auto &c : cases) {
+        set_kit(Vec3{0, 0, 0});
+        fill(directions(60, 60), kOffset, c.soft, 0.4);
+        step();
+        ASSERT_TRUE(g_state.est.cov.valid) << c.name;
+        EXPECT_GE(g_state.est.cov.prior_permille, c.prior_min) << c.name;
+        EXPECT_LE(g_state.est.cov.prior_permille, c.prior_max) << c.name;
+        EXPECT_EQ(g_state.est.cov.prior_permille,
+                  std::max(g_state.est.shown_permille, int32_t{KMXC_SERVICE_SOFT_IRON_PRIOR_PERMILLE}))
+            << c.name;
+    }
+    // A later fit shows more: the share in use grows as the prior's square, the rest of
+    // the covariance stays.
+    const OffsetCovariance before = g_state.est.cov;
+    g_state.est.shown_permille = 2 * before.prior_permille;
+    rescale_share(&g_state.est.cov);
+    for (int k = 0; k < 6; ++k) {
+        EXPECT_EQ(g_state.est.cov.share_q8[k], before.share_q8[k] * 4) << k;
+        EXPECT_EQ(g_state.est.cov.p_q8[k] - g_state.est.cov.share_q8[k], before.p_q8[k] - before.share_q8[k]) << k;
+    }
+    EXPECT_EQ(g_state.est.cov.prior_permille, 2 * before.prior_permille);
+    // Showing less never narrows it.
+    const OffsetCovariance wide = g_state.est.cov;
+    g_state.est.shown_permille = 0;
+    rescale_share(&g_state.est.cov);
+    for (int k = 0; k < 6; ++k) EXPECT_EQ(g_state.est.cov.p_q8[k], wide.p_q8[k]) << k;
 }

@@ -75,13 +75,14 @@ inline void fill(const std::vector<std::array<double, 3>> &dirs, const Vec3 &o, 
         remember_fed(sample(dirs[i], o, s, noise, sd), kDown);
 }
 
-// A sphere fit due now: the fit in one cycle, its soft-iron share in the next two, its
-// judgement in the fourth (the event of the judgement's cycle returned).
+// A sphere fit due now: the fit in one cycle, the soft iron the store shows in the next,
+// its soft-iron share in the two after, its judgement in the fifth (the event of the
+// judgement's cycle returned).
 inline KmxcServiceEvent step() {
     KmxcServiceEvent e{};
     e.mag_result = 1;  // a clipped sample: offered nothing
     g_state.est.joined = KMXC_SERVICE_STORE_REFIT_JOINS;
-    for (int cycle = 0; cycle < 4; ++cycle) {
+    for (int cycle = 0; cycle < 5; ++cycle) {
         e = KmxcServiceEvent{};
         e.mag_result = 1;
         store_cycle(Vec3{0, 0, 0}, kDown, true, 1, &e);

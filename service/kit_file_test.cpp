@@ -264,9 +264,9 @@ TEST_F(Kit, TheStopSavesTheLastTrustedOffsetOrSaysItCouldNot) {
         rig_.attach_chips(1, kRigCalibration);
         vphone::write_file(kCfg, "16,16,16,0,0,0,1,2,3");
         ASSERT_EQ(kmxc_service_start(10, nullptr), KMXC_SERVICE_OK);
-        Scenario s(scenario("default"));
+        Scenario s(scenario("slow"));
         KmxcServiceEvent e{}, last_fit{};
-        for (uint64_t us = 0; us < 25000000; us += 100000) {  // the fits of the figure-eight
+        for (uint64_t us = 0; us < 60000000; us += 100000) {  // the fits of a minute's slow turning
             if (vphone::now_us() < us) usleep(static_cast<useconds_t>(us - vphone::now_us()));
             rig_.sense(s.sample(static_cast<double>(us) / 1e6));
             kmxc_service_cycle(us, &e);

@@ -62,6 +62,10 @@ inline SoftIron proposed_correction(const EllipsoidFit &fit) {
 struct OffsetCovariance {
     int32_t p_q8[6];
     bool valid;  // false: nothing predicts the error (no estimate, or an unconfirmed stored offset)
+    // The soft-iron share included in p_q8 and the prior (sd per entry of D, 1/1000) it
+    // was worked out with: a store that later shows more soft iron scales it up.
+    int32_t share_q8[6];
+    int32_t prior_permille;
 };
 
 // The kit's own estimators (kit_estimate.cpp): the diversity store of raw samples, the
@@ -76,6 +80,7 @@ struct Estimators {
     bool sphere_pending;      // `sphere` waits for its judgement
     bool ellipsoid_due;       // the sphere's residual asks for an ellipsoid fit in a coming cycle
     bool ellipsoid_pending;   // `ellipsoid` waits for its judgement
+    bool probe_due;           // the pending sphere waits for an ellipsoid fit's shown soft iron
     uint8_t joined;           // samples joined since the last sphere fit
     uint8_t coverage;         // cells of the store about the offset in use, at the last fit
     uint8_t ellipsoid_cells;  // the store's cells when the correction in use was fitted
@@ -85,6 +90,7 @@ struct Estimators {
     // something.
     uint8_t share_steps;
     bool share_valid;
+    int32_t share_prior_permille;
     int32_t share_x_q8[kShareColumns];
     int32_t share_q8[6];
     bool reference_stale;  // a persisting anomaly cleared the store: only range verdicts count
@@ -93,6 +99,9 @@ struct Estimators {
     // (bounds of the kept ones'), valid when temp_known.
     bool temp_known;
     int16_t temp_low, temp_high;
+    // The soft iron the store's last ellipsoid fit showed: the RMS of its correction's
+    // entries about I, 1/1000 (0 until one is fitted, and again once the store is emptied).
+    int32_t shown_permille;
 };
 
 // The planar estimator's state (kit_planar.cpp): a circle fit of the store waiting for

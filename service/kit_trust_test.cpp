@@ -39,7 +39,7 @@ TEST_F(Kit, SoftIronIsNotTrustedAsAnOffsetBeforeTheSamplesGoRound) {
             medium_off += off > 15;
         }
     }
-    EXPECT_GT(high + medium, 200) << "trusted once the samples go round";
+    EXPECT_GT(high + medium, 150) << "trusted once the samples go round";
     EXPECT_LE(high_off * 10, high) << high_off << " of " << high;
     EXPECT_LE(medium_off * 4, medium) << medium_off << " of " << medium;
 }

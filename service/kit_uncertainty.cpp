@@ -77,7 +77,8 @@ bool offset_information(const Vec3 *u, int n, int32_t radius, int64_t var_q8, in
 }
 
 // P = K a^-1 plus the share (when given), from offset_information's a and K.
-bool covariance_from(const int64_t a[9], int64_t k_q8, const int32_t *share_q8, OffsetCovariance *out) {
+bool covariance_from(const int64_t a[9], int64_t k_q8, const int32_t *share_q8, int32_t prior_permille,
+                     OffsetCovariance *out) {
     out->valid = false;
     constexpr int8_t kFrac[3] = {0, 0, 0};
     const int64_t b[3][3] = {{k_q8, 0, 0}, {0, k_q8, 0}, {0, 0, k_q8}};
@@ -86,8 +87,10 @@ bool covariance_from(const int64_t a[9], int64_t k_q8, const int32_t *share_q8, 
     // The solve's columns are symmetric to its rounding; the upper triangle is kept. The
     // prior bounds every entry by s0^2 (2^19.3 in 1/256).
     int64_t p[6] = {col[0][0], col[1][0], col[2][0], col[1][1], col[2][1], col[2][2]};
+    out->prior_permille = share_q8 != nullptr ? prior_permille : 0;
     for (int k = 0; k < 6; ++k) {
-        if (share_q8 != nullptr) p[k] += share_q8[k];
+        out->share_q8[k] = share_q8 != nullptr ? share_q8[k] : 0;
+        p[k] += out->share_q8[k];
         if (p[k] >= (int64_t{1} << 20) || p[k] <= -(int64_t{1} << 20)) return false;
         out->p_q8[k] = static_cast<int32_t>(p[k]);
     }
@@ -99,8 +102,9 @@ static_assert(kStoreCapacity <= kShareMaxSamples && KMXC_SERVICE_FEED_HISTORY <=
               "the store's and the fed ring's samples within the share's bounds");
 
 SoftIronPrior prior_of(bool corrected, int64_t noise_q8) {
-    return SoftIronPrior{corrected ? KMXC_SERVICE_SOFT_IRON_LEFT_PERMILLE : KMXC_SERVICE_SOFT_IRON_PRIOR_PERMILLE,
-                         noise_q8};
+    const int32_t base = corrected ? KMXC_SERVICE_SOFT_IRON_LEFT_PERMILLE : KMXC_SERVICE_SOFT_IRON_PRIOR_PERMILLE;
+    const int32_t shown = g_state.est.shown_permille;
+    return SoftIronPrior{shown > base ? shown : base, noise_q8};
 }
 
 // P's own bound (covariance_of): a share beyond it determines nothing.
@@ -115,10 +119,35 @@ bool share_within_bound(const int64_t share[6], int32_t share_q8[6]) {
 }  // namespace
 
 bool covariance_of(const Vec3 *u, int n, int32_t radius, int64_t var_q8, const int32_t *share_q8,
-                   OffsetCovariance *out) {
+                   int32_t prior_permille, OffsetCovariance *out) {
     out->valid = false;
     int64_t a[9], k_q8 = 0;
-    return offset_information(u, n, radius, var_q8, a, &k_q8) && covariance_from(a, k_q8, share_q8, out);
+    return offset_information(u, n, radius, var_q8, a, &k_q8) &&
+           covariance_from(a, k_q8, share_q8, prior_permille, out);
+}
+
+void rescale_share(OffsetCovariance *c) {
+    if (!c->valid || c->prior_permille <= 0) return;
+    const int64_t now = prior_of(g_state.soft_iron.in_use, 1).sd_permille, was = c->prior_permille;
+    if (now <= was) return;
+    // The share grows as the prior's square: p + share (now^2 / was^2 - 1). Priors below
+    // 2^10, shares below 2^20: products below 2^40.
+    int64_t p[6], share[6], largest = 0;
+    for (int k = 0; k < 6; ++k) {
+        share[k] = c->share_q8[k] * now * now / (was * was);
+        p[k] = c->p_q8[k] - c->share_q8[k] + share[k];
+        const int64_t m = p[k] < 0 ? -p[k] : p[k];
+        if (m > largest) largest = m;
+    }
+    // Beyond P's bound, the whole matrix scaled into it (still positive): nothing there
+    // is determined anyway.
+    constexpr int64_t kBound = (int64_t{1} << 20) - 1;
+    for (int k = 0; k < 6; ++k) {
+        if (largest > kBound) p[k] = p[k] * kBound / largest, share[k] = share[k] * kBound / largest;
+        c->p_q8[k] = static_cast<int32_t>(p[k]);
+        c->share_q8[k] = static_cast<int32_t>(share[k]);
+    }
+    c->prior_permille = static_cast<int32_t>(now);
 }
 
 void share_step() {
@@ -140,10 +169,23 @@ void share_step() {
         return;
     }
     const SoftIronPrior prior = prior_of(soft.in_use, residual_variance_q8(r.spread_q8, n, unknowns, 0));
+    s.share_prior_permille = prior.sd_permille;
     int64_t share[6];
     s.share_valid = soft_iron_share_from_columns(u, n, centre, radius, prior, s.share_x_q8, share) == FitResult::kOk &&
                     share_within_bound(share, s.share_q8);
     s.share_steps = 2;
+}
+
+int32_t soft_iron_shown_permille(const EllipsoidFit &fit) {
+    // The six entries of D = W - I (Q14): below 2^13 each, their squares' sum below 2^29.
+    int64_t sum = 0;
+    for (int r = 0; r < 3; ++r)
+        for (int c = r; c < 3; ++c) {
+            const int64_t d = fit.w_q14[3 * r + c] - (r == c ? 16384 : 0);
+            sum += d * d;
+        }
+    // sqrt(sum / 6) in 1/1000: sqrt(sum * 10^6 / 6) / 2^14.
+    return static_cast<int32_t>(isqrt64(static_cast<uint64_t>(sum * 1000000 / 6)) >> 14);
 }
 
 void note_temperature(int16_t raw) {
@@ -196,10 +238,10 @@ bool ring_covariance_of(const Vec3 *u, int n, const Agreement &a, const KmxAxesD
     const int64_t var = residual_variance_q8(a.spread << (2 * kQ4), n, unknowns, 0);
     int64_t m[9], k_q8 = 0, share[6];
     int32_t share_q8[6];
+    const SoftIronPrior prior = prior_of(g_state.soft_iron.in_use, var);
     return offset_information(u, n, a.mean, var, m, &k_q8) &&
-           soft_iron_share(u, n, Vec3{o.x, o.y, o.z}, a.mean, prior_of(g_state.soft_iron.in_use, var), m, share) ==
-               FitResult::kOk &&
-           share_within_bound(share, share_q8) && covariance_from(m, k_q8, share_q8, p);
+           soft_iron_share(u, n, Vec3{o.x, o.y, o.z}, a.mean, prior, m, share) == FitResult::kOk &&
+           share_within_bound(share, share_q8) && covariance_from(m, k_q8, share_q8, prior.sd_permille, p);
 }
 
 int8_t heading_accuracy_cap(const Vec3 &v, const Vec3 &g) {

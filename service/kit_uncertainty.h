@@ -44,7 +44,10 @@ constexpr int64_t kPriorVarianceCounts2 = 50 * 50;
 // when the solve refuses.
 // share_q8, when given: the share of unmodelled soft iron (share_step), added to P.
 bool covariance_of(const Vec3 *u, int n, int32_t radius, int64_t var_q8, const int32_t *share_q8,
-                   OffsetCovariance *out);
+                   int32_t prior_permille, OffsetCovariance *out);
+// The store showed more soft iron than c's share was worked out for: its share scaled
+// to the prior that now applies.
+void rescale_share(OffsetCovariance *c);
 // One step of the pending store fit's share of unmodelled soft iron (its own cycle; two
 // between the fit and its judgement): X, then the share (Estimators' share_steps,
 // share_valid, share_q8), of the sphere's samples through the correction in use or the
@@ -55,6 +58,8 @@ bool covariance_of(const Vec3 *u, int n, int32_t radius, int64_t var_q8, const i
 // exceeds P's bound leaves share_valid false: nothing determined, the fit not used.
 void share_step();
 
+// The soft iron an ellipsoid fit shows: the RMS of the six entries of W - I, 1/1000.
+int32_t soft_iron_shown_permille(const EllipsoidFit &fit);
 // A sample with this raw temperature joined the store: its temperature span grows.
 void note_temperature(int16_t raw);
 // The wander's square b^2 over the store's temperature span, 1/256 count^2.

@@ -338,7 +338,12 @@ extern "C" {
  * carry that share, which vanishes as the samples go round the sphere and tell D
  * apart. 2 %: a phone's metal bends its axes by a few percent (at 1.5 %, a fifth to a
  * third of the trusted headings of a phone with 10 % turned slowly were more than 15
- * degrees off). LEFT: what may remain once an ellipsoid's correction is applied. */
+ * degrees off). LEFT: what may remain once an ellipsoid's correction is applied. Where
+ * the store's own ellipsoid fit shows more (the RMS of its correction's entries about
+ * I), that is the prior of every estimate's share, the one in use included: a phone
+ * whose metal is seen to bend its axes by 5 % is not assumed to bend them by 2 % where
+ * the samples cannot yet tell (a fit of 10 % soft iron turned slowly: 10 % of its
+ * trusted headings more than 15 degrees off with 2 %, 4 % with the store's own). */
 #define KMXC_SERVICE_SOFT_IRON_PRIOR_PERMILLE 20
 #define KMXC_SERVICE_SOFT_IRON_LEFT_PERMILLE 15
 /* The ellipsoid is attempted (whatever the store's coverage) when the sphere estimate's

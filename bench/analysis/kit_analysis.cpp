@@ -247,10 +247,11 @@ void print_trace(const sc::Truth &t, const Vector3d &true_offset, const KmxcServ
     const kmxc_kit::Spread spread = kmxc_kit::field_store_spread(est.store);
     std::printf(
         "%6.1f acc %d est %d flags %04x err %6.2f pred %6.2f off %5.2f store %2d cov %2d sph rms %5.2f "
-        "pend %d%d%d W %d fit %d spread %d joined %d sd %.2f..%.2f %s\n",
+        "pend %d%d%d W %d fit %d spread %d joined %d sd %.2f..%.2f shown %d %s\n",
         t.t_s, e.accuracy, e.estimator, e.flags, err, pred, (off - true_offset).norm() * kUtPerCount, est.store.count,
         est.coverage, est.sphere.residual.rms_q4 / 16.0, est.sphere_pending, est.ellipsoid_due, est.ellipsoid_pending,
-        kmxc_kit::g_state.soft_iron.in_use, rc, spread.ratio_min, est.joined, best, worst, t.phase);
+        kmxc_kit::g_state.soft_iron.in_use, rc, spread.ratio_min, est.joined, best, worst,
+        static_cast<int>(est.shown_permille), t.phase);
 }
 
 // Each ellipsoid attempt against the truth: W's error and the centre's for the kit's
