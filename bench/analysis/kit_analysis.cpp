@@ -15,7 +15,8 @@
 //       whole run beside the offset alone's and the events' own.
 //   kit_analysis trace SCENARIO RATE SEED XX,YY,ZZ,XY,XZ,YZ
 //       The same run, one line per cycle: accuracy, estimator, flags, the heading error
-//       and the one the kit's covariance predicts, the offset error, the store.
+//       and the one the kit's covariance predicts (in brackets without its soft-iron
+//       share), the offset error, the store, the soft iron the store shows.
 //   Both take the world after the soft iron: field=UT, noise=UT, inclination=DEG (or
 //   the inclination alone), hard=X,Y,Z (the phone's own field, uT).
 #include <Eigen/Dense>
@@ -231,12 +232,16 @@ void print_trace(const sc::Truth &t, const Vector3d &true_offset, const KmxcServ
     const kmxc_kit::Estimators &est = kmxc_kit::g_state.est;
     const Vector3d v(e.mag_counts[0] - e.offset[0], e.mag_counts[1] - e.offset[1], e.mag_counts[2] - e.offset[2]);
     const double err = heading_error_deg(v3(t.earth_uT), v, up_of(t));
-    double pred = NAN, worst = NAN, best = NAN;
+    double pred = NAN, worst = NAN, best = NAN, pred_noise = NAN;
     if (est.cov.valid) {
-        const int32_t *q = est.cov.p_q8;
-        Matrix3d p;
+        const int32_t *q = est.cov.p_q8, *h = est.cov.share_q8;
+        Matrix3d p, n;
         p << q[0], q[1], q[2], q[1], q[3], q[4], q[2], q[4], q[5];
-        pred = heading_sigma_deg(p / 256, v, Vector3d(e.gravity_counts[0], e.gravity_counts[1], e.gravity_counts[2]));
+        n << q[0] - h[0], q[1] - h[1], q[2] - h[2], q[1] - h[1], q[3] - h[3], q[4] - h[4], q[2] - h[2], q[4] - h[4],
+            q[5] - h[5];
+        const Vector3d g(e.gravity_counts[0], e.gravity_counts[1], e.gravity_counts[2]);
+        pred = heading_sigma_deg(p / 256, v, g);
+        pred_noise = heading_sigma_deg(n / 256, v, g);
         const Eigen::SelfAdjointEigenSolver<Matrix3d> eig(p / 256);
         worst = std::sqrt(eig.eigenvalues().maxCoeff()) * kUtPerCount;
         best = std::sqrt(std::max(0.0, eig.eigenvalues().minCoeff())) * kUtPerCount;
@@ -246,11 +251,11 @@ void print_trace(const sc::Truth &t, const Vector3d &true_offset, const KmxcServ
     const int rc = static_cast<int>(kmxc_kit::sphere_fit(est.store, &probe));
     const kmxc_kit::Spread spread = kmxc_kit::field_store_spread(est.store);
     std::printf(
-        "%6.1f acc %d est %d flags %04x err %6.2f pred %6.2f off %5.2f store %2d cov %2d sph rms %5.2f "
+        "%6.1f acc %d est %d flags %04x err %6.2f pred %6.2f (%5.2f) off %5.2f store %2d cov %2d sph rms %5.2f "
         "pend %d%d%d W %d fit %d spread %d joined %d sd %.2f..%.2f shown %d %s\n",
-        t.t_s, e.accuracy, e.estimator, e.flags, err, pred, (off - true_offset).norm() * kUtPerCount, est.store.count,
-        est.coverage, est.sphere.residual.rms_q4 / 16.0, est.sphere_pending, est.ellipsoid_due, est.ellipsoid_pending,
-        kmxc_kit::g_state.soft_iron.in_use, rc, spread.ratio_min, est.joined, best, worst,
+        t.t_s, e.accuracy, e.estimator, e.flags, err, pred, pred_noise, (off - true_offset).norm() * kUtPerCount,
+        est.store.count, est.coverage, est.sphere.residual.rms_q4 / 16.0, est.sphere_pending, est.ellipsoid_due,
+        est.ellipsoid_pending, kmxc_kit::g_state.soft_iron.in_use, rc, spread.ratio_min, est.joined, best, worst,
         static_cast<int>(est.shown_permille), t.phase);
 }
 
