@@ -211,14 +211,22 @@ void judge_sphere(const Vec3 &g, KmxcServiceEvent *e) {
     note_trusted_reference();
 }
 
+// The raw store fitted with an ellipsoid. The sphere (fitted through any correction in
+// use) gives the fit its starting centre and the ridge its radius, the same within the
+// correction's percents. A fit shows the store's soft iron: the estimate in use's share
+// follows it.
+bool fit_ellipsoid() {
+    Estimators &s = est();
+    if (ellipsoid_fit(s.store, s.sphere, &s.ellipsoid) != FitResult::kOk) return false;
+    s.shown_permille = soft_iron_shown_permille(s.ellipsoid);
+    rescale_share(&s.cov);
+    return true;
+}
+
 void ellipsoid_step() {
     Estimators &s = est();
     s.ellipsoid_due = false;
-    // The raw store. The sphere (fitted through any correction in use) gives the fit its
-    // starting centre and the ridge its radius, the same within the correction's percents.
-    if (ellipsoid_fit(s.store, s.sphere, &s.ellipsoid) == FitResult::kOk) {
-        s.shown_permille = soft_iron_shown_permille(s.ellipsoid);
-        rescale_share(&s.cov);
+    if (fit_ellipsoid()) {
         s.ellipsoid_pending = true;
         s.share_steps = 0;
     }
@@ -227,12 +235,8 @@ void ellipsoid_step() {
 // Before a sphere is judged, what soft iron the store shows: an ellipsoid fit of it,
 // not itself judged.
 void probe_step() {
-    Estimators &s = est();
-    s.probe_due = false;
-    if (ellipsoid_fit(s.store, s.sphere, &s.ellipsoid) == FitResult::kOk) {
-        s.shown_permille = soft_iron_shown_permille(s.ellipsoid);
-        rescale_share(&s.cov);
-    }
+    est().probe_due = false;
+    fit_ellipsoid();
 }
 
 void judge_ellipsoid(const Vec3 &g, KmxcServiceEvent *e) {
