@@ -141,8 +141,10 @@
  *     orientation) passes only the library's hold filter.
  *   Rate. The caller declares its rate at start, KMXC_SERVICE_RATE_MIN_HZ ..
  *     KMXC_SERVICE_RATE_MAX_HZ, and passes each cycle's timestamp; every window is in
- *     time, not cycles. A magnetometer measurement waits 13 ms, so one cycle lasts at
- *     least that: requested rates above 76 Hz run as fast as the chip allows.
+ *     time, not cycles, except gravity's two means (the steady tilt's and a mount's),
+ *     which take the declared rate's share per cycle. A magnetometer measurement waits
+ *     13 ms, so one cycle lasts at least that: requested rates above 76 Hz run as fast
+ *     as the chip allows, and those means then last up to a third longer.
  *
  * Limits: one session at a time, static state, no heap, no threads of its own: the
  * session belongs to the thread that started it (other threads are refused), and no
