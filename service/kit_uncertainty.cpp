@@ -101,10 +101,16 @@ bool covariance_from(const int64_t a[9], int64_t k_q8, const int32_t *share_q8, 
 static_assert(kStoreCapacity <= kShareMaxSamples && KMXC_SERVICE_FEED_HISTORY <= kShareMaxSamples,
               "the store's and the fed ring's samples within the share's bounds");
 
-SoftIronPrior prior_of(bool corrected, int64_t noise_q8) {
+// The share's prior per entry of D for samples through a correction or not: the
+// default, or the soft iron the store shows when that is more.
+int32_t prior_sd_permille(bool corrected) {
     const int32_t base = corrected ? KMXC_SERVICE_SOFT_IRON_LEFT_PERMILLE : KMXC_SERVICE_SOFT_IRON_PRIOR_PERMILLE;
     const int32_t shown = g_state.est.shown_permille;
-    return SoftIronPrior{shown > base ? shown : base, noise_q8};
+    return shown > base ? shown : base;
+}
+
+SoftIronPrior prior_of(bool corrected, int64_t noise_q8) {
+    return SoftIronPrior{prior_sd_permille(corrected), noise_q8};
 }
 
 // P's own bound (covariance_of): a share beyond it determines nothing.
@@ -128,7 +134,7 @@ bool covariance_of(const Vec3 *u, int n, int32_t radius, int64_t var_q8, const i
 
 void rescale_share(OffsetCovariance *c) {
     if (!c->valid || c->prior_permille <= 0) return;
-    const int64_t now = prior_of(g_state.soft_iron.in_use, 1).sd_permille, was = c->prior_permille;
+    const int64_t now = prior_sd_permille(g_state.soft_iron.in_use), was = c->prior_permille;
     if (now <= was) return;
     // The share grows as the prior's square: p + share (now^2 / was^2 - 1). Priors below
     // 2^10, shares below 2^20: products below 2^40.
