@@ -330,12 +330,14 @@ void store_cycle(const Vec3 &m, const Vec3 &g, bool fit_allowed, int64_t now, Km
     }
     if (e->mag_result == 0) {
         // After a persisting anomaly the reference is the old surrounding's: only a field
-        // outside the Earth's range keeps a sample out until a new estimate is trusted.
-        const uint8_t causes = s.reference_stale ? (e->anomaly & KMXC_SERVICE_ANOMALY_RANGE) : e->anomaly;
+        // outside the Earth's range keeps a sample out until a new estimate is trusted. A
+        // strength outside the estimate's band never does.
+        const int kept_out = s.reference_stale ? KMXC_SERVICE_ANOMALY_RANGE : ~KMXC_SERVICE_ANOMALY_OUTSIDE_BAND;
+        const bool anomalous = (e->anomaly & kept_out) != 0;
         const KmxAxesData o = offset_in_use();
         const Vec3 centre = vec(o);
         const bool judged = g_state.offset_trusted && !s.reference_stale;
-        const Offer r = field_store_offer(&s.store, m, g, judged ? &centre : nullptr, causes != 0, gravity_steady(g));
+        const Offer r = field_store_offer(&s.store, m, g, judged ? &centre : nullptr, anomalous, gravity_steady(g));
         if (r == Offer::kJoined || r == Offer::kJoinedReplacing) {
             if (s.joined < UINT8_MAX) ++s.joined;
             note_temperature(e->raw_temperature);

@@ -30,6 +30,7 @@ TEST(KitEstimate, TheStoreTakesInRangeSamplesAndKeepsAnomaliesOutUntilTheReferen
         {"a channel out of range", 1, 0, false, false},
         {"a strength anomaly", 0, KMXC_SERVICE_ANOMALY_STRENGTH, false, false},
         {"a dip anomaly", 0, KMXC_SERVICE_ANOMALY_DIP, false, false},
+        {"a strength outside the estimate's band", 0, KMXC_SERVICE_ANOMALY_OUTSIDE_BAND, false, true},
         {"a strength anomaly against a stale reference", 0, KMXC_SERVICE_ANOMALY_STRENGTH, true, true},
         {"a range anomaly against a stale reference", 0, KMXC_SERVICE_ANOMALY_RANGE, true, false},
     };

@@ -135,6 +135,8 @@ struct State {
     int32_t ref_strength;  // |field| counts, reference
     int32_t ref_dip;       // 1000 cos(field, gravity), reference
     bool ref_dip_valid;
+    int32_t strength_band_permille;  // the band about ref_strength of the trusted estimate ...
+    int64_t outside_band_until_ns;   // ... a strength outside which holds it at low until then
     bool in_anomaly;
     uint8_t anomaly_level_cap;  // accuracy limit while in anomaly
     int64_t last_anomaly_ns;
@@ -218,6 +220,9 @@ bool ring_fed_under(const KmxAxesData &o);
 void on_fit(const KmxAxesData &o);
 // A stored offset waits for confirmation: enough fed samples that agree with it.
 void try_confirm(const KmxAxesData &o, KmxcServiceEvent *e);
+// The band a trusted estimate's strength keeps to (KMXC_SERVICE_STRENGTH_BAND_FACTOR),
+// permille of the reference, from the worst deviation of the batch it was trusted on.
+int32_t strength_band_permille(int32_t worst_permille);
 // Anomaly causes of this sample against the reference.
 uint8_t anomaly_of(const Vec3 &g, int32_t strength, int32_t dip);
 // |v| in 1/100 uT, rounded down: the length of v scaled before the root, so the

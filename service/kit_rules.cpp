@@ -167,6 +167,13 @@ static void set_dip_bounds(int32_t cdeg) {
     }
 }
 
+int32_t strength_band_permille(int32_t worst_permille) {
+    const int32_t band = KMXC_SERVICE_STRENGTH_BAND_FACTOR * worst_permille;
+    return band < KMXC_SERVICE_STRENGTH_BAND_MIN_PERMILLE    ? KMXC_SERVICE_STRENGTH_BAND_MIN_PERMILLE
+           : band > KMXC_SERVICE_STRENGTH_TOLERANCE_PERMILLE ? KMXC_SERVICE_STRENGTH_TOLERANCE_PERMILLE
+                                                             : band;
+}
+
 // The reference for anomalies: the agreement's mean strength, and the mean angle of the
 // last fed samples in steady tilt about the offset in use. (The last trusted 3-D fit's
 // references for the planar estimator follow from it: note_trusted_reference.)
@@ -181,6 +188,8 @@ static void set_reference(const Agreement &a, const Vec3 *fed) {
     g_state.ref_dip = a.dip;
     g_state.ref_dip_valid = dip;
     if (dip) set_dip_bounds(cdeg);
+    g_state.strength_band_permille = strength_band_permille(a.worst_permille);
+    g_state.outside_band_until_ns = 0;
     g_state.in_anomaly = false;
     g_state.demoted = false;
     g_state.est.reference_stale = false;
@@ -265,6 +274,9 @@ void trust_planar(int8_t level) {
     g_state.ref_strength = g_state.reference_strength_counts;
     g_state.ref_dip = cos_q14(angle) * 1000 / 16384;
     g_state.ref_dip_valid = true;
+    // Its batch is the circle's, which says nothing of the strength elsewhere.
+    g_state.strength_band_permille = KMXC_SERVICE_STRENGTH_TOLERANCE_PERMILLE;
+    g_state.outside_band_until_ns = 0;
     set_dip_bounds(angle);
 }
 
@@ -357,7 +369,15 @@ void judge_anomaly(const Vec3 &g, int32_t strength, int32_t dip, const KmxAxesDa
         return;
     }
     e->anomaly = e->mag_result == 0 ? anomaly_of(g, strength, dip) : uint8_t{KMXC_SERVICE_ANOMALY_RANGE};
-    if (e->anomaly != 0) {
+    if (e->anomaly == 0 && g_state.reference &&
+        int64_t{abs32(strength - g_state.ref_strength)} * 1000 >
+            int64_t{g_state.strength_band_permille} * g_state.ref_strength) {
+        // Not an episode: the surrounding may be the same, the estimate not what it
+        // seemed (a batch on part of the sphere), and the sample is as good for the
+        // store and the fits as any.
+        e->anomaly = KMXC_SERVICE_ANOMALY_OUTSIDE_BAND;
+        g_state.outside_band_until_ns = now + int64_t{KMXC_SERVICE_ANOMALY_CLEAR_MS} * kNsPerMs;
+    } else if (e->anomaly != 0) {
         note_anomaly(e->anomaly, now, e);
     } else if (g_state.in_anomaly && causes_at(g, strength, dip, KMXC_SERVICE_ANOMALY_HYSTERESIS_DIVISOR) != 0) {
         g_state.last_anomaly_ns = now;  // near a limit: the episode goes on, unflagged
@@ -395,6 +415,7 @@ int8_t accuracy_now(int64_t now) {
         }
         g_state.in_anomaly = false;
     }
+    if (now < g_state.outside_band_until_ns && g_state.base_accuracy > KMXC_SERVICE_LOW) return KMXC_SERVICE_LOW;
     return g_state.base_accuracy;
 }
 

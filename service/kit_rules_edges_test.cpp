@@ -87,6 +87,57 @@ TEST(KitRuleEdges, AFitIsJudgedByItsBatchUpToEachAgreementLimit) {
     }
 }
 
+// A trusted fit's strength band is three times its batch's worst deviation (five
+// thousandths per count either side of 200), never narrower than 60 thousandths nor
+// wider than the anomaly's 150; a planar estimate's is the anomaly's.
+TEST(KitRuleEdges, AFitsStrengthBandIsThriceItsBatchsWorstDeviationWithinItsLimits) {
+    static_assert(KMXC_SERVICE_STRENGTH_BAND_FACTOR == 3 && KMXC_SERVICE_STRENGTH_BAND_MIN_PERMILLE == 60);
+    const struct {
+        int32_t deviation;  // counts either side of 200
+        int32_t band;
+    } cases[] = {{0, 60}, {4, 60}, {5, 75}, {10, 150}, {11, 150}};
+    for (const auto &c : cases) {
+        feed({{200 - c.deviation, 0, 0}, {0, 200 + c.deviation, 0}});
+        on_fit(KmxAxesData{0, 0, 0});
+        EXPECT_EQ(g_state.strength_band_permille, c.band) << c.deviation;
+    }
+    g_state.strength_band_permille = 60;
+    trust_planar(KMXC_SERVICE_MEDIUM);
+    EXPECT_EQ(g_state.strength_band_permille, KMXC_SERVICE_STRENGTH_TOLERANCE_PERMILLE);
+}
+
+// Outside the band (75 thousandths of 200 here: 185..215 inside) the sample is flagged
+// and the accuracy held at low for the anomaly's clear time, but no episode starts: an
+// hour outside it neither demotes the offset nor empties anything.
+TEST(KitRuleEdges, AStrengthJustOutsideItsBandHoldsTheAccuracyLowWithoutAnEpisode) {
+    constexpr int64_t kClearNs = int64_t{KMXC_SERVICE_ANOMALY_CLEAR_MS} * 1000000, kSeen = 5000000000;
+    const struct {
+        int32_t strength;
+        uint8_t causes;
+    } cases[] = {
+        {215, 0}, {216, KMXC_SERVICE_ANOMALY_OUTSIDE_BAND}, {185, 0}, {184, KMXC_SERVICE_ANOMALY_OUTSIDE_BAND}};
+    for (const auto &c : cases) {
+        feed({{195, 0, 0}, {0, 205, 0}});
+        on_fit(KmxAxesData{0, 0, 0});
+        ASSERT_EQ(g_state.strength_band_permille, 75);
+        ASSERT_EQ(g_state.base_accuracy, KMXC_SERVICE_HIGH);
+        KmxcServiceEvent e{};
+        judge_anomaly(Vec3{0, 0, -4096}, c.strength, 0, KmxAxesData{0, 0, 0}, kSeen, &e);
+        EXPECT_EQ(e.anomaly, c.causes) << c.strength;
+        EXPECT_EQ(e.flags & KMXC_SERVICE_ANOMALY, 0) << c.strength;
+        EXPECT_FALSE(g_state.in_anomaly) << c.strength;
+        const int8_t held = c.causes != 0 ? KMXC_SERVICE_LOW : KMXC_SERVICE_HIGH;
+        EXPECT_EQ(accuracy_now(kSeen + kClearNs - 1), held) << c.strength;
+        EXPECT_EQ(accuracy_now(kSeen + kClearNs), KMXC_SERVICE_HIGH) << c.strength;
+    }
+    for (int64_t t = kSeen; t < kSeen + 3600 * int64_t{1000000000}; t += 100000000) {
+        KmxcServiceEvent e{};
+        judge_anomaly(Vec3{0, 0, -4096}, 216, 0, KmxAxesData{0, 0, 0}, t, &e);
+        if (accuracy_now(t) != KMXC_SERVICE_LOW) FAIL() << "at " << t;
+    }
+    EXPECT_TRUE(g_state.offset_trusted);
+}
+
 // The dip is judged only in steady gravity: |g| within 60 thousandths of 4096 counts,
 // so 3851..4341, and its direction steady (an acceleration may have turned it).
 TEST(KitRuleEdges, DipAnomaliesAreJudgedOnlyInSteadyGravity) {

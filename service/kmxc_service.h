@@ -37,27 +37,20 @@
  *     estimate that is plausible but not confirmed: a stored offset the live field has
  *     not yet confirmed, or a store fit whose offset is determined only within
  *     KMXC_SERVICE_FIT_MEDIUM_PERMILLE of the strength; also any trusted offset during
- *     a strength or dip anomaly. 2 (medium) and 3 (high): a trusted offset. A stored
- *     offset is confirmed by KMXC_SERVICE_CONFIRM_SAMPLES fed samples whose strengths
- *     agree within KMXC_SERVICE_AGREE_PERMILLE (in the Earth's range): 2. A 3-D fit of
- *     the library whose batch agrees that closely gives 3, within
- *     KMXC_SERVICE_FIT_MEDIUM_PERMILLE 2, worse 1 (and is not saved; once an offset is
- *     trusted such a fit is not used at all). A trusted offset is replaced by a new
- *     library fit (3-D or planar) only if the last fed samples agree with the fit at
- *     least as well as with the offset in use.
- *   Estimators. Besides the library's batches, the kit offers every measured in-range
- *     sample (anomalies out) to a store of 32 samples spread over the sphere (a new
- *     rough offset empties it, and so does an anomaly lasting
- *     KMXC_SERVICE_STORE_ANOMALY_PERSIST_MS; a store that agrees with itself but not
- *     with the last 16 fed samples, while the offset in use does and those samples were
- *     all fed after it came into use, is stale and emptied).
- *     Every KMXC_SERVICE_STORE_REFIT_JOINS new samples it is fitted with a sphere (the
- *     samples' spread at least 4/1024), judged like a library fit by its own 32
- *     samples' strengths (high, medium, or refused), and by its determinacy: its
- *     predicted offset error (from its residual, the chip's temperature wander and its
- *     samples' spread) must be at most 25 counts (10 uT) along every direction, and at
- *     each attitude it caps the accuracy through the heading's uncertainty
- *     (KMXC_SERVICE_HEADING_SIGMA_*). When the sphere's residual exceeds
+ *     a strength or dip anomaly, or with its strength outside its band. 2 (medium) and 3 (high): a trusted offset. A
+ * stored offset is confirmed by KMXC_SERVICE_CONFIRM_SAMPLES fed samples whose strengths agree within
+ * KMXC_SERVICE_AGREE_PERMILLE (in the Earth's range): 2. A 3-D fit of the library whose batch agrees that closely gives
+ * 3, within KMXC_SERVICE_FIT_MEDIUM_PERMILLE 2, worse 1 (and is not saved; once an offset is trusted such a fit is not
+ * used at all). A trusted offset is replaced by a new library fit (3-D or planar) only if the last fed samples agree
+ * with the fit at least as well as with the offset in use. Estimators. Besides the library's batches, the kit offers
+ * every measured in-range sample (anomalies out) to a store of 32 samples spread over the sphere (a new rough offset
+ * empties it, and so does an anomaly lasting KMXC_SERVICE_STORE_ANOMALY_PERSIST_MS; a store that agrees with itself but
+ * not with the last 16 fed samples, while the offset in use does and those samples were all fed after it came into use,
+ * is stale and emptied). Every KMXC_SERVICE_STORE_REFIT_JOINS new samples it is fitted with a sphere (the samples'
+ * spread at least 4/1024), judged like a library fit by its own 32 samples' strengths (high, medium, or refused), and
+ * by its determinacy: its predicted offset error (from its residual, the chip's temperature wander and its samples'
+ * spread) must be at most 25 counts (10 uT) along every direction, and at each attitude it caps the accuracy through
+ * the heading's uncertainty (KMXC_SERVICE_HEADING_SIGMA_*). When the sphere's residual exceeds
  *     KMXC_SERVICE_ELLIPSOID_ATTEMPT_FACTOR times what noise explains, or the store
  *     covers more of its 24 cells than the correction in use was fitted to, an ellipsoid
  *     is fitted (an offset and a soft-iron correction W, det 1, axes 0.8..1.25), used
@@ -80,8 +73,13 @@
  *     (KMXC_SERVICE_STEADY_TILT_CDEG) with the accelerometer reading 1 g within
  *     KMXC_SERVICE_STEADY_GRAVITY_PERMILLE (no hand acceleration). The level climbs back
  *     when no anomaly has been seen for KMXC_SERVICE_ANOMALY_CLEAR_MS, or at once when
- *     a new 3-D fit replaces the offset (and the references). A disturbance that keeps
- *     both the strength and the dip while it turns the field is not seen.
+ *     a new 3-D fit replaces the offset (and the references). Closer in, each trusted
+ *     estimate has a band about its reference strength, KMXC_SERVICE_STRENGTH_BAND_FACTOR
+ *     times the worst deviation of the batch it was trusted on: a strength outside it
+ *     (KMXC_SERVICE_ANOMALY_OUTSIDE_BAND) holds the accuracy at 1 for
+ *     KMXC_SERVICE_ANOMALY_CLEAR_MS, but is no anomaly episode (nothing persists, the
+ *     sample still joins the store). A disturbance that keeps both the strength and the
+ *     dip while it turns the field is not seen.
  *   Persistence. The kit owns its files; it never calls the library's file functions
  *     (nor writes the library's backup file name), and writes what the library would:
  *     KMXC_SERVICE_CALIBRATION_FILE, one line of nine integers "%d,...,%d" without a
@@ -211,6 +209,20 @@ extern "C" {
  * remnants were trusted 10 uT off. A vehicle's field is caught by the dip's angle as
  * well (14 uT at a 48 uT field moves the strength by -10 .. +19 % with the heading). */
 #define KMXC_SERVICE_STRENGTH_TOLERANCE_PERMILLE 150
+/* The band a trusted estimate's strength keeps to before its accuracy is held at low:
+ * this many times the worst deviation from the mean of the batch it was trusted on
+ * (about 6 sigma of a batch's noise), within KMXC_SERVICE_STRENGTH_BAND_MIN_PERMILLE ..
+ * KMXC_SERVICE_STRENGTH_TOLERANCE_PERMILLE; a planar estimate's is the tolerance. A
+ * field fixed to the phone that appears (a car mount's 10 uT moved a 48 uT field's
+ * strength by 1 to 11 % in the mounts tried, the heading by 14 to 25 degrees) is seen
+ * where it moves the strength past the band: the tolerance alone kept the hand's offset
+ * trusted 18 degrees off at 8 %. At 2 times, noisy chips lost a tenth of their trusted
+ * samples, none of them wrong. */
+#define KMXC_SERVICE_STRENGTH_BAND_FACTOR 3
+/* The narrowest band (thousandths): what a medium estimate's offset error (3 uT in
+ * 48 uT) moves the strength by as the phone turns; at 40 a phone read level at a 65 uT
+ * field, its heading within a degree, lost medium for a minute. */
+#define KMXC_SERVICE_STRENGTH_BAND_MIN_PERMILLE 60
 /* The dip is judged only while |gravity| is 1 g within this (thousandths). */
 #define KMXC_SERVICE_STEADY_GRAVITY_PERMILLE 60
 /* An anomaly clears after this long without one. */
@@ -438,6 +450,8 @@ extern "C" {
 #define KMXC_SERVICE_ANOMALY_STRENGTH 2 /* strength far from the reference */
 #define KMXC_SERVICE_ANOMALY_DIP 4      /* field-gravity angle far from the reference */
 #define KMXC_SERVICE_ANOMALY_VEHICLE 8  /* the phone entered a vehicle (KMXC_SERVICE_VEHICLE_ANGLE_CDEG) */
+#define KMXC_SERVICE_ANOMALY_OUTSIDE_BAND \
+    16 /* strength outside the trusted estimate's band (KMXC_SERVICE_STRENGTH_BAND_FACTOR) */
 
 /* What start found at KMXC_SERVICE_CALIBRATION_FILE and did (KmxcServiceStart.file,
  * bits). An integrator acts on: ABSENT (first start, or the file was lost),
