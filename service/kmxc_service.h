@@ -37,20 +37,28 @@
  *     estimate that is plausible but not confirmed: a stored offset the live field has
  *     not yet confirmed, or a store fit whose offset is determined only within
  *     KMXC_SERVICE_FIT_MEDIUM_PERMILLE of the strength; also any trusted offset during
- *     a strength or dip anomaly, or with its strength outside its band. 2 (medium) and 3 (high): a trusted offset. A
- * stored offset is confirmed by KMXC_SERVICE_CONFIRM_SAMPLES fed samples whose strengths agree within
- * KMXC_SERVICE_AGREE_PERMILLE (in the Earth's range): 2. A 3-D fit of the library whose batch agrees that closely gives
- * 3, within KMXC_SERVICE_FIT_MEDIUM_PERMILLE 2, worse 1 (and is not saved; once an offset is trusted such a fit is not
- * used at all). A trusted offset is replaced by a new library fit (3-D or planar) only if the last fed samples agree
- * with the fit at least as well as with the offset in use. Estimators. Besides the library's batches, the kit offers
- * every measured in-range sample (anomalies out) to a store of 32 samples spread over the sphere (a new rough offset
- * empties it, and so does an anomaly lasting KMXC_SERVICE_STORE_ANOMALY_PERSIST_MS; a store that agrees with itself but
- * not with the last 16 fed samples, while the offset in use does and those samples were all fed after it came into use,
- * is stale and emptied). Every KMXC_SERVICE_STORE_REFIT_JOINS new samples it is fitted with a sphere (the samples'
- * spread at least 4/1024), judged like a library fit by its own 32 samples' strengths (high, medium, or refused), and
- * by its determinacy: its predicted offset error (from its residual, the chip's temperature wander and its samples'
- * spread) must be at most 25 counts (10 uT) along every direction, and at each attitude it caps the accuracy through
- * the heading's uncertainty (KMXC_SERVICE_HEADING_SIGMA_*). When the sphere's residual exceeds
+ *     a strength or dip anomaly, or while its strength is outside its band (below).
+ *     2 (medium) and 3 (high): a trusted offset. A stored offset is confirmed by
+ *     KMXC_SERVICE_CONFIRM_SAMPLES fed samples whose strengths agree within
+ *     KMXC_SERVICE_AGREE_PERMILLE (in the Earth's range): 2. A 3-D fit of the library
+ *     whose batch agrees that closely gives 3, within
+ *     KMXC_SERVICE_FIT_MEDIUM_PERMILLE 2, worse 1 (and is not saved; once an offset is
+ *     trusted such a fit is not used at all). A trusted offset is replaced by a new
+ *     library fit (3-D or planar) only if the last fed samples agree with the fit at
+ *     least as well as with the offset in use.
+ *   Estimators. Besides the library's batches, the kit offers every measured in-range
+ *     sample (anomalies out) to a store of 32 samples spread over the sphere (a new
+ *     rough offset empties it, and so does an anomaly lasting
+ *     KMXC_SERVICE_STORE_ANOMALY_PERSIST_MS; a store that agrees with itself but not
+ *     with the last 16 fed samples, while the offset in use does and those samples were
+ *     all fed after it came into use, is stale and emptied).
+ *     Every KMXC_SERVICE_STORE_REFIT_JOINS new samples it is fitted with a sphere (the
+ *     samples' spread at least 4/1024), judged like a library fit by its own 32
+ *     samples' strengths (high, medium, or refused), and by its determinacy: its
+ *     predicted offset error (from its residual, the chip's temperature wander and its
+ *     samples' spread) must be at most 25 counts (10 uT) along every direction, and at
+ *     each attitude it caps the accuracy through the heading's uncertainty
+ *     (KMXC_SERVICE_HEADING_SIGMA_*). When the sphere's residual exceeds
  *     KMXC_SERVICE_ELLIPSOID_ATTEMPT_FACTOR times what noise explains, or the store
  *     covers more of its 24 cells than the correction in use was fitted to, an ellipsoid
  *     is fitted (an offset and a soft-iron correction W, det 1, axes 0.8..1.25), used
@@ -214,7 +222,7 @@ extern "C" {
  * (about 6 sigma of a batch's noise), within KMXC_SERVICE_STRENGTH_BAND_MIN_PERMILLE ..
  * KMXC_SERVICE_STRENGTH_TOLERANCE_PERMILLE; a planar estimate's is the tolerance. A
  * field fixed to the phone that appears (a car mount's 10 uT moved a 48 uT field's
- * strength by 1 to 11 % in the mounts tried, the heading by 14 to 25 degrees) is seen
+ * strength by 1 to 11 % in the mounts tried, the heading by 5 to 25 degrees) is seen
  * where it moves the strength past the band: the tolerance alone kept the hand's offset
  * trusted 18 degrees off at 8 %. At 2 times, noisy chips lost a tenth of their trusted
  * samples, none of them wrong. */
