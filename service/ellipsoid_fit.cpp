@@ -154,9 +154,9 @@ void normal_equations(const int64_t moment[kMoments], int64_t a[kUnknowns * kUnk
 
 // The ridge added to a: lambda times the Frobenius form of D = [[p, s1, s2], [s1, q, s3],
 // [s2, s3, -p-q]]: 2p^2 + 2q^2 + 2pq + 2(s1^2 + s2^2 + s3^2). R^4 below 2^40.
-void add_ridge(int n, int32_t radius_q4, int64_t a[kUnknowns * kUnknowns]) {
+void add_ridge(int n, int32_t radius_q4, int ridge_bits, int64_t a[kUnknowns * kUnknowns]) {
     const int64_t r2_q8 = int64_t{radius_q4} * radius_q4;
-    const int64_t lambda = (n * ((r2_q8 * r2_q8) >> 16)) >> kEllipsoidRidgeBits;
+    const int64_t lambda = (n * ((r2_q8 * r2_q8) >> 16)) >> ridge_bits;
     a[0 * kUnknowns + 0] += 2 * lambda;
     a[1 * kUnknowns + 1] += 2 * lambda;
     a[0 * kUnknowns + 1] += lambda;
@@ -250,7 +250,7 @@ bool axes_plausible(const int32_t axes_q14[3]) {
     return true;
 }
 
-FitResult ellipsoid_fit(const FieldStore &store, const SphereFit &sphere, EllipsoidFit *out) {
+FitResult ellipsoid_fit(const FieldStore &store, const SphereFit &sphere, int ridge_bits, EllipsoidFit *out) {
     const int n = store.count;
     if (n < kEllipsoidMinSamples) return FitResult::kTooFew;
     const Vec3 c0 = sphere.offset;
@@ -260,7 +260,7 @@ FitResult ellipsoid_fit(const FieldStore &store, const SphereFit &sphere, Ellips
     int64_t a[kUnknowns * kUnknowns];
     int64_t r[kUnknowns];
     normal_equations(moment, a, r);
-    add_ridge(n, sphere.radius_q4, a);
+    add_ridge(n, sphere.radius_q4, ridge_bits, a);
 
     // D (Q30), b (1/65536 count) and k (1/256 count^2).
     constexpr int8_t kFrac[kUnknowns] = {kQ30,        kQ30,        kQ30,        kQ30,      kQ30,

@@ -129,7 +129,7 @@ struct EllipsoidRef {
     Vector3d axes;  // descending
     double radius;
 };
-EllipsoidRef ellipsoid_reference(const std::vector<Vector3d> &m, const SphereFit &sphere) {
+EllipsoidRef ellipsoid_reference(const std::vector<Vector3d> &m, const SphereFit &sphere, int ridge_bits) {
     const Vector3d c0 = as_double(sphere.offset);
     Eigen::Matrix<double, 9, 9> a = Eigen::Matrix<double, 9, 9>::Zero();
     Eigen::Matrix<double, 9, 1> r = Eigen::Matrix<double, 9, 1>::Zero();
@@ -142,7 +142,7 @@ EllipsoidRef ellipsoid_reference(const std::vector<Vector3d> &m, const SphereFit
     }
     // The ridge, from the same whole numbers as the fit's.
     const int64_t r2 = int64_t{sphere.radius_q4} * sphere.radius_q4;
-    const double lambda = double((int64_t(m.size()) * ((r2 * r2) >> 16)) >> kEllipsoidRidgeBits);
+    const double lambda = double((int64_t(m.size()) * ((r2 * r2) >> 16)) >> ridge_bits);
     a(0, 0) += 2 * lambda, a(1, 1) += 2 * lambda, a(0, 1) += lambda, a(1, 0) += lambda;
     for (int j = 2; j < 5; ++j) a(j, j) += 2 * lambda;
     const Eigen::Matrix<double, 9, 1> x = a.ldlt().solve(r);
@@ -205,15 +205,17 @@ struct Scenario {
 
 // The same stores through both fits: each agrees with its double fit (offsets rounded,
 // W and its axes within 2e-4, radii within a sixteenth); against the truth, the sphere
-// fit finds a hard-iron offset and the ellipsoid fit a soft-iron one and its W.
+// fit finds a hard-iron offset and the ellipsoid fit, at either ridge (the estimate's
+// and the showing fit's), a soft-iron one and its W.
 TEST(SphereAndEllipsoidFits, AreTheirDoubleFitsRoundedAndRecoverHardAndSoftIron) {
     const Scenario cases[] = {{"everywhere, hard iron", Handling::kEverywhere, false},
                               {"everywhere, soft iron", Handling::kEverywhere, true},
                               {"tilted 90, soft iron", Handling::kTilted90, true},
                               {"held level (a cap), hard iron", Handling::kHeldLevel, false}};
+    const int ridges[2] = {kEllipsoidRidgeBits, kShownRidgeBits};
     double worst_w = 0, worst_axis = 0;
     for (const auto &c : cases) {
-        double sphere_truth = 0, ellipsoid_truth = 0, w_truth = 0;
+        double sphere_truth = 0, ellipsoid_truth[2] = {0, 0}, w_truth[2] = {0, 0};
         int fitted = 0;
         for (int trial = 0; trial < 100; ++trial) {
             Phone p = random_phone(1000 + trial, c.soft_iron, 0.5 * (trial % 5) / 4);
@@ -226,36 +228,40 @@ TEST(SphereAndEllipsoidFits, AreTheirDoubleFitsRoundedAndRecoverHardAndSoftIron)
             expect_rounded(sphere.offset, sref.centre, c.name);
             EXPECT_NEAR(sphere.radius_q4 / 16.0, sref.radius, 1 / 16.0 + 0.01) << c.name;
             sphere_truth = std::max(sphere_truth, (as_double(sphere.offset) - p.offset).norm());
-
-            EllipsoidFit fit;
-            const FitResult eresult = ellipsoid_fit(s, sphere, &fit);
-            ASSERT_TRUE(eresult == FitResult::kOk || eresult == FitResult::kImplausible) << c.name << " " << trial;
             ++fitted;
-            const EllipsoidRef ref = ellipsoid_reference(fields_of(s), sphere);
-            expect_rounded(fit.offset, ref.centre, c.name);
-            Matrix3d w;
-            for (int i = 0; i < 9; ++i) w(i / 3, i % 3) = fit.w_q14[i] / 16384.0;
-            worst_w = std::max(worst_w, (w - ref.w).cwiseAbs().maxCoeff());
-            for (int k = 0; k < 3; ++k)
-                worst_axis = std::max(worst_axis, std::fabs(fit.axes_q14[k] / 16384.0 - ref.axes(k)));
-            EXPECT_NEAR(fit.radius_q4 / 16.0, ref.radius, 1 / 16.0 + 0.01) << c.name;
-            if (std::fabs(ref.axes(0) - 1.25) > 1e-3 && std::fabs(ref.axes(2) - 0.8) > 1e-3) {
-                EXPECT_EQ(eresult == FitResult::kOk, ref.axes(0) <= 1.25 && ref.axes(2) >= 0.8) << c.name;
+            for (int k = 0; k < 2; ++k) {
+                EllipsoidFit fit;
+                const FitResult eresult = ellipsoid_fit(s, sphere, ridges[k], &fit);
+                ASSERT_TRUE(eresult == FitResult::kOk || eresult == FitResult::kImplausible)
+                    << c.name << " " << trial << " ridge " << ridges[k];
+                const EllipsoidRef ref = ellipsoid_reference(fields_of(s), sphere, ridges[k]);
+                expect_rounded(fit.offset, ref.centre, c.name);
+                Matrix3d w;
+                for (int i = 0; i < 9; ++i) w(i / 3, i % 3) = fit.w_q14[i] / 16384.0;
+                worst_w = std::max(worst_w, (w - ref.w).cwiseAbs().maxCoeff());
+                for (int a = 0; a < 3; ++a)
+                    worst_axis = std::max(worst_axis, std::fabs(fit.axes_q14[a] / 16384.0 - ref.axes(a)));
+                EXPECT_NEAR(fit.radius_q4 / 16.0, ref.radius, 1 / 16.0 + 0.01) << c.name;
+                if (std::fabs(ref.axes(0) - 1.25) > 1e-3 && std::fabs(ref.axes(2) - 0.8) > 1e-3) {
+                    EXPECT_EQ(eresult == FitResult::kOk, ref.axes(0) <= 1.25 && ref.axes(2) >= 0.8) << c.name;
+                }
+                // The truth: W is the soft iron's inverse, scaled to determinant 1.
+                Matrix3d truth = p.soft.inverse();
+                truth /= std::cbrt(truth.determinant());
+                ellipsoid_truth[k] = std::max(ellipsoid_truth[k], (as_double(fit.offset) - p.offset).norm());
+                w_truth[k] = std::max(w_truth[k], (w - truth).cwiseAbs().maxCoeff());
             }
-            // The truth: W is the soft iron's inverse, scaled to determinant 1.
-            Matrix3d truth = p.soft.inverse();
-            truth /= std::cbrt(truth.determinant());
-            ellipsoid_truth = std::max(ellipsoid_truth, (as_double(fit.offset) - p.offset).norm());
-            w_truth = std::max(w_truth, (w - truth).cwiseAbs().maxCoeff());
         }
         EXPECT_GT(fitted, 90) << c.name;
-        std::printf(
-            "%s: offset within %.2f counts of the truth by the sphere fit, %.2f by the ellipsoid fit (W within "
-            "%.4f)\n",
-            c.name, sphere_truth, ellipsoid_truth, w_truth);
-        if (c.handling == Handling::kEverywhere) {
-            EXPECT_LT(c.soft_iron ? ellipsoid_truth : sphere_truth, 3.0) << c.name;
-            EXPECT_LT(w_truth, 0.05) << c.name;
+        for (int k = 0; k < 2; ++k) {
+            std::printf(
+                "%s: offset within %.2f counts of the truth by the sphere fit, %.2f by the ellipsoid fit at "
+                "ridge 2^-%d (W within %.4f)\n",
+                c.name, sphere_truth, ellipsoid_truth[k], ridges[k], w_truth[k]);
+            if (c.handling == Handling::kEverywhere) {
+                EXPECT_LT(c.soft_iron ? ellipsoid_truth[k] : sphere_truth, 3.0) << c.name;
+                EXPECT_LT(w_truth[k], 0.05) << c.name;
+            }
         }
     }
     EXPECT_LT(worst_w, 2e-4);

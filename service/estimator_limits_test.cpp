@@ -98,7 +98,7 @@ TEST(Fits, RefuseWhatTheSamplesDoNotDetermineEachAtItsLimit) {
     };
     for (const auto &k : ellipsoid_cases) {
         EllipsoidFit fit{};
-        EXPECT_EQ(ellipsoid_fit(store_with(k.samples), sphere, &fit), k.result) << k.name;
+        EXPECT_EQ(ellipsoid_fit(store_with(k.samples), sphere, kEllipsoidRidgeBits, &fit), k.result) << k.name;
         if (k.result == FitResult::kImplausible) { EXPECT_GT(fit.axes_q14[0], kAxisMaxQ14) << "filled"; }
     }
 

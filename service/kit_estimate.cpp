@@ -211,32 +211,31 @@ void judge_sphere(const Vec3 &g, KmxcServiceEvent *e) {
     note_trusted_reference();
 }
 
-// The raw store fitted with an ellipsoid. The sphere (fitted through any correction in
-// use) gives the fit its starting centre and the ridge its radius, the same within the
-// correction's percents. A fit shows the store's soft iron: the estimate in use's share
-// follows it.
-bool fit_ellipsoid() {
+// The raw store fitted with an ellipsoid (ridge_bits: ellipsoid_fit.h). The sphere
+// (fitted through any correction in use) gives the fit its starting centre and the ridge
+// its radius, the same within the correction's percents.
+bool fit_ellipsoid(int ridge_bits) {
     Estimators &s = est();
-    if (ellipsoid_fit(s.store, s.sphere, &s.ellipsoid) != FitResult::kOk) return false;
-    s.shown_permille = soft_iron_shown_permille(s.ellipsoid);
-    rescale_share(&s.cov);
-    return true;
+    return ellipsoid_fit(s.store, s.sphere, ridge_bits, &s.ellipsoid) == FitResult::kOk;
 }
 
 void ellipsoid_step() {
     Estimators &s = est();
     s.ellipsoid_due = false;
-    if (fit_ellipsoid()) {
+    if (fit_ellipsoid(kEllipsoidRidgeBits)) {
         s.ellipsoid_pending = true;
         s.share_steps = 0;
     }
 }
 
-// Before a sphere is judged, what soft iron the store shows: an ellipsoid fit of it,
-// not itself judged.
+// Before a sphere is judged, what soft iron the store shows: an ellipsoid fit of it at
+// the showing ridge, not itself judged. The estimate in use's share follows it.
 void probe_step() {
-    est().probe_due = false;
-    fit_ellipsoid();
+    Estimators &s = est();
+    s.probe_due = false;
+    if (!fit_ellipsoid(kShownRidgeBits)) return;
+    s.shown_permille = soft_iron_shown_permille(s.ellipsoid);
+    rescale_share(&s.cov);
 }
 
 void judge_ellipsoid(const Vec3 &g, KmxcServiceEvent *e) {

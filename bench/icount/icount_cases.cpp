@@ -145,7 +145,7 @@ __attribute__((noinline)) void icount_case_coverage(void) { g_coverage = field_s
 __attribute__((noinline)) void icount_case_spread(void) { g_spread = field_store_spread(g_store); }
 __attribute__((noinline)) void icount_case_sphere(void) { g_fit_results[0] = sphere_fit(g_store, &g_sphere); }
 __attribute__((noinline)) void icount_case_ellipsoid(void) {
-    g_fit_results[1] = ellipsoid_fit(g_store, g_sphere, &g_ellipsoid);
+    g_fit_results[1] = ellipsoid_fit(g_store, g_sphere, kEllipsoidRidgeBits, &g_ellipsoid);
 }
 __attribute__((noinline)) void icount_case_circle(void) { g_fit_results[2] = circle_fit(g_ring, kDown, &g_circle); }
 __attribute__((noinline)) void icount_case_agreement(void) {
@@ -325,7 +325,7 @@ Seen measure_all() {
 
     fill_stores();
     sphere_fit(g_store, &g_sphere);
-    ellipsoid_fit(g_store, g_sphere, &g_ellipsoid);
+    ellipsoid_fit(g_store, g_sphere, kEllipsoidRidgeBits, &g_ellipsoid);
     set_kit(0, false, false);
     measure(icount_case_kit_cycle);
     seen.kit_cycle = g_state.est.store.count == kStoreCapacity && g_state.est.joined == 0;
