@@ -15,7 +15,7 @@ for p in "$x86" "$arm"; do [ -x "$p" ] || { echo "count.sh: no $p (build target 
 tmp=$(mktemp -d)
 trap 'rm -rf "$tmp"' EXIT
 cases=(empty fit cycle double kasa_double kasa_float offer_still offer_refused coverage spread sphere ellipsoid circle
-  agreement offer_joins kit_cycle kit_sphere kit_share_columns kit_share kit_sphere_judge kit_ellipsoid
+  agreement offer_joins kit_cycle kit_sphere kit_shown kit_share_columns kit_share kit_sphere_judge kit_ellipsoid
   kit_judge kit_library_fit kit_rules kit_planar_fit kit_planar_judge kit_mount kit_motion)
 
 # x86-64
@@ -56,6 +56,7 @@ label() {
     kit_share) echo "kit: a fit's soft-iron share, second step (what the samples tell of D)" ;;
     kit_sphere_judge) echo "kit: a sphere fit's judgement (covariance, agreement, publishing)" ;;
     kit_ellipsoid) echo "kit: an ellipsoid step (fit of the full store)" ;;
+    kit_shown) echo "kit: the soft iron the store shows (its fit, the share in use scaled)" ;;
     kit_library_fit) echo "kit: a library fit's judgement (recent samples' covariance and share)" ;;
     kit_judge) echo "kit: an ellipsoid's judgement and adoption" ;;
     kit_rules) echo "kit: the vehicle rules of every cycle (steady tilt, anomaly, hysteresis)" ;;
