@@ -72,7 +72,8 @@ void mount_gravity_track(MountGravity *mg, const Vec3 &g, const Vec3 &smooth, bo
     mg->tilt_seen = tilted(*mg, a);
     mg->tilted = steady && mg->tilt_seen ? mg->tilted + 1 : 0;
     const bool held = mg->tilted >= rate * static_cast<uint32_t>(kMountTiltHoldMs) / 1000;
-    if (steady && mg->n > 0 && (!mount_gravity_near(*mg, g) || held)) {
+    const bool restart = steady && mg->n > 0 && (!mount_gravity_near(*mg, g) || held);
+    if (restart) {
         // The part's level stays; so does this cycle's tilt: the library's azimuth hold
         // lets the heading follow the new attitude one cycle late.
         const int32_t level = mg->level_sq;
@@ -85,6 +86,11 @@ void mount_gravity_track(MountGravity *mg, const Vec3 &g, const Vec3 &smooth, bo
         const int32_t v = static_cast<int32_t>(a.ss);
         mg->level_sq = mg->level_sq == 0 ? v : mg->level_sq + ((v - mg->level_sq) >> kMountLevelWeightShift);
     }
+    // A tilt is no acceleration to average out: the mean keeps the mount's gravity until
+    // the tilt is held (and restarts it) or goes. Taken in, it would draw the mean within
+    // the tilt's limit before the hold, and the attitude would take a mean a few degrees
+    // off at medium.
+    if (mg->tilt_seen && !restart) return;
     const uint32_t window = rate * static_cast<uint32_t>(kMountGravityWindowMs) / 1000;
     if (mg->n < window) ++mg->n;
     // The window's mean, expanding until it is full, then each sample's share 1/window;

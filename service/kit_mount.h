@@ -17,7 +17,10 @@
 // puts the phone down on a table, or a reader who holds it at a new angle, tilts it for
 // good; taking the mean for them turns the heading by up to t tan(dip). The length is
 // judged against the level: |g|^2 of the phone held still at the mean (the part's own
-// scale, kept across the mean's restarts), halfway between the two.
+// scale, kept across the mean's restarts), halfway between the two. A tilt seen stays
+// out of the mean while it is held: averaged in, it would draw a young mean within the
+// tilt's limit of itself before the hold, and the attitude would take a mean still
+// degrees off.
 #ifndef KMXC_SERVICE_KIT_MOUNT_H
 #define KMXC_SERVICE_KIT_MOUNT_H
 
