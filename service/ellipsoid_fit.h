@@ -11,9 +11,9 @@
 // samples). A full sphere's D has about n R^4 / 4 of information per unknown; with
 // noise s counts on a field of R counts the ridge is a prior on each entry of D of
 // standard deviation about 2 s sqrt(2^ridge_bits / n) / R (1 count, R = 120, n = 32:
-// 7 % at 2^-9, 13 % at 2^-11), so a well-spread store moves by a percent or two of D
-// while directions a cap cannot see stay at the sphere. The ridge is rotation-invariant,
-// so the fit turns with the phone. Then
+// 7 % at 2^-9, 13 % at 2^-11), so a well-spread store's D shrinks by under a percent
+// (4 * 2^-ridge_bits) while directions a cap cannot see stay at the sphere. The ridge is
+// rotation-invariant, so the fit turns with the phone. Then
 //   centre c = A^-1 b,   radius^2 = b.c - k,   W = A^(1/2) / det(A)^(1/6).
 // W keeps det(W) = 1: the corrected strength is the geometric mean of the ellipsoid's
 // semi-axes, whichever axis the iron stretches, and the plausibility range below
