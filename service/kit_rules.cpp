@@ -295,14 +295,19 @@ void try_confirm(const KmxAxesData &o, KmxcServiceEvent *e) {
     e->flags |= KMXC_SERVICE_CONFIRMED;
 }
 
+// A strength more than permille / divisor of the reference strength from it (strengths
+// below 2^16 counts: the products below 2^40).
+static bool strength_beyond(int32_t strength, int32_t permille, int divisor) {
+    return int64_t{abs32(strength - g_state.ref_strength)} * 1000 * divisor > int64_t{permille} * g_state.ref_strength;
+}
+
 // Causes against the reference at 1/divisor of each tolerance (1: the anomaly itself; the
 // hysteresis' divisor: a sample too near the limits to end an episode).
 static uint8_t causes_at(const Vec3 &g, int32_t strength, int32_t dip, int divisor) {
     uint8_t causes = 0;
     if (!strength_in_earth_range(strength)) causes |= KMXC_SERVICE_ANOMALY_RANGE;
     if (!g_state.reference) return causes;
-    if (int64_t{abs32(strength - g_state.ref_strength)} * 1000 * divisor >
-        int64_t{KMXC_SERVICE_STRENGTH_TOLERANCE_PERMILLE} * g_state.ref_strength)
+    if (strength_beyond(strength, KMXC_SERVICE_STRENGTH_TOLERANCE_PERMILLE, divisor))
         causes |= KMXC_SERVICE_ANOMALY_STRENGTH;
     // The angle judged through its cosine's bounds, only in steady tilt: outside it an
     // acceleration (a hand's, a vehicle's) may be what moved it, and the sample's field is
@@ -352,8 +357,7 @@ static void try_restore(const Vec3 &g, int32_t strength, int32_t dip, const KmxA
     if (++g_state.restore_count < KMXC_SERVICE_CONFIRM_SAMPLES) return;
     const Agreement a = agreement(offset, KMXC_SERVICE_CONFIRM_SAMPLES);
     if (!a.in_range || a.worst_permille > KMXC_SERVICE_AGREE_PERMILLE ||
-        int64_t{abs32(a.mean - g_state.ref_strength)} * 1000 >
-            int64_t{KMXC_SERVICE_STRENGTH_TOLERANCE_PERMILLE} * g_state.ref_strength)
+        strength_beyond(a.mean, KMXC_SERVICE_STRENGTH_TOLERANCE_PERMILLE, 1))
         return;
     g_state.offset_trusted = true;
     g_state.provisional = false;
@@ -369,9 +373,7 @@ void judge_anomaly(const Vec3 &g, int32_t strength, int32_t dip, const KmxAxesDa
         return;
     }
     e->anomaly = e->mag_result == 0 ? anomaly_of(g, strength, dip) : uint8_t{KMXC_SERVICE_ANOMALY_RANGE};
-    if (e->anomaly == 0 && g_state.reference &&
-        int64_t{abs32(strength - g_state.ref_strength)} * 1000 >
-            int64_t{g_state.strength_band_permille} * g_state.ref_strength) {
+    if (e->anomaly == 0 && g_state.reference && strength_beyond(strength, g_state.strength_band_permille, 1)) {
         // Not an episode: the surrounding may be the same, the estimate not what it
         // seemed (a batch on part of the sphere), and the sample is as good for the
         // store and the fits as any.
