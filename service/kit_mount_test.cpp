@@ -161,7 +161,8 @@ TEST(MountGravity, TheAngleFromTheMeanAndTheLengthDecideAtTheirLimits) {
 }
 
 // The hold counts steady tilted samples in a row: unsteady ones (a hand or a vehicle
-// still moving) start it again, so a tilt seen through a shaking second is not held.
+// still moving) start it again, so a tilt seen through a shaking second is not held; a
+// tilt seen stays out of the mean (taken in, it would draw the mean within its limit).
 TEST(MountGravity, TheTiltsHoldCountsOnlySteadySamplesInARow) {
     const uint32_t window = 10 * kMountGravityWindowMs / 1000, hold = 10 * kMountTiltHoldMs / 1000;
     const double tilt = KMXC_SERVICE_MOUNT_TILT_CDEG / 100.0 + 3;
@@ -172,6 +173,7 @@ TEST(MountGravity, TheTiltsHoldCountsOnlySteadySamplesInARow) {
     for (uint32_t i = 0; i + 1 < hold; ++i) mount_gravity_track(&mg, g, g, false, 10);
     EXPECT_TRUE(mg.tilt_seen) << "seen while unsteady";
     EXPECT_EQ(mg.tilted, 0u) << "but not counted";
+    EXPECT_EQ(mount_gravity_mean(mg).z, tilted(0).z) << "nor taken into the mean";
     mount_gravity_track(&mg, g, g, true, 10);
     EXPECT_EQ(mg.tilted, 1u);
     EXPECT_EQ(mg.n, window) << "one steady sample holds nothing";
