@@ -51,23 +51,25 @@ std::vector<Vec3> sphere_points(int n, const Vec3 &c, double radius = 100, doubl
     return v;
 }
 
+struct Case {
+    const char *name;
+    std::vector<Vec3> samples;
+    FitResult result;
+};
+
 TEST(Fits, RefuseWhatTheSamplesDoNotDetermineEachAtItsLimit) {
     static_assert(kSphereMinSpread == 4);
     const Vec3 c{300, -200, 100};
     const auto at = [&](int x, int y, int z) { return Vec3{c.x + x, c.y + y, c.z + z}; };
-    // Spread (z variance over x variance) 1024 (z1^2 + z2^2) / 256 / 16 at most... exactly:
-    // samples +-64 on x and y, +-z1 and +-z2 on z: 1024 * 2 (z1^2 + z2^2) / (2 * 64^2 * 2).
+    // Spread (z variance over x variance): samples +-64 on x and y, +-z1 and +-z2 on z give
+    // 1024 * 2 (z1^2 + z2^2) / (2 * 64^2 * 2).
     const auto axes = [&](int z1, int z2) {
         return std::vector<Vec3>{at(64, 0, 0), at(-64, 0, 0), at(0, 64, 0), at(0, -64, 0),
                                  at(0, 0, z1), at(0, 0, -z1), at(0, 0, z2), at(0, 0, -z2)};
     };
     std::vector<Vec3> far = sphere_points(8, c);
     far[7] = at(2600, 0, 0);
-    const struct {
-        const char *name;
-        std::vector<Vec3> samples;
-        FitResult result;
-    } sphere_cases[] = {
+    const Case sphere_cases[] = {
         {"seven samples", sphere_points(7, c), FitResult::kTooFew},
         {"eight samples", sphere_points(8, c), FitResult::kOk},
         {"spread exactly 4/1024", axes(4, 0), FitResult::kOk},
@@ -85,11 +87,7 @@ TEST(Fits, RefuseWhatTheSamplesDoNotDetermineEachAtItsLimit) {
     std::vector<Vec3> beyond = sphere_points(32, c);
     beyond[0] = at(1025, 0, 0);
     std::vector<Vec3> flat = circle_points(32, c);
-    const struct {
-        const char *name;
-        std::vector<Vec3> samples;
-        FitResult result;
-    } ellipsoid_cases[] = {
+    const Case ellipsoid_cases[] = {
         {"seventeen samples", sphere_points(17, c), FitResult::kTooFew},
         {"eighteen samples", sphere_points(18, c), FitResult::kOk},
         {"a sample beyond the span", beyond, FitResult::kOverflowRisk},
@@ -105,11 +103,7 @@ TEST(Fits, RefuseWhatTheSamplesDoNotDetermineEachAtItsLimit) {
     std::vector<Vec3> line, circle_far = circle_points(8, c);
     for (int i = 0; i < 8; ++i) line.push_back(at(10 * i, 20 * i, -30 * i));
     circle_far[0] = at(2600, 0, 0);
-    const struct {
-        const char *name;
-        std::vector<Vec3> samples;
-        FitResult result;
-    } circle_cases[] = {
+    const Case circle_cases[] = {
         {"five samples", circle_points(5, c), FitResult::kTooFew},
         {"six samples", circle_points(6, c), FitResult::kOk},
         {"a line", line, FitResult::kIllConditioned},

@@ -209,8 +209,6 @@ TEST(FieldStore, InvariantsHoldOverALongStreamFromARandomlyTurnedPhone) {
     EXPECT_GT(replaced, 100);
     // Every attitude was seen; 32 samples spread apart fill most of the 24 cells.
     EXPECT_GE(field_store_coverage(s, offset), 20);
-    std::printf("after 3000 samples: %d replacements, %d of 24 cells, closest pair %.1f counts apart\n", replaced,
-                field_store_coverage(s, offset), std::sqrt(double(s.spacing_sq)));
 }
 
 TEST(FieldStore, CoverageCellsSplitAtTheirBordersByTheStatedTies) {

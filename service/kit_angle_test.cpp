@@ -49,7 +49,6 @@ TEST(KitAngle, Atan2WithinItsBoundOverEveryMagnitudeAndOctant) {
         worst = std::max(worst, std::fabs(angle_diff(got, want)));
     }
     EXPECT_LE(worst, kAtan2MaxErrorCdeg);
-    std::printf("atan2_cdeg: largest error %.3f centidegrees\n", worst);
     const struct {
         int64_t y, x;
         int32_t cdeg;
@@ -88,8 +87,6 @@ TEST(KitAngle, AnglesBetweenVectorsAndStepsAboutANormalWithinTheirBound) {
     }
     EXPECT_LE(worst_between, kAngleMaxErrorCdeg);
     EXPECT_LE(worst_step, kAngleMaxErrorCdeg);
-    std::printf("largest errors: angle_between_cdeg %.3f, angle_step_cdeg %.3f centidegrees\n", worst_between,
-                worst_step);
     const Vec3 z{0, 0, 16384};
     EXPECT_EQ(angle_step_cdeg(z, Vec3{100, 0, 0}, Vec3{0, 100, 0}), 9000) << "counter-clockwise seen from the tip";
     EXPECT_EQ(angle_step_cdeg(z, Vec3{0, 100, 0}, Vec3{100, 0, 0}), -9000);

@@ -46,46 +46,34 @@ TEST(KitEstimate, TheHeadingsUncertaintyAtThisAttitudeCapsTheAccuracy) {
     const Vec3 level_g{0, 0, 4096}, level_v{0, 50, -80};
     const auto at = [](int cdeg, double f) { return std::pow(limit_rad(cdeg) * 50, 2) * f; };
     constexpr double kPrior = 2500;
+    // East determined at f times the limit's variance, the rest at the prior.
+    const auto east = [&](int cdeg, double f) { return covariance(at(cdeg, f), kPrior, kPrior); };
+    constexpr int kHigh = KMXC_SERVICE_HEADING_SIGMA_HIGH_CDEG, kMedium = KMXC_SERVICE_HEADING_SIGMA_MEDIUM_CDEG,
+                  kLow = KMXC_SERVICE_HEADING_SIGMA_LOW_CDEG;
+    const Vec3 side_v{-80, 50, 0}, side_g{4096, 0, 0};
     const struct {
         const char *name;
         OffsetCovariance p;
         Vec3 v, g;
         int8_t cap;
     } cases[] = {
-        {"just within the high limit along east: high",
-         covariance(at(KMXC_SERVICE_HEADING_SIGMA_HIGH_CDEG, 0.98), kPrior, kPrior), level_v, level_g,
-         KMXC_SERVICE_HIGH},
-        {"just past the high limit: medium", covariance(at(KMXC_SERVICE_HEADING_SIGMA_HIGH_CDEG, 1.02), kPrior, kPrior),
-         level_v, level_g, KMXC_SERVICE_MEDIUM},
-        {"just within the medium limit: medium",
-         covariance(at(KMXC_SERVICE_HEADING_SIGMA_MEDIUM_CDEG, 0.98), kPrior, kPrior), level_v, level_g,
-         KMXC_SERVICE_MEDIUM},
-        {"just past the medium limit: low",
-         covariance(at(KMXC_SERVICE_HEADING_SIGMA_MEDIUM_CDEG, 1.02), kPrior, kPrior), level_v, level_g,
-         KMXC_SERVICE_LOW},
-        {"just within the low limit: low", covariance(at(KMXC_SERVICE_HEADING_SIGMA_LOW_CDEG, 0.98), kPrior, kPrior),
-         level_v, level_g, KMXC_SERVICE_LOW},
-        {"just past the low limit: unreliable",
-         covariance(at(KMXC_SERVICE_HEADING_SIGMA_LOW_CDEG, 1.02), kPrior, kPrior), level_v, level_g,
-         KMXC_SERVICE_UNRELIABLE},
-        // The same estimate (east determined, the rest at the prior) on a phone stood on
-        // its side: gravity along +x, the field north along +y and down along -x, so
-        // east is -z, the direction the samples never determined.
-        {"tilted until the undetermined direction is east: unreliable",
-         covariance(at(KMXC_SERVICE_HEADING_SIGMA_HIGH_CDEG, 0.5), kPrior, kPrior), Vec3{-80, 50, 0}, Vec3{4096, 0, 0},
-         KMXC_SERVICE_UNRELIABLE},
-        {"tilted, the east error along the phone's z determined: high",
-         covariance(kPrior, kPrior, at(KMXC_SERVICE_HEADING_SIGMA_HIGH_CDEG, 0.5)), Vec3{-80, 50, 0}, Vec3{4096, 0, 0},
-         KMXC_SERVICE_HIGH},
+        {"just within the high limit along east: high", east(kHigh, 0.98), level_v, level_g, KMXC_SERVICE_HIGH},
+        {"just past the high limit: medium", east(kHigh, 1.02), level_v, level_g, KMXC_SERVICE_MEDIUM},
+        {"just within the medium limit: medium", east(kMedium, 0.98), level_v, level_g, KMXC_SERVICE_MEDIUM},
+        {"just past the medium limit: low", east(kMedium, 1.02), level_v, level_g, KMXC_SERVICE_LOW},
+        {"just within the low limit: low", east(kLow, 0.98), level_v, level_g, KMXC_SERVICE_LOW},
+        {"just past the low limit: unreliable", east(kLow, 1.02), level_v, level_g, KMXC_SERVICE_UNRELIABLE},
+        // The same estimate on a phone stood on its side: gravity along +x, the field
+        // north along +y and down along -x, so east is -z, the direction never determined.
+        {"tilted until the undetermined direction is east", east(kHigh, 0.5), side_v, side_g, KMXC_SERVICE_UNRELIABLE},
+        {"tilted, the east error along the phone's z determined: high", covariance(kPrior, kPrior, at(kHigh, 0.5)),
+         side_v, side_g, KMXC_SERVICE_HIGH},
         // A weaker horizontal field turns the same offset error into a larger heading
         // error: 25 counts north instead of 50 doubles it.
-        {"half the horizontal field: the high limit's variance is past it",
-         covariance(at(KMXC_SERVICE_HEADING_SIGMA_HIGH_CDEG, 0.98), kPrior, kPrior), Vec3{0, 25, -80}, level_g,
+        {"half the horizontal field: past the high limit", east(kHigh, 0.98), Vec3{0, 25, -80}, level_g,
          KMXC_SERVICE_MEDIUM},
-        // Gravity's length enters as |g|^2 / |e|^2 = 1 / |h|^2: a phone accelerated to
-        // 1.5 g reads the same heading uncertainty.
-        {"gravity 1.5 g, just within the high limit: still high",
-         covariance(at(KMXC_SERVICE_HEADING_SIGMA_HIGH_CDEG, 0.98), kPrior, kPrior), level_v, Vec3{0, 0, 6144},
+        // Gravity's length enters as |g|^2 / |e|^2 = 1 / |h|^2: 1.5 g reads the same.
+        {"gravity 1.5 g, just within the high limit: high", east(kHigh, 0.98), level_v, Vec3{0, 0, 6144},
          KMXC_SERVICE_HIGH},
         {"the field along gravity: no heading", covariance(1, 1, 1), Vec3{0, 0, -120}, level_g,
          KMXC_SERVICE_UNRELIABLE},
@@ -162,8 +150,7 @@ TEST(KitEstimate, OnlyATrustedEstimateWithADipBecomesTheReference) {
     const struct {
         const char *name;
         int8_t accuracy;
-        bool dip_valid;
-        bool known;
+        bool dip_valid, known;
     } cases[] = {
         {"high with a dip", KMXC_SERVICE_HIGH, true, true},
         {"medium with a dip", KMXC_SERVICE_MEDIUM, true, true},

@@ -111,11 +111,7 @@ TEST_F(Kit, TwoServicesOnOneSandboxNeverMixTheirRecords) {
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
     EXPECT_EQ(kmxc_service_stop(), KMXC_SERVICE_OK);  // the lock is free: the stop saves
     const std::string cfg = text_of(kCfg);
-    int32_t fields[9];
-    EXPECT_EQ(std::sscanf(cfg.c_str(), "%d,%d,%d,%d,%d,%d,%d,%d,%d", &fields[0], &fields[1], &fields[2], &fields[3],
-                          &fields[4], &fields[5], &fields[6], &fields[7], &fields[8]),
-              9)
-        << cfg;
+    EXPECT_EQ(fields_of(cfg).size(), 9u) << cfg;
     EXPECT_EQ(kit_belongs_to(text_of(kKitCfg)), rough_and_magnetic(cfg));
     for (int fd : {paused[0], paused[1], resume[0], resume[1]}) ::close(fd);
 }

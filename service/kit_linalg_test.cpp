@@ -156,7 +156,7 @@ Eigen::Matrix3d unpack(const int64_t s[6]) {
 TEST(KitLinalg, EigenvaluesAndSmallestVectorAgreeWithDoublePrecision) {
     std::mt19937_64 rng(13);
     std::normal_distribution<double> gauss;
-    double worst_value = 0, worst_vector = 0;
+    double worst_vector = 0;
     for (int trial = 0; trial < 20000; ++trial) {
         const Eigen::Matrix3d q = Eigen::Quaterniond::UnitRandom().toRotationMatrix();
         Eigen::Vector3d ev(1, std::ldexp(1.0, -static_cast<int>(rng() % 8)),
@@ -174,7 +174,6 @@ TEST(KitLinalg, EigenvaluesAndSmallestVectorAgreeWithDoublePrecision) {
         for (int k = 0; k < 3; ++k) {
             const double err = std::fabs(double(lambda[k]) - want(k)), truncation = std::ldexp(want(0), -25) + 1;
             ASSERT_LE(err, 3e-4 * spread + truncation) << trial;
-            if (spread > 1e4 * truncation) worst_value = std::max(worst_value, err / spread);
         }
         int64_t v[3];
         ASSERT_TRUE(sym3_smallest_vector(s, v));
@@ -185,7 +184,6 @@ TEST(KitLinalg, EigenvaluesAndSmallestVectorAgreeWithDoublePrecision) {
         }
     }
     EXPECT_LT(worst_vector, 1e-12);
-    std::printf("eigenvalues within %.2e of the spread; smallest vector's 1 - |cos| %.2e\n", worst_value, worst_vector);
     const int64_t diagonal[6] = {5, 0, 0, 9, 0, -2}, line[6] = {1, 1, 1, 1, 1, 1}, disc[6] = {5, 0, 0, 2, 0, 2};
     int64_t lambda[3], v[3];
     sym3_eigenvalues(diagonal, lambda);

@@ -66,27 +66,6 @@ TEST(VehicleEntry, AnAngleHeldAwayWhileTheFieldStaysStillIsAVehicleAtEachLimit) 
     }
 }
 
-// A hand turning the phone about the field's own direction keeps the field still and
-// moves gravity (here by 20 degrees about the field, 10 from kDown), but not the angle
-// between them: no vehicle.
-TEST(VehicleEntry, ATurnAboutTheFieldsDirectionIsNoVehicle) {
-    const double n = std::sqrt(100.0 * 100 + 173.0 * 173), u[3] = {0, 100 / n, -173 / n};
-    Still r;
-    r.hold(0, 900, kField, kDown);
-    for (int64_t t = 1000; t <= 5000; t += 100) {
-        // Rodrigues' rotation of kDown about u by up to 20 degrees.
-        const double a = std::min(1.0, (t - 1000) / 1000.0) * 20 * kPi / 180, g[3] = {0, 0, -4096};
-        const double ug = u[2] * g[2], cross[3] = {u[1] * g[2] - u[2] * g[1], u[2] * g[0] - u[0] * g[2], 0};
-        Vec3 turned{};
-        int32_t *out[3] = {&turned.x, &turned.y, &turned.z};
-        for (int k = 0; k < 3; ++k)
-            *out[k] = static_cast<int32_t>(
-                std::lround(g[k] * std::cos(a) + cross[k] * std::sin(a) + u[k] * ug * (1 - std::cos(a))));
-        r.hold(t, t, kField, turned);
-    }
-    EXPECT_EQ(r.entries, 0);
-}
-
 // Without a trusted offset the field is not the Earth's: nothing is judged, and the
 // watch starts afresh from the first cycle with one.
 TEST(VehicleEntry, NothingIsJudgedWithoutATrustedOffset) {

@@ -16,6 +16,14 @@ double azimuth_error_deg(const KmxcServiceEvent &e, const Truth &t) {
     return heading_difference(e.orientation_deg[0], true_angles(t.attitude, HeadingAxis::kY).double_azimuth);
 }
 
+// The phone held in `pose` in the scenario's undisturbed field (magnetic: no declination).
+void hold(Truth &truth, const ScenarioSettings &s, const Pose &pose) {
+    truth.attitude = attitude_matrix(pose);
+    truth.earth_uT = to_phone(truth.attitude, earth_field_uT(s.field_uT, s.inclination_deg));
+    truth.field_uT = truth.earth_uT;
+    truth.gravity_g = to_phone(truth.attitude, Vec3{0, 0, -1});
+}
+
 // In a car's mount the attitude takes the mount's mean gravity while the phone turns on
 // its circle: the heading then holds through braking and cornering (0.4 g tilts the
 // measured gravity by up to 22 degrees, several times the heading at a 60-degree dip).
@@ -96,11 +104,7 @@ TEST_F(Kit, APhonePutDownFromReadingIsTiltedNotAcceleratedAndItsAttitudeFollows)
     constexpr double kTurnS = 60, kDownS = 8, kShownS = 1, kHeldS = 4.5;
     ScenarioSettings s = scenario("browse");  // a script long enough; the pose is this test's
     const Trace r = run(s, 10, kTurnS + kDownS, [&](double t, Truth &truth) {
-        const Pose pose = t < kTurnS ? Pose{90 + 20 * (t - kTurnS), -13, 0} : Pose{90, 0, 0};
-        truth.attitude = attitude_matrix(pose);  // magnetic: no declination
-        truth.earth_uT = to_phone(truth.attitude, earth_field_uT(s.field_uT, s.inclination_deg));
-        truth.field_uT = truth.earth_uT;
-        truth.gravity_g = to_phone(truth.attitude, Vec3{0, 0, -1});
+        hold(truth, s, t < kTurnS ? Pose{90 + 20 * (t - kTurnS), -13, 0} : Pose{90, 0, 0});
     });
     ASSERT_GE(r.events.size(), static_cast<size_t>(10 * (kTurnS + kDownS)));
     const KmxcServiceEvent &before = r.events[10 * kTurnS - 1];
@@ -188,12 +192,7 @@ TEST_F(Kit, TheIntegerHeadingKeepsItsAxisWithinTheMarginAndSaysWhich) {
         const size_t k = std::min(static_cast<size_t>(t / kHoldS), std::size(holds) - 1);
         return Pose{40, -holds[k].pitch_up_deg, 20};
     };
-    const Trace r = run(s, 10, kHoldS * std::size(holds), [&](double t, Truth &truth) {
-        truth.attitude = attitude_matrix(pose_at(t));  // magnetic: no declination
-        truth.earth_uT = to_phone(truth.attitude, earth_field_uT(s.field_uT, s.inclination_deg));
-        truth.field_uT = truth.earth_uT;
-        truth.gravity_g = to_phone(truth.attitude, Vec3{0, 0, -1});
-    });
+    const Trace r = run(s, 10, kHoldS * std::size(holds), [&](double t, Truth &truth) { hold(truth, s, pose_at(t)); });
     ASSERT_GE(r.events.size(), 10 * kHoldS * std::size(holds));
     for (size_t k = 0; k < std::size(holds); ++k) {
         SCOPED_TRACE(holds[k].pitch_up_deg);
