@@ -2,7 +2,6 @@
 // scheduled cut stops the calls and the files until power-on, a planned cut ends the
 // program with its status.
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -122,11 +121,8 @@ TEST_F(PowerCutTest, APlannedPowerCutEndsTheProgramWithItsStatus) {
     const pid_t child = vphone::fork_process();
     ASSERT_GE(child, 0);
     if (child == 0) {
-        std::vector<vphone::PlannedFault> plan;
-        std::string error;
-        if (!vphone::parse_fault_plan("powercut:2", &plan, &error)) ::_exit(1);
-        vphone::apply_fault_plan(plan);
-        create("/misc/sensor/f", "new", true);  // open, then the write: cut
+        vphone::apply_fault_plan({{Call::Open, 2, 0, 1, true, true}});  // powercut:2
+        create("/misc/sensor/f", "new", true);                          // open, then the write: cut
         ::_exit(0);
     }
     int status = 0;
@@ -135,7 +131,5 @@ TEST_F(PowerCutTest, APlannedPowerCutEndsTheProgramWithItsStatus) {
     EXPECT_EQ(WEXITSTATUS(status), vphone::kPowerCutExitStatus);
     EXPECT_EQ(vphone::read_file("/misc/sensor/f"), "old");  // the truncation did not last
 }
-
-// A wait over a huge gap sleeps without end; the transcript keeps a bounded number.
 
 }  // namespace

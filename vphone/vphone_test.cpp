@@ -3,12 +3,10 @@
 #include <sys/file.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
-#include <cstring>
 #include <filesystem>
 #include <functional>
 
@@ -98,14 +96,14 @@ TEST_F(VphoneTest, FaultWindowsCountFromWhenTheyAreSet) {
     for (const auto &c : cases) {
         vphone::reset();
         ::access("/misc/sensor/a", F_OK);  // calls before the window is set do not shift it
-        vphone::fail_call(Call::Access, c.nth, EACCES, c.count);
+        vphone::apply_fault_plan({{Call::Access, c.nth, EACCES, c.count}});  // fail_call, as a plan's entry
         for (size_t i = 0; i < c.fails.size(); ++i)
             EXPECT_EQ(::access("/misc/sensor/a", F_OK), c.fails[i] ? -1 : 0) << c.name << ", call " << i + 1;
     }
 }
 
-// A fault plan as an integrator writes it: each entry becomes one fail_call, and text
-// that is not a plan is refused with the entry and the reason.
+// A fault plan as an integrator writes it: each entry becomes one fault, and text that
+// is not a plan is refused with the entry and the reason.
 TEST_F(VphoneTest, FaultPlansParseToTheirFaultsOrSayWhyNot) {
     using vphone::PlannedFault;
     const struct {
@@ -125,12 +123,8 @@ TEST_F(VphoneTest, FaultPlansParseToTheirFaultsOrSayWhyNot) {
         {"read:1:EIO:1:9", {}, "'read:1:EIO:1:9': at most CALL:N:ERRNO:COUNT"},
         {"read:1,", {}, "'': unknown call ''"},
         {"fsync:2:EIO,flock:1:EAGAIN", {{Call::Fsync, 2, EIO, 1}, {Call::Flock, 1, EAGAIN, 1}}, ""},
-        {"unlink:1,fdatasync:1,fchmod:1,fchown:1:EPERM",
-         {{Call::Unlink, 1, EIO, 1},
-          {Call::Fdatasync, 1, EIO, 1},
-          {Call::Fchmod, 1, EIO, 1},
-          {Call::Fchown, 1, EPERM, 1}},
-         ""},
+        {"unlink:1,fdatasync:1", {{Call::Unlink, 1, EIO, 1}, {Call::Fdatasync, 1, EIO, 1}}, ""},
+        {"fchmod:1,fchown:1:EPERM", {{Call::Fchmod, 1, EIO, 1}, {Call::Fchown, 1, EPERM, 1}}, ""},
         {"powercut:7", {{Call::Open, 7, 0, 1, true, true}}, ""},
         {"rename:1,powercut:3:usleep", {{Call::Rename, 1, EIO, 1}, {Call::Usleep, 3, 0, 1, true, false}}, ""},
         {"powercut-entries:4:fsync", {{Call::Fsync, 4, 0, 1, true, false, vphone::CutKeeps::kEntries}}, ""},
@@ -142,32 +136,10 @@ TEST_F(VphoneTest, FaultPlansParseToTheirFaultsOrSayWhyNot) {
     for (const auto &c : cases) {
         std::vector<PlannedFault> got;
         std::string error;
-        const bool ok = vphone::parse_fault_plan(c.text, &got, &error);
-        EXPECT_EQ(ok, *c.error == '\0') << c.text;
-        if (!ok) {
-            EXPECT_EQ(error.rfind(c.error, 0), 0u) << c.text << ": " << error;
-            continue;
-        }
-        ASSERT_EQ(got.size(), c.want.size()) << c.text;
-        for (size_t i = 0; i < got.size(); ++i) {
-            EXPECT_EQ(got[i].call, c.want[i].call) << c.text;
-            EXPECT_EQ(got[i].nth, c.want[i].nth) << c.text;
-            EXPECT_EQ(got[i].error, c.want[i].error) << c.text;
-            EXPECT_EQ(got[i].count, c.want[i].count) << c.text;
-            EXPECT_EQ(got[i].power_cut, c.want[i].power_cut) << c.text;
-            EXPECT_EQ(got[i].any_file_call, c.want[i].any_file_call) << c.text;
-            EXPECT_EQ(got[i].keeps, c.want[i].keeps) << c.text;
-        }
+        EXPECT_EQ(vphone::parse_fault_plan(c.text, &got, &error), *c.error == '\0') << c.text;
+        EXPECT_EQ(error.rfind(c.error, 0), 0u) << c.text << ": " << error;
+        if (error.empty()) { EXPECT_EQ(got, c.want) << c.text; }
     }
-    // Applied, the plan fails exactly the named occurrence.
-    std::vector<PlannedFault> plan;
-    std::string error;
-    ASSERT_TRUE(vphone::parse_fault_plan("access:2:EACCES", &plan, &error));
-    vphone::apply_fault_plan(plan);
-    EXPECT_EQ(::access("/misc/sensor", F_OK), 0);
-    EXPECT_EQ(::access("/misc/sensor", F_OK), -1);
-    EXPECT_EQ(errno, EACCES);
-    EXPECT_EQ(::access("/misc/sensor", F_OK), 0);
 }
 
 // ---- Phone files through descriptors ---------------------------------------------------
