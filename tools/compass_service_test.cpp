@@ -1,6 +1,7 @@
 // End-to-end checks of the compass service demo: the program runs as a user runs it,
 // against the shipped library on the virtual phone, and the tests read the per-sample
 // outputs it writes (--outputs) and recompute what they assert from them.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "tools/service_run_test_util.h"
@@ -8,6 +9,7 @@
 namespace {
 
 using namespace service_run;
+using ::testing::HasSubstr;
 
 TEST(CompassService, DefaultScenarioCalibratesInThreeDimensionsAndHoldsTheHeading) {
     const std::string d = dir_for("default");
@@ -86,9 +88,7 @@ TEST(CompassService, ReplayOfARecordGivesTheSameOutputsSampleForSample) {
         const Result rep =
             run(d, {"--sandbox", d + "/replay", "--quiet", "--replay", d + "/raw.csv", "--outputs", d + "/replay.csv"});
         ASSERT_EQ(rep.exit_code, 0) << rep.err;
-        if (std::string(scenario) == "magnet") {
-            EXPECT_NE(rec.out.find("rough offset changed 1 time"), std::string::npos) << rec.out;
-        }
+        if (std::string(scenario) == "magnet") { EXPECT_THAT(rec.out, HasSubstr("rough offset changed 1 time")); }
         const auto live = outputs(d + "/live.csv"), replay = outputs(d + "/replay.csv");
         ASSERT_EQ(live.size(), replay.size()) << scenario;
         for (size_t i = 0; i < live.size(); ++i)
@@ -101,13 +101,13 @@ TEST(CompassService, SecondRunWithTheSameSandboxStartsFromTheStoredOffsets) {
     const std::string d = dir_for("persist");
     const Result first = run(d, {"--fresh", "--sandbox", d + "/phone", "--quiet", "--outputs", d + "/a.csv"});
     ASSERT_EQ(first.exit_code, 0) << first.err;
-    EXPECT_NE(first.out.find("no stored magnetic offset"), std::string::npos);
+    EXPECT_THAT(first.out, HasSubstr("no stored magnetic offset"));
     const Result second =
         run(d, {"--sandbox", d + "/phone", "--quiet", "--scenario", "still", "--outputs", d + "/b.csv"});
     ASSERT_EQ(second.exit_code, 0) << second.err;
-    EXPECT_NE(second.out.find("stored magnetic offset loaded"), std::string::npos) << second.out;
-    EXPECT_NE(second.out.find("from the file"), std::string::npos) << "stored rough offset not used";
-    EXPECT_NE(second.out.find("start                     calibrated"), std::string::npos);
+    EXPECT_THAT(second.out, HasSubstr("stored magnetic offset loaded"));
+    EXPECT_THAT(second.out, HasSubstr("from the file")) << "stored rough offset not used";
+    EXPECT_THAT(second.out, HasSubstr("start                     calibrated"));
     const auto a = outputs(d + "/a.csv"), b = outputs(d + "/b.csv");
     for (const char *col : {"offset_x", "offset_y", "offset_z"})
         EXPECT_EQ(b.front().at(col), a.back().at(col)) << col << ": first sample of the second run";
@@ -144,16 +144,16 @@ TEST(CompassService, CarFreshStartsWithoutTheStoredOffsetAndTheSummaryNamesTheMo
         ASSERT_EQ(r.exit_code, 0) << r.err;
         const std::string json = slurp(d + "/" + scenario + ".json");
         if (std::string(scenario) == "car-fresh") {
-            EXPECT_NE(r.out.find("no stored magnetic offset"), std::string::npos) << r.out;
-            EXPECT_NE(json.find("\"mounted_s\": 0.000,"), std::string::npos) << json;
-            EXPECT_NE(json.find("\"medium\": 0.000, \"high\": 0.000}"), std::string::npos) << json;
+            EXPECT_THAT(r.out, HasSubstr("no stored magnetic offset"));
+            EXPECT_THAT(json, HasSubstr("\"mounted_s\": 0.000,"));
+            EXPECT_THAT(json, HasSubstr("\"medium\": 0.000, \"high\": 0.000}"));
             expect_the_back_heads_the_drive(outputs(d + "/car-fresh.csv"));
         } else {
-            EXPECT_NE(json.find("\"mounted_s\": 17.000,"), std::string::npos) << json;
+            EXPECT_THAT(json, HasSubstr("\"mounted_s\": 17.000,"));
         }
-        EXPECT_NE(r.out.find("\n  mounted                   "), std::string::npos) << r.out;
-        EXPECT_NE(json.find("\"estimator\": \""), std::string::npos) << json;
-        EXPECT_NE(json.find("\"coverage_cells\": "), std::string::npos) << json;
+        EXPECT_THAT(r.out, HasSubstr("\n  mounted                   "));
+        EXPECT_THAT(json, HasSubstr("\"estimator\": \""));
+        EXPECT_THAT(json, HasSubstr("\"coverage_cells\": "));
     }
 }
 
