@@ -98,6 +98,9 @@ TEST_F(ClockTest, EachSleepMovesTheOneClockByWhatItAsksAndEveryMonotonicClockRea
 // (errno untouched); an interrupted relative sleep has all of its time left.
 TEST_F(ClockTest, AFaultFailsTheCallAsItReportsErrorsAndSleepsNothing) {
     const timespec request = at(0, 5000000);
+    auto relative = [&](timespec *left) { return ::clock_nanosleep(CLOCK_MONOTONIC, 0, &request, left); };
+    auto deadline = [&](timespec *left) { return ::clock_nanosleep(CLOCK_BOOTTIME, TIMER_ABSTIME, &request, left); };
+    auto nanosleep = [&](timespec *left) { return ::nanosleep(&request, left); };
     const struct {
         const char *plan;
         std::function<int(timespec *left)> call;
@@ -106,13 +109,10 @@ TEST_F(ClockTest, AFaultFailsTheCallAsItReportsErrorsAndSleepsNothing) {
         bool time_left;  // *left is the whole request
     } cases[] = {
         {"usleep:1:EINTR", [](timespec *) { return ::usleep(5000); }, -1, EINTR, false},
-        {"nanosleep:1:EINTR", [&](timespec *left) { return ::nanosleep(&request, left); }, -1, EINTR, true},
-        {"nanosleep:1:EFAULT", [&](timespec *left) { return ::nanosleep(&request, left); }, -1, EFAULT, false},
-        {"clock_nanosleep:1:EINTR",
-         [&](timespec *left) { return ::clock_nanosleep(CLOCK_MONOTONIC, 0, &request, left); }, EINTR, 0, true},
-        {"clock_nanosleep:1:EINTR",
-         [&](timespec *left) { return ::clock_nanosleep(CLOCK_BOOTTIME, TIMER_ABSTIME, &request, left); }, EINTR, 0,
-         false},
+        {"nanosleep:1:EINTR", nanosleep, -1, EINTR, true},
+        {"nanosleep:1:EFAULT", nanosleep, -1, EFAULT, false},
+        {"clock_nanosleep:1:EINTR", relative, EINTR, 0, true},
+        {"clock_nanosleep:1:EINTR", deadline, EINTR, 0, false},
         {"clock_gettime:1:EINVAL", [](timespec *now) { return ::clock_gettime(CLOCK_BOOTTIME, now); }, -1, EINVAL,
          false},
     };

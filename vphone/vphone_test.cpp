@@ -20,6 +20,7 @@ namespace {
 using vphone::Call;
 using vphone::Kind;
 using Bytes = std::vector<uint8_t>;
+using Results = std::vector<int>;  // of calls in order, an initializer list being evaluated left to right
 
 class VphoneTest : public vphone::PhoneTest {};
 
@@ -155,10 +156,7 @@ TEST_F(VphoneTest, DescriptorCallsOnPhoneFilesAreCountedFailableAndReal) {
     EXPECT_EQ(::open(path, O_WRONLY | O_CREAT | O_EXCL, 0600), -1);  // exclusive
     EXPECT_EQ(errno, EEXIST);
     EXPECT_EQ(::write(fd, "abc", 3), 3);
-    EXPECT_EQ(::fchown(fd, 1008, 1000), 0);
-    EXPECT_EQ(::fchmod(fd, 0666), 0);
-    EXPECT_EQ(::fsync(fd), 0);
-    EXPECT_EQ(::fdatasync(fd), 0);
+    EXPECT_EQ((Results{::fchown(fd, 1008, 1000), ::fchmod(fd, 0666), ::fsync(fd), ::fdatasync(fd)}), Results(4, 0));
     EXPECT_EQ(::flock(dir, LOCK_EX | LOCK_NB), 0);
     const int other = ::open("/misc/sensor", O_RDONLY | O_DIRECTORY);  // another open file description
     EXPECT_EQ(::flock(other, LOCK_EX | LOCK_NB), -1);
@@ -168,10 +166,8 @@ TEST_F(VphoneTest, DescriptorCallsOnPhoneFilesAreCountedFailableAndReal) {
     EXPECT_EQ(vphone::read_file("/misc/sensor/moved"), "abc");
     EXPECT_EQ(vphone::owner_of("/misc/sensor/moved"), (vphone::Owner{1008, 1000}));  // fchown follows the rename
     EXPECT_EQ(vphone::mode_of("/misc/sensor/moved"), 0666u);
-    EXPECT_EQ(::unlink("/misc/sensor/moved"), 0);
+    EXPECT_EQ((Results{::unlink("/misc/sensor/moved"), ::close(other), ::close(dir)}), Results(3, 0));
     EXPECT_FALSE(vphone::exists("/misc/sensor/moved"));
-    ::close(other);
-    ::close(dir);
     const struct {
         Call call;
         int count;
