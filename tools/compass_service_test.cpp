@@ -15,9 +15,15 @@ namespace {
 using namespace service_run;
 using ::testing::HasSubstr;
 
+// A quiet run on the sandbox d/phone.
+Result on_phone(const std::string &d, std::vector<std::string> args) {
+    args.insert(args.end(), {"--sandbox", d + "/phone", "--quiet"});
+    return run(d, args);
+}
+
 TEST(CompassService, DefaultScenarioCalibratesInThreeDimensionsAndHoldsTheHeading) {
     const std::string d = dir_for("default");
-    const Result r = run(d, {"--fresh", "--sandbox", d + "/phone", "--quiet", "--outputs", d + "/o.csv"});
+    const Result r = on_phone(d, {"--fresh", "--outputs", d + "/o.csv"});
     ASSERT_EQ(r.exit_code, 0) << r.err;
     const auto rows = outputs(d + "/o.csv");
     ASSERT_GT(rows.size(), 500u);
@@ -86,8 +92,8 @@ TEST(CompassService, TwoPlanesCombineIntoAThreeDimensionalCalibration) {
 TEST(CompassService, ReplayOfARecordGivesTheSameOutputsSampleForSample) {
     for (const char *scenario : {"default", "magnet"}) {
         const std::string d = dir_for(std::string("replay-") + scenario);
-        const Result rec = run(d, {"--fresh", "--sandbox", d + "/phone", "--quiet", "--scenario", scenario, "--record",
-                                   d + "/raw.csv", "--outputs", d + "/live.csv"});
+        const Result rec =
+            on_phone(d, {"--fresh", "--scenario", scenario, "--record", d + "/raw.csv", "--outputs", d + "/live.csv"});
         ASSERT_EQ(rec.exit_code, 0) << rec.err;
         const Result rep =
             run(d, {"--sandbox", d + "/replay", "--quiet", "--replay", d + "/raw.csv", "--outputs", d + "/replay.csv"});
@@ -103,11 +109,10 @@ TEST(CompassService, ReplayOfARecordGivesTheSameOutputsSampleForSample) {
 
 TEST(CompassService, SecondRunWithTheSameSandboxStartsFromTheStoredOffsets) {
     const std::string d = dir_for("persist");
-    const Result first = run(d, {"--fresh", "--sandbox", d + "/phone", "--quiet", "--outputs", d + "/a.csv"});
+    const Result first = on_phone(d, {"--fresh", "--outputs", d + "/a.csv"});
     ASSERT_EQ(first.exit_code, 0) << first.err;
     EXPECT_THAT(first.out, HasSubstr("no stored magnetic offset"));
-    const Result second =
-        run(d, {"--sandbox", d + "/phone", "--quiet", "--scenario", "still", "--outputs", d + "/b.csv"});
+    const Result second = on_phone(d, {"--scenario", "still", "--outputs", d + "/b.csv"});
     ASSERT_EQ(second.exit_code, 0) << second.err;
     EXPECT_THAT(second.out, HasSubstr("stored magnetic offset loaded"));
     EXPECT_THAT(second.out, HasSubstr("from the file")) << "stored rough offset not used";
@@ -141,10 +146,10 @@ void expect_the_back_heads_the_drive(const std::vector<std::map<std::string, std
 // axis no better than the chip's temperature wander allows).
 TEST(CompassService, CarFreshStartsWithoutTheStoredOffsetAndTheSummaryNamesTheMounting) {
     const std::string d = dir_for("car");
-    ASSERT_EQ(run(d, {"--fresh", "--sandbox", d + "/phone", "--quiet"}).exit_code, 0);
+    ASSERT_EQ(on_phone(d, {"--fresh"}).exit_code, 0);
     for (const char *scenario : {"car-fresh", "car"}) {
-        const Result r = run(d, {"--sandbox", d + "/phone", "--quiet", "--scenario", scenario, "--summary-json",
-                                 d + "/" + scenario + ".json", "--outputs", d + "/" + scenario + ".csv"});
+        const Result r = on_phone(d, {"--scenario", scenario, "--summary-json", d + "/" + scenario + ".json",
+                                      "--outputs", d + "/" + scenario + ".csv"});
         ASSERT_EQ(r.exit_code, 0) << r.err;
         const std::string json = slurp(d + "/" + scenario + ".json");
         if (std::string(scenario) == "car-fresh") {
@@ -165,8 +170,7 @@ TEST(CompassService, CarFreshStartsWithoutTheStoredOffsetAndTheSummaryNamesTheMo
 
 // A still run on the sandbox d/phone, its raw record written to d/r.csv: its exit code.
 int record_still(const std::string &d) {
-    return run(d, {"--fresh", "--sandbox", d + "/phone", "--quiet", "--scenario", "still", "--record", d + "/r.csv"})
-        .exit_code;
+    return on_phone(d, {"--fresh", "--scenario", "still", "--record", d + "/r.csv"}).exit_code;
 }
 
 TEST(CompassService, AGarbledCalibrationFileIsResetAndSaidSo) {
@@ -176,11 +180,10 @@ TEST(CompassService, AGarbledCalibrationFileIsResetAndSaidSo) {
     fs::create_directories(d + "/phone/misc/sensor");
     std::ofstream(d + "/phone/.kmxc-sandbox");
     std::ofstream(d + "/phone/misc/sensor/kmxc_orvane.cfg") << "calibrated!";
-    const std::vector<std::string> still = {"--sandbox", d + "/phone", "--quiet", "--scenario", "still"};
-    const Result r = run(d, still);
+    const Result r = on_phone(d, {"--scenario", "still"});
     ASSERT_EQ(r.exit_code, 0) << r.err;
     EXPECT_THAT(r.out, HasSubstr("no stored magnetic offset; the calibration file was empty or garbled and was reset"));
-    const Result again = run(d, still);
+    const Result again = on_phone(d, {"--scenario", "still"});
     EXPECT_EQ(again.exit_code, 0);
     EXPECT_EQ(again.err, "") << "the next run must load the file without a complaint";
     EXPECT_THAT(again.out, HasSubstr("from the file"));
@@ -279,9 +282,7 @@ TEST(CompassService, FilesNamedInsideTheSandboxAreRefusedBeforeAnythingIsLost) {
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
-        std::vector<std::string> args = c.args;
-        args.insert(args.end(), {"--sandbox", d + "/phone", "--quiet"});
-        const Result r = run(d, args);
+        const Result r = on_phone(d, c.args);
         EXPECT_EQ(r.exit_code, 2);
         EXPECT_THAT(r.err, HasSubstr("is inside the sandbox"));
         EXPECT_EQ(slurp(d + "/phone/r.csv"), slurp(d + "/r.csv"));
@@ -292,13 +293,12 @@ TEST(CompassService, FilesNamedInsideTheSandboxAreRefusedBeforeAnythingIsLost) {
 
 TEST(CompassService, AFailedSaveIsReportedAndTheExitStatusSaysSo) {
     const std::string d = dir_for("save-fails");
-    ASSERT_EQ(run(d, {"--fresh", "--sandbox", d + "/phone", "--quiet"}).exit_code, 0);
+    ASSERT_EQ(on_phone(d, {"--fresh"}).exit_code, 0);
     const std::string cfg = slurp(d + "/phone/misc/sensor/kmxc_orvane.cfg");
     ASSERT_FALSE(cfg.empty());
     // The magnet moves the rough offset and a new fit follows: saves the file system
     // refuses, every one.
-    const Result r =
-        run(d, {"--sandbox", d + "/phone", "--quiet", "--scenario", "magnet", "--fault", "rename:1:EROFS:all"});
+    const Result r = on_phone(d, {"--scenario", "magnet", "--fault", "rename:1:EROFS:all"});
     EXPECT_EQ(r.exit_code, 3) << r.err;
     EXPECT_THAT(r.err, HasSubstr("compass_service: saving the calibration file failed"));
     EXPECT_THAT(r.out, HasSubstr(" 0 done, "));
@@ -308,9 +308,7 @@ TEST(CompassService, AFailedSaveIsReportedAndTheExitStatusSaysSo) {
 TEST(CompassService, NamesReachThePlotAsTextNeverAsCommands) {
     const std::string d = dir_for("inject");
     const std::string record = d + "/r\";system(\"touch INJECTED\");\"x.csv", plot = d + "/p'`touch INJECTED2`'.png";
-    ASSERT_EQ(
-        run(d, {"--fresh", "--sandbox", d + "/phone", "--quiet", "--scenario", "still", "--record", record}).exit_code,
-        0);
+    ASSERT_EQ(on_phone(d, {"--fresh", "--scenario", "still", "--record", record}).exit_code, 0);
     const Result r = run(d, {"--replay", record, "--sandbox", d + "/replay", "--quiet", "--plot", plot});
     ASSERT_EQ(r.exit_code, 0) << r.err;
     EXPECT_EQ(slurp(plot).substr(0, 4), "\x89PNG") << "gnuplot drew no PNG";
