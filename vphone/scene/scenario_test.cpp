@@ -17,8 +17,10 @@
 namespace vphone::scene {
 namespace {
 
-constexpr double kB = 50.0, kIncl = 60.0;
-const double kBh = kB * std::cos(kIncl * M_PI / 180), kBv = kB * std::sin(kIncl * M_PI / 180);
+constexpr double kDegree = M_PI / 180, kB = 50.0, kIncl = 60.0;
+const double kBh = kB * std::cos(kIncl * kDegree), kBv = kB * std::sin(kIncl * kDegree);
+
+ScenarioSettings settings(const char *name, uint32_t seed = 1) { return {.name = name, .seed = seed}; }
 
 // Known attitudes, worked out by hand from where the phone's axes point.
 const struct {
@@ -103,7 +105,7 @@ TEST(ScenarioScripts, HandlingIsContinuousAndEveryScriptHasItsPhases) {
     for (const auto &c : cases) EXPECT_TRUE(is_scenario_name(c.name)) << c.name;
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
-        const Scenario sc(ScenarioSettings{.name = c.name});
+        const Scenario sc(settings(c.name));
         std::set<std::string> seen;
         Truth prev = sc.ideal(0);
         for (double t = 0.05; t <= sc.duration_s(); t += 0.05) {
@@ -121,15 +123,6 @@ TEST(ScenarioScripts, HandlingIsContinuousAndEveryScriptHasItsPhases) {
         }
         for (const auto &p : c.phases) EXPECT_TRUE(seen.count(p)) << "missing phase " << p;
     }
-}
-
-constexpr double kDegree = M_PI / 180;
-
-ScenarioSettings settings(const char *name, uint32_t seed = 1) {
-    ScenarioSettings s;
-    s.name = name;
-    s.seed = seed;
-    return s;
 }
 
 // Soft iron turns the sphere the Earth field sweeps into the ellipsoid |S^-1 f| = B and
