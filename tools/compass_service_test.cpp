@@ -64,8 +64,7 @@ TEST(CompassService, DefaultScenarioCalibratesInThreeDimensionsAndHoldsTheHeadin
 
 TEST(CompassService, TwoPlanesCombineIntoAThreeDimensionalCalibration) {
     const std::string d = dir_for("two-planes");
-    const Result r = run(
-        d, {"--fresh", "--sandbox", d + "/phone", "--quiet", "--scenario", "two-planes", "--outputs", d + "/o.csv"});
+    const Result r = on_phone(d, {"--fresh", "--scenario", "two-planes", "--outputs", d + "/o.csv"});
     ASSERT_EQ(r.exit_code, 0) << r.err;
     const auto rows = outputs(d + "/o.csv");
     std::set<int> seen;  // calibration codes that published an offset
