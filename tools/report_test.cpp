@@ -13,32 +13,34 @@
 namespace compass {
 namespace {
 
+// A sample with both paths at `heading`, the truth (every heading) at true_heading, level.
 SampleOutput sample(int64_t t_us, int calib_rc, int heading, double true_heading, int accuracy = 0) {
-    return {.time_us = t_us,
-            .calib_rc = calib_rc,
-            .integer_heading = heading,
-            .heading_valid = true,
-            .orientation_valid = true,
-            .euler = {heading, 0, 0},
-            .has_truth = true,
-            .truth = {.integer_heading = true_heading,
-                      .y_heading = true_heading,
-                      .z_heading = true_heading,
-                      .double_azimuth = true_heading,
-                      .pitch = 0,
-                      .roll = 0},
-            .accuracy = accuracy,
-            .flags = KMXC_SERVICE_HEADING_VALID | KMXC_SERVICE_ORIENTATION_VALID};
+    SampleOutput s{.time_us = t_us, .calib_rc = calib_rc, .integer_heading = heading};
+    s.heading_valid = s.orientation_valid = s.has_truth = true;
+    s.euler = {heading, 0, 0};
+    s.truth = {true_heading, true_heading, true_heading, true_heading, 0, 0};
+    s.accuracy = accuracy;
+    s.flags = KMXC_SERVICE_HEADING_VALID | KMXC_SERVICE_ORIENTATION_VALID;
+    return s;
+}
+
+// The summary of samples, each edited by edit(sample, index) first.
+template <typename Edit>
+Summary summary_of(std::vector<SampleOutput> samples, Edit edit) {
+    std::ostringstream out;
+    Report r(out, true);
+    for (size_t i = 0; i < samples.size(); ++i) edit(samples[i], i), r.add(samples[i]);
+    return r.summary();
+}
+Summary summary_of(const std::vector<SampleOutput> &samples) {
+    return summary_of(samples, [](SampleOutput &, size_t) {});
 }
 
 TEST(Report, HeadingErrorsCountOnlyAfterTheFirstThreeDimensionalCalibration) {
-    std::ostringstream out;
-    Report r(out, true);
-    r.add(sample(0, 0, 100, 10));        // uncalibrated: 90 degrees off, ignored
-    r.add(sample(100000, 24, 100, 10));  // planar: still ignored
-    r.add(sample(200000, 63, 359, 1));   // first 3-D: -2 across north
-    r.add(sample(300000, 7, 4, 0));      // +4
-    const Summary &m = r.summary();
+    const Summary m = summary_of({sample(0, 0, 100, 10),        // uncalibrated: 90 degrees off, ignored
+                                  sample(100000, 24, 100, 10),  // planar: still ignored
+                                  sample(200000, 63, 359, 1),   // first 3-D: -2 across north
+                                  sample(300000, 7, 4, 0)});    // +4
     EXPECT_EQ(m.first_3d_sample, 3);
     EXPECT_DOUBLE_EQ(m.first_3d_s, 0.2);
     EXPECT_EQ(m.planar_events, 1);
@@ -53,39 +55,28 @@ TEST(Report, HeadingErrorsCountOnlyAfterTheFirstThreeDimensionalCalibration) {
 // trusted (medium or high) azimuth is wrong only beyond 15 degrees.
 TEST(Report, SecondsGoToTheLaterSamplesAccuracyAndTrustedAzimuthsAreWrongBeyondFifteenDegrees) {
     const struct {
-        int accuracy;
-        double azimuth_error;
-    } samples[] = {{0, 40}, {0, 40}, {2, 15}, {3, 15.5}, {3, -16}, {1, 30}, {2, -15}};
-    std::ostringstream out;
-    Report r(out, true);
-    for (size_t i = 0; i < std::size(samples); ++i) {
-        SampleOutput s = sample(static_cast<int64_t>(i) * 100000, 0, 0, 0, samples[i].accuracy);
-        s.truth.double_azimuth = 100;
-        s.euler[0] = static_cast<int>(100 + std::trunc(samples[i].azimuth_error));
-        if (samples[i].azimuth_error != std::trunc(samples[i].azimuth_error)) s.truth.double_azimuth -= 0.5;
-        r.add(s);
-    }
-    const Summary &m = r.summary();
-    EXPECT_NEAR(m.accuracy_s[0], 0.1, 1e-12);
-    EXPECT_NEAR(m.accuracy_s[1], 0.1, 1e-12);
-    EXPECT_NEAR(m.accuracy_s[2], 0.2, 1e-12);
-    EXPECT_NEAR(m.accuracy_s[3], 0.2, 1e-12);
+        int accuracy, azimuth;
+        double true_azimuth;
+    } at[] = {{0, 140, 100}, {0, 140, 100}, {2, 115, 100}, {3, 115, 99.5}, {3, 84, 100}, {1, 130, 100}, {2, 85, 100}};
+    const Summary m = summary_of(std::vector<SampleOutput>(std::size(at)), [&](SampleOutput &s, size_t i) {
+        s = sample(static_cast<int64_t>(i) * 100000, 0, 0, 0, at[i].accuracy);  // the integer path right
+        s.euler[0] = at[i].azimuth, s.truth.double_azimuth = at[i].true_azimuth;
+    });
+    for (int a : {0, 1}) EXPECT_NEAR(m.accuracy_s[a], 0.1, 1e-12) << a;
+    for (int a : {2, 3}) EXPECT_NEAR(m.accuracy_s[a], 0.2, 1e-12) << a;
     EXPECT_EQ(m.trusted_samples, 4);
     EXPECT_EQ(m.trusted_wrong, 2) << "15.5 and 16 degrees off; 15 is not wrong";
 }
 
 // Held steady: the true attitude within 8 degrees for the last 2 s.
 TEST(Report, SteadyErrorsCountTwoSecondsAfterTheAttitudeLastMovedMoreThanEightDegrees) {
-    std::ostringstream out;
-    Report r(out, true);
-    r.add(sample(0, 63, 0, 0));
-    for (int i = 1; i <= 50; ++i) {
+    const Summary m = summary_of(std::vector<SampleOutput>(51), [](SampleOutput &s, size_t i) {
         const double truth = i < 10 ? 2.0 * i : (i < 20 ? 30 + 0.5 * i : 50);  // the last big move: sample 20
-        r.add(sample(i * 100000, 0, 0, truth));
-    }
+        s = sample(static_cast<int64_t>(i) * 100000, i == 0 ? 63 : 0, 0, truth);
+    });
     // Steady from 2.0 s (the reference taken at sample 20), counted from 4.0 s.
-    EXPECT_EQ(r.summary().steady_integer_error.count, 11);
-    EXPECT_DOUBLE_EQ(r.summary().steady_integer_error.max_abs, 50);
+    EXPECT_EQ(m.steady_integer_error.count, 11);
+    EXPECT_DOUBLE_EQ(m.steady_integer_error.max_abs, 50);
 }
 
 // The heading a held attitude keeps is the y axis', or the back's once the y axis stands
@@ -104,15 +95,12 @@ TEST(Report, AHeldAttitudeIsJudgedByTheHeadingOfTheAxisThatIsNotSteep) {
         {"75 degrees: z swings", -75, true, 0},
     };
     for (const auto &c : cases) {
-        std::ostringstream out;
-        Report r(out, true);
-        for (int i = 0; i <= 30; ++i) {
-            SampleOutput s = sample(i * 100000, i == 0 ? 63 : 0, 40, 40);
+        const Summary m = summary_of(std::vector<SampleOutput>(31), [&](SampleOutput &s, size_t i) {
+            s = sample(static_cast<int64_t>(i) * 100000, i == 0 ? 63 : 0, 40, 40);
             s.truth.pitch = c.pitch;
             (c.z_swings ? s.truth.z_heading : s.truth.y_heading) = i % 2 ? 60 : 20;
-            r.add(s);
-        }
-        EXPECT_EQ(r.summary().steady_integer_error.count, c.steady) << c.name;
+        });
+        EXPECT_EQ(m.steady_integer_error.count, c.steady) << c.name;
     }
 }
 
@@ -120,10 +108,7 @@ TEST(Report, AHeldAttitudeIsJudgedByTheHeadingOfTheAxisThatIsNotSteep) {
 // medium or high, when the phone was mounted, and the heading errors at each accuracy
 // over the whole run, calibrated or not.
 TEST(Report, ErrorsAreTalliedByTheAccuracyReportedWithThemAndListedAtTheEnd) {
-    const struct {
-        int accuracy;
-        int error;
-    } samples[] = {{0, 30}, {0, -40}, {1, 10}, {2, 3}, {3, -4}, {3, 0}};
+    const struct { int accuracy, error; } samples[] = {{0, 30}, {0, -40}, {1, 10}, {2, 3}, {3, -4}, {3, 0}};
     std::ostringstream out;
     Report r(out, true);
     for (size_t i = 0; i < std::size(samples); ++i) {

@@ -42,6 +42,7 @@ struct PlannedFault {
     bool power_cut = false;      // powercut:N[:CALL], powercut-entries:N[:CALL]
     bool any_file_call = false;  // ... without CALL: the nth call on a phone file
     CutKeeps keeps = CutKeeps::kSynced;
+    bool operator==(const PlannedFault &) const = default;
 };
 
 // Parses a plan; false and a one-line reason when it is not one.

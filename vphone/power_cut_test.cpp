@@ -2,12 +2,10 @@
 // scheduled cut stops the calls and the files until power-on, a planned cut ends the
 // program with its status.
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdio>
-#include <cstring>
 #include <functional>
 #include <optional>
 #include <string>
@@ -22,16 +20,22 @@ using vphone::Call;
 
 class PowerCutTest : public vphone::PhoneTest {};
 
-int create(const char *path, const char *text, bool sync) {
+// Writes "new" to path, through a descriptor with or without fsync, or (stdio) as the
+// library does, without.
+int create(const char *path, bool sync, bool stdio = false) {
+    if (stdio) {
+        FILE *file = std::fopen(path, "w");
+        return std::fputs("new", file) < 0 ? -1 : std::fclose(file);
+    }
     const int fd = ::open(path, O_WRONLY | O_CREAT | O_TRUNC, 0666);
     if (fd < 0) return fd;
-    if (::write(fd, text, std::strlen(text)) < 0) return -1;
+    if (::write(fd, "new", 3) < 0) return -1;
     if (sync && ::fsync(fd) != 0) return -1;
     return ::close(fd);
 }
 
-int sync_dir(const char *dir) {
-    const int fd = ::open(dir, O_RDONLY | O_DIRECTORY);
+int sync_dir() {
+    const int fd = ::open("/misc/sensor", O_RDONLY | O_DIRECTORY);
     const int r = ::fsync(fd);
     ::close(fd);
     return r;
@@ -41,7 +45,7 @@ int sync_dir(const char *dir) {
 // power cut: content as of the file's last fsync, entries as of the directory's (or, when
 // the journal committed them on its own, as they were at the cut).
 TEST_F(PowerCutTest, APowerCutKeepsOnlyWhatWasMadeDurable) {
-    const char *f = "/misc/sensor/f", *t = "/misc/sensor/f.tmp", *dir = "/misc/sensor";
+    const char *f = "/misc/sensor/f", *t = "/misc/sensor/f.tmp";
     using Maybe = std::optional<std::string>;
     const Maybe none;
     const struct {
@@ -50,29 +54,19 @@ TEST_F(PowerCutTest, APowerCutKeepsOnlyWhatWasMadeDurable) {
         Maybe f, t;                  // after a cut keeping the synced entries; none: no such file
         Maybe f_entries, t_entries;  // after one keeping every entry change
     } cases[] = {
-        {"created, not synced", [&] { create(t, "new", false); }, "old", none, "old", ""},
-        {"created and synced, directory not", [&] { create(t, "new", true); }, "old", none, "old", "new"},
-        {"directory synced, content never", [&] { create(t, "new", false), sync_dir(dir); }, "old", "", "old", ""},
-        {"file and directory synced", [&] { create(t, "new", true), sync_dir(dir); }, "old", "new", "old", "new"},
-        {"rewritten in place, not synced", [&] { create(f, "new", false); }, "old", none, "old", none},
-        {"rewritten in place and synced", [&] { create(f, "new", true); }, "new", none, "new", none},
-        {"renamed over, directory not synced", [&] { create(t, "new", true), ::rename(t, f); }, "old", none, "new",
-         none},
-        {"renamed over, all synced", [&] { create(t, "new", true), ::rename(t, f), sync_dir(dir); }, "new", none, "new",
-         none},
-        {"renamed before its content was synced", [&] { create(t, "new", false), ::rename(t, f), sync_dir(dir); }, "",
-         none, "", none},
-        {"renamed, then synced", [&] { create(t, "new", false), ::rename(t, f); }, "old", none, "", none},
+        {"created, not synced", [&] { create(t, false); }, "old", none, "old", ""},
+        {"created and synced, directory not", [&] { create(t, true); }, "old", none, "old", "new"},
+        {"directory synced, content never", [&] { create(t, false), sync_dir(); }, "old", "", "old", ""},
+        {"file and directory synced", [&] { create(t, true), sync_dir(); }, "old", "new", "old", "new"},
+        {"rewritten in place, not synced", [&] { create(f, false); }, "old", none, "old", none},
+        {"rewritten in place and synced", [&] { create(f, true); }, "new", none, "new", none},
+        {"renamed over, directory not synced", [&] { create(t, true), ::rename(t, f); }, "old", none, "new", none},
+        {"renamed over, all synced", [&] { create(t, true), ::rename(t, f), sync_dir(); }, "new", none, "new", none},
+        {"renamed, content never synced", [&] { create(t, false), ::rename(t, f), sync_dir(); }, "", none, "", none},
+        {"renamed, nothing synced", [&] { create(t, false), ::rename(t, f); }, "old", none, "", none},
         {"unlinked, directory not synced", [&] { ::unlink(f); }, "old", none, none, none},
-        {"unlinked, directory synced", [&] { ::unlink(f), sync_dir(dir); }, none, none, none, none},
-        {"the library's way: stdio and rename, no sync",
-         [&] {
-             FILE *file = std::fopen(t, "w");
-             std::fprintf(file, "new");
-             std::fclose(file);
-             ::rename(t, f);
-         },
-         "old", none, "", none},
+        {"unlinked, directory synced", [&] { ::unlink(f), sync_dir(); }, none, none, none, none},
+        {"the library's way: stdio and rename", [&] { create(t, false, true), ::rename(t, f); }, "old", none, "", none},
     };
     for (const auto &c : cases)
         for (const vphone::CutKeeps keeps : {vphone::CutKeeps::kSynced, vphone::CutKeeps::kEntries}) {
@@ -122,11 +116,8 @@ TEST_F(PowerCutTest, APlannedPowerCutEndsTheProgramWithItsStatus) {
     const pid_t child = vphone::fork_process();
     ASSERT_GE(child, 0);
     if (child == 0) {
-        std::vector<vphone::PlannedFault> plan;
-        std::string error;
-        if (!vphone::parse_fault_plan("powercut:2", &plan, &error)) ::_exit(1);
-        vphone::apply_fault_plan(plan);
-        create("/misc/sensor/f", "new", true);  // open, then the write: cut
+        vphone::apply_fault_plan({{Call::Open, 2, 0, 1, true, true}});  // powercut:2
+        create("/misc/sensor/f", true);                                 // open, then the write: cut
         ::_exit(0);
     }
     int status = 0;
@@ -135,7 +126,5 @@ TEST_F(PowerCutTest, APlannedPowerCutEndsTheProgramWithItsStatus) {
     EXPECT_EQ(WEXITSTATUS(status), vphone::kPowerCutExitStatus);
     EXPECT_EQ(vphone::read_file("/misc/sensor/f"), "old");  // the truncation did not last
 }
-
-// A wait over a huge gap sleeps without end; the transcript keeps a bounded number.
 
 }  // namespace

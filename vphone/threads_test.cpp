@@ -7,10 +7,8 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdio>
 #include <functional>
-#include <string>
 #include <thread>
 
 #include "drivers/kmxc_protocol.h"
@@ -75,17 +73,15 @@ TEST_F(ThreadsTest, OtherThreadsOwnFilesAndThreadsTakingTurnsAreNoConcernOfThePh
     const std::string own = vphone::root() + "/own-file";  // a host path, not the phone's
     ChipThatWaits chip;
     chip.during = [&] {
-        int pipe_fds[2];
-        ASSERT_EQ(::pipe(pipe_fds), 0);
+        int fds[2];
         char byte = 'x';
-        EXPECT_EQ(::write(pipe_fds[1], &byte, 1), 1);
-        EXPECT_EQ(::read(pipe_fds[0], &byte, 1), 1);
-        ::close(pipe_fds[0]);
-        ::close(pipe_fds[1]);
-        FILE *file = std::fopen(own.c_str(), "w");
+        ASSERT_EQ(::pipe(fds), 0);
+        EXPECT_EQ(::write(fds[1], &byte, 1), 1);
+        EXPECT_EQ(::read(fds[0], &byte, 1), 1);
+        EXPECT_EQ(::close(fds[0]) + ::close(fds[1]), 0);
+        std::FILE *file = std::fopen(own.c_str(), "w");
         ASSERT_NE(file, nullptr);
-        std::fprintf(file, "%d\n", 1);
-        std::fclose(file);
+        EXPECT_EQ(std::fclose(file), 0);
         timespec t{};
         EXPECT_EQ(::clock_gettime(CLOCK_REALTIME, &t), 0);
     };
@@ -94,8 +90,7 @@ TEST_F(ThreadsTest, OtherThreadsOwnFilesAndThreadsTakingTurnsAreNoConcernOfThePh
     vphone::write_file("/misc/sensor/a", "a");
     std::thread([] {
         ::usleep(5);
-        std::FILE *file = std::fopen("/misc/sensor/a", "r");
-        if (file != nullptr) std::fclose(file);
+        std::fclose(std::fopen("/misc/sensor/a", "r"));
     }).join();
     ::usleep(5);
     EXPECT_EQ(vphone::now_us(), 10u);

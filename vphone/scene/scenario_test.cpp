@@ -1,15 +1,26 @@
+// The scenarios' physics, each against a formulation of its own: known attitudes worked
+// by hand, rotations that stay rotations, scripts that move the phone smoothly through
+// their phases; soft iron against the ellipsoid its matrix defines, the car's
+// accelerometer against the derivative of the car's velocity, and every seed's browse
+// and drive against the limits their scripts state.
 #include "vphone/scene/scenario.h"
 
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <map>
 #include <set>
+
+#include "vphone/scene/rig.h"
+#include "vphone/vphone.h"
 
 namespace vphone::scene {
 namespace {
 
-constexpr double kB = 50.0, kIncl = 60.0;
-const double kBh = kB * std::cos(kIncl * M_PI / 180), kBv = kB * std::sin(kIncl * M_PI / 180);
+constexpr double kDegree = M_PI / 180, kB = 50.0, kIncl = 60.0;
+const double kBh = kB * std::cos(kIncl * kDegree), kBv = kB * std::sin(kIncl * kDegree);
+
+ScenarioSettings settings(const char *name, uint32_t seed = 1) { return {.name = name, .seed = seed}; }
 
 // Known attitudes, worked out by hand from where the phone's axes point.
 const struct {
@@ -94,7 +105,7 @@ TEST(ScenarioScripts, HandlingIsContinuousAndEveryScriptHasItsPhases) {
     for (const auto &c : cases) EXPECT_TRUE(is_scenario_name(c.name)) << c.name;
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
-        const Scenario sc(ScenarioSettings{.name = c.name});
+        const Scenario sc(settings(c.name));
         std::set<std::string> seen;
         Truth prev = sc.ideal(0);
         for (double t = 0.05; t <= sc.duration_s(); t += 0.05) {
@@ -112,6 +123,210 @@ TEST(ScenarioScripts, HandlingIsContinuousAndEveryScriptHasItsPhases) {
         }
         for (const auto &p : c.phases) EXPECT_TRUE(seen.count(p)) << "missing phase " << p;
     }
+}
+
+// Soft iron turns the sphere the Earth field sweeps into the ellipsoid |S^-1 f| = B and
+// leaves the true offset the hard iron.
+TEST(SoftIron, TheFieldOverAllAttitudesLiesOnTheMatrixEllipsoidAndTheOffsetStaysTheHardIron) {
+    const std::array<double, 6> cases[] = {
+        {1, 1, 1, 0, 0, 0}, {0.6, 1.4, 1.0, 0, 0, 0}, {1.2, 0.8, 1.0, 0.25, -0.1, 0.15}, {0.5, 2, 1, 0, 0, 0}};
+    reset();
+    make_sandbox();
+    for (const auto &c : cases) {
+        ScenarioSettings s = settings("slow");  // through every orientation
+        s.soft_iron = c;
+        ASSERT_EQ(soft_iron_problem(c), "");
+        const Scenario scenario(s);
+        const Mat3 m = soft_iron_matrix(c);
+        std::array<double, 9> inverse{};
+        ASSERT_TRUE(
+            invert({m[0][0], m[0][1], m[0][2], m[1][0], m[1][1], m[1][2], m[2][0], m[2][1], m[2][2]}, &inverse));
+        Rig rig;
+        rig.attach_chips(1, kRigCalibration);
+        for (double t = 0; t < scenario.duration_s(); t += 0.7) {
+            const Truth truth = scenario.ideal(t);
+            const Vec3 back = times(inverse, truth.field_uT);
+            ASSERT_NEAR(std::hypot(back[0], back[1], back[2]), s.field_uT, 1e-9) << "t " << t;
+            rig.sense(truth);
+            for (int k = 0; k < 3; ++k) ASSERT_NEAR(rig.true_offset_counts()[k], s.hard_iron_uT[k] / 0.4, 1e-9);
+        }
+    }
+    remove_sandbox();
+}
+
+// The closed-form eigenvalues that bound a soft iron (its option's refusals are the
+// world options' test's) against the characteristic polynomial.
+TEST(SoftIron, ClosedFormEigenvaluesAreRootsOfTheCharacteristicPolynomialInOrder) {
+    std::mt19937 rng(3);
+    std::uniform_real_distribution<double> u(-1, 1);
+    for (int i = 0; i < 200; ++i) {
+        Mat3 s{};
+        for (int r = 0; r < 3; ++r)
+            for (int c = r; c < 3; ++c) s[r][c] = s[c][r] = u(rng);
+        const Vec3 e = symmetric_eigenvalues(s);
+        for (double l : e) {
+            const double det = (s[0][0] - l) * ((s[1][1] - l) * (s[2][2] - l) - s[1][2] * s[2][1]) -
+                               s[0][1] * (s[1][0] * (s[2][2] - l) - s[1][2] * s[2][0]) +
+                               s[0][2] * (s[1][0] * s[2][1] - (s[1][1] - l) * s[2][0]);
+            ASSERT_NEAR(det, 0, 1e-9);
+        }
+        ASSERT_GE(e[0], e[1]);
+        ASSERT_GE(e[1], e[2]);
+        ASSERT_NEAR(e[0] + e[1] + e[2], s[0][0] + s[1][1] + s[2][2], 1e-12);
+    }
+}
+
+// In the mount the accelerometer reads gravity minus the car's acceleration, which is
+// the derivative of the car's velocity (here numerically), in phone axes.
+TEST(Car, TheAccelerometerReadsGravityMinusTheDerivativeOfTheCarsVelocity) {
+    for (uint32_t seed = 1; seed <= 5; ++seed) {
+        const Scenario car(settings("car", seed));
+        const double h = 1e-3;
+        int checked = 0;
+        for (double t = car.mounted_s() + 3.3; t < car.duration_s() - 5; t += 0.37) {
+            const Truth now = car.ideal(t), before = car.ideal(t - h), after = car.ideal(t + h);
+            Vec3 down{0, 0, -1};
+            for (int k = 0; k < 3; ++k)
+                down[k] -= (after.velocity_mps[k] - before.velocity_mps[k]) / (2 * h) / kStandardGravity;
+            const Vec3 expected = to_phone(now.attitude, down);
+            for (int k = 0; k < 3; ++k)
+                ASSERT_NEAR(now.gravity_g[k], expected[k], 2e-5) << "seed " << seed << " t " << t << " " << now.phase;
+            ++checked;
+        }
+        EXPECT_GT(checked, 1500);
+    }
+}
+
+// The car's field grows over the last kCarFieldRampS of the mounting move, rising all
+// the way along its own direction, and is the phone's whole from the moment it is
+// clipped in.
+TEST(Car, TheCarsFieldGrowsAsThePhoneNearsTheMountAndIsWholeOnceMounted) {
+    for (const char *name : {"car", "car-fresh"}) {
+        const ScenarioSettings s = settings(name);
+        const Scenario car(s);
+        EXPECT_EQ(car.mounted_s(), std::string(name) == "car" ? 17.0 : 0.0) << name;
+        EXPECT_EQ(car.ideal(0).mounted_s, car.mounted_s());
+        const double start = car.mounted_s() - kCarFieldRampS;
+        double last = 0;
+        for (double t = std::max(0.0, start - 0.25); t < car.mounted_s() + 0.5; t += 0.1) {
+            SCOPED_TRACE(std::string(name) + " t " + std::to_string(t));
+            const Vec3 h = car.ideal(t).hard_iron_uT;
+            const double share = (h[0] - s.hard_iron_uT[0]) / s.car_field_uT[0];
+            for (int k = 0; k < 3; ++k) EXPECT_NEAR(h[k], s.hard_iron_uT[k] + share * s.car_field_uT[k], 1e-12);
+            if (t < start || t >= car.mounted_s()) {
+                EXPECT_NEAR(share, t < start ? 0 : 1, 1e-12);
+            } else {
+                EXPECT_TRUE(share > last && share < 1) << share;
+            }
+            last = share;
+        }
+    }
+    EXPECT_EQ(Scenario(settings("default")).ideal(0).mounted_s, -1);
+}
+
+// The accelerometer reads the truth plus its zero-g offset, in the hand and in the car,
+// and the engine's shake of a few hundredths of g from the mounting until the car is
+// parked, not before or after; the truth stays gravity.
+TEST(Accelerometer, ReadsTheTruthPlusItsOffsetAndTheEnginesShakeWhileItRuns) {
+    for (const char *name : {"default", "car"}) {
+        SCOPED_TRACE(name);
+        ScenarioSettings s = settings(name);
+        s.accel_noise_g = 0;
+        Scenario exact(s);
+        s.accel_offset_mg = Vec3{40, -30, 20};
+        Scenario offset(s);
+        double still = 0, running = 0;  // the largest shake with the engine off, and running
+        for (double t = 0; t < exact.duration_s(); t += 0.05) {
+            const Truth truth = exact.ideal(t);
+            const Vec3 a = offset.sample(t).gravity_g, b = exact.sample(t).gravity_g, g = truth.gravity_g;
+            for (int k = 0; k < 3; ++k) ASSERT_NEAR(a[k] - b[k], s.accel_offset_mg[k] / 1000, 1e-12) << "t " << t;
+            ASSERT_EQ(offset.ideal(t).gravity_g, g) << "t " << t;
+            const bool engine = truth.mounted_s >= 0 && t >= truth.mounted_s && std::string(truth.phase) != "parked";
+            double &max = engine ? running : still;
+            max = std::max(max, std::hypot(b[0] - g[0], b[1] - g[1], b[2] - g[2]));
+        }
+        EXPECT_EQ(still, 0);
+        if (exact.mounted_s() >= 0) { EXPECT_TRUE(running > 0.01 && running < 0.04) << running; }
+    }
+}
+
+TEST(Car, EverySeedsRouteKeepsItsStatedLimitsAndNoTwoAreAlike) {
+    std::set<std::vector<std::string>> routes;
+    for (uint32_t seed = 1; seed <= 5; ++seed) {
+        SCOPED_TRACE("seed " + std::to_string(seed));
+        std::mt19937 rng(seed);
+        const Drive drive(rng, 30);
+        EXPECT_NEAR(drive.duration_s(), kDriveS, 1e-9);
+        EXPECT_EQ(drive.at(0).speed_mps, 0);
+        EXPECT_EQ(drive.at(kDriveS).speed_mps, 0);
+        double peak = 0;
+        for (double t = 0; t <= drive.duration_s(); t += 0.05) {
+            const CarMotion m = drive.at(t);
+            const double horizontal = std::hypot(m.accel_mps2[0], m.accel_mps2[1]) / kStandardGravity;
+            ASSERT_LE(horizontal, kDriveMaxAccelG + 1e-9) << "t " << t << " " << m.phase;
+            ASSERT_LE(std::fabs(m.slope_deg), kDriveMaxSlopeDeg) << "t " << t;
+            peak = std::max(peak, horizontal);
+        }
+        EXPECT_GT(peak, 0.3) << "braking and cornering reach their limits";
+        // A left turns -90 degrees, a right +90, a roundabout its own angle; at least one
+        // of each, once round the island.
+        std::vector<std::string> legs;
+        std::map<std::string, int> turns;
+        for (const DriveLeg &leg : drive.legs()) {
+            const std::string phase = leg.phase;
+            legs.push_back(phase + std::to_string(std::lround(leg.duration_s)));
+            const double turned =
+                drive.at(leg.start_s + leg.duration_s).heading_deg - drive.at(leg.start_s).heading_deg;
+            const bool left = phase == "driving: turning left", right = phase == "driving: turning right";
+            EXPECT_NEAR(turned, left ? -90 : right ? 90 : leg.turn_deg, 1e-9) << phase;
+            turns[phase] += phase != "driving: roundabout" || leg.turn_deg < 0;
+        }
+        EXPECT_GE(turns["driving: turning left"], 1);
+        EXPECT_GE(turns["driving: turning right"], 1);
+        EXPECT_EQ(turns["driving: roundabout"], 1);
+        routes.insert(legs);
+    }
+    EXPECT_EQ(routes.size(), 5u);
+}
+
+// Read while walking: the phone within 30 degrees of level all the way, the walker's
+// turns of at most 45 degrees in any second, some each way; the steps shake it, standing
+// does not; put down and picked up again; every seed another handling.
+TEST(Browse, EverySeedsHandlingStaysWithinItsEnvelopeAndNoTwoAreAlike) {
+    std::set<std::vector<std::string>> handlings;
+    for (uint32_t seed = 1; seed <= 5; ++seed) {
+        SCOPED_TRACE("seed " + std::to_string(seed));
+        const Scenario browse(settings("browse", seed));
+        EXPECT_NEAR(browse.duration_s(), kBrowseS, 1e-9);
+        std::vector<std::string> phases;
+        std::map<std::string, int> entered;
+        double walking_shake = 0;
+        for (double t = 0; t <= browse.duration_s(); t += 0.05) {
+            const Truth now = browse.ideal(t);
+            const std::string phase = now.phase;
+            const double tilt = std::acos(std::clamp(now.attitude[2][2], -1.0, 1.0)) / kDegree;
+            ASSERT_LE(tilt, kBrowseMaxTiltDeg) << "t " << t << " " << phase;
+            const double turned =
+                t + 1 <= browse.duration_s() ? browse.ideal(t + 1).pose.heading_deg - now.pose.heading_deg : 0;
+            ASSERT_LE(std::fabs(turned), 45) << "t " << t;
+            if (phases.empty() || phases.back().find(phase) != 0) {
+                phases.push_back(phase + "@" + std::to_string(std::lround(t)));
+                ++entered[phase];
+            }
+            const double shake = std::fabs(std::hypot(now.gravity_g[0], now.gravity_g[1], now.gravity_g[2]) - 1);
+            if (phase == "reading while walking") walking_shake = std::max(walking_shake, shake);
+            if (phase == "reading while standing") {
+                ASSERT_LT(shake, 1e-12) << "t " << t << ": standing shakes nothing";
+            }
+        }
+        EXPECT_GE(entered["picked up"], 2);
+        EXPECT_GE(entered["put down"], 2);
+        EXPECT_GE(entered["turning left while reading"], 1);
+        EXPECT_GE(entered["turning right while reading"], 1);
+        EXPECT_GT(walking_shake, 0.08) << "the steps reach the accelerometer";
+        handlings.insert(phases);
+    }
+    EXPECT_EQ(handlings.size(), 5u);
 }
 
 }  // namespace

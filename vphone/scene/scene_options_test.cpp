@@ -5,8 +5,8 @@
 
 #include <algorithm>
 #include <map>
+#include <regex>
 #include <set>
-#include <sstream>
 
 namespace vphone::scene {
 namespace {
@@ -30,6 +30,10 @@ const struct {
     {"seed past 32 bits", {"--seed", "4294967296"}, "outside 0..4294967295"},
     {"unknown scenario", {"--scenario", "juggling"}, "unknown scenario 'juggling' (choose default, planar"},
     {"missing value", {"--field"}, "--field needs a value"},
+    {"soft iron too weak", {"--soft-iron", "0.49,1,1,0,0,0"}, "eigenvalues 1, 1, 0.49: each must lie within 0.5..2"},
+    {"soft iron too strong", {"--soft-iron", "1.5,1.5,1,0.6,0,0"}, "eigenvalues 2.1, 1, 0.9: each must lie within"},
+    {"soft iron not positive definite", {"--soft-iron", "1,1,1,1.2,0,0"}, "2.2, 1, -0.2: not positive definite"},
+    {"soft iron of three numbers", {"--soft-iron", "1,1,1"}, "'1,1,1' is not six numbers XX,YY,ZZ,XY,XZ,YZ"},
     {"a tool's option", {"--rate", "5"}, "unknown option '--rate' (the world's options: --scenario, --field"},
     {"control characters stay on one line", {"--x\ny\r\x1b\x7f"}, "unknown option '--x?y?\?\?'"},
 };
@@ -44,10 +48,10 @@ TEST(SceneOptions, RefusedValuesGiveOneLineNamingTheProblem) {
 }
 
 TEST(SceneOptions, ValuesReachTheSettingsInBothSpellingsRangeEndsIncluded) {
-    const ParsedScene p =
-        parse_scene_options({"--scenario", "two-planes", "--field=25", "--declination", "+12.5", "--hard-iron",
-                             "-200,2.5,200", "--profile", "3", "--seed=4294967295", "--inclination", "-90", "--noise",
-                             "0", "--field", "65", "--accel-offset=-200,0.5,200"});
+    const ParsedScene p = parse_scene_options(
+        {"--scenario", "two-planes", "--field=25", "--declination", "+12.5", "--hard-iron", "-200,2.5,200", "--profile",
+         "3", "--seed=4294967295", "--inclination", "-90", "--noise", "0", "--field", "65",
+         "--accel-offset=-200,0.5,200", "--soft-iron", "1.5,0.7,1.1,0.3,-0.2,0.1"});
     ASSERT_TRUE(p.ok) << p.error;
     const ScenarioSettings &s = p.settings;
     EXPECT_EQ(s.name, "two-planes");
@@ -59,6 +63,7 @@ TEST(SceneOptions, ValuesReachTheSettingsInBothSpellingsRangeEndsIncluded) {
     EXPECT_EQ(s.inclination_deg, -90);
     EXPECT_EQ(s.noise_uT, 0);
     EXPECT_EQ(s.accel_offset_mg, (Vec3{-200, 0.5, 200}));
+    EXPECT_EQ(s.soft_iron, (std::array<double, 6>{1.5, 0.7, 1.1, 0.3, -0.2, 0.1}));
     EXPECT_EQ(parse_scene_options({}).settings.name, "default") << "nothing given: the default scenario";
 }
 
@@ -88,26 +93,18 @@ TEST(SceneOptions, EachHelpLinesShownDefaultReadsBackAsTheDefault) {
         {"--car-field", "0,0,5"},       {"--noise", "1"},         {"--temp-drift", "2"},
         {"--temperature", "5"},         {"--profile", "2"},       {"--seed", "9"},
         {"--accel-offset", "40,-30,20"}};
-    std::istringstream help(scene_options_help());
-    std::vector<std::string> entries;
-    for (std::string line; std::getline(help, line);) {
-        if (line.rfind(std::string(25, ' '), 0) == 0)  // help on a line of its own
-            entries.back() += line;
-        else
-            entries.push_back(line);
-    }
+    const std::string help = scene_options_help();  // an option, its argument and help, then (default)
+    const std::regex entry(R"(  (--[a-z-]+) [^(]*\((?:default: )?([^)]*)\))");
     std::set<std::string> listed;
-    ScenarioSettings s;
-    for (const std::string &line : entries) {
-        const std::string name = line.substr(2, line.find(' ', 2) - 2);
-        std::string shown = line.substr(line.find('(', line.find(' ', 2)) + 1);
-        shown = shown.substr(0, shown.find(')'));
-        if (shown.rfind("default: ", 0) == 0) shown = shown.substr(9);
-        ASSERT_TRUE(other.count(name)) << line;
-        EXPECT_EQ(set_scene_option(name, other.at(name), &s), "") << name;
-        EXPECT_NE(s, ScenarioSettings{}) << name;
-        EXPECT_EQ(set_scene_option(name, shown, &s), "") << line;
-        EXPECT_EQ(s, ScenarioSettings{}) << line << ": the shown default '" << shown << "' is not the default";
+    for (auto m = std::sregex_iterator(help.begin(), help.end(), entry); m != std::sregex_iterator(); ++m) {
+        const std::string name = (*m)[1], shown = (*m)[2];
+        SCOPED_TRACE(name + " (" + shown + ")");
+        ScenarioSettings s;
+        ASSERT_TRUE(other.count(name));
+        EXPECT_EQ(set_scene_option(name, other.at(name), &s), "");
+        EXPECT_NE(s, ScenarioSettings{});
+        EXPECT_EQ(set_scene_option(name, shown, &s), "");
+        EXPECT_EQ(s, ScenarioSettings{}) << "the shown default is not the default";
         listed.insert(name);
     }
     EXPECT_EQ(listed.size(), other.size());

@@ -73,9 +73,7 @@ TEST_F(ScriptedRunTest, TheChipsSenseTheDisturbedTruthAndItsHardIronIsTheTrueOff
     Scenario scenario(settings);
     ScriptedRun run(rig, scenario, 10, 1, [](double t, Truth &truth) { truth.hard_iron_uT[2] += 100 * t; });
     run.sense_start();
-    EXPECT_NEAR(rig.true_offset_counts()[0], 25, 1e-9);
-    EXPECT_NEAR(rig.true_offset_counts()[1], -50, 1e-9);
-    EXPECT_NEAR(rig.true_offset_counts()[2], 10, 1e-9);
+    for (int k = 0; k < 3; ++k) EXPECT_NEAR(rig.true_offset_counts()[k], (Vec3{25, -50, 10})[k], 1e-9);
     while (run.next()) { EXPECT_NEAR(rig.true_offset_counts()[2], (4 + 100 * run.truth().t_s) / 0.4, 1e-9); }
     EXPECT_DOUBLE_EQ(offset_error_uT(std::array<int32_t, 3>{28, -50, 6}, Vec3{25, -50, 10}), 2.0) << "3-4-5 counts";
 }
