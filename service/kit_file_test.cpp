@@ -176,6 +176,39 @@ TEST_F(Kit, SavesKeepAgreeingFitsSpacedForTheFlash) {
         }
 }
 
+// The rough offset changes what the record means: saved in the same cycle, with the
+// offset in use (the last agreeing fit's, which the spacing may not have saved yet)
+// carried over to it as the library carries offsets.
+TEST_F(Kit, ARoughOffsetChangeIsSavedAtOnceWithItsOffsetCarriedOver) {
+    vphone::write_file(kCfg, kStored);
+    std::vector<std::string> seen;
+    const Trace r = run(scenario("magnet"), 10, 1e9, [&](double, Truth &) { seen.push_back(text_of(kCfg)); });
+    KmxAxesData in_use{45, -31, 24};
+    uint8_t old_rough[3] = {16, 16, 16};
+    int changes = 0;
+    for (size_t i = 0; i < r.events.size(); ++i) {
+        const KmxcServiceEvent &e = r.events[i];
+        if ((e.flags & KMXC_SERVICE_FIT_3D) && e.accuracy >= KMXC_SERVICE_MEDIUM)
+            in_use = KmxAxesData{e.offset[0], e.offset[1], e.offset[2]};
+        if (!(e.flags & KMXC_SERVICE_ROUGH_CHANGED)) continue;
+        ++changes;
+        EXPECT_TRUE(e.flags & KMXC_SERVICE_SAVED);
+        const std::string &after = seen.at(i + 2);  // seen[0] is before the start, seen[i + 1] before cycle i
+        uint8_t new_rough[3];
+        KmxAxesData carried, expected;
+        ASSERT_EQ(std::sscanf(after.c_str(), "%hhu,%hhu,%hhu,%*d,%*d,%*d,%d,%d,%d", &new_rough[0], &new_rough[1],
+                              &new_rough[2], &carried.x, &carried.y, &carried.z),
+                  6)
+            << after;
+        EXPECT_TRUE(old_rough[0] != new_rough[0] || old_rough[1] != new_rough[1] || old_rough[2] != new_rough[2]);
+        KmxAxesLibRecalcMsOffset(&in_use, &expected, old_rough, new_rough);
+        EXPECT_EQ(carried.x, expected.x);
+        EXPECT_EQ(carried.y, expected.y);
+        EXPECT_EQ(carried.z, expected.z);
+    }
+    EXPECT_EQ(changes, 1);
+}
+
 // The stop saves what the last fit found when the spacing held it back; a stop that
 // cannot says so, and the file keeps the record before it.
 TEST_F(Kit, TheStopSavesTheLastTrustedOffsetOrSaysItCouldNot) {

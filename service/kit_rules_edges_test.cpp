@@ -180,6 +180,43 @@ TEST(KitRuleEdges, AnAnomalyHoldsTheAccuracyDownForItsWholeClearTime) {
     }
 }
 
+// An episode goes on (unflagged) while the strength stays past half the tolerance, 75
+// thousandths of a 200-count reference: 16 counts off goes on, 15 lets it clear.
+TEST(KitRuleEdges, AnEpisodeGoesOnWhileTheStrengthStaysPastHalfItsTolerance) {
+    static_assert(KMXC_SERVICE_STRENGTH_TOLERANCE_PERMILLE == 150 && KMXC_SERVICE_ANOMALY_HYSTERESIS_DIVISOR == 2);
+    constexpr int64_t kSeen = 1000, kNow = 2000;
+    for (const int32_t strength : {184, 185, 215, 216}) {
+        g_state = State{};
+        g_state.offset_trusted = g_state.reference = g_state.in_anomaly = true;
+        g_state.ref_strength = 200;
+        g_state.strength_band_permille = KMXC_SERVICE_STRENGTH_TOLERANCE_PERMILLE;
+        g_state.last_anomaly_ns = kSeen;
+        KmxcServiceEvent e{};
+        judge_anomaly(Vec3{0, 0, -4096}, strength, 0, KmxAxesData{0, 0, 0}, kNow, &e);
+        EXPECT_EQ(e.anomaly, 0) << strength;
+        EXPECT_EQ(g_state.last_anomaly_ns, strength == 184 || strength == 216 ? kNow : kSeen) << strength;
+    }
+}
+
+// A demoted offset is restored by KMXC_SERVICE_CONFIRM_SAMPLES fed samples that agree
+// with it, and only when their mean strength (through the correction in use) is within
+// the tolerance of the reference: 230 of 200 counts is, 231 is not.
+TEST(KitRuleEdges, ADemotedOffsetIsRestoredOnlyNearItsReferenceStrength) {
+    static_assert(KMXC_SERVICE_CONFIRM_SAMPLES == 8);
+    for (const int32_t r : {230, 231}) {
+        feed({{r, 0, 0}, {0, r, 0}, {0, 0, r}, {-r, 0, 0}, {0, -r, 0}, {0, 0, -r}, {r, 0, 0}, {0, r, 0}});
+        g_state.reference = g_state.demoted = g_state.provisional = true;
+        g_state.ref_strength = 200;
+        KmxcServiceEvent e{};
+        e.flags = KMXC_SERVICE_FED;
+        // The samples' own strengths, as judged, within the tolerance: the ring decides.
+        for (int i = 0; i < KMXC_SERVICE_CONFIRM_SAMPLES; ++i)
+            judge_anomaly(Vec3{0, 0, -4096}, 200, 0, KmxAxesData{0, 0, 0}, 1, &e);
+        EXPECT_EQ(g_state.offset_trusted, r == 230) << r;
+        EXPECT_EQ((e.flags & KMXC_SERVICE_CONFIRMED) != 0, r == 230) << r;
+    }
+}
+
 // The integer heading's axis: the kit tells the library the threshold that leaves the
 // axis in use and records the axis the library then took. At each threshold and one
 // count past it, from either axis and either sign of the y entry, the recorded axis is
