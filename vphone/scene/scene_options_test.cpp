@@ -5,8 +5,8 @@
 
 #include <algorithm>
 #include <map>
-#include <regex>
 #include <set>
+#include <sstream>
 
 namespace vphone::scene {
 namespace {
@@ -93,18 +93,26 @@ TEST(SceneOptions, EachHelpLinesShownDefaultReadsBackAsTheDefault) {
         {"--car-field", "0,0,5"},       {"--noise", "1"},         {"--temp-drift", "2"},
         {"--temperature", "5"},         {"--profile", "2"},       {"--seed", "9"},
         {"--accel-offset", "40,-30,20"}};
-    const std::string help = scene_options_help();  // an option, its argument and help, then (default)
-    const std::regex entry(R"(  (--[a-z-]+) [^(]*\((?:default: )?([^)]*)\))");
+    std::istringstream help(scene_options_help());
+    std::vector<std::string> entries;
+    for (std::string line; std::getline(help, line);) {
+        if (line.rfind(std::string(25, ' '), 0) == 0)  // help on a line of its own
+            entries.back() += line;
+        else
+            entries.push_back(line);
+    }
     std::set<std::string> listed;
-    for (auto m = std::sregex_iterator(help.begin(), help.end(), entry); m != std::sregex_iterator(); ++m) {
-        const std::string name = (*m)[1], shown = (*m)[2];
-        SCOPED_TRACE(name + " (" + shown + ")");
-        ScenarioSettings s;
-        ASSERT_TRUE(other.count(name));
-        EXPECT_EQ(set_scene_option(name, other.at(name), &s), "");
-        EXPECT_NE(s, ScenarioSettings{});
-        EXPECT_EQ(set_scene_option(name, shown, &s), "");
-        EXPECT_EQ(s, ScenarioSettings{}) << "the shown default is not the default";
+    ScenarioSettings s;
+    for (const std::string &line : entries) {
+        const std::string name = line.substr(2, line.find(' ', 2) - 2);
+        std::string shown = line.substr(line.find('(', line.find(' ', 2)) + 1);
+        shown = shown.substr(0, shown.find(')'));
+        if (shown.rfind("default: ", 0) == 0) shown = shown.substr(9);
+        ASSERT_TRUE(other.count(name)) << line;
+        EXPECT_EQ(set_scene_option(name, other.at(name), &s), "") << name;
+        EXPECT_NE(s, ScenarioSettings{}) << name;
+        EXPECT_EQ(set_scene_option(name, shown, &s), "") << line;
+        EXPECT_EQ(s, ScenarioSettings{}) << line << ": the shown default '" << shown << "' is not the default";
         listed.insert(name);
     }
     EXPECT_EQ(listed.size(), other.size());
