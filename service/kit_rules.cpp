@@ -16,11 +16,6 @@ int32_t strength_centi_uT(const Vec3 &v) {
     return static_cast<int32_t>(isqrt64(static_cast<uint64_t>(dot(v, v)) * (kCentiPerCount * kCentiPerCount)));
 }
 
-static bool strength_in_earth_range(int32_t counts) {
-    return counts * 10 >= KMXC_SERVICE_FIELD_MIN_UT * kCountsPer10uT &&
-           counts * 10 <= KMXC_SERVICE_FIELD_MAX_UT * kCountsPer10uT;
-}
-
 // |g| (the truncated length) within KMXC_SERVICE_STEADY_GRAVITY_PERMILLE of 1 g: the
 // whole lengths from kSteadyLow to kSteadyHigh, compared as squares (no root per cycle).
 constexpr int64_t kSteadyLow =
@@ -67,7 +62,7 @@ Agreement agreement_of(const Vec3 *u, const KmxAxesData &o, int n, bool with_dip
         const Vec3 v = minus(u[i], o);
         s[i] = length(v);
         sum += s[i];
-        if (!strength_in_earth_range(s[i])) a.in_range = false;
+        if (!in_earth_range(s[i])) a.in_range = false;
         if (with_dip && gravity_steady(g_state.fed_g[slot])) {
             dip_sum += dip_cos(v, s[i], g_state.fed_g[slot]);
             ++dips;
@@ -305,7 +300,7 @@ static bool strength_beyond(int32_t strength, int32_t permille, int divisor) {
 // hysteresis' divisor: a sample too near the limits to end an episode).
 static uint8_t causes_at(const Vec3 &g, int32_t strength, int32_t dip, int divisor) {
     uint8_t causes = 0;
-    if (!strength_in_earth_range(strength)) causes |= KMXC_SERVICE_ANOMALY_RANGE;
+    if (!in_earth_range(strength)) causes |= KMXC_SERVICE_ANOMALY_RANGE;
     if (!g_state.reference) return causes;
     if (strength_beyond(strength, KMXC_SERVICE_STRENGTH_TOLERANCE_PERMILLE, divisor))
         causes |= KMXC_SERVICE_ANOMALY_STRENGTH;
