@@ -130,17 +130,22 @@ Take take(bool new_correction, const Vec3 &offset, const Agreement &ring, const 
 
 // The prior a sphere fit of the store carries: the offset in use, each axis known to the
 // prior's 50 counts, weighted as n R^2 s^2 / s0^2 with s the residual noise explains and
-// R^2 the samples' mean squared distance from that centre.
-SpherePrior sphere_prior(const FieldStore &view) {
+// R^2 the samples' mean squared distance from that centre. None (false) when that
+// distance is no Earth field: the offset belongs to a surrounding that has gone (a clip
+// on the phone), and a prior there would pull the new surrounding's centre toward it.
+bool sphere_prior(const FieldStore &view, SpherePrior *prior) {
     const Vec3 c = vec(offset_in_use());
     int64_t r2 = 0;
     for (int i = 0; i < view.count; ++i) {
         const Vec3 d = minus(stored_field(view, i), c);
         r2 += dot(d, d);
     }
+    if (view.count == 0 || !in_earth_range(static_cast<int32_t>(isqrt64(static_cast<uint64_t>(r2 / view.count)))))
+        return false;
     // r2 below 2^37 (32 samples within 2^15 per axis), times s^2 (below 2^8 in 1/256).
     const int64_t w = r2 * kExpectedResidualSqQ8 / (kPriorVarianceCounts2 << kQ8);
-    return SpherePrior{c, w > 0 ? w : 1, kExpectedResidualSqQ8};
+    *prior = SpherePrior{c, w > 0 ? w : 1, kExpectedResidualSqQ8};
+    return true;
 }
 
 // The store (as the library sees it) fitted with a sphere; judged in a later cycle.
@@ -150,8 +155,8 @@ void sphere_step() {
     FieldStore copy;
     const FieldStore &view = library_view(s.store, g_state.soft_iron, &copy);
     SphereFit fit;
-    const SpherePrior prior = sphere_prior(view);
-    if (sphere_fit(view, &fit, &prior) != FitResult::kOk) return;
+    SpherePrior prior;
+    if (sphere_fit(view, &fit, sphere_prior(view, &prior) ? &prior : nullptr) != FitResult::kOk) return;
     s.sphere = fit;
     s.sphere_pending = true;
     s.probe_due = s.store.count >= kEllipsoidMinSamples;
@@ -328,10 +333,12 @@ void store_cycle(const Vec3 &m, const Vec3 &g, bool fit_allowed, int64_t now, Km
         s.reference_stale = true;
     }
     if (e->mag_result == 0) {
-        // After a persisting anomaly the reference is the old surrounding's: only a field
-        // outside the Earth's range keeps a sample out until a new estimate is trusted. A
+        // After a persisting anomaly the reference and the offset in use are the old
+        // surrounding's: what they say of a sample keeps nothing out until a new estimate
+        // is trusted (a clip's field puts every sample outside the Earth's range about the
+        // old offset; the new surrounding's own fit must come from those samples). A
         // strength outside the estimate's band never does.
-        const int kept_out = s.reference_stale ? KMXC_SERVICE_ANOMALY_RANGE : ~KMXC_SERVICE_ANOMALY_OUTSIDE_BAND;
+        const int kept_out = s.reference_stale ? 0 : ~KMXC_SERVICE_ANOMALY_OUTSIDE_BAND;
         const bool anomalous = (e->anomaly & kept_out) != 0;
         const KmxAxesData o = offset_in_use();
         const Vec3 centre = vec(o);

@@ -38,7 +38,8 @@ TEST(KitEstimate, TheStoreTakesInRangeSamplesAndKeepsAnomaliesOutUntilTheReferen
         {"a dip anomaly", 0, KMXC_SERVICE_ANOMALY_DIP, false, false},
         {"a strength outside the estimate's band", 0, KMXC_SERVICE_ANOMALY_OUTSIDE_BAND, false, true},
         {"a strength anomaly against a stale reference", 0, KMXC_SERVICE_ANOMALY_STRENGTH, true, true},
-        {"a range anomaly against a stale reference", 0, KMXC_SERVICE_ANOMALY_RANGE, true, false},
+        {"a range anomaly against a stale reference (a clip's new surrounding)", 0, KMXC_SERVICE_ANOMALY_RANGE, true,
+         true},
     };
     for (const auto &c : cases) {
         set_kit(kOffset);
@@ -119,8 +120,8 @@ TEST(KitEstimate, DeterminacyAndAgreementDecideHowFarASphereFitIsUsed) {
          KMXC_SERVICE_ESTIMATOR_STORE_SPHERE},
         {"a 35-degree cap about gravity, 2 counts of noise: the horizontal offset determined, high", 35, 2,
          KMXC_SERVICE_HIGH, true, KMXC_SERVICE_ESTIMATOR_STORE_SPHERE},
-        {"a 20-degree cap about gravity, 2 counts of noise: still determined across gravity", 20, 2, KMXC_SERVICE_HIGH,
-         true, KMXC_SERVICE_ESTIMATOR_STORE_SPHERE},
+        {"a 20-degree cap about gravity, 2 counts of noise: still determined across gravity", 20, 2,
+         KMXC_SERVICE_MEDIUM, true, KMXC_SERVICE_ESTIMATOR_STORE_SPHERE},
         {"a 2-degree cap: no direction determined, refused", 2, 0.4, KMXC_SERVICE_UNRELIABLE, false,
          KMXC_SERVICE_ESTIMATOR_NONE},
         {"the whole sphere, 8 counts of noise: disagrees, refused", 180, 8, KMXC_SERVICE_UNRELIABLE, false,
