@@ -49,7 +49,8 @@
  *   Estimators. Besides the library's batches, the kit offers every measured in-range
  *     sample (anomalies out) to a store of 32 samples spread over the sphere (a new
  *     rough offset empties it, and so does an anomaly lasting
- *     KMXC_SERVICE_STORE_ANOMALY_PERSIST_MS; a store that agrees with itself but not
+ *     KMXC_SERVICE_STORE_ANOMALY_PERSIST_MS, after which the new surrounding's samples
+ *     join whatever the old offset makes of them; a store that agrees with itself but not
  *     with the last 16 fed samples, while the offset in use does and those samples were
  *     all fed after it came into use, is stale and emptied).
  *     Every KMXC_SERVICE_STORE_REFIT_JOINS new samples it is fitted with a sphere (the
