@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "service/kit_estimate_test_support.h"
+#include "service/kit_uncertainty.h"
 
 namespace {
 
@@ -139,6 +140,23 @@ TEST(KitEstimate, TheIntegerHeadingCapMatchesTheDoubleFormula) {
     }
     EXPECT_GT(compared, 18000);
     for (int k = 0; k < 4; ++k) EXPECT_GT(per_level[k], 200) << "level " << k << " drawn too rarely";
+}
+
+// An estimate that leaves the offset along a unit axis a to the prior: P = s0^2 a a^T
+// (counts^2), every entry, over axes in every direction.
+TEST(KitEstimate, AnUndeterminedAxisCarriesThePriorAlongItAndNothingAcross) {
+    for (int i = 0; i < 200; ++i) {
+        const double th = 0.0313 * i, ph = 0.71 * i;
+        const double a[3] = {std::sin(th) * std::cos(ph), std::sin(th) * std::sin(ph), std::cos(th)};
+        const Vec3 q{static_cast<int32_t>(std::lround(a[0] * 16384)), static_cast<int32_t>(std::lround(a[1] * 16384)),
+                     static_cast<int32_t>(std::lround(a[2] * 16384))};
+        OffsetCovariance c{};
+        undetermined_along(q, &c);
+        ASSERT_TRUE(c.valid);
+        constexpr int kRow[6] = {0, 0, 0, 1, 1, 2}, kCol[6] = {0, 1, 2, 1, 2, 2};
+        for (int k = 0; k < 6; ++k)
+            ASSERT_NEAR(c.p_q8[k] / 256.0, kPriorVarianceCounts2 * a[kRow[k]] * a[kCol[k]], 0.5) << i << " entry " << k;
+    }
 }
 
 // ---- References and the kit file ---------------------------------------------------------

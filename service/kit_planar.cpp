@@ -6,6 +6,7 @@
 #include "orientation/orientation.h"
 #include "service/kit_angle.h"
 #include "service/kit_internal.h"
+#include "service/kit_uncertainty.h"
 
 namespace kmxc_kit {
 
@@ -336,7 +337,16 @@ void judge_step(KmxcServiceEvent *e) {
     KmxAxesLibSetMsOffset(&o);
     KmxAxesMsCalibSetOffset(&o);
     g_state.estimator = KMXC_SERVICE_ESTIMATOR_PLANAR;
-    g_state.est.cov.valid = false;  // no covariance predicts its error: the level alone caps it
+    // With the references the offset along the axis is theirs, known as well as they
+    // are: the level alone caps it. Without, that component is the old offset's, which
+    // nothing here determines: it is left to the prior, which caps the heading as a tilt
+    // turns the axis into the horizontal (a phone taken from the mount or stood on its
+    // edge).
+    if (with_ref) {
+        g_state.est.cov.valid = false;
+    } else {
+        undetermined_along(p.circle.normal_q14, &g_state.est.cov);
+    }
     e->flags |= KMXC_SERVICE_NEW_OFFSET | KMXC_SERVICE_KIT_ESTIMATE;
     trust_planar(est.level);
 }

@@ -132,6 +132,18 @@ bool covariance_of(const Vec3 *u, int n, int32_t radius, int64_t var_q8, const i
            covariance_from(a, k_q8, share_q8, prior_permille, out);
 }
 
+void undetermined_along(const Vec3 &axis_q14, OffsetCovariance *out) {
+    // s0^2 in 1/256 (below 2^20) times two Q14 components (below 2^28): below 2^48.
+    const int64_t a[3] = {axis_q14.x, axis_q14.y, axis_q14.z};
+    constexpr int kRow[6] = {0, 0, 0, 1, 1, 2}, kCol[6] = {0, 1, 2, 1, 2, 2};
+    for (int k = 0; k < 6; ++k) {
+        out->p_q8[k] = static_cast<int32_t>(((kPriorVarianceCounts2 << kQ8) * a[kRow[k]] * a[kCol[k]]) >> 28);
+        out->share_q8[k] = 0;
+    }
+    out->prior_permille = 0;
+    out->valid = true;
+}
+
 void rescale_share(OffsetCovariance *c) {
     if (!c->valid || c->prior_permille <= 0) return;
     const int64_t now = prior_sd_permille(g_state.soft_iron.in_use), was = c->prior_permille;

@@ -48,6 +48,10 @@ bool covariance_of(const Vec3 *u, int n, int32_t radius, int64_t var_q8, const i
 // The store showed more soft iron than c's share was worked out for: its share scaled
 // to the prior that now applies.
 void rescale_share(OffsetCovariance *c);
+// The covariance of an estimate that leaves its offset along `axis` (a unit vector, Q14)
+// to the prior and determines it across: s0^2 a a^T (a circle's offset with the old
+// offset's axial component). The heading cap then follows the axis' tilt alone.
+void undetermined_along(const Vec3 &axis_q14, OffsetCovariance *out);
 // One step of the pending store fit's share of unmodelled soft iron (its own cycle; two
 // between the fit and its judgement): X, then the share (Estimators' share_steps,
 // share_valid, share_q8), of the sphere's samples through the correction in use or the

@@ -157,8 +157,9 @@ void adopt_new_offset(bool three_d, const Vec3 &g, KmxcServiceEvent *e) {
             KmxAxesMsCalibSetOffset(&in_use);
             offset = in_use;
         }
-    } else {
+    } else if (!same(offset, in_use)) {
         // Untrusted: the fit is used; its batch's covariance once a 3-D fit is trusted.
+        // (The same offset again keeps the estimate in use, and what predicts its error.)
         g_state.est.cov.valid = false;
     }
     KmxAxesLibSetMsOffset(&offset);
