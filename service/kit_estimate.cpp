@@ -142,9 +142,10 @@ bool sphere_prior(const FieldStore &view, SpherePrior *prior) {
     }
     if (view.count == 0 || !in_earth_range(static_cast<int32_t>(isqrt64(static_cast<uint64_t>(r2 / view.count)))))
         return false;
-    // r2 below 2^37 (32 samples within 2^15 per axis), times s^2 (below 2^8 in 1/256).
-    const int64_t w = r2 * kExpectedResidualSqQ8 / (kPriorVarianceCounts2 << kQ8);
-    *prior = SpherePrior{c, w > 0 ? w : 1, kExpectedResidualSqQ8};
+    // r2 below 2^37 (32 samples within 2^15 per axis), times s^2 (below 2^20 in 1/256).
+    const int64_t noise = noise_variance_q8();
+    const int64_t w = r2 * noise / (kPriorVarianceCounts2 << kQ8);
+    *prior = SpherePrior{c, w > 0 ? w : 1, noise};
     return true;
 }
 
@@ -176,7 +177,7 @@ void judge_sphere(const Vec3 &g, KmxcServiceEvent *e) {
     s.ellipsoid_due =
         n >= kEllipsoidMinSamples &&
         (int64_t{fit.residual.rms_q4} * fit.residual.rms_q4 >
-             KMXC_SERVICE_ELLIPSOID_ATTEMPT_FACTOR * KMXC_SERVICE_ELLIPSOID_ATTEMPT_FACTOR * kExpectedResidualSqQ8 ||
+             KMXC_SERVICE_ELLIPSOID_ATTEMPT_FACTOR * KMXC_SERVICE_ELLIPSOID_ATTEMPT_FACTOR * noise_variance_q8() ||
          (soft.in_use && s.coverage > s.ellipsoid_cells));
     const int8_t level = level_of(fit.residual);
     if (level == KMXC_SERVICE_UNRELIABLE) return;  // refused: its own samples disagree

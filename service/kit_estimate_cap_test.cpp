@@ -159,6 +159,47 @@ TEST(KitEstimate, AnUndeterminedAxisCarriesThePriorAlongItAndNothingAcross) {
     }
 }
 
+// ---- The noise meter ------------------------------------------------------------------
+
+// The meter against fields of a known noise (sd counts per axis, drawn and then rounded
+// to counts: sd^2 + 1/12), 96 cycles: what the estimators take, in counts^2, within
+// half to 1.2 times the truth (the second quietest of four windows reads low). A break,
+// or a stretch of unsteady tilt, every 20 cycles restarts the run: no difference spans it.
+TEST(KitEstimate, TheNoiseMeterReadsTheChipsNoiseAndNotTheMotion) {
+    const struct {
+        const char *name;
+        double sd;
+        double turn, turn_change;  // counts per cycle, and per cycle^2, on x and y
+        bool steady, jumps;
+        double low, high;  // the result's bounds, counts^2
+    } cases[] = {
+        {"a still phone: its noise", 1.5, 0, 0, true, false, 1.2, 2.8},
+        {"a steady turn, and one that speeds up, show no more", 1.5, 4, 0.05, true, false, 1.2, 2.8},
+        {"a chip quieter than expected: the expected", 0.3, 0, 0, true, false, 0.64, 0.66},
+        {"a tilt never steady: nothing measured, the expected", 3, 0, 0, false, false, 0.64, 0.66},
+        {"a jump after each break is no noise", 1.5, 0, 0, true, true, 1.2, 2.8},
+        {"a motion between still stretches is no noise", 1.5, 0, 0, false, true, 1.2, 2.8},
+    };
+    for (const auto &c : cases) {
+        g_state = State{};
+        Noise noise;
+        for (int t = 0; t < 96; ++t) {
+            const double drift = c.turn * t + c.turn_change * t * t;
+            const double jump = c.jumps ? 400.0 * (t / 20) : 0;
+            // Jumps come after a break, or in a stretch of unsteady tilt.
+            if (c.jumps && c.steady && t % 20 == 0) break_noise_run();
+            const bool steady = c.jumps ? c.steady || t % 20 >= 3 : c.steady;
+            const Vec3 m{static_cast<int32_t>(std::lround(100 + drift + jump + noise.next(c.sd))),
+                         static_cast<int32_t>(std::lround(-40 - drift + noise.next(c.sd))),
+                         static_cast<int32_t>(std::lround(-200 + noise.next(c.sd)))};
+            note_noise(m, steady);
+        }
+        const double v = noise_variance_q8() / 256.0;
+        EXPECT_GE(v, c.low) << c.name;
+        EXPECT_LE(v, c.high) << c.name;
+    }
+}
+
 // ---- References and the kit file ---------------------------------------------------------
 
 // The references are an estimate's trusted at medium or high with a dip measured; the

@@ -72,6 +72,22 @@ struct OffsetCovariance {
 // last sphere fit of it (waiting for its judgement, then the ellipsoid's starting
 // point), an ellipsoid fit waiting for its judgement, the covariance of the estimate in
 // use, and what the store's schedule needs.
+// The magnetometer's noise as the fields show it (kit_uncertainty.cpp): third
+// differences m_t - 3 m_t-1 + 3 m_t-2 - m_t-3 (no steady turn nor a steadily changing
+// one shows in them) over windows of kNoiseWindow cycles in steady tilt, each window's
+// variance kept for the last kNoiseWindows.
+constexpr int kNoiseWindow = 16;
+constexpr int kNoiseWindows = 4;
+struct NoiseMeter {
+    int16_t last[3][3];                // the three fields before, of an unbroken run (last[0] the newest)
+    uint8_t run;                       // how many of last[] belong to the run (0..3)
+    uint8_t in_window;                 // differences summed into window_sq (a break leaves them)
+    uint8_t windows;                   // windows closed, up to kNoiseWindows
+    uint8_t next;                      // slot of the next window to close
+    uint32_t window_sq;                // the open window's squared differences, counts^2 (saturated)
+    int32_t window_q8[kNoiseWindows];  // each closed window's noise variance per axis, 1/256 count^2
+};
+
 struct Estimators {
     FieldStore store;
     SphereFit sphere;         // the last sphere fit, of the store as the library sees it
@@ -93,7 +109,7 @@ struct Estimators {
     int32_t share_prior_permille;
     int32_t share_x_q8[kShareColumns];
     int32_t share_q8[6];
-    bool reference_stale;  // a persisting anomaly cleared the store: only range verdicts count
+    bool reference_stale;  // a persisting anomaly cleared the store: the old reference's verdicts keep nothing out
     bool anomaly_cleared;  // ... and this anomaly episode has done so
     // The chip's raw temperatures of the samples joined since the store was last emptied
     // (bounds of the kept ones'), valid when temp_known.
@@ -102,6 +118,7 @@ struct Estimators {
     // The soft iron the store's last ellipsoid fit showed: the RMS of its correction's
     // entries about I, 1/1000 (0 until one is fitted, and again once the store is emptied).
     int32_t shown_permille;
+    NoiseMeter noise;
 };
 
 // The planar estimator's state (kit_planar.cpp): a circle fit of the store waiting for
@@ -269,6 +286,13 @@ bool heading_on_z(int16_t up_y, int32_t threshold);
 void integer_heading(const KmxAxesData &mag, const KmxAxesData &gravity, KmxcServiceEvent *e);
 
 // ---- The kit's estimators (kit_estimate.cpp) -----------------------------------------
+
+// The noise meter (kit_uncertainty.cpp) takes each measured field (counts, as the store
+// is offered it) and whether the tilt was steady (a window needs a steady phone
+// throughout: a hand's or a car's motion would count as noise), or a break in their run:
+// a channel out of range, a failed measurement, a new rough offset.
+void note_noise(const Vec3 &m, bool steady);
+void break_noise_run();
 
 // Empties the store (the fed samples no longer describe the field).
 void store_clear();

@@ -47,6 +47,44 @@ void scatter_of(const Vec3 *u, int n, int64_t m[6]) {
     for (int k = 0; k < 6; ++k) m[k] = n * uu[k] - s[kRow[k]] * s[kCol[k]];
 }
 
+// How far above the measured noise variance per axis a direction's scatter must lie
+// before it tells anything, in halves: over a store's samples a noise-only direction's
+// scatter comes out up to a third above the noise's. (The expected noise needs no
+// margin: it is twice the chip's already.)
+constexpr int64_t kNoiseScatterMarginHalves = 4;
+
+// The most noise the meter reports, 1/256 count^2 (64 counts per axis: a field no fit
+// accepts anyway): the products it enters stay within their formats.
+constexpr int64_t kNoiseMaxQ8 = (int64_t{1} << 20) - 1;
+
+// The noise the meter's recent windows show, 1/256 count^2 (INT64_MAX before the first):
+// the second quietest once there are two (one window can read low: a run of repeated
+// or smoothed readings), else the one.
+int64_t measured_noise_q8() {
+    const NoiseMeter &nm = g_state.est.noise;
+    int64_t quietest = INT64_MAX, second = INT64_MAX;
+    for (int i = 0; i < nm.windows; ++i) {
+        const int64_t v = nm.window_q8[i];
+        if (v < quietest) {
+            second = quietest;
+            quietest = v;
+        } else if (v < second) {
+            second = v;
+        }
+    }
+    return nm.windows >= 2 ? second : quietest;
+}
+
+// The noise the scatter of a fit's samples is taken to carry (offset_information).
+int64_t scatter_noise_q8() {
+    const int64_t measured = measured_noise_q8();
+    if (measured == INT64_MAX) return kExpectedResidualSqQ8;
+    // measured below 2^31: the product within 64 bits.
+    const int64_t with_margin = measured * kNoiseScatterMarginHalves / 2;
+    if (with_margin <= kExpectedResidualSqQ8) return kExpectedResidualSqQ8;
+    return with_margin < kNoiseMaxQ8 ? with_margin : kNoiseMaxQ8;
+}
+
 // The largest variance of P along any direction (1/256 count^2): its largest eigenvalue.
 int64_t worst_variance(const OffsetCovariance &c) {
     const int64_t p[6] = {c.p_q8[0], c.p_q8[1], c.p_q8[2], c.p_q8[3], c.p_q8[4], c.p_q8[5]};
@@ -68,7 +106,7 @@ bool offset_information(const Vec3 *u, int n, int32_t radius, int64_t var_q8, in
     scatter_of(u, n, m);
     int64_t lambda[3];
     sym3_eigenvalues(m, lambda);
-    int64_t noise = (int64_t{n} * n * kExpectedResidualSqQ8) >> kQ8;
+    int64_t noise = (int64_t{n} * n * scatter_noise_q8()) >> kQ8;
     if (noise > lambda[2]) noise = lambda[2] > 0 ? lambda[2] : 0;
     m[0] += prior - noise, m[3] += prior - noise, m[5] += prior - noise;
     const int64_t full[9] = {m[0], m[1], m[2], m[1], m[3], m[4], m[2], m[4], m[5]};
@@ -206,6 +244,54 @@ int32_t soft_iron_shown_permille(const EllipsoidFit &fit) {
     return static_cast<int32_t>(isqrt64(static_cast<uint64_t>(sum * 1000000 / 6)) >> 14);
 }
 
+void note_noise(const Vec3 &m, bool steady) {
+    NoiseMeter &nm = g_state.est.noise;
+    const int32_t v[3] = {m.x, m.y, m.z};
+    for (const int32_t c : v) {
+        if (c < INT16_MIN || c > INT16_MAX) {
+            break_noise_run();
+            return;
+        }
+    }
+    if (!steady) {
+        nm.run = 0;  // no difference spans a motion
+        return;
+    }
+    if (nm.run == 3) {
+        // Third differences within 2^19 per axis; the window's sum saturates (a window
+        // that large says nothing of the noise anyway).
+        uint64_t sq = 0;
+        for (int k = 0; k < 3; ++k) {
+            const int64_t d = int64_t{v[k]} - 3 * nm.last[0][k] + 3 * nm.last[1][k] - nm.last[2][k];
+            sq += static_cast<uint64_t>(d * d);
+        }
+        sq += nm.window_sq;
+        nm.window_sq = sq > UINT32_MAX ? UINT32_MAX : static_cast<uint32_t>(sq);
+        if (++nm.in_window == kNoiseWindow) {
+            // E |d|^2 = 3 axes times 20 sigma^2 (1 + 9 + 9 + 1).
+            nm.window_q8[nm.next] = static_cast<int32_t>((uint64_t{nm.window_sq} << kQ8) / (60 * kNoiseWindow));
+            nm.next = static_cast<uint8_t>((nm.next + 1) % kNoiseWindows);
+            if (nm.windows < kNoiseWindows) ++nm.windows;
+            nm.in_window = 0;
+            nm.window_sq = 0;
+        }
+    }
+    for (int k = 0; k < 3; ++k) {
+        nm.last[2][k] = nm.last[1][k];
+        nm.last[1][k] = nm.last[0][k];
+        nm.last[0][k] = static_cast<int16_t>(v[k]);
+    }
+    if (nm.run < 3) ++nm.run;
+}
+
+void break_noise_run() { g_state.est.noise.run = 0; }
+
+int64_t noise_variance_q8() {
+    const int64_t measured = measured_noise_q8();
+    if (measured == INT64_MAX || measured <= kExpectedResidualSqQ8) return kExpectedResidualSqQ8;
+    return measured < kNoiseMaxQ8 ? measured : kNoiseMaxQ8;
+}
+
 void note_temperature(int16_t raw) {
     Estimators &s = g_state.est;
     if (!s.temp_known || raw < s.temp_low) s.temp_low = raw;
@@ -222,7 +308,8 @@ int64_t store_wander_sq_q8() {
 
 int64_t residual_variance_q8(int64_t spread_q8, int n, int unknowns, int64_t wander_sq_q8) {
     const int64_t v = n > unknowns ? spread_q8 / (n - unknowns) : spread_q8;
-    return (v > kExpectedResidualSqQ8 ? v : kExpectedResidualSqQ8) + n * wander_sq_q8;
+    const int64_t floor = noise_variance_q8();
+    return (v > floor ? v : floor) + n * wander_sq_q8;
 }
 
 // With g scaled to 9 bits, g^T P g stays below 2^41.

@@ -62,6 +62,12 @@ void undetermined_along(const Vec3 &axis_q14, OffsetCovariance *out);
 // exceeds P's bound leaves share_valid false: nothing determined, the fit not used.
 void share_step();
 
+// The magnetometer's noise variance per axis that the estimators take, 1/256 count^2:
+// the quietest of the meter's recent windows (a window in which the phone turned or was
+// bumped only shows more), never below kExpectedResidualSqQ8. A chip noisier than
+// expected scatters a flat turn's circle into a band that looks three-dimensional; this
+// is what keeps the band's thickness from counting as information.
+int64_t noise_variance_q8();
 // The soft iron an ellipsoid fit shows: the RMS of the six entries of W - I, 1/1000.
 int32_t soft_iron_shown_permille(const EllipsoidFit &fit);
 // A sample with this raw temperature joined the store: its temperature span grows.

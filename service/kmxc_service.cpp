@@ -237,6 +237,7 @@ void move_rough_offset_if_clipped(int64_t now, KmxcServiceEvent *e) {
     // The stored samples were measured with the old rough offset: the store goes before
     // the change's save, so the kit file it writes says nothing is covered.
     store_clear();
+    break_noise_run();
     if (!change_rough_offset(now, e)) return;
     e->flags |= KMXC_SERVICE_ROUGH_CHANGED;
     // The correction's centre moves with the field by the step the offset was carried.
@@ -340,6 +341,11 @@ int32_t kmxc_service_cycle(int64_t now, KmxcServiceEvent *e) {
         }
         judge_field(c, g, offset, now, e);
         if (vehicle_entered(&g_state.vehicle, minus(c, offset), g, g_state.offset_trusted, now)) on_vehicle_entered(e);
+        if (e->mag_result == 0) {
+            note_noise(m, g_state.tilt_steady);
+        } else {
+            break_noise_run();
+        }
         store_cycle(m, g, (e->flags & KMXC_SERVICE_FED) == 0, now, e);
         save_when_due(now, e);
         KmxAxesLibGetMsOffset(&offset);
@@ -348,6 +354,8 @@ int32_t kmxc_service_cycle(int64_t now, KmxcServiceEvent *e) {
         integer_heading(mag, attitude, e);  // 4e. (kit_heading.cpp)
         e->offset[0] = offset.x, e->offset[1] = offset.y, e->offset[2] = offset.z;
         kmxc_service_fill_floats(&mag, &gravity, &attitude, &offset, e);
+    } else {
+        break_noise_run();
     }
     e->accuracy = accuracy_now(now);
     // The heading's uncertainty at this attitude caps whatever the other rules allow.

@@ -351,9 +351,11 @@ extern "C" {
 #define KMXC_SERVICE_HEADING_SIGMA_LOW_CDEG 1500
 /* The magnetometer's noise per axis assumed by the estimators, 1/100 uT: its part in a
  * fit's expected residual (with the 0.4 uT count's rounding, 0.12 uT). Twice what the
- * virtual phone draws: a noisier chip only makes the ellipsoid attempted more often (its
- * adoption has its own test) and never shrinks a predicted error (the residual a fit
- * shows is used when it is larger). */
+ * virtual phone draws. It is a floor: the kit measures the noise the fields show while
+ * the tilt is steady (third differences of consecutive fields) and takes that when it is
+ * more, for the residuals a fit is judged by and, with a margin of twice, for the
+ * scatter a thin band of samples owes to noise alone (a noisier chip's flat turns then
+ * determine no third direction). */
 #define KMXC_SERVICE_MAG_NOISE_CENTI_UT 30
 /* Soft iron a fit does not model, per entry of the correction W = I + D (one standard
  * deviation, 1/1000). A sphere fitted to part of the sphere turns D into offset (a cap
