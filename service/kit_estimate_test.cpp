@@ -349,6 +349,7 @@ TEST(KitEstimate, ACorrectionIsRefittedOnceTheStoreCoversMoreCellsThanItsFit) {
 // prior to what it shows, a round one keeps the default. The same happens to the
 // estimate in use when a later fit shows more.
 TEST(KitEstimate, TheSoftIronAStoreShowsIsThePriorOfItsShare) {
+    constexpr int32_t kDefault = KMXC_SERVICE_SOFT_IRON_PRIOR_PERMILLE;
     const struct {
         const char *name;
         int n;
@@ -356,12 +357,10 @@ TEST(KitEstimate, TheSoftIronAStoreShowsIsThePriorOfItsShare) {
         const double *soft;
         int32_t prior_min, prior_max;
     } cases[] = {
-        {"round: the default prior", 60, 60, 0.4, kNoSoftIron, KMXC_SERVICE_SOFT_IRON_PRIOR_PERMILLE,
-         KMXC_SERVICE_SOFT_IRON_PRIOR_PERMILLE},
+        {"round: the default prior", 60, 60, 0.4, kNoSoftIron, kDefault, kDefault},
         // The showing fit counts what the samples tell clearly: one held less near the
         // sphere shows the noise of a 45-degree cap as 35 permille.
-        {"round, a 45-degree cap, noise 1 count: the default prior", 40, 45, 1.0, kNoSoftIron,
-         KMXC_SERVICE_SOFT_IRON_PRIOR_PERMILLE, KMXC_SERVICE_SOFT_IRON_PRIOR_PERMILLE},
+        {"round, a 45-degree cap, noise 1 count: the default prior", 40, 45, 1.0, kNoSoftIron, kDefault, kDefault},
         {"10 % soft iron: what it shows", 60, 60, 0.4, kSoftIron, 45, 60},
     };
     for (const auto &c : cases) {
@@ -370,9 +369,7 @@ TEST(KitEstimate, TheSoftIronAStoreShowsIsThePriorOfItsShare) {
         ASSERT_TRUE(g_state.est.cov.valid) << c.name;
         EXPECT_GE(g_state.est.cov.prior_permille, c.prior_min) << c.name;
         EXPECT_LE(g_state.est.cov.prior_permille, c.prior_max) << c.name;
-        EXPECT_EQ(g_state.est.cov.prior_permille,
-                  std::max(g_state.est.shown_permille, int32_t{KMXC_SERVICE_SOFT_IRON_PRIOR_PERMILLE}))
-            << c.name;
+        EXPECT_EQ(g_state.est.cov.prior_permille, std::max(g_state.est.shown_permille, kDefault)) << c.name;
     }
     // A later fit shows more: the share in use grows as the prior's square, the rest of
     // the covariance stays.

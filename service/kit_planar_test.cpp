@@ -120,7 +120,7 @@ DoubleSolution double_solution(const FieldStore &s, const Vector3d &down, double
 TEST(PlanarProperty, AgreesWithAnIndependentDoubleSolutionOnRandomCirclesAxesStrengthsAndDips) {
     std::mt19937 rng(2024);
     std::uniform_real_distribution<double> u(0, 1);
-    int medium = 0, checked = 0;
+    int medium = 0;
     for (int trial = 0; trial < 300; ++trial) {
         Circle c;
         c.offset = Vector3d(u(rng) * 600 - 300, u(rng) * 600 - 300, u(rng) * 600 - 300);
@@ -163,13 +163,11 @@ TEST(PlanarProperty, AgreesWithAnIndependentDoubleSolutionOnRandomCirclesAxesStr
         const double bound = 1.5 + 4 * c.noise / std::sqrt(c.n) * 360 / c.arc_deg +
                              2 * axial * (c.wobble_deg + c.slope_deg) * kPi / 180 * std::max(1.0, 180 / c.arc_deg);
         EXPECT_LT(across.norm(), bound);
-        ++checked;
         medium += est.level == KMXC_SERVICE_MEDIUM;
         if (c.arc_deg < KMXC_SERVICE_PLANAR_CONFIRM_ARC_CDEG / 100.0 - 360.0 / (c.n - 1) - 2) {
             EXPECT_EQ(est.level, KMXC_SERVICE_LOW) << "a short arc cannot confirm the radius";
         }
     }
-    EXPECT_EQ(checked, 300);
     EXPECT_GT(medium, 100);
 }
 
