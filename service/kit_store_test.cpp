@@ -144,15 +144,10 @@ TEST(KitStore, TheKitLineReadsBackAndBelongsToItsRecord) {
     KitRecord k = default_kit(calib);
     EXPECT_EQ(kit_text(k).substr(0, 49), "1,16,15,17,45,-31,24,16384,0,0,16384,0,16384,0,0,");
     EXPECT_TRUE(kit_belongs_to(k, calib));
-    CalibRecord other = calib;
-    other.magnetic.z = 25;
-    EXPECT_FALSE(kit_belongs_to(k, other));
-    other = calib;
-    other.rough[2] = 18;
-    EXPECT_FALSE(kit_belongs_to(k, other));
-    other = calib;
-    other.gravity.x = 0;  // the gravity offset is not the kit file's business
-    EXPECT_TRUE(kit_belongs_to(k, other));
+    EXPECT_FALSE(kit_belongs_to(k, CalibRecord{{16, 15, 17}, {3, 4, 5}, {45, -31, 25}})) << "another magnetic offset";
+    EXPECT_FALSE(kit_belongs_to(k, CalibRecord{{16, 15, 18}, {3, 4, 5}, {45, -31, 24}})) << "another rough offset";
+    EXPECT_TRUE(kit_belongs_to(k, CalibRecord{{16, 15, 17}, {0, 4, 5}, {45, -31, 24}}))
+        << "another gravity offset: not the kit file's business";
 
     const KitRecord full{{0, 31, 1}, {-16384, 16384, 7}, {32768, -8192, 8192, 8192, 0, 20000}, 250, -9000, 1, 255, 1};
     for (const KitRecord &r : {k, full, default_kit(kDefaultRecord)}) {
