@@ -7,6 +7,7 @@
 #include <Eigen/Dense>
 #include <cmath>
 #include <random>
+#include <utility>
 #include <vector>
 
 #include "service/circle_fit.h"
@@ -105,21 +106,20 @@ std::vector<Vector3d> fields_of(const FieldStore &s) {
 
 // ---- Double-precision fits of the same models ---------------------------------------------
 
-struct SphereRef {
-    Vector3d centre;
-    double radius;
-};
-SphereRef sphere_reference(const std::vector<Vector3d> &m) {
-    Vector3d mean = Vector3d::Zero();
+// The algebraic sphere (a circle in two dimensions): the centre and radius r minimising
+// the sum of (|p - c|^2 - r^2)^2.
+template <int N>
+std::pair<Eigen::Matrix<double, N, 1>, double> sphere_reference(const std::vector<Eigen::Matrix<double, N, 1>> &m) {
+    using V = Eigen::Matrix<double, N, 1>;
+    V mean = V::Zero(), r = V::Zero();
     for (const auto &p : m) mean += p / m.size();
-    Matrix3d s = Matrix3d::Zero();
-    Vector3d r = Vector3d::Zero();
+    Eigen::Matrix<double, N, N> s = Eigen::Matrix<double, N, N>::Zero();
     double w = 0;
     for (const auto &p : m) {
-        const Vector3d u = p - mean;
+        const V u = p - mean;
         s += u * u.transpose(), r += u * u.squaredNorm(), w += u.squaredNorm();
     }
-    const Vector3d c = s.ldlt().solve(r / 2);
+    const V c = s.ldlt().solve(r / 2);
     return {mean + c, std::sqrt(w / m.size() + c.squaredNorm())};
 }
 
@@ -167,18 +167,10 @@ CircleRef circle_reference(const std::vector<Vector3d> &m, const Vector3d &gravi
     Vector3d n = es.eigenvectors().col(0);
     if (n.dot(gravity) < 0) n = -n;
     const Vector3d e1 = n.unitOrthogonal(), e2 = n.cross(e1);
-    Eigen::Matrix2d s = Eigen::Matrix2d::Zero();
-    Eigen::Vector2d r = Eigen::Vector2d::Zero(), sum = Eigen::Vector2d::Zero();
     std::vector<Eigen::Vector2d> q;
-    for (const auto &p : m) q.emplace_back((p - mean).dot(e1), (p - mean).dot(e2)), sum += q.back() / m.size();
-    double w = 0;
-    for (const auto &p : q) {
-        const Eigen::Vector2d u = p - sum;
-        s += u * u.transpose(), r += u * u.squaredNorm(), w += u.squaredNorm();
-    }
-    const Eigen::Vector2d c = s.ldlt().solve(r / 2) + sum;
-    return {n, mean + c.x() * e1 + c.y() * e2, std::sqrt(w / m.size() + (c - sum).squaredNorm()),
-            std::sqrt(es.eigenvalues()(0) / m.size())};
+    for (const auto &p : m) q.emplace_back((p - mean).dot(e1), (p - mean).dot(e2));
+    const auto [c, radius] = sphere_reference<2>(q);
+    return {n, mean + c.x() * e1 + c.y() * e2, radius, std::sqrt(es.eigenvalues()(0) / m.size())};
 }
 
 // The fit's whole-count offset is the reference's rounded, except within a hundredth of
@@ -224,9 +216,9 @@ TEST(SphereAndEllipsoidFits, AreTheirDoubleFitsRoundedAndRecoverHardAndSoftIron)
             const FitResult result = sphere_fit(s, &sphere);
             if (c.handling == Handling::kHeldLevel && result == FitResult::kIllConditioned) continue;
             ASSERT_EQ(result, FitResult::kOk) << c.name << " " << trial;
-            const SphereRef sref = sphere_reference(fields_of(s));
-            expect_rounded(sphere.offset, sref.centre, c.name);
-            EXPECT_NEAR(sphere.radius_q4 / 16.0, sref.radius, 1 / 16.0 + 0.01) << c.name;
+            const auto [centre, radius] = sphere_reference<3>(fields_of(s));
+            expect_rounded(sphere.offset, centre, c.name);
+            EXPECT_NEAR(sphere.radius_q4 / 16.0, radius, 1 / 16.0 + 0.01) << c.name;
             sphere_truth = std::max(sphere_truth, (as_double(sphere.offset) - p.offset).norm());
             ++fitted;
             for (int k = 0; k < 2; ++k) {

@@ -56,8 +56,7 @@ inline Vec3 sample(const std::array<double, 3> &d, const Vec3 &o, const double s
 constexpr double kNoSoftIron[4] = {1, 1, 1, 0};
 constexpr double kSoftIron[4] = {1.10, 0.92, 1.0, 0.05};
 
-// The kit with nothing trusted, the library's offset at `in_use`; the store and the
-// ring of fed samples filled from `n` directions.
+// The kit with nothing trusted, the library's offset at `in_use`.
 inline void set_kit(const Vec3 &in_use) {
     g_state = State{};
     const KmxAxesData o{in_use.x, in_use.y, in_use.z};
@@ -65,7 +64,11 @@ inline void set_kit(const Vec3 &in_use) {
     KmxAxesMsCalibSetOffset(&o);
 }
 
-inline void fill(const std::vector<std::array<double, 3>> &dirs, const Vec3 &o, const double s[4], double sd) {
+// The kit set as set_kit(in_use) with the store and the ring of fed samples filled from
+// `dirs` about offset o.
+inline void fill(const Vec3 &in_use, const std::vector<std::array<double, 3>> &dirs, const Vec3 &o, const double s[4],
+                 double sd) {
+    set_kit(in_use);
     Noise noise;
     for (const auto &d : dirs) {
         const Vec3 m = sample(d, o, s, noise, sd);

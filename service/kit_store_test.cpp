@@ -40,8 +40,8 @@ TEST(KitStore, TheCalibrationLineIsTheLibrarysFormatAndReadsBack) {
         EXPECT_TRUE(same_record(back, r)) << text;
     }
     // The longest line fits the bound.
-    const CalibRecord widest{{31, 31, 31}, {-1024, -1024, -1024}, kNoStoredOffset};
-    EXPECT_LE(calib_text(CalibRecord{{255, 255, 255}, widest.gravity, {-16384, -16384, -16384}}).size(), kCalibTextMax);
+    EXPECT_LE(calib_text(CalibRecord{{255, 255, 255}, {-1024, -1024, -1024}, {-16384, -16384, -16384}}).size(),
+              kCalibTextMax);
 }
 
 TEST(KitStore, OnlyNineIntegersAreACalibrationRecord) {
@@ -80,6 +80,9 @@ TEST(KitStore, OnlyNineIntegersAreACalibrationRecord) {
 // Every value at the edge of its range, and what goes with it when it is out.
 TEST(KitStore, ImplausibleValuesAreResetWithWhatBelongsToThem) {
     const int32_t G = KMXC_SERVICE_GRAVITY_OFFSET_LIMIT, U = kUnknownOffset;
+    // What is left of {16, 16, 16}, {0, 0, 0}, {1, 2, 3} with the magnetic or gravity offset reset.
+    const CalibRecord no_magnetic{{16, 16, 16}, {0, 0, 0}, kNoStoredOffset},
+        no_gravity{{16, 16, 16}, {0, 0, 0}, {1, 2, 3}};
     const struct {
         const char *name;
         int32_t f[kCalibFields];
@@ -92,26 +95,11 @@ TEST(KitStore, ImplausibleValuesAreResetWithWhatBelongsToThem) {
         {"rough step -1", {16, -1, 16, 0, 0, 0, U, U, U}, kResetRough, kDefaultRecord},
         {"rough partly not known", {255, 16, 16, 0, 0, 0, U, U, U}, kResetRough, kDefaultRecord},
         {"magnetic offset of no rough offset", {255, 255, 255, 0, 0, 0, 1, 2, 3}, kResetMagnetic, kDefaultRecord},
-        {"magnetic past 16384",
-         {16, 16, 16, 0, 0, 0, 1, 2, 16385},
-         kResetMagnetic,
-         {{16, 16, 16}, {0, 0, 0}, kNoStoredOffset}},
-        {"magnetic partly not known",
-         {16, 16, 16, 0, 0, 0, U, 2, 3},
-         kResetMagnetic,
-         {{16, 16, 16}, {0, 0, 0}, kNoStoredOffset}},
-        {"gravity one past the limit",
-         {16, 16, 16, 0, G + 1, 0, 1, 2, 3},
-         kResetGravity,
-         {{16, 16, 16}, {0, 0, 0}, {1, 2, 3}}},
-        {"gravity one past the negative limit",
-         {16, 16, 16, -G - 1, 0, 0, 1, 2, 3},
-         kResetGravity,
-         {{16, 16, 16}, {0, 0, 0}, {1, 2, 3}}},
-        {"gravity INT32_MIN",
-         {16, 16, 16, 0, 0, INT32_MIN, 1, 2, 3},
-         kResetGravity,
-         {{16, 16, 16}, {0, 0, 0}, {1, 2, 3}}},
+        {"magnetic past 16384", {16, 16, 16, 0, 0, 0, 1, 2, 16385}, kResetMagnetic, no_magnetic},
+        {"magnetic partly not known", {16, 16, 16, 0, 0, 0, U, 2, 3}, kResetMagnetic, no_magnetic},
+        {"gravity one past the limit", {16, 16, 16, 0, G + 1, 0, 1, 2, 3}, kResetGravity, no_gravity},
+        {"gravity one past the negative limit", {16, 16, 16, -G - 1, 0, 0, 1, 2, 3}, kResetGravity, no_gravity},
+        {"gravity INT32_MIN", {16, 16, 16, 0, 0, INT32_MIN, 1, 2, 3}, kResetGravity, no_gravity},
         {"everything",
          {99, 16, 16, G + 1, 0, 0, 1, 2, 3},
          kResetRough | kResetMagnetic | kResetGravity,
@@ -156,15 +144,10 @@ TEST(KitStore, TheKitLineReadsBackAndBelongsToItsRecord) {
     KitRecord k = default_kit(calib);
     EXPECT_EQ(kit_text(k).substr(0, 49), "1,16,15,17,45,-31,24,16384,0,0,16384,0,16384,0,0,");
     EXPECT_TRUE(kit_belongs_to(k, calib));
-    CalibRecord other = calib;
-    other.magnetic.z = 25;
-    EXPECT_FALSE(kit_belongs_to(k, other));
-    other = calib;
-    other.rough[2] = 18;
-    EXPECT_FALSE(kit_belongs_to(k, other));
-    other = calib;
-    other.gravity.x = 0;  // the gravity offset is not the kit file's business
-    EXPECT_TRUE(kit_belongs_to(k, other));
+    EXPECT_FALSE(kit_belongs_to(k, CalibRecord{{16, 15, 17}, {3, 4, 5}, {45, -31, 25}})) << "another magnetic offset";
+    EXPECT_FALSE(kit_belongs_to(k, CalibRecord{{16, 15, 18}, {3, 4, 5}, {45, -31, 24}})) << "another rough offset";
+    EXPECT_TRUE(kit_belongs_to(k, CalibRecord{{16, 15, 17}, {0, 4, 5}, {45, -31, 24}}))
+        << "another gravity offset: not the kit file's business";
 
     const KitRecord full{{0, 31, 1}, {-16384, 16384, 7}, {32768, -8192, 8192, 8192, 0, 20000}, 250, -9000, 1, 255, 1};
     for (const KitRecord &r : {k, full, default_kit(kDefaultRecord)}) {
