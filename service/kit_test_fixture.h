@@ -59,6 +59,12 @@ protected:
         std::filesystem::remove_all(dir_, ignored);
     }
 
+    // Powers the phone on again with its chips (the files stay as they are).
+    void power_on() {
+        vphone::reset();
+        rig_.attach_chips(1, kRigCalibration);
+    }
+
     // Runs a scenario through the kit at rate_hz until until_s (or the script's end);
     // disturb may change what the phone senses at each instant.
     Trace run(ScenarioSettings settings, int rate_hz, double until_s = 1e9,
