@@ -178,18 +178,14 @@ TEST_F(Kit, ARoughOffsetChangeIsSavedAtOnceWithItsOffsetCarriedOver) {
         if (!(e.flags & KMXC_SERVICE_ROUGH_CHANGED)) continue;
         ++changes;
         EXPECT_TRUE(e.flags & KMXC_SERVICE_SAVED);
-        const std::string &after = seen.at(i + 2);  // seen[0] is before the start, seen[i + 1] before cycle i
-        uint8_t new_rough[3];
-        KmxAxesData carried, expected;
-        ASSERT_EQ(std::sscanf(after.c_str(), "%hhu,%hhu,%hhu,%*d,%*d,%*d,%d,%d,%d", &new_rough[0], &new_rough[1],
-                              &new_rough[2], &carried.x, &carried.y, &carried.z),
-                  6)
-            << after;
-        EXPECT_TRUE(old_rough[0] != new_rough[0] || old_rough[1] != new_rough[1] || old_rough[2] != new_rough[2]);
+        const std::vector<long long> after = fields_of(seen.at(i + 2));  // seen[i + 1] is before cycle i
+        ASSERT_EQ(after.size(), 9u);
+        uint8_t new_rough[3] = {uint8_t(after[0]), uint8_t(after[1]), uint8_t(after[2])};
+        EXPECT_FALSE(std::equal(old_rough, old_rough + 3, new_rough));
+        KmxAxesData expected;
         KmxAxesLibRecalcMsOffset(&in_use, &expected, old_rough, new_rough);
-        EXPECT_EQ(carried.x, expected.x);
-        EXPECT_EQ(carried.y, expected.y);
-        EXPECT_EQ(carried.z, expected.z);
+        EXPECT_EQ(std::vector<long long>(after.begin() + 6, after.end()),
+                  (std::vector<long long>{expected.x, expected.y, expected.z}));
     }
     EXPECT_EQ(changes, 1);
 }

@@ -129,17 +129,12 @@ TEST(KitRuleEdges, AStrengthJustOutsideItsBandHoldsTheAccuracyLowWithoutAnEpisod
 // The dip is judged only in steady gravity: |g| within 60 thousandths of 4096 counts,
 // so 3851..4341, and its direction steady (an acceleration may have turned it).
 TEST(KitRuleEdges, DipAnomaliesAreJudgedOnlyInSteadyGravity) {
+    constexpr uint8_t kDip = KMXC_SERVICE_ANOMALY_DIP;
     const struct {
         int32_t gravity;
         bool tilt_steady;
         uint8_t causes;
-    } cases[] = {
-        {4341, true, KMXC_SERVICE_ANOMALY_DIP},
-        {4342, true, 0},
-        {3851, true, KMXC_SERVICE_ANOMALY_DIP},
-        {3850, true, 0},
-        {4096, false, 0},
-    };
+    } cases[] = {{4341, true, kDip}, {4342, true, 0}, {3851, true, kDip}, {3850, true, 0}, {4096, false, 0}};
     for (const auto &c : cases) {
         g_state = State{};
         g_state.reference = true;

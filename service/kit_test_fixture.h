@@ -96,6 +96,11 @@ protected:
     std::string dir_;
 };
 
+// The double path's azimuth error of an event against the scene's attitude, degrees.
+inline double azimuth_error_deg(const KmxcServiceEvent &e, const Truth &t) {
+    return heading_difference(e.orientation_deg[0], true_angles(t.attitude, HeadingAxis::kY).double_azimuth);
+}
+
 // The calibration file's text after its three rough-offset fields, and up to them.
 inline size_t after_rough(const std::string &line) {
     size_t at = 0;
