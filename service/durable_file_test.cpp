@@ -3,9 +3,7 @@
 // across processes, and the safe reader.
 #include "service/durable_file.h"
 
-#include <fcntl.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -15,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "service/kit_file_test_support.h"
 #include "vphone/phone_fixture.h"
 
 namespace {
@@ -53,22 +52,19 @@ protected:
     }
 };
 
-TEST_F(DurableFile, ReplacesWithContentOwnerAndModeAndLeavesNoTemporary) {
-    for (const char *text : {"first", "second, longer than the first", ""}) {
+// The content is on the flash before the name points at it, and the name before the
+// save returns: fsync of the file, then the rename, then fsync of the directory. The file
+// has the content, owner and mode asked for, and no temporary is left.
+TEST_F(DurableFile, ReplacesWithContentOwnerAndModeSyncedInOrderAndLeavesNoTemporary) {
+    for (const char *text : {"first", "", "second, longer than the first"}) {
+        vphone::reset();
         ASSERT_EQ(save(text).outcome, Outcome::kDone) << text;
         EXPECT_EQ(vphone::read_file(kFile), text);
         EXPECT_EQ(vphone::owner_of(kFile), (vphone::Owner{1008, 1000}));
         EXPECT_EQ(vphone::mode_of(kFile), 0666u);
         EXPECT_EQ(names(), std::vector<std::string>{"f.cfg"});
     }
-}
-
-// The content is on the flash before the name points at it, and the name before the
-// save returns: fsync of the file, then the rename, then fsync of the directory.
-TEST_F(DurableFile, SyncsTheFileBeforeTheRenameAndTheDirectoryAfterIt) {
-    vphone::write_file(kFile, "old");
-    ASSERT_EQ(save("new").outcome, Outcome::kDone);
-    std::vector<std::string> calls;
+    std::vector<std::string> calls;  // the last save's, over a file already there
     for (const auto &c : vphone::file_call_log())
         calls.push_back(std::string(vphone::call_name(c.call)) + " " + c.path);
     const std::string temporary = std::string(kFile) + ".tmp-" + std::to_string(getpid()) + "-0";
@@ -135,45 +131,74 @@ TEST_F(DurableFile, APowerCutAtAnyCallLeavesTheOldFileOrTheNew) {
     }
 }
 
-// Anything but a regular file at the target is refused and never written through.
-TEST_F(DurableFile, RefusesWhatIsNotARegularFileAndWhatCannotBeWritten) {
+// What the target is: the reader never follows a link nor waits for a FIFO's writer and
+// says what it found; anything but a regular file that may be written is refused by the
+// writer and never written through.
+TEST_F(DurableFile, TheReaderAndTheWriterNeverFollowNorWaitAndSayWhatTheyFound) {
     const std::string outside = vphone::root() + "/outside";
     vphone::write_file("/etc/kmxc_target", "precious");
+    const auto text = [](const char *t) { return [t](const std::string &h) { std::ofstream(h) << t; }; };
     const struct {
         const char *name;
         std::function<void(const std::string &host)> make;
         PathKind kind;
-        WriteStep step;
+        std::string text;  // what the reader reads into its 8 bytes
+        bool too_long;
+        WriteStep refused;  // where the writer refuses it (kNone: it writes)
     } cases[] = {
+        {"missing", [](const std::string &) {}, PathKind::kMissing, "", false, WriteStep::kNone},
+        {"exactly full", text("1234567"), PathKind::kRegular, "1234567", false, WriteStep::kNone},
+        {"too long", text("12345678"), PathKind::kRegular, "1234567", true, WriteStep::kNone},
         {"symbolic link", [&](const std::string &h) { std::filesystem::create_symlink(outside, h); },
-         PathKind::kSymlink, WriteStep::kTarget},
+         PathKind::kSymlink, "", false, WriteStep::kTarget},
         {"link to a file",
          [&](const std::string &h) { std::filesystem::create_symlink(vphone::host_path("/etc/kmxc_target"), h); },
-         PathKind::kSymlink, WriteStep::kTarget},
-        {"FIFO", [](const std::string &h) { ::mkfifo(h.c_str(), 0600); }, PathKind::kFifo, WriteStep::kTarget},
-        {"directory", [](const std::string &h) { std::filesystem::create_directory(h); }, PathKind::kDirectory,
+         PathKind::kSymlink, "", false, WriteStep::kTarget},
+        {"FIFO without a writer", [](const std::string &h) { ::mkfifo(h.c_str(), 0600); }, PathKind::kFifo, "", false,
          WriteStep::kTarget},
+        {"directory", [](const std::string &h) { std::filesystem::create_directory(h); }, PathKind::kDirectory, "",
+         false, WriteStep::kTarget},
+        {"unreadable",
+         [](const std::string &h) {
+             std::ofstream(h) << "1,2,3";
+             vphone::fail_path(kFile, Call::Open, EACCES);
+         },
+         PathKind::kUnreadable, "", false, WriteStep::kTarget},
         {"read-only file",
          [](const std::string &h) {
              std::ofstream(h) << "pinned";
              vphone::fail_path(kFile, Call::Access, EROFS);
          },
-         PathKind::kRegular, WriteStep::kAccess},
+         PathKind::kRegular, "pinned", false, WriteStep::kAccess},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
         vphone::reset();
         std::filesystem::remove_all(vphone::host_path(kFile));
         c.make(vphone::host_path(kFile));
-        vphone::StderrCapture err;
+        char buffer[8];
+        const FileRead read = read_small_file(kFile, buffer, sizeof buffer);
+        EXPECT_EQ(read.kind, c.kind);
+        EXPECT_EQ(std::string(buffer, read.length), c.text);
+        EXPECT_EQ(read.too_long, c.too_long);
+        if (c.kind == PathKind::kUnreadable) { EXPECT_EQ(read.error, EACCES); }
         const WriteResult r = save("new");
+        if (c.refused == WriteStep::kNone) {
+            EXPECT_EQ(r.outcome, Outcome::kDone);
+            EXPECT_EQ(vphone::read_file(kFile), "new");
+            continue;
+        }
         EXPECT_EQ(r.outcome, Outcome::kRefused);
         EXPECT_EQ(r.kind, c.kind);
-        EXPECT_EQ(r.step, c.step);
+        EXPECT_EQ(r.step, c.refused);
+        vphone::StderrCapture err;
         report_write(kFile, r);
         const std::string said = err.text();
         EXPECT_NE(said.find(std::string("kmxc_service: ") + kFile), std::string::npos) << said;
-        if (c.step == WriteStep::kTarget) { EXPECT_NE(said.find(path_kind_text(c.kind)), std::string::npos) << said; }
+        if (c.refused == WriteStep::kTarget) {
+            const char *what = c.kind == PathKind::kUnreadable ? "cannot be read" : path_kind_text(c.kind);
+            EXPECT_NE(said.find(what), std::string::npos) << said;
+        }
         EXPECT_FALSE(std::filesystem::exists(outside));
         EXPECT_EQ(vphone::read_file("/etc/kmxc_target"), "precious");
         EXPECT_EQ(names(), std::vector<std::string>{"f.cfg"});
@@ -204,66 +229,13 @@ TEST_F(DurableFile, TemporariesAreExclusiveAndLeftoversGoUnderTheLock) {
 // Another process holding the directory's lock: the save does not wait and says so.
 TEST_F(DurableFile, TheLockKeepsASecondProcessOutWithoutWaiting) {
     vphone::write_file(kFile, "old");
-    int to_child[2], to_parent[2];
-    ASSERT_EQ(::pipe(to_child), 0);
-    ASSERT_EQ(::pipe(to_parent), 0);
-    const pid_t child = vphone::fork_process();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-        DirLock lock;
-        const bool held = lock_directory(kDir, &lock).outcome == Outcome::kDone;
-        char byte = held ? 'y' : 'n';
-        (void)!::write(to_parent[1], &byte, 1);
-        (void)!::read(to_child[0], &byte, 1);  // hold it until told
-        ::_exit(0);
-    }
-    char byte = 0;
-    ASSERT_EQ(::read(to_parent[0], &byte, 1), 1);
-    ASSERT_EQ(byte, 'y');
-    const WriteResult r = save("new");
-    EXPECT_EQ(r.outcome, Outcome::kLocked);
+    kit_file_test::OtherProcessHoldingTheLock other;
+    ASSERT_TRUE(other.held());
+    EXPECT_EQ(save("new").outcome, Outcome::kLocked);
     EXPECT_EQ(vphone::read_file(kFile), "old");
-    (void)!::write(to_child[1], "x", 1);
-    int status = 0;
-    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    other.release();
     EXPECT_EQ(save("new").outcome, Outcome::kDone);  // released with the process
     EXPECT_EQ(vphone::read_file(kFile), "new");
-    for (int fd : {to_child[0], to_child[1], to_parent[0], to_parent[1]}) ::close(fd);
-}
-
-TEST_F(DurableFile, TheReaderNeverFollowsNorWaitsAndSaysWhatItFound) {
-    char buffer[8];
-    const struct {
-        const char *name;
-        std::function<void(const std::string &host)> make;
-        PathKind kind;
-        std::string text;
-        bool too_long;
-    } cases[] = {
-        {"missing", [](const std::string &) {}, PathKind::kMissing, "", false},
-        {"regular", [](const std::string &h) { std::ofstream(h) << "1,2,3"; }, PathKind::kRegular, "1,2,3", false},
-        {"exactly full", [](const std::string &h) { std::ofstream(h) << "1234567"; }, PathKind::kRegular, "1234567",
-         false},
-        {"too long", [](const std::string &h) { std::ofstream(h) << "12345678"; }, PathKind::kRegular, "1234567", true},
-        {"link", [](const std::string &h) { std::filesystem::create_symlink("/etc/hostname", h); }, PathKind::kSymlink,
-         "", false},
-        {"FIFO without a writer", [](const std::string &h) { ::mkfifo(h.c_str(), 0600); }, PathKind::kFifo, "", false},
-        {"directory", [](const std::string &h) { std::filesystem::create_directory(h); }, PathKind::kDirectory, "",
-         false},
-        {"unreadable", [](const std::string &) { vphone::fail_path(kFile, Call::Open, EACCES); }, PathKind::kUnreadable,
-         "", false},
-    };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.name);
-        vphone::reset();
-        std::filesystem::remove_all(vphone::host_path(kFile));
-        c.make(vphone::host_path(kFile));
-        const FileRead r = read_small_file(kFile, buffer, sizeof buffer);
-        EXPECT_EQ(r.kind, c.kind);
-        EXPECT_EQ(std::string(buffer, r.length), c.text);
-        EXPECT_EQ(r.too_long, c.too_long);
-        if (c.kind == PathKind::kUnreadable) { EXPECT_EQ(r.error, EACCES); }
-    }
 }
 
 }  // namespace

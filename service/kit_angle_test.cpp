@@ -49,18 +49,12 @@ TEST(KitAngle, Atan2WithinItsBoundOverEveryMagnitudeAndOctant) {
         worst = std::max(worst, std::fabs(angle_diff(got, want)));
     }
     EXPECT_LE(worst, kAtan2MaxErrorCdeg);
+    constexpr int64_t kMax = INT64_MAX;
     const struct {
         int64_t y, x;
         int32_t cdeg;
-    } axes[] = {{0, 0, 0},
-                {0, 5, 0},
-                {5, 0, 9000},
-                {0, -5, 18000},
-                {-5, 0, -9000},
-                {7, 7, 4500},
-                {-7, -7, -13500},
-                {INT64_MAX, INT64_MAX, 4500},
-                {-1, -INT64_MAX, -18000}};
+    } axes[] = {{0, 0, 0},    {0, 5, 0},        {5, 0, 9000},       {0, -5, 18000},     {-5, 0, -9000},
+                {7, 7, 4500}, {-7, -7, -13500}, {kMax, kMax, 4500}, {-1, -kMax, -18000}};
     for (const auto &a : axes) EXPECT_EQ(atan2_cdeg(a.y, a.x), a.cdeg) << a.y << ", " << a.x;
 }
 

@@ -19,8 +19,7 @@ TEST_F(Kit, TheLibrarysBackupNameIsNeverTouched) {
     const std::string outside = dir_ + "-outside";
     for (const bool link : {true, false}) {
         SCOPED_TRACE(link ? "a link at the backup name" : "a directory at the backup name");
-        vphone::reset();
-        rig_.attach_chips(1, kRigCalibration);
+        power_on();
         vphone::remove_file(kCfg);
         std::filesystem::remove_all(vphone::host_path(kBackup));
         { std::ofstream(outside) << "someone's file"; }
@@ -47,8 +46,7 @@ TEST_F(Kit, TheLibrarysBackupNameIsNeverTouched) {
 TEST_F(Kit, AFifoAtTheFilesPlaceNeitherBlocksNorIsWritten) {
     for (const char *path : {kCfg, kKitCfg}) {
         SCOPED_TRACE(path);
-        vphone::reset();
-        rig_.attach_chips(1, kRigCalibration);
+        power_on();
         vphone::remove_file(kCfg);
         ASSERT_EQ(::mkfifo(vphone::host_path(path).c_str(), 0600), 0);
         vphone::StderrCapture err;
@@ -158,10 +156,12 @@ TEST_F(Kit, TheKitFileBringsBackTheCorrectionAndReferencesAfterARestart) {
 
     // Start saves the record again (its gravity offset was implausible): the kit file it
     // writes holds the loaded correction, references and coverage unchanged.
-    std::string damaged = cfg;
-    const size_t g0 = damaged.find(',', damaged.find(',', damaged.find(',') + 1) + 1) + 1;
-    damaged.replace(g0, damaged.find(',', g0) - g0, "-2147483648");
-    vphone::write_file(kCfg, damaged);
+    const auto with = [&](size_t i, long long value) {  // the record with one field changed
+        std::string text;
+        for (size_t j = 0; j < c.size(); ++j) text += (j ? "," : "") + std::to_string(j == i ? value : c[j]);
+        return text;
+    };
+    vphone::write_file(kCfg, with(3, INT32_MIN));
     const Trace third = run(scenario("still"), 10, 0.5);
     ASSERT_EQ(third.start_rc, 0);
     EXPECT_TRUE(third.start.file & KMXC_SERVICE_FILE_IMPLAUSIBLE);
@@ -169,11 +169,7 @@ TEST_F(Kit, TheKitFileBringsBackTheCorrectionAndReferencesAfterARestart) {
     EXPECT_EQ(text_of(kKitCfg), kit);
 
     // The same kit file beside a record of another offset: nothing of it is used.
-    std::vector<long long> moved = c;
-    moved[6] += 3;
-    std::string other;
-    for (size_t i = 0; i < moved.size(); ++i) other += (i ? "," : "") + std::to_string(moved[i]);
-    vphone::write_file(kCfg, other);
+    vphone::write_file(kCfg, with(6, c[6] + 3));
     vphone::write_file(kKitCfg, kit);
     const Trace fourth = run(scenario("still"), 10, 0.5);
     ASSERT_EQ(fourth.start_rc, 0);

@@ -31,9 +31,10 @@ struct Still {
     VehicleWatch w{};
     int64_t entered_at = -1;
     int entries = 0;
-    void hold(int64_t from_ms, int64_t to_ms, const Vec3 &m, const Vec3 &g, int64_t step_ms = 100) {
+    void hold(int64_t from_ms, int64_t to_ms, const Vec3 &m, const Vec3 &g, int64_t step_ms = 100,
+              bool trusted = true) {
         for (int64_t t = from_ms; t <= to_ms; t += step_ms)
-            if (vehicle_entered(&w, m, g, true, t * kMs)) {
+            if (vehicle_entered(&w, m, g, trusted, t * kMs)) {
                 entered_at = t;
                 ++entries;
             }
@@ -67,28 +68,23 @@ TEST(VehicleEntry, AnAngleHeldAwayWhileTheFieldStaysStillIsAVehicleAtEachLimit) 
 }
 
 // Without a trusted offset the field is not the Earth's: nothing is judged, and the
-// watch starts afresh from the first cycle with one.
-TEST(VehicleEntry, NothingIsJudgedWithoutATrustedOffset) {
-    VehicleWatch w{};
-    int entries = 0;
-    for (int64_t t = 0; t <= 6000; t += 100) {
-        const bool trusted = t < 500 || t >= 4000;  // lost from 0.5 s to 4 s
-        entries += vehicle_entered(&w, kField, t < 1000 ? kDown : tilted(1670), trusted, t * kMs);
-    }
-    EXPECT_EQ(entries, 0) << "the braking began while no offset was trusted";
-}
-
-// A vehicle is not left while nothing can be judged: ten minutes without a trusted
-// offset after entering, then a braking, is the same vehicle.
-TEST(VehicleEntry, AVehicleIsNotLeftWhileNoOffsetIsTrusted) {
-    VehicleWatch w{};
-    int entries = 0;
-    for (int64_t t = 0; t <= 3000; t += 100)
-        entries += vehicle_entered(&w, kField, t < 1000 ? kDown : tilted(1670), true, t * kMs);
-    for (int64_t t = 3100; t <= 603000; t += 100) entries += vehicle_entered(&w, kField, kDown, false, t * kMs);
-    for (int64_t t = 603100; t <= 606000; t += 100)
-        entries += vehicle_entered(&w, kField, t < 604000 ? kDown : tilted(1670), true, t * kMs);
-    EXPECT_EQ(entries, 1);
+// watch starts afresh from the first cycle with one. Nor is a vehicle left while nothing
+// can be judged: ten minutes without a trusted offset after entering, then a braking, is
+// the same vehicle.
+TEST(VehicleEntry, NothingIsJudgedNorIsAVehicleLeftWithoutATrustedOffset) {
+    Still lost;  // from 0.5 s to 4 s, the braking beginning at 1 s
+    lost.hold(0, 400, kField, kDown);
+    lost.hold(500, 900, kField, kDown, 100, false);
+    lost.hold(1000, 3900, kField, tilted(1670), 100, false);
+    lost.hold(4000, 6000, kField, tilted(1670));
+    EXPECT_EQ(lost.entries, 0) << "the braking began while no offset was trusted";
+    Still in;
+    in.hold(0, 900, kField, kDown);
+    in.hold(1000, 3000, kField, tilted(1670));
+    in.hold(3100, 603000, kField, kDown, 100, false);
+    in.hold(603100, 603900, kField, kDown);
+    in.hold(604000, 606000, kField, tilted(1670));
+    EXPECT_EQ(in.entries, 1);
 }
 
 // The hold is in time, whatever the rate: a tilt that ends a cycle short of it is none.

@@ -110,7 +110,10 @@ TEST(MountGravity, TheMeansWindowExpandsThenWeighsEachSampleAsItsShare) {
     EXPECT_EQ(mount_gravity_mean(mg).x, 100);
 }
 
-// Each case's gravity is held for the tilt's hold (at 10 Hz) on a full window.
+// Each case's gravity is held for the tilt's hold (at 10 Hz) on a full window. Within
+// the road's slopes of the mean (at any length of g) it keeps the attitude's accuracy;
+// beyond, it is a vehicle's acceleration, a hand or a tilt; without a mean there is
+// nothing to judge it by.
 TEST(MountGravity, TheAngleFromTheMeanAndTheLengthDecideAtTheirLimits) {
     const double limit = kMountGravityNearCdeg / 100.0, tilt = KMXC_SERVICE_MOUNT_TILT_CDEG / 100.0;
     // The length of gravity an acceleration across the mean gives at t degrees, and the
@@ -124,39 +127,47 @@ TEST(MountGravity, TheAngleFromTheMeanAndTheLengthDecideAtTheirLimits) {
         double g;     // its length (the level is 1 g)
         bool steady;  // the kit's verdict on it
         bool near;    // near the mean before it is taken
+        bool within;  // within the slopes of the mean
         Outcome outcome;
     } cases[] = {
-        {"beyond the limit, steady: the phone has moved, afresh", limit + 0.3, kG, true, false, kAfresh},
-        {"beyond the limit, unsteady (an acceleration): kept", limit + 0.3, kG, false, false, kKept},
-        {"reversed, steady: afresh", 180, kG, true, false, kAfresh},
-        {"a quarter turn, steady: afresh", 90, kG, true, false, kAfresh},
-        {"within the slopes, steady, the level's length: kept", tilt - 0.5, kG, true, true, kKept},
-        {"beyond the slopes, steady, the level's length: tilted", tilt + 1, kG, true, true, kTilted},
-        {"beyond the slopes, unsteady, the level's length: kept", tilt + 1, kG, false, true, kKept},
-        {"20 degrees, steady, as long as an acceleration makes it: kept", 20, accelerated(20), true, true, kKept},
-        {"20 degrees, steady, 1 % shorter than halfway: tilted", 20, 0.99 * halfway(20), true, true, kTilted},
-        {"20 degrees, steady, 1 % longer than halfway: kept", 20, 1.01 * halfway(20), true, true, kKept},
-        {"inside the limit, steady, an acceleration's length: kept", limit - 0.5, accelerated(limit - 0.5), true, true,
+        {"beyond the limit, steady: the phone has moved, afresh", limit + 0.3, kG, true, false, false, kAfresh},
+        {"beyond the limit, unsteady (an acceleration): kept", limit + 0.3, kG, false, false, false, kKept},
+        {"reversed, steady: afresh", 180, kG, true, false, false, kAfresh},
+        {"a quarter turn, steady: afresh", 90, kG, true, false, false, kAfresh},
+        {"within the slopes, steady, the level's length: kept", tilt - 0.3, kG, true, true, true, kKept},
+        {"within the slopes, steady, braking's longer g: kept", tilt - 0.3, 1.05 * kG, true, true, true, kKept},
+        {"beyond the slopes, steady, the level's length: tilted", tilt + 0.3, kG, true, true, false, kTilted},
+        {"beyond the slopes the other way: tilted", -tilt - 0.3, kG, true, true, false, kTilted},
+        {"beyond the slopes, unsteady, the level's length: kept", tilt + 1, kG, false, true, false, kKept},
+        {"20 degrees, steady, as long as an acceleration makes it: kept", 20, accelerated(20), true, true, false,
          kKept},
-        {"inside the limit, steady, 1 % shorter than the level: tilted", limit - 0.5, 0.99 * kG, true, true, kTilted},
+        {"20 degrees, steady, 1 % shorter than halfway: tilted", 20, 0.99 * halfway(20), true, true, false, kTilted},
+        {"20 degrees, steady, 1 % longer than halfway: kept", 20, 1.01 * halfway(20), true, true, false, kKept},
+        {"inside the limit, steady, an acceleration's length: kept", limit - 0.5, accelerated(limit - 0.5), true, true,
+         false, kKept},
+        {"inside the limit, steady, 1 % shorter than the level: tilted", limit - 0.5, 0.99 * kG, true, true, false,
+         kTilted},
     };
     const int32_t one_g = (4096 >> kMountLevelShift) * (4096 >> kMountLevelShift);
     const uint32_t window = 10 * kMountGravityWindowMs / 1000, hold = 10 * kMountTiltHoldMs / 1000;
     for (const auto &c : cases) {
+        SCOPED_TRACE(c.name);
         MountGravity mg;
         mount_gravity_reset(&mg);
+        const Vec3 g = tilted(c.deg, c.g);
+        EXPECT_TRUE(mount_tilt_within(mg, g)) << "no mean yet";
         for (uint32_t i = 0; i < window; ++i) mount_gravity_track(&mg, tilted(0), tilted(0), true, 10);
         ASSERT_EQ(mg.level_sq, one_g);
-        const Vec3 g = tilted(c.deg, c.g);
-        EXPECT_EQ(mount_gravity_near(mg, g), c.near) << c.name;
-        EXPECT_EQ(mount_gravity_near(mg, tilted(c.deg, 2 * kG)), c.near) << c.name << ": at 2 g";
+        EXPECT_EQ(mount_tilt_within(mg, g), c.within);
+        EXPECT_EQ(mount_gravity_near(mg, g), c.near);
+        EXPECT_EQ(mount_gravity_near(mg, tilted(c.deg, 2 * kG)), c.near) << "at 2 g";
         for (uint32_t i = 0; i + 1 < hold; ++i) mount_gravity_track(&mg, g, g, c.steady, 10);
-        EXPECT_EQ(mg.n, c.outcome == kAfresh ? hold - 1 : window) << c.name << ": before the hold";
+        EXPECT_EQ(mg.n, c.outcome == kAfresh ? hold - 1 : window) << "before the hold";
         mount_gravity_track(&mg, g, g, c.steady, 10);
-        EXPECT_EQ(mg.n, c.outcome == kKept ? window : c.outcome == kAfresh ? hold : 1u) << c.name;
+        EXPECT_EQ(mg.n, c.outcome == kKept ? window : c.outcome == kAfresh ? hold : 1u);
         // The level is the part's: kept across a restart (a restarted mean then measures it).
-        if (c.outcome != kAfresh) { EXPECT_EQ(mg.level_sq, one_g) << c.name << ": the part's"; }
-        if (c.outcome != kKept) { EXPECT_LT(angle_deg(mount_gravity_mean(mg), g), 0.01) << c.name; }
+        if (c.outcome != kAfresh) { EXPECT_EQ(mg.level_sq, one_g) << "the part's"; }
+        if (c.outcome != kKept) { EXPECT_LT(angle_deg(mount_gravity_mean(mg), g), 0.01); }
     }
 }
 
@@ -206,31 +217,6 @@ TEST(MountGravity, TheLevelIsGravitysLengthHeldStillAtTheMean) {
     MountGravity none = mg;
     none.level_sq = 0;
     EXPECT_FALSE(mount_tilted(none, tilted(30, kG))) << "no level";
-}
-
-// A measured gravity within the road's slopes of the mean keeps the attitude's accuracy;
-// beyond, it is a vehicle's acceleration or a hand (at any length of g); without a mean
-// there is nothing to judge it by.
-TEST(MountGravity, TheTiltLimitDecidesAtItsAngle) {
-    const double limit = KMXC_SERVICE_MOUNT_TILT_CDEG / 100.0;
-    const struct {
-        const char *name;
-        double deg;  // the gravity's angle from the mean
-        double g;    // its length
-        bool within;
-    } cases[] = {
-        {"just inside the limit", limit - 0.3, kG, true},
-        {"just beyond it", limit + 0.3, kG, false},
-        {"just inside, braking's longer g", limit - 0.3, 1.05 * kG, true},
-        {"just beyond, the other way", -limit - 0.3, kG, false},
-    };
-    for (const auto &c : cases) {
-        MountGravity mg;
-        mount_gravity_reset(&mg);
-        EXPECT_TRUE(mount_tilt_within(mg, tilted(c.deg, c.g))) << c.name << ": no mean yet";
-        for (int i = 0; i < 100; ++i) mount_gravity_track(&mg, tilted(0), tilted(0), true, 10);
-        EXPECT_EQ(mount_tilt_within(mg, tilted(c.deg, c.g)), c.within) << c.name;
-    }
 }
 
 TEST(MountGravity, ASampleIsOnTheCircleWithinTwiceTheFlatnessOfItsRadius) {

@@ -13,6 +13,9 @@ namespace {
 
 using namespace kmxc_kit;
 
+// The anomaly's clear time, and when the samples below were judged.
+constexpr int64_t kClearNs = int64_t{KMXC_SERVICE_ANOMALY_CLEAR_MS} * 1000000, kSeen = 5000000000;
+
 void feed(std::initializer_list<Vec3> samples) {
     g_state = State{};
     for (const Vec3 &m : samples) remember_fed(m, Vec3{0, 0, -4096});
@@ -66,39 +69,25 @@ TEST(KitRuleEdges, RangeAndStrengthAnomaliesStartJustPastTheirLimits) {
     }
 }
 
-// A fit's accuracy and save follow its batch's worst deviation from the mean strength
-// (200 counts here): up to 40 thousandths high, up to 80 medium, beyond that low and
-// not saved.
-TEST(KitRuleEdges, AFitIsJudgedByItsBatchUpToEachAgreementLimit) {
+// A fit's accuracy, save and strength band follow its batch's worst deviation from the
+// mean strength (200 counts here: five thousandths per count either side): up to 40
+// thousandths high, up to 80 medium, beyond that low and not saved; the band is thrice
+// the deviation, never narrower than 60 thousandths nor wider than the anomaly's 150. A
+// planar estimate's band is the anomaly's.
+TEST(KitRuleEdges, AFitIsJudgedByItsBatchsWorstDeviationAndGivenThriceItAsItsBand) {
+    static_assert(KMXC_SERVICE_STRENGTH_BAND_FACTOR == 3 && KMXC_SERVICE_STRENGTH_BAND_MIN_PERMILLE == 60);
     const struct {
         int32_t deviation;  // counts either side of 200
         int8_t accuracy;
-    } cases[] = {
-        {8, KMXC_SERVICE_HIGH},
-        {9, KMXC_SERVICE_MEDIUM},
-        {16, KMXC_SERVICE_MEDIUM},
-        {17, KMXC_SERVICE_LOW},
-    };
+        int32_t band;
+    } cases[] = {{0, KMXC_SERVICE_HIGH, 60},     {4, KMXC_SERVICE_HIGH, 60},     {5, KMXC_SERVICE_HIGH, 75},
+                 {8, KMXC_SERVICE_HIGH, 120},    {9, KMXC_SERVICE_MEDIUM, 135},  {10, KMXC_SERVICE_MEDIUM, 150},
+                 {11, KMXC_SERVICE_MEDIUM, 150}, {16, KMXC_SERVICE_MEDIUM, 150}, {17, KMXC_SERVICE_LOW, 150}};
     for (const auto &c : cases) {
         feed({{200 - c.deviation, 0, 0}, {0, 200 + c.deviation, 0}});
         on_fit(KmxAxesData{0, 0, 0});
         EXPECT_EQ(g_state.base_accuracy, c.accuracy) << c.deviation;
         EXPECT_EQ(g_state.save_pending, c.accuracy != KMXC_SERVICE_LOW) << c.deviation;
-    }
-}
-
-// A trusted fit's strength band is three times its batch's worst deviation (five
-// thousandths per count either side of 200), never narrower than 60 thousandths nor
-// wider than the anomaly's 150; a planar estimate's is the anomaly's.
-TEST(KitRuleEdges, AFitsStrengthBandIsThriceItsBatchsWorstDeviationWithinItsLimits) {
-    static_assert(KMXC_SERVICE_STRENGTH_BAND_FACTOR == 3 && KMXC_SERVICE_STRENGTH_BAND_MIN_PERMILLE == 60);
-    const struct {
-        int32_t deviation;  // counts either side of 200
-        int32_t band;
-    } cases[] = {{0, 60}, {4, 60}, {5, 75}, {10, 150}, {11, 150}};
-    for (const auto &c : cases) {
-        feed({{200 - c.deviation, 0, 0}, {0, 200 + c.deviation, 0}});
-        on_fit(KmxAxesData{0, 0, 0});
         EXPECT_EQ(g_state.strength_band_permille, c.band) << c.deviation;
     }
     g_state.strength_band_permille = 60;
@@ -110,7 +99,6 @@ TEST(KitRuleEdges, AFitsStrengthBandIsThriceItsBatchsWorstDeviationWithinItsLimi
 // and the accuracy held at low for the anomaly's clear time, but no episode starts: an
 // hour outside it neither demotes the offset nor empties anything.
 TEST(KitRuleEdges, AStrengthJustOutsideItsBandHoldsTheAccuracyLowWithoutAnEpisode) {
-    constexpr int64_t kClearNs = int64_t{KMXC_SERVICE_ANOMALY_CLEAR_MS} * 1000000, kSeen = 5000000000;
     const struct {
         int32_t strength;
         uint8_t causes;
@@ -141,17 +129,12 @@ TEST(KitRuleEdges, AStrengthJustOutsideItsBandHoldsTheAccuracyLowWithoutAnEpisod
 // The dip is judged only in steady gravity: |g| within 60 thousandths of 4096 counts,
 // so 3851..4341, and its direction steady (an acceleration may have turned it).
 TEST(KitRuleEdges, DipAnomaliesAreJudgedOnlyInSteadyGravity) {
+    constexpr uint8_t kDip = KMXC_SERVICE_ANOMALY_DIP;
     const struct {
         int32_t gravity;
         bool tilt_steady;
         uint8_t causes;
-    } cases[] = {
-        {4341, true, KMXC_SERVICE_ANOMALY_DIP},
-        {4342, true, 0},
-        {3851, true, KMXC_SERVICE_ANOMALY_DIP},
-        {3850, true, 0},
-        {4096, false, 0},
-    };
+    } cases[] = {{4341, true, kDip}, {4342, true, 0}, {3851, true, kDip}, {3850, true, 0}, {4096, false, 0}};
     for (const auto &c : cases) {
         g_state = State{};
         g_state.reference = true;
@@ -162,39 +145,27 @@ TEST(KitRuleEdges, DipAnomaliesAreJudgedOnlyInSteadyGravity) {
     }
 }
 
-TEST(KitRuleEdges, AnAnomalyHoldsTheAccuracyDownForItsWholeClearTime) {
-    constexpr int64_t kClearNs = int64_t{KMXC_SERVICE_ANOMALY_CLEAR_MS} * 1000000, kSeen = 5000000000;
-    const struct {
-        int64_t after_ns;
-        int8_t accuracy;
-    } cases[] = {{kClearNs - 1, KMXC_SERVICE_LOW}, {kClearNs, KMXC_SERVICE_HIGH}};
-    for (const auto &c : cases) {
-        g_state = State{};
-        g_state.offset_trusted = true;
-        g_state.base_accuracy = KMXC_SERVICE_HIGH;
-        g_state.in_anomaly = true;
-        g_state.anomaly_level_cap = KMXC_SERVICE_LOW;
-        g_state.last_anomaly_ns = kSeen;
-        g_state.anomaly_since_ns = kSeen;  // a short episode: the trust stays
-        EXPECT_EQ(accuracy_now(kSeen + c.after_ns), c.accuracy) << c.after_ns;
-    }
-}
-
 // An episode goes on (unflagged) while the strength stays past half the tolerance, 75
-// thousandths of a 200-count reference: 16 counts off goes on, 15 lets it clear.
-TEST(KitRuleEdges, AnEpisodeGoesOnWhileTheStrengthStaysPastHalfItsTolerance) {
+// thousandths of a 200-count reference: 16 counts off goes on, 15 lets it clear. It holds
+// the accuracy down for its whole clear time after the last sample that kept it going.
+TEST(KitRuleEdges, AnEpisodeGoesOnWhileTheStrengthStaysPastHalfItsToleranceThenHoldsForItsClearTime) {
     static_assert(KMXC_SERVICE_STRENGTH_TOLERANCE_PERMILLE == 150 && KMXC_SERVICE_ANOMALY_HYSTERESIS_DIVISOR == 2);
-    constexpr int64_t kSeen = 1000, kNow = 2000;
+    constexpr int64_t kNow = kSeen + 1000;
     for (const int32_t strength : {184, 185, 215, 216}) {
         g_state = State{};
         g_state.offset_trusted = g_state.reference = g_state.in_anomaly = true;
+        g_state.base_accuracy = KMXC_SERVICE_HIGH;
+        g_state.anomaly_level_cap = KMXC_SERVICE_LOW;
         g_state.ref_strength = 200;
         g_state.strength_band_permille = KMXC_SERVICE_STRENGTH_TOLERANCE_PERMILLE;
-        g_state.last_anomaly_ns = kSeen;
+        g_state.last_anomaly_ns = g_state.anomaly_since_ns = kSeen;  // a short episode: the trust stays
         KmxcServiceEvent e{};
         judge_anomaly(Vec3{0, 0, -4096}, strength, 0, KmxAxesData{0, 0, 0}, kNow, &e);
         EXPECT_EQ(e.anomaly, 0) << strength;
-        EXPECT_EQ(g_state.last_anomaly_ns, strength == 184 || strength == 216 ? kNow : kSeen) << strength;
+        const int64_t last = strength == 184 || strength == 216 ? kNow : kSeen;
+        EXPECT_EQ(g_state.last_anomaly_ns, last) << strength;
+        EXPECT_EQ(accuracy_now(last + kClearNs - 1), KMXC_SERVICE_LOW) << strength;
+        EXPECT_EQ(accuracy_now(last + kClearNs), KMXC_SERVICE_HIGH) << strength;
     }
 }
 
@@ -240,9 +211,7 @@ TEST(KitRuleEdges, TheHeadingsAxisChangesOnlyPastTheThresholdThatLeavesIt) {
         {"on z: at the entry threshold", true, kEnter, true},
     };
     for (const auto &c : cases) {
-        KmxAxesAttitude a{};
-        const int16_t rows[9] = {3000, 1000, 2000, -500, 2500, -3000, 0, c.up_y, 1000};
-        for (int k = 0; k < 9; ++k) a.matrix[k] = rows[k];
+        KmxAxesAttitude a{{3000, 1000, 2000, -500, 2500, -3000, 0, c.up_y, 1000}, 0, 0, 0, {}, {}};
         const int32_t threshold = heading_threshold(c.was_z);
         uint16_t heading = 0, of_axis = 0, of_other = 0;
         KmxAxesLibCalcDirectionWOF(&a, &heading, threshold);

@@ -119,23 +119,17 @@ void expect_face_up_in_android_conventions(const Trace &r) {
             EXPECT_FALSE(angle == 0 && std::signbit(angle)) << "-0 at " << e.timestamp_ns;
     // The rotation vector turns the device's up (the acceleration's direction) to the
     // world's up, and the calibrated field into the north-up plane, northward.
-    const float *q = last.rotation_vector;
+    const float *q = last.rotation_vector, *a = last.acceleration_ms2, *f = last.magnetic_uT;
     EXPECT_NEAR(std::hypot(std::hypot(q[0], q[1]), std::hypot(q[2], q[3])), 1.0, 1e-6);
     EXPECT_GE(q[3], 0);
-    auto to_world = [q](const float *v) {
-        const double x = q[0], y = q[1], z = q[2], w = q[3];
-        const double m[3][3] = {{1 - 2 * (y * y + z * z), 2 * (x * y - z * w), 2 * (x * z + y * w)},
-                                {2 * (x * y + z * w), 1 - 2 * (x * x + z * z), 2 * (y * z - x * w)},
-                                {2 * (x * z - y * w), 2 * (y * z + x * w), 1 - 2 * (x * x + y * y)}};
-        const double n = std::hypot(v[0], v[1], v[2]);
-        return std::array<double, 3>{(m[0][0] * v[0] + m[0][1] * v[1] + m[0][2] * v[2]) / n,
-                                     (m[1][0] * v[0] + m[1][1] * v[1] + m[1][2] * v[2]) / n,
-                                     (m[2][0] * v[0] + m[2][1] * v[1] + m[2][2] * v[2]) / n};
-    };
-    const auto up = to_world(last.acceleration_ms2), field = to_world(last.magnetic_uT);
-    EXPECT_NEAR(up[2], 1.0, 1e-3);
-    EXPECT_NEAR(field[0], 0.0, 1e-3) << "no eastward field";
-    EXPECT_GT(field[1], 0.3) << "the field points north";
+    const double x = q[0], y = q[1], z = q[2], w = q[3];
+    const Mat3 m{{{1 - 2 * (y * y + z * z), 2 * (x * y - z * w), 2 * (x * z + y * w)},
+                  {2 * (x * y + z * w), 1 - 2 * (x * x + z * z), 2 * (y * z - x * w)},
+                  {2 * (x * z - y * w), 2 * (y * z + x * w), 1 - 2 * (x * x + y * y)}}};
+    const Vec3 up = to_world(m, Vec3{a[0], a[1], a[2]}), field = to_world(m, Vec3{f[0], f[1], f[2]});
+    EXPECT_NEAR(up[2] / std::hypot(a[0], a[1], a[2]), 1.0, 1e-3);
+    EXPECT_NEAR(field[0] / strength, 0.0, 1e-3) << "no eastward field";
+    EXPECT_GT(field[1] / strength, 0.3) << "the field points north";
 }
 
 // The first 3-D fit comes in time whatever the rate, and its offset is right. Until
@@ -184,8 +178,7 @@ TEST_F(Kit, FirstFitComesInTimeAtEveryRateAndOnlyThenAreHeadingsTrusted) {
             if (!fitted) { EXPECT_LE(e.accuracy, KMXC_SERVICE_LOW) << e.timestamp_ns; }
             if (e.accuracy >= KMXC_SERVICE_MEDIUM && (e.flags & KMXC_SERVICE_ORIENTATION_VALID)) {
                 ++trusted;
-                const double truth = true_angles(r.truths[i].attitude, HeadingAxis::kY).double_azimuth;
-                wrong += std::fabs(heading_difference(static_cast<int>(e.orientation_deg[0]), truth)) > 15.0;
+                wrong += std::fabs(azimuth_error_deg(e, r.truths[i])) > 15.0;
             }
         }
         ASSERT_GT(trusted * 5, static_cast<int>(r.events.size()) * 2);

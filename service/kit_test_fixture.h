@@ -59,6 +59,12 @@ protected:
         std::filesystem::remove_all(dir_, ignored);
     }
 
+    // Powers the phone on again with its chips (the files stay as they are).
+    void power_on() {
+        vphone::reset();
+        rig_.attach_chips(1, kRigCalibration);
+    }
+
     // Runs a scenario through the kit at rate_hz until until_s (or the script's end);
     // disturb may change what the phone senses at each instant.
     Trace run(ScenarioSettings settings, int rate_hz, double until_s = 1e9,
@@ -89,6 +95,11 @@ protected:
     Rig rig_;
     std::string dir_;
 };
+
+// The double path's azimuth error of an event against the scene's attitude, degrees.
+inline double azimuth_error_deg(const KmxcServiceEvent &e, const Truth &t) {
+    return heading_difference(e.orientation_deg[0], true_angles(t.attitude, HeadingAxis::kY).double_azimuth);
+}
 
 // The calibration file's text after its three rough-offset fields, and up to them.
 inline size_t after_rough(const std::string &line) {

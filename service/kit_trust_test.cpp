@@ -29,8 +29,7 @@ TEST_F(Kit, SoftIronIsNotTrustedAsAnOffsetBeforeTheSamplesGoRound) {
     for (size_t i = 0; i < r.events.size(); ++i) {
         const KmxcServiceEvent &e = r.events[i];
         if (e.accuracy < KMXC_SERVICE_MEDIUM || (e.flags & KMXC_SERVICE_ORIENTATION_VALID) == 0) continue;
-        const double truth = true_angles(r.truths[i].attitude, HeadingAxis::kY).double_azimuth;
-        const double off = std::fabs(heading_difference(e.orientation_deg[0], truth));
+        const double off = std::fabs(azimuth_error_deg(e, r.truths[i]));
         if (e.accuracy == KMXC_SERVICE_HIGH) {
             ++high;
             high_off += off > 6;
@@ -94,8 +93,7 @@ TEST_F(Kit, AHandsCircleAboutAnAxisOtherThanTheVerticalGivesNoPlanarHeading) {
         if (e.estimator != KMXC_SERVICE_ESTIMATOR_PLANAR || e.accuracy < KMXC_SERVICE_LOW ||
             (e.flags & KMXC_SERVICE_ORIENTATION_VALID) == 0)
             continue;
-        const double truth = true_angles(r.truths[i].attitude, HeadingAxis::kY).double_azimuth;
-        EXPECT_LT(std::fabs(heading_difference(e.orientation_deg[0], truth)), 30.0) << "event " << i;
+        EXPECT_LT(std::fabs(azimuth_error_deg(e, r.truths[i])), 30.0) << "event " << i;
     }
 }
 

@@ -11,11 +11,6 @@ namespace {
 
 using namespace kit_test;
 
-// The double path's azimuth error of an event against the scene's attitude, degrees.
-double azimuth_error_deg(const KmxcServiceEvent &e, const Truth &t) {
-    return heading_difference(e.orientation_deg[0], true_angles(t.attitude, HeadingAxis::kY).double_azimuth);
-}
-
 // The phone held in `pose` in the scenario's undisturbed field (magnetic: no declination).
 void hold(Truth &truth, const ScenarioSettings &s, const Pose &pose) {
     truth.attitude = attitude_matrix(pose);
@@ -28,14 +23,18 @@ void hold(Truth &truth, const ScenarioSettings &s, const Pose &pose) {
 // its circle: the heading then holds through braking and cornering (0.4 g tilts the
 // measured gravity by up to 22 degrees, several times the heading at a 60-degree dip).
 // Over the drive's samples that took it, the double path's azimuth stays within 5
-// degrees RMS of the truth, where the measured gravity leaves about 9.
-TEST_F(Kit, AMountedPhonesAttitudeTakesTheMountsMeanGravity) {
+// degrees RMS of the truth, where the measured gravity leaves about 9. Never calibrated
+// in the hand, the mount's slopes and wobble take the samples a little off their circle:
+// a band the sphere fits, whose offset the soft iron a phone may have could move by many
+// uT. Nothing confirms it: never medium or high (a shallow dip's band is wider, below).
+TEST_F(Kit, AMountedPhonesAttitudeTakesTheMountsMeanGravityAndItsOffsetIsNeverTrusted) {
     vphone::remove_file(kCfg);
     const Trace r = run(scenario("car-fresh"), 10);
     double sq = 0;
     int n = 0;
     for (size_t i = 0; i < r.events.size(); ++i) {
         const KmxcServiceEvent &e = r.events[i];
+        EXPECT_LE(e.accuracy, KMXC_SERVICE_LOW) << "event " << i;
         if ((e.flags & KMXC_SERVICE_MOUNT_GRAVITY) == 0 || (e.flags & KMXC_SERVICE_ORIENTATION_VALID) == 0) continue;
         const double d = azimuth_error_deg(e, r.truths[i]);
         sq += d * d;
@@ -71,24 +70,6 @@ TEST_F(Kit, AMountedPhoneTiltedByTheCarIsAtMostLowWhateverTheEstimate) {
     }
     EXPECT_GT(tilted, 200) << "the drive's turns and brakings";
     EXPECT_GT(not_planar, 200) << "a sphere's offset in the mount";
-}
-
-// Without a calibration from the hand, at the demo's 60-degree dip, the mount's slopes
-// and wobble take the samples a little off their circle: a band the sphere fits, whose
-// offset the soft iron a phone may have could move by many uT. Nothing confirms it:
-// never medium or high (a shallow dip's band is wider, above).
-TEST_F(Kit, AMountedPhoneNeverCalibratedInTheHandIsNeverTrusted) {
-    for (uint32_t seed : {2u, 4u}) {
-        SCOPED_TRACE(seed);
-        vphone::remove_file(kCfg);
-        ScenarioSettings s = scenario("car-fresh");
-        s.seed = seed;
-        s.car_field_uT = Vec3{6, -4, 7};
-        const Trace r = run(s, 10);
-        int8_t highest = KMXC_SERVICE_UNRELIABLE;
-        for (const KmxcServiceEvent &e : r.events) highest = std::max(highest, e.accuracy);
-        EXPECT_LE(highest, KMXC_SERVICE_LOW);
-    }
 }
 
 // A phone turned about the vertical while read at 13 degrees (its circle gives the
