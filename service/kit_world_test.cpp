@@ -12,11 +12,6 @@ namespace {
 
 using namespace kit_test;
 
-// The double path's azimuth error of an event against the scene's attitude, degrees.
-double azimuth_error_deg(const KmxcServiceEvent &e, const Truth &t) {
-    return heading_difference(e.orientation_deg[0], true_angles(t.attitude, HeadingAxis::kY).double_azimuth);
-}
-
 // A clip on the phone moves the offset by far more than an Earth field: every sample
 // lies outside the Earth's range about the old offset, and in a weak field the library's
 // batches (fed 12.8 uT apart) fill too slowly to recalibrate within the second
