@@ -50,7 +50,7 @@ label() {
     ellipsoid) echo "kit ellipsoid fit, full store" ;;
     circle) echo "kit circle fit, full store" ;;
     agreement) echo "kit store agreement under offset and W (strengths, dip)" ;;
-    kit_cycle) echo "kit: added to a non-fitting cycle (W, store offer refused, event)" ;;
+    kit_cycle) echo "kit: added to a non-fitting cycle (W, noise meter, store offer refused, event)" ;;
     kit_sphere) echo "kit: a sphere step (the corrected store and its fit)" ;;
     kit_share_columns) echo "kit: a fit's soft-iron share, first step (what D does to the centre)" ;;
     kit_share) echo "kit: a fit's soft-iron share, second step (what the samples tell of D)" ;;
