@@ -75,14 +75,18 @@ int64_t measured_noise_q8() {
     return nm.windows >= 2 ? second : quietest;
 }
 
+// A noise variance the estimators take: never below the expected, never above the most
+// the meter reports; the expected before the meter's first window (INT64_MAX).
+int64_t noise_within_bounds(int64_t v) {
+    if (v == INT64_MAX || v <= kExpectedResidualSqQ8) return kExpectedResidualSqQ8;
+    return v < kNoiseMaxQ8 ? v : kNoiseMaxQ8;
+}
+
 // The noise the scatter of a fit's samples is taken to carry (offset_information).
 int64_t scatter_noise_q8() {
     const int64_t measured = measured_noise_q8();
-    if (measured == INT64_MAX) return kExpectedResidualSqQ8;
     // measured below 2^31: the product within 64 bits.
-    const int64_t with_margin = measured * kNoiseScatterMarginHalves / 2;
-    if (with_margin <= kExpectedResidualSqQ8) return kExpectedResidualSqQ8;
-    return with_margin < kNoiseMaxQ8 ? with_margin : kNoiseMaxQ8;
+    return noise_within_bounds(measured == INT64_MAX ? measured : measured * kNoiseScatterMarginHalves / 2);
 }
 
 // The largest variance of P along any direction (1/256 count^2): its largest eigenvalue.
@@ -286,11 +290,7 @@ void note_noise(const Vec3 &m, bool steady) {
 
 void break_noise_run() { g_state.est.noise.run = 0; }
 
-int64_t noise_variance_q8() {
-    const int64_t measured = measured_noise_q8();
-    if (measured == INT64_MAX || measured <= kExpectedResidualSqQ8) return kExpectedResidualSqQ8;
-    return measured < kNoiseMaxQ8 ? measured : kNoiseMaxQ8;
-}
+int64_t noise_variance_q8() { return noise_within_bounds(measured_noise_q8()); }
 
 void note_temperature(int16_t raw) {
     Estimators &s = g_state.est;
