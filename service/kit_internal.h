@@ -68,10 +68,6 @@ struct OffsetCovariance {
     int32_t prior_permille;
 };
 
-// The kit's own estimators (kit_estimate.cpp): the diversity store of raw samples, the
-// last sphere fit of it (waiting for its judgement, then the ellipsoid's starting
-// point), an ellipsoid fit waiting for its judgement, the covariance of the estimate in
-// use, and what the store's schedule needs.
 // The magnetometer's noise as the fields show it (kit_uncertainty.cpp): third
 // differences m_t - 3 m_t-1 + 3 m_t-2 - m_t-3 (no steady turn nor a steadily changing
 // one shows in them) over windows of kNoiseWindow cycles in steady tilt, each window's
@@ -88,6 +84,10 @@ struct NoiseMeter {
     int32_t window_q8[kNoiseWindows];  // each closed window's noise variance per axis, 1/256 count^2
 };
 
+// The kit's own estimators (kit_estimate.cpp): the diversity store of raw samples, the
+// last sphere fit of it (waiting for its judgement, then the ellipsoid's starting
+// point), an ellipsoid fit waiting for its judgement, the covariance of the estimate in
+// use, what the store's schedule needs, and the chip's noise as measured.
 struct Estimators {
     FieldStore store;
     SphereFit sphere;         // the last sphere fit, of the store as the library sees it

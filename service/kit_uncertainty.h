@@ -63,8 +63,9 @@ void undetermined_along(const Vec3 &axis_q14, OffsetCovariance *out);
 void share_step();
 
 // The magnetometer's noise variance per axis that the estimators take, 1/256 count^2:
-// the quietest of the meter's recent windows (a window in which the phone turned or was
-// bumped only shows more), never below kExpectedResidualSqQ8. A chip noisier than
+// the second quietest of the meter's recent windows (a window in which the phone turned
+// or was bumped only shows more; one of smoothed readings may show less), never below
+// kExpectedResidualSqQ8. A chip noisier than
 // expected scatters a flat turn's circle into a band that looks three-dimensional; this
 // is what keeps the band's thickness from counting as information.
 int64_t noise_variance_q8();
