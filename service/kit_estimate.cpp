@@ -149,6 +149,30 @@ bool sphere_prior(const FieldStore &view, SpherePrior *prior) {
     return true;
 }
 
+// The sphere's residual with the samples that joined while it waited for its judgement
+// (up to four cycles) taken into its worst deviation and its range: its covariance comes
+// from them too. A fit of a few samples along an arc can put its centre tens of uT off
+// with a residual no larger than the noise's; the figure-eight's first samples, joined
+// since, draw that covariance tight, and only their own strengths show the fit wrong.
+// Their strengths alone (at most one joins a cycle), not the store's again.
+StrengthStats with_late_samples(const SphereFit &fit, const SoftIron &soft) {
+    const Estimators &s = est();
+    StrengthStats r = fit.residual;
+    int32_t worst = 0;
+    for (int i = 0; i < s.store.count; ++i) {
+        if (s.store.age[i] >= s.joined) continue;
+        const Vec3 v = minus(corrected(soft, stored_field(s.store, i)), fit.offset);
+        const int32_t q4 = length(Vec3{v.x * 16, v.y * 16, v.z * 16});
+        if (!in_earth_range(q4 >> 4)) r.in_range = false;
+        const int32_t dev = abs32(q4 - r.mean_q4);
+        if (dev > worst) worst = dev;
+    }
+    // Deviations below 2^16 (strengths within the store's span): the permille in 32 bits.
+    const int32_t late = r.mean_q4 > 0 ? static_cast<int32_t>(int64_t{worst} * 1000 / r.mean_q4) : 1000;
+    if (late > r.worst_permille) r.worst_permille = late;
+    return r;
+}
+
 // The store (as the library sees it) fitted with a sphere; judged in a later cycle.
 void sphere_step() {
     Estimators &s = est();
@@ -179,7 +203,7 @@ void judge_sphere(const Vec3 &g, KmxcServiceEvent *e) {
         (int64_t{fit.residual.rms_q4} * fit.residual.rms_q4 >
              KMXC_SERVICE_ELLIPSOID_ATTEMPT_FACTOR * KMXC_SERVICE_ELLIPSOID_ATTEMPT_FACTOR * noise_variance_q8() ||
          (soft.in_use && s.coverage > s.ellipsoid_cells));
-    const int8_t level = level_of(fit.residual);
+    const int8_t level = level_of(with_late_samples(fit, soft));
     if (level == KMXC_SERVICE_UNRELIABLE) return;  // refused: its own samples disagree
     const KmxAxesData in_use = offset_in_use();
     // The fed samples through the correction in use, corrected once for every look below.

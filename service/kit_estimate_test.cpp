@@ -4,6 +4,8 @@
 // ellipsoid's soft-iron correction replaces the sphere, and when a stale store goes.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "service/kit_estimate_test_support.h"
 #include "service/kit_uncertainty.h"
 
@@ -139,6 +141,42 @@ TEST(KitEstimate, DeterminacyAndAgreementDecideHowFarASphereFitIsUsed) {
             const Vec3 o = offset_in_use();
             EXPECT_LE(std::abs(o.x - kOffset.x) + std::abs(o.y - kOffset.y), 6) << c.name;
         }
+    }
+}
+
+// A fit waits cycles for its judgement while samples go on joining the store, and its
+// covariance is taken from the store as it is then: a sample that joined late counts in
+// its agreement as its own samples do (high within 40/1000 of their mean strength,
+// medium within 80, refused beyond).
+TEST(KitEstimate, ASampleThatJoinedWhileTheFitWaitedCountsInItsAgreement) {
+    const struct {
+        const char *name;
+        int32_t permille;  // the late sample's strength from the fit's mean
+        int8_t accuracy;
+    } cases[] = {
+        {"a late sample on the sphere: high", 0, KMXC_SERVICE_HIGH},
+        {"60/1000 off: medium", 60, KMXC_SERVICE_MEDIUM},
+        {"100/1000 off: refused", 100, KMXC_SERVICE_UNRELIABLE},
+        {"100/1000 short: refused", -100, KMXC_SERVICE_UNRELIABLE},
+    };
+    for (const auto &c : cases) {
+        fill(Vec3{0, 0, 0}, directions(40), kOffset, kNoSoftIron, 0.4);
+        g_state.est.joined = KMXC_SERVICE_STORE_REFIT_JOINS;
+        KmxcServiceEvent e{};
+        e.mag_result = 1;
+        store_cycle(Vec3{0, 0, 0}, kDown, true, 1, &e);  // the fit
+        ASSERT_TRUE(g_state.est.sphere_pending) << c.name;
+        // The newest slot now holds a sample that joined after the fit, along -x.
+        FieldStore &st = g_state.est.store;
+        const int newest = static_cast<int>(std::find(st.age, st.age + st.count, 0) - st.age);
+        const int32_t len = g_state.est.sphere.residual.mean_q4 * (1000 + c.permille) / 16000;
+        st.sample[newest].m[0] = static_cast<int16_t>(g_state.est.sphere.offset.x - len);
+        st.sample[newest].m[1] = static_cast<int16_t>(g_state.est.sphere.offset.y);
+        st.sample[newest].m[2] = static_cast<int16_t>(g_state.est.sphere.offset.z);
+        g_state.est.joined = 1;
+        for (int cycle = 0; cycle < 4; ++cycle) store_cycle(Vec3{0, 0, 0}, kDown, true, 1, &e);
+        EXPECT_EQ(accuracy_now(1), c.accuracy) << c.name;
+        EXPECT_EQ(g_state.offset_trusted, c.accuracy != KMXC_SERVICE_UNRELIABLE) << c.name;
     }
 }
 
