@@ -404,7 +404,11 @@ int8_t accuracy_now(int64_t now) {
     if (g_state.offset_trusted && g_state.in_anomaly && g_state.anomaly_level_cap != KMXC_SERVICE_UNRELIABLE &&
         now - g_state.anomaly_since_ns >= int64_t{KMXC_SERVICE_STORE_ANOMALY_PERSIST_MS} * kNsPerMs)
         demote_offset();
-    if (!g_state.offset_trusted) return g_state.provisional ? KMXC_SERVICE_LOW : KMXC_SERVICE_UNRELIABLE;
+    // A demoted offset is off by the new surrounding's field, which nothing has measured
+    // yet: its heading may be tens of degrees off (a car's 20 uT, 37 degrees), beyond
+    // what low promises.
+    if (!g_state.offset_trusted)
+        return g_state.provisional && !g_state.demoted ? KMXC_SERVICE_LOW : KMXC_SERVICE_UNRELIABLE;
     if (g_state.in_anomaly) {
         if (now - g_state.last_anomaly_ns < int64_t{KMXC_SERVICE_ANOMALY_CLEAR_MS} * kNsPerMs) {
             return g_state.base_accuracy < g_state.anomaly_level_cap ? g_state.base_accuracy

@@ -257,10 +257,7 @@ TEST(KitRuleEdges, EnteringAVehicleDemotesOnlyAnOffsetTrustedBeforeIt) {
         EXPECT_EQ(g_state.offset_trusted, c.trusted && !c.demoted) << c.name;
         EXPECT_EQ(g_state.est.store.count, c.demoted ? 0 : 1) << c.name;
         EXPECT_EQ(g_state.fed_count, c.demoted ? 0 : 5) << c.name;
-        EXPECT_EQ(accuracy_now(0), c.trusted && !c.demoted ? KMXC_SERVICE_HIGH
-                                   : c.demoted             ? KMXC_SERVICE_LOW
-                                                           : KMXC_SERVICE_UNRELIABLE)
-            << c.name;
+        EXPECT_EQ(accuracy_now(0), c.trusted && !c.demoted ? KMXC_SERVICE_HIGH : KMXC_SERVICE_UNRELIABLE) << c.name;
     }
 }
 

@@ -124,7 +124,7 @@ TEST(KitDip, AnAccelerationsDipHoldsTheAccuracyDownButNeverTakesTheTrust) {
             acc = accuracy_now(t);
         }
         EXPECT_EQ(g_state.demoted, c.demoted) << c.name;
-        EXPECT_EQ(acc, KMXC_SERVICE_LOW) << c.name;
+        EXPECT_EQ(acc, c.demoted ? KMXC_SERVICE_UNRELIABLE : KMXC_SERVICE_LOW) << c.name;
     }
 }
 

@@ -235,7 +235,7 @@ TEST_F(Kit, TheHandsOffsetLosesItsTrustWhenTheCarPullsAway) {
         if ((e.anomaly & KMXC_SERVICE_ANOMALY_VEHICLE) != 0) {
             ++entries;
             EXPECT_STREQ(r.truths[i].phase, "driving: pulling away");
-            EXPECT_EQ(e.accuracy, KMXC_SERVICE_LOW);
+            EXPECT_EQ(e.accuracy, KMXC_SERVICE_UNRELIABLE) << "the car's own field not yet measured";
             EXPECT_EQ(e.coverage_cells, 0) << "the store starts afresh";
         }
         if (entries == 0 || e.accuracy < KMXC_SERVICE_MEDIUM || (e.flags & KMXC_SERVICE_ORIENTATION_VALID) == 0)

@@ -32,8 +32,9 @@
  *     is never fed. A batch counts as three-dimensional from
  *     KMXC_SERVICE_RATIO_MIN_THRESHOLD (a little below the library's default: slow
  *     turns often fall just short of it, and the kit checks every fit itself).
- *   Accuracy. 0 (unreliable): no estimate worth using (none yet, only planar fits, or
- *     an unconfirmed offset whose field lies outside the Earth's range). 1 (low): an
+ *   Accuracy. 0 (unreliable): no estimate worth using (none yet, only planar fits, an
+ *     unconfirmed offset whose field lies outside the Earth's range, or an offset a new
+ *     surrounding has demoted: see KMXC_SERVICE_ANOMALY_HYSTERESIS_DIVISOR). 1 (low): an
  *     estimate that is plausible but not confirmed: a stored offset the live field has
  *     not yet confirmed, or a store fit whose offset is determined only within
  *     KMXC_SERVICE_FIT_MEDIUM_PERMILLE of the strength; also any trusted offset during
@@ -259,7 +260,9 @@ extern "C" {
  * for KMXC_SERVICE_ANOMALY_CLEAR_MS: a field that hovers at a limit (a vehicle's field
  * at a heading where it barely shows) keeps the episode going instead of restoring the
  * accuracy between flickers. An episode that lasts KMXC_SERVICE_STORE_ANOMALY_PERSIST_MS
- * demotes the offset in use to low until a new estimate is trusted or
+ * demotes the offset in use to unreliable (it is off by the new surrounding's field,
+ * which nothing has measured: a car's 20 uT turns the heading by up to 40 degrees) until
+ * a new estimate is trusted or
  * KMXC_SERVICE_CONFIRM_SAMPLES fed samples after it agree with the offset and the
  * references as a stored offset's confirmation does. */
 #define KMXC_SERVICE_ANOMALY_HYSTERESIS_DIVISOR 2
