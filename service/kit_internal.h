@@ -156,6 +156,7 @@ struct State {
     int64_t outside_band_until_ns;   // ... a strength outside which holds it at low until then
     bool in_anomaly;
     uint8_t anomaly_level_cap;  // accuracy limit while in anomaly
+    bool anomaly_in_range;      // no sample of the episode left the Earth's range
     int64_t last_anomaly_ns;
     bool rough_changed_once;
     int64_t last_rough_change_ns;

@@ -317,8 +317,15 @@ static uint8_t causes_at(const Vec3 &g, int32_t strength, int32_t dip, int divis
 uint8_t anomaly_of(const Vec3 &g, int32_t strength, int32_t dip) { return causes_at(g, strength, dip, 1); }
 
 void note_anomaly(uint8_t causes, int64_t now, KmxcServiceEvent *e) {
-    const uint8_t cap = (causes & KMXC_SERVICE_ANOMALY_RANGE) != 0 ? KMXC_SERVICE_UNRELIABLE : KMXC_SERVICE_LOW;
+    // A strength off the reference is a field off by a disturbance of at least the
+    // tolerance (7 uT in 48), whose direction nothing tells: the heading may be anything
+    // up to tens of degrees off. A dip alone may be a tilt the accelerometer misread.
+    const uint8_t cap = (causes & (KMXC_SERVICE_ANOMALY_RANGE | KMXC_SERVICE_ANOMALY_STRENGTH)) != 0
+                            ? KMXC_SERVICE_UNRELIABLE
+                            : KMXC_SERVICE_LOW;
+    const bool in_range = (causes & KMXC_SERVICE_ANOMALY_RANGE) == 0;
     if (!g_state.in_anomaly || cap < g_state.anomaly_level_cap) g_state.anomaly_level_cap = cap;
+    g_state.anomaly_in_range = (!g_state.in_anomaly || g_state.anomaly_in_range) && in_range;
     // The episode counts toward persistence (anomaly_since_ns) from its first strength or
     // range cause; dip causes alone from KMXC_SERVICE_DIP_PERSIST_MS on, and only in
     // steady tilt (else never: an acceleration is no new surrounding).
@@ -401,7 +408,7 @@ int8_t accuracy_now(int64_t now) {
     // KMXC_SERVICE_STORE_ANOMALY_PERSIST_MS is a new surrounding (a clip, a mount): the
     // offset in use no longer describes the field. (A field outside the Earth's range is
     // the rough offset's business: the library moves it, and the store starts afresh.)
-    if (g_state.offset_trusted && g_state.in_anomaly && g_state.anomaly_level_cap != KMXC_SERVICE_UNRELIABLE &&
+    if (g_state.offset_trusted && g_state.in_anomaly && g_state.anomaly_in_range &&
         now - g_state.anomaly_since_ns >= int64_t{KMXC_SERVICE_STORE_ANOMALY_PERSIST_MS} * kNsPerMs)
         demote_offset();
     // A demoted offset is off by the new surrounding's field, which nothing has measured

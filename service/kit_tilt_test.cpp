@@ -98,15 +98,19 @@ TEST(KitDip, TheDipIsJudgedAsAnAngleSixDegreesEitherWayAtAnyDip) {
     EXPECT_NE(anomaly_of(Vec3{0, 0, -4096}, 120, dip_permille(13)) & KMXC_SERVICE_ANOMALY_DIP, 0);
 }
 
-TEST(KitDip, AnAccelerationsDipHoldsTheAccuracyDownButNeverTakesTheTrust) {
+TEST(KitDip, AnAnomalyHoldsTheAccuracyDownAndOnlyAPersistingOneInRangeDemotes) {
     const struct {
         const char *name;
         bool tilt_steady;
         uint8_t causes;
         double for_s;
         bool demoted;
+        uint8_t first = 0;  // the episode's first sample's causes, when not `causes`
     } cases[] = {
         {"strength off for 5 s: a new surrounding", true, KMXC_SERVICE_ANOMALY_STRENGTH, 5.05, true},
+        {"out of the Earth's range for 6 s: the rough offset's business", true, KMXC_SERVICE_ANOMALY_RANGE, 6, false},
+        {"out of range once, then strength off for 6 s: still the rough offset's", true, KMXC_SERVICE_ANOMALY_STRENGTH,
+         6, false, KMXC_SERVICE_ANOMALY_RANGE},
         {"strength off for 4.9 s: kept", true, KMXC_SERVICE_ANOMALY_STRENGTH, 4.9, false},
         {"dip off in steady tilt for 29.9 s: kept", true, KMXC_SERVICE_ANOMALY_DIP, 29.9, false},
         {"dip off in steady tilt for 30 s: a new surrounding", true, KMXC_SERVICE_ANOMALY_DIP, 30.05, true},
@@ -120,11 +124,14 @@ TEST(KitDip, AnAccelerationsDipHoldsTheAccuracyDownButNeverTakesTheTrust) {
         int64_t t = 1000000000;
         int8_t acc = 0;
         for (; t <= 1000000000 + static_cast<int64_t>(c.for_s * 1e9); t += step) {
-            note_anomaly(c.causes, t, &e);
+            note_anomaly(t == 1000000000 && c.first != 0 ? c.first : c.causes, t, &e);
             acc = accuracy_now(t);
         }
         EXPECT_EQ(g_state.demoted, c.demoted) << c.name;
-        EXPECT_EQ(acc, c.demoted ? KMXC_SERVICE_UNRELIABLE : KMXC_SERVICE_LOW) << c.name;
+        // Out of range, a strength off the reference, or a demoted offset: unreliable; a
+        // dip alone: low.
+        EXPECT_EQ(acc, c.demoted || c.causes != KMXC_SERVICE_ANOMALY_DIP ? KMXC_SERVICE_UNRELIABLE : KMXC_SERVICE_LOW)
+            << c.name;
     }
 }
 

@@ -38,7 +38,7 @@
  *     estimate that is plausible but not confirmed: a stored offset the live field has
  *     not yet confirmed, or a store fit whose offset is determined only within
  *     KMXC_SERVICE_FIT_MEDIUM_PERMILLE of the strength; also any trusted offset during
- *     a strength or dip anomaly, or while its strength is outside its band (below).
+ *     a dip anomaly, or while its strength is outside its band (below).
  *     2 (medium) and 3 (high): a trusted offset. A stored offset is confirmed by
  *     KMXC_SERVICE_CONFIRM_SAMPLES fed samples whose strengths agree within
  *     KMXC_SERVICE_AGREE_PERMILLE (in the Earth's range): 2. A 3-D fit of the library
@@ -76,10 +76,11 @@
  *     calibration's own status is left as the library keeps it (0 after a load, 7
  *     after a 3-D fit): the accuracy, not the status, says whether to trust the offset.
  *   Anomaly. With a reference (from the fit or the confirmation): strength outside
- *     KMXC_SERVICE_FIELD_MIN_UT..KMXC_SERVICE_FIELD_MAX_UT gives 0; strength more than
- *     KMXC_SERVICE_STRENGTH_TOLERANCE_PERMILLE from the reference, or the angle between
- *     field and gravity (the dip) more than KMXC_SERVICE_DIP_TOLERANCE_CDEG from the
- *     reference's, gives at most 1. The dip is judged only in steady tilt
+ *     KMXC_SERVICE_FIELD_MIN_UT..KMXC_SERVICE_FIELD_MAX_UT, or more than
+ *     KMXC_SERVICE_STRENGTH_TOLERANCE_PERMILLE from the reference, gives 0 (a field off
+ *     by a disturbance of at least that much, in a direction nothing tells); the angle
+ *     between field and gravity (the dip) more than KMXC_SERVICE_DIP_TOLERANCE_CDEG
+ *     from the reference's gives at most 1. The dip is judged only in steady tilt
  *     (KMXC_SERVICE_STEADY_TILT_CDEG) with the accelerometer reading 1 g within
  *     KMXC_SERVICE_STEADY_GRAVITY_PERMILLE (no hand acceleration). The level climbs back
  *     when no anomaly has been seen for KMXC_SERVICE_ANOMALY_CLEAR_MS, or at once when
