@@ -327,7 +327,7 @@ int64_t horizontal_variance(const OffsetCovariance &c, const Vec3 &g) {
 }
 
 bool every_direction_determined(const OffsetCovariance &p) {
-    return worst_variance(p) <= (kPriorVarianceCounts2 << kQ8) / 4;
+    return worst_variance(p) <= (kPriorVarianceCounts2 << kQ8) / 5;
 }
 
 bool ring_covariance(const KmxAxesData &o, int n, int unknowns, OffsetCovariance *p) {

@@ -84,10 +84,13 @@ int64_t residual_variance_q8(int64_t spread_q8, int n, int unknowns, int64_t wan
 // The offset's error variance in the plane across gravity g (the part that can turn a
 // heading, summed over its two axes), 1/256 count^2: trace P - g^T P g / |g|^2.
 int64_t horizontal_variance(const OffsetCovariance &c, const Vec3 &g);
-// Every direction the samples' more than the prior's (its variance at most a quarter of
-// the prior's: three times the prior's information): a set of samples that leaves a
-// direction to the prior (a phone only ever turned flat) confirms no offset. How well
-// the heading is determined at each attitude is the cap's to say.
+// Every direction the samples' more than the prior's (its variance at most a fifth of
+// the prior's: the samples' information four times the prior's, their own variance
+// within a quarter of it, 25 counts or 10 uT): a set of samples that leaves a direction
+// to the prior (a phone only ever turned flat) confirms no offset. The prior (centred on
+// the offset in use, whose component along a circle's axis nothing may have measured)
+// steadies the fit; it does not determine. How well the heading is determined at each
+// attitude is the cap's to say.
 bool every_direction_determined(const OffsetCovariance &p);
 // The covariance of offset o from the last n fed samples (at most those fed), as a fit
 // of `unknowns` would leave it (no wander: they are recent). False when the solve refuses.

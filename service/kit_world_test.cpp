@@ -122,4 +122,20 @@ TEST_F(Kit, AFitIsJudgedOnTheSamplesThatJoinedWhileItWaited) {
     }
 }
 
+// A phone only ever turned flat, with a field of its own (78 uT) whose vertical part no
+// calibration has measured: the store's sphere took its vertical offset from the prior
+// (the offset in use, whose vertical part is still the default's) and from the thin band
+// the turning's wobble draws, and at 100 Hz was trusted high 25 uT off. The prior
+// steadies a fit; it determines no direction.
+TEST_F(Kit, AFlatTurnsVerticalOffsetIsNeverLeftToThePrior) {
+    vphone::remove_file(kCfg);
+    ScenarioSettings s = scenario("planar");
+    s.hard_iron_uT = Vec3{60, -40, 30};
+    s.seed = 4;
+    const Trace r = run(s, 100);
+    int trusted = 0;
+    for (const KmxcServiceEvent &e : r.events) trusted += e.accuracy >= KMXC_SERVICE_MEDIUM;
+    EXPECT_EQ(trusted, 0);
+}
+
 }  // namespace

@@ -58,7 +58,8 @@
  *     samples' spread at least 4/1024), judged like a library fit by its own 32
  *     samples' strengths (high, medium, or refused), and by its determinacy: its
  *     predicted offset error (from its residual, the chip's temperature wander and its
- *     samples' spread) must be at most 25 counts (10 uT) along every direction, and at
+ *     samples' spread, without the prior the fit is steadied with) must be at most 25
+ *     counts (10 uT) along every direction, and at
  *     each attitude it caps the accuracy through the heading's uncertainty
  *     (KMXC_SERVICE_HEADING_SIGMA_*). When the sphere's residual exceeds
  *     KMXC_SERVICE_ELLIPSOID_ATTEMPT_FACTOR times what noise explains, or the store
