@@ -69,16 +69,22 @@ TEST(KitEstimate, TheHeadingsUncertaintyAtThisAttitudeCapsTheAccuracy) {
     for (const auto &c : cases) {
         g_state = State{};
         g_state.est.cov = c.p;
-        EXPECT_EQ(heading_accuracy_cap(c.v, level_g), c.cap) << c.name;
+        EXPECT_EQ(heading_accuracy_cap(c.v, level_g, 0), c.cap) << c.name;
     }
     g_state = State{};
-    EXPECT_EQ(heading_accuracy_cap(level_v, level_g), KMXC_SERVICE_HIGH) << "no covariance: the other rules decide";
+    EXPECT_EQ(heading_accuracy_cap(level_v, level_g, 0), KMXC_SERVICE_HIGH) << "no covariance: the other rules decide";
+    // The field 58 degrees below the horizon (tan 1.6): a 2-degree tilt error alone turns
+    // the heading by 3.2 degrees, 10 by 16.
+    EXPECT_EQ(heading_accuracy_cap(level_v, level_g, 200), KMXC_SERVICE_MEDIUM) << "no covariance, a tilt's part";
+    EXPECT_EQ(heading_accuracy_cap(level_v, level_g, 1000), KMXC_SERVICE_UNRELIABLE) << "no covariance, a tilt's part";
 }
 
-// The integer cap against sigma_psi^2 = e^T P e |g|^2 / |e|^4 in double over random
-// covariances (with cross terms), fields and attitudes: the same level wherever the
-// double variance is more than 5 % from a limit (the integer one truncates e to 8
-// bits: up to 1 part in 128 per component, some 3 % of the variance).
+// The integer cap against sigma_psi^2 = e^T P e |g|^2 / |e|^4 + t^2 (v.g)^2 / |e|^2 in
+// double (t a tilt error per horizontal axis, tan(dip) = v.g / |e| times it; none in
+// half the draws) over random covariances (with cross terms), fields and attitudes: the
+// same level wherever the double variance is more than 5 % from a limit (the integer
+// one truncates e to 8 bits: up to 1 part in 128 per component, some 3 % of the
+// variance).
 TEST(KitEstimate, TheIntegerHeadingCapMatchesTheDoubleFormula) {
     uint32_t state = 2024;
     const auto uniform = [&](double lo, double hi) {
@@ -107,7 +113,12 @@ TEST(KitEstimate, TheIntegerHeadingCapMatchesTheDoubleFormula) {
                         static_cast<int32_t>(std::lround(uniform(-m, m)))};
         };
         const Vec3 v = draw(250), g = draw(4096 * 2.0);
-        const double var = heading_variance(c.p_q8, v, g);
+        const int32_t tilt_cdeg = i % 2 == 0 ? 0 : static_cast<int32_t>(uniform(1, 600));
+        const double vg = double(v.x) * g.x + double(v.y) * g.y + double(v.z) * g.z;
+        const double e[3] = {double(v.y) * g.z - double(v.z) * g.y, double(v.z) * g.x - double(v.x) * g.z,
+                             double(v.x) * g.y - double(v.y) * g.x};
+        const double ee = e[0] * e[0] + e[1] * e[1] + e[2] * e[2];
+        const double var = heading_variance(c.p_q8, v, g) + std::pow(limit_rad(tilt_cdeg), 2) * vg * vg / ee;
         if (!std::isfinite(var)) continue;
         int8_t expected = KMXC_SERVICE_UNRELIABLE;
         bool near_limit = false;
@@ -119,9 +130,9 @@ TEST(KitEstimate, TheIntegerHeadingCapMatchesTheDoubleFormula) {
         if (near_limit) continue;
         ++compared;
         ++per_level[expected];
-        ASSERT_EQ(heading_accuracy_cap(v, g), expected)
-            << "sigma " << std::sqrt(var) * 180 / M_PI << " deg, v " << v.x << "," << v.y << "," << v.z << " g " << g.x
-            << "," << g.y << "," << g.z;
+        ASSERT_EQ(heading_accuracy_cap(v, g, tilt_cdeg), expected)
+            << "sigma " << std::sqrt(var) * 180 / M_PI << " deg, tilt " << tilt_cdeg << " cdeg, v " << v.x << "," << v.y
+            << "," << v.z << " g " << g.x << "," << g.y << "," << g.z;
     }
     EXPECT_GT(compared, 18000);
     for (int k = 0; k < 4; ++k) EXPECT_GT(per_level[k], 200) << "level " << k << " drawn too rarely";

@@ -321,10 +321,11 @@ bool library_fit_preferred(const KmxAxesData &o, const Vec3 &g);
 // unknowns; a stored offset they confirmed, 1): its covariance from them.
 void use_ring_covariance(const KmxAxesData &o, int n, int unknowns);
 // The highest accuracy the heading allows at this attitude: the offset's predicted
-// error along magnetic east (v x g) over the horizontal field, against the heading
-// limits. v: the calibrated field (counts), g: gravity. KMXC_SERVICE_HIGH when no
-// covariance is kept (the other rules decide).
-int8_t heading_accuracy_cap(const Vec3 &v, const Vec3 &g);
+// error along magnetic east (v x g) over the horizontal field, with the tilt error g
+// may carry (tilt_sd_cdeg per horizontal axis, 0: none) times tan(dip), against the
+// heading limits. v: the calibrated field (counts), g: gravity. Without a covariance
+// (the other rules judge the offset) the tilt's part alone: KMXC_SERVICE_HIGH for none.
+int8_t heading_accuracy_cap(const Vec3 &v, const Vec3 &g, int32_t tilt_sd_cdeg);
 
 // After an estimate was trusted (base accuracy and references set): its strength and
 // dip become the references when it is trusted at medium or high with a dip.

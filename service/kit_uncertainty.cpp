@@ -349,9 +349,10 @@ bool ring_covariance_of(const Vec3 *u, int n, const Agreement &a, const KmxAxesD
            share_within_bound(share, share_q8) && covariance_from(m, k_q8, share_q8, prior.sd_permille, p);
 }
 
-int8_t heading_accuracy_cap(const Vec3 &v, const Vec3 &g) {
+int8_t heading_accuracy_cap(const Vec3 &v, const Vec3 &g, int32_t tilt_sd_cdeg) {
     const OffsetCovariance &c = g_state.est.cov;
-    if (!c.valid) return KMXC_SERVICE_HIGH;
+    // No covariance: the offset's part is the other rules' to judge, the tilt's is still this.
+    if (!c.valid && tilt_sd_cdeg <= 0) return KMXC_SERVICE_HIGH;
     // e = v x g: magnetic east, |e| = |h| |g| (h the horizontal field). Products below
     // 2^31 for any in-range field (|v| < 2^16) and gravity (|g| < 2^14).
     int64_t e[3] = {int64_t{v.y} * g.z - int64_t{v.z} * g.y, int64_t{v.z} * g.x - int64_t{v.x} * g.z,
@@ -366,8 +367,25 @@ int8_t heading_accuracy_cap(const Vec3 &v, const Vec3 &g) {
     const int64_t b = int64_t{x} * x + int64_t{y} * y + int64_t{z} * z;  // |e'|^2 below 2^17.6
     if (b == 0) return KMXC_SERVICE_UNRELIABLE;                          // the field along gravity: no heading
     const int32_t *p = c.p_q8;
-    const int64_t a = int64_t{x} * (p[0] * x + p[1] * y + p[2] * z) + int64_t{y} * (p[1] * x + p[3] * y + p[4] * z) +
-                      int64_t{z} * (p[2] * x + p[4] * y + p[5] * z);
+    int64_t a = !c.valid
+                    ? 0
+                    : int64_t{x} * (p[0] * x + p[1] * y + p[2] * z) + int64_t{y} * (p[1] * x + p[3] * y + p[4] * z) +
+                          int64_t{z} * (p[2] * x + p[4] * y + p[5] * z);
+    if (tilt_sd_cdeg > 0) {
+        // A tilt error t about the horizontal field's direction leans the vertical field
+        // (v.g/|g|) into east: the error of an offset t (v.g)/|g| along east, so a variance
+        // V = t^2 (v.g)^2/|g|^2 joins e'^T P e' as V |e'|^2 (1/256 count^2). v.g below
+        // 2^31 (the products above), its square below 2^62; V held within P's own bound
+        // (beyond it the heading is unreliable anyway).
+        const int64_t vg = int64_t{v.x} * g.x + int64_t{v.y} * g.y + int64_t{v.z} * g.z;
+        const int64_t gg = int64_t{g.x} * g.x + int64_t{g.y} * g.y + int64_t{g.z} * g.z;
+        const int64_t vertical_sq = vg * vg / gg;  // counts^2, below 2^32 for |v| below 2^16
+        constexpr int64_t kVMaxQ8 = int64_t{1} << 20;
+        const int64_t v_q8 = vertical_sq > (kVMaxQ8 << 22) / limit_sq_q30(tilt_sd_cdeg)
+                                 ? kVMaxQ8
+                                 : vertical_sq * limit_sq_q30(tilt_sd_cdeg) >> 22;
+        a += (v_q8 < kVMaxQ8 ? v_q8 : kVMaxQ8) * b;
+    }
     // sigma^2 = e^T P e |g|^2 / |e|^4 = a |g|^2 / (256 b^2 2^2s). With g' = g / 16 (|g'|^2
     // below 2^21.6), sigma^2 <= T^2 reads a |g'|^2 <= T^2_q30 b^2 2^(2s - 30).
     const int64_t gx = g.x >> 4, gy = g.y >> 4, gz = g.z >> 4;

@@ -361,7 +361,9 @@ int32_t kmxc_service_cycle(int64_t now, KmxcServiceEvent *e) {
     // The heading's uncertainty at this attitude caps whatever the other rules allow.
     if ((e->flags & KMXC_SERVICE_MEASURED) != 0 && e->accuracy > KMXC_SERVICE_UNRELIABLE) {
         const Vec3 v{e->mag_counts[0] - e->offset[0], e->mag_counts[1] - e->offset[1], e->mag_counts[2] - e->offset[2]};
-        const int8_t cap = heading_accuracy_cap(v, attitude_g);
+        // The mount's mean gravity carries the road's slopes it misses.
+        const int32_t tilt_sd = (e->flags & KMXC_SERVICE_MOUNT_GRAVITY) != 0 ? KMXC_SERVICE_MOUNT_GRAVITY_SD_CDEG : 0;
+        const int8_t cap = heading_accuracy_cap(v, attitude_g, tilt_sd);
         if (cap < e->accuracy) e->accuracy = cap;
     }
     // A mounted phone's attitude tilted by an acceleration: its heading is no better than low.

@@ -287,6 +287,13 @@ extern "C" {
  * flagged too while the mean still has it, and a tilt held steady starts the mean
  * afresh (the phone put down, a mount knocked to a new angle; service/kit_mount.h). */
 #define KMXC_SERVICE_MOUNT_TILT_CDEG 1000
+/* The mount's mean gravity misses the road's slopes while they last (one standard
+ * deviation per horizontal axis, centidegrees): the planar attitude's tilt error, which
+ * turns the heading by tan(dip) times itself, joins the offset's in the heading's
+ * uncertainty (KMXC_SERVICE_HEADING_SIGMA_*). 2 degrees: on the virtual drives the
+ * mean's pitch was 1.9-2.4 degrees RMS off the car's, its roll 0.6-1.4. At a 60-degree
+ * dip that alone is 3.5 degrees of heading (medium at most); at 75, 7.5 (low). */
+#define KMXC_SERVICE_MOUNT_GRAVITY_SD_CDEG 200
 /* Entering a vehicle (a car, a bike, a train): the angle between field and gravity held
  * at least KMXC_SERVICE_VEHICLE_ANGLE_CDEG from what it was when the field (offset
  * removed) last moved by more than KMXC_SERVICE_VEHICLE_STILL_COUNTS on an axis, for
@@ -295,8 +302,9 @@ extern "C" {
  * field too, or keeps the angle when it turns the phone about the field's direction,
  * and a walker's steps move it by 2 degrees, to and fro twice a second. The vehicle's
  * steel may have changed the field fixed to the phone, by less than the anomaly rules
- * can see at every heading: an offset trusted before the vehicle loses its trust (low;
- * the store starts afresh, as after a persisting anomaly; KMXC_SERVICE_ANOMALY_VEHICLE)
+ * can see at every heading: an offset trusted before the vehicle loses its trust
+ * (unreliable; the store starts afresh, as after a persisting anomaly;
+ * KMXC_SERVICE_ANOMALY_VEHICLE)
  * unless it was found in the mount (the planar estimate, or a store whose samples draw
  * the mount's circle). Only a trusted offset's field is judged. Once in a vehicle, until
  * KMXC_SERVICE_VEHICLE_QUIET_S of a trusted offset pass without such an acceleration,
