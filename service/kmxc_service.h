@@ -59,9 +59,9 @@
  *     samples' strengths (high, medium, or refused), and by its determinacy: its
  *     predicted offset error (from its residual, the chip's temperature wander and its
  *     samples' spread, without the prior the fit is steadied with) must be at most 25
- *     counts (10 uT) along every direction, and at
- *     each attitude it caps the accuracy through the heading's uncertainty
- *     (KMXC_SERVICE_HEADING_SIGMA_*). When the sphere's residual exceeds
+ *     counts (10 uT) along every direction, and at each attitude it caps the accuracy
+ *     through the heading's uncertainty (KMXC_SERVICE_HEADING_SIGMA_*). When the
+ *     sphere's residual exceeds
  *     KMXC_SERVICE_ELLIPSOID_ATTEMPT_FACTOR times what noise explains, or the store
  *     covers more of its 24 cells than the correction in use was fitted to, an ellipsoid
  *     is fitted (an offset and a soft-iron correction W, det 1, axes 0.8..1.25), used
@@ -146,9 +146,11 @@
  *     is loaded and keeps its history across restarts; for the first
  *     KMXC_SERVICE_WARMUP_CYCLES cycles with an attitude the event's heading is -1.
  *     (Restarted facing 170 degrees away, the smoothed heading is within 1 degree of
- *     the unsmoothed one after 5 cycles; 10 leaves room for noise.) While the phone turns the smoother lags (about 18
- *     degrees at 120 degrees per second at 10 Hz); the double path's azimuth (the
- *     orientation) passes only the library's hold filter.
+ *     the unsmoothed one after 5 cycles; 10 leaves room for noise.) While the phone
+ *     turns the smoother lags (about 18 degrees at 120 degrees per second at 10 Hz); the
+ *     double path's azimuth (the orientation) passes only the library's hold filter,
+ *     which holds it while the recent headings stay within 5 degrees (at 100 Hz, a turn
+ *     of 100 degrees a second lags by up to 5).
  *   Rate. The caller declares its rate at start, KMXC_SERVICE_RATE_MIN_HZ ..
  *     KMXC_SERVICE_RATE_MAX_HZ, and passes each cycle's timestamp; every window is in
  *     time, not cycles, except gravity's two means (the steady tilt's and a mount's),
@@ -264,9 +266,8 @@ extern "C" {
  * accuracy between flickers. An episode that lasts KMXC_SERVICE_STORE_ANOMALY_PERSIST_MS
  * demotes the offset in use to unreliable (it is off by the new surrounding's field,
  * which nothing has measured: a car's 20 uT turns the heading by up to 40 degrees) until
- * a new estimate is trusted or
- * KMXC_SERVICE_CONFIRM_SAMPLES fed samples after it agree with the offset and the
- * references as a stored offset's confirmation does. */
+ * a new estimate is trusted or KMXC_SERVICE_CONFIRM_SAMPLES fed samples after it agree
+ * with the offset and the references as a stored offset's confirmation does. */
 #define KMXC_SERVICE_ANOMALY_HYSTERESIS_DIVISOR 2
 /* An episode of dip anomalies alone counts toward that persistence only after this long:
  * a vehicle's acceleration tilts gravity for as long as it lasts (pulling away to 17 m/s
@@ -304,11 +305,10 @@ extern "C" {
  * steel may have changed the field fixed to the phone, by less than the anomaly rules
  * can see at every heading: an offset trusted before the vehicle loses its trust
  * (unreliable; the store starts afresh, as after a persisting anomaly;
- * KMXC_SERVICE_ANOMALY_VEHICLE)
- * unless it was found in the mount (the planar estimate, or a store whose samples draw
- * the mount's circle). Only a trusted offset's field is judged. Once in a vehicle, until
- * KMXC_SERVICE_VEHICLE_QUIET_S of a trusted offset pass without such an acceleration,
- * the estimates found there keep theirs. */
+ * KMXC_SERVICE_ANOMALY_VEHICLE) unless it was found in the mount (the planar estimate,
+ * or a store whose samples draw the mount's circle). Only a trusted offset's field is
+ * judged. Once in a vehicle, until KMXC_SERVICE_VEHICLE_QUIET_S of a trusted offset pass
+ * without such an acceleration, the estimates found there keep theirs. */
 #define KMXC_SERVICE_VEHICLE_ANGLE_CDEG 400
 #define KMXC_SERVICE_VEHICLE_STILL_COUNTS 4
 #define KMXC_SERVICE_VEHICLE_HOLD_MS 1000
