@@ -381,9 +381,8 @@ int8_t heading_accuracy_cap(const Vec3 &v, const Vec3 &g, int32_t tilt_sd_cdeg) 
         const int64_t gg = int64_t{g.x} * g.x + int64_t{g.y} * g.y + int64_t{g.z} * g.z;
         const int64_t vertical_sq = vg * vg / gg;  // counts^2, below 2^32 for |v| below 2^16
         constexpr int64_t kVMaxQ8 = int64_t{1} << 20;
-        const int64_t v_q8 = vertical_sq > (kVMaxQ8 << 22) / limit_sq_q30(tilt_sd_cdeg)
-                                 ? kVMaxQ8
-                                 : vertical_sq * limit_sq_q30(tilt_sd_cdeg) >> 22;
+        const int64_t t2_q30 = limit_sq_q30(tilt_sd_cdeg);
+        const int64_t v_q8 = vertical_sq > (kVMaxQ8 << 22) / t2_q30 ? kVMaxQ8 : vertical_sq * t2_q30 >> 22;
         a += (v_q8 < kVMaxQ8 ? v_q8 : kVMaxQ8) * b;
     }
     // sigma^2 = e^T P e |g|^2 / |e|^4 = a |g|^2 / (256 b^2 2^2s). With g' = g / 16 (|g'|^2
