@@ -384,10 +384,13 @@ void store_cycle(const Vec3 &m, const Vec3 &g, bool fit_allowed, int64_t now, Km
         judge_ellipsoid(g, e);
     } else if (s.sphere_pending) {
         judge_sphere(g, e);
+    } else if (s.ellipsoid_due) {
+        // Before the next sphere: while a turning phone's samples join, a sphere is due
+        // every few cycles, and the soft iron its residual showed would wait for a still
+        // spell.
+        ellipsoid_step();
     } else if (s.joined >= KMXC_SERVICE_STORE_REFIT_JOINS && s.store.count >= kSphereMinSamples) {
         sphere_step();
-    } else if (s.ellipsoid_due) {
-        ellipsoid_step();
     }
 }
 

@@ -242,16 +242,21 @@ TEST(KitEstimate, TheEllipsoidReplacesTheSphereOnlyWhereSoftIronShowsAndTheStore
         const char *name;
         double cap_deg;
         const double *soft;
+        bool joining;  // a sphere is due again every cycle: the phone still turns
         bool adopted;
     } cases[] = {
-        {"soft iron, the whole sphere: adopted", 180, kSoftIron, true},
-        {"no soft iron, the whole sphere: the sphere is as good", 180, kNoSoftIron, false},
-        {"soft iron, a 30-degree cap: too few cells for an ellipsoid", 30, kSoftIron, false},
+        {"soft iron, the whole sphere: adopted", 180, kSoftIron, false, true},
+        {"soft iron, samples still joining: the ellipsoid goes first", 180, kSoftIron, true, true},
+        {"no soft iron, the whole sphere: the sphere is as good", 180, kNoSoftIron, false, false},
+        {"soft iron, a 30-degree cap: too few cells for an ellipsoid", 30, kSoftIron, false, false},
     };
     for (const auto &c : cases) {
         fill(Vec3{0, 0, 0}, directions(80, c.cap_deg), kOffset, c.soft, 0.4);
-        step();   // the sphere, and whether an ellipsoid is due
-        idle(4);  // the ellipsoid fit, its share in two cycles, its judgement
+        step();                                    // the sphere, and whether an ellipsoid is due
+        for (int cycle = 0; cycle < 4; ++cycle) {  // the ellipsoid fit, its share in two cycles, its judgement
+            if (c.joining) g_state.est.joined = KMXC_SERVICE_STORE_REFIT_JOINS;
+            idle(1);
+        }
         EXPECT_EQ(g_state.soft_iron.in_use, c.adopted) << c.name << ", coverage " << int(g_state.est.coverage);
         EXPECT_EQ(g_state.estimator == KMXC_SERVICE_ESTIMATOR_ELLIPSOID, c.adopted) << c.name;
         if (c.adopted) {
@@ -376,12 +381,14 @@ TEST(KitEstimate, ACorrectionIsRefittedOnceTheStoreCoversMoreCellsThanItsFit) {
     };
     for (const auto &c : cases) {
         g_state.est.ellipsoid_cells = static_cast<uint8_t>(c.fitted_cells);
+        g_state.est.ellipsoid_due = false;  // the last judgement's: a due fit would go first
         step();
         EXPECT_EQ(g_state.est.coverage, cells) << c.name;
         EXPECT_EQ(g_state.est.ellipsoid_due, c.due) << c.name;
     }
     g_state.soft_iron.in_use = false;
     g_state.est.ellipsoid_cells = 0;
+    g_state.est.ellipsoid_due = false;
     step();
     EXPECT_FALSE(g_state.est.ellipsoid_due) << "no correction in use and a sphere's residual: none due";
 }
