@@ -82,6 +82,38 @@ void Drive::plan(std::mt19937 &rng) {
     std::vector<double> w(stretches.size());
     for (double &x : w) weights += x = uniform(rng, 0.5, 1.5);
     for (size_t i = 0; i < stretches.size(); ++i) legs_[stretches[i]].duration_s = (kDriveS - fixed) * w[i] / weights;
+    // The traffic from a generator of its own, a copy of the route's moved far past the
+    // draws that follow (the mount's): the route and the mount stay as drawn without it.
+    std::mt19937 traffic = rng;
+    traffic.discard(1 << 16);
+    draw_traffic(traffic);
+}
+
+void Drive::draw_traffic(std::mt19937 &rng) {
+    // Two waves per stretch: a slow one of 20 to 40 s and up to 1.8 m/s, a quicker one
+    // of 8 to 16 s and up to 0.8 m/s; each a whole number of half waves long.
+    const double period_lo[2] = {20, 8}, period_hi[2] = {40, 16}, amp_lo[2] = {0.8, 0.3}, amp_hi[2] = {1.8, 0.8};
+    static_assert(1.8 + 0.8 <= kDriveMaxTrafficMps);
+    for (DriveLeg &l : legs_) {
+        if (l.kind != DriveLeg::Speed || l.v0_mps != l.v1_mps) continue;
+        for (int k = 0; k < 2; ++k) {
+            const double period = uniform(rng, period_lo[k], period_hi[k]);
+            l.traffic_m[k] = std::max(1, static_cast<int>(std::lround(2 * l.duration_s / period)));
+            l.traffic_mps[k] = (coin(rng) ? 1 : -1) * uniform(rng, amp_lo[k], amp_hi[k]);
+        }
+    }
+}
+
+// The traffic's speed, acceleration and distance u into leg l.
+static void traffic_at(const DriveLeg &l, double u, double *v, double *along, double *s) {
+    const double T = l.duration_s;
+    if (T <= 0) return;
+    for (int k = 0; k < 2; ++k) {
+        const double w = kPi * l.traffic_m[k] / T, a = l.traffic_mps[k];
+        *v += a * std::sin(w * u);
+        *along += a * w * std::cos(w * u);
+        *s += a / w * (1 - std::cos(w * u));
+    }
 }
 
 void Drive::fill_in(double heading_deg) {
@@ -91,6 +123,8 @@ void Drive::fill_in(double heading_deg) {
         l.heading_deg = heading_deg;
         l.distance_m = s;
         s += l.kind == DriveLeg::Speed ? (l.v0_mps + l.v1_mps) / 2 * l.duration_s : l.v0_mps * l.duration_s;
+        double v = 0, along = 0;
+        traffic_at(l, l.duration_s, &v, &along, &s);
         heading_deg += l.turn_deg;
         t += l.duration_s;
     }
@@ -123,6 +157,7 @@ CarMotion Drive::at(double t) const {
         v += dv * ease(u / T);
         along = dv * kPi / (2 * T) * std::sin(kPi * u / T);
         s += dv * (u / 2 - T / (2 * kPi) * std::sin(kPi * u / T));
+        traffic_at(*leg, u, &v, &along, &s);
     } else if (leg->kind == DriveLeg::Turn && T > 0) {
         // Yaw rate A / T (1 - cos(2 pi u / T)) and its integral.
         const double a = leg->turn_deg * kDeg;

@@ -2,7 +2,10 @@
 // away, straight stretches, 90-degree turns left and right, one roundabout, braking
 // before each and accelerating after it, stopping at the end) over gently sloping
 // roads, and the car's motion along it, in closed form so its acceleration is exactly
-// the derivative of its velocity.
+// the derivative of its velocity. On the straight stretches the speed follows the
+// traffic: a metre or two per second up and down over 8 to 40 s, gentle accelerations
+// (up to about 0.1 g) that tilt what the accelerometer reads as much as the road's
+// slopes do.
 //
 // Car frame: x to the right, y forward, z up (the phone's axes for a phone lying face
 // up with its top forward). Headings are geographic, positive to the right.
@@ -17,9 +20,10 @@
 namespace vphone::scene {
 
 // What every drawn route keeps to.
-constexpr double kDriveS = 600.0;          // the drive's length in time
-constexpr double kDriveMaxAccelG = 0.4;    // braking, accelerating or cornering
-constexpr double kDriveMaxSlopeDeg = 5.0;  // the road's pitch
+constexpr double kDriveS = 600.0;            // the drive's length in time
+constexpr double kDriveMaxAccelG = 0.4;      // braking, accelerating or cornering
+constexpr double kDriveMaxSlopeDeg = 5.0;    // the road's pitch
+constexpr double kDriveMaxTrafficMps = 2.6;  // a straight stretch's speed about its own
 constexpr double kStandardGravity = 9.80665;
 
 struct DriveLeg {
@@ -28,6 +32,10 @@ struct DriveLeg {
     double duration_s;
     double v0_mps, v1_mps;  // Speed: eased from v0 to v1; Turn: v0 throughout; Still: 0
     double turn_deg = 0;    // Turn: heading change, positive to the right
+    // A straight stretch's traffic: its speed varies by sum a sin(pi m u / T) about v0
+    // (u the time into it, T its length), back to v0 at its ends.
+    double traffic_mps[2] = {0, 0};
+    int traffic_m[2] = {1, 1};
     // The car at the leg's start: time from the drive's start, heading, distance.
     double start_s = 0, heading_deg = 0, distance_m = 0;
 };
@@ -57,6 +65,7 @@ public:
 private:
     void plan(std::mt19937 &rng);
     void fill_in(double heading_deg);
+    void draw_traffic(std::mt19937 &rng);
     double slope_rad(double distance_m, double *per_m) const;
 
     std::vector<DriveLeg> legs_;

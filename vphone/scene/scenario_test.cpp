@@ -259,7 +259,7 @@ TEST(Car, EverySeedsRouteKeepsItsStatedLimitsAndNoTwoAreAlike) {
         EXPECT_NEAR(drive.duration_s(), kDriveS, 1e-9);
         EXPECT_EQ(drive.at(0).speed_mps, 0);
         EXPECT_EQ(drive.at(kDriveS).speed_mps, 0);
-        double peak = 0;
+        double peak = 0, traffic = 0;
         for (double t = 0; t <= drive.duration_s(); t += 0.05) {
             const CarMotion m = drive.at(t);
             const double horizontal = std::hypot(m.accel_mps2[0], m.accel_mps2[1]) / kStandardGravity;
@@ -268,6 +268,20 @@ TEST(Car, EverySeedsRouteKeepsItsStatedLimitsAndNoTwoAreAlike) {
             peak = std::max(peak, horizontal);
         }
         EXPECT_GT(peak, 0.3) << "braking and cornering reach their limits";
+        for (const DriveLeg &leg : drive.legs()) {
+            // The speed and the road's slope (taken at the distance driven) run on
+            // smoothly across the legs' ends.
+            const CarMotion before = drive.at(leg.start_s - 1e-6), after = drive.at(leg.start_s + 1e-6);
+            ASSERT_NEAR(after.speed_mps, before.speed_mps, 1e-4) << leg.phase;
+            ASSERT_NEAR(after.slope_deg, before.slope_deg, 1e-4) << leg.phase;
+            if (std::string(leg.phase) != "driving straight") continue;
+            for (double u = 0; u <= leg.duration_s; u += 0.25) {
+                const double off = drive.at(leg.start_s + u).speed_mps - leg.v0_mps;
+                ASSERT_LE(std::fabs(off), kDriveMaxTrafficMps) << "u " << u;
+                traffic = std::max(traffic, std::fabs(off));
+            }
+        }
+        EXPECT_GT(traffic, 1.0) << "the straight stretches follow the traffic";
         // A left turns -90 degrees, a right +90, a roundabout its own angle; at least one
         // of each, once round the island.
         std::vector<std::string> legs;
