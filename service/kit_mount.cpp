@@ -6,7 +6,7 @@
 
 namespace kmxc_kit {
 
-void mount_gravity_reset(MountGravity *mg) { *mg = MountGravity{{0, 0, 0}, 0, 0, 0, false}; }
+void mount_gravity_reset(MountGravity *mg) { *mg = MountGravity{{0, 0, 0}, 0, 0, 0, false, {0, 0, 0}, 0}; }
 
 // Counts beyond 2^14 (4 g) are clamped: the mean stays within 2^22 in 1/256 count.
 static int32_t clamp14(int32_t v) { return v > 16383 ? 16383 : v < -16384 ? -16384 : v; }
@@ -62,6 +62,20 @@ bool tilted(const MountGravity &mg, const AgainstMean &a) {
     return 2 * a.c * a.c * (a.ss - mg.level_sq) < mg.level_sq * a.x;
 }
 
+// A window's mean of `in` (1/256 count), expanding until it is full, then each
+// sample's share 1/window; the division truncates toward zero, below 1/256 count.
+// 32-bit throughout: a 64-bit division is a library call on the target, each cycle.
+void average_in(const int32_t in[3], uint32_t window, int32_t mean_q8[3], uint32_t *n) {
+    if (*n < window) ++*n;
+    const int32_t d = static_cast<int32_t>(*n);
+    for (int k = 0; k < 3; ++k) mean_q8[k] += (in[k] - mean_q8[k]) / d;
+}
+
+Vec3 counts_of(const int32_t v_q8[3]) {
+    return Vec3{static_cast<int32_t>(v_q8[0] / 256), static_cast<int32_t>(v_q8[1] / 256),
+                static_cast<int32_t>(v_q8[2] / 256)};
+}
+
 }  // namespace
 
 bool mount_tilted(const MountGravity &mg, const Vec3 &smooth) { return tilted(mg, against_mean(mg, smooth)); }
@@ -91,20 +105,16 @@ void mount_gravity_track(MountGravity *mg, const Vec3 &g, const Vec3 &smooth, bo
     // the tilt's limit before the hold, and the attitude would take a mean a few degrees
     // off at medium.
     if (mg->tilt_seen && !restart) return;
-    const uint32_t window = rate * static_cast<uint32_t>(kMountGravityWindowMs) / 1000;
-    if (mg->n < window) ++mg->n;
-    // The window's mean, expanding until it is full, then each sample's share 1/window;
-    // the division truncates toward zero, below 1/256 count. 32-bit throughout: a
-    // 64-bit division is a library call on the target, each cycle.
+    // Judged against the mean before this sample joins it.
+    const bool recent = mg->recent_n == 0 || (a.valid && within(a, kMountRecentNearCdeg));
     const int32_t in[3] = {clamp14(g.x) * 256, clamp14(g.y) * 256, clamp14(g.z) * 256};
-    const int32_t n = static_cast<int32_t>(mg->n);
-    for (int k = 0; k < 3; ++k) mg->mean_q8[k] += (in[k] - mg->mean_q8[k]) / n;
+    average_in(in, rate * static_cast<uint32_t>(kMountGravityWindowMs) / 1000, mg->mean_q8, &mg->n);
+    if (recent) average_in(in, rate * static_cast<uint32_t>(kMountRecentWindowMs) / 1000, mg->recent_q8, &mg->recent_n);
 }
 
-Vec3 mount_gravity_mean(const MountGravity &mg) {
-    return Vec3{static_cast<int32_t>(mg.mean_q8[0] / 256), static_cast<int32_t>(mg.mean_q8[1] / 256),
-                static_cast<int32_t>(mg.mean_q8[2] / 256)};
-}
+Vec3 mount_gravity_mean(const MountGravity &mg) { return counts_of(mg.mean_q8); }
+
+Vec3 mount_gravity_recent(const MountGravity &mg) { return counts_of(mg.recent_q8); }
 
 bool on_mount_circle(const CircleFit &circle, const Vec3 &m) {
     if (circle.radius_q4 <= 0) return false;

@@ -19,40 +19,45 @@ void hold(Truth &truth, const ScenarioSettings &s, const Pose &pose) {
     truth.gravity_g = to_phone(truth.attitude, Vec3{0, 0, -1});
 }
 
-// In a car's mount the attitude takes the mount's mean gravity while the phone turns on
-// its circle: the heading then holds through braking and cornering (0.4 g tilts the
-// measured gravity by up to 22 degrees, several times the heading at a 60-degree dip).
-// Over the drive's samples that took it, the double path's azimuth stays within 5
-// degrees RMS of the truth, where the measured gravity leaves about 9. Never calibrated
+// In a car's mount the attitude takes the mount's recent gravity while the phone turns
+// on its circle: the heading then holds through braking and cornering (0.4 g tilts the
+// measured gravity by up to 22 degrees, several times the heading at a 60-degree dip)
+// and follows the road's slopes. Over the drive's samples that took it, the double
+// path's azimuth stays within 4.3 degrees RMS of the truth, where the measured gravity
+// leaves about 9, and pitch and roll within 2.6 (the 40-second mean alone: 4.5 and 2.9). Never calibrated
 // in the hand, the mount's slopes and wobble take the samples a little off their circle:
 // a band the sphere fits, whose offset the soft iron a phone may have could move by many
 // uT. Nothing confirms it: never medium or high (a shallow dip's band is wider, below).
-TEST_F(Kit, AMountedPhonesAttitudeTakesTheMountsMeanGravityAndItsOffsetIsNeverTrusted) {
+TEST_F(Kit, AMountedPhonesAttitudeTakesTheMountsRecentGravityAndItsOffsetIsNeverTrusted) {
     vphone::remove_file(kCfg);
     const Trace r = run(scenario("car-fresh"), 10);
-    double sq = 0;
+    double sq = 0, sq_tilt = 0;
     int n = 0;
     for (size_t i = 0; i < r.events.size(); ++i) {
         const KmxcServiceEvent &e = r.events[i];
         EXPECT_LE(e.accuracy, KMXC_SERVICE_LOW) << "event " << i;
         if ((e.flags & KMXC_SERVICE_MOUNT_GRAVITY) == 0 || (e.flags & KMXC_SERVICE_ORIENTATION_VALID) == 0) continue;
         const double d = azimuth_error_deg(e, r.truths[i]);
+        const TrueAngles t = true_angles(r.truths[i].attitude, HeadingAxis::kY);
+        const double pitch = e.orientation_deg[1] - t.pitch, roll = heading_difference(e.orientation_deg[2], t.roll);
         sq += d * d;
+        sq_tilt += pitch * pitch + roll * roll;
         ++n;
     }
     EXPECT_GT(n, 2000) << "most of the drive after the first planar estimate";
-    EXPECT_LT(std::sqrt(sq / std::max(n, 1)), 5.0);
+    EXPECT_LT(std::sqrt(sq / std::max(n, 1)), 4.3);
+    EXPECT_LT(std::sqrt(sq_tilt / std::max(n, 1)), 2.6) << "pitch and roll, whole degrees";
 }
 
 // At a shallow dip (20 degrees, upward here) the mount's slopes and wobble pin a
 // sphere's offset in the mount even with a car's weak field (10 uT): its attitude takes
 // the measured gravity, so the rule that caps a tilted one carries the drive's turns and
-// brakings. Every event flagged with the tilt is at most low (without the cap, 43 of
+// brakings. Every event flagged with the tilt is at most low (without the cap, 35 of
 // them are medium on this seed).
 TEST_F(Kit, AMountedPhoneTiltedByTheCarIsAtMostLowWhateverTheEstimate) {
     vphone::remove_file(kCfg);
     ScenarioSettings s = scenario("car-fresh");
-    s.seed = 1;
+    s.seed = 4;
     s.inclination_deg = -20;
     s.car_field_uT = Vec3{6, -4, 7};
     const Trace r = run(s, 10);

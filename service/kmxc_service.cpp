@@ -204,10 +204,10 @@ void judge_field(const Vec3 &m, const Vec3 &g, const KmxAxesData &offset, int64_
     judge_anomaly(g, strength, dip, offset, now, e);
 }
 
-// 4d. The gravity the attitude takes: the mount's mean while the phone turns in its
-// mount (the planar estimate in use, the sample c, as the library sees it, on the
-// circle's plane) and the measured g lies near that mean (kit_mount.h) with the length
-// of an acceleration, not of a tilt; else g. In a mount, g beyond what a road's slopes
+// 4d. The gravity the attitude takes: the mount's recent gravity while the phone turns
+// in its mount (the planar estimate in use, the sample c, as the library sees it, on
+// the circle's plane) and the measured g lies near the mount's mean (kit_mount.h) with
+// the length of an acceleration, not of a tilt; else g. In a mount, g beyond what a road's slopes
 // explain flags the attitude as tilted (a tilt not yet held, an acceleration with
 // another estimate in use: the store's samples on a circle about the vertical).
 Vec3 attitude_gravity(const Vec3 &c, const Vec3 &g, KmxcServiceEvent *e) {
@@ -218,7 +218,7 @@ Vec3 attitude_gravity(const Vec3 &c, const Vec3 &g, KmxcServiceEvent *e) {
     if (planar && mount_gravity_near(mg, g)) {
         e->flags |= KMXC_SERVICE_MOUNT_GRAVITY;
         if (mg.tilt_seen) e->flags |= KMXC_SERVICE_MOUNT_TILT;
-        return mount_gravity_mean(mg);
+        return mount_gravity_recent(mg);
     }
     if (!mount_tilt_within(mg, g)) e->flags |= KMXC_SERVICE_MOUNT_TILT;
     return g;
@@ -361,7 +361,7 @@ int32_t kmxc_service_cycle(int64_t now, KmxcServiceEvent *e) {
     // The heading's uncertainty at this attitude caps whatever the other rules allow.
     if ((e->flags & KMXC_SERVICE_MEASURED) != 0 && e->accuracy > KMXC_SERVICE_UNRELIABLE) {
         const Vec3 v{e->mag_counts[0] - e->offset[0], e->mag_counts[1] - e->offset[1], e->mag_counts[2] - e->offset[2]};
-        // The mount's mean gravity carries the road's slopes it misses.
+        // The mount's recent gravity carries the traffic's gentle accelerations and lags the slopes.
         const int32_t tilt_sd = (e->flags & KMXC_SERVICE_MOUNT_GRAVITY) != 0 ? KMXC_SERVICE_MOUNT_GRAVITY_SD_CDEG : 0;
         const int8_t cap = heading_accuracy_cap(v, attitude_g, tilt_sd);
         if (cap < e->accuracy) e->accuracy = cap;

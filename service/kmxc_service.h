@@ -279,21 +279,23 @@ extern "C" {
 /* In a mount (the store's samples on a circle about the vertical, the sample on its
  * plane) an attitude whose measured gravity lies farther than this from the mount's
  * 40-second mean holds at most low accuracy, whichever estimate gives the offset
- * (KMXC_SERVICE_MOUNT_TILT); the planar estimate's attitude takes the mean instead
- * (KMXC_SERVICE_MOUNT_GRAVITY). A road's slopes (up to 5 degrees either way) stay inside;
- * a vehicle's braking or cornering beyond 0.18 g does not, nor a hand that tilts the
- * phone. A sphere fitted in a mount at a shallow dip determines the heading, but 0.3 g
- * of cornering tilts the attitude by 17 degrees. Beyond it, a gravity of its own length
- * (not lengthened as an acceleration lengthens it) is a tilt: the planar attitude is
- * flagged too while the mean still has it, and a tilt held steady starts the mean
- * afresh (the phone put down, a mount knocked to a new angle; service/kit_mount.h). */
+ * (KMXC_SERVICE_MOUNT_TILT); the planar estimate's attitude takes the mount's recent
+ * gravity instead (KMXC_SERVICE_MOUNT_GRAVITY). A road's slopes (up to 5 degrees either
+ * way) stay inside; a vehicle's braking or cornering beyond 0.18 g does not, nor a hand
+ * that tilts the phone. A sphere fitted in a mount at a shallow dip determines the
+ * heading, but 0.3 g of cornering tilts the attitude by 17 degrees. Beyond it, a
+ * gravity of its own length (not lengthened as an acceleration lengthens it) is a tilt:
+ * the planar attitude is flagged too while the mean still has it, and a tilt held
+ * steady starts the mean afresh (the phone put down, a mount knocked to a new angle;
+ * service/kit_mount.h). */
 #define KMXC_SERVICE_MOUNT_TILT_CDEG 1000
-/* The mount's mean gravity misses the road's slopes while they last (one standard
- * deviation per horizontal axis, centidegrees): the planar attitude's tilt error, which
- * turns the heading by tan(dip) times itself, joins the offset's in the heading's
- * uncertainty (KMXC_SERVICE_HEADING_SIGMA_*). 2 degrees: on the virtual drives the
- * mean's pitch was 1.9-2.4 degrees RMS off the car's, its roll 0.6-1.4. At a 60-degree
- * dip that alone is 3.5 degrees of heading (medium at most); at 75, 7.5 (low). */
+/* The mount's recent gravity takes in a traffic's gentle accelerations and lags the
+ * road's slopes (one standard deviation per horizontal axis, centidegrees): the planar
+ * attitude's tilt error, which turns the heading by tan(dip) times itself, joins the
+ * offset's in the heading's uncertainty (KMXC_SERVICE_HEADING_SIGMA_*). 2 degrees: on
+ * the virtual drives the reported pitch (whole degrees) was 1.6-2.2 degrees RMS off the
+ * car's, the roll 0.6-1.1. At a 60-degree dip that alone is 3.5 degrees of heading
+ * (medium at most); at 75, 7.5 (low). */
 #define KMXC_SERVICE_MOUNT_GRAVITY_SD_CDEG 200
 /* Entering a vehicle (a car, a bike, a train): the angle between field and gravity held
  * at least KMXC_SERVICE_VEHICLE_ANGLE_CDEG from what it was when the field (offset
@@ -447,9 +449,9 @@ extern "C" {
 #define KMXC_SERVICE_ORIENTATION_VALID 0x0400 /* orientation_deg and rotation_vector hold values */
 #define KMXC_SERVICE_SAVE_LOCKED 0x0800       /* the save found another service saving (with SAVE_FAILED) */
 #define KMXC_SERVICE_KIT_ESTIMATE 0x1000      /* the new offset (and soft iron) is the kit's own */
-#define KMXC_SERVICE_MOUNT_GRAVITY                                 \
-    0x2000 /* the attitude took the mount's mean gravity, not this \
-              sample's (a vehicle's accelerations left out);       \
+#define KMXC_SERVICE_MOUNT_GRAVITY                                \
+    0x2000 /* the attitude took the mount's recent gravity, not   \
+              this sample's (a vehicle's accelerations left out); \
               acceleration_ms2 and gravity_counts stay measured */
 #define KMXC_SERVICE_MOUNT_TILT                                    \
     0x4000 /* in a mount, the measured gravity beyond              \
