@@ -42,8 +42,7 @@ TEST_F(FrontEnd, StatusAndClassifierEdges) {
     for (const auto &c : dist) {
         int16_t w[2] = {-7, -7};
         EXPECT_EQ(KmxAxesMsCalibCheckDistribution(c.r, w), c.rc) << c.r[0] << "," << c.r[1];
-        EXPECT_EQ(w[0], c.w0) << c.r[0] << "," << c.r[1];
-        EXPECT_EQ(w[1], c.w1) << c.r[0] << "," << c.r[1];
+        EXPECT_EQ((std::vector<int16_t>{w[0], w[1]}), (std::vector<int16_t>{c.w0, c.w1})) << c.r[0] << "," << c.r[1];
     }
     const struct {
         int32_t n[3];
@@ -150,9 +149,9 @@ TEST_F(FrontEnd, RejectedBatchesReturnTheStatusAndChangeNothing) {
         EXPECT_EQ(feed(c.batch, &detail), 3) << c.name;
         EXPECT_TRUE(same(offset(), old)) << c.name;
         EXPECT_EQ(g_MsCalibPlanarValid, 0) << c.name;
-        EXPECT_EQ(detail.ratioMin, 0) << c.name;
-        EXPECT_EQ(detail.ratioMid, 0) << c.name;
-        EXPECT_EQ(detail.residual, INT32_MAX) << c.name;
+        EXPECT_EQ((std::vector<int32_t>{detail.ratioMin, detail.ratioMid, detail.residual}),
+                  (std::vector<int32_t>{0, 0, INT32_MAX}))
+            << c.name;
     }
 }
 

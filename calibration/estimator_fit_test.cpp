@@ -90,13 +90,11 @@ TEST(EstimatorFit, ResultCodesCountersAndRecord) {
         KmxAxesMsCalib02_GetOffset(&ctx, &got);
         if (c.code == 0) {
             EXPECT_LE(distance(got, c.centre), 3.0) << c.name;
-            EXPECT_EQ(r.weights[0], 0) << c.name;
-            EXPECT_EQ(r.weights[1], 1) << c.name;
+            EXPECT_EQ((std::array<int16_t, 2>{r.weights[0], r.weights[1]}), (std::array<int16_t, 2>{0, 1})) << c.name;
         } else {
             EXPECT_EQ((std::array{got.x, got.y, got.z}), (std::array{c.old.x, c.old.y, c.old.z})) << c.name;
-            EXPECT_EQ(r.ratioMin, 0) << c.name;
-            EXPECT_EQ(r.ratioMid, 0) << c.name;
-            EXPECT_EQ(r.residual, INT32_MAX) << c.name;
+            EXPECT_EQ((std::array{r.ratioMin, r.ratioMid, r.residual}), (std::array<int32_t, 3>{0, 0, INT32_MAX}))
+                << c.name;
             EXPECT_EQ(r.eigenVector[1][1], 0x5A5A5A5A) << c.name << ": slots 2..14 are left alone";
         }
     }

@@ -77,17 +77,13 @@ TEST_F(GsGlue, BusTransfersOfStartUpSampleAndRegisterWrites) {
     KmxcDrvRawData raw{};
     EXPECT_EQ(KmxAxesDrvGsMeasure(&out, &raw), 0);
     EXPECT_EQ(bus_events(), (Lines{"sel 38", "w 02", "r 01 80 C1 7F 41 FF"}));
-    EXPECT_EQ(raw.gs[0], -512);
-    EXPECT_EQ(raw.gs[1], 511);
-    EXPECT_EQ(raw.gs[2], -3);
+    EXPECT_EQ((std::array<int, 3>{raw.gs[0], raw.gs[1], raw.gs[2]}), (std::array<int, 3>{-512, 511, -3}));
 
     vphone::fail_call(vphone::Call::Read, 1, EIO);  // a read that delivers nothing: zero vector
     vphone::StderrCapture err;
     EXPECT_EQ(KmxAxesDrvGsMeasure(&out, nullptr), 0);
     EXPECT_EQ(err.text(), "read: Input/output error\n");
-    EXPECT_EQ(out.x, 0);
-    EXPECT_EQ(out.y, 0);
-    EXPECT_EQ(out.z, 0);
+    EXPECT_EQ((std::array<int32_t, 3>{out.x, out.y, out.z}), (std::array<int32_t, 3>{}));
 
     vphone::clear_transcript();  // the count is taken modulo 128: 130 registers are 2
     const uint8_t many[130] = {0x11, 0x22};

@@ -27,8 +27,7 @@ TEST(RotationMatrixAndEuler, LevelAttitudeAndAHoldingFilter) {
     for (int step = 0; step < 10; ++step) {
         ASSERT_EQ(KmxAxesLibGetEuler(m, angles), 0);
         EXPECT_EQ(angles[0], step < 4 ? 0 : 3) << "step " << step;  // held from the fifth step on
-        EXPECT_EQ(angles[1], 0) << "step " << step;
-        EXPECT_EQ(angles[2], 0) << "step " << step;
+        EXPECT_EQ((std::vector<double>{angles[1], angles[2]}), std::vector<double>(2, 0)) << "step " << step;
     }
 }
 

@@ -34,11 +34,7 @@ TEST(Smb380WithoutRecord, EveryFunctionReturns129AndTouchesNothing) {
                     smb380_set_interrupt_mask(0xFF), smb380_get_interrupt_mask(&byte), smb380_read_accel_x(&axis),
                     smb380_read_accel_xyz(&accel), smb380_read_temperature(&byte));
     EXPECT_TRUE(g_bus.calls.empty());
-    EXPECT_EQ(byte, 0x5A);
-    EXPECT_EQ(offset, 0x1234);
-    EXPECT_EQ(axis, 77);
-    EXPECT_EQ(accel.z, 3);
-    EXPECT_EQ(image[0], 0x77);
+    EXPECT_EQ((std::vector<int>{byte, offset, axis, accel.z, image[0]}), (std::vector<int>{0x5A, 0x1234, 77, 3, 0x77}));
     attach();  // writing the EEPROM needs the wait callback too
     g_dev.sleep_fn = nullptr;
     EXPECT_EQ(smb380_write_ee(0x16, 1), SMB380_ERR_NULL_DEV);
@@ -52,9 +48,7 @@ TEST(Smb380Init, StoresIdentificationFieldsAndSumsTheTwoReads) {
     EXPECT_EQ(smb380_init(&g_dev), 3);
     EXPECT_EQ(p_smb380, &g_dev);
     EXPECT_EQ(g_dev.slave_address, SMB380_SLAVE_ADDRESS);
-    EXPECT_EQ(g_dev.chip_id, 2);
-    EXPECT_EQ(g_dev.version_low, 7);
-    EXPECT_EQ(g_dev.version_high, 10);
+    EXPECT_EQ((std::vector<int>{g_dev.chip_id, g_dev.version_low, g_dev.version_high}), (std::vector<int>{2, 7, 10}));
     EXPECT_EQ(g_bus.calls, (std::vector<Call>{R(0x80, {0xFA}), R(0x81, {0xA7})}));
 }
 

@@ -41,11 +41,7 @@ TEST(Smb380Readout, XyzTemperatureAndStatusAreSingleReads) {
         {"status: raw byte", {{0x09, 0x81}}, [&] { return smb380_get_interrupt_status(&s); }, {R(0x89, {0x81})}, 1},
     };
     for (const auto &c : cases) check(c);
-    EXPECT_EQ(a.x, -512);
-    EXPECT_EQ(a.y, 511);
-    EXPECT_EQ(a.z, -3);
-    EXPECT_EQ(t, 0xFF);
-    EXPECT_EQ(s, 0x81);
+    EXPECT_EQ((std::vector<int>{a.x, a.y, a.z, t, s}), (std::vector<int>{-512, 511, -3, 0xFF, 0x81}));
 }
 
 // Leaves recognisable junk on the stack where the next call's locals will live.

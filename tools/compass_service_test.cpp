@@ -21,10 +21,12 @@ Result on_phone(const std::string &d, std::vector<std::string> args) {
     return run(d, args);
 }
 
-TEST(CompassService, DefaultScenarioCalibratesInThreeDimensionsAndHoldsTheHeading) {
+// Then a second run on the same sandbox starts from the offsets the first one stored.
+TEST(CompassService, DefaultScenarioCalibratesInThreeDimensionsHoldsTheHeadingAndStoresTheOffsets) {
     const std::string d = dir_for("default");
     const Result r = on_phone(d, {"--fresh", "--outputs", d + "/o.csv"});
     ASSERT_EQ(r.exit_code, 0) << r.err;
+    EXPECT_THAT(r.out, HasSubstr("no stored magnetic offset"));
     const auto rows = outputs(d + "/o.csv");
     ASSERT_GT(rows.size(), 500u);
     compass::ErrorStats integer, dbl, steady_integer, steady_dbl;
@@ -60,6 +62,14 @@ TEST(CompassService, DefaultScenarioCalibratesInThreeDimensionsAndHoldsTheHeadin
     EXPECT_LT(steady_integer.max_abs, 5.0);
     EXPECT_LT(steady_dbl.rms(), 3.0);
     EXPECT_LT(steady_dbl.max_abs, 10.0);
+    const Result second = on_phone(d, {"--scenario", "still", "--outputs", d + "/b.csv"});
+    ASSERT_EQ(second.exit_code, 0) << second.err;
+    EXPECT_THAT(second.out, HasSubstr("stored magnetic offset loaded"));
+    EXPECT_THAT(second.out, HasSubstr("from the file")) << "stored rough offset not used";
+    EXPECT_THAT(second.out, HasSubstr("start                     calibrated"));
+    const auto b = outputs(d + "/b.csv");
+    for (const char *col : {"offset_x", "offset_y", "offset_z"})
+        EXPECT_EQ(b.front().at(col), rows.back().at(col)) << col << ": first sample of the second run";
 }
 
 TEST(CompassService, TwoPlanesCombineIntoAThreeDimensionalCalibration) {
@@ -104,21 +114,6 @@ TEST(CompassService, ReplayOfARecordGivesTheSameOutputsSampleForSample) {
             for (const char *col : kLibraryColumns)
                 ASSERT_EQ(live[i].at(col), replay[i].at(col)) << scenario << " sample " << i << " column " << col;
     }
-}
-
-TEST(CompassService, SecondRunWithTheSameSandboxStartsFromTheStoredOffsets) {
-    const std::string d = dir_for("persist");
-    const Result first = on_phone(d, {"--fresh", "--outputs", d + "/a.csv"});
-    ASSERT_EQ(first.exit_code, 0) << first.err;
-    EXPECT_THAT(first.out, HasSubstr("no stored magnetic offset"));
-    const Result second = on_phone(d, {"--scenario", "still", "--outputs", d + "/b.csv"});
-    ASSERT_EQ(second.exit_code, 0) << second.err;
-    EXPECT_THAT(second.out, HasSubstr("stored magnetic offset loaded"));
-    EXPECT_THAT(second.out, HasSubstr("from the file")) << "stored rough offset not used";
-    EXPECT_THAT(second.out, HasSubstr("start                     calibrated"));
-    const auto a = outputs(d + "/a.csv"), b = outputs(d + "/b.csv");
-    for (const char *col : {"offset_x", "offset_y", "offset_z"})
-        EXPECT_EQ(b.front().at(col), a.back().at(col)) << col << ": first sample of the second run";
 }
 
 // Tilted 69 degrees in its mount, the phone's integer heading is the back's (the y axis

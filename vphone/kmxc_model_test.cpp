@@ -35,16 +35,6 @@ TEST_F(KmxcModelTest, MeasurementIsBusyUntilItsConversionTimeHasPassed) {
     EXPECT_EQ(receive(8), (std::vector<uint8_t>{0x02, 0x00, 0x02, 0x00, 0x02, 0x00, 0x05, 0xA3}));
 }
 
-TEST_F(KmxcModelTest, StartUpCommandsLeadToTheCalibrationBytes) {
-    const std::array<uint8_t, 9> calib = {1, 2, 3, 4, 5, 6, 7, 8, 9};
-    chip.set_calibration(calib);
-    send({0xC0, 0x02});  // a measurement left behind does not matter
-    send({0x01});
-    send({0xC8});
-    EXPECT_EQ(receive(9), std::vector<uint8_t>(calib.begin(), calib.end()));
-    EXPECT_EQ(receive(9), std::vector<uint8_t>(calib.begin(), calib.end()));  // reads repeat
-}
-
 TEST_F(KmxcModelTest, RoughReadingIsFivePlusTheSettingThatCentresEachChannel) {
     struct Case {
         const char *name;
