@@ -49,7 +49,6 @@ TEST(FieldStore, AdmissionStartsAtExactlyTheLeastDistanceFromEveryKeptSample) {
          {5, 0, 0},
          Offer::kTooNear},
         {"near the last sample", {{0, 0, 0}, {200, 0, 0}}, {205, 3, 0}, Offer::kTooNear},
-        {"far from all", {{0, 0, 0}, {200, 0, 0}}, {100, 0, 0}, Offer::kJoined},
     };
     for (const auto &c : cases) {
         FieldStore s = store_of(c.kept);

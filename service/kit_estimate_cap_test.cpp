@@ -19,8 +19,11 @@ OffsetCovariance covariance(const std::array<double, 6> &p) {
     return c;
 }
 
-// sigma_psi^2 = e^T P e |g|^2 / |e|^4, e = v x g, in double (rad^2): P in counts^2.
-double heading_variance(const int32_t p_q8[6], const Vec3 &v, const Vec3 &g) {
+double limit_rad(int cdeg) { return cdeg * M_PI / 18000; }
+
+// sigma_psi^2 = e^T P e |g|^2 / |e|^4 + t^2 (v.g)^2 / |e|^2, e = v x g, in double (rad^2):
+// P in counts^2, t the tilt error.
+double heading_variance(const int32_t p_q8[6], const Vec3 &v, const Vec3 &g, int32_t tilt_cdeg) {
     const double e[3] = {double(v.y) * g.z - double(v.z) * g.y, double(v.z) * g.x - double(v.x) * g.z,
                          double(v.x) * g.y - double(v.y) * g.x};
     const double p[3][3] = {{p_q8[0] / 256.0, p_q8[1] / 256.0, p_q8[2] / 256.0},
@@ -32,10 +35,9 @@ double heading_variance(const int32_t p_q8[6], const Vec3 &v, const Vec3 &g) {
         for (int k = 0; k < 3; ++k) epe += e[r] * p[r][k] * e[k];
     }
     const double gg = double(g.x) * g.x + double(g.y) * g.y + double(g.z) * g.z;
-    return epe * gg / (ee * ee);
+    const double vg = double(v.x) * g.x + double(v.y) * g.y + double(v.z) * g.z;
+    return epe * gg / (ee * ee) + std::pow(limit_rad(tilt_cdeg) * vg, 2) / ee;
 }
-
-double limit_rad(int cdeg) { return cdeg * M_PI / 18000; }
 
 // A phone held level (gravity along +z, the field 50 counts = 20 uT north along +y and
 // 80 counts down): magnetic east is +x, the horizontal field 50 counts, so an offset
@@ -114,11 +116,7 @@ TEST(KitEstimate, TheIntegerHeadingCapMatchesTheDoubleFormula) {
         };
         const Vec3 v = draw(250), g = draw(4096 * 2.0);
         const int32_t tilt_cdeg = i % 2 == 0 ? 0 : static_cast<int32_t>(uniform(1, 600));
-        const double vg = double(v.x) * g.x + double(v.y) * g.y + double(v.z) * g.z;
-        const double e[3] = {double(v.y) * g.z - double(v.z) * g.y, double(v.z) * g.x - double(v.x) * g.z,
-                             double(v.x) * g.y - double(v.y) * g.x};
-        const double ee = e[0] * e[0] + e[1] * e[1] + e[2] * e[2];
-        const double var = heading_variance(c.p_q8, v, g) + std::pow(limit_rad(tilt_cdeg), 2) * vg * vg / ee;
+        const double var = heading_variance(c.p_q8, v, g, tilt_cdeg);
         if (!std::isfinite(var)) continue;
         int8_t expected = KMXC_SERVICE_UNRELIABLE;
         bool near_limit = false;

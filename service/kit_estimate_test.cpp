@@ -17,11 +17,11 @@ namespace {
 
 using namespace kit_estimate_test;
 
-// n cycles that offer nothing (a clipped sample), fits allowed or not; the last event.
-KmxcServiceEvent idle(int n, bool fit_allowed = true) {
+// n cycles at `now` that offer nothing (a clipped sample), fits allowed or not; the last event.
+KmxcServiceEvent idle(int n, bool fit_allowed = true, int64_t now = 1) {
     KmxcServiceEvent e{};
     e.mag_result = 1;
-    while (n-- > 0) store_cycle(Vec3{0, 0, 0}, kDown, fit_allowed, 1, &e);
+    while (n-- > 0) store_cycle(Vec3{0, 0, 0}, kDown, fit_allowed, now, &e);
     return e;
 }
 
@@ -85,9 +85,7 @@ TEST(KitEstimate, AnAnomalyEmptiesTheStoreOnlyOnceItHasLastedItsPersistTime) {
         g_state.in_anomaly = c.in_anomaly;
         const int64_t now = int64_t{100} * 1000 * kNsPerMs;
         g_state.anomaly_since_ns = now - c.lasted_ns;
-        KmxcServiceEvent e{};
-        e.mag_result = 1;  // offers nothing
-        store_cycle(Vec3{0, 0, 0}, kDown, false, now, &e);
+        idle(1, false, now);
         EXPECT_EQ(g_state.est.store.count == 0, c.cleared) << c.name;
         EXPECT_EQ(g_state.est.reference_stale, c.cleared) << c.name;
     }
@@ -162,9 +160,7 @@ TEST(KitEstimate, ASampleThatJoinedWhileTheFitWaitedCountsInItsAgreement) {
     for (const auto &c : cases) {
         fill(Vec3{0, 0, 0}, directions(40), kOffset, kNoSoftIron, 0.4);
         g_state.est.joined = KMXC_SERVICE_STORE_REFIT_JOINS;
-        KmxcServiceEvent e{};
-        e.mag_result = 1;
-        store_cycle(Vec3{0, 0, 0}, kDown, true, 1, &e);  // the fit
+        idle(1);  // the fit
         ASSERT_TRUE(g_state.est.sphere_pending) << c.name;
         // The newest slot now holds a sample that joined after the fit, along -x.
         FieldStore &st = g_state.est.store;
@@ -174,7 +170,7 @@ TEST(KitEstimate, ASampleThatJoinedWhileTheFitWaitedCountsInItsAgreement) {
         st.sample[newest].m[1] = static_cast<int16_t>(g_state.est.sphere.offset.y);
         st.sample[newest].m[2] = static_cast<int16_t>(g_state.est.sphere.offset.z);
         g_state.est.joined = 1;
-        for (int cycle = 0; cycle < 4; ++cycle) store_cycle(Vec3{0, 0, 0}, kDown, true, 1, &e);
+        idle(4);
         EXPECT_EQ(accuracy_now(1), c.accuracy) << c.name;
         EXPECT_EQ(g_state.offset_trusted, c.accuracy != KMXC_SERVICE_UNRELIABLE) << c.name;
     }
