@@ -52,24 +52,33 @@ TEST(KitRuleEdges, TheGateOpensAtExactlyItsDistanceFromEachOfTheLastFewFed) {
 }
 
 // 0.4 uT per count: 10 uT is 25 counts, 100 uT is 250; the strength anomaly is more
-// than 150 thousandths from the reference.
-TEST(KitRuleEdges, RangeAndStrengthAnomaliesStartJustPastTheirLimits) {
+// than 150 thousandths from the reference. The dip is judged only in steady gravity: |g|
+// within 60 thousandths of 4096 counts, so 3851..4341, and its direction steady (an
+// acceleration may have turned it).
+TEST(KitRuleEdges, AnomaliesStartJustPastTheirLimitsAndTheDipOnlyInSteadyGravity) {
     static_assert(KMXC_SERVICE_STRENGTH_TOLERANCE_PERMILLE == 150);
+    constexpr uint8_t kRange = KMXC_SERVICE_ANOMALY_RANGE, kStrength = KMXC_SERVICE_ANOMALY_STRENGTH,
+                      kDip = KMXC_SERVICE_ANOMALY_DIP;
     const struct {
-        int32_t reference, strength;
+        int32_t reference, strength;  // counts (reference 0: none)
         uint8_t causes;
+        int32_t gravity;  // |g|, counts
+        bool tilt_steady;
+        int32_t dip;  // permille (the reference's: 0)
     } cases[] = {
-        {0, 25, 0},    {0, 24, KMXC_SERVICE_ANOMALY_RANGE},
-        {0, 250, 0},   {0, 251, KMXC_SERVICE_ANOMALY_RANGE},
-        {200, 230, 0}, {200, 231, KMXC_SERVICE_ANOMALY_STRENGTH},
-        {200, 170, 0}, {200, 169, KMXC_SERVICE_ANOMALY_STRENGTH},
-    };
+        {0, 25, 0, 4096, true, 0},       {0, 24, kRange, 4096, true, 0},       {0, 250, 0, 4096, true, 0},
+        {0, 251, kRange, 4096, true, 0}, {200, 230, 0, 4096, true, 0},         {200, 231, kStrength, 4096, true, 0},
+        {200, 170, 0, 4096, true, 0},    {200, 169, kStrength, 4096, true, 0}, {200, 200, kDip, 4341, true, 500},
+        {200, 200, 0, 4342, true, 500},  {200, 200, kDip, 3851, true, 500},    {200, 200, 0, 3850, true, 500},
+        {200, 200, 0, 4096, false, 500}};
     for (const auto &c : cases) {
         g_state = State{};
-        g_state.reference = c.reference != 0;
+        g_state.reference = g_state.ref_dip_valid = c.reference != 0;
         g_state.ref_strength = c.reference;
-        EXPECT_EQ(anomaly_of(Vec3{0, 0, -4096}, c.strength, 0), c.causes)
-            << "reference " << c.reference << ", strength " << c.strength;
+        g_state.tilt_steady = c.tilt_steady;
+        EXPECT_EQ(anomaly_of(Vec3{0, 0, -c.gravity}, c.strength, c.dip), c.causes)
+            << "reference " << c.reference << ", strength " << c.strength << ", |g| " << c.gravity
+            << (c.tilt_steady ? "" : ", unsteady");
     }
 }
 
@@ -128,25 +137,6 @@ TEST(KitRuleEdges, AStrengthJustOutsideItsBandHoldsTheAccuracyLowWithoutAnEpisod
         if (accuracy_now(t) != KMXC_SERVICE_LOW) FAIL() << "at " << t;
     }
     EXPECT_TRUE(g_state.offset_trusted);
-}
-
-// The dip is judged only in steady gravity: |g| within 60 thousandths of 4096 counts,
-// so 3851..4341, and its direction steady (an acceleration may have turned it).
-TEST(KitRuleEdges, DipAnomaliesAreJudgedOnlyInSteadyGravity) {
-    constexpr uint8_t kDip = KMXC_SERVICE_ANOMALY_DIP;
-    const struct {
-        int32_t gravity;
-        bool tilt_steady;
-        uint8_t causes;
-    } cases[] = {{4341, true, kDip}, {4342, true, 0}, {3851, true, kDip}, {3850, true, 0}, {4096, false, 0}};
-    for (const auto &c : cases) {
-        g_state = State{};
-        g_state.reference = true;
-        g_state.ref_strength = 200;
-        g_state.ref_dip_valid = true;
-        g_state.tilt_steady = c.tilt_steady;
-        EXPECT_EQ(anomaly_of(Vec3{0, 0, -c.gravity}, 200, 500), c.causes) << c.gravity << " " << c.tilt_steady;
-    }
 }
 
 // An episode goes on (unflagged) while the strength stays past half the tolerance, 75
