@@ -30,13 +30,17 @@ int64_t dist_sq(const StoredSample &a, const StoredSample &b) {
     return sum;
 }
 
-TEST(FieldStore, AdmissionStartsAtExactlyTheLeastDistanceFromEveryKeptSample) {
+// A sample joins at exactly the least distance from every kept sample, when its field and
+// gravity are int16 values and the kit does not flag it.
+TEST(FieldStore, ASampleJoinsAtTheLeastDistanceFromEveryKeptOneInRangeAndUnflagged) {
     static_assert(kStoreMinDistance == 8);
     const struct {
         const char *name;
         std::vector<Vec3> kept;
         Vec3 candidate;
         Offer result;
+        Vec3 g = kDown;
+        bool anomaly = false;
     } cases[] = {
         {"exactly 8 along an axis", {{100, 0, 0}}, {108, 0, 0}, Offer::kJoined},
         {"7 along an axis", {{100, 0, 0}}, {107, 0, 0}, Offer::kTooNear},
@@ -49,33 +53,23 @@ TEST(FieldStore, AdmissionStartsAtExactlyTheLeastDistanceFromEveryKeptSample) {
          {5, 0, 0},
          Offer::kTooNear},
         {"near the last sample", {{0, 0, 0}, {200, 0, 0}}, {205, 3, 0}, Offer::kTooNear},
-        {"far from all", {{0, 0, 0}, {200, 0, 0}}, {100, 0, 0}, Offer::kJoined},
+        {"the largest int16 field", {}, {32767, 0, 0}, Offer::kJoined},
+        {"one past it", {}, {32768, 0, 0}, Offer::kOutOfRange},
+        {"the least int16 field", {}, {0, -32768, 0}, Offer::kJoined},
+        {"one below it", {}, {0, -32769, 0}, Offer::kOutOfRange},
+        {"the largest int16 gravity", {}, {0, 0, 99}, Offer::kJoined, {0, 0, 32767}},
+        {"gravity one below the least", {}, {0, 0, 99}, Offer::kOutOfRange, {0, 0, -32769}},
+        {"gravity one past the largest", {}, {0, 0, 99}, Offer::kOutOfRange, {32768, 0, 0}},
+        {"flagged by the kit", {}, {0, 0, 99}, Offer::kAnomaly, kDown, true},
     };
     for (const auto &c : cases) {
         FieldStore s = store_of(c.kept);
-        EXPECT_EQ(field_store_offer(&s, c.candidate, kDown, nullptr, false, true), c.result) << c.name;
-        EXPECT_EQ(s.count, c.kept.size() + (c.result == Offer::kJoined ? 1 : 0)) << c.name;
-    }
-}
-
-TEST(FieldStore, OnlyInt16ValuesAndUnflaggedSamplesJoin) {
-    const struct {
-        Vec3 m, g;
-        bool anomaly;
-        Offer result;
-    } cases[] = {
-        {{32767, 0, 0}, kDown, false, Offer::kJoined},          {{32768, 0, 0}, kDown, false, Offer::kOutOfRange},
-        {{0, -32768, 0}, kDown, false, Offer::kJoined},         {{0, -32769, 0}, kDown, false, Offer::kOutOfRange},
-        {{0, 0, 99}, {0, 0, 32767}, false, Offer::kJoined},     {{0, 0, 99}, {0, 0, -32769}, false, Offer::kOutOfRange},
-        {{0, 0, 99}, {32768, 0, 0}, false, Offer::kOutOfRange}, {{0, 0, 99}, kDown, true, Offer::kAnomaly},
-    };
-    for (const auto &c : cases) {
-        FieldStore s;
-        field_store_clear(&s);
-        EXPECT_EQ(field_store_offer(&s, c.m, c.g, nullptr, c.anomaly, true), c.result) << c.m.x << c.m.y << c.m.z;
-        if (c.result == Offer::kJoined) {
-            EXPECT_EQ(stored_field(s, 0).x, c.m.x);
-            EXPECT_EQ(stored_gravity(s, 0).z, c.g.z);
+        EXPECT_EQ(field_store_offer(&s, c.candidate, c.g, nullptr, c.anomaly, true), c.result) << c.name;
+        const bool joined = c.result == Offer::kJoined;
+        ASSERT_EQ(s.count, c.kept.size() + (joined ? 1 : 0)) << c.name;
+        if (joined) {
+            EXPECT_EQ(stored_field(s, s.count - 1).x, c.candidate.x) << c.name;
+            EXPECT_EQ(stored_gravity(s, s.count - 1).z, c.g.z) << c.name;
         }
     }
 }

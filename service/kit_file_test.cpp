@@ -104,25 +104,6 @@ TEST_F(Kit, EveryStartOutcomeIsReportedByNameAndActedOn) {
     std::filesystem::remove_all(outside);
 }
 
-// Another service saving at the very moment start saves.
-TEST_F(Kit, StartFindingTheLockTakenSaysSoAndSavesLater) {
-    OtherProcessHoldingTheLock other;
-    ASSERT_TRUE(other.held());
-    KmxcServiceStart start{};
-    ASSERT_EQ(kmxc_service_start(10, &start), KMXC_SERVICE_OK);
-    EXPECT_EQ(start.file, KMXC_SERVICE_FILE_ABSENT | KMXC_SERVICE_FILE_LOCKED);
-    EXPECT_EQ(start.save_attempts, 1);
-    EXPECT_EQ(start.save_failures, 1);
-    EXPECT_EQ(start.file_error, EWOULDBLOCK);
-    EXPECT_FALSE(vphone::exists(kCfg));
-    EXPECT_EQ(kmxc_service_stop(), KMXC_SERVICE_STOP_NOT_SAVED);  // still held
-    other.release();
-    ASSERT_EQ(kmxc_service_start(10, &start), KMXC_SERVICE_OK);
-    EXPECT_EQ(start.file, KMXC_SERVICE_FILE_ABSENT);
-    EXPECT_EQ(kmxc_service_stop(), KMXC_SERVICE_OK);
-    EXPECT_TRUE(vphone::exists(kCfg));
-}
-
 // ---- Saves ----------------------------------------------------------------------------------
 
 // What is saved: the record of agreeing 3-D fits, and never more often than the spacing

@@ -26,6 +26,18 @@ Vec3 tilted(double deg, double g = kG) {
     return counts(0, -g * std::cos(deg * kPi / 180), g * std::sin(deg * kPi / 180));
 }
 
+// At 10 Hz: the mean's window and the tilt's hold, in samples; the level of 1 g.
+constexpr uint32_t kWindow = 10 * kMountGravityWindowMs / 1000, kHold = 10 * kMountTiltHoldMs / 1000;
+constexpr int32_t kOneG = (4096 >> kMountLevelShift) * (4096 >> kMountLevelShift);
+
+// A mean over a full window of the upright phone's gravity, held still.
+MountGravity full_window() {
+    MountGravity mg;
+    mount_gravity_reset(&mg);
+    for (uint32_t i = 0; i < kWindow; ++i) mount_gravity_track(&mg, tilted(0), tilted(0), true, 10);
+    return mg;
+}
+
 double angle_deg(const Vec3 &a, const Vec3 &b) {
     const double d = double(a.x) * b.x + double(a.y) * b.y + double(a.z) * b.z;
     const double la = std::sqrt(double(a.x) * a.x + double(a.y) * a.y + double(a.z) * a.z);
@@ -179,11 +191,10 @@ TEST(MountGravity, TheMeansWindowExpandsThenWeighsEachSampleAsItsShare) {
     MountGravity mg;
     mount_gravity_reset(&mg);
     EXPECT_FALSE(mount_gravity_near(mg, tilted(0))) << "no mean yet";
-    const int window = 10 * kMountGravityWindowMs / 1000;  // at 10 Hz
     // A constant gravity comes back exactly, however long the run.
-    for (int i = 0; i < window + 50; ++i)
+    for (uint32_t i = 0; i < kWindow + 50; ++i)
         mount_gravity_track(&mg, Vec3{100, -4000, 700}, Vec3{100, -4000, 700}, true, 10);
-    EXPECT_EQ(mg.n, static_cast<uint32_t>(window));
+    EXPECT_EQ(mg.n, kWindow);
     const Vec3 m = mount_gravity_mean(mg);
     EXPECT_EQ(m.x, 100);
     EXPECT_EQ(m.y, -4000);
@@ -191,7 +202,7 @@ TEST(MountGravity, TheMeansWindowExpandsThenWeighsEachSampleAsItsShare) {
     // A full window: one sample 400 counts away (within the angle, unsteady) moves the
     // mean by 400 / window.
     mount_gravity_track(&mg, Vec3{500, -4000, 700}, Vec3{500, -4000, 700}, false, 10);
-    EXPECT_EQ(mg.mean_q8[0], (100 << 8) + (400 << 8) / window);
+    EXPECT_EQ(mg.mean_q8[0], (100 << 8) + (400 << 8) / int32_t{kWindow});
     // Expanding: the second sample of a fresh mean weighs a half.
     mount_gravity_reset(&mg);
     mount_gravity_track(&mg, Vec3{0, -4096, 0}, Vec3{0, -4096, 0}, true, 50);
@@ -237,25 +248,23 @@ TEST(MountGravity, TheAngleFromTheMeanAndTheLengthDecideAtTheirLimits) {
         {"inside the limit, steady, 1 % shorter than the level: tilted", limit - 0.5, 0.99 * kG, true, true, false,
          kTilted},
     };
-    const int32_t one_g = (4096 >> kMountLevelShift) * (4096 >> kMountLevelShift);
-    const uint32_t window = 10 * kMountGravityWindowMs / 1000, hold = 10 * kMountTiltHoldMs / 1000;
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
         MountGravity mg;
         mount_gravity_reset(&mg);
         const Vec3 g = tilted(c.deg, c.g);
         EXPECT_TRUE(mount_tilt_within(mg, g)) << "no mean yet";
-        for (uint32_t i = 0; i < window; ++i) mount_gravity_track(&mg, tilted(0), tilted(0), true, 10);
-        ASSERT_EQ(mg.level_sq, one_g);
+        mg = full_window();
+        ASSERT_EQ(mg.level_sq, kOneG);
         EXPECT_EQ(mount_tilt_within(mg, g), c.within);
         EXPECT_EQ(mount_gravity_near(mg, g), c.near);
         EXPECT_EQ(mount_gravity_near(mg, tilted(c.deg, 2 * kG)), c.near) << "at 2 g";
-        for (uint32_t i = 0; i + 1 < hold; ++i) mount_gravity_track(&mg, g, g, c.steady, 10);
-        EXPECT_EQ(mg.n, c.outcome == kAfresh ? hold - 1 : window) << "before the hold";
+        for (uint32_t i = 0; i + 1 < kHold; ++i) mount_gravity_track(&mg, g, g, c.steady, 10);
+        EXPECT_EQ(mg.n, c.outcome == kAfresh ? kHold - 1 : kWindow) << "before the hold";
         mount_gravity_track(&mg, g, g, c.steady, 10);
-        EXPECT_EQ(mg.n, c.outcome == kKept ? window : c.outcome == kAfresh ? hold : 1u);
+        EXPECT_EQ(mg.n, c.outcome == kKept ? kWindow : c.outcome == kAfresh ? kHold : 1u);
         // The level is the part's: kept across a restart (a restarted mean then measures it).
-        if (c.outcome != kAfresh) { EXPECT_EQ(mg.level_sq, one_g) << "the part's"; }
+        if (c.outcome != kAfresh) { EXPECT_EQ(mg.level_sq, kOneG) << "the part's"; }
         if (c.outcome != kKept) { EXPECT_LT(angle_deg(mount_gravity_mean(mg), g), 0.01); }
     }
 }
@@ -264,20 +273,16 @@ TEST(MountGravity, TheAngleFromTheMeanAndTheLengthDecideAtTheirLimits) {
 // still moving) start it again, so a tilt seen through a shaking second is not held; a
 // tilt seen stays out of the mean (taken in, it would draw the mean within its limit).
 TEST(MountGravity, TheTiltsHoldCountsOnlySteadySamplesInARow) {
-    const uint32_t window = 10 * kMountGravityWindowMs / 1000, hold = 10 * kMountTiltHoldMs / 1000;
-    const double tilt = KMXC_SERVICE_MOUNT_TILT_CDEG / 100.0 + 3;
-    MountGravity mg;
-    mount_gravity_reset(&mg);
-    for (uint32_t i = 0; i < window; ++i) mount_gravity_track(&mg, tilted(0), tilted(0), true, 10);
-    const Vec3 g = tilted(tilt);
-    for (uint32_t i = 0; i + 1 < hold; ++i) mount_gravity_track(&mg, g, g, false, 10);
+    MountGravity mg = full_window();
+    const Vec3 g = tilted(KMXC_SERVICE_MOUNT_TILT_CDEG / 100.0 + 3);
+    for (uint32_t i = 0; i + 1 < kHold; ++i) mount_gravity_track(&mg, g, g, false, 10);
     EXPECT_TRUE(mg.tilt_seen) << "seen while unsteady";
     EXPECT_EQ(mg.tilted, 0u) << "but not counted";
     EXPECT_EQ(mount_gravity_mean(mg).z, tilted(0).z) << "nor taken into the mean";
     mount_gravity_track(&mg, g, g, true, 10);
     EXPECT_EQ(mg.tilted, 1u);
-    EXPECT_EQ(mg.n, window) << "one steady sample holds nothing";
-    for (uint32_t i = 1; i < hold; ++i) mount_gravity_track(&mg, g, g, true, 10);
+    EXPECT_EQ(mg.n, kWindow) << "one steady sample holds nothing";
+    for (uint32_t i = 1; i < kHold; ++i) mount_gravity_track(&mg, g, g, true, 10);
     EXPECT_EQ(mg.n, 1u) << "a hold of steady samples restarts the mean";
 }
 
@@ -287,20 +292,19 @@ TEST(MountGravity, TheTiltsHoldCountsOnlySteadySamplesInARow) {
 TEST(MountGravity, TheLevelIsGravitysLengthHeldStillAtTheMean) {
     MountGravity mg;
     mount_gravity_reset(&mg);
-    const int32_t one_g = (4096 >> kMountLevelShift) * (4096 >> kMountLevelShift);
     mount_gravity_track(&mg, tilted(0), tilted(0), true, 10);
     EXPECT_EQ(mg.level_sq, 0) << "no mean before the first sample";
     mount_gravity_track(&mg, tilted(0), tilted(0), true, 10);
-    EXPECT_EQ(mg.level_sq, one_g);
+    EXPECT_EQ(mg.level_sq, kOneG);
     mount_gravity_track(&mg, tilted(0, 1.05 * kG), tilted(0, 1.05 * kG), false, 10);
-    EXPECT_EQ(mg.level_sq, one_g) << "unsteady";
+    EXPECT_EQ(mg.level_sq, kOneG) << "unsteady";
     mount_gravity_track(&mg, tilted(5), tilted(5), true, 10);
-    EXPECT_EQ(mg.level_sq, one_g) << "beyond the steady tilt of the mean";
+    EXPECT_EQ(mg.level_sq, kOneG) << "beyond the steady tilt of the mean";
     const Vec3 longer = tilted(0, 1.05 * kG);
     mount_gravity_track(&mg, longer, longer, true, 10);
     const Vec3 l{longer.x >> kMountLevelShift, longer.y >> kMountLevelShift, longer.z >> kMountLevelShift};
     const int32_t sq = l.x * l.x + l.y * l.y + l.z * l.z;
-    EXPECT_EQ(mg.level_sq, one_g + ((sq - one_g) >> kMountLevelWeightShift)) << "a sixteenth of the way";
+    EXPECT_EQ(mg.level_sq, kOneG + ((sq - kOneG) >> kMountLevelWeightShift)) << "a sixteenth of the way";
     EXPECT_FALSE(mount_tilted(mg, tilted(30, 2 * kG))) << "2 g is no gravity";
     EXPECT_TRUE(mount_tilted(mg, tilted(30, kG)));
     MountGravity none = mg;

@@ -1,7 +1,8 @@
 // The planar estimator against an independent double-precision solution (Eigen) on
 // random circles, axes, strengths, dips, arcs and noise, and its rules at their
 // thresholds: the arc, the radius' agreement with the references, and the mount it tells
-// the kit of.
+// the kit of; the reference circle's refinement against the same Gauss-Newton steps in
+// double on each side of the bound where its sums change from 32-bit to 64-bit factors.
 #include <gtest/gtest.h>
 
 #include <Eigen/Dense>
@@ -369,6 +370,46 @@ TEST(PlanarRules, ACircleAboutGravityMarksAMountUntilTheStoreLeavesIt) {
             planar_cycle(true, &e);
         }
         EXPECT_EQ(g_state.planar.mounted, c.mounted) << c.name;
+    }
+}
+
+// A flat arc of 240 degrees about a known centre (gravity along z) whose reference is half
+// the field's strength: every sample's residual is then 3/4 of its squared radius. At 1000
+// counts the refinement's factors stay below the bound (its sums in 32-bit factors); at
+// 5000 counts the residual alone outgrows 32 bits, and the sums must take 64-bit ones.
+TEST(PlanarSums, TheRefinementMatchesDoubleOnEachSideOfThe32BitBound) {
+    for (const double radius : {1000.0, 5000.0}) {
+        SCOPED_TRACE(::testing::Message() << "radius " << radius);
+        const double strength = radius / std::sin(60 * kPi / 180);
+        std::mt19937 rng(7);
+        const Vector3d offset(40, -30, 20), down = Vector3d::UnitZ();
+        const FieldStore s = store_of(Circle{offset, down, strength, 60, 240, 0, 0, kStoreCapacity, 0, 0}, rng);
+        ASSERT_EQ(s.count, kStoreCapacity);
+        // The circle as drawn (the circle fit refuses one this far beyond the Earth's).
+        const CircleFit fit{Vec3{0, 0, 16384}, rounded(16 * (offset + strength / 2 * down)),
+                            static_cast<int32_t>(std::lround(16 * radius)), 0};
+        const PlanarReference half{static_cast<int32_t>(std::lround(strength / 2)), 6000};
+        Vec3 o{0, 0, 0};
+        int32_t arc = 0;
+        ASSERT_TRUE(planar_offset_from_reference(s, fit, half, &o, &arc));
+        // The same steps in double: d moves to where |m - c - d|^2 meets F^2 - h^2.
+        const double f = half.strength, axial = f * std::cos(60 * kPi / 180);
+        const double c[3] = {fit.centre_q4.x / 16.0, fit.centre_q4.y / 16.0, fit.centre_q4.z / 16.0};
+        double dx = 0, dy = 0;
+        for (int step = 0; step < kPlanarRefineSteps; ++step) {
+            double saa = 0, sab = 0, sbb = 0, sar = 0, sbr = 0;
+            for (int i = 0; i < s.count; ++i) {
+                const double a = s.sample[i].m[0] - c[0] - dx, b = s.sample[i].m[1] - c[1] - dy;
+                const double h = s.sample[i].m[2] - c[2] + axial, r = a * a + b * b - (f * f - h * h);
+                saa += a * a, sab += a * b, sbb += b * b, sar += a * r / 2, sbr += b * r / 2;
+            }
+            const double det = saa * sbb - sab * sab;
+            dx += (sbb * sar - sab * sbr) / det;
+            dy += (saa * sbr - sab * sar) / det;
+        }
+        EXPECT_NEAR(o.x, c[0] + dx, 1);
+        EXPECT_NEAR(o.y, c[1] + dy, 1);
+        EXPECT_NEAR(o.z, c[2] - axial, 1);
     }
 }
 

@@ -1,8 +1,12 @@
 // The kit's rules at their thresholds, on hand-placed samples (no phone): the feed gate,
-// the Earth's-field range, the anomalies, a fit's accuracy and save, and the anomaly's
-// clear time each decide exactly at their limit.
+// the Earth's-field range, the anomalies, a fit's accuracy and save, the anomaly's clear
+// time, gravity's steady tilt, the dip's angle and the persistence of dip anomalies each
+// decide exactly at their limit.
 #include <gtest/gtest.h>
 
+#include <cmath>
+
+#include "calibration/calibration.h"
 #include "service/kit_internal.h"
 
 namespace kmxc_kit {
@@ -48,24 +52,33 @@ TEST(KitRuleEdges, TheGateOpensAtExactlyItsDistanceFromEachOfTheLastFewFed) {
 }
 
 // 0.4 uT per count: 10 uT is 25 counts, 100 uT is 250; the strength anomaly is more
-// than 150 thousandths from the reference.
-TEST(KitRuleEdges, RangeAndStrengthAnomaliesStartJustPastTheirLimits) {
+// than 150 thousandths from the reference. The dip is judged only in steady gravity: |g|
+// within 60 thousandths of 4096 counts, so 3851..4341, and its direction steady (an
+// acceleration may have turned it).
+TEST(KitRuleEdges, AnomaliesStartJustPastTheirLimitsAndTheDipOnlyInSteadyGravity) {
     static_assert(KMXC_SERVICE_STRENGTH_TOLERANCE_PERMILLE == 150);
+    constexpr uint8_t kRange = KMXC_SERVICE_ANOMALY_RANGE, kStrength = KMXC_SERVICE_ANOMALY_STRENGTH,
+                      kDip = KMXC_SERVICE_ANOMALY_DIP;
     const struct {
-        int32_t reference, strength;
+        int32_t reference, strength;  // counts (reference 0: none)
         uint8_t causes;
+        int32_t gravity;  // |g|, counts
+        bool tilt_steady;
+        int32_t dip;  // permille (the reference's: 0)
     } cases[] = {
-        {0, 25, 0},    {0, 24, KMXC_SERVICE_ANOMALY_RANGE},
-        {0, 250, 0},   {0, 251, KMXC_SERVICE_ANOMALY_RANGE},
-        {200, 230, 0}, {200, 231, KMXC_SERVICE_ANOMALY_STRENGTH},
-        {200, 170, 0}, {200, 169, KMXC_SERVICE_ANOMALY_STRENGTH},
-    };
+        {0, 25, 0, 4096, true, 0},       {0, 24, kRange, 4096, true, 0},       {0, 250, 0, 4096, true, 0},
+        {0, 251, kRange, 4096, true, 0}, {200, 230, 0, 4096, true, 0},         {200, 231, kStrength, 4096, true, 0},
+        {200, 170, 0, 4096, true, 0},    {200, 169, kStrength, 4096, true, 0}, {200, 200, kDip, 4341, true, 500},
+        {200, 200, 0, 4342, true, 500},  {200, 200, kDip, 3851, true, 500},    {200, 200, 0, 3850, true, 500},
+        {200, 200, 0, 4096, false, 500}};
     for (const auto &c : cases) {
         g_state = State{};
-        g_state.reference = c.reference != 0;
+        g_state.reference = g_state.ref_dip_valid = c.reference != 0;
         g_state.ref_strength = c.reference;
-        EXPECT_EQ(anomaly_of(Vec3{0, 0, -4096}, c.strength, 0), c.causes)
-            << "reference " << c.reference << ", strength " << c.strength;
+        g_state.tilt_steady = c.tilt_steady;
+        EXPECT_EQ(anomaly_of(Vec3{0, 0, -c.gravity}, c.strength, c.dip), c.causes)
+            << "reference " << c.reference << ", strength " << c.strength << ", |g| " << c.gravity
+            << (c.tilt_steady ? "" : ", unsteady");
     }
 }
 
@@ -124,25 +137,6 @@ TEST(KitRuleEdges, AStrengthJustOutsideItsBandHoldsTheAccuracyLowWithoutAnEpisod
         if (accuracy_now(t) != KMXC_SERVICE_LOW) FAIL() << "at " << t;
     }
     EXPECT_TRUE(g_state.offset_trusted);
-}
-
-// The dip is judged only in steady gravity: |g| within 60 thousandths of 4096 counts,
-// so 3851..4341, and its direction steady (an acceleration may have turned it).
-TEST(KitRuleEdges, DipAnomaliesAreJudgedOnlyInSteadyGravity) {
-    constexpr uint8_t kDip = KMXC_SERVICE_ANOMALY_DIP;
-    const struct {
-        int32_t gravity;
-        bool tilt_steady;
-        uint8_t causes;
-    } cases[] = {{4341, true, kDip}, {4342, true, 0}, {3851, true, kDip}, {3850, true, 0}, {4096, false, 0}};
-    for (const auto &c : cases) {
-        g_state = State{};
-        g_state.reference = true;
-        g_state.ref_strength = 200;
-        g_state.ref_dip_valid = true;
-        g_state.tilt_steady = c.tilt_steady;
-        EXPECT_EQ(anomaly_of(Vec3{0, 0, -c.gravity}, 200, 500), c.causes) << c.gravity << " " << c.tilt_steady;
-    }
 }
 
 // An episode goes on (unflagged) while the strength stays past half the tolerance, 75
@@ -258,6 +252,132 @@ TEST(KitRuleEdges, EnteringAVehicleDemotesOnlyAnOffsetTrustedBeforeIt) {
         EXPECT_EQ(g_state.est.store.count, c.demoted ? 0 : 1) << c.name;
         EXPECT_EQ(g_state.fed_count, c.demoted ? 0 : 5) << c.name;
         EXPECT_EQ(accuracy_now(0), c.trusted && !c.demoted ? KMXC_SERVICE_HIGH : KMXC_SERVICE_UNRELIABLE) << c.name;
+    }
+}
+
+// ---- Gravity: its steady tilt, the dip's angle and the persistence of dip anomalies ----
+
+constexpr double kPi = 3.14159265358979323846;
+
+void start_kit(uint32_t rate_hz) {
+    g_state = State{};
+    g_state.rate_hz = rate_hz;
+}
+
+// Gravity of 1 g tilted by `deg` from straight down (about x).
+Vec3 tilted(double deg) {
+    return Vec3{0, int32_t(std::lround(4096 * std::sin(deg * kPi / 180))),
+                int32_t(std::lround(-4096 * std::cos(deg * kPi / 180)))};
+}
+
+TEST(KitTilt, GravityIsSteadyWithinItsAngleOfTheRunningMeanAndWithinTheLengthBand) {
+    const struct {
+        const char *name;
+        double jump_deg;  // a sample this far from a long-held gravity
+        double scale;     // and this long (1: 1 g)
+        bool steady;
+    } cases[] = {
+        {"unchanged", 0, 1, true},
+        {"2.9 degrees off", 2.9, 1, true},
+        {"3.1 degrees off", 3.1, 1, false},
+        {"unchanged but 7 % long", 0, 1.07, false},
+        {"unchanged, 5 % long", 0, 1.05, true},
+    };
+    for (const auto &c : cases) {
+        start_kit(10);
+        for (int i = 0; i < 50; ++i) track_tilt(tilted(0));
+        Vec3 g = tilted(c.jump_deg);
+        g = Vec3{int32_t(std::lround(g.x * c.scale)), int32_t(std::lround(g.y * c.scale)),
+                 int32_t(std::lround(g.z * c.scale))};
+        track_tilt(g);
+        EXPECT_EQ(g_state.tilt_steady, c.steady) << c.name;
+    }
+    // A tilt held steady becomes the mean: steady again after a few time constants.
+    start_kit(10);
+    for (int i = 0; i < 50; ++i) track_tilt(tilted(0));
+    track_tilt(tilted(10));
+    EXPECT_FALSE(g_state.tilt_steady);
+    for (int i = 0; i < 30; ++i) track_tilt(tilted(10));
+    EXPECT_TRUE(g_state.tilt_steady);
+}
+
+// The kit trusting an offset whose reference angle between field and gravity is
+// `cdeg` (3000: a 60-degree dip), strength 120 counts.
+void trusted_at(int32_t cdeg) {
+    start_kit(10);
+    g_state.offset_trusted = true;
+    g_state.base_accuracy = KMXC_SERVICE_HIGH;
+    g_state.reference = true;
+    g_state.ref_strength = 120;
+    g_state.ref_dip_valid = true;
+    g_state.reference_known = true;
+    g_state.reference_strength_counts = 120;
+    g_state.reference_dip_cdeg = 9000 - cdeg;
+    trust_planar(KMXC_SERVICE_MEDIUM);  // sets the angle's bounds from the 3-D reference
+    g_state.base_accuracy = KMXC_SERVICE_HIGH;
+    g_state.tilt_steady = true;
+}
+
+int32_t dip_permille(double deg) { return static_cast<int32_t>(1000 * std::cos(deg * kPi / 180)); }
+
+TEST(KitDip, TheDipIsJudgedAsAnAngleSixDegreesEitherWayAtAnyDip) {
+    static_assert(KMXC_SERVICE_DIP_TOLERANCE_CDEG == 600);
+    const struct {
+        const char *name;
+        double angle_deg;
+        bool anomaly;
+    } cases[] = {
+        {"5.8 degrees steeper", 24.2, false},
+        {"6.3 degrees steeper", 23.7, true},
+        {"5.8 degrees flatter", 35.8, false},
+        {"6.3 degrees flatter", 36.3, true},
+    };
+    for (const auto &c : cases) {
+        trusted_at(3000);
+        const uint8_t causes = anomaly_of(Vec3{0, 0, -4096}, 120, dip_permille(c.angle_deg));
+        EXPECT_EQ((causes & KMXC_SERVICE_ANOMALY_DIP) != 0, c.anomaly) << c.name;
+    }
+    // At a steep field (an 84-degree dip: 6 degrees from gravity) the cosine moves by 0.005
+    // for 6 degrees, 0.12 of it would hide a whole 20: the angle still tells.
+    trusted_at(600);
+    EXPECT_EQ(anomaly_of(Vec3{0, 0, -4096}, 120, dip_permille(11)) & KMXC_SERVICE_ANOMALY_DIP, 0);
+    EXPECT_NE(anomaly_of(Vec3{0, 0, -4096}, 120, dip_permille(13)) & KMXC_SERVICE_ANOMALY_DIP, 0);
+}
+
+TEST(KitDip, AnAnomalyHoldsTheAccuracyDownAndOnlyAPersistingOneInRangeDemotes) {
+    const struct {
+        const char *name;
+        bool tilt_steady;
+        uint8_t causes;
+        double for_s;
+        bool demoted;
+        uint8_t first = 0;  // the episode's first sample's causes, when not `causes`
+    } cases[] = {
+        {"strength off for 5 s: a new surrounding", true, KMXC_SERVICE_ANOMALY_STRENGTH, 5.05, true},
+        {"out of the Earth's range for 6 s: the rough offset's business", true, KMXC_SERVICE_ANOMALY_RANGE, 6, false},
+        {"out of range once, then strength off for 6 s: still the rough offset's", true, KMXC_SERVICE_ANOMALY_STRENGTH,
+         6, false, KMXC_SERVICE_ANOMALY_RANGE},
+        {"strength off for 4.9 s: kept", true, KMXC_SERVICE_ANOMALY_STRENGTH, 4.9, false},
+        {"dip off in steady tilt for 29.9 s: kept", true, KMXC_SERVICE_ANOMALY_DIP, 29.9, false},
+        {"dip off in steady tilt for 30 s: a new surrounding", true, KMXC_SERVICE_ANOMALY_DIP, 30.05, true},
+        {"dip off while accelerating for 60 s: kept", false, KMXC_SERVICE_ANOMALY_DIP, 60, false},
+    };
+    for (const auto &c : cases) {
+        trusted_at(3000);
+        g_state.tilt_steady = c.tilt_steady;
+        KmxcServiceEvent e{};
+        const int64_t step = 100000000;  // 10 Hz
+        int64_t t = 1000000000;
+        int8_t acc = 0;
+        for (; t <= 1000000000 + static_cast<int64_t>(c.for_s * 1e9); t += step) {
+            note_anomaly(t == 1000000000 && c.first != 0 ? c.first : c.causes, t, &e);
+            acc = accuracy_now(t);
+        }
+        EXPECT_EQ(g_state.demoted, c.demoted) << c.name;
+        // Out of range, a strength off the reference, or a demoted offset: unreliable; a
+        // dip alone: low.
+        EXPECT_EQ(acc, c.demoted || c.causes != KMXC_SERVICE_ANOMALY_DIP ? KMXC_SERVICE_UNRELIABLE : KMXC_SERVICE_LOW)
+            << c.name;
     }
 }
 

@@ -1,5 +1,6 @@
 // The kit on the virtual phone: its start, the first fit at every rate, accuracy and
-// the events' conventions, anomalies and the warm-up.
+// the events' conventions, a clipped-on magnet and the warm-up. (The anomaly rules at
+// their limits: kit_rules_edges_test.cpp, kit_tilt_test.cpp.)
 #include <gtest/gtest.h>
 
 #include <set>
@@ -188,61 +189,6 @@ TEST_F(Kit, FirstFitComesInTimeAtEveryRateAndOnlyThenAreHeadingsTrusted) {
 }
 
 // ---- Anomalies --------------------------------------------------------------------------
-
-// Field disturbances on a calibrated phone lying on the table: applied from 19 s to
-// 21.5 s of the magnet scenario's script (calibrated by then, on the table from 17 s
-// to 24 s; the test leaves the clip off).
-struct Disturbance {
-    const char *name;
-    std::function<void(Truth &)> apply;
-    uint8_t cause;
-    int8_t cap;  // highest accuracy while it lasts
-};
-
-const Disturbance kDisturbances[] = {
-    // (A disturbance that keeps both the strength and the dip is invisible to these
-    // rules: +25 uT along x here would turn the heading by 60 degrees unnoticed.)
-    {"field weakens to 60 %",
-     [](Truth &t) {
-         for (double &f : t.field_uT) f *= 0.6;
-     },
-     KMXC_SERVICE_ANOMALY_STRENGTH, KMXC_SERVICE_LOW},
-    {"strong magnet (over 100 uT)", [](Truth &t) { t.field_uT[1] += 80; }, KMXC_SERVICE_ANOMALY_RANGE,
-     KMXC_SERVICE_UNRELIABLE},
-    {"dip turns by 35 degrees, strength kept",
-     [](Truth &t) {
-         // Rotate the field about the phone's x axis (the table's east-west line).
-         const double a = 35 * 3.14159265358979 / 180, y = t.field_uT[1], z = t.field_uT[2];
-         t.field_uT[1] = y * std::cos(a) - z * std::sin(a);
-         t.field_uT[2] = y * std::sin(a) + z * std::cos(a);
-     },
-     KMXC_SERVICE_ANOMALY_DIP, KMXC_SERVICE_LOW},
-};
-
-TEST_F(Kit, FieldAnomaliesLowerTheAccuracyUntilTheyAreGone) {
-    for (const Disturbance &d : kDisturbances) {
-        SCOPED_TRACE(d.name);
-        vphone::remove_file(kCfg);
-        ScenarioSettings s = scenario("magnet");
-        s.magnet_uT = {0, 0, 0};  // the clip stays off: the disturbance is the test's
-        const Trace r = run(s, 20, 24, [&](double t, Truth &truth) {
-            if (t >= 19 && t < 21.5) d.apply(truth);
-        });
-        int8_t before = -1;
-        bool flagged = false;
-        for (const auto &e : r.events) {
-            const double t = static_cast<double>(e.timestamp_ns) / 1e9;
-            if (t > 18 && t < 19) before = e.accuracy;
-            if (t >= 19.2 && t < 21.5) {
-                EXPECT_LE(e.accuracy, d.cap) << t;
-                flagged |= (e.anomaly & d.cause) != 0;
-            }
-            if (t >= 21.5 + KMXC_SERVICE_ANOMALY_CLEAR_MS / 1000.0 + 0.2) { EXPECT_EQ(e.accuracy, before) << t; }
-        }
-        EXPECT_GE(before, KMXC_SERVICE_MEDIUM);
-        EXPECT_TRUE(flagged) << "cause not reported";
-    }
-}
 
 TEST_F(Kit, MagnetClippedOnIsFlaggedAndANewFitRestoresTheAccuracy) {
     const Trace r = run(scenario("magnet"), 20);

@@ -77,42 +77,6 @@ TEST_F(Kit, AMountedPhoneTiltedByTheCarIsAtMostLowWhateverTheEstimate) {
     EXPECT_GT(not_planar, 200) << "a sphere's offset in the mount";
 }
 
-// A phone turned about the vertical while read at 13 degrees (its circle gives the
-// planar estimate, so the attitude takes the mean gravity), then put down flat facing
-// east, where a pitch error turns the heading most (tan(60) per degree). The table's
-// gravity lies 13 degrees from the mean, within its limit, but at gravity's own length:
-// a tilt, not an acceleration. As soon as the half-second mean shows it (within a
-// second) the accuracy is held at low, and once the tilt is held the mean starts afresh
-// from the table's. The old mean would leave the heading 23 degrees off for the
-// window's 40 s; the planar estimate's own error here is about 4.
-TEST_F(Kit, APhonePutDownFromReadingIsTiltedNotAcceleratedAndItsAttitudeFollows) {
-    vphone::remove_file(kCfg);
-    constexpr double kTurnS = 60, kDownS = 8, kShownS = 1, kHeldS = 4.5;
-    ScenarioSettings s = scenario("browse");  // a script long enough; the pose is this test's
-    const Trace r = run(s, 10, kTurnS + kDownS, [&](double t, Truth &truth) {
-        hold(truth, s, t < kTurnS ? Pose{90 + 20 * (t - kTurnS), -13, 0} : Pose{90, 0, 0});
-    });
-    ASSERT_GE(r.events.size(), static_cast<size_t>(10 * (kTurnS + kDownS)));
-    const KmxcServiceEvent &before = r.events[10 * kTurnS - 1];
-    ASSERT_EQ(before.estimator, KMXC_SERVICE_ESTIMATOR_PLANAR) << "turned in the hand: the planar estimate";
-    ASSERT_NE(before.flags & KMXC_SERVICE_MOUNT_GRAVITY, 0) << "and the mount's mean gravity";
-    int tilted = 0;
-    for (size_t i = 10 * (kTurnS + kShownS); i < 10 * (kTurnS + kDownS); ++i) {
-        const KmxcServiceEvent &e = r.events[i];
-        ASSERT_EQ(e.estimator, KMXC_SERVICE_ESTIMATOR_PLANAR) << "event " << i;
-        // Each event is right, or flagged as tilted and at most low; once held, right.
-        const bool right = std::fabs(azimuth_error_deg(e, r.truths[i])) < 6.0;
-        if (!right) {
-            EXPECT_NE(e.flags & KMXC_SERVICE_MOUNT_TILT, 0) << "event " << i;
-            EXPECT_LE(e.accuracy, KMXC_SERVICE_LOW) << "event " << i;
-        }
-        if (i >= 10 * (kTurnS + kHeldS)) { EXPECT_TRUE(right) << "event " << i; }
-        tilted += (e.flags & KMXC_SERVICE_MOUNT_TILT) != 0;
-    }
-    EXPECT_GT(tilted, 0) << "the tilt before it is held";
-    EXPECT_NE(r.events[10 * (kTurnS + kDownS) - 1].flags & KMXC_SERVICE_MOUNT_GRAVITY, 0) << "the table's mean";
-}
-
 // A knock tilts the mount by 13 degrees about magnetic north on a straight stretch (the
 // planar estimate at medium, its attitude on the mount's mean gravity): the field then
 // stays on the mount's circle, the tilt only turning it like a turn would, and a pitch
