@@ -207,9 +207,10 @@ void judge_field(const Vec3 &m, const Vec3 &g, const KmxAxesData &offset, int64_
 // 4d. The gravity the attitude takes: the mount's recent gravity while the phone turns
 // in its mount (the planar estimate in use, the sample c, as the library sees it, on
 // the circle's plane) and the measured g lies near the mount's mean (kit_mount.h) with
-// the length of an acceleration, not of a tilt; else g. In a mount, g beyond what a road's slopes
-// explain flags the attitude as tilted (a tilt not yet held, an acceleration with
-// another estimate in use: the store's samples on a circle about the vertical).
+// the length of an acceleration, not of a tilt; else g. In a mount, g beyond what a
+// road's slopes explain flags the attitude as tilted (a tilt not yet held, an
+// acceleration with another estimate in use: the store's samples on a circle about the
+// vertical).
 Vec3 attitude_gravity(const Vec3 &c, const Vec3 &g, KmxcServiceEvent *e) {
     const MountGravity &mg = g_state.mount_gravity;
     const Planar &p = g_state.planar;
