@@ -41,8 +41,8 @@ constexpr int32_t kMountGravityWindowMs = 40000;
 // The recent gravity's window, milliseconds: a road's slope turns the car by at most
 // about a degree a second, which 2 s lag by a degree; a vehicle's vibration (11 Hz and
 // up) averages over 20 cycles at 10 Hz. On the virtual drives (slopes, traffic, turns)
-// the heading while driving was 2.8-2.9 degrees RMS off at 2 s, 3.4-3.5 with the mean
-// alone; 1 s let more vibration through, 5 s and more lagged the slopes.
+// the integer heading while driving was 2.8-2.9 degrees RMS off at 2 s, 3.4-3.5 with
+// the mean alone; 1 s let more vibration through, 5 s and more lagged the slopes.
 constexpr int32_t kMountRecentWindowMs = 2000;
 // A sample whose smoothed gravity lies within this angle of the mean (centidegrees)
 // joins the recent gravity: the mean lags the road's slopes (up to 5 degrees either

@@ -19,6 +19,18 @@ double speed_change_s(double v0, double v1, double peak_mps2) { return std::fabs
 // rate is twice the mean, so the peak centripetal acceleration v * rate is peak_mps2.
 double turn_s(double v, double angle_deg, double peak_mps2) { return v * 2 * std::fabs(angle_deg) * kDeg / peak_mps2; }
 
+// The traffic's speed, acceleration and distance u into leg l, added to v, along and s.
+void traffic_at(const DriveLeg &l, double u, double *v, double *along, double *s) {
+    const double T = l.duration_s;
+    if (T <= 0) return;
+    for (int k = 0; k < 2; ++k) {
+        const double w = kPi * l.traffic_m[k] / T, a = l.traffic_mps[k];
+        *v += a * std::sin(w * u);
+        *along += a * w * std::cos(w * u);
+        *s += a / w * (1 - std::cos(w * u));
+    }
+}
+
 }  // namespace
 
 Drive::Drive(std::mt19937 &rng, double heading_deg) {
@@ -92,8 +104,8 @@ void Drive::plan(std::mt19937 &rng) {
 void Drive::draw_traffic(std::mt19937 &rng) {
     // Two waves per stretch: a slow one of 20 to 40 s and up to 1.8 m/s, a quicker one
     // of 8 to 16 s and up to 0.8 m/s; each a whole number of half waves long.
-    const double period_lo[2] = {20, 8}, period_hi[2] = {40, 16}, amp_lo[2] = {0.8, 0.3}, amp_hi[2] = {1.8, 0.8};
-    static_assert(1.8 + 0.8 <= kDriveMaxTrafficMps);
+    constexpr double period_lo[2] = {20, 8}, period_hi[2] = {40, 16}, amp_lo[2] = {0.8, 0.3}, amp_hi[2] = {1.8, 0.8};
+    static_assert(amp_hi[0] + amp_hi[1] <= kDriveMaxTrafficMps);
     for (DriveLeg &l : legs_) {
         if (l.kind != DriveLeg::Speed || l.v0_mps != l.v1_mps) continue;
         for (int k = 0; k < 2; ++k) {
@@ -101,18 +113,6 @@ void Drive::draw_traffic(std::mt19937 &rng) {
             l.traffic_m[k] = std::max(1, static_cast<int>(std::lround(2 * l.duration_s / period)));
             l.traffic_mps[k] = (coin(rng) ? 1 : -1) * uniform(rng, amp_lo[k], amp_hi[k]);
         }
-    }
-}
-
-// The traffic's speed, acceleration and distance u into leg l.
-static void traffic_at(const DriveLeg &l, double u, double *v, double *along, double *s) {
-    const double T = l.duration_s;
-    if (T <= 0) return;
-    for (int k = 0; k < 2; ++k) {
-        const double w = kPi * l.traffic_m[k] / T, a = l.traffic_mps[k];
-        *v += a * std::sin(w * u);
-        *along += a * w * std::cos(w * u);
-        *s += a / w * (1 - std::cos(w * u));
     }
 }
 
