@@ -256,7 +256,7 @@ Truth Scenario::sample(double t) {
         const double speed = t < drive_from_s_ ? 0.0 : drive_.at(t - drive_from_s_).speed_mps;
         const Vec3 shake =
             to_phone(attitude_matrix(Pose{0, -mount_tilt_deg_, mount_swivel_deg_}), drive_.vibration_g(t, speed));
-        for (int k = 0; k < 3; ++k) tr.gravity_g[k] -= shake[k];
+        for (int k = 0; k < 3; ++k) tr.gravity_g[k] -= settings_.car_vibration * shake[k];
     }
     return tr;
 }

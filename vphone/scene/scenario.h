@@ -41,6 +41,9 @@ struct ScenarioSettings {
     // Scenarios "car" and "car-fresh": the car's field, fixed to the phone once it is
     // in the dashboard mount, added to the hard iron from then on.
     Vec3 car_field_uT{-8.0, 12.0, 14.0};
+    // ... and the engine's and the road's vibration there, times the car's own (0.006 g
+    // idling, up to 0.03 g at speed): a motorbike's or a rough road's is ten times more.
+    double car_vibration = 1.0;
     bool operator==(const ScenarioSettings &) const = default;
 };
 

@@ -136,6 +136,8 @@ const std::vector<WorldOption> &world_options() {
         soft_iron_option(),
         ranged("--car-field", "X,Y,Z", "car scenarios: the car's field once mounted, uT, each ", "", -200, 200,
                &ScenarioSettings::car_field_uT),
+        ranged("--car-vibration", "TIMES", "car scenarios: the mount's vibration, times the car's, ", "", 0, 30,
+               &ScenarioSettings::car_vibration),
         ranged("--noise", "UT", "magnetometer noise per axis, ", " uT", 0, 5, &ScenarioSettings::noise_uT),
         ranged("--accel-offset", "X,Y,Z", "accelerometer zero-g offset, mg, each ", "", -200, 200,
                &ScenarioSettings::accel_offset_mg),

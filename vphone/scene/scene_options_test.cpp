@@ -88,11 +88,11 @@ TEST(SceneOptions, TheReaderSplitsAtTheFirstEqualsAndFlagsTakeNoValue) {
 // leaves the settings at their defaults again.
 TEST(SceneOptions, EachHelpLinesShownDefaultReadsBackAsTheDefault) {
     const std::map<std::string, std::string> other{
-        {"--scenario", "still"},        {"--field", "30"},        {"--inclination", "10"},
-        {"--declination", "-7"},        {"--hard-iron", "1,2,3"}, {"--soft-iron", "1.2,0.9,1,0.1,0,0"},
-        {"--car-field", "0,0,5"},       {"--noise", "1"},         {"--temp-drift", "2"},
-        {"--temperature", "5"},         {"--profile", "2"},       {"--seed", "9"},
-        {"--accel-offset", "40,-30,20"}};
+        {"--scenario", "still"},         {"--field", "30"},        {"--inclination", "10"},
+        {"--declination", "-7"},         {"--hard-iron", "1,2,3"}, {"--soft-iron", "1.2,0.9,1,0.1,0,0"},
+        {"--car-field", "0,0,5"},        {"--noise", "1"},         {"--temp-drift", "2"},
+        {"--temperature", "5"},          {"--profile", "2"},       {"--seed", "9"},
+        {"--accel-offset", "40,-30,20"}, {"--car-vibration", "10"}};
     std::istringstream help(scene_options_help());
     std::vector<std::string> entries;
     for (std::string line; std::getline(help, line);) {
