@@ -352,6 +352,16 @@ TEST(KitEstimate, ALibraryFitsBatchIsKnownAsWellAsItsOwnScatterSays) {
     EXPECT_GT(noisier / noisy, 3.0);
     EXPECT_LT(noisier / noisy, 5.0);
     EXPECT_GT(noisy, trace_at(0.2) * 4) << "4 counts of scatter against the expected 0.3 uT";
+    // A batch on a cap also carries what soft iron could do to its centre: the share is
+    // part of its covariance, however little the samples scatter.
+    set_kit(kOffset);
+    Noise noise;
+    for (const auto &d : directions(KMXC_SERVICE_FEED_HISTORY, 60))
+        remember_fed(sample(d, kOffset, kNoSoftIron, noise, 0.2), kDown);
+    OffsetCovariance p;
+    ASSERT_TRUE(ring_covariance(KmxAxesData{kOffset.x, kOffset.y, kOffset.z}, KMXC_SERVICE_FEED_HISTORY, 4, &p));
+    const double share = double(p.share_q8[0]) + p.share_q8[3] + p.share_q8[5];
+    EXPECT_GT(share, 0.5 * (double(p.p_q8[0]) + p.p_q8[3] + p.p_q8[5])) << "the share on a cap";
 }
 
 // ---- The heading's uncertainty caps the accuracy --------------------------------------
