@@ -1,6 +1,6 @@
 // The kit on the virtual phone: its start, the first fit at every rate, accuracy and
 // the events' conventions, a clipped-on magnet and the warm-up. (The anomaly rules at
-// their limits: kit_rules_edges_test.cpp, kit_tilt_test.cpp.)
+// their limits: kit_rules_edges_test.cpp.)
 #include <gtest/gtest.h>
 
 #include <set>
