@@ -383,7 +383,7 @@ int8_t heading_accuracy_cap(const Vec3 &v, const Vec3 &g, int32_t tilt_sd_cdeg) 
         constexpr int64_t kVMaxQ8 = int64_t{1} << 20;
         const int64_t t2_q30 = limit_sq_q30(tilt_sd_cdeg);
         const int64_t v_q8 = vertical_sq > (kVMaxQ8 << 22) / t2_q30 ? kVMaxQ8 : vertical_sq * t2_q30 >> 22;
-        a += (v_q8 < kVMaxQ8 ? v_q8 : kVMaxQ8) * b;
+        a += v_q8 * b;
     }
     // sigma^2 = e^T P e |g|^2 / |e|^4 = a |g|^2 / (256 b^2 2^2s). With g' = g / 16 (|g'|^2
     // below 2^21.6), sigma^2 <= T^2 reads a |g'|^2 <= T^2_q30 b^2 2^(2s - 30).
