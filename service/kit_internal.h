@@ -124,14 +124,17 @@ struct Estimators {
 // The planar estimator's state (kit_planar.cpp): a circle fit of the store waiting for
 // its judgement, and what tells it that the store has changed.
 struct Planar {
-    CircleFit circle;  // fitted in one cycle, judged in the next
-    bool pending;      // `circle` waits for its judgement
-    bool mounted;      // the store's last circle fit found one about the vertical (a
-                       // mount; `circle` is it), whichever estimate is in use
-    uint8_t joins;     // samples that joined the store since the last circle fit
+    CircleFit circle;          // fitted in one cycle, judged in the next, adopted in the third
+    bool pending;              // `circle` waits for its judgement or its estimate for adoption
+    bool judged;               // ... `estimate` holds the judgement (not refused)
+    bool estimate_referenced;  // judged against the references (its axial part theirs)
+    int8_t estimate_level;     // its level (KMXC_SERVICE_LOW or _MEDIUM)
+    int16_t estimate[3];       // the judged offset, counts (within the library's offset bound)
+    bool mounted;              // the store's last circle fit found one about the vertical (a
+                               // mount; `circle` is it), whichever estimate is in use
+    uint8_t joins;             // samples that joined the store since the last circle fit
     uint8_t seen_count, seen_last;
     int16_t seen_m[3];  // the store's count, last slot and its field at the last cycle
-    int32_t arc_cdeg;   // the arc the last judged circle covered
 };
 
 // The store and the estimators' state stay within 1 KiB of static RAM.

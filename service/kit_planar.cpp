@@ -71,6 +71,30 @@ void step_sums(const InPlane *s, const int64_t *target, int n, int64_t dx, int64
     sums[0] = saa, sums[1] = sab, sums[2] = sbb, sums[3] = sar, sums[4] = sbr;
 }
 
+// One Gauss-Newton step's sums of the sphere of radius F about (dx, dy, dz) (1/256
+// count): a = (p - dx, q - dy, z - dz), r = |a|^2 - F^2 (f2: F^2, 2^-16 count^2);
+// m = the upper triangle of sum(a a^T) (xx, xy, xz, yy, yz, zz), rhs = sum(a r 2^-8).
+// T as in step_sums, int32_t when |p|, |q|, |z|, |dx|, |dy|, |dz| are
+// below 2^kSphereFastBits and F^2 below 2^38: |r| below 2^38, r 2^-8 within int32.
+template <class T>
+void sphere_step_sums(const InPlane *s, int n, int64_t dx, int64_t dy, int64_t dz, int64_t f2, int64_t m[6],
+                      int64_t rhs[3]) {
+    int64_t xx = 0, xy = 0, xz = 0, yy = 0, yz = 0, zz = 0, xr = 0, yr = 0, zr = 0;
+    for (int i = 0; i < n; ++i) {
+        const T a = static_cast<T>(s[i].p - dx), b = static_cast<T>(s[i].q - dy), c = static_cast<T>(s[i].z - dz);
+        const int64_t r = int64_t{a} * a + int64_t{b} * b + int64_t{c} * c - f2;
+        const T r8 = static_cast<T>(r >> 8);
+        xx += int64_t{a} * a, xy += int64_t{a} * b, xz += int64_t{a} * c;
+        yy += int64_t{b} * b, yz += int64_t{b} * c, zz += int64_t{c} * c;
+        xr += int64_t{a} * r8, yr += int64_t{b} * r8, zr += int64_t{c} * r8;
+    }
+    m[0] = xx, m[1] = xy, m[2] = xz, m[3] = yy, m[4] = yz, m[5] = zz;
+    rhs[0] = xr, rhs[1] = yr, rhs[2] = zr;
+}
+
+constexpr int kSphereFastBits = 17;
+bool within(int64_t v, int bits) { return v < (int64_t{1} << bits) && v > -(int64_t{1} << bits); }
+
 // The bound under which step_sums may take 32-bit factors: |a|, |b| below 2^19.
 constexpr int kFastBits = 18;  // |p|, |q| and |dx|, |dy| each below 2^18
 constexpr int64_t kFastTarget = int64_t{1} << 39;
@@ -142,11 +166,14 @@ bool planar_offset_from_reference(const FieldStore &store, const CircleFit &fit,
     InPlane s[kStoreCapacity];
     int64_t target[kStoreCapacity];  // F^2 - (z + F cos theta)^2: the squared radius at the sample's height, 2^-16
     bool small = true;               // every |p|, |q| below 2^kFastBits and target below kFastTarget
+    bool sphere_small = f_q8 < (int64_t{1} << 19);  // ... below 2^kSphereFastBits, and F^2 below 2^38
     for (int i = 0; i < n; ++i) {
         s[i] = in_plane(store, i, fit, e1, e2);
         const int64_t h = s[i].z + axial_q8;
         target[i] = f_q8 * f_q8 - h * h;
         if (target[i] <= 0) return false;
+        sphere_small = sphere_small && within(s[i].p, kSphereFastBits) && within(s[i].q, kSphereFastBits) &&
+                       within(s[i].z, kSphereFastBits);
         small = small && s[i].p < (1 << kFastBits) && s[i].p > -(1 << kFastBits) && s[i].q < (1 << kFastBits) &&
                 s[i].q > -(1 << kFastBits) && target[i] < kFastTarget;
     }
@@ -169,17 +196,36 @@ bool planar_offset_from_reference(const FieldStore &store, const CircleFit &fit,
         if (solve_spd(2, m2, rhs, kFrac, delta) != FitResult::kOk) return false;
         dx += delta[0], dy += delta[1];
     }
-    // o = c + dx e1 + dy e2 - F cos(theta) n, in 2^-22 count (the centre's 1/16 shifted
-    // by 18, the products of 2^-8 and Q14), rounded to counts.
+    // The arc about the reference circle's centre, in the plane its angles are taken in.
+    if (arc_cdeg != nullptr) *arc_cdeg = arc_about(s, n, dx, dy);
+    // Then the centre in three dimensions, on the sphere of radius F alone: the dip placed
+    // it along the fitted plane's normal, which a short arc tilts by degrees (a quarter
+    // turn of a drive tilted it by 6, the centre 14 counts off), while the sphere needs no
+    // axis: a road's slopes lift the samples off the plane, and on a flat road the arc's
+    // curvature against F places it as well as the plane's tilt did. A step whose solve
+    // refuses ends the refinement where it stands.
+    int64_t dz = -axial_q8;
+    for (int step = 0; step < kPlanarSphereSteps; ++step) {
+        int64_t m[6], rhs[3];
+        if (sphere_small && within(dx, kSphereFastBits) && within(dy, kSphereFastBits) && within(dz, kSphereFastBits))
+            sphere_step_sums<int32_t>(s, n, dx, dy, dz, f_q8 * f_q8, m, rhs);
+        else
+            sphere_step_sums<int64_t>(s, n, dx, dy, dz, f_q8 * f_q8, m, rhs);
+        const int64_t m3[9] = {m[0], m[1], m[2], m[1], m[3], m[4], m[2], m[4], m[5]};
+        constexpr int8_t kFrac[3] = {7, 7, 7};
+        int64_t delta[3];
+        if (solve_spd(3, m3, rhs, kFrac, delta) != FitResult::kOk) break;
+        dx += delta[0], dy += delta[1], dz += delta[2];
+    }
+    // o = c + dx e1 + dy e2 + dz n, in 2^-22 count (the centre's 1/16 shifted by 18, the
+    // products of 2^-8 and Q14), rounded to counts.
     const int32_t c[3] = {fit.centre_q4.x, fit.centre_q4.y, fit.centre_q4.z};
     const int32_t nv[3] = {fit.normal_q14.x, fit.normal_q14.y, fit.normal_q14.z};
     int32_t o[3];
     for (int k = 0; k < 3; ++k) {
-        o[k] =
-            static_cast<int32_t>(round_shift((int64_t{c[k]} << 18) + dx * e1[k] + dy * e2[k] - axial_q8 * nv[k], 22));
+        o[k] = static_cast<int32_t>(round_shift((int64_t{c[k]} << 18) + dx * e1[k] + dy * e2[k] + dz * nv[k], 22));
     }
     *offset = Vec3{o[0], o[1], o[2]};
-    if (arc_cdeg != nullptr) *arc_cdeg = arc_about(s, n, dx, dy);
     return true;
 }
 
@@ -251,7 +297,7 @@ void note_joins() {
     const FieldStore &s = g_state.est.store;
     if (s.count == 0) {
         p.joins = 0;
-        p.pending = false;
+        p.pending = p.judged = false;
         p.mounted = false;  // emptied: a new surrounding, mount or not
     }
     const StoredSample &last = s.sample[s.last];
@@ -261,7 +307,7 @@ void note_joins() {
     if (!changed) return;
     if (s.count > 0) {
         if (p.joins < UINT8_MAX) ++p.joins;
-        p.pending = false;  // a judgement waiting on the old store would judge other samples
+        p.pending = p.judged = false;  // a judgement waiting on the old store would judge other samples
     }
     p.seen_count = s.count;
     p.seen_last = s.last;
@@ -300,9 +346,10 @@ bool moves(const Vec3 &a, const KmxAxesData &b) {
     return false;
 }
 
-void judge_step(KmxcServiceEvent *e) {
+// The circle's estimate (planar_estimate), kept for the next cycle's adoption unless
+// refused.
+void judge_step() {
     Planar &p = planar();
-    p.pending = false;
     FieldStore scratch;
     const FieldStore &store = fitted_store(&scratch);
     KmxAxesData in_use;
@@ -311,29 +358,51 @@ void judge_step(KmxcServiceEvent *e) {
     const bool with_ref = g_state.reference_known;
     PlanarEstimate est;
     planar_estimate(store, p.circle, with_ref ? &ref : nullptr, Vec3{in_use.x, in_use.y, in_use.z}, &est);
-    p.arc_cdeg = est.arc_cdeg;
-    if (est.level == KMXC_SERVICE_UNRELIABLE) return;
     // Without a reference nothing checks the circle's radius: its axis must be the
     // vertical, the mount's mean gravity (the store's samples joined in turns, each
     // tilted by the turn's acceleration).
-    if (!with_ref && !planar_axis_vertical(p.circle, mount_gravity_mean(g_state.mount_gravity))) return;
+    // An offset the library would refuse is none (it also keeps the estimate within int16).
+    const KmxAxesData o{est.offset.x, est.offset.y, est.offset.z};
+    if (est.level == KMXC_SERVICE_UNRELIABLE || !KmxAxesLibIsValidMsOffset(&o) ||
+        (!with_ref && !planar_axis_vertical(p.circle, mount_gravity_mean(g_state.mount_gravity)))) {
+        p.pending = false;
+        return;
+    }
+    p.judged = true;
+    p.estimate_referenced = with_ref;
+    p.estimate_level = est.level;
+    p.estimate[0] = static_cast<int16_t>(o.x), p.estimate[1] = static_cast<int16_t>(o.y),
+    p.estimate[2] = static_cast<int16_t>(o.z);
+}
+
+// The judged estimate against the offset in use.
+void adopt_step(KmxcServiceEvent *e) {
+    Planar &p = planar();
+    p.pending = p.judged = false;
+    FieldStore scratch;
+    const FieldStore &store = fitted_store(&scratch);
+    KmxAxesData in_use;
+    KmxAxesLibGetMsOffset(&in_use);
+    const Vec3 estimate{p.estimate[0], p.estimate[1], p.estimate[2]};
+    StrengthStats own;
+    field_store_strengths(store, estimate, nullptr, &own);
     // The offset in use against the same samples: one that still describes them stays,
     // unless nothing trusts it and the estimate can (a medium one: the hand's offset,
     // demoted on entering a vehicle whose own field is too weak to move it).
     StrengthStats current;
     field_store_strengths(store, Vec3{in_use.x, in_use.y, in_use.z}, nullptr, &current);
     const bool in_use_fits = current.in_range && current.worst_permille <= KMXC_SERVICE_FIT_MEDIUM_PERMILLE &&
-                             current.spread_q8 <= est.strengths.spread_q8;
+                             current.spread_q8 <= own.spread_q8;
     const bool planar_in_use = g_state.estimator == KMXC_SERVICE_ESTIMATOR_PLANAR;
     // A planar estimate in use is replaced when the new one moves it, or confirms it.
-    const bool upgrade = planar_in_use && est.level > g_state.base_accuracy && !g_state.offset_trusted;
-    if (planar_in_use ? !moves(est.offset, in_use) && !upgrade
-                      : in_use_fits && (g_state.offset_trusted || est.level < KMXC_SERVICE_MEDIUM))
+    const bool upgrade = planar_in_use && p.estimate_level > g_state.base_accuracy && !g_state.offset_trusted;
+    if (planar_in_use ? !moves(estimate, in_use) && !upgrade
+                      : in_use_fits && (g_state.offset_trusted || p.estimate_level < KMXC_SERVICE_MEDIUM))
         return;
     // A low estimate is used only while nothing is trusted; a medium one replaces a
     // trusted offset that no longer describes the store (or refreshes its own).
-    if (est.level == KMXC_SERVICE_LOW && g_state.offset_trusted) return;
-    const KmxAxesData o{est.offset.x, est.offset.y, est.offset.z};
+    if (p.estimate_level == KMXC_SERVICE_LOW && g_state.offset_trusted) return;
+    const KmxAxesData o{estimate.x, estimate.y, estimate.z};
     KmxAxesLibSetMsOffset(&o);
     KmxAxesMsCalibSetOffset(&o);
     g_state.estimator = KMXC_SERVICE_ESTIMATOR_PLANAR;
@@ -342,13 +411,13 @@ void judge_step(KmxcServiceEvent *e) {
     // nothing here determines: it is left to the prior, which caps the heading as a tilt
     // turns the axis into the horizontal (a phone taken from the mount or stood on its
     // edge).
-    if (with_ref) {
+    if (p.estimate_referenced) {
         g_state.est.cov.valid = false;
     } else {
         undetermined_along(p.circle.normal_q14, &g_state.est.cov);
     }
     e->flags |= KMXC_SERVICE_NEW_OFFSET | KMXC_SERVICE_KIT_ESTIMATE;
-    trust_planar(est.level);
+    trust_planar(p.estimate_level);
 }
 
 }  // namespace
@@ -358,7 +427,7 @@ bool planar_cycle(bool fit_allowed, KmxcServiceEvent *e) {
     if (!fit_allowed || other_step_due()) return false;
     Planar &p = planar();
     if (p.pending) {
-        judge_step(e);
+        p.judged ? adopt_step(e) : judge_step();
         return true;
     }
     if (p.joins >= KMXC_SERVICE_STORE_REFIT_JOINS && g_state.est.store.count >= kPlanarMinSamples) {

@@ -7,16 +7,19 @@
 //   - the arc its samples cover about the centre, in the plane: 360 degrees less the
 //     widest gap between neighbours (each sample's angle by atan2 of its projections);
 //   - with a reference strength F and field-gravity angle theta (the last trusted 3-D
-//     calibration at this place): the offset o = c + d - F cos(theta) n, d in the plane,
-//     refined by Gauss-Newton so that every sample lies on the sphere of radius F about
-//     o: |m_i - o|^2 = F^2, each sample's distance from the plane taken as it is (a road's
-//     slope tilts the axis and lifts samples off the mean plane; on the sphere they still
-//     lie). The algebraic residual |m_i - o|^2 - F^2 is 2F times the geometric one near
-//     the sphere, so the refinement is the least-squares fit of the reference circle. The
-//     reference's radius pins the centre where the samples cover only an arc (a free
-//     circle's centre slides along a short arc); its error moves the centre by about the
-//     radius' error. The axial component needs the reference: an error in it does not
-//     turn the heading while the phone stays in its mount (the vertical stays the axis);
+//     calibration at this place): first the offset o = c + d - F cos(theta) n, d in the
+//     plane, refined by Gauss-Newton so that every sample lies on the sphere of radius F
+//     about o: |m_i - o|^2 = F^2, each sample's distance from the plane taken as it is (a
+//     road's slope tilts the axis and lifts samples off the mean plane; on the sphere
+//     they still lie). The algebraic residual |m_i - o|^2 - F^2 is 2F times the geometric
+//     one near the sphere, so the refinement is the least-squares fit of the reference
+//     circle. The reference's radius pins the centre where the samples cover only an arc
+//     (a free circle's centre slides along a short arc). Then o itself on that sphere,
+//     all three components from there: a short arc tilts the fitted plane by degrees,
+//     and F cos(theta) along a tilted normal puts the centre several counts off across
+//     the axis, where the samples' heights and the arc's curvature place it. The
+//     axial component needs the reference: an error in it does not turn the heading
+//     while the phone stays in its mount (the vertical stays the axis);
 //   - without a reference: the centre across the axis from the free circle, the axial
 //     component kept from a prior offset (circle_offset_from_prior), once the arc
 //     determines the circle.
@@ -36,8 +39,10 @@
 // F sin(theta +- KMXC_SERVICE_PLANAR_DIP_TOLERANCE_CDEG) (both references agree); else
 // low. Never high: nothing but the references confirms the axial component.
 //
-// Cost on ARMv5TE, full store: the circle fit about 16,000 instructions (one cycle), the
-// judgement (arc, refinement, strengths) in the next (bench/icount: planar_judge).
+// Cost on ARMv5TE, full store: the circle fit about 16,000 instructions (the kit's
+// planar step 27,400, one cycle), the judgement (arc, both refinements, strengths) 36,000
+// in the next, the adoption (both offsets' strengths on the store) 10,200 in the third
+// (bench/icount: kit_planar_fit, kit_planar_judge, kit_planar_adopt).
 #ifndef KMXC_SERVICE_KIT_PLANAR_H
 #define KMXC_SERVICE_KIT_PLANAR_H
 
@@ -64,8 +69,15 @@ constexpr int32_t kPlanarAxisGravityCdeg = 4500;
 // 20 to 40).
 constexpr int32_t kPlanarAxisMeanGravityCdeg = KMXC_SERVICE_MOUNT_TILT_CDEG;
 // Gauss-Newton steps of the reference circle's refinement: from the free circle's centre
-// (within a few counts on an arc of a quarter turn) each step squares the relative error.
-constexpr int kPlanarRefineSteps = 4;
+// (within a few counts on an arc of a quarter turn) each step squares the relative error;
+// the sphere's steps then start within a fraction of a count of that circle's centre.
+constexpr int kPlanarRefineSteps = 2;
+// Gauss-Newton steps of the centre on the sphere of radius F that follow, from the
+// reference circle's centre: the samples' heights move it by a few counts at most, and
+// two steps leave it within a count of the converged centre (kit_planar_test). Each costs
+// about 4,100 ARMv5TE instructions: the two refinements' four steps keep the judgement
+// within a cycle's 40,000.
+constexpr int kPlanarSphereSteps = 2;
 
 struct PlanarReference {
     int32_t strength;    // F, counts
@@ -99,8 +111,9 @@ bool planar_axis_vertical(const CircleFit &fit, const Vec3 &vertical);
 
 // The offset on the reference circle (see above), counts, and the arc the samples cover
 // about its centre (arc_cdeg may be null). False when the reference's circle does not
-// exist for a sample (its distance from the plane beyond F) or a step's solve refuses;
-// offset and arc untouched then.
+// exist for a sample (its distance from the plane beyond F) or a step of the circle's
+// solve refuses; offset and arc untouched then. A refused step on the sphere keeps the
+// reference circle's centre.
 bool planar_offset_from_reference(const FieldStore &store, const CircleFit &fit, const PlanarReference &ref,
                                   Vec3 *offset, int32_t *arc_cdeg);
 

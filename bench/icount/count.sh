@@ -16,7 +16,7 @@ tmp=$(mktemp -d)
 trap 'rm -rf "$tmp"' EXIT
 cases=(empty fit cycle double kasa_double kasa_float offer_still offer_refused coverage spread sphere ellipsoid circle
   agreement offer_joins kit_cycle kit_sphere kit_shown kit_share_columns kit_share kit_sphere_judge kit_ellipsoid
-  kit_judge kit_library_fit kit_rules kit_planar_fit kit_planar_judge kit_mount kit_motion)
+  kit_judge kit_library_fit kit_rules kit_planar_fit kit_planar_judge kit_planar_adopt kit_mount kit_motion)
 
 # x86-64
 LD_BIND_NOW=1 valgrind --tool=callgrind --callgrind-out-file="$tmp/cg" "$x86" >/dev/null 2>"$tmp/vg" ||
@@ -62,7 +62,8 @@ label() {
     kit_judge) echo "kit: an ellipsoid's judgement and adoption" ;;
     kit_rules) echo "kit: the vehicle rules of every cycle (steady tilt, anomaly, hysteresis)" ;;
     kit_planar_fit) echo "kit: a planar step (circle fit of a mount's full store)" ;;
-    kit_planar_judge) echo "kit: a planar judgement (arc, reference circle, strengths, adoption)" ;;
+    kit_planar_judge) echo "kit: a planar judgement (arc, reference circle, sphere, strengths)" ;;
+    kit_planar_adopt) echo "kit: a planar estimate's adoption (against the offset in use)" ;;
     kit_mount) echo "kit: a mounted phone's every cycle (gravity's mean and recent, circle and angle checks)" ;;
     kit_motion) echo "kit: the vehicle watch of every cycle (field still, gravity's angle)" ;;
   esac

@@ -208,13 +208,18 @@ __attribute__((noinline)) void icount_case_kit_rules(void) {
     track_tilt(g);
     judge_anomaly(g, length(v), dip_cos(v, g), KmxAxesData{kCentre.x, kCentre.y, kCentre.z}, 1, &g_event);
 }
-// The planar estimator's two steps on a full store of a mount's circle: the circle fit,
-// then its judgement (arc, the reference circle's refinement, strengths, adoption).
+// The planar estimator's three steps on a full store of a mount's circle: the circle
+// fit, its judgement (arc, the reference circle's and the sphere's refinements,
+// strengths), then the estimate's adoption (against the offset in use).
 __attribute__((noinline)) void icount_case_kit_planar_fit(void) {
     store_cycle(Vec3{kCentre.x, kCentre.y, kCentre.z + 60}, kDown, true, 1, &g_event);
     g_estimator_seen[4] = g_state.planar.pending;
 }
 __attribute__((noinline)) void icount_case_kit_planar_judge(void) {
+    store_cycle(Vec3{kCentre.x, kCentre.y, kCentre.z + 60}, kDown, true, 1, &g_event);
+    g_estimator_seen[4] = static_cast<uint8_t>(g_estimator_seen[4] * g_state.planar.judged);
+}
+__attribute__((noinline)) void icount_case_kit_planar_adopt(void) {
     store_cycle(Vec3{kCentre.x, kCentre.y, kCentre.z + 60}, kDown, true, 1, &g_event);
     g_estimator_seen[4] = static_cast<uint8_t>(g_estimator_seen[4] + 2 * g_state.estimator);
 }
@@ -285,6 +290,7 @@ void measure_mount(Seen *seen) {
     KmxAxesLibSetMsOffset(&off);
     measure(icount_case_kit_planar_fit);
     measure(icount_case_kit_planar_judge);
+    measure(icount_case_kit_planar_adopt);
     for (int i = 0; i < 400; ++i)
         mount_gravity_track(&g_state.mount_gravity, Vec3{40, -20, 4090}, Vec3{40, -20, 4090}, true, 10);
     measure(icount_case_kit_mount);
