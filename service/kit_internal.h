@@ -277,7 +277,14 @@ void trust_planar(int8_t level);
 // (0..18000), from its dip below the horizontal (reference_dip_cdeg, -9000..9000).
 inline int32_t reference_angle_cdeg() { return 9000 - g_state.reference_dip_cdeg; }
 
-// ---- The integer heading (kit_heading.cpp) ---------------------------------------------
+// ---- The heading's gravity and the integer heading (kit_heading.cpp) -------------------
+
+// The gravity the attitude takes for the field c (counts, as the library sees it) and
+// the measured gravity g: in a vehicle's mount the mount's recent gravity (flagged
+// KMXC_SERVICE_MOUNT_GRAVITY), else g (flagged KMXC_SERVICE_MOUNT_TILT when in a mount
+// beyond the road's slopes of its mean). *tilt_sd: the attitude's tilt uncertainty for
+// heading_accuracy_cap, centidegrees (0 off a mount's circle).
+Vec3 attitude_gravity(const Vec3 &c, const Vec3 &g, KmxcServiceEvent *e, int32_t *tilt_sd);
 
 // The threshold the library's heading is given while the heading follows the z axis (z)
 // or the y axis: the one that leaves that axis (KMXC_SERVICE_DIRECTION_ENTER_Z, _LEAVE_Z).

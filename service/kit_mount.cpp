@@ -6,7 +6,7 @@
 
 namespace kmxc_kit {
 
-void mount_gravity_reset(MountGravity *mg) { *mg = MountGravity{{0, 0, 0}, 0, 0, 0, false, {0, 0, 0}, 0}; }
+void mount_gravity_reset(MountGravity *mg) { *mg = MountGravity{{0, 0, 0}, 0, 0, 0, false, {0, 0, 0}, 0, 0, false}; }
 
 // Counts beyond 2^14 (4 g) are clamped: the mean stays within 2^22 in 1/256 count.
 static int32_t clamp14(int32_t v) { return v > 16383 ? 16383 : v < -16384 ? -16384 : v; }
@@ -62,6 +62,13 @@ bool tilted(const MountGravity &mg, const AgainstMean &a) {
     return 2 * a.c * a.c * (a.ss - mg.level_sq) < mg.level_sq * a.x;
 }
 
+// Beyond the road's slopes and at least as long as an acceleration across the mean
+// would make it: the complement of tilted beyond the slopes.
+bool accelerated(const MountGravity &mg, const AgainstMean &a) {
+    if (!a.valid || mg.level_sq <= 0 || a.c <= 0 || within(a, KMXC_SERVICE_MOUNT_TILT_CDEG)) return false;
+    return !tilted(mg, a);
+}
+
 // A window's mean of `in` (1/256 count), expanding until it is full, then each
 // sample's share 1/window; the division truncates toward zero, below 1/256 count.
 // 32-bit throughout: a 64-bit division is a library call on the target, each cycle.
@@ -85,16 +92,20 @@ void mount_gravity_track(MountGravity *mg, const Vec3 &g, const Vec3 &smooth, bo
     const AgainstMean a = against_mean(*mg, smooth);
     mg->tilt_seen = tilted(*mg, a);
     mg->tilted = steady && mg->tilt_seen ? mg->tilted + 1 : 0;
+    mg->accelerated = accelerated(*mg, a) ? mg->accelerated + 1 : 0;
+    if (mg->accelerated >= rate * static_cast<uint32_t>(kMountAccelHoldMs) / 1000) mg->vehicle = true;
     const bool held = mg->tilted >= rate * static_cast<uint32_t>(kMountTiltHoldMs) / 1000;
     const bool restart = steady && mg->n > 0 && (!mount_gravity_near(*mg, g) || held);
     if (restart) {
         // The part's level stays; so does this cycle's tilt: the library's azimuth hold
-        // lets the heading follow the new attitude one cycle late.
+        // lets the heading follow the new attitude one cycle late. A tilt held in the
+        // mount (knocked to a new angle) leaves it the vehicle's.
         const int32_t level = mg->level_sq;
-        const bool seen = mg->tilt_seen;
+        const bool seen = mg->tilt_seen, vehicle = held && mg->vehicle;
         mount_gravity_reset(mg);
         mg->level_sq = level;
         mg->tilt_seen = seen;
+        mg->vehicle = vehicle;
     } else if (steady && a.valid && within(a, KMXC_SERVICE_STEADY_TILT_CDEG)) {
         // The first still sample sets it; then each takes its share (toward minus infinity).
         const int32_t v = static_cast<int32_t>(a.ss);

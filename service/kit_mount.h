@@ -66,6 +66,14 @@ constexpr int kMountLevelWeightShift = 4;
 // acceleration near KMXC_SERVICE_MOUNT_TILT_CDEG is only 1.5 % longer than a tilt.
 constexpr int32_t kMountTiltHoldMs = 3000;
 
+// An acceleration held this long (milliseconds) shows the mount is a vehicle's: a
+// smooth gravity beyond KMXC_SERVICE_MOUNT_TILT_CDEG of the mean and lengthened as an
+// acceleration across it lengthens it (not mount_tilted), every cycle. A vehicle's
+// braking and cornering hold for seconds; a hand's jerks (picking the phone up, a
+// walker's steps) for a fraction of one. Until one is seen the mount may be a hand
+// turning with a walker, whose tilt wanders: the recent gravity would lag it.
+constexpr int32_t kMountAccelHoldMs = 1000;
+
 struct MountGravity {
     int32_t mean_q8[3];    // mean gravity, 1/256 count (an accelerometer's 2^14: within 2^22)
     uint32_t n;            // samples in the mean, at most the window's (0: none yet)
@@ -74,6 +82,8 @@ struct MountGravity {
     bool tilt_seen;        // the last sample's smooth gravity was tilted, steady or not
     int32_t recent_q8[3];  // recent gravity, 1/256 count (as mean_q8)
     uint32_t recent_n;     // samples in it, at most its window's (0: none yet)
+    uint32_t accelerated;  // successive samples whose smooth gravity was accelerated
+    bool vehicle;          // an acceleration held kMountAccelHoldMs since the mean started
 };
 
 void mount_gravity_reset(MountGravity *mg);
@@ -83,7 +93,8 @@ void mount_gravity_reset(MountGravity *mg);
 // (mount_tilted) for kMountTiltHoldMs, starts the mean afresh; steady within
 // KMXC_SERVICE_STEADY_TILT_CDEG of the mean, smooth's length joins the level. g joins
 // the recent gravity when smooth lies within kMountRecentNearCdeg of the mean (the first
-// sample always).
+// sample always). A smooth gravity accelerated for kMountAccelHoldMs marks the mount a
+// vehicle's until the mean starts afresh other than for a held tilt (the mount knocked).
 void mount_gravity_track(MountGravity *mg, const Vec3 &g, const Vec3 &smooth, bool steady, uint32_t rate_hz);
 // smooth lies beyond KMXC_SERVICE_MOUNT_TILT_CDEG of the mean and is shorter than an
 // acceleration across the mean would make it: |s|^2 below level (1 + tan^2 t / 2), t its
@@ -96,7 +107,8 @@ bool mount_gravity_near(const MountGravity &mg, const Vec3 &g);
 bool mount_tilt_within(const MountGravity &mg, const Vec3 &g);
 // The mean, counts (rounded toward zero).
 Vec3 mount_gravity_mean(const MountGravity &mg);
-// The recent gravity, counts (rounded toward zero): what the attitude takes.
+// The recent gravity, counts (rounded toward zero): what the attitude takes in a
+// vehicle's mount (MountGravity::vehicle).
 Vec3 mount_gravity_recent(const MountGravity &mg);
 // The sample m (counts, as the circle was fitted) lies on the circle's plane.
 bool on_mount_circle(const CircleFit &circle, const Vec3 &m);

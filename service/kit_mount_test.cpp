@@ -269,6 +269,48 @@ TEST(MountGravity, TheAngleFromTheMeanAndTheLengthDecideAtTheirLimits) {
     }
 }
 
+// A vehicle's acceleration lengthens gravity as it turns it; a hand's tilt does not. One
+// held for kMountAccelHoldMs beyond the road's slopes shows the mount a vehicle's (the
+// attitude may then take the recent gravity); one sample short, within the slopes, or at
+// the level's length (a hand tilting the phone) shows nothing. A tilt held in the mount
+// (knocked) keeps it the vehicle's; the phone moved away starts afresh without.
+TEST(MountGravity, AHeldAccelerationShowsAVehicleAndAKnockKeepsIt) {
+    constexpr uint32_t kAccelHold = 10 * kMountAccelHoldMs / 1000;
+    const double tilt = KMXC_SERVICE_MOUNT_TILT_CDEG / 100.0;
+    auto accelerated = [](double deg) { return kG / std::cos(deg * kPi / 180); };
+    const struct {
+        const char *name;
+        double deg, g;
+        uint32_t samples;
+        bool vehicle;
+    } cases[] = {
+        {"an acceleration beyond the slopes, held: a vehicle", tilt + 2, accelerated(tilt + 2), kAccelHold, true},
+        {"... one sample short of the hold: not yet", tilt + 2, accelerated(tilt + 2), kAccelHold - 1, false},
+        {"an acceleration within the slopes: nothing", tilt - 1, accelerated(tilt - 1), 5 * kAccelHold, false},
+        {"a tilt at the level's length (a hand): nothing", tilt + 2, kG, 5 * kAccelHold, false},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.name);
+        MountGravity mg = full_window();
+        const Vec3 g = tilted(c.deg, c.g);
+        for (uint32_t i = 0; i < c.samples; ++i) mount_gravity_track(&mg, g, g, false, 10);
+        EXPECT_EQ(mg.vehicle, c.vehicle);
+    }
+    // A vehicle's mount knocked to a new tilt (held steady): afresh, still the vehicle's.
+    MountGravity mg = full_window();
+    const Vec3 braking = tilted(tilt + 2, accelerated(tilt + 2)), knocked = tilted(tilt + 3);
+    for (uint32_t i = 0; i < kAccelHold; ++i) mount_gravity_track(&mg, braking, braking, false, 10);
+    ASSERT_TRUE(mg.vehicle);
+    for (uint32_t i = 0; i < kHold; ++i) mount_gravity_track(&mg, knocked, knocked, true, 10);
+    EXPECT_EQ(mg.n, 1u) << "the knock restarted the mean";
+    EXPECT_TRUE(mg.vehicle) << "in the same vehicle";
+    // Taken out of the mount (steady far from the mean): afresh, no vehicle.
+    const Vec3 away = tilted(kMountGravityNearCdeg / 100.0 + 30);
+    mount_gravity_track(&mg, away, away, true, 10);
+    EXPECT_EQ(mg.n, 1u);
+    EXPECT_FALSE(mg.vehicle);
+}
+
 // The hold counts steady tilted samples in a row: unsteady ones (a hand or a vehicle
 // still moving) start it again, so a tilt seen through a shaking second is not held; a
 // tilt seen stays out of the mean (taken in, it would draw the mean within its limit).

@@ -255,6 +255,63 @@ TEST(KitRuleEdges, EnteringAVehicleDemotesOnlyAnOffsetTrustedBeforeIt) {
     }
 }
 
+// The attitude's gravity on a mount's circle (about z, radius 100 counts, centre 0), the
+// mount's mean and recent gravity straight down: the recent gravity once an acceleration
+// has shown a vehicle; before, the measured gravity, its tilt known no better than its
+// angle from the recent gravity (at least the mount's allowance); off the circle, or with
+// another estimate in use, the measured gravity and no tilt term.
+TEST(KitRuleEdges, TheAttitudeTakesTheRecentGravityOnlyInAVehiclesMount) {
+    const Vec3 down{0, 0, -4096}, eight{0, 570, -4056};  // eight: 8.0 degrees from down
+    const struct {
+        const char *name;
+        uint8_t estimator;
+        bool vehicle;
+        Vec3 field, g;
+        bool recent;
+        int32_t tilt_sd_cdeg;
+    } cases[] = {
+        {"a vehicle's mount: the recent gravity",
+         KMXC_SERVICE_ESTIMATOR_PLANAR,
+         true,
+         {100, 0, 0},
+         eight,
+         true,
+         KMXC_SERVICE_MOUNT_GRAVITY_SD_CDEG},
+        {"no acceleration seen, g near the recent: the mount's allowance",
+         KMXC_SERVICE_ESTIMATOR_PLANAR,
+         false,
+         {100, 0, 0},
+         down,
+         false,
+         KMXC_SERVICE_MOUNT_GRAVITY_SD_CDEG},
+        {"no acceleration seen, g 8 degrees off it: 8 degrees",
+         KMXC_SERVICE_ESTIMATOR_PLANAR,
+         false,
+         {100, 0, 0},
+         eight,
+         false,
+         800},
+        {"off the circle's plane", KMXC_SERVICE_ESTIMATOR_PLANAR, true, {100, 0, 40}, eight, false, 0},
+        {"a sphere's offset in use", KMXC_SERVICE_ESTIMATOR_STORE_SPHERE, true, {100, 0, 0}, eight, false, 0},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.name);
+        g_state = State{};
+        g_state.estimator = c.estimator;
+        g_state.planar.circle = CircleFit{Vec3{0, 0, 16384}, Vec3{0, 0, 0}, 1600, 0};
+        mount_gravity_reset(&g_state.mount_gravity);
+        for (int i = 0; i < 10; ++i) mount_gravity_track(&g_state.mount_gravity, down, down, true, 10);
+        g_state.mount_gravity.vehicle = c.vehicle;
+        KmxcServiceEvent e{};
+        int32_t tilt_sd = -1;
+        const Vec3 got = attitude_gravity(c.field, c.g, &e, &tilt_sd);
+        const Vec3 want = c.recent ? down : c.g;
+        EXPECT_TRUE(got.x == want.x && got.y == want.y && got.z == want.z);
+        EXPECT_EQ((e.flags & KMXC_SERVICE_MOUNT_GRAVITY) != 0, c.recent);
+        EXPECT_NEAR(tilt_sd, c.tilt_sd_cdeg, 2);
+    }
+}
+
 // ---- Gravity: its steady tilt, the dip's angle and the persistence of dip anomalies ----
 
 constexpr double kPi = 3.14159265358979323846;

@@ -204,27 +204,6 @@ void judge_field(const Vec3 &m, const Vec3 &g, const KmxAxesData &offset, int64_
     judge_anomaly(g, strength, dip, offset, now, e);
 }
 
-// 4d. The gravity the attitude takes: the mount's recent gravity while the phone turns
-// in its mount (the planar estimate in use, the sample c, as the library sees it, on
-// the circle's plane) and the measured g lies near the mount's mean (kit_mount.h) with
-// the length of an acceleration, not of a tilt; else g. In a mount, g beyond what a
-// road's slopes explain flags the attitude as tilted (a tilt not yet held, an
-// acceleration with another estimate in use: the store's samples on a circle about the
-// vertical).
-Vec3 attitude_gravity(const Vec3 &c, const Vec3 &g, KmxcServiceEvent *e) {
-    const MountGravity &mg = g_state.mount_gravity;
-    const Planar &p = g_state.planar;
-    const bool planar = g_state.estimator == KMXC_SERVICE_ESTIMATOR_PLANAR;
-    if (!(planar || p.mounted) || !on_mount_circle(p.circle, c)) return g;
-    if (planar && mount_gravity_near(mg, g)) {
-        e->flags |= KMXC_SERVICE_MOUNT_GRAVITY;
-        if (mg.tilt_seen) e->flags |= KMXC_SERVICE_MOUNT_TILT;
-        return mount_gravity_recent(mg);
-    }
-    if (!mount_tilt_within(mg, g)) e->flags |= KMXC_SERVICE_MOUNT_TILT;
-    return g;
-}
-
 // 5. Channels out of range: move the rough offset, at most once per interval.
 void move_rough_offset_if_clipped(int64_t now, KmxcServiceEvent *e) {
     if (e->mag_result <= 0) return;
@@ -321,7 +300,8 @@ int32_t kmxc_service_cycle(int64_t now, KmxcServiceEvent *e) {
     e->calib_residual = KMXC_CALIB_NO_RESIDUAL;
 
     KmxAxesData mag = KmxAxesData_Constructor, gravity = KmxAxesData_Constructor;
-    Vec3 attitude_g{};  // the gravity the attitude takes
+    Vec3 attitude_g{};             // the gravity the attitude takes
+    int32_t attitude_tilt_sd = 0;  // ... and its tilt's uncertainty (attitude_gravity)
     if (measure(&mag, &gravity, e)) {
         const Vec3 m{mag.x, mag.y, mag.z}, g{gravity.x, gravity.y, gravity.z};
         const Vec3 c = corrected(g_state.soft_iron, m);  // what the library sees
@@ -350,7 +330,7 @@ int32_t kmxc_service_cycle(int64_t now, KmxcServiceEvent *e) {
         store_cycle(m, g, (e->flags & KMXC_SERVICE_FED) == 0, now, e);
         save_when_due(now, e);
         KmxAxesLibGetMsOffset(&offset);
-        attitude_g = attitude_gravity(c, g, e);
+        attitude_g = attitude_gravity(c, g, e, &attitude_tilt_sd);  // 4d. (kit_heading.cpp)
         const KmxAxesData attitude{attitude_g.x, attitude_g.y, attitude_g.z};
         integer_heading(mag, attitude, e);  // 4e. (kit_heading.cpp)
         e->offset[0] = offset.x, e->offset[1] = offset.y, e->offset[2] = offset.z;
@@ -362,9 +342,7 @@ int32_t kmxc_service_cycle(int64_t now, KmxcServiceEvent *e) {
     // The heading's uncertainty at this attitude caps whatever the other rules allow.
     if ((e->flags & KMXC_SERVICE_MEASURED) != 0 && e->accuracy > KMXC_SERVICE_UNRELIABLE) {
         const Vec3 v{e->mag_counts[0] - e->offset[0], e->mag_counts[1] - e->offset[1], e->mag_counts[2] - e->offset[2]};
-        // The mount's recent gravity carries the traffic's gentle accelerations and lags the slopes.
-        const int32_t tilt_sd = (e->flags & KMXC_SERVICE_MOUNT_GRAVITY) != 0 ? KMXC_SERVICE_MOUNT_GRAVITY_SD_CDEG : 0;
-        const int8_t cap = heading_accuracy_cap(v, attitude_g, tilt_sd);
+        const int8_t cap = heading_accuracy_cap(v, attitude_g, attitude_tilt_sd);
         if (cap < e->accuracy) e->accuracy = cap;
     }
     // A mounted phone's attitude tilted by an acceleration: its heading is no better than low.
