@@ -9,7 +9,9 @@
 // slope's reach of the mean (an acceleration beyond it stays out; the slopes, changing
 // by at most a degree a second, come through). It does so while the phone is seen
 // turning in its mount (the planar estimate in use and the sample on its circle's
-// plane) and the measured gravity lies near the window's mean. A steady tilt far from
+// plane), the measured gravity lies near the window's mean, and a held acceleration has
+// shown the mount a vehicle's: a walker's hand turning with the walker traces the same
+// circle, but its tilt wanders, and the recent gravity would lag it. A steady tilt far from
 // the mean (the phone taken out, or put into another mount) starts both afresh, and so
 // does a steady tilt beyond the road's slopes that keeps gravity's length: the phone
 // was tilted, not accelerated (below). Integer arithmetic only.

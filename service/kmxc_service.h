@@ -292,7 +292,10 @@ extern "C" {
 /* The mount's recent gravity takes in a traffic's gentle accelerations and lags the
  * road's slopes (one standard deviation per horizontal axis, centidegrees): the planar
  * attitude's tilt error, which turns the heading by tan(dip) times itself, joins the
- * offset's in the heading's uncertainty (KMXC_SERVICE_HEADING_SIGMA_*). 2 degrees: on
+ * offset's in the heading's uncertainty (KMXC_SERVICE_HEADING_SIGMA_*). Before a held
+ * acceleration shows the mount a vehicle's, the planar attitude takes the measured
+ * gravity, its tilt error at least this and at least its angle from the recent gravity
+ * (a hand's tilt, or a vehicle's acceleration the recent gravity leaves out). 2 degrees: on
  * the virtual drives the reported pitch (whole degrees) was 1.6-2.2 degrees RMS off the
  * car's, the roll 0.6-1.1. At a 60-degree dip that alone is 3.5 degrees of heading
  * (medium at most); at 75, 7.5 (low). */
