@@ -55,19 +55,20 @@ bool within(const AgainstMean &a, int32_t cdeg) {
     return a.c > 0 && a.x * (int64_t{1} << 20) <= sine * sine * (a.ss * a.mm);
 }
 
-// Beyond the road's slopes and shorter than an acceleration across the mean would make
-// it: tan^2 t = x / c^2, so 2 c^2 (ss - level) < level x (below 2^61).
-bool tilted(const MountGravity &mg, const AgainstMean &a) {
-    if (!a.valid || mg.level_sq <= 0 || a.c <= 0 || within(a, KMXC_SERVICE_MOUNT_TILT_CDEG)) return false;
+// Beyond the road's slopes of the mean, with a level to judge the length by.
+bool beyond_slopes(const MountGravity &mg, const AgainstMean &a) {
+    return a.valid && mg.level_sq > 0 && a.c > 0 && !within(a, KMXC_SERVICE_MOUNT_TILT_CDEG);
+}
+
+// Shorter than an acceleration across the mean would make it: tan^2 t = x / c^2, so
+// 2 c^2 (ss - level) < level x (below 2^61).
+bool tilt_length(const MountGravity &mg, const AgainstMean &a) {
     return 2 * a.c * a.c * (a.ss - mg.level_sq) < mg.level_sq * a.x;
 }
 
-// Beyond the road's slopes and at least as long as an acceleration across the mean
-// would make it: the complement of tilted beyond the slopes.
-bool accelerated(const MountGravity &mg, const AgainstMean &a) {
-    if (!a.valid || mg.level_sq <= 0 || a.c <= 0 || within(a, KMXC_SERVICE_MOUNT_TILT_CDEG)) return false;
-    return !tilted(mg, a);
-}
+// Beyond the slopes: a tilt (gravity's own length) or an acceleration (longer).
+bool tilted(const MountGravity &mg, const AgainstMean &a) { return beyond_slopes(mg, a) && tilt_length(mg, a); }
+bool accelerated(const MountGravity &mg, const AgainstMean &a) { return beyond_slopes(mg, a) && !tilt_length(mg, a); }
 
 // A window's mean of `in` (1/256 count), expanding until it is full, then each
 // sample's share 1/window; the division truncates toward zero, below 1/256 count.

@@ -358,10 +358,10 @@ void judge_step() {
     const bool with_ref = g_state.reference_known;
     PlanarEstimate est;
     planar_estimate(store, p.circle, with_ref ? &ref : nullptr, Vec3{in_use.x, in_use.y, in_use.z}, &est);
+    // An offset the library would refuse is none (which also keeps it within int16).
     // Without a reference nothing checks the circle's radius: its axis must be the
     // vertical, the mount's mean gravity (the store's samples joined in turns, each
     // tilted by the turn's acceleration).
-    // An offset the library would refuse is none (it also keeps the estimate within int16).
     const KmxAxesData o{est.offset.x, est.offset.y, est.offset.z};
     if (est.level == KMXC_SERVICE_UNRELIABLE || !KmxAxesLibIsValidMsOffset(&o) ||
         (!with_ref && !planar_axis_vertical(p.circle, mount_gravity_mean(g_state.mount_gravity)))) {
@@ -371,8 +371,8 @@ void judge_step() {
     p.judged = true;
     p.estimate_referenced = with_ref;
     p.estimate_level = est.level;
-    p.estimate[0] = static_cast<int16_t>(o.x), p.estimate[1] = static_cast<int16_t>(o.y),
-    p.estimate[2] = static_cast<int16_t>(o.z);
+    const int32_t v[3] = {o.x, o.y, o.z};
+    for (int k = 0; k < 3; ++k) p.estimate[k] = static_cast<int16_t>(v[k]);
 }
 
 // The judged estimate against the offset in use.
