@@ -307,7 +307,9 @@ void note_joins() {
     if (!changed) return;
     if (s.count > 0) {
         if (p.joins < UINT8_MAX) ++p.joins;
-        p.pending = p.judged = false;  // a judgement waiting on the old store would judge other samples
+        // A circle waiting for its judgement would be judged on other samples; a judged
+        // estimate is still adopted (its adoption weighs it on the store as it is then).
+        if (!p.judged) p.pending = false;
     }
     p.seen_count = s.count;
     p.seen_last = s.last;

@@ -297,6 +297,39 @@ TEST(PlanarRules, TheOffsetInUseGivesWayToACircleThatItDoesNotFitOrThatTrustsMor
     }
 }
 
+// A sample that joins the store after a circle's fit leaves that circle unjudged (it
+// would be judged on other samples); one that joins after the judgement leaves the
+// estimate to its adoption, which weighs it on the store as it then is. In a vehicle's
+// turns samples join every few cycles: dropping judged estimates starved the adoption.
+TEST(PlanarRules, AJoinDropsAnUnjudgedCircleButNotAJudgedEstimate) {
+    for (const bool judged_first : {false, true}) {
+        SCOPED_TRACE(judged_first ? "joined after the judgement" : "joined after the fit");
+        kit_with(clean(200, 30));
+        g_state.reference_known = true;
+        g_state.reference_strength_counts = 120;
+        g_state.reference_dip_cdeg = 9000 - 3000;
+        g_state.estimator = KMXC_SERVICE_ESTIMATOR_LIBRARY;
+        const KmxAxesData far{90, -80, 70};
+        KmxAxesLibSetMsOffset(&far);
+        KmxcServiceEvent e{};
+        ASSERT_TRUE(planar_cycle(true, &e)) << "the circle fitted";
+        if (judged_first) {
+            ASSERT_TRUE(planar_cycle(true, &e)) << "judged";
+        }
+        // A sample on the circle beyond the arc's end joins.
+        const Vector3d n = kAxis, e1 = n.unitOrthogonal(), e2 = n.cross(e1);
+        const double th = 30 * kPi / 180, phi = 250 * kPi / 180;
+        const Vector3d f = 120 * (std::cos(th) * n + std::sin(th) * (std::cos(phi) * e1 + std::sin(phi) * e2));
+        const int count = g_state.est.store.count;
+        field_store_offer(&g_state.est.store, rounded(Vector3d(40, -30, 20) + f), rounded(4096 * n), nullptr, false,
+                          true);
+        ASSERT_EQ(g_state.est.store.count, count + 1);
+        planar_cycle(true, &e);
+        EXPECT_EQ(g_state.estimator == KMXC_SERVICE_ESTIMATOR_PLANAR, judged_first) << "adopted";
+        EXPECT_FALSE(g_state.planar.pending || g_state.planar.judged) << "nothing waits";
+    }
+}
+
 // A circle counts when it is flat (RMS off its plane within 1/FLATNESS of its radius)
 // and every sample's gravity lies within the limit of its axis (a phone turned about the
 // vertical); one sample whose gravity leans beyond refuses it (a hand turning the phone
