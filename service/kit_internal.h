@@ -351,8 +351,9 @@ void apply_kit_record(const KitRecord &kit);
 // ---- The planar estimator (kit_planar.cpp) ------------------------------------------
 
 // One cycle's share: notes joins to the store, and when fit_allowed and none of the
-// store's other fitting steps is due, runs at most one planar step (a circle fit, or its
-// judgement). True when it ran one (the cycle's fit is spent).
+// store's other fitting steps is due, runs at most one planar step (a circle fit, its
+// judgement, or the judged estimate's adoption). True when it ran one (the cycle's fit
+// is spent).
 bool planar_cycle(bool fit_allowed, KmxcServiceEvent *e);
 
 // ---- Persistence (kit_file.cpp) -----------------------------------------------------

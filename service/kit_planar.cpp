@@ -1,5 +1,6 @@
 // The planar estimator (kit_planar.h) and its share of the kit's cycle: a circle fit of
-// the store in one cycle, its judgement and adoption in the next. Integer arithmetic only.
+// the store in one cycle, its judgement in the next, its adoption in the third. Integer
+// arithmetic only.
 #include "service/kit_planar.h"
 
 #include "calibration/calibration.h"
