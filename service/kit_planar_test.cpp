@@ -313,9 +313,7 @@ TEST(PlanarRules, AJoinDropsAnUnjudgedCircleButNotAJudgedEstimate) {
         KmxAxesLibSetMsOffset(&far);
         KmxcServiceEvent e{};
         ASSERT_TRUE(planar_cycle(true, &e)) << "the circle fitted";
-        if (judged_first) {
-            ASSERT_TRUE(planar_cycle(true, &e)) << "judged";
-        }
+        if (judged_first) { ASSERT_TRUE(planar_cycle(true, &e)) << "judged"; }
         // A sample on the circle beyond the arc's end joins.
         const Vector3d n = kAxis, e1 = n.unitOrthogonal(), e2 = n.cross(e1);
         const double th = 30 * kPi / 180, phi = 250 * kPi / 180;
