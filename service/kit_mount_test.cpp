@@ -26,6 +26,9 @@ Vec3 tilted(double deg, double g = kG) {
     return counts(0, -g * std::cos(deg * kPi / 180), g * std::sin(deg * kPi / 180));
 }
 
+// The length of gravity an acceleration across the mean gives at `deg` from it.
+double accelerated(double deg) { return kG / std::cos(deg * kPi / 180); }
+
 // At 10 Hz: the mean's window and the tilt's hold, in samples; the level of 1 g.
 constexpr uint32_t kWindow = 10 * kMountGravityWindowMs / 1000, kHold = 10 * kMountTiltHoldMs / 1000;
 constexpr int32_t kOneG = (4096 >> kMountLevelShift) * (4096 >> kMountLevelShift);
@@ -216,9 +219,7 @@ TEST(MountGravity, TheMeansWindowExpandsThenWeighsEachSampleAsItsShare) {
 // nothing to judge it by.
 TEST(MountGravity, TheAngleFromTheMeanAndTheLengthDecideAtTheirLimits) {
     const double limit = kMountGravityNearCdeg / 100.0, tilt = KMXC_SERVICE_MOUNT_TILT_CDEG / 100.0;
-    // The length of gravity an acceleration across the mean gives at t degrees, and the
-    // halfway length that parts it from a tilt's.
-    auto accelerated = [](double deg) { return kG / std::cos(deg * kPi / 180); };
+    // The halfway length that parts an acceleration's length from a tilt's.
     auto halfway = [](double deg) { return kG * std::sqrt(1 + std::pow(std::tan(deg * kPi / 180), 2) / 2); };
     enum Outcome { kKept, kAfresh, kTilted };  // joins the mean; restarts it at once; after the hold
     const struct {
@@ -277,7 +278,6 @@ TEST(MountGravity, TheAngleFromTheMeanAndTheLengthDecideAtTheirLimits) {
 TEST(MountGravity, AHeldAccelerationShowsAVehicleAndAKnockKeepsIt) {
     constexpr uint32_t kAccelHold = 10 * kMountAccelHoldMs / 1000;
     const double tilt = KMXC_SERVICE_MOUNT_TILT_CDEG / 100.0;
-    auto accelerated = [](double deg) { return kG / std::cos(deg * kPi / 180); };
     const struct {
         const char *name;
         double deg, g;

@@ -175,8 +175,7 @@ bool planar_offset_from_reference(const FieldStore &store, const CircleFit &fit,
         if (target[i] <= 0) return false;
         sphere_small = sphere_small && within(s[i].p, kSphereFastBits) && within(s[i].q, kSphereFastBits) &&
                        within(s[i].z, kSphereFastBits);
-        small = small && s[i].p < (1 << kFastBits) && s[i].p > -(1 << kFastBits) && s[i].q < (1 << kFastBits) &&
-                s[i].q > -(1 << kFastBits) && target[i] < kFastTarget;
+        small = small && within(s[i].p, kFastBits) && within(s[i].q, kFastBits) && target[i] < kFastTarget;
     }
     // Gauss-Newton on d (1/256 count) for r_i = |(p, q) - d|^2 - target_i: the normal
     // equations sum(a a^T) delta = sum(a r) / 2 with a = (p, q) - d. |a| below 2^17
@@ -184,7 +183,7 @@ bool planar_offset_from_reference(const FieldStore &store, const CircleFit &fit,
     int64_t dx = 0, dy = 0;
     for (int step = 0; step < kPlanarRefineSteps; ++step) {
         int64_t sums[5];
-        if (small && dx < (1 << kFastBits) && dx > -(1 << kFastBits) && dy < (1 << kFastBits) && dy > -(1 << kFastBits))
+        if (small && within(dx, kFastBits) && within(dy, kFastBits))
             step_sums<int32_t>(s, target, n, dx, dy, sums);
         else
             step_sums<int64_t>(s, target, n, dx, dy, sums);
