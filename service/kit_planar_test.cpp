@@ -67,68 +67,59 @@ FieldStore store_of(const Circle &c, std::mt19937 &rng) {
     return s;
 }
 
+// Gauss-Newton steps in double on |m - o|^2 = F^2 over the samples m, o moving along
+// the columns of b: within a plane, or free (b the identity).
+Vector3d gauss_newton(const std::vector<Vector3d> &m, Vector3d o, const Eigen::MatrixXd &b, double f, int steps) {
+    for (int step = 0; step < steps; ++step) {
+        Eigen::MatrixXd jtj = Eigen::MatrixXd::Zero(b.cols(), b.cols());
+        Eigen::VectorXd jtr = Eigen::VectorXd::Zero(b.cols());
+        for (const Vector3d &v : m) {
+            const Eigen::VectorXd a = b.transpose() * (v - o);
+            jtj += a * a.transpose();
+            jtr += a * ((v - o).squaredNorm() - f * f) / 2;
+        }
+        o += b * jtj.ldlt().solve(jtr);
+    }
+    return o;
+}
+
+std::vector<Vector3d> fields_of(const FieldStore &s) {
+    std::vector<Vector3d> m;
+    for (int i = 0; i < s.count; ++i) m.emplace_back(s.sample[i].m[0], s.sample[i].m[1], s.sample[i].m[2]);
+    return m;
+}
+
 // The independent solution: the plane's normal by Eigen's eigen-decomposition of the
 // samples' covariance (signed by gravity); the offset held on the line F cos(theta)
 // below the samples' mean along it, o = mean - F cos(theta) n + u e1 + v e2, with (u, v)
-// by Gauss-Newton in double on |m - o|^2 = F^2 from the samples' mean; then o free on
-// that sphere, to convergence. Also the arc the samples cover about the reference
-// circle's centre (360 less the widest gap, degrees).
+// by Gauss-Newton from the samples' mean; then o free on that sphere, to convergence.
+// Also the arc the samples cover about the reference circle's centre (360 less the
+// widest gap, degrees).
 struct DoubleSolution {
     Vector3d offset;
     double arc_deg;
 };
 
 DoubleSolution double_solution(const FieldStore &s, const Vector3d &down, double F, double theta_deg) {
-    const int n = s.count;
+    const std::vector<Vector3d> m = fields_of(s);
     Vector3d mean = Vector3d::Zero();
-    std::vector<Vector3d> m(n);
-    for (int i = 0; i < n; ++i) {
-        m[i] = Vector3d(s.sample[i].m[0], s.sample[i].m[1], s.sample[i].m[2]);
-        mean += m[i] / n;
-    }
+    for (const Vector3d &v : m) mean += v / double(m.size());
     Eigen::Matrix3d cov = Eigen::Matrix3d::Zero();
     for (const Vector3d &v : m) cov += (v - mean) * (v - mean).transpose();
     Vector3d normal = Eigen::SelfAdjointEigenSolver<Eigen::Matrix3d>(cov).eigenvectors().col(0);
     if (normal.dot(down) < 0) normal = -normal;
-    const Vector3d e1 = normal.unitOrthogonal(), e2 = normal.cross(e1);
-    const Vector3d base = mean - F * std::cos(theta_deg * kPi / 180) * normal;
-    Eigen::Vector2d uv = Eigen::Vector2d::Zero();
-    for (int step = 0; step < 50; ++step) {
-        Eigen::Matrix2d jtj = Eigen::Matrix2d::Zero();
-        Eigen::Vector2d jtr = Eigen::Vector2d::Zero();
-        const Vector3d o = base + uv.x() * e1 + uv.y() * e2;
-        for (const Vector3d &v : m) {
-            const Vector3d a = v - o;
-            const Eigen::Vector2d j(-2 * a.dot(e1), -2 * a.dot(e2));  // d r / d (u, v)
-            const double r = a.squaredNorm() - F * F;
-            jtj += j * j.transpose();
-            jtr += j * r;
-        }
-        uv -= jtj.ldlt().solve(jtr);
-    }
-    const Vector3d circle_centre = base + uv.x() * e1 + uv.y() * e2;
-    Vector3d o = circle_centre;
-    for (int step = 0; step < 50; ++step) {
-        Eigen::Matrix3d jtj = Eigen::Matrix3d::Zero();
-        Vector3d jtr = Vector3d::Zero();
-        for (const Vector3d &v : m) {
-            const Vector3d j = -2 * (v - o);  // d r / d o
-            jtj += j * j.transpose();
-            jtr += j * ((v - o).squaredNorm() - F * F);
-        }
-        o -= jtj.ldlt().solve(jtr);
-    }
-    DoubleSolution out{o, 0};
+    Eigen::Matrix<double, 3, 2> plane;
+    plane << normal.unitOrthogonal(), normal.cross(normal.unitOrthogonal());
+    const Vector3d circle_centre = gauss_newton(m, mean - F * std::cos(theta_deg * kPi / 180) * normal, plane, F, 50);
     std::vector<double> angle;
     for (const Vector3d &v : m) {
-        const Vector3d a = v - circle_centre;
-        angle.push_back(std::atan2(a.dot(e2), a.dot(e1)) * 180 / kPi);
+        const Eigen::Vector2d a = plane.transpose() * (v - circle_centre);
+        angle.push_back(std::atan2(a.y(), a.x()) * 180 / kPi);
     }
     std::sort(angle.begin(), angle.end());
     double widest = angle.front() + 360 - angle.back();
     for (size_t i = 1; i < angle.size(); ++i) widest = std::max(widest, angle[i] - angle[i - 1]);
-    out.arc_deg = 360 - widest;
-    return out;
+    return DoubleSolution{gauss_newton(m, circle_centre, Eigen::Matrix3d::Identity(), F, 50), 360 - widest};
 }
 
 TEST(PlanarProperty, AgreesWithAnIndependentDoubleSolutionOnRandomCirclesAxesStrengthsAndDips) {
@@ -214,14 +205,27 @@ void kit_with(const FieldStore &store) {
     g_state.planar.joins = KMXC_SERVICE_STORE_REFIT_JOINS;
 }
 
+// As kit_with, the references those of the clean circles below (120 counts, a 60-degree
+// dip), the library's offset at `in_use`, trusted (high) or not (low).
+void kit_judging(const FieldStore &store, const Vec3 &in_use, bool trusted) {
+    kit_with(store);
+    g_state.reference_known = true;
+    g_state.reference_strength_counts = 120;
+    g_state.reference_dip_cdeg = 9000 - 3000;
+    g_state.offset_trusted = trusted;
+    g_state.base_accuracy = trusted ? KMXC_SERVICE_HIGH : KMXC_SERVICE_LOW;
+    g_state.estimator = KMXC_SERVICE_ESTIMATOR_LIBRARY;
+    const KmxAxesData o{in_use.x, in_use.y, in_use.z};
+    KmxAxesLibSetMsOffset(&o);
+}
+
 // A clean circle (F 120 counts at theta 30 degrees: radius 60) over `arc`, its samples
 // 9 degrees (9.4 counts) or more apart so that the store keeps every one (it refuses
 // samples nearer than kStoreMinDistance) and the arc is the one drawn.
-FieldStore clean(double arc_deg, double theta_deg, double strength = 120) {
+FieldStore clean(double arc_deg) {
     std::mt19937 rng(7);
     const int n = std::min(kStoreCapacity, 1 + static_cast<int>(arc_deg / 9));
-    Circle c{Vector3d(40, -30, 20), kAxis, strength, theta_deg, arc_deg, 0, 0, n, 0, 0};
-    const FieldStore s = store_of(c, rng);
+    const FieldStore s = store_of(Circle{Vector3d(40, -30, 20), kAxis, 120, 30, arc_deg, 0, 0, n, 0, 0}, rng);
     EXPECT_EQ(s.count, n) << "the store keeps every sample of the arc";
     return s;
 }
@@ -230,29 +234,28 @@ TEST(PlanarRules, TheArcAndTheRadiusDecideEachAtItsLimit) {
     const Vec3 down = leaning(0);
     const struct {
         const char *name;
-        double arc_deg, theta_deg;  // the samples'
-        int32_t ref_theta_cdeg;     // the reference's
-        bool with_ref;
+        double arc_deg;          // the samples', at theta 30 degrees
+        int32_t ref_theta_cdeg;  // the reference's (0: none)
         int8_t level;
     } cases[] = {
-        {"a quarter turn and a little: low on the reference", 92, 30, 3000, true, KMXC_SERVICE_LOW},
-        {"just under a quarter turn: refused", 86, 30, 3000, true, KMXC_SERVICE_UNRELIABLE},
-        {"half a turn and a little: the radius confirms, medium", 184, 30, 3000, true, KMXC_SERVICE_MEDIUM},
-        {"just under half a turn: low", 176, 30, 3000, true, KMXC_SERVICE_LOW},
-        {"a full turn, the reference's dip 2.8 degrees off: medium", 350, 30, 3280, true, KMXC_SERVICE_MEDIUM},
-        {"a full turn, the reference's dip 3.4 degrees off: low", 350, 30, 3340, true, KMXC_SERVICE_LOW},
-        {"the other way, 3.4 degrees: low", 350, 30, 2660, true, KMXC_SERVICE_LOW},
-        {"no reference, a quarter turn and a little: low", 92, 30, 0, false, KMXC_SERVICE_LOW},
-        {"no reference, just under a quarter turn: refused", 86, 30, 0, false, KMXC_SERVICE_UNRELIABLE},
-        {"no reference, half a turn and a little: still low", 184, 30, 0, false, KMXC_SERVICE_LOW},
+        {"a quarter turn and a little: low on the reference", 92, 3000, KMXC_SERVICE_LOW},
+        {"just under a quarter turn: refused", 86, 3000, KMXC_SERVICE_UNRELIABLE},
+        {"half a turn and a little: the radius confirms, medium", 184, 3000, KMXC_SERVICE_MEDIUM},
+        {"just under half a turn: low", 176, 3000, KMXC_SERVICE_LOW},
+        {"a full turn, the reference's dip 2.8 degrees off: medium", 350, 3280, KMXC_SERVICE_MEDIUM},
+        {"a full turn, the reference's dip 3.4 degrees off: low", 350, 3340, KMXC_SERVICE_LOW},
+        {"the other way, 3.4 degrees: low", 350, 2660, KMXC_SERVICE_LOW},
+        {"no reference, a quarter turn and a little: low", 92, 0, KMXC_SERVICE_LOW},
+        {"no reference, just under a quarter turn: refused", 86, 0, KMXC_SERVICE_UNRELIABLE},
+        {"no reference, half a turn and a little: still low", 184, 0, KMXC_SERVICE_LOW},
     };
     for (const auto &c : cases) {
-        const FieldStore s = clean(c.arc_deg, c.theta_deg);
+        const FieldStore s = clean(c.arc_deg);
         CircleFit fit;
         ASSERT_EQ(circle_fit(s, down, &fit), FitResult::kOk) << c.name;
         const PlanarReference ref{120, c.ref_theta_cdeg};
         PlanarEstimate est;
-        planar_estimate(s, fit, c.with_ref ? &ref : nullptr, Vec3{40, -30, 20}, &est);
+        planar_estimate(s, fit, c.ref_theta_cdeg != 0 ? &ref : nullptr, Vec3{40, -30, 20}, &est);
         EXPECT_EQ(est.level, c.level) << c.name << " (arc " << est.arc_cdeg << ", radius " << fit.radius_q4 << " in "
                                       << est.radius_low_q4 << ".." << est.radius_high_q4 << ")";
     }
@@ -279,19 +282,10 @@ TEST(PlanarRules, TheOffsetInUseGivesWayToACircleThatItDoesNotFitOrThatTrustsMor
         {"10 counts off, untrusted, a low estimate: replaced, low", {50, -30, 20}, false, 120, true, KMXC_SERVICE_LOW},
     };
     for (const auto &c : cases) {
-        kit_with(clean(c.arc_deg, 30));
-        g_state.reference_known = true;
-        g_state.reference_strength_counts = 120;
-        g_state.reference_dip_cdeg = 9000 - 3000;
-        g_state.offset_trusted = c.trusted;
-        g_state.base_accuracy = c.trusted ? KMXC_SERVICE_HIGH : KMXC_SERVICE_LOW;
-        g_state.estimator = KMXC_SERVICE_ESTIMATOR_LIBRARY;
-        const KmxAxesData o{c.in_use.x, c.in_use.y, c.in_use.z};
-        KmxAxesLibSetMsOffset(&o);
+        kit_judging(clean(c.arc_deg), c.in_use, c.trusted);
         KmxcServiceEvent e{};
-        ASSERT_TRUE(planar_cycle(true, &e)) << c.name << ": the circle fitted";
-        ASSERT_TRUE(planar_cycle(true, &e)) << c.name << ": judged";
-        ASSERT_TRUE(planar_cycle(true, &e)) << c.name << ": and adopted or not";
+        for (const char *cycle : {"the circle fitted", "judged", "adopted or not"})
+            ASSERT_TRUE(planar_cycle(true, &e)) << c.name << ": " << cycle;
         EXPECT_EQ(g_state.estimator == KMXC_SERVICE_ESTIMATOR_PLANAR, c.replaced) << c.name;
         EXPECT_EQ(g_state.base_accuracy, c.accuracy) << c.name;
     }
@@ -304,23 +298,15 @@ TEST(PlanarRules, TheOffsetInUseGivesWayToACircleThatItDoesNotFitOrThatTrustsMor
 TEST(PlanarRules, AJoinDropsAnUnjudgedCircleButNotAJudgedEstimate) {
     for (const bool judged_first : {false, true}) {
         SCOPED_TRACE(judged_first ? "joined after the judgement" : "joined after the fit");
-        kit_with(clean(200, 30));
-        g_state.reference_known = true;
-        g_state.reference_strength_counts = 120;
-        g_state.reference_dip_cdeg = 9000 - 3000;
-        g_state.estimator = KMXC_SERVICE_ESTIMATOR_LIBRARY;
-        const KmxAxesData far{90, -80, 70};
-        KmxAxesLibSetMsOffset(&far);
+        kit_judging(clean(200), Vec3{90, -80, 70}, false);
         KmxcServiceEvent e{};
         ASSERT_TRUE(planar_cycle(true, &e)) << "the circle fitted";
         if (judged_first) { ASSERT_TRUE(planar_cycle(true, &e)) << "judged"; }
-        // A sample on the circle beyond the arc's end joins.
-        const Vector3d n = kAxis, e1 = n.unitOrthogonal(), e2 = n.cross(e1);
-        const double th = 30 * kPi / 180, phi = 250 * kPi / 180;
-        const Vector3d f = 120 * (std::cos(th) * n + std::sin(th) * (std::cos(phi) * e1 + std::sin(phi) * e2));
+        // A sample on the circle beyond the arc's end (250 degrees) joins.
+        std::mt19937 rng(7);
+        const FieldStore beyond = store_of(Circle{Vector3d(40, -30, 20), kAxis, 120, 30, 250, 0, 0, 2, 0, 0}, rng);
         const int count = g_state.est.store.count;
-        field_store_offer(&g_state.est.store, rounded(Vector3d(40, -30, 20) + f), rounded(4096 * n), nullptr, false,
-                          true);
+        field_store_offer(&g_state.est.store, stored_field(beyond, 1), stored_gravity(beyond, 1), nullptr, false, true);
         ASSERT_EQ(g_state.est.store.count, count + 1);
         planar_cycle(true, &e);
         EXPECT_EQ(g_state.estimator == KMXC_SERVICE_ESTIMATOR_PLANAR, judged_first) << "adopted";
@@ -346,7 +332,7 @@ TEST(PlanarRules, ACircleIsFlatAndTurnedAboutGravity) {
         {"one sample's gravity just beyond it", limit + 0.5, 0, false},
     };
     for (const auto &c : cases) {
-        FieldStore s = clean(200, 30);
+        FieldStore s = clean(200);
         CircleFit fit;
         ASSERT_EQ(circle_fit(s, Vec3{0, -4096, 0}, &fit), FitResult::kOk) << c.name;
         fit.radius_q4 -= fit.radius_q4 % KMXC_SERVICE_PLANAR_FLATNESS;  // the limit exactly
@@ -380,7 +366,7 @@ TEST(PlanarRules, AnUnreferencedCirclesAxisIsTheMeanGravitysWithinItsAllowance) 
 }
 
 TEST(PlanarRules, AReferenceCircleThatNoSampleCanLieOnIsRefused) {
-    const FieldStore s = clean(200, 30);
+    const FieldStore s = clean(200);
     CircleFit fit;
     ASSERT_EQ(circle_fit(s, Vec3{0, -4096, 0}, &fit), FitResult::kOk);
     Vec3 o{1, 2, 3};
@@ -410,7 +396,7 @@ TEST(PlanarRules, ACircleAboutGravityMarksAMountUntilTheStoreLeavesIt) {
         {"a mount, then the store emptied: none", 0, true, false},
     };
     for (const auto &c : cases) {
-        kit_with(clean(200, 30));
+        kit_with(clean(200));
         g_state.planar.mounted = !c.mounted;  // whatever it held before
         lean_sample(&g_state.est.store, c.lean_deg);
         KmxcServiceEvent e{};
@@ -449,36 +435,15 @@ TEST(PlanarSums, TheRefinementMatchesDoubleOnEachSideOfThe32BitBounds) {
         Vec3 o{0, 0, 0};
         int32_t arc = 0;
         ASSERT_TRUE(planar_offset_from_reference(s, fit, ref, &o, &arc));
-        // The same steps in double: d moves to where |m - c - d|^2 meets F^2 - h^2, then
-        // the centre to where |m - c - d|^2 meets F^2.
-        const double f = ref.strength, axial = f * std::cos(60 * kPi / 180);
+        // The same steps in double: the centre moves within the plane from F cos(60) below
+        // the circle's to where |m - o| meets F, then freely.
+        const double f = ref.strength;
         const Vector3d c(fit.centre_q4.x / 16.0, fit.centre_q4.y / 16.0, fit.centre_q4.z / 16.0);
-        Vector3d d(0, 0, -axial);
-        for (int step = 0; step < kPlanarRefineSteps; ++step) {
-            Eigen::Matrix2d jtj = Eigen::Matrix2d::Zero();
-            Eigen::Vector2d jtr = Eigen::Vector2d::Zero();
-            for (int i = 0; i < s.count; ++i) {
-                const Vector3d u = Vector3d(s.sample[i].m[0], s.sample[i].m[1], s.sample[i].m[2]) - c;
-                const Eigen::Vector2d a(u.x() - d.x(), u.y() - d.y());
-                const double h = u.z() + axial;
-                jtj += a * a.transpose();
-                jtr += a * (a.squaredNorm() - (f * f - h * h)) / 2;
-            }
-            d.head<2>() += jtj.ldlt().solve(jtr);
-        }
-        for (int step = 0; step < kPlanarSphereSteps; ++step) {
-            Eigen::Matrix3d jtj = Eigen::Matrix3d::Zero();
-            Vector3d jtr = Vector3d::Zero();
-            for (int i = 0; i < s.count; ++i) {
-                const Vector3d a = Vector3d(s.sample[i].m[0], s.sample[i].m[1], s.sample[i].m[2]) - c - d;
-                jtj += a * a.transpose();
-                jtr += a * (a.squaredNorm() - f * f) / 2;
-            }
-            d += jtj.ldlt().solve(jtr);
-        }
-        EXPECT_NEAR(o.x, c.x() + d.x(), 1);
-        EXPECT_NEAR(o.y, c.y() + d.y(), 1);
-        EXPECT_NEAR(o.z, c.z() + d.z(), 1);
+        const std::vector<Vector3d> m = fields_of(s);
+        const Vector3d on_circle = gauss_newton(m, c - f * std::cos(60 * kPi / 180) * down,
+                                                Eigen::MatrixXd::Identity(3, 2), f, kPlanarRefineSteps);
+        const Vector3d want = gauss_newton(m, on_circle, Eigen::Matrix3d::Identity(), f, kPlanarSphereSteps);
+        EXPECT_LE((Vector3d(o.x, o.y, o.z) - want).cwiseAbs().maxCoeff(), 1);
     }
 }
 
