@@ -27,10 +27,10 @@ KmxcServiceEvent idle(int n, bool fit_allowed = true, int64_t now = 1) {
     return e;
 }
 
-// The ring of fed samples: every direction about o, with noise of sd counts.
-void feed_ring(const Vec3 &o, double sd) {
+// The ring of fed samples: every direction (or a cap's) about o, with noise of sd counts.
+void feed_ring(const Vec3 &o, double sd, double cap_deg = 180) {
     Noise noise;
-    for (const auto &d : directions(KMXC_SERVICE_FEED_HISTORY))
+    for (const auto &d : directions(KMXC_SERVICE_FEED_HISTORY, cap_deg))
         remember_fed(sample(d, o, kNoSoftIron, noise, sd), kDown);
 }
 
@@ -54,8 +54,7 @@ TEST(KitEstimate, TheStoreTakesInRangeSamplesAndKeepsAnomaliesOutUntilTheReferen
         {"a dip anomaly", 0, KMXC_SERVICE_ANOMALY_DIP, false, false},
         {"a strength outside the estimate's band", 0, KMXC_SERVICE_ANOMALY_OUTSIDE_BAND, false, true},
         {"a strength anomaly against a stale reference", 0, KMXC_SERVICE_ANOMALY_STRENGTH, true, true},
-        {"a range anomaly against a stale reference (a clip's new surrounding)", 0, KMXC_SERVICE_ANOMALY_RANGE, true,
-         true},
+        {"a range anomaly, the reference stale (a clip's new surrounding)", 0, KMXC_SERVICE_ANOMALY_RANGE, true, true},
     };
     for (const auto &c : cases) {
         set_kit(kOffset);
@@ -122,10 +121,8 @@ TEST(KitEstimate, DeterminacyAndAgreementDecideHowFarASphereFitIsUsed) {
     } cases[] = {
         {"the whole sphere, little noise: high", 180, 0.4, KMXC_SERVICE_HIGH},
         {"a 60-degree cap, little noise: determined, high", 60, 0.4, KMXC_SERVICE_HIGH},
-        {"a 35-degree cap about gravity, 2 counts of noise: the horizontal offset determined, high", 35, 2,
-         KMXC_SERVICE_HIGH},
-        {"a 20-degree cap about gravity, 2 counts of noise: still determined across gravity", 20, 2,
-         KMXC_SERVICE_MEDIUM},
+        {"a 35-degree cap, 2 counts of noise: the horizontal offset determined, high", 35, 2, KMXC_SERVICE_HIGH},
+        {"a 20-degree cap, 2 counts of noise: still determined across gravity", 20, 2, KMXC_SERVICE_MEDIUM},
         {"a 2-degree cap: no direction determined, refused", 2, 0.4, KMXC_SERVICE_UNRELIABLE},
         {"the whole sphere, 8 counts of noise: disagrees, refused", 180, 8, KMXC_SERVICE_UNRELIABLE},
     };
@@ -183,15 +180,14 @@ TEST(KitEstimate, ASampleThatJoinedWhileTheFitWaitedCountsInItsAgreement) {
 TEST(KitEstimate, ATrustedOffsetGivesWayOnlyToAFitTheRecentSamplesPreferThatMovesIt) {
     const struct {
         const char *name;
-        Vec3 in_use;
+        int32_t off;  // the offset in use from the field's along x, counts
         bool replaced;
     } cases[] = {
-        {"in use 6 counts off: replaced", Vec3{kOffset.x + 6, kOffset.y, kOffset.z}, true},
-        {"in use one count off: kept (not worth restarting the library's batch)",
-         Vec3{kOffset.x + 1, kOffset.y, kOffset.z}, false},
+        {"in use 6 counts off: replaced", 6, true},
+        {"in use one count off: kept (not worth restarting the library's batch)", 1, false},
     };
     for (const auto &c : cases) {
-        fill(c.in_use, directions(60), kOffset, kNoSoftIron, 0.3);
+        fill(Vec3{kOffset.x + c.off, kOffset.y, kOffset.z}, directions(60), kOffset, kNoSoftIron, 0.3);
         trust(KMXC_SERVICE_MEDIUM);
         g_state.estimator = KMXC_SERVICE_ESTIMATOR_LIBRARY;
         const KmxcServiceEvent e = step();
@@ -319,21 +315,12 @@ TEST(KitEstimate, TheEllipsoidMustBeatTheSphereByItsFactorAndHavePlausibleAxesAn
 // A library fit replaces a trusted offset only when its batch (the fed ring) agrees
 // with it, even when nothing predicts the error of the offset in use.
 TEST(KitEstimate, ALibraryFitReplacesATrustedOffsetOnlyWhenItsBatchAgrees) {
-    const struct {
-        const char *name;
-        Vec3 fit;
-        bool preferred;
-    } cases[] = {
-        {"a fit at the ring's offset: preferred", kOffset, true},
-        {"a fit 30 counts off: its batch disagrees", Vec3{kOffset.x + 30, kOffset.y, kOffset.z}, false},
-    };
-    for (const auto &c : cases) {
-        set_kit(kOffset);
-        trust(KMXC_SERVICE_HIGH);
-        feed_ring(kOffset, 0.3);
-        const KmxAxesData o{c.fit.x, c.fit.y, c.fit.z};
-        EXPECT_EQ(library_fit_preferred(o, kDown), c.preferred) << c.name;
-    }
+    set_kit(kOffset);
+    trust(KMXC_SERVICE_HIGH);
+    feed_ring(kOffset, 0.3);
+    const KmxAxesData off{kOffset.x + 30, kOffset.y, kOffset.z}, at{kOffset.x, kOffset.y, kOffset.z};
+    EXPECT_FALSE(library_fit_preferred(off, kDown)) << "a fit 30 counts off: its batch disagrees";
+    EXPECT_TRUE(library_fit_preferred(at, kDown)) << "a fit at the ring's offset";
 }
 
 // A library fit's batch (the fed ring) is known as well as its own scatter says: above
@@ -341,27 +328,23 @@ TEST(KitEstimate, ALibraryFitReplacesATrustedOffsetOnlyWhenItsBatchAgrees) {
 // times the offset's variance (the share of soft iron aside, which the scatter moves
 // little); below it, the expected noise decides.
 TEST(KitEstimate, ALibraryFitsBatchIsKnownAsWellAsItsOwnScatterSays) {
-    const auto trace_at = [](double sd) {
+    // The ring's covariance about its offset, drawn with sd counts of noise over a cap.
+    const auto ring = [](double sd, double cap_deg = 180) {
         set_kit(kOffset);
-        feed_ring(kOffset, sd);
+        feed_ring(kOffset, sd, cap_deg);
         OffsetCovariance p;
         EXPECT_TRUE(ring_covariance(KmxAxesData{kOffset.x, kOffset.y, kOffset.z}, KMXC_SERVICE_FEED_HISTORY, 4, &p));
-        return double(p.p_q8[0]) + p.p_q8[3] + p.p_q8[5];
+        return p;
     };
-    const double noisy = trace_at(4), noisier = trace_at(8);
+    const auto trace = [](const int32_t q8[6]) { return double(q8[0]) + q8[3] + q8[5]; };
+    const double noisy = trace(ring(4).p_q8), noisier = trace(ring(8).p_q8);
     EXPECT_GT(noisier / noisy, 3.0);
     EXPECT_LT(noisier / noisy, 5.0);
-    EXPECT_GT(noisy, trace_at(0.2) * 4) << "4 counts of scatter against the expected 0.3 uT";
+    EXPECT_GT(noisy, trace(ring(0.2).p_q8) * 4) << "4 counts of scatter against the expected 0.3 uT";
     // A batch on a cap also carries what soft iron could do to its centre: the share is
     // part of its covariance, however little the samples scatter.
-    set_kit(kOffset);
-    Noise noise;
-    for (const auto &d : directions(KMXC_SERVICE_FEED_HISTORY, 60))
-        remember_fed(sample(d, kOffset, kNoSoftIron, noise, 0.2), kDown);
-    OffsetCovariance p;
-    ASSERT_TRUE(ring_covariance(KmxAxesData{kOffset.x, kOffset.y, kOffset.z}, KMXC_SERVICE_FEED_HISTORY, 4, &p));
-    const double share = double(p.share_q8[0]) + p.share_q8[3] + p.share_q8[5];
-    EXPECT_GT(share, 0.5 * (double(p.p_q8[0]) + p.p_q8[3] + p.p_q8[5])) << "the share on a cap";
+    const OffsetCovariance cap = ring(0.2, 60);
+    EXPECT_GT(trace(cap.share_q8), 0.5 * trace(cap.p_q8)) << "the share on a cap";
 }
 
 // ---- The heading's uncertainty caps the accuracy --------------------------------------
@@ -408,32 +391,32 @@ TEST(KitEstimate, TheHeadingsUncertaintyAtThisAttitudeCapsTheAccuracy) {
     };
     constexpr int kHigh = KMXC_SERVICE_HEADING_SIGMA_HIGH_CDEG, kMedium = KMXC_SERVICE_HEADING_SIGMA_MEDIUM_CDEG,
                   kLow = KMXC_SERVICE_HEADING_SIGMA_LOW_CDEG;
+    // With no covariance the tilt's part alone caps it: the field 58 degrees below the
+    // horizon (tan 1.6), a 2-degree tilt error turns the heading by 3.2 degrees, 10 by 16.
     const struct {
         const char *name;
         OffsetCovariance p;
         Vec3 v;
+        int32_t tilt_cdeg;
         int8_t cap;
     } cases[] = {
-        {"just within the high limit along east: high", east(kHigh, 0.98), level_v, KMXC_SERVICE_HIGH},
-        {"just past the high limit: medium", east(kHigh, 1.02), level_v, KMXC_SERVICE_MEDIUM},
-        {"just within the medium limit: medium", east(kMedium, 0.98), level_v, KMXC_SERVICE_MEDIUM},
-        {"just past the medium limit: low", east(kMedium, 1.02), level_v, KMXC_SERVICE_LOW},
-        {"just within the low limit: low", east(kLow, 0.98), level_v, KMXC_SERVICE_LOW},
-        {"just past the low limit: unreliable", east(kLow, 1.02), level_v, KMXC_SERVICE_UNRELIABLE},
-        {"the field along gravity: no heading", covariance({1, 0, 0, 1, 0, 1}), Vec3{0, 0, -120},
+        {"just within the high limit along east: high", east(kHigh, 0.98), level_v, 0, KMXC_SERVICE_HIGH},
+        {"just past the high limit: medium", east(kHigh, 1.02), level_v, 0, KMXC_SERVICE_MEDIUM},
+        {"just within the medium limit: medium", east(kMedium, 0.98), level_v, 0, KMXC_SERVICE_MEDIUM},
+        {"just past the medium limit: low", east(kMedium, 1.02), level_v, 0, KMXC_SERVICE_LOW},
+        {"just within the low limit: low", east(kLow, 0.98), level_v, 0, KMXC_SERVICE_LOW},
+        {"just past the low limit: unreliable", east(kLow, 1.02), level_v, 0, KMXC_SERVICE_UNRELIABLE},
+        {"the field along gravity: no heading", covariance({1, 0, 0, 1, 0, 1}), Vec3{0, 0, -120}, 0,
          KMXC_SERVICE_UNRELIABLE},
+        {"no covariance: the other rules decide", OffsetCovariance{}, level_v, 0, KMXC_SERVICE_HIGH},
+        {"no covariance, a 2-degree tilt error", OffsetCovariance{}, level_v, 200, KMXC_SERVICE_MEDIUM},
+        {"no covariance, a 10-degree tilt error", OffsetCovariance{}, level_v, 1000, KMXC_SERVICE_UNRELIABLE},
     };
     for (const auto &c : cases) {
         g_state = State{};
         g_state.est.cov = c.p;
-        EXPECT_EQ(heading_accuracy_cap(c.v, level_g, 0), c.cap) << c.name;
+        EXPECT_EQ(heading_accuracy_cap(c.v, level_g, c.tilt_cdeg), c.cap) << c.name;
     }
-    g_state = State{};
-    EXPECT_EQ(heading_accuracy_cap(level_v, level_g, 0), KMXC_SERVICE_HIGH) << "no covariance: the other rules decide";
-    // The field 58 degrees below the horizon (tan 1.6): a 2-degree tilt error alone turns
-    // the heading by 3.2 degrees, 10 by 16.
-    EXPECT_EQ(heading_accuracy_cap(level_v, level_g, 200), KMXC_SERVICE_MEDIUM) << "no covariance, a tilt's part";
-    EXPECT_EQ(heading_accuracy_cap(level_v, level_g, 1000), KMXC_SERVICE_UNRELIABLE) << "no covariance, a tilt's part";
 }
 
 // The integer cap against sigma_psi^2 = e^T P e |g|^2 / |e|^4 + t^2 (v.g)^2 / |e|^2 in
