@@ -150,14 +150,13 @@ TEST(PlanarProperty, AgreesWithAnIndependentDoubleSolutionOnRandomCirclesAxesStr
         SCOPED_TRACE(::testing::Message() << "trial " << trial << " arc " << c.arc_deg << " theta " << c.theta_deg);
         ASSERT_NE(est.level, KMXC_SERVICE_UNRELIABLE);
         const DoubleSolution ds = double_solution(s, c.down, ref.strength, ref.angle_cdeg / 100.0);
-        const Vector3d &d = ds.offset;
         // The arc about the same centre: within what the offset's rounding (0.9 count)
         // turns a sample's angle at the circle's radius, and the atan2's resolution.
         const double radius = ref.strength * std::sin(ref.angle_cdeg * kPi / 18000);
         EXPECT_NEAR(est.arc_cdeg / 100.0, ds.arc_deg, 2 * 0.9 / radius * 180 / kPi + 0.1);
         const Vector3d o(est.offset.x, est.offset.y, est.offset.z);
         // Rounding to counts and the Q14 normal: within 1.2 counts of the double solution.
-        EXPECT_LT((o - d).norm(), 1.2);
+        EXPECT_LT((o - ds.offset).norm(), 1.2);
         // Across the axis (what turns the heading), within what noise and the axis'
         // wobble leave of the truth: the reference's rounding; the noise over the
         // samples, along the short arc's bisector where only its curvature places the
@@ -197,18 +196,14 @@ void lean_sample(FieldStore *s, double lean_deg) {
     for (int k = 0; k < 3; ++k) s->sample[3].g[k] = static_cast<int16_t>(v[k]);
 }
 
-// The kit at 10 Hz with `store`, its circle fit due.
-void kit_with(const FieldStore &store) {
+// The kit at 10 Hz with `store`, its circle fit due; the references those of the clean
+// circles below (120 counts, a 60-degree dip), the library's offset at `in_use`, trusted
+// (high) or not (low).
+void kit_with(const FieldStore &store, const Vec3 &in_use, bool trusted) {
     g_state = State{};
     g_state.rate_hz = 10;
     g_state.est.store = store;
     g_state.planar.joins = KMXC_SERVICE_STORE_REFIT_JOINS;
-}
-
-// As kit_with, the references those of the clean circles below (120 counts, a 60-degree
-// dip), the library's offset at `in_use`, trusted (high) or not (low).
-void kit_judging(const FieldStore &store, const Vec3 &in_use, bool trusted) {
-    kit_with(store);
     g_state.reference_known = true;
     g_state.reference_strength_counts = 120;
     g_state.reference_dip_cdeg = 9000 - 3000;
@@ -282,7 +277,7 @@ TEST(PlanarRules, TheOffsetInUseGivesWayToACircleThatItDoesNotFitOrThatTrustsMor
         {"10 counts off, untrusted, a low estimate: replaced, low", {50, -30, 20}, false, 120, true, KMXC_SERVICE_LOW},
     };
     for (const auto &c : cases) {
-        kit_judging(clean(c.arc_deg), c.in_use, c.trusted);
+        kit_with(clean(c.arc_deg), c.in_use, c.trusted);
         KmxcServiceEvent e{};
         for (const char *cycle : {"the circle fitted", "judged", "adopted or not"})
             ASSERT_TRUE(planar_cycle(true, &e)) << c.name << ": " << cycle;
@@ -298,7 +293,7 @@ TEST(PlanarRules, TheOffsetInUseGivesWayToACircleThatItDoesNotFitOrThatTrustsMor
 TEST(PlanarRules, AJoinDropsAnUnjudgedCircleButNotAJudgedEstimate) {
     for (const bool judged_first : {false, true}) {
         SCOPED_TRACE(judged_first ? "joined after the judgement" : "joined after the fit");
-        kit_judging(clean(200), Vec3{90, -80, 70}, false);
+        kit_with(clean(200), Vec3{90, -80, 70}, false);
         KmxcServiceEvent e{};
         ASSERT_TRUE(planar_cycle(true, &e)) << "the circle fitted";
         if (judged_first) { ASSERT_TRUE(planar_cycle(true, &e)) << "judged"; }
@@ -391,12 +386,11 @@ TEST(PlanarRules, ACircleAboutGravityMarksAMountUntilTheStoreLeavesIt) {
         bool mounted;
     } cases[] = {
         {"a circle about gravity: a mount", 0, false, true},
-        {"one sample's gravity beyond the axis limit: a hand, no mount", kPlanarAxisGravityCdeg / 100.0 + 1, false,
-         false},
+        {"a sample's gravity past the axis limit: a hand, no mount", kPlanarAxisGravityCdeg / 100.0 + 1, false, false},
         {"a mount, then the store emptied: none", 0, true, false},
     };
     for (const auto &c : cases) {
-        kit_with(clean(200));
+        kit_with(clean(200), Vec3{0, 0, 0}, false);
         g_state.planar.mounted = !c.mounted;  // whatever it held before
         lean_sample(&g_state.est.store, c.lean_deg);
         KmxcServiceEvent e{};
