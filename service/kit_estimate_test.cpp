@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <random>
 
 #include "service/kit_estimate_test_support.h"
 #include "service/kit_uncertainty.h"
@@ -425,17 +426,14 @@ TEST(KitEstimate, TheHeadingsUncertaintyAtThisAttitudeCapsTheAccuracy) {
 // one truncates e to 8 bits: up to 1 part in 128 per component, some 3 % of the
 // variance).
 TEST(KitEstimate, TheIntegerHeadingCapMatchesTheDoubleFormula) {
-    uint32_t state = 2024;
-    const auto uniform = [&](double lo, double hi) {
-        state = state * 1664525u + 1013904223u;
-        return lo + (hi - lo) * ((state >> 8) / double(1 << 24));
-    };
+    std::mt19937 rng(2024);
+    const auto uniform = [&](double lo, double hi) { return std::uniform_real_distribution<double>(lo, hi)(rng); };
     const int limits[3] = {KMXC_SERVICE_HEADING_SIGMA_HIGH_CDEG, KMXC_SERVICE_HEADING_SIGMA_MEDIUM_CDEG,
                            KMXC_SERVICE_HEADING_SIGMA_LOW_CDEG};
     const int8_t levels[3] = {KMXC_SERVICE_HIGH, KMXC_SERVICE_MEDIUM, KMXC_SERVICE_LOW};
     int compared = 0, per_level[4] = {0, 0, 0, 0};
     for (int i = 0; i < 20000; ++i) {
-        // P = A A^T + d I with entries up to the prior's 2500 counts^2.
+        // P = A A^T with entries up to the prior's 2500 counts^2.
         double a[3][3];
         const double scale = std::exp(uniform(std::log(0.05), std::log(28.0)));
         for (auto &row : a)
