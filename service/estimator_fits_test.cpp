@@ -98,29 +98,22 @@ FieldStore handled(Phone &p, Handling h, int samples, Vector3d *mean_gravity = n
     return s;
 }
 
-std::vector<Vector3d> fields_of(const FieldStore &s) {
-    std::vector<Vector3d> v;
-    for (int i = 0; i < s.count; ++i) v.push_back(as_double(stored_field(s, i)));
-    return v;
+Eigen::MatrixXd fields_of(const FieldStore &s) {  // a sample a row
+    Eigen::MatrixXd m(s.count, 3);
+    for (int i = 0; i < s.count; ++i) m.row(i) = as_double(stored_field(s, i));
+    return m;
 }
 
 // ---- Double-precision fits of the same models ---------------------------------------------
 
-// The algebraic sphere (a circle in two dimensions): the centre and radius r minimising
-// the sum of (|p - c|^2 - r^2)^2.
-template <int N>
-std::pair<Eigen::Matrix<double, N, 1>, double> sphere_reference(const std::vector<Eigen::Matrix<double, N, 1>> &m) {
-    using V = Eigen::Matrix<double, N, 1>;
-    V mean = V::Zero(), r = V::Zero();
-    for (const auto &p : m) mean += p / m.size();
-    Eigen::Matrix<double, N, N> s = Eigen::Matrix<double, N, N>::Zero();
-    double w = 0;
-    for (const auto &p : m) {
-        const V u = p - mean;
-        s += u * u.transpose(), r += u * u.squaredNorm(), w += u.squaredNorm();
-    }
-    const V c = s.ldlt().solve(r / 2);
-    return {mean + c, std::sqrt(w / m.size() + c.squaredNorm())};
+// The algebraic sphere (a circle in two dimensions) of the rows p of m: the centre and
+// radius r minimising the sum of (|p - c|^2 - r^2)^2.
+std::pair<Eigen::VectorXd, double> sphere_reference(const Eigen::MatrixXd &m) {
+    const Eigen::RowVectorXd mean = m.colwise().mean();
+    const Eigen::MatrixXd u = m.rowwise() - mean;
+    const Eigen::VectorXd sq = u.rowwise().squaredNorm();
+    const Eigen::VectorXd c = (u.transpose() * u).ldlt().solve(u.transpose() * sq / 2);
+    return {mean.transpose() + c, std::sqrt(sq.mean() + c.squaredNorm())};
 }
 
 struct EllipsoidRef {
@@ -129,12 +122,12 @@ struct EllipsoidRef {
     Vector3d axes;  // descending
     double radius;
 };
-EllipsoidRef ellipsoid_reference(const std::vector<Vector3d> &m, const SphereFit &sphere, int ridge_bits) {
+EllipsoidRef ellipsoid_reference(const Eigen::MatrixXd &m, const SphereFit &sphere, int ridge_bits) {
     const Vector3d c0 = as_double(sphere.offset);
     Eigen::Matrix<double, 9, 9> a = Eigen::Matrix<double, 9, 9>::Zero();
     Eigen::Matrix<double, 9, 1> r = Eigen::Matrix<double, 9, 1>::Zero();
-    for (const auto &p : m) {
-        const Vector3d u = p - c0;
+    for (int i = 0; i < m.rows(); ++i) {
+        const Vector3d u = m.row(i).transpose() - c0;
         Eigen::Matrix<double, 9, 1> f;
         f << u.x() * u.x() - u.z() * u.z(), u.y() * u.y() - u.z() * u.z(), 2 * u.x() * u.y(), 2 * u.x() * u.z(),
             2 * u.y() * u.z(), -2 * u.x(), -2 * u.y(), -2 * u.z(), 1;
@@ -142,7 +135,7 @@ EllipsoidRef ellipsoid_reference(const std::vector<Vector3d> &m, const SphereFit
     }
     // The ridge, from the same whole numbers as the fit's.
     const int64_t r2 = int64_t{sphere.radius_q4} * sphere.radius_q4;
-    const double lambda = double((int64_t(m.size()) * ((r2 * r2) >> 16)) >> ridge_bits);
+    const double lambda = double((int64_t(m.rows()) * ((r2 * r2) >> 16)) >> ridge_bits);
     a(0, 0) += 2 * lambda, a(1, 1) += 2 * lambda, a(0, 1) += lambda, a(1, 0) += lambda;
     for (int j = 2; j < 5; ++j) a(j, j) += 2 * lambda;
     const Eigen::Matrix<double, 9, 1> x = a.ldlt().solve(r);
@@ -158,19 +151,16 @@ struct CircleRef {
     Vector3d normal, centre;
     double radius, out_of_plane;
 };
-CircleRef circle_reference(const std::vector<Vector3d> &m, const Vector3d &gravity) {
-    Vector3d mean = Vector3d::Zero();
-    for (const auto &p : m) mean += p / m.size();
-    Matrix3d cov = Matrix3d::Zero();
-    for (const auto &p : m) cov += (p - mean) * (p - mean).transpose();
-    const Eigen::SelfAdjointEigenSolver<Matrix3d> es(cov);
+CircleRef circle_reference(const Eigen::MatrixXd &m, const Vector3d &gravity) {
+    const Vector3d mean = m.colwise().mean();
+    const Eigen::MatrixXd u = m.rowwise() - mean.transpose();
+    const Eigen::SelfAdjointEigenSolver<Matrix3d> es(u.transpose() * u);
     Vector3d n = es.eigenvectors().col(0);
     if (n.dot(gravity) < 0) n = -n;
-    const Vector3d e1 = n.unitOrthogonal(), e2 = n.cross(e1);
-    std::vector<Eigen::Vector2d> q;
-    for (const auto &p : m) q.emplace_back((p - mean).dot(e1), (p - mean).dot(e2));
-    const auto [c, radius] = sphere_reference<2>(q);
-    return {n, mean + c.x() * e1 + c.y() * e2, radius, std::sqrt(es.eigenvalues()(0) / m.size())};
+    Eigen::Matrix<double, 3, 2> plane;  // two directions across the normal
+    plane << n.unitOrthogonal(), n.cross(n.unitOrthogonal());
+    const auto [c, radius] = sphere_reference(u * plane);
+    return {n, mean + plane * c, radius, std::sqrt(es.eigenvalues()(0) / m.rows())};
 }
 
 // The fit's whole-count offset is the reference's rounded, except within a hundredth of
@@ -214,7 +204,7 @@ TEST(SphereAndEllipsoidFits, AreTheirDoubleFitsRoundedAndRecoverHardAndSoftIron)
             const FitResult result = sphere_fit(s, &sphere);
             if (c.handling == Handling::kHeldLevel && result == FitResult::kIllConditioned) continue;
             ASSERT_EQ(result, FitResult::kOk) << c.name << " " << trial;
-            const auto [centre, radius] = sphere_reference<3>(fields_of(s));
+            const auto [centre, radius] = sphere_reference(fields_of(s));
             expect_rounded(sphere.offset, centre, c.name);
             EXPECT_NEAR(sphere.radius_q4 / 16.0, radius, 1 / 16.0 + 0.01) << c.name;
             sphere_truth = std::max(sphere_truth, (as_double(sphere.offset) - p.offset).norm());

@@ -302,15 +302,14 @@ TEST(MountGravity, TheLevelIsGravitysLengthHeldStillAtTheMean) {
     EXPECT_EQ(mg.level_sq, 0) << "no mean before the first sample";
     mount_gravity_track(&mg, tilted(0), tilted(0), true, 10);
     EXPECT_EQ(mg.level_sq, kOneG);
-    mount_gravity_track(&mg, tilted(0, 1.05 * kG), tilted(0, 1.05 * kG), false, 10);
+    const Vec3 longer = tilted(0, 1.05 * kG);
+    mount_gravity_track(&mg, longer, longer, false, 10);
     EXPECT_EQ(mg.level_sq, kOneG) << "unsteady";
     mount_gravity_track(&mg, tilted(5), tilted(5), true, 10);
     EXPECT_EQ(mg.level_sq, kOneG) << "beyond the steady tilt of the mean";
-    const Vec3 longer = tilted(0, 1.05 * kG);
     mount_gravity_track(&mg, longer, longer, true, 10);
-    const Vec3 l{longer.x >> kMountLevelShift, longer.y >> kMountLevelShift, longer.z >> kMountLevelShift};
-    const int32_t sq = l.x * l.x + l.y * l.y + l.z * l.z;
-    EXPECT_EQ(mg.level_sq, kOneG + ((sq - kOneG) >> kMountLevelWeightShift)) << "a sixteenth of the way";
+    // A sixteenth of the way (the length floored to a 512th of g: up to 2 x 538 units, over 16).
+    EXPECT_NEAR(mg.level_sq, kOneG * (1 + (1.05 * 1.05 - 1) / 16), 70);
     EXPECT_FALSE(mount_tilted(mg, tilted(30, 2 * kG))) << "2 g is no gravity";
     EXPECT_TRUE(mount_tilted(mg, tilted(30, kG)));
     MountGravity none = mg;
@@ -321,17 +320,16 @@ TEST(MountGravity, TheLevelIsGravitysLengthHeldStillAtTheMean) {
 TEST(MountGravity, ASampleIsOnTheCircleWithinTwiceTheFlatnessOfItsRadius) {
     // A circle of radius 60 counts about (40, -30, 20) in the plane normal to y.
     const CircleFit circle{Vec3{0, 16384, 0}, Vec3{40 * 16, -30 * 16, 20 * 16}, 60 * 16, 16};
-    const int32_t limit_q4 = kMountOnCircleFactor * circle.radius_q4 / KMXC_SERVICE_PLANAR_FLATNESS;  // 15 counts
     const struct {
         const char *name;
         int32_t height;  // counts along the normal from the centre
         bool on;
     } cases[] = {
         {"in the plane", 0, true},
-        {"at the limit above", limit_q4 / 16, true},
-        {"a count beyond, above", limit_q4 / 16 + 1, false},
-        {"at the limit below", -limit_q4 / 16, true},
-        {"a count beyond, below", -limit_q4 / 16 - 1, false},
+        {"at the limit above: twice 60 / 8", 15, true},
+        {"a count beyond, above", 16, false},
+        {"at the limit below", -15, true},
+        {"a count beyond, below", -16, false},
     };
     for (const auto &c : cases) {
         EXPECT_EQ(on_mount_circle(circle, Vec3{40 + 60, -30 + c.height, 20}), c.on) << c.name;
