@@ -26,9 +26,6 @@ using Eigen::Vector3d;
 constexpr double kPi = 3.14159265358979323846;
 constexpr double kCountsPerUt = 2.5;
 
-// The estimators' state the kit will keep: the store and one result of each fit.
-static_assert(sizeof(FieldStore) + sizeof(SphereFit) + sizeof(EllipsoidFit) + sizeof(CircleFit) <= 1024);
-
 // ---- Synthetic physics ------------------------------------------------------------------
 
 enum class Handling {
@@ -101,29 +98,22 @@ FieldStore handled(Phone &p, Handling h, int samples, Vector3d *mean_gravity = n
     return s;
 }
 
-std::vector<Vector3d> fields_of(const FieldStore &s) {
-    std::vector<Vector3d> v;
-    for (int i = 0; i < s.count; ++i) v.push_back(as_double(stored_field(s, i)));
-    return v;
+Eigen::MatrixXd fields_of(const FieldStore &s) {  // a sample a row
+    Eigen::MatrixXd m(s.count, 3);
+    for (int i = 0; i < s.count; ++i) m.row(i) = as_double(stored_field(s, i));
+    return m;
 }
 
 // ---- Double-precision fits of the same models ---------------------------------------------
 
-// The algebraic sphere (a circle in two dimensions): the centre and radius r minimising
-// the sum of (|p - c|^2 - r^2)^2.
-template <int N>
-std::pair<Eigen::Matrix<double, N, 1>, double> sphere_reference(const std::vector<Eigen::Matrix<double, N, 1>> &m) {
-    using V = Eigen::Matrix<double, N, 1>;
-    V mean = V::Zero(), r = V::Zero();
-    for (const auto &p : m) mean += p / m.size();
-    Eigen::Matrix<double, N, N> s = Eigen::Matrix<double, N, N>::Zero();
-    double w = 0;
-    for (const auto &p : m) {
-        const V u = p - mean;
-        s += u * u.transpose(), r += u * u.squaredNorm(), w += u.squaredNorm();
-    }
-    const V c = s.ldlt().solve(r / 2);
-    return {mean + c, std::sqrt(w / m.size() + c.squaredNorm())};
+// The algebraic sphere (a circle in two dimensions) of the rows p of m: the centre and
+// radius r minimising the sum of (|p - c|^2 - r^2)^2.
+std::pair<Eigen::VectorXd, double> sphere_reference(const Eigen::MatrixXd &m) {
+    const Eigen::RowVectorXd mean = m.colwise().mean();
+    const Eigen::MatrixXd u = m.rowwise() - mean;
+    const Eigen::VectorXd sq = u.rowwise().squaredNorm();
+    const Eigen::VectorXd c = (u.transpose() * u).ldlt().solve(u.transpose() * sq / 2);
+    return {mean.transpose() + c, std::sqrt(sq.mean() + c.squaredNorm())};
 }
 
 struct EllipsoidRef {
@@ -132,12 +122,12 @@ struct EllipsoidRef {
     Vector3d axes;  // descending
     double radius;
 };
-EllipsoidRef ellipsoid_reference(const std::vector<Vector3d> &m, const SphereFit &sphere, int ridge_bits) {
+EllipsoidRef ellipsoid_reference(const Eigen::MatrixXd &m, const SphereFit &sphere, int ridge_bits) {
     const Vector3d c0 = as_double(sphere.offset);
     Eigen::Matrix<double, 9, 9> a = Eigen::Matrix<double, 9, 9>::Zero();
     Eigen::Matrix<double, 9, 1> r = Eigen::Matrix<double, 9, 1>::Zero();
-    for (const auto &p : m) {
-        const Vector3d u = p - c0;
+    for (int i = 0; i < m.rows(); ++i) {
+        const Vector3d u = m.row(i).transpose() - c0;
         Eigen::Matrix<double, 9, 1> f;
         f << u.x() * u.x() - u.z() * u.z(), u.y() * u.y() - u.z() * u.z(), 2 * u.x() * u.y(), 2 * u.x() * u.z(),
             2 * u.y() * u.z(), -2 * u.x(), -2 * u.y(), -2 * u.z(), 1;
@@ -145,7 +135,7 @@ EllipsoidRef ellipsoid_reference(const std::vector<Vector3d> &m, const SphereFit
     }
     // The ridge, from the same whole numbers as the fit's.
     const int64_t r2 = int64_t{sphere.radius_q4} * sphere.radius_q4;
-    const double lambda = double((int64_t(m.size()) * ((r2 * r2) >> 16)) >> ridge_bits);
+    const double lambda = double((int64_t(m.rows()) * ((r2 * r2) >> 16)) >> ridge_bits);
     a(0, 0) += 2 * lambda, a(1, 1) += 2 * lambda, a(0, 1) += lambda, a(1, 0) += lambda;
     for (int j = 2; j < 5; ++j) a(j, j) += 2 * lambda;
     const Eigen::Matrix<double, 9, 1> x = a.ldlt().solve(r);
@@ -161,19 +151,16 @@ struct CircleRef {
     Vector3d normal, centre;
     double radius, out_of_plane;
 };
-CircleRef circle_reference(const std::vector<Vector3d> &m, const Vector3d &gravity) {
-    Vector3d mean = Vector3d::Zero();
-    for (const auto &p : m) mean += p / m.size();
-    Matrix3d cov = Matrix3d::Zero();
-    for (const auto &p : m) cov += (p - mean) * (p - mean).transpose();
-    const Eigen::SelfAdjointEigenSolver<Matrix3d> es(cov);
+CircleRef circle_reference(const Eigen::MatrixXd &m, const Vector3d &gravity) {
+    const Vector3d mean = m.colwise().mean();
+    const Eigen::MatrixXd u = m.rowwise() - mean.transpose();
+    const Eigen::SelfAdjointEigenSolver<Matrix3d> es(u.transpose() * u);
     Vector3d n = es.eigenvectors().col(0);
     if (n.dot(gravity) < 0) n = -n;
-    const Vector3d e1 = n.unitOrthogonal(), e2 = n.cross(e1);
-    std::vector<Eigen::Vector2d> q;
-    for (const auto &p : m) q.emplace_back((p - mean).dot(e1), (p - mean).dot(e2));
-    const auto [c, radius] = sphere_reference<2>(q);
-    return {n, mean + c.x() * e1 + c.y() * e2, radius, std::sqrt(es.eigenvalues()(0) / m.size())};
+    Eigen::Matrix<double, 3, 2> plane;  // two directions across the normal
+    plane << n.unitOrthogonal(), n.cross(n.unitOrthogonal());
+    const auto [c, radius] = sphere_reference(u * plane);
+    return {n, mean + plane * c, radius, std::sqrt(es.eigenvalues()(0) / m.rows())};
 }
 
 // The fit's whole-count offset is the reference's rounded, except within a hundredth of
@@ -192,21 +179,19 @@ void expect_rounded(const Vec3 &got, const Vector3d &want, const char *what) {
 
 // ---- The fits against their double-precision references -----------------------------------
 
-struct Scenario {
-    const char *name;
-    Handling handling;
-    bool soft_iron;
-};
-
 // The same stores through both fits: each agrees with its double fit (offsets rounded,
 // W and its axes within 2e-4, radii within a sixteenth); against the truth, the sphere
 // fit finds a hard-iron offset and the ellipsoid fit, at either ridge (the estimate's
 // and the showing fit's), a soft-iron one and its W.
 TEST(SphereAndEllipsoidFits, AreTheirDoubleFitsRoundedAndRecoverHardAndSoftIron) {
-    const Scenario cases[] = {{"everywhere, hard iron", Handling::kEverywhere, false},
-                              {"everywhere, soft iron", Handling::kEverywhere, true},
-                              {"tilted 90, soft iron", Handling::kTilted90, true},
-                              {"held level (a cap), hard iron", Handling::kHeldLevel, false}};
+    const struct {
+        const char *name;
+        Handling handling;
+        bool soft_iron;
+    } cases[] = {{"everywhere, hard iron", Handling::kEverywhere, false},
+                 {"everywhere, soft iron", Handling::kEverywhere, true},
+                 {"tilted 90, soft iron", Handling::kTilted90, true},
+                 {"held level (a cap), hard iron", Handling::kHeldLevel, false}};
     const int ridges[2] = {kEllipsoidRidgeBits, kShownRidgeBits};
     double worst_w = 0, worst_axis = 0;
     for (const auto &c : cases) {
@@ -219,7 +204,7 @@ TEST(SphereAndEllipsoidFits, AreTheirDoubleFitsRoundedAndRecoverHardAndSoftIron)
             const FitResult result = sphere_fit(s, &sphere);
             if (c.handling == Handling::kHeldLevel && result == FitResult::kIllConditioned) continue;
             ASSERT_EQ(result, FitResult::kOk) << c.name << " " << trial;
-            const auto [centre, radius] = sphere_reference<3>(fields_of(s));
+            const auto [centre, radius] = sphere_reference(fields_of(s));
             expect_rounded(sphere.offset, centre, c.name);
             EXPECT_NEAR(sphere.radius_q4 / 16.0, radius, 1 / 16.0 + 0.01) << c.name;
             sphere_truth = std::max(sphere_truth, (as_double(sphere.offset) - p.offset).norm());
@@ -241,18 +226,16 @@ TEST(SphereAndEllipsoidFits, AreTheirDoubleFitsRoundedAndRecoverHardAndSoftIron)
                     EXPECT_EQ(eresult == FitResult::kOk, ref.axes(0) <= 1.25 && ref.axes(2) >= 0.8) << c.name;
                 }
                 // The truth: W is the soft iron's inverse, scaled to determinant 1.
-                Matrix3d truth = p.soft.inverse();
-                truth /= std::cbrt(truth.determinant());
+                const Matrix3d inverse = p.soft.inverse(), truth = inverse / std::cbrt(inverse.determinant());
                 ellipsoid_truth[k] = std::max(ellipsoid_truth[k], (as_double(fit.offset) - p.offset).norm());
                 w_truth[k] = std::max(w_truth[k], (w - truth).cwiseAbs().maxCoeff());
             }
         }
         EXPECT_GT(fitted, 90) << c.name;
+        if (c.handling != Handling::kEverywhere) continue;
         for (int k = 0; k < 2; ++k) {
-            if (c.handling == Handling::kEverywhere) {
-                EXPECT_LT(c.soft_iron ? ellipsoid_truth[k] : sphere_truth, 3.0) << c.name;
-                EXPECT_LT(w_truth[k], 0.05) << c.name;
-            }
+            EXPECT_LT(c.soft_iron ? ellipsoid_truth[k] : sphere_truth, 3.0) << c.name;
+            EXPECT_LT(w_truth[k], 0.05) << c.name;
         }
     }
     EXPECT_LT(worst_w, 2e-4);
@@ -286,9 +269,7 @@ TEST(CircleFit, AgreesWithTheDoubleFitAndGivesTheOffsetFromAReferenceOrAPrior) {
         // the circle shrinks) times the axial component F cos(theta).
         const Vector3d axis = p.mount.transpose().col(2);  // the car's vertical in the phone
         const double tilt = std::acos(std::min(1.0, std::fabs(n.normalized().dot(axis))));
-        const double axial = p.field.z();
-        const double error = (as_double(offset) - p.offset).norm();
-        EXPECT_LT(error, 2.5 + 1.2 * axial * tilt) << trial;
+        EXPECT_LT((as_double(offset) - p.offset).norm(), 2.5 + 1.2 * p.field.z() * tilt) << trial;
         // The radius: noise (with the samples' rounding) over the circle's samples.
         const double sigma = std::sqrt(p.noise * p.noise + 1.0 / 12), radius = fit.radius_q4 / 16.0;
         EXPECT_LT(std::abs(mismatch), 5 + 4000 * sigma / std::sqrt(double(s.count)) / radius) << trial;
@@ -316,34 +297,19 @@ FieldStore store_with(const std::vector<Vec3> &fields) {
     return s;
 }
 
-// n samples on a circle of the given radius about c, in the plane z = c.z.
-std::vector<Vec3> circle_points(int n, const Vec3 &c, double radius = 100) {
+// n samples 100 counts from c: spread over the sphere by the golden angle and flattened
+// along z by flat, or with flat 0 evenly round the circle in the plane z = c.z.
+std::vector<Vec3> points(int n, const Vec3 &c, double flat = 1) {
     std::vector<Vec3> v;
     for (int i = 0; i < n; ++i) {
-        const double a = 2 * kPi * i / n;
-        v.push_back(rounded(as_double(c) + radius * Vector3d(std::cos(a), std::sin(a), 0)));
+        const double z = flat == 0 ? 0 : 1 - 2 * (i + 0.5) / n, r = std::sqrt(1 - z * z);
+        const double a = flat == 0 ? 2 * kPi * i / n : i * 2.399963;
+        v.push_back(rounded(as_double(c) + 100 * Vector3d(r * std::cos(a), r * std::sin(a), z * flat)));
     }
     return v;
 }
-
-// Samples on a sphere of radius 100 about c, n of them spread by the golden angle.
-std::vector<Vec3> sphere_points(int n, const Vec3 &c, double radius = 100, double flat = 1) {
-    std::vector<Vec3> v;
-    for (int i = 0; i < n; ++i) {
-        const double z = 1 - 2 * (i + 0.5) / n, r = std::sqrt(1 - z * z), a = i * 2.399963;
-        v.push_back(rounded(as_double(c) + radius * Vector3d(r * std::cos(a), r * std::sin(a), z * flat)));
-    }
-    return v;
-}
-
-struct Case {
-    const char *name;
-    std::vector<Vec3> samples;
-    FitResult result;
-};
 
 TEST(Fits, RefuseWhatTheSamplesDoNotDetermineEachAtItsLimit) {
-    static_assert(kSphereMinSpread == 4);
     const Vec3 c{300, -200, 100};
     const auto at = [&](int x, int y, int z) { return Vec3{c.x + x, c.y + y, c.z + z}; };
     // Spread (z variance over x variance): samples +-64 on x and y, +-z1 and +-z2 on z give
@@ -352,54 +318,51 @@ TEST(Fits, RefuseWhatTheSamplesDoNotDetermineEachAtItsLimit) {
         return std::vector<Vec3>{at(64, 0, 0), at(-64, 0, 0), at(0, 64, 0), at(0, -64, 0),
                                  at(0, 0, z1), at(0, 0, -z1), at(0, 0, z2), at(0, 0, -z2)};
     };
-    std::vector<Vec3> far = sphere_points(8, c);
-    far[7] = at(2600, 0, 0);
-    const Case sphere_cases[] = {
-        {"seven samples", sphere_points(7, c), FitResult::kTooFew},
-        {"eight samples", sphere_points(8, c), FitResult::kOk},
-        {"spread exactly 4/1024", axes(4, 0), FitResult::kOk},
-        {"spread 3/1024", axes(3, 2), FitResult::kIllConditioned},
-        {"a flat ring", circle_points(32, c), FitResult::kIllConditioned},
-        {"a sample beyond the span", far, FitResult::kOverflowRisk},
+    const auto far_first = [&](std::vector<Vec3> v, int x) {
+        v[0] = at(x, 0, 0);
+        return v;
     };
-    for (const auto &k : sphere_cases) {
-        SphereFit fit{};
-        EXPECT_EQ(sphere_fit(store_with(k.samples), &fit), k.result) << k.name;
-    }
-
-    SphereFit sphere;
-    ASSERT_EQ(sphere_fit(store_with(sphere_points(32, c)), &sphere), FitResult::kOk);
-    std::vector<Vec3> beyond = sphere_points(32, c);
-    beyond[0] = at(1025, 0, 0);
-    std::vector<Vec3> flat = circle_points(32, c);
-    const Case ellipsoid_cases[] = {
-        {"seventeen samples", sphere_points(17, c), FitResult::kTooFew},
-        {"eighteen samples", sphere_points(18, c), FitResult::kOk},
-        {"a sample beyond the span", beyond, FitResult::kOverflowRisk},
-        {"a flat ring", flat, FitResult::kIllConditioned},
-        {"an ellipsoid flattened to 0.7", sphere_points(32, c, 100, 0.7), FitResult::kImplausible},
-    };
-    for (const auto &k : ellipsoid_cases) {
-        EllipsoidFit fit{};
-        EXPECT_EQ(ellipsoid_fit(store_with(k.samples), sphere, kEllipsoidRidgeBits, &fit), k.result) << k.name;
-        if (k.result == FitResult::kImplausible) { EXPECT_GT(fit.axes_q14[0], kAxisMaxQ14) << "filled"; }
-    }
-
-    std::vector<Vec3> line, circle_far = circle_points(8, c);
+    std::vector<Vec3> line;
     for (int i = 0; i < 8; ++i) line.push_back(at(10 * i, 20 * i, -30 * i));
-    circle_far[0] = at(2600, 0, 0);
-    const Case circle_cases[] = {
-        {"five samples", circle_points(5, c), FitResult::kTooFew},
-        {"six samples", circle_points(6, c), FitResult::kOk},
-        {"a line", line, FitResult::kIllConditioned},
-        {"a sample beyond the span", circle_far, FitResult::kOverflowRisk},
+    SphereFit sphere;
+    ASSERT_EQ(sphere_fit(store_with(points(32, c)), &sphere), FitResult::kOk);
+    enum Fit { kSphere, kEllipsoid, kCircle };
+    const struct {
+        const char *name;
+        Fit fit;
+        std::vector<Vec3> samples;
+        FitResult result;
+    } cases[] = {
+        {"sphere: seven samples", kSphere, points(7, c), FitResult::kTooFew},
+        {"sphere: eight samples", kSphere, points(8, c), FitResult::kOk},
+        {"sphere: spread exactly 4/1024", kSphere, axes(4, 0), FitResult::kOk},
+        {"sphere: spread 3/1024", kSphere, axes(3, 2), FitResult::kIllConditioned},
+        {"sphere: a flat ring", kSphere, points(32, c, 0), FitResult::kIllConditioned},
+        {"sphere: a sample beyond the span", kSphere, far_first(points(8, c), 2600), FitResult::kOverflowRisk},
+        {"ellipsoid: seventeen samples", kEllipsoid, points(17, c), FitResult::kTooFew},
+        {"ellipsoid: eighteen samples", kEllipsoid, points(18, c), FitResult::kOk},
+        {"ellipsoid: a sample beyond the span", kEllipsoid, far_first(points(32, c), 1025), FitResult::kOverflowRisk},
+        {"ellipsoid: a flat ring", kEllipsoid, points(32, c, 0), FitResult::kIllConditioned},
+        {"ellipsoid: flattened to 0.7", kEllipsoid, points(32, c, 0.7), FitResult::kImplausible},
+        {"circle: five samples", kCircle, points(5, c, 0), FitResult::kTooFew},
+        {"circle: six samples", kCircle, points(6, c, 0), FitResult::kOk},
+        {"circle: a line", kCircle, line, FitResult::kIllConditioned},
+        {"circle: a sample beyond the span", kCircle, far_first(points(8, c, 0), 2600), FitResult::kOverflowRisk},
     };
-    for (const auto &k : circle_cases) {
-        CircleFit fit{};
-        EXPECT_EQ(circle_fit(store_with(k.samples), Vec3{0, 0, 4096}, &fit), k.result) << k.name;
+    for (const auto &k : cases) {
+        SCOPED_TRACE(k.name);
+        const FieldStore s = store_with(k.samples);
+        SphereFit sf{};
+        EllipsoidFit ef{};
+        CircleFit cf{};
+        EXPECT_EQ(k.fit == kSphere      ? sphere_fit(s, &sf)
+                  : k.fit == kEllipsoid ? ellipsoid_fit(s, sphere, kEllipsoidRidgeBits, &ef)
+                                        : circle_fit(s, Vec3{0, 0, 4096}, &cf),
+                  k.result);
+        if (k.result == FitResult::kImplausible) { EXPECT_GT(ef.axes_q14[0], kAxisMaxQ14) << "filled"; }
     }
     CircleFit fit{};
-    ASSERT_EQ(circle_fit(store_with(circle_points(12, c)), Vec3{0, 0, -4096}, &fit), FitResult::kOk);
+    ASSERT_EQ(circle_fit(store_with(points(12, c, 0)), Vec3{0, 0, -4096}, &fit), FitResult::kOk);
     EXPECT_EQ(fit.normal_q14.z, -16384) << "signed the way gravity pulls";
     Vec3 offset{};
     int32_t mismatch = 0;
@@ -409,14 +372,13 @@ TEST(Fits, RefuseWhatTheSamplesDoNotDetermineEachAtItsLimit) {
 }
 
 TEST(EllipsoidFit, AxesArePlausibleFromExactly08To125) {
-    static_assert(kAxisMinQ14 == 13107 && kAxisMaxQ14 == 20480);
     const struct {
         int32_t axes[3];
         bool plausible;
-    } cases[] = {{{20480, 16384, 13107}, true},
-                 {{20481, 16384, 13107}, false},
-                 {{20480, 16384, 13106}, false},
-                 {{16384, 13106, 13200}, false}};
+    } cases[] = {{{kAxisMaxQ14, 16384, kAxisMinQ14}, true},
+                 {{kAxisMaxQ14 + 1, 16384, kAxisMinQ14}, false},
+                 {{kAxisMaxQ14, 16384, kAxisMinQ14 - 1}, false},
+                 {{16384, kAxisMinQ14 - 1, 13200}, false}};
     for (const auto &c : cases) EXPECT_EQ(axes_plausible(c.axes), c.plausible) << c.axes[0] << " " << c.axes[2];
 }
 
