@@ -79,7 +79,7 @@ TEST(FieldStore, ASampleJoinsAtTheLeastDistanceFromEveryKeptOneInRangeAndUnflagg
 
 // Five samples 200 counts from the centre (the median 200): strengths 140..260 join.
 TEST(FieldStore, TheStrengthBandAboutTheMedianHoldsAtBothEnds) {
-    const Vec3 c{10, -20, 30}, origin{0, 0, 0};
+    const Vec3 c{10, -20, 30};
     const auto around = [&](int x, int y, int z) { return Vec3{c.x + x, c.y + y, c.z + z}; };
     const std::vector<Vec3> five = {around(200, 0, 0), around(-200, 0, 0), around(0, 200, 0), around(0, -200, 0),
                                     around(0, 0, 200)};
@@ -101,11 +101,16 @@ TEST(FieldStore, TheStrengthBandAboutTheMedianHoldsAtBothEnds) {
         FieldStore s = store_of(std::vector<Vec3>(five.begin(), five.begin() + k.kept));
         EXPECT_EQ(field_store_offer(&s, k.candidate, kDown, k.centre, false, true), k.result) << k.name;
     }
-    // The median follows the centre it is asked about: from the origin the five lie 183
-    // to 231 counts away (the median 213), where 145 is too near, though not for c's.
-    FieldStore s = store_of(five);
-    EXPECT_EQ(field_store_offer(&s, around(0, 0, -261), kDown, &c, false, true), Offer::kStrengthFar);
-    EXPECT_EQ(field_store_offer(&s, Vec3{0, 0, 145}, kDown, &origin, false, true), Offer::kStrengthFar);
+    // The median follows the centre it is asked about: 60 counts from c along any axis the
+    // five lie 140 to 260 counts away (the median 209), where 143 is too near, though not
+    // for c's median (200).
+    for (int k = 0; k < 3; ++k) {
+        FieldStore s = store_of(five);
+        EXPECT_EQ(field_store_offer(&s, around(0, 0, -261), kDown, &c, false, true), Offer::kStrengthFar);
+        const Vec3 moved = around(k == 0 ? 60 : 0, k == 1 ? 60 : 0, k == 2 ? 60 : 0);
+        const Vec3 near{moved.x, moved.y, moved.z - 143};
+        EXPECT_EQ(field_store_offer(&s, near, kDown, &moved, false, true), Offer::kStrengthFar) << "axis " << k;
+    }
 }
 
 // 31 samples on a 40-count grid and one 17 counts from the sixth: that pair is the only
