@@ -15,9 +15,9 @@ namespace {
 using namespace service_run;
 using ::testing::HasSubstr;
 
-// A quiet run on the sandbox d/phone.
-Result on_phone(const std::string &d, std::vector<std::string> args) {
-    args.insert(args.end(), {"--sandbox", d + "/phone", "--quiet"});
+// A quiet run on the sandbox d/phone (or d/sandbox).
+Result on_phone(const std::string &d, std::vector<std::string> args, const std::string &sandbox = "phone") {
+    args.insert(args.end(), {"--sandbox", d + "/" + sandbox, "--quiet"});
     return run(d, args);
 }
 
@@ -40,15 +40,14 @@ TEST(CompassService, DefaultScenarioCalibratesInThreeDimensionsHoldsTheHeadingAn
     for (size_t i = 0; i < rows.size() && library_3d < 0; ++i)
         if (compass::is_three_d(static_cast<int>(num(rows[i], "calib_rc")))) library_3d = static_cast<int>(i);
     EXPECT_LE(first_3d, library_3d);
-    for (size_t i = 0; i < rows.size(); ++i) {
-        if (static_cast<int>(i) < first_3d) continue;
+    ASSERT_GE(first_3d, 0) << "no three-dimensional calibration";
+    for (size_t i = static_cast<size_t>(first_3d); i < rows.size(); ++i) {
         const double ei =
             vphone::scene::heading_difference(num(rows[i], "heading_int"), num(rows[i], "true_heading_int"));
         const double ed = vphone::scene::heading_difference(num(rows[i], "azimuth"), num(rows[i], "true_azimuth"));
         integer.add(ei), dbl.add(ed);
         if (held_steady(rows, i)) steady_integer.add(ei), steady_dbl.add(ed);
     }
-    ASSERT_GE(first_3d, 0) << "no three-dimensional calibration";
     EXPECT_LT(num(rows[static_cast<size_t>(first_3d)], "offset_error_uT"), 1.5) << "the first 3-D offset";
     // Bounds measured on the default run (tools/README.md), with a margin. While the
     // phone turns, the integer heading's smoother lags (about 18 degrees at 120
@@ -104,8 +103,7 @@ TEST(CompassService, ReplayOfARecordGivesTheSameOutputsSampleForSample) {
         const Result rec =
             on_phone(d, {"--fresh", "--scenario", scenario, "--record", d + "/raw.csv", "--outputs", d + "/live.csv"});
         ASSERT_EQ(rec.exit_code, 0) << rec.err;
-        const Result rep =
-            run(d, {"--sandbox", d + "/replay", "--quiet", "--replay", d + "/raw.csv", "--outputs", d + "/replay.csv"});
+        const Result rep = on_phone(d, {"--replay", d + "/raw.csv", "--outputs", d + "/replay.csv"}, "replay");
         ASSERT_EQ(rep.exit_code, 0) << rep.err;
         if (std::string(scenario) == "magnet") { EXPECT_THAT(rec.out, HasSubstr("rough offset changed 1 time")); }
         const auto live = outputs(d + "/live.csv"), replay = outputs(d + "/replay.csv");
@@ -116,14 +114,30 @@ TEST(CompassService, ReplayOfARecordGivesTheSameOutputsSampleForSample) {
     }
 }
 
-// Tilted 69 degrees in its mount, the phone's integer heading is the back's (the y axis
-// stands too steep), and so is its truth: 5.2 degrees RMS over the drive (measured),
-// where the y axis' heading, blind to the mount's swivel, would leave 20.7. Counted once
-// the mount's estimate is in use (its attitude on the mount's mean gravity; before it, a
-// braking tilts the measured one past the margin).
-void expect_the_back_heads_the_drive(const std::vector<std::map<std::string, std::string>> &rows) {
+// A scenario that starts with no stored offset empties the sandbox as --fresh does, and
+// the summary says when the phone was mounted. In the mount from the start, nothing
+// confirms the field's strength and dip: the phone never reaches medium or high (a sphere
+// fitted to the thin band the road's slopes give places the offset along the axis no
+// better than the chip's temperature wander allows). Tilted 69 degrees in its mount, the
+// phone's integer heading is the back's (the y axis stands too steep), and so is its
+// truth: 5.2 degrees RMS over the drive (measured), where the y axis' heading, blind to
+// the mount's swivel, would leave 20.7. Counted once the mount's estimate is in use (its
+// attitude on the mount's mean gravity; before it, a braking tilts the measured one past
+// the margin).
+TEST(CompassService, CarFreshStartsWithoutTheStoredOffsetNeverTrustsItsThinBandAndHeadsByTheBack) {
+    const std::string d = dir_for("car");
+    ASSERT_EQ(on_phone(d, {"--fresh"}).exit_code, 0);
+    const Result r =
+        on_phone(d, {"--scenario", "car-fresh", "--summary-json", d + "/s.json", "--outputs", d + "/o.csv"});
+    ASSERT_EQ(r.exit_code, 0) << r.err;
+    EXPECT_THAT(r.out, HasSubstr("no stored magnetic offset"));
+    EXPECT_THAT(r.out, HasSubstr("\n  mounted                   "));
+    const std::string json = slurp(d + "/s.json");
+    for (const char *part :
+         {"\"mounted_s\": 0.000,", "\"medium\": 0.000, \"high\": 0.000}", "\"estimator\": \"", "\"coverage_cells\": "})
+        EXPECT_THAT(json, HasSubstr(part));
     compass::ErrorStats drive;
-    for (const auto &row : rows) {
+    for (const auto &row : outputs(d + "/o.csv")) {
         if (num(row, "attitude_rc") != 0 || row.at("phase").rfind("driving", 0) != 0 || row.at("estimator") != "planar")
             continue;
         EXPECT_EQ(row.at("heading_axis"), "z") << num(row, "time_us");
@@ -131,33 +145,6 @@ void expect_the_back_heads_the_drive(const std::vector<std::map<std::string, std
     }
     ASSERT_GT(drive.count, 5000);
     EXPECT_LT(drive.rms(), 8.0);
-}
-
-// A scenario that starts with no stored offset empties the sandbox as --fresh does; the
-// car scenarios' summaries say when the phone was mounted. In the mount from the start,
-// nothing confirms the field's strength and dip: the phone never reaches medium or high
-// (a sphere fitted to the thin band the road's slopes give places the offset along the
-// axis no better than the chip's temperature wander allows).
-TEST(CompassService, CarFreshStartsWithoutTheStoredOffsetAndTheSummaryNamesTheMounting) {
-    const std::string d = dir_for("car");
-    ASSERT_EQ(on_phone(d, {"--fresh"}).exit_code, 0);
-    for (const char *scenario : {"car-fresh", "car"}) {
-        const Result r = on_phone(d, {"--scenario", scenario, "--summary-json", d + "/" + scenario + ".json",
-                                      "--outputs", d + "/" + scenario + ".csv"});
-        ASSERT_EQ(r.exit_code, 0) << r.err;
-        const std::string json = slurp(d + "/" + scenario + ".json");
-        if (std::string(scenario) == "car-fresh") {
-            EXPECT_THAT(r.out, HasSubstr("no stored magnetic offset"));
-            EXPECT_THAT(json, HasSubstr("\"mounted_s\": 0.000,"));
-            EXPECT_THAT(json, HasSubstr("\"medium\": 0.000, \"high\": 0.000}"));
-            expect_the_back_heads_the_drive(outputs(d + "/car-fresh.csv"));
-        } else {
-            EXPECT_THAT(json, HasSubstr("\"mounted_s\": 17.000,"));
-        }
-        EXPECT_THAT(r.out, HasSubstr("\n  mounted                   "));
-        EXPECT_THAT(json, HasSubstr("\"estimator\": \""));
-        EXPECT_THAT(json, HasSubstr("\"coverage_cells\": "));
-    }
 }
 
 // ---- Bad input and failures ----------------------------------------------------------
@@ -183,43 +170,62 @@ TEST(CompassService, AGarbledCalibrationFileIsResetAndSaidSo) {
     EXPECT_THAT(again.out, HasSubstr("from the file"));
 }
 
-TEST(CompassService, BadInputGetsOneLineAndANonZeroExit) {
-    const std::string d = dir_for("bad"), phone = d + "/phone";
+// Bad input gets one line and a non-zero exit, before anything is lost. That includes
+// files named inside the sandbox: --fresh and replays empty it, so a record opened there
+// would be written to a file already deleted, a replay file there deleted after reading.
+TEST(CompassService, BadInputGetsOneLineAndANonZeroExitBeforeAnythingIsLost) {
+    const std::string d = dir_for("bad"), inside = "is inside the sandbox";
+    ASSERT_EQ(record_still(d), 0);
+    fs::copy_file(d + "/r.csv", d + "/phone/r.csv");
     std::ofstream(d + "/not-a-record.csv") << "hello\n";
     struct Case {
         const char *name;
         std::vector<std::string> args;
-        const char *error_part;
+        int exit_code;
+        std::string error_part;
     };
     std::vector<Case> cases = {
-        {"unknown option", {"--frobnicate"}, "unknown option '--frobnicate'"},
-        {"missing replay file", {"--replay", d + "/missing.csv"}, "cannot read replay file"},
-        {"replay file is not a record", {"--replay", d + "/not-a-record.csv"}, "line 1: not a raw record"},
-        {"replay file is a directory", {"--replay", d}, "it is a directory"},
-        {"plot file cannot be written", {"--sandbox", phone, "--plot", d + "/no/such/dir/p.png"}, "cannot write '"},
-        {"record file cannot be written", {"--sandbox", phone, "--record", d + "/no/dir/r.csv"}, "cannot write record"},
+        {"unknown option", {"--frobnicate"}, 2, "unknown option '--frobnicate'"},
+        {"missing replay file", {"--replay", d + "/missing.csv"}, 2, "cannot read replay file"},
+        {"replay file is not a record", {"--replay", d + "/not-a-record.csv"}, 2, "line 1: not a raw record"},
+        {"replay file is a directory", {"--replay", d}, 2, "it is a directory"},
+        {"plot file cannot be written", {"--plot", d + "/no/such/dir/p.png"}, 2, "cannot write '"},
+        {"record file cannot be written", {"--record", d + "/no/dir/r.csv"}, 2, "cannot write record"},
+        {"record inside the sandbox",
+         {"--fresh", "--scenario", "still", "--record", d + "/phone/misc/r2.csv"},
+         2,
+         inside},
+        {"outputs inside the sandbox", {"--fresh", "--scenario", "still", "--outputs", d + "/phone/o.csv"}, 2, inside},
+        {"replay file inside the sandbox", {"--replay", d + "/phone/r.csv"}, 2, inside},
+        {"plot inside the sandbox, named through ..", {"--plot", d + "/phone/etc/../p.png"}, 2, inside},
     };
     // A plot that cannot be written after the run is reported too.
     if (fs::exists("/dev/full"))
         cases.push_back({"plot fails at the end",
-                         {"--sandbox", phone, "--quiet", "--scenario", "still", "--plot", "/dev/full"},
+                         {"--scenario", "still", "--plot", "/dev/full"},
+                         3,
                          "plot: cannot write '/dev/full'"});
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
-        const Result r = run(d, c.args);
+        const Result r = on_phone(d, c.args);
         EXPECT_FALSE(r.crashed);
-        EXPECT_NE(r.exit_code, 0);
+        EXPECT_EQ(r.exit_code, c.exit_code);
         EXPECT_THAT(r.err, ::testing::StartsWith("compass_service: "));
         EXPECT_THAT(r.err, HasSubstr(c.error_part));
         EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
+        EXPECT_EQ(slurp(d + "/phone/r.csv"), slurp(d + "/r.csv"));
     }
+    EXPECT_FALSE(fs::exists(d + "/phone/misc/r2.csv"));
+    EXPECT_FALSE(fs::exists(d + "/phone/o.csv"));
 }
 
 // What the tool is pointed at but not given to change stays as it was: it empties only
 // sandboxes it made, never runs text from file names, and reports what it cannot write.
 TEST(CompassService, NeverEmptiesADirectoryItDidNotMake) {
-    const std::string d = dir_for("foreign");
+    const std::string d = dir_for("foreign"), mine = d + "/mine";
     ASSERT_EQ(record_still(d), 0);
+    fs::create_directories(mine);
+    std::ofstream(mine + "/thesis.txt") << "years of work\n";
     const struct {
         const char *name;
         std::vector<std::string> args;
@@ -230,12 +236,7 @@ TEST(CompassService, NeverEmptiesADirectoryItDidNotMake) {
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
-        const std::string mine = d + "/mine-" + std::to_string(&c - cases);
-        fs::create_directories(mine);
-        std::ofstream(mine + "/thesis.txt") << "years of work\n";
-        std::vector<std::string> args = c.args;
-        args.insert(args.end(), {"--sandbox", mine, "--quiet"});
-        const Result r = run(d, args);
+        const Result r = on_phone(d, c.args, "mine");
         EXPECT_NE(r.exit_code, 0);
         EXPECT_THAT(r.err, HasSubstr("holds files that are not a virtual phone's"));
         EXPECT_EQ(slurp(mine + "/thesis.txt"), "years of work\n");
@@ -259,32 +260,6 @@ TEST(CompassService, NeverEmptiesADirectoryItDidNotMake) {
     EXPECT_TRUE(fs::exists(d + "/phone/.kmxc-sandbox"));
 }
 
-TEST(CompassService, FilesNamedInsideTheSandboxAreRefusedBeforeAnythingIsLost) {
-    // --fresh and replays empty the sandbox: a record opened there would be written to a
-    // file already deleted, a replay file there would be deleted after reading.
-    const std::string d = dir_for("inside");
-    ASSERT_EQ(record_still(d), 0);
-    fs::copy_file(d + "/r.csv", d + "/phone/r.csv");
-    const struct {
-        const char *name;
-        std::vector<std::string> args;
-    } cases[] = {
-        {"record", {"--fresh", "--scenario", "still", "--record", d + "/phone/misc/r2.csv"}},
-        {"outputs", {"--fresh", "--scenario", "still", "--outputs", d + "/phone/o.csv"}},
-        {"replay file", {"--replay", d + "/phone/r.csv"}},
-        {"plot, named through ..", {"--scenario", "still", "--plot", d + "/phone/etc/../p.png"}},
-    };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.name);
-        const Result r = on_phone(d, c.args);
-        EXPECT_EQ(r.exit_code, 2);
-        EXPECT_THAT(r.err, HasSubstr("is inside the sandbox"));
-        EXPECT_EQ(slurp(d + "/phone/r.csv"), slurp(d + "/r.csv"));
-    }
-    EXPECT_FALSE(fs::exists(d + "/phone/misc/r2.csv"));
-    EXPECT_FALSE(fs::exists(d + "/phone/o.csv"));
-}
-
 TEST(CompassService, AFailedSaveIsReportedAndTheExitStatusSaysSo) {
     const std::string d = dir_for("save-fails");
     ASSERT_EQ(on_phone(d, {"--fresh"}).exit_code, 0);
@@ -303,7 +278,7 @@ TEST(CompassService, NamesReachThePlotAsTextNeverAsCommands) {
     const std::string d = dir_for("inject");
     const std::string record = d + "/r\";system(\"touch INJECTED\");\"x.csv", plot = d + "/p'`touch INJECTED2`'.png";
     ASSERT_EQ(on_phone(d, {"--fresh", "--scenario", "still", "--record", record}).exit_code, 0);
-    const Result r = run(d, {"--replay", record, "--sandbox", d + "/replay", "--quiet", "--plot", plot});
+    const Result r = on_phone(d, {"--replay", record, "--plot", plot}, "replay");
     ASSERT_EQ(r.exit_code, 0) << r.err;
     EXPECT_EQ(slurp(plot).substr(0, 4), "\x89PNG") << "gnuplot drew no PNG";
     for (const auto &entry : fs::recursive_directory_iterator(d))
@@ -325,8 +300,7 @@ TEST(CompassService, ReplayWaitsOutGapsLongerThanThirtyTwoBitsOfMicroseconds) {
     for (const auto &reading : p.record.rough_readings) vphone::scene::write_rough_reading(out, reading);
     for (const vphone::scene::RecordRow &row : p.record.rows) vphone::scene::write_record_row(out, row);
     out.close();
-    const Result r =
-        run(d, {"--replay", d + "/gap.csv", "--sandbox", d + "/replay", "--quiet", "--outputs", d + "/o.csv"});
+    const Result r = on_phone(d, {"--replay", d + "/gap.csv", "--outputs", d + "/o.csv"}, "replay");
     ASSERT_EQ(r.exit_code, 0) << r.err;
     const auto rows = outputs(d + "/o.csv");
     ASSERT_FALSE(rows.empty());

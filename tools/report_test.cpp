@@ -8,14 +8,16 @@
 
 #include <algorithm>
 #include <cmath>
+#include <functional>
 #include <sstream>
 
 namespace compass {
 namespace {
 
-// A sample with both paths at `heading`, the truth (every heading) at true_heading, level.
-SampleOutput sample(int64_t t_us, int calib_rc, int heading, double true_heading, int accuracy = 0) {
-    SampleOutput s{.time_us = t_us, .calib_rc = calib_rc, .integer_heading = heading};
+// Sample i, at i * 0.1 s, with both paths at `heading`, the truth (every heading) at
+// true_heading, level.
+SampleOutput sample(size_t i, int calib_rc, int heading, double true_heading, int accuracy = 0) {
+    SampleOutput s{.time_us = static_cast<int64_t>(i) * 100000, .calib_rc = calib_rc, .integer_heading = heading};
     s.heading_valid = s.orientation_valid = s.has_truth = true;
     s.euler = {heading, 0, 0};
     s.truth = {true_heading, true_heading, true_heading, true_heading, 0, 0};
@@ -24,23 +26,20 @@ SampleOutput sample(int64_t t_us, int calib_rc, int heading, double true_heading
     return s;
 }
 
-// The summary of samples, each edited by edit(sample, index) first.
-template <typename Edit>
-Summary summary_of(std::vector<SampleOutput> samples, Edit edit) {
+// The summary of n samples, sample i being sample_at(i).
+Summary summary_of(size_t n, const std::function<SampleOutput(size_t i)> &sample_at) {
     std::ostringstream out;
     Report r(out, true);
-    for (size_t i = 0; i < samples.size(); ++i) edit(samples[i], i), r.add(samples[i]);
+    for (size_t i = 0; i < n; ++i) r.add(sample_at(i));
     return r.summary();
-}
-Summary summary_of(const std::vector<SampleOutput> &samples) {
-    return summary_of(samples, [](SampleOutput &, size_t) {});
 }
 
 TEST(Report, HeadingErrorsCountOnlyAfterTheFirstThreeDimensionalCalibration) {
-    const Summary m = summary_of({sample(0, 0, 100, 10),        // uncalibrated: 90 degrees off, ignored
-                                  sample(100000, 24, 100, 10),  // planar: still ignored
-                                  sample(200000, 63, 359, 1),   // first 3-D: -2 across north
-                                  sample(300000, 7, 4, 0)});    // +4
+    const SampleOutput samples[] = {sample(0, 0, 100, 10),   // uncalibrated: 90 degrees off, ignored
+                                    sample(1, 24, 100, 10),  // planar: still ignored
+                                    sample(2, 63, 359, 1),   // first 3-D: -2 across north
+                                    sample(3, 7, 4, 0)};     // +4
+    const Summary m = summary_of(std::size(samples), [&](size_t i) { return samples[i]; });
     EXPECT_EQ(m.first_3d_sample, 3);
     EXPECT_DOUBLE_EQ(m.first_3d_s, 0.2);
     EXPECT_EQ(m.planar_events, 1);
@@ -58,9 +57,10 @@ TEST(Report, SecondsGoToTheLaterSamplesAccuracyAndTrustedAzimuthsAreWrongBeyondF
         int accuracy, azimuth;
         double true_azimuth;
     } at[] = {{0, 140, 100}, {0, 140, 100}, {2, 115, 100}, {3, 115, 99.5}, {3, 84, 100}, {1, 130, 100}, {2, 85, 100}};
-    const Summary m = summary_of(std::vector<SampleOutput>(std::size(at)), [&](SampleOutput &s, size_t i) {
-        s = sample(static_cast<int64_t>(i) * 100000, 0, 0, 0, at[i].accuracy);  // the integer path right
+    const Summary m = summary_of(std::size(at), [&](size_t i) {
+        SampleOutput s = sample(i, 0, 0, 0, at[i].accuracy);  // the integer path right
         s.euler[0] = at[i].azimuth, s.truth.double_azimuth = at[i].true_azimuth;
+        return s;
     });
     for (int a : {0, 1}) EXPECT_NEAR(m.accuracy_s[a], 0.1, 1e-12) << a;
     for (int a : {2, 3}) EXPECT_NEAR(m.accuracy_s[a], 0.2, 1e-12) << a;
@@ -70,9 +70,9 @@ TEST(Report, SecondsGoToTheLaterSamplesAccuracyAndTrustedAzimuthsAreWrongBeyondF
 
 // Held steady: the true attitude within 8 degrees for the last 2 s.
 TEST(Report, SteadyErrorsCountTwoSecondsAfterTheAttitudeLastMovedMoreThanEightDegrees) {
-    const Summary m = summary_of(std::vector<SampleOutput>(51), [](SampleOutput &s, size_t i) {
+    const Summary m = summary_of(51, [](size_t i) {
         const double truth = i < 10 ? 2.0 * i : (i < 20 ? 30 + 0.5 * i : 50);  // the last big move: sample 20
-        s = sample(static_cast<int64_t>(i) * 100000, i == 0 ? 63 : 0, 0, truth);
+        return sample(i, i == 0 ? 63 : 0, 0, truth);
     });
     // Steady from 2.0 s (the reference taken at sample 20), counted from 4.0 s.
     EXPECT_EQ(m.steady_integer_error.count, 11);
@@ -95,10 +95,11 @@ TEST(Report, AHeldAttitudeIsJudgedByTheHeadingOfTheAxisThatIsNotSteep) {
         {"75 degrees: z swings", -75, true, 0},
     };
     for (const auto &c : cases) {
-        const Summary m = summary_of(std::vector<SampleOutput>(31), [&](SampleOutput &s, size_t i) {
-            s = sample(static_cast<int64_t>(i) * 100000, i == 0 ? 63 : 0, 40, 40);
+        const Summary m = summary_of(31, [&](size_t i) {
+            SampleOutput s = sample(i, i == 0 ? 63 : 0, 40, 40);
             s.truth.pitch = c.pitch;
             (c.z_swings ? s.truth.z_heading : s.truth.y_heading) = i % 2 ? 60 : 20;
+            return s;
         });
         EXPECT_EQ(m.steady_integer_error.count, c.steady) << c.name;
     }
@@ -112,12 +113,12 @@ TEST(Report, ErrorsAreTalliedByTheAccuracyReportedWithThemAndListedAtTheEnd) {
     std::ostringstream out;
     Report r(out, true);
     for (size_t i = 0; i < std::size(samples); ++i) {
-        SampleOutput s = sample(static_cast<int64_t>(i) * 500000, 0, 100 + samples[i].error, 100, samples[i].accuracy);
+        SampleOutput s = sample(i, 0, 100 + samples[i].error, 100, samples[i].accuracy);
         s.mounted_s = 0.25;
         r.add(s);
     }
     const Summary &m = r.summary();
-    EXPECT_DOUBLE_EQ(m.first_trusted_s, 1.5);
+    EXPECT_DOUBLE_EQ(m.first_trusted_s, 0.3);
     EXPECT_DOUBLE_EQ(m.mounted_s, 0.25);
     EXPECT_EQ(m.integer_error_at[0].count, 2);
     EXPECT_DOUBLE_EQ(m.integer_error_at[0].rms(), std::sqrt((900.0 + 1600.0) / 2));
@@ -128,7 +129,7 @@ TEST(Report, ErrorsAreTalliedByTheAccuracyReportedWithThemAndListedAtTheEnd) {
     const std::string text = out.str();
     const size_t persisted = text.find("  persisted                 here\n");
     ASSERT_NE(persisted, std::string::npos) << text;
-    for (const char *line : {"  first medium/high         1.5 s\n", "  mounted                   0.2 s\n",
+    for (const char *line : {"  first medium/high         0.3 s\n", "  mounted                   0.2 s\n",
                              "    unreliable              RMS 35.36 / 35.36 deg, 2 samples\n",
                              "    medium/high             RMS 2.89 / 2.89 deg, 3 samples\n",
                              "  kit estimator             none at the end; 0 offset(s) from the kit's own estimators\n",
@@ -139,7 +140,7 @@ TEST(Report, ErrorsAreTalliedByTheAccuracyReportedWithThemAndListedAtTheEnd) {
 TEST(Report, OneLinePerSimulatedSecond) {
     std::ostringstream out;
     Report r(out, false);
-    for (int i = 0; i < 35; ++i) r.add(sample(i * 100000, 0, 10, 10));
+    for (size_t i = 0; i < 35; ++i) r.add(sample(i, 0, 10, 10));
     const std::string text = out.str();
     EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 4) << text;  // seconds 0..3
 }

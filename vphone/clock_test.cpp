@@ -24,12 +24,7 @@ uint64_t ns_of(const timespec &t) {
     return static_cast<uint64_t>(t.tv_sec) * 1000000000u + static_cast<uint64_t>(t.tv_nsec);
 }
 
-timespec at(time_t seconds, long nanoseconds) {
-    timespec t{};
-    t.tv_sec = seconds;
-    t.tv_nsec = nanoseconds;
-    return t;
-}
+timespec at(time_t seconds, long nanoseconds) { return timespec{.tv_sec = seconds, .tv_nsec = nanoseconds}; }
 
 // Each sleeping call moves the one clock by exactly what it asks, counted as its own
 // kind and recorded as a sleep; an absolute sleep goes to its deadline, and one already

@@ -64,7 +64,6 @@ TEST(SceneOptions, ValuesReachTheSettingsInBothSpellingsRangeEndsIncluded) {
     EXPECT_EQ(s.noise_uT, 0);
     EXPECT_EQ(s.accel_offset_mg, (Vec3{-200, 0.5, 200}));
     EXPECT_EQ(s.soft_iron, (std::array<double, 6>{1.5, 0.7, 1.1, 0.3, -0.2, 0.1}));
-    EXPECT_EQ(parse_scene_options({}).settings.name, "default") << "nothing given: the default scenario";
 }
 
 // The reader both command lines use: flags, values inline or next, the first '='.
