@@ -6,7 +6,6 @@
 
 #include <algorithm>
 
-#include "platform/platform.h"
 #include "service/kit_file_test_support.h"
 
 namespace {
@@ -88,10 +87,7 @@ TEST_F(Kit, TheKitFileBringsBackTheCorrectionAndReferencesAfterARestart) {
     const std::vector<long long> c = fields_of(cfg), k = fields_of(kit);
     ASSERT_EQ(c.size(), 9u) << cfg;
     ASSERT_EQ(k.size(), 19u) << kit;
-    for (int i = 0; i < 3; ++i) {
-        EXPECT_EQ(k[1 + i], c[i]) << "belongs to the record's rough offset";
-        EXPECT_EQ(k[4 + i], c[6 + i]) << "and its magnetic offset";
-    }
+    EXPECT_EQ(kit_belongs_to(kit), rough_and_magnetic(cfg));
     for (int i = 0; i < 6; ++i) EXPECT_EQ(k[kKitW + i], last.soft_iron_q14[kRowMajorOfKit[i]]) << i;
     // The references: the field as the kit sees it at the end, and the scene's 60-degree
     // inclination (the batch's mean dip in steady gravity, to a degree).
@@ -238,17 +234,6 @@ TEST_F(Kit, ARoughOffsetChangeCutAnywhereLeavesTheOldRecordOrTheNew) {
         }
     }
     EXPECT_GT(failed_runs, 5) << "the failures did not reach the save";
-}
-
-// The power cuts the kit's saves survive are real ones: the library's own save, never
-// synced, does not survive one.
-TEST_F(Kit, TheLibrarysOwnSaveDoesNotSurviveAPowerCut) {
-    vphone::write_file(kCfg, kStored);
-    const int32_t offset[3] = {1, 2, 3};
-    ASSERT_EQ(msmachdep_SaveMsOffset(offset), 0);
-    ASSERT_EQ(text_of(kCfg), "16,16,16,0,0,0,1,2,3");
-    vphone::power_cut(vphone::CutKeeps::kEntries);
-    EXPECT_EQ(text_of(kCfg), "") << "the library's rename reached the flash before its data";
 }
 
 }  // namespace
