@@ -1,68 +1,18 @@
-// The kit's files against what a phone may hold in their place (the library's backup
-// name, a FIFO, a second service on the same files), the kit file's own contents across
-// a restart, and its saves against power cuts at every file call: the old record or the
-// new, never a mix, and a finished save survives.
+// The kit's files against a second service on the same files, the kit file's own
+// contents across a restart, and the kit's saves against power cuts: a finished save
+// survives one, and a rough-offset change's save cut at any file call leaves the old
+// record or the new, never a mix.
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <fstream>
 
-#include "platform/platform.h"
 #include "service/kit_file_test_support.h"
 
 namespace {
 
 using namespace kit_file_test;
 
-// ---- Hostile files --------------------------------------------------------------------------
-
-// The library's fixed backup name is not the kit's: a link planted there leads nowhere,
-// a directory there blocks nothing.
-TEST_F(Kit, TheLibrarysBackupNameIsNeverTouched) {
-    const std::string outside = dir_ + "-outside";
-    for (const bool link : {true, false}) {
-        SCOPED_TRACE(link ? "a link at the backup name" : "a directory at the backup name");
-        power_on();
-        vphone::remove_file(kCfg);
-        std::filesystem::remove_all(vphone::host_path(kBackup));
-        { std::ofstream(outside) << "someone's file"; }
-        ::chmod(outside.c_str(), 0600);
-        if (link)
-            std::filesystem::create_symlink(outside, vphone::host_path(kBackup));
-        else
-            std::filesystem::create_directory(vphone::host_path(kBackup));
-        const Trace r = run(scenario("magnet"), 10);
-        EXPECT_GE(r.events.back().saves, 2u);
-        EXPECT_EQ(r.events.back().save_failures, 0u);
-        std::ifstream in(outside);
-        EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), "someone's file");
-        struct stat st {};
-        ASSERT_EQ(::stat(outside.c_str(), &st), 0);
-        EXPECT_EQ(st.st_mode & 0777, 0600u);
-        EXPECT_EQ(std::filesystem::is_symlink(vphone::host_path(kBackup)), link);
-    }
-    std::filesystem::remove_all(outside);
-}
-
-// A FIFO where the file should be: start does not wait for a writer that never comes,
-// and no save ever writes into it.
-TEST_F(Kit, AFifoAtTheFilesPlaceNeitherBlocksNorIsWritten) {
-    for (const char *path : {kCfg, kKitCfg}) {
-        SCOPED_TRACE(path);
-        power_on();
-        vphone::remove_file(kCfg);
-        ASSERT_EQ(::mkfifo(vphone::host_path(path).c_str(), 0600), 0);
-        vphone::StderrCapture err;
-        const Trace r = run(scenario("default"), 10, 20);
-        EXPECT_NE(err.text().find(std::string(path) + " is a FIFO"), std::string::npos);
-        ASSERT_EQ(r.start_rc, 0);
-        EXPECT_GE(r.events.back().save_failures, 1u);
-        struct stat st {};
-        ASSERT_EQ(::lstat(vphone::host_path(path).c_str(), &st), 0);
-        EXPECT_TRUE(S_ISFIFO(st.st_mode));
-        std::filesystem::remove(vphone::host_path(path));
-    }
-}
+// ---- A second service, a restart ------------------------------------------------------------
 
 // Two services on one phone's files, in two processes: the second one's save, made while
 // the first is half-way through its own, is refused by name, and the files end as one
@@ -118,10 +68,11 @@ TEST_F(Kit, TwoServicesOnOneSandboxNeverMixTheirRecords) {
 }
 
 // The kit file holds what the estimators know: the soft-iron correction in use, the
-// strength and dip of the last trusted 3-D calibration, the store's coverage; a restart
-// brings them back (the event reports the correction and coverage at once, and a record
-// start saves again writes them unchanged), and a kit file of another record brings
-// nothing back.
+// strength and dip of the last trusted 3-D calibration, the store's coverage. Its saves
+// and the record's, once returned, survive a power cut (whichever directory entries it
+// keeps); a restart brings them back (the event reports the correction and coverage at
+// once, and a record start saves again writes them unchanged), and a kit file of another
+// record brings nothing back.
 TEST_F(Kit, TheKitFileBringsBackTheCorrectionAndReferencesAfterARestart) {
     ScenarioSettings s = scenario("default");
     s.soft_iron = {1.10, 0.92, 1.0, 0.05, 0, 0};
@@ -130,13 +81,13 @@ TEST_F(Kit, TheKitFileBringsBackTheCorrectionAndReferencesAfterARestart) {
     const KmxcServiceEvent &last = first.events.back();
     ASSERT_NE(last.soft_iron_q14[0], KMXC_SERVICE_SOFT_IRON_ONE) << "the correction this test saves";
     const std::string cfg = text_of(kCfg), kit = text_of(kKitCfg);
+    vphone::power_cut(vphone::CutKeeps::kSynced);
+    EXPECT_EQ(text_of(kCfg), cfg);
+    EXPECT_EQ(text_of(kKitCfg), kit);
     const std::vector<long long> c = fields_of(cfg), k = fields_of(kit);
     ASSERT_EQ(c.size(), 9u) << cfg;
     ASSERT_EQ(k.size(), 19u) << kit;
-    for (int i = 0; i < 3; ++i) {
-        EXPECT_EQ(k[1 + i], c[i]) << "belongs to the record's rough offset";
-        EXPECT_EQ(k[4 + i], c[6 + i]) << "and its magnetic offset";
-    }
+    EXPECT_EQ(kit_belongs_to(kit), rough_and_magnetic(cfg));
     for (int i = 0; i < 6; ++i) EXPECT_EQ(k[kKitW + i], last.soft_iron_q14[kRowMajorOfKit[i]]) << i;
     // The references: the field as the kit sees it at the end, and the scene's 60-degree
     // inclination (the batch's mean dip in steady gravity, to a degree).
@@ -169,6 +120,10 @@ TEST_F(Kit, TheKitFileBringsBackTheCorrectionAndReferencesAfterARestart) {
     ASSERT_EQ(third.start_rc, 0);
     EXPECT_TRUE(third.start.file & KMXC_SERVICE_FILE_IMPLAUSIBLE);
     EXPECT_EQ(third.start.save_attempts, 1);
+    const std::string resaved = text_of(kCfg);
+    EXPECT_EQ(fields_of(resaved).size(), 9u) << resaved;
+    vphone::power_cut(vphone::CutKeeps::kEntries);
+    EXPECT_EQ(text_of(kCfg), resaved);
     EXPECT_EQ(text_of(kKitCfg), kit);
 
     // The same kit file beside a record of another offset: nothing of it is used.
@@ -183,17 +138,39 @@ TEST_F(Kit, TheKitFileBringsBackTheCorrectionAndReferencesAfterARestart) {
 
 // ---- Power cuts ---------------------------------------------------------------------------
 
-// Whatever call of a rough-offset change's save fails, and wherever the power fails in
-// it, the file holds the old record or the new one: never the new rough offset with the
-// old magnetic offset (which starts the next run tens of uT off), never empty or cut.
+// The rough offset changes what the record means: saved in the same cycle, with the
+// offset in use (the last agreeing fit's, which the spacing may not have saved yet)
+// carried over to it as the library carries offsets. Whatever call of that save fails,
+// and wherever the power fails in it, the file holds the old record or the new one:
+// never the new rough offset with the old magnetic offset (which starts the next run
+// tens of uT off), never empty or cut.
 TEST_F(Kit, ARoughOffsetChangeCutAnywhereLeavesTheOldRecordOrTheNew) {
-    // The fault-free run, up to just after the change.
+    // The fault-free run: the change, saved at once with the offset in use carried over.
     vphone::write_file(kCfg, kStored);
+    std::vector<std::string> seen;
+    const Trace clean = run(scenario("magnet"), 10, 1e9, [&](double, Truth &) { seen.push_back(text_of(kCfg)); });
+    KmxAxesData in_use{45, -31, 24};
+    const uint8_t old_rough[3] = {16, 16, 16};
     double change_s = 0;
-    for (const auto &e : run(scenario("magnet"), 10).events)
-        if (change_s == 0 && (e.flags & KMXC_SERVICE_ROUGH_CHANGED))
-            change_s = static_cast<double>(e.timestamp_ns) / 1e9;
-    ASSERT_GT(change_s, 0);
+    int changes = 0;
+    for (size_t i = 0; i < clean.events.size(); ++i) {
+        const KmxcServiceEvent &e = clean.events[i];
+        if ((e.flags & KMXC_SERVICE_FIT_3D) && e.accuracy >= KMXC_SERVICE_MEDIUM)
+            in_use = KmxAxesData{e.offset[0], e.offset[1], e.offset[2]};
+        if (!(e.flags & KMXC_SERVICE_ROUGH_CHANGED)) continue;
+        ++changes;
+        change_s = static_cast<double>(e.timestamp_ns) / 1e9;
+        EXPECT_TRUE(e.flags & KMXC_SERVICE_SAVED);
+        const std::vector<long long> saved = fields_of(seen.at(i + 2));  // seen[i + 1] is before cycle i
+        ASSERT_EQ(saved.size(), 9u);
+        const uint8_t new_rough[3] = {uint8_t(saved[0]), uint8_t(saved[1]), uint8_t(saved[2])};
+        EXPECT_FALSE(std::equal(old_rough, old_rough + 3, new_rough));
+        KmxAxesData expected;
+        KmxAxesLibRecalcMsOffset(&in_use, &expected, old_rough, new_rough);
+        EXPECT_EQ(std::vector<long long>(saved.begin() + 6, saved.end()),
+                  (std::vector<long long>{expected.x, expected.y, expected.z}));
+    }
+    ASSERT_EQ(changes, 1);
     auto from_start = [&] {
         power_on();
         vphone::write_file(kCfg, kStored);
@@ -257,29 +234,6 @@ TEST_F(Kit, ARoughOffsetChangeCutAnywhereLeavesTheOldRecordOrTheNew) {
         }
     }
     EXPECT_GT(failed_runs, 5) << "the failures did not reach the save";
-}
-
-// Once a save returned, a power cut keeps it; the library's own saves, never synced, do not
-// survive one.
-TEST_F(Kit, ASavedRecordSurvivesAPowerCut) {
-    for (const vphone::CutKeeps keeps : {vphone::CutKeeps::kSynced, vphone::CutKeeps::kEntries}) {
-        power_on();
-        vphone::remove_file(kCfg);
-        const Trace r = run(scenario("default"), 10, 20);  // the first fit's save
-        ASSERT_GT(r.first_fit_s, 0);
-        const std::string saved = text_of(kCfg), kit = text_of(kKitCfg);
-        ASSERT_NE(saved.find(",2147483647"), 0u);
-        vphone::power_cut(keeps);
-        EXPECT_EQ(text_of(kCfg), saved);
-        EXPECT_EQ(text_of(kKitCfg), kit);
-    }
-    // The library's save, for contrast: gone or empty after the cut.
-    vphone::write_file(kCfg, kStored);
-    const int32_t offset[3] = {1, 2, 3};
-    ASSERT_EQ(msmachdep_SaveMsOffset(offset), 0);
-    ASSERT_EQ(text_of(kCfg), "16,16,16,0,0,0,1,2,3");
-    vphone::power_cut(vphone::CutKeeps::kEntries);
-    EXPECT_EQ(text_of(kCfg), "") << "the library's rename reached the flash before its data";
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 // The kit on the virtual phone: its start, the first fit at every rate, accuracy and
-// the events' conventions, a clipped-on magnet and the warm-up. (The anomaly rules at
-// their limits: kit_rules_edges_test.cpp.)
+// the events' conventions, the samples a rough-offset change forgets, and the warm-up.
+// (A clipped-on magnet: kit_world_test.cpp; the anomaly rules at their limits:
+// kit_rules_edges_test.cpp.)
 #include <gtest/gtest.h>
 
 #include <set>
@@ -188,41 +189,7 @@ TEST_F(Kit, FirstFitComesInTimeAtEveryRateAndOnlyThenAreHeadingsTrusted) {
     }
 }
 
-// ---- Anomalies --------------------------------------------------------------------------
-
-TEST_F(Kit, MagnetClippedOnIsFlaggedAndANewFitRestoresTheAccuracy) {
-    const Trace r = run(scenario("magnet"), 20);
-    double clip_s = -1, refit_s = -1;
-    size_t moved = 0;  // the first event after the rough offset moved
-    int clipped = 0;   // samples with a channel out of range, flagged
-    for (size_t i = 0; i < r.events.size(); ++i) {
-        const KmxcServiceEvent &e = r.events[i];
-        const double t = static_cast<double>(e.timestamp_ns) / 1e9;
-        if (clip_s < 0 && (e.flags & KMXC_SERVICE_ANOMALY) && t > 15) clip_s = t;
-        if (moved == 0 && (e.flags & KMXC_SERVICE_ROUGH_CHANGED)) moved = i + 1;
-        if (clip_s > 0 && refit_s < 0 && (e.flags & KMXC_SERVICE_FIT_3D)) refit_s = t;
-        if (clip_s > 0 && refit_s < 0) { EXPECT_LE(e.accuracy, KMXC_SERVICE_LOW) << t; }
-        // Samples with a channel out of range (those that move the rough offset) are not fed.
-        if (e.mag_result > 0) { EXPECT_FALSE(e.flags & KMXC_SERVICE_FED) << "a channel out of range was fed at " << t; }
-        // Their field is wrong, so the anomaly is the range alone, whatever its strength.
-        if (e.mag_result > 0 && (e.flags & KMXC_SERVICE_ANOMALY)) {
-            ++clipped;
-            EXPECT_EQ(e.anomaly, KMXC_SERVICE_ANOMALY_RANGE) << t;
-        }
-    }
-    EXPECT_GT(clipped, 0);
-    EXPECT_NEAR(clip_s, 20.0, 0.2) << "the clip goes on at 20 s";
-    // Right after the move the offset is off by the magnet alone: the rough offset's
-    // step (about 90 uT) was carried over.
-    ASSERT_GT(moved, 0u) << "the rough offset never moved";
-    ASSERT_LT(moved, r.events.size());
-    const Vec3 magnet = ScenarioSettings{}.magnet_uT;
-    EXPECT_NEAR(offset_error_uT(r.events[moved], r.true_offsets[moved]), std::hypot(magnet[0], magnet[1], magnet[2]),
-                3.0);
-    EXPECT_GT(refit_s, clip_s);
-    EXPECT_GE(r.events.back().accuracy, KMXC_SERVICE_MEDIUM);
-    EXPECT_LT(offset_error_uT(r.events.back(), r.true_offsets.back()), 1.5);
-}
+// ---- Rough-offset changes ---------------------------------------------------------------
 
 // The samples fed before a rough-offset change are in the old offset's frame and are
 // forgotten: the phone lies still, a magnet moves the rough offset, and then the field

@@ -181,65 +181,59 @@ TEST_F(Kit, TheIntegerHeadingKeepsItsAxisWithinTheMarginAndSaysWhich) {
     }
 }
 
-// Clipped into the mount, this seed's car field (10 uT) moves the strength by 8 % and
-// the dip by 4 degrees: inside the anomaly tolerances, and the hand's offset was
+// A weak car field (10 uT) moves the strength and the dip too little at most headings
+// for the anomaly rules. On seed 1, clipped into the mount, it moves the strength by 8 %
+// and the dip by 4 degrees: inside the anomaly tolerances, and the hand's offset was
 // trusted at medium 18 degrees off until the car pulled away. The fit's band is its
 // batch's: from 2 s after the phone enters the mount, nothing is medium or high, and no
-// anomaly episode empties the store before the car moves.
-TEST_F(Kit, ACarFieldThatMovesTheStrengthPastTheFitsBandHoldsTheHandsOffsetLow) {
-    ScenarioSettings s = scenario("car");
-    s.seed = 1;
-    s.car_field_uT = Vec3{6, -4, 7};
-    const Trace r = run(s, 10, 25);
-    double mounted_s = -1;
-    int trusted_in_hand = 0, outside = 0;
-    for (size_t i = 0; i < r.events.size(); ++i) {
-        const KmxcServiceEvent &e = r.events[i];
-        const Truth &t = r.truths[i];
-        if (mounted_s < 0 && std::string(t.phase) == "mounted") mounted_s = t.t_s;
-        if (mounted_s < 0) {
-            if (e.accuracy >= KMXC_SERVICE_MEDIUM) ++trusted_in_hand;
-            continue;
+// anomaly episode empties the store before the car moves. On seed 5 the band shows
+// nothing: the hand's offset stayed trusted in the mount, 735 of the run's medium and
+// high samples more than 15 degrees off. The car pulling away is an acceleration without
+// a turn: the kit enters the vehicle once, there, demotes the hand's offset and starts
+// the store afresh; the mount's own estimate takes over. None of seed 5's 1,769 medium
+// and high samples after it is wrong (measured); the 60 before it, parked in the mount
+// and in the pulling away's first second, nothing could tell.
+TEST_F(Kit, AWeakCarFieldTakesTheHandsTrustOnceTheBandOrThePullingAwayShowsIt) {
+    for (const uint32_t seed : {1, 5}) {
+        SCOPED_TRACE(seed);
+        const bool band = seed == 1;  // the strength leaves the fit's band in the mount
+        ScenarioSettings s = scenario("car");
+        s.seed = seed;
+        s.car_field_uT = Vec3{6, -4, 7};
+        const Trace r = run(s, 10);
+        double mounted_s = -1;
+        int trusted_in_hand = 0, outside = 0, entries = 0, trusted = 0, wrong = 0;
+        for (size_t i = 0; i < r.events.size(); ++i) {
+            const KmxcServiceEvent &e = r.events[i];
+            const Truth &t = r.truths[i];
+            if ((e.anomaly & KMXC_SERVICE_ANOMALY_VEHICLE) != 0) {
+                ++entries;
+                EXPECT_STREQ(t.phase, "driving: pulling away");
+                EXPECT_EQ(e.accuracy, KMXC_SERVICE_UNRELIABLE) << "the car's own field not yet measured";
+                EXPECT_EQ(e.coverage_cells, 0) << "the store starts afresh";
+            }
+            if (mounted_s < 0 && std::string(t.phase) == "mounted") mounted_s = t.t_s;
+            if (mounted_s < 0) {
+                trusted_in_hand += e.accuracy >= KMXC_SERVICE_MEDIUM;
+                continue;
+            }
+            outside += (e.anomaly & KMXC_SERVICE_ANOMALY_OUTSIDE_BAND) != 0;
+            if (band && std::string(t.phase) == "mounted") {
+                EXPECT_EQ(e.flags & KMXC_SERVICE_ANOMALY, 0) << t.t_s;
+                if (t.t_s >= mounted_s + 2) { EXPECT_LE(e.accuracy, KMXC_SERVICE_LOW) << t.t_s; }
+            }
+            if (entries == 0 || e.accuracy < KMXC_SERVICE_MEDIUM || (e.flags & KMXC_SERVICE_ORIENTATION_VALID) == 0)
+                continue;
+            ++trusted;
+            wrong += std::fabs(azimuth_error_deg(e, t)) > 15;
         }
-        if ((e.anomaly & KMXC_SERVICE_ANOMALY_OUTSIDE_BAND) != 0) ++outside;
-        if (std::string(t.phase) != "mounted") continue;
-        EXPECT_EQ(e.flags & KMXC_SERVICE_ANOMALY, 0) << t.t_s;
-        if (t.t_s >= mounted_s + 2) { EXPECT_LE(e.accuracy, KMXC_SERVICE_LOW) << t.t_s; }
+        ASSERT_GT(mounted_s, 0);
+        EXPECT_GT(trusted_in_hand, 0);
+        EXPECT_EQ(outside > 0, band) << "the band's anomaly";
+        EXPECT_EQ(entries, 1);
+        EXPECT_GT(trusted, 1000) << "the mount's estimate is trusted";
+        EXPECT_LE(wrong * 200, trusted) << wrong << " of " << trusted;
     }
-    ASSERT_GT(mounted_s, 0);
-    EXPECT_GT(trusted_in_hand, 0);
-    EXPECT_GT(outside, 0);
-}
-
-// A weak car field (10 uT) moves the strength and the dip too little at most headings
-// for the anomaly rules: the hand's offset stayed trusted in the mount, 735 of this
-// run's medium and high samples more than 15 degrees off. The car pulling away is an
-// acceleration without a turn: the kit enters the vehicle once, there, demotes the
-// hand's offset and starts the store afresh; the mount's own estimate takes over. None
-// of the 1,769 medium and high samples after it is wrong (measured); the 60 before it,
-// parked in the mount and in the pulling away's first second, nothing could tell.
-TEST_F(Kit, TheHandsOffsetLosesItsTrustWhenTheCarPullsAway) {
-    ScenarioSettings s = scenario("car");
-    s.seed = 5;
-    s.car_field_uT = Vec3{6, -4, 7};
-    const Trace r = run(s, 10);
-    int entries = 0, trusted = 0, wrong = 0;
-    for (size_t i = 0; i < r.events.size(); ++i) {
-        const KmxcServiceEvent &e = r.events[i];
-        if ((e.anomaly & KMXC_SERVICE_ANOMALY_VEHICLE) != 0) {
-            ++entries;
-            EXPECT_STREQ(r.truths[i].phase, "driving: pulling away");
-            EXPECT_EQ(e.accuracy, KMXC_SERVICE_UNRELIABLE) << "the car's own field not yet measured";
-            EXPECT_EQ(e.coverage_cells, 0) << "the store starts afresh";
-        }
-        if (entries == 0 || e.accuracy < KMXC_SERVICE_MEDIUM || (e.flags & KMXC_SERVICE_ORIENTATION_VALID) == 0)
-            continue;
-        ++trusted;
-        if (std::fabs(azimuth_error_deg(e, r.truths[i])) > 15) ++wrong;
-    }
-    EXPECT_EQ(entries, 1);
-    EXPECT_GT(trusted, 1000) << "the mount's estimate is trusted";
-    EXPECT_LE(wrong * 200, trusted) << wrong << " of " << trusted;
 }
 
 }  // namespace
