@@ -3,10 +3,13 @@
 
 #include <array>
 #include <cmath>
+#include <cstdlib>
 
 #include "calibration/calibration_internal.h"
 #include "calibration/test_streams.h"
 #include "numerics/msfloat_reference.h"
+#include "numerics/numerics_test_util.h"
+#include "orientation/test_vectors.h"
 
 namespace {
 
@@ -32,26 +35,11 @@ TEST(EstimatorBuffer, KeepsTheLow16BitsAndSetOffsetDropsTheBatch) {
     KmxAxesMsCalib02_GetOffset(&ctx, &got);
     EXPECT_EQ(ctx.count, 0);
     EXPECT_EQ(ctx.writeIndex, 0);
-    EXPECT_EQ((std::array{got.x, got.y, got.z}), (std::array{1, 2, 3}));
+    EXPECT_EQ(kmxc_test::xyz(got), (std::array{1, 2, 3}));
     EXPECT_EQ(ctx.buffer[4][0], -4);
 }
 
 namespace ref = msfloat_reference;
-
-// The MSFLOAT of an integer of any width: its 16 leading bits, the rest dropped.
-MSFLOAT leading_bits(int64_t v) {
-    if (v == 0) return MSFLOAT{0, 0, 0};
-    uint64_t magnitude = v < 0 ? 0 - uint64_t(v) : uint64_t(v);
-    int width = 0;
-    while (width < 64 && (magnitude >> width) != 0) ++width;
-    const int shift = width - 16;
-    const uint64_t m = shift >= 0 ? magnitude >> shift : magnitude << -shift;
-    return MSFLOAT{int8_t(v < 0 ? -1 : 1), uint8_t(128 + shift), uint16_t(m)};
-}
-
-bool same(const MSFLOAT &a, const MSFLOAT &b) {
-    return a.sign == b.sign && a.exponent == b.exponent && a.mantissa == b.mantissa;
-}
 
 // The statistics from their definition, summed term by term in sample order with the
 // first MSFLOAT: the library's register sums and 32-bit shortcuts must give the very
@@ -80,53 +68,49 @@ TEST(EstimatorStatistics, EqualTheTermByTermSumsOfTheFirstMsfloatBitForBit) {
         KmxAxesData c;
         MSFLOAT gm[6], gb[3], gs;
         ASSERT_EQ(KmxAxesMsCalib02_CalcStatistics(in, 16, &c, gm, gb, &gs), 0);
+        int64_t d[16][3];
+        bool beyond = false;
         for (int k = 0; k < 3; ++k) {
             int32_t sum = 0;
             for (auto &p : in) sum += p[k];
             ASSERT_EQ((&c.x)[k], std::trunc(sum / 16.0)) << "centre " << k << ", batch " << round;
-        }
-        int64_t d[16][3];
-        bool beyond = false;
-        for (int i = 0; i < 16; ++i)
-            for (int k = 0; k < 3; ++k) {
+            for (int i = 0; i < 16; ++i) {
                 d[i][k] = in[i][k] - (&c.x)[k];
-                beyond |= d[i][k] > 46340 || d[i][k] < -46340;
+                beyond |= std::llabs(d[i][k]) > 46340;
             }
+        }
         wide += beyond;
-        MSFLOAT r2{0, 0, 0}, m[6] = {}, b[3] = {}, s{0, 0, 0}, count;
+        // Deviations are below 2^16, so every term is a double exactly and ToMs keeps its
+        // 16 leading bits.
+        auto add = [](MSFLOAT &sum, int64_t term) {
+            const MSFLOAT t = ToMs(double(term));
+            ref::OpPlusEq(&sum, &t);
+        };
+        MSFLOAT r2 = MSFLOAT_0, m[6] = {}, b[3] = {}, s = MSFLOAT_0, count;
         for (auto &p : d)
-            for (int64_t v : p) {
-                const MSFLOAT t = leading_bits(v * v);
-                ref::OpPlusEq(&r2, &t);
-            }
+            for (int64_t v : p) add(r2, v * v);
         ref::I2F(&count, 16);
         ref::OpDivEq(&r2, &count);
         const int pairs[6][2] = {{0, 0}, {0, 1}, {0, 2}, {1, 1}, {1, 2}, {2, 2}};
         for (auto &p : d) {
-            for (int j = 0; j < 6; ++j) {
-                const MSFLOAT t = leading_bits(p[pairs[j][0]] * p[pairs[j][1]]);
-                ref::OpPlusEq(&m[j], &t);
-            }
-            MSFLOAT q = leading_bits(p[0] * p[0]);
-            for (int k = 1; k < 3; ++k) {
-                const MSFLOAT t = leading_bits(p[k] * p[k]);
-                ref::OpPlusEq(&q, &t);
-            }
+            for (int j = 0; j < 6; ++j) add(m[j], p[pairs[j][0]] * p[pairs[j][1]]);
+            MSFLOAT q = MSFLOAT_0;
+            for (int k = 0; k < 3; ++k) add(q, p[k] * p[k]);
             ref::OpMinusEq(&q, &r2);
             MSFLOAT qq = q;
             ref::OpMultiEq(&qq, &q);
             ref::OpPlusEq(&s, &qq);
             for (int k = 0; k < 3; ++k) {
-                MSFLOAT t = leading_bits(p[k]);
+                MSFLOAT t = ToMs(double(p[k]));
                 ref::OpMultiEq(&t, &q);
                 ref::OpShiftEq(&t, -1);
                 ref::OpPlusEq(&b[k], &t);
             }
         }
         ref::OpShiftEq(&s, -2);
-        for (int j = 0; j < 6; ++j) ASSERT_TRUE(same(gm[j], m[j])) << "matrix " << j << ", batch " << round;
-        for (int k = 0; k < 3; ++k) ASSERT_TRUE(same(gb[k], b[k])) << "vector " << k << ", batch " << round;
-        ASSERT_TRUE(same(gs, s)) << "scalar, batch " << round;
+        for (int j = 0; j < 6; ++j) ASSERT_EQ(gm[j], m[j]) << "matrix " << j << ", batch " << round;
+        for (int k = 0; k < 3; ++k) ASSERT_EQ(gb[k], b[k]) << "vector " << k << ", batch " << round;
+        ASSERT_EQ(gs, s) << "scalar, batch " << round;
     }
     EXPECT_GT(wide, 50) << "batches with deviations beyond 46340 counts, of 400";
 }
