@@ -17,14 +17,9 @@ TEST(MsJacobi, WorkedCases) {
         double value[3];
         int32_t vector[3][3];
     } cases[] = {
-        {"2I stops at once; equal values sort by the tie rules",
-         {2, 0, 0, 2, 0, 2},
-         {2, 2, 2},
-         {{0, 0, 16384}, {0, 16384, 0}, {16384, 0, 0}}},
-        {"negative value clamped to zero, its vector kept",
-         {-1, 0, 0, 2, 0, 1},
-         {2, 1, 0},
-         {{0, 16384, 0}, {0, 0, 16384}, {16384, 0, 0}}},
+        // 2I stops at once; its equal values sort by the tie rules.
+        {"2I: three equal values", {2, 0, 0, 2, 0, 2}, {2, 2, 2}, {{0, 0, 16384}, {0, 16384, 0}, {16384, 0, 0}}},
+        {"-1 clamped to 0, vector kept", {-1, 0, 0, 2, 0, 1}, {2, 1, 0}, {{0, 16384, 0}, {0, 0, 16384}, {16384, 0, 0}}},
         {"one 45-degree rotation of the 2-1 block",
          {2, 1, 0, 2, 0, 2},
          {3 - 0x1p-13, 2, 1},

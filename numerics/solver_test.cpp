@@ -17,19 +17,11 @@ TEST(MsSolve, CraftedSystems) {
         MSFLOAT A[15], r[5];
         int status;
     } cases[] = {
-        {"equal-magnitude candidate does not displace row 0",
-         {p, mp, o, o, o, o, H, o, o, o, o, o, l, o, l},
-         {o, H, H, l, l},
-         0},
-        {"largest candidate, not the first, becomes the pivot",
-         {o, p, p2, o, o, H, o, o, o, o, o, o, l, o, l},
-         {p3, H, p2, l, l},
-         0},
+        {"an equal candidate keeps row 0", {p, mp, o, o, o, o, H, o, o, o, o, o, l, o, l}, {o, H, H, l, l}, 0},
+        {"the largest candidate pivots", {o, p, p2, o, o, H, o, o, o, o, o, o, l, o, l}, {p3, H, p2, l, l}, 0},
         {"zero first column", {o, o, o, o, o, l, o, o, o, l, o, o, l, o, l}, {l, l, l, l, l}, -2},
-        {"all-ones matrix: second pivot column is exactly zero",
-         {l, l, l, l, l, l, l, l, l, l, l, l, l, l, l},
-         {l, l, l, l, l},
-         -2},
+        // The second pivot column is exactly zero.
+        {"all ones", {l, l, l, l, l, l, l, l, l, l, l, l, l, l, l}, {l, l, l, l, l}, -2},
         {"quotient overflow", {p, o, o, o, o, l, o, o, o, l, o, o, l, o, l}, {F(1, 250, 32768), l, l, l, l}, -127},
         {"tiny coupling: its square underflows", {l, t, o, o, o, l, o, o, o, l, o, o, l, o, l}, {l, l, l, l, l}, -126},
     };
