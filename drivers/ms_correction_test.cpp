@@ -22,9 +22,7 @@ TEST(SensitivityMatrix, FieldsOfTheFirstSixBytesWithTheirBiases) {
     } cases[] = {
         {"all 0x00", {}, kSensitivityOfZeros},
         {"all 0xFF", {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF}, {100, 31, 7, 31, 101, 31, 31, 31, 193}},
-        {"fields straddling bytes",
-         {0x12, 0x34, 0x56, 0x78, 0x9A, 0xBC, 0xFF, 0xFF, 0xFF},
-         {100, -28, 0, 20, 59, 7, 2, -6, 160}},
+        {"straddling", {0x12, 0x34, 0x56, 0x78, 0x9A, 0xBC, 0xFF, 0xFF, 0xFF}, {100, -28, 0, 20, 59, 7, 2, -6, 160}},
     };
     for (const auto &c : cases) {
         Mat16 s{};

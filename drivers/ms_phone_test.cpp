@@ -97,9 +97,8 @@ TEST_F(MsPhoneTest, TransformationProfileSelectsTheMountingMatrix) {
         const std::string text = err.text();
         EXPECT_TRUE(*c.message ? text.rfind(c.message, 0) == 0 : text.empty()) << c.name << ": " << text;
         EXPECT_EQ(vphone::calls(Call::Open), c.result == 0 ? 1 : 0) << c.name;  // failures change nothing
-        for (int i = 0; i < 9 && c.result == 0; ++i) {
+        for (int i = 0; i < 9 && c.result == 0; ++i)
             EXPECT_EQ(KmxcDrvHandle()->correction[i], 100 * c.mounting[i]) << c.name << " " << i;
-        }
     }
 }
 

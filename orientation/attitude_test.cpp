@@ -102,12 +102,11 @@ TEST(AttitudeProperty, RandomPosesGiveTheRotationsRowsAndHeading) {
         const V3 rows[3] = {p.east, p.north, p.up};
         for (int r = 0; r < 3; ++r) {
             const double want[3] = {rows[r].x, rows[r].y, rows[r].z};
-            for (int k = 0; k < 3; ++k)
-                ASSERT_NEAR(a.matrix[3 * r + k], want[k], 2 * slack + 4)
-                    << "pose " << i << " row " << r << " column " << k;
-            ASSERT_EQ(b.matrix[3 * r], -a.matrix[3 * r]) << "pose " << i << " row " << r;
-            ASSERT_EQ(b.matrix[3 * r + 1], -a.matrix[3 * r + 1]) << "pose " << i << " row " << r;
-            ASSERT_EQ(b.matrix[3 * r + 2], a.matrix[3 * r + 2]) << "pose " << i << " row " << r;
+            for (int k = 0; k < 3; ++k) {
+                const int16_t v = a.matrix[3 * r + k];
+                ASSERT_NEAR(v, want[k], 2 * slack + 4) << "pose " << i << " row " << r << " column " << k;
+                ASSERT_EQ(b.matrix[3 * r + k], k < 2 ? -v : v) << "pose " << i << " row " << r << " column " << k;
+            }
         }
         EXPECT_NEAR(a.msGsCos, 4096 * std::sin(60 / kDeg), slack + 3) << "pose " << i;
 

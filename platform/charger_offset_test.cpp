@@ -56,7 +56,6 @@ TEST_F(ChargerOffsetTest, ProfileLineFillsTheTriplesUpToTheFirstNull) {
         {"profile beyond the lines", "4\n", three, -1, kNothing},
         {"profile 0 (non-numeric) selects nothing", "abc\n", three, -1, kNothing},
         {"no charger file", "1\n", nullptr, -1, kNothing},
-        {"empty charger file", "1\n", "", -1, kNothing},
         {"null first", nullptr, twelve, 0, {-2, kLeftD, kLeftD, kLeftI, kLeftI}},
         {"null second", nullptr, twelve, 1, {-3, k123, kLeftD, kLeftI, kLeftI}},
         {"null third", nullptr, twelve, 2, {-4, k123, k456, kLeftI, kLeftI}},
