@@ -75,6 +75,7 @@ public:
     explicit Session(const Options &opt)
         : opt_(opt),
           replaying_(!opt.replay_path.empty()),
+          rate_hz_(static_cast<uint32_t>(std::lround(opt.rate_hz))),
           scenario_(opt.scenario),
           run_(rig_, scenario_, static_cast<uint32_t>(std::lround(opt.rate_hz))),
           report_(std::cout, opt.quiet) {}
@@ -104,6 +105,7 @@ private:
 
     const Options &opt_;
     const bool replaying_;
+    uint32_t rate_hz_;  // the service's rate: --rate's, or what a replay's times show
     Record replay_;
     Rig rig_;
     Scenario scenario_;
@@ -125,6 +127,17 @@ int Session::read_replay() {
     ParsedRecord p = parse_record(in);
     if (!p.ok) return fail("replay file '" + opt_.replay_path + "' " + p.error, 2);
     replay_ = std::move(p.record);
+    // The service runs at the rate the record was taken at: its windows and hold times
+    // are counted in cycles.
+    if (const double hz = record_rate_hz(replay_); hz > 0) {
+        if (hz < KMXC_SERVICE_RATE_MIN_HZ - 0.5 || hz >= KMXC_SERVICE_RATE_MAX_HZ + 0.5)
+            return fail("replay file '" + opt_.replay_path + "': its rows are " +
+                            std::to_string(std::lround(1e6 / hz)) + " us apart; the service runs at " +
+                            std::to_string(KMXC_SERVICE_RATE_MIN_HZ) + " to " +
+                            std::to_string(KMXC_SERVICE_RATE_MAX_HZ) + " Hz",
+                        2);
+        rate_hz_ = static_cast<uint32_t>(std::lround(hz));
+    }
     return 0;
 }
 
@@ -164,8 +177,7 @@ int Session::start_service() {
     // Faults planned with --fault count from here: the service's first call.
     vphone::apply_fault_plan(faults_);
     KmxcServiceStart started{};
-    const uint32_t rate = static_cast<uint32_t>(std::lround(opt_.rate_hz));
-    if (const int32_t rc = kmxc_service_start(rate, &started); rc != 0)
+    if (const int32_t rc = kmxc_service_start(rate_hz_, &started); rc != 0)
         return fail(std::string("the kit could not start: kmxc_service_start returned ") +
                         kmxc_service_result_name(rc) + " (" + std::to_string(rc) + ")",
                     1);
@@ -174,8 +186,8 @@ int Session::start_service() {
 
     const uint8_t *rough = started.rough;
     const bool calibrated = started.offset_loaded != 0;
-    std::cout << (replaying_ ? "Replaying " + opt_.replay_path : "Scenario " + opt_.scenario.name)
-              << " on the virtual phone (sandbox " << opt_.sandbox << "); rough offset " << int(rough[0]) << ','
+    std::cout << (replaying_ ? "Replaying " + opt_.replay_path : "Scenario " + opt_.scenario.name) << " at " << rate_hz_
+              << " Hz on the virtual phone (sandbox " << opt_.sandbox << "); rough offset " << int(rough[0]) << ','
               << int(rough[1]) << ',' << int(rough[2]) << (started.rough_measured ? " measured" : " from the file")
               << "; "
               << (calibrated ? "stored magnetic offset loaded (unreliable until the field confirms it)"

@@ -97,20 +97,27 @@ TEST(CompassService, TwoPlanesCombineIntoAThreeDimensionalCalibration) {
     EXPECT_LT(num(rows.back(), "offset_error_uT"), 2.0);
 }
 
+// A replay runs the service at the rate its rows show, so the kit's outputs come back
+// sample for sample as well as the library's, whatever the rate recorded at.
 TEST(CompassService, ReplayOfARecordGivesTheSameOutputsSampleForSample) {
-    for (const char *scenario : {"default", "magnet"}) {
-        const std::string d = dir_for(std::string("replay-") + scenario);
-        const Result rec =
-            on_phone(d, {"--fresh", "--scenario", scenario, "--record", d + "/raw.csv", "--outputs", d + "/live.csv"});
+    const char *const kit_columns[] = {"accuracy", "anomaly", "field_uT", "dip_cos", "fed"};
+    for (const auto &[scenario, rate] : {std::pair{"default", "10"}, {"magnet", "10"}, {"default", "50"}}) {
+        const std::string d = dir_for(std::string("replay-") + scenario + "-" + rate);
+        const Result rec = on_phone(d, {"--fresh", "--scenario", scenario, "--rate", rate, "--record", d + "/raw.csv",
+                                        "--outputs", d + "/live.csv"});
         ASSERT_EQ(rec.exit_code, 0) << rec.err;
         const Result rep = on_phone(d, {"--replay", d + "/raw.csv", "--outputs", d + "/replay.csv"}, "replay");
         ASSERT_EQ(rep.exit_code, 0) << rep.err;
+        EXPECT_THAT(rep.out, HasSubstr(std::string(" at ") + rate + " Hz on the virtual phone"));
         if (std::string(scenario) == "magnet") { EXPECT_THAT(rec.out, HasSubstr("rough offset changed 1 time")); }
         const auto live = outputs(d + "/live.csv"), replay = outputs(d + "/replay.csv");
         ASSERT_EQ(live.size(), replay.size()) << scenario;
-        for (size_t i = 0; i < live.size(); ++i)
+        for (size_t i = 0; i < live.size(); ++i) {
             for (const char *col : kLibraryColumns)
                 ASSERT_EQ(live[i].at(col), replay[i].at(col)) << scenario << " sample " << i << " column " << col;
+            for (const char *col : kit_columns)
+                ASSERT_EQ(live[i].at(col), replay[i].at(col)) << scenario << " sample " << i << " column " << col;
+        }
     }
 }
 
@@ -305,6 +312,41 @@ TEST(CompassService, ReplayWaitsOutGapsLongerThanThirtyTwoBitsOfMicroseconds) {
     const auto rows = outputs(d + "/o.csv");
     ASSERT_FALSE(rows.empty());
     EXPECT_EQ(std::stoll(rows.back().at("time_us")), p.record.rows.back().time_us);
+}
+
+// The rate a replay runs at is its rows' spacing, within the service's 1 to 100 Hz (as
+// --rate rounds it); a record taken faster or slower is refused before anything runs.
+TEST(CompassService, AReplayRunsAtTheRateItsRowsShowWithinTheServicesRange) {
+    const std::string d = dir_for("replay-rate");
+    ASSERT_EQ(record_still(d), 0);
+    std::ifstream in(d + "/r.csv");
+    vphone::scene::ParsedRecord p = vphone::scene::parse_record(in);
+    ASSERT_TRUE(p.ok) << p.error;
+    const struct {
+        int64_t spacing_us;
+        int exit_code;
+        const char *said;
+    } cases[] = {
+        {10000, 0, " at 100 Hz on the virtual phone"},
+        {9900, 2, "its rows are 9900 us apart; the service runs at 1 to 100 Hz"},
+        {2000000, 0, " at 1 Hz on the virtual phone"},
+        {2000001, 2, "its rows are 2000001 us apart"},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.spacing_us);
+        std::ofstream out(d + "/spaced.csv");
+        vphone::scene::write_record_header(out, p.record.header);
+        for (const auto &reading : p.record.rough_readings) vphone::scene::write_rough_reading(out, reading);
+        int64_t t = 0;
+        for (vphone::scene::RecordRow row : p.record.rows) {
+            row.time_us = t += c.spacing_us;
+            vphone::scene::write_record_row(out, row);
+        }
+        out.close();
+        const Result r = on_phone(d, {"--replay", d + "/spaced.csv"}, "replay");
+        EXPECT_EQ(r.exit_code, c.exit_code) << r.err;
+        EXPECT_THAT(c.exit_code == 0 ? r.out : r.err, HasSubstr(c.said));
+    }
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
 #include "vphone/scene/record.h"
 
+#include <algorithm>
 #include <charconv>
 #include <istream>
 #include <ostream>
@@ -172,6 +173,15 @@ ParsedRecord parse_record(std::istream &in) {
     if (!p.ok) p.error = "line " + std::to_string(n) + ": " + problem;
     p.record = std::move(reader.record);
     return p;
+}
+
+double record_rate_hz(const Record &r) {
+    if (r.rows.size() < 2) return 0;
+    std::vector<int64_t> step;
+    for (size_t i = 1; i < r.rows.size(); ++i) step.push_back(r.rows[i].time_us - r.rows[i - 1].time_us);
+    const auto mid = step.begin() + static_cast<std::ptrdiff_t>(step.size() / 2);
+    std::nth_element(step.begin(), mid, step.end());
+    return 1e6 / static_cast<double>(*mid);
 }
 
 }  // namespace vphone::scene

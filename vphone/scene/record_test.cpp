@@ -101,5 +101,27 @@ TEST(Record, MalformedFilesAreRefusedWithTheLineAndTheProblem) {
     }
 }
 
+// The rate is the median spacing: a recorder's first cycle, a late or dropped cycle,
+// jitter and a pause in the log leave it where the rows mostly lie.
+TEST(Record, TheRateIsAMillionOverTheRowsMedianSpacing) {
+    const struct {
+        const char *name;
+        std::vector<int64_t> times_us;
+        double hz;
+    } cases[] = {
+        {"no rows", {}, 0},
+        {"one row", {4000}, 0},
+        {"the first cycle 4 ms in, then every 20 ms", {4000, 20000, 40000, 60000, 80000}, 50},
+        {"a late cycle and a dropped one", {0, 20000, 43000, 60000, 100000, 120000, 140000}, 50},
+        {"jitter of a millisecond", {0, 19000, 40000, 60000, 81000, 100000}, 50},
+        {"a pause of an hour", {0, 100000, 200000, 3600200000, 3600300000, 3600400000}, 10},
+    };
+    for (const auto &c : cases) {
+        Record r;
+        for (const int64_t t : c.times_us) r.rows.push_back(RecordRow{t, {}, 0, {}});
+        EXPECT_DOUBLE_EQ(record_rate_hz(r), c.hz) << c.name;
+    }
+}
+
 }  // namespace
 }  // namespace vphone::scene
