@@ -180,14 +180,21 @@ TEST(KitEstimate, ASampleThatJoinedWhileTheFitWaitedCountsInItsAgreement) {
 TEST(KitEstimate, ATrustedOffsetGivesWayOnlyToAFitTheRecentSamplesPreferThatMovesIt) {
     const struct {
         const char *name;
-        int32_t off;  // the offset in use from the field's along x, counts
+        Vec3 off;  // the offset in use from the field's, counts
         bool replaced;
     } cases[] = {
-        {"in use 6 counts off: replaced", 6, true},
-        {"in use one count off: kept (not worth restarting the library's batch)", 1, false},
+        {"in use 6 counts off along x: replaced", {6, 0, 0}, true},
+        {"the republish distance along x", {KMXC_SERVICE_REPUBLISH_MIN_CHANGE, 0, 0}, true},
+        {"... along y", {0, -KMXC_SERVICE_REPUBLISH_MIN_CHANGE, 0}, true},
+        {"... along z", {0, 0, KMXC_SERVICE_REPUBLISH_MIN_CHANGE}, true},
+        {"a count short of it on every axis: kept (not worth restarting the library's batch)",
+         {KMXC_SERVICE_REPUBLISH_MIN_CHANGE - 1, 1 - KMXC_SERVICE_REPUBLISH_MIN_CHANGE,
+          KMXC_SERVICE_REPUBLISH_MIN_CHANGE - 1},
+         false},
     };
     for (const auto &c : cases) {
-        fill(Vec3{kOffset.x + c.off, kOffset.y, kOffset.z}, directions(60), kOffset, kNoSoftIron, 0.3);
+        fill(Vec3{kOffset.x + c.off.x, kOffset.y + c.off.y, kOffset.z + c.off.z}, directions(60), kOffset, kNoSoftIron,
+             0.3);
         trust(KMXC_SERVICE_MEDIUM);
         g_state.estimator = KMXC_SERVICE_ESTIMATOR_LIBRARY;
         const KmxcServiceEvent e = step();

@@ -255,6 +255,32 @@ TEST(PlanarRules, TheArcAndTheRadiusDecideEachAtItsLimit) {
                                       << est.radius_low_q4 << ".." << est.radius_high_q4 << ")";
     }
 }
+// A circle is fitted once KMXC_SERVICE_STORE_REFIT_JOINS samples have joined since the
+// last one and the store holds kPlanarMinSamples, not a join or a sample sooner.
+TEST(PlanarRules, ACircleIsFittedOnceEnoughSamplesHaveJoinedAndTheStoreHoldsEnough) {
+    const struct {
+        const char *name;
+        double arc_deg;  // clean(): a sample every 9 degrees
+        int joins;
+        bool fitted;
+    } cases[] = {
+        {"the refit's joins, the least samples: fitted", 9 * (kPlanarMinSamples - 1), KMXC_SERVICE_STORE_REFIT_JOINS,
+         true},
+        {"a join short", 90, KMXC_SERVICE_STORE_REFIT_JOINS - 1, false},
+        {"a sample short", 9 * (kPlanarMinSamples - 2), KMXC_SERVICE_STORE_REFIT_JOINS, false},
+    };
+    for (const auto &c : cases) {
+        const FieldStore s = clean(c.arc_deg);
+        kit_with(s, Vec3{40, -30, 20}, false);
+        // The store as the last cycle saw it: no join now but those counted.
+        Planar &p = g_state.planar;
+        p.joins = static_cast<uint8_t>(c.joins);
+        p.seen_count = s.count, p.seen_last = s.last;
+        for (int k = 0; k < 3; ++k) p.seen_m[k] = s.sample[s.last].m[k];
+        KmxcServiceEvent e{};
+        EXPECT_EQ(planar_cycle(true, &e), c.fitted) << c.name;
+    }
+}
 
 // What a judged circle does with the offset in use (the store: a full turn about the
 // vertical, 40,-30,20 its centre; the references those of its strength and dip). An

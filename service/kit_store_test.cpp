@@ -118,6 +118,8 @@ TEST(KitStore, TheChecksumIsZlibsCrc32) {
 std::string kit_text(const KitRecord &k) {
     char text[kKitTextMax + 1];
     const size_t n = format_kit(k, text, sizeof text);
+    // Room for the longest line and its terminator, or nothing written.
+    EXPECT_EQ(format_kit(k, text, kKitTextMax), 0u);
     return std::string(text, n);
 }
 
