@@ -148,21 +148,61 @@ TEST(KitRuleEdges, PastTheBandOrAnEpisodesHalfToleranceTheAccuracyIsHeldLowForTh
     EXPECT_TRUE(g_state.offset_trusted);
 }
 
-// A demoted offset is restored by KMXC_SERVICE_CONFIRM_SAMPLES fed samples that agree
-// with it, and only when their mean strength (through the correction in use) is within
-// the tolerance of the reference: 230 of 200 counts is, 231 is not.
+// The stored offset is confirmed once KMXC_SERVICE_CONFIRM_SAMPLES samples have been fed
+// since the start and agree with it within KMXC_SERVICE_AGREE_PERMILLE (8 of 200 counts).
+TEST(KitRuleEdges, AStoredOffsetIsConfirmedByItsFirstFedSamplesUpToTheAgreementLimit) {
+    const struct {
+        const char *name;
+        int32_t hi, lo;  // the samples' strengths, four each
+        int fed_since_start;
+        bool confirmed;
+    } cases[] = {
+        {"208 and 192: the agreement's limit", 208, 192, KMXC_SERVICE_CONFIRM_SAMPLES, true},
+        {"209 and 191: past it", 209, 191, KMXC_SERVICE_CONFIRM_SAMPLES, false},
+        {"a sample short", 200, 200, KMXC_SERVICE_CONFIRM_SAMPLES - 1, false},
+    };
+    for (const auto &c : cases) {
+        const int32_t h = c.hi, l = c.lo;
+        feed({{h, 0, 0}, {0, l, 0}, {0, 0, h}, {-l, 0, 0}, {0, -h, 0}, {0, 0, -l}, {h, 0, 0}, {0, l, 0}});
+        g_state.stored_pending = true;
+        g_state.confirm_count = c.fed_since_start;
+        KmxcServiceEvent e{};
+        try_confirm(KmxAxesData{0, 0, 0}, &e);
+        EXPECT_EQ(g_state.offset_trusted, c.confirmed) << c.name;
+        EXPECT_EQ((e.flags & KMXC_SERVICE_CONFIRMED) != 0, c.confirmed) << c.name;
+    }
+}
+
+// A demoted offset is restored by KMXC_SERVICE_CONFIRM_SAMPLES fed samples, not one
+// fewer, that agree with it (their worst deviation from their mean within
+// KMXC_SERVICE_AGREE_PERMILLE: 8 of 200 counts is, 9 is not), and only when their mean
+// strength (through the correction in use) is within the tolerance of the reference:
+// 230 of 200 counts is, 231 is not.
 TEST(KitRuleEdges, ADemotedOffsetIsRestoredOnlyNearItsReferenceStrength) {
-    for (const int32_t r : {230, 231}) {
-        feed({{r, 0, 0}, {0, r, 0}, {0, 0, r}, {-r, 0, 0}, {0, -r, 0}, {0, 0, -r}, {r, 0, 0}, {0, r, 0}});
+    const struct {
+        const char *name;
+        int32_t hi, lo;  // the samples' strengths, four each
+        bool restored;
+    } cases[] = {
+        {"230 of 200: within the tolerance", 230, 230, true},
+        {"231: beyond it", 231, 231, false},
+        {"208 and 192: the agreement's limit", 208, 192, true},
+        {"209 and 191: past it", 209, 191, false},
+    };
+    for (const auto &c : cases) {
+        const int32_t h = c.hi, l = c.lo;
+        feed({{h, 0, 0}, {0, l, 0}, {0, 0, h}, {-l, 0, 0}, {0, -h, 0}, {0, 0, -l}, {h, 0, 0}, {0, l, 0}});
         g_state.reference = g_state.demoted = g_state.provisional = true;
         g_state.ref_strength = 200;
         KmxcServiceEvent e{};
         e.flags = KMXC_SERVICE_FED;
         // The samples' own strengths, as judged, within the tolerance: the ring decides.
-        for (int i = 0; i < KMXC_SERVICE_CONFIRM_SAMPLES; ++i)
+        for (int i = 0; i < KMXC_SERVICE_CONFIRM_SAMPLES; ++i) {
+            EXPECT_FALSE(g_state.offset_trusted) << c.name << ": after " << i << " samples";
             judge_anomaly(Vec3{0, 0, -4096}, 200, 0, KmxAxesData{0, 0, 0}, 1, &e);
-        EXPECT_EQ(g_state.offset_trusted, r == 230) << r;
-        EXPECT_EQ((e.flags & KMXC_SERVICE_CONFIRMED) != 0, r == 230) << r;
+        }
+        EXPECT_EQ(g_state.offset_trusted, c.restored) << c.name;
+        EXPECT_EQ((e.flags & KMXC_SERVICE_CONFIRMED) != 0, c.restored) << c.name;
     }
 }
 
