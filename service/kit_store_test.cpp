@@ -8,6 +8,7 @@
 #include <cinttypes>
 #include <cstdio>
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -152,9 +153,14 @@ TEST(KitStore, TheKitLineReadsBackAndBelongsToItsRecord) {
     for (const KitRecord &r : {k, full, default_kit(kDefaultRecord)}) {
         const std::string text = kit_text(r);
         KitRecord back{};
-        ASSERT_TRUE(parse_kit(text.data(), text.size(), &back)) << text;
+        // Read from a buffer of exactly its length (no terminator: what lies beyond is not
+        // the line's), and from one that goes on past the length it is given.
+        const std::vector<char> exact(text.begin(), text.end());
+        ASSERT_TRUE(parse_kit(exact.data(), exact.size(), &back)) << text;
         EXPECT_EQ(kit_text(back), text);
         ASSERT_TRUE(parse_kit((text + "\n").data(), text.size() + 1, &back)) << text;
+        ASSERT_TRUE(parse_kit((text + "7,1").data(), text.size(), &back)) << text;
+        EXPECT_EQ(kit_text(back), text);
     }
 }
 
