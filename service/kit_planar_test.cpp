@@ -262,12 +262,14 @@ TEST(PlanarRules, ACircleIsFittedOnceEnoughSamplesHaveJoinedAndTheStoreHoldsEnou
         const char *name;
         double arc_deg;  // clean(): a sample every 9 degrees
         int joins;
+        bool allowed;  // no other fit ran in the cycle
         bool fitted;
     } cases[] = {
         {"the refit's joins, the least samples: fitted", 9 * (kPlanarMinSamples - 1), KMXC_SERVICE_STORE_REFIT_JOINS,
-         true},
-        {"a join short", 90, KMXC_SERVICE_STORE_REFIT_JOINS - 1, false},
-        {"a sample short", 9 * (kPlanarMinSamples - 2), KMXC_SERVICE_STORE_REFIT_JOINS, false},
+         true, true},
+        {"a join short", 90, KMXC_SERVICE_STORE_REFIT_JOINS - 1, true, false},
+        {"a sample short", 9 * (kPlanarMinSamples - 2), KMXC_SERVICE_STORE_REFIT_JOINS, true, false},
+        {"due, but another fit ran in the cycle", 90, KMXC_SERVICE_STORE_REFIT_JOINS, false, false},
     };
     for (const auto &c : cases) {
         const FieldStore s = clean(c.arc_deg);
@@ -278,7 +280,28 @@ TEST(PlanarRules, ACircleIsFittedOnceEnoughSamplesHaveJoinedAndTheStoreHoldsEnou
         p.seen_count = s.count, p.seen_last = s.last;
         for (int k = 0; k < 3; ++k) p.seen_m[k] = s.sample[s.last].m[k];
         KmxcServiceEvent e{};
-        EXPECT_EQ(planar_cycle(true, &e), c.fitted) << c.name;
+        EXPECT_EQ(planar_cycle(c.allowed, &e), c.fitted) << c.name;
+    }
+}
+
+// A planar offset in use gives way to a new estimate of the same level that moves it by
+// KMXC_SERVICE_REPUBLISH_MIN_CHANGE along any axis, not to one that moves it less.
+TEST(PlanarRules, APlanarOffsetInUseGivesWayToAnEstimateThatMovesItByTheRepublishDistance) {
+    const struct {
+        const char *name;
+        Vec3 in_use;
+        bool replaced;
+    } cases[] = {
+        {"the distance along y", {40, -30 + KMXC_SERVICE_REPUBLISH_MIN_CHANGE, 20}, true},
+        {"a count short of it on every axis", {41, -31, 21}, false},
+    };
+    for (const auto &c : cases) {
+        kit_with(clean(120), c.in_use, false);
+        g_state.estimator = KMXC_SERVICE_ESTIMATOR_PLANAR;
+        KmxcServiceEvent e{};
+        for (const char *cycle : {"the circle fitted", "judged", "adopted or not"})
+            ASSERT_TRUE(planar_cycle(true, &e)) << c.name << ": " << cycle;
+        EXPECT_EQ((e.flags & KMXC_SERVICE_NEW_OFFSET) != 0, c.replaced) << c.name;
     }
 }
 

@@ -182,12 +182,14 @@ TEST(KitRuleEdges, ADemotedOffsetIsRestoredOnlyNearItsReferenceStrength) {
     const struct {
         const char *name;
         int32_t hi, lo;  // the samples' strengths, four each
+        int anomalous;   // the judged sample that is an anomaly (-1: none)
         bool restored;
     } cases[] = {
-        {"230 of 200: within the tolerance", 230, 230, true},
-        {"231: beyond it", 231, 231, false},
-        {"208 and 192: the agreement's limit", 208, 192, true},
-        {"209 and 191: past it", 209, 191, false},
+        {"230 of 200: within the tolerance", 230, 230, -1, true},
+        {"231: beyond it", 231, 231, -1, false},
+        {"208 and 192: the agreement's limit", 208, 192, -1, true},
+        {"209 and 191: past it", 209, 191, -1, false},
+        {"an anomaly among them: the count starts again", 200, 200, 3, false},
     };
     for (const auto &c : cases) {
         const int32_t h = c.hi, l = c.lo;
@@ -199,7 +201,7 @@ TEST(KitRuleEdges, ADemotedOffsetIsRestoredOnlyNearItsReferenceStrength) {
         // The samples' own strengths, as judged, within the tolerance: the ring decides.
         for (int i = 0; i < KMXC_SERVICE_CONFIRM_SAMPLES; ++i) {
             EXPECT_FALSE(g_state.offset_trusted) << c.name << ": after " << i << " samples";
-            judge_anomaly(Vec3{0, 0, -4096}, 200, 0, KmxAxesData{0, 0, 0}, 1, &e);
+            judge_anomaly(Vec3{0, 0, -4096}, i == c.anomalous ? 400 : 200, 0, KmxAxesData{0, 0, 0}, 1, &e);
         }
         EXPECT_EQ(g_state.offset_trusted, c.restored) << c.name;
         EXPECT_EQ((e.flags & KMXC_SERVICE_CONFIRMED) != 0, c.restored) << c.name;

@@ -161,6 +161,11 @@ TEST(KitStore, TheKitLineReadsBackAndBelongsToItsRecord) {
         ASSERT_TRUE(parse_kit((text + "\n").data(), text.size() + 1, &back)) << text;
         ASSERT_TRUE(parse_kit((text + "7,1").data(), text.size(), &back)) << text;
         EXPECT_EQ(kit_text(back), text);
+        // Another separator, the checksum made right for it: no record.
+        std::string body = text.substr(0, text.rfind(','));
+        body[body.find(',')] = ';';
+        const std::string semicolon = body + ',' + std::to_string(crc32(body.data(), body.size()));
+        EXPECT_FALSE(parse_kit(semicolon.data(), semicolon.size(), &back)) << semicolon;
     }
 }
 
