@@ -4,12 +4,14 @@
 // kit_rules_edges_test.cpp.)
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <set>
 #include <thread>
 
 #include "calibration/calibration.h"
 #include "service/kit_test_fixture.h"
 #include "vphone/kmxc_model.h"
+#include "vphone/smb380_model.h"
 
 namespace {
 
@@ -92,6 +94,42 @@ TEST_F(Kit, ACallWhileAnotherRunsIsRefusedAsBusy) {
     for (int32_t r : interrupting.results) EXPECT_EQ(r, KMXC_SERVICE_BUSY);
     EXPECT_TRUE(e.flags & KMXC_SERVICE_MEASURED);
     EXPECT_EQ(kmxc_service_stop(), KMXC_SERVICE_OK);
+}
+
+// A cycle whose magnetometer read fails measures nothing; one whose accelerometer read
+// fails reads gravity as zero (the driver's contract) and gives no heading. Neither is
+// fed to the calibration, and the next cycle measures again.
+TEST_F(Kit, ACycleWhoseChipReadFailsGivesNoHeadingAndFeedsNothing) {
+    struct Failing : vphone::BusDevice {
+        vphone::BusDevice *chip = nullptr;
+        int write(const uint8_t *d, size_t n) override { return chip->write(d, n); }
+        int read(uint8_t *, size_t) override { return -EIO; }
+    };
+    const struct {
+        const char *name;
+        int address;
+        bool measured;
+    } cases[] = {
+        {"the magnetometer", vphone::KmxcModel::kAddress, false},
+        {"the accelerometer", vphone::Smb380Model::kAddress, true},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.name);
+        ASSERT_EQ(kmxc_service_start(10, nullptr), KMXC_SERVICE_OK);
+        KmxcServiceEvent e;
+        ASSERT_EQ(kmxc_service_cycle(100000000, &e), KMXC_SERVICE_OK);
+        ASSERT_TRUE(e.flags & KMXC_SERVICE_MEASURED);
+        Failing failing;
+        failing.chip = vphone::attached(c.address);
+        vphone::attach(c.address, &failing);
+        kmxc_service_cycle(200000000, &e);
+        vphone::attach(c.address, failing.chip);
+        EXPECT_EQ((e.flags & KMXC_SERVICE_MEASURED) != 0, c.measured);
+        EXPECT_FALSE(e.flags & (KMXC_SERVICE_HEADING_VALID | KMXC_SERVICE_FED));
+        ASSERT_EQ(kmxc_service_cycle(300000000, &e), KMXC_SERVICE_OK);
+        EXPECT_TRUE(e.flags & KMXC_SERVICE_MEASURED);
+        EXPECT_EQ(kmxc_service_stop(), KMXC_SERVICE_OK);
+    }
 }
 
 // ---- First fit, accuracy and events -----------------------------------------------------
