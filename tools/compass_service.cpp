@@ -77,7 +77,7 @@ public:
           replaying_(!opt.replay_path.empty()),
           rate_hz_(static_cast<uint32_t>(std::lround(opt.rate_hz))),
           scenario_(opt.scenario),
-          run_(rig_, scenario_, static_cast<uint32_t>(std::lround(opt.rate_hz))),
+          run_(rig_, scenario_, rate_hz_),
           report_(std::cout, opt.quiet) {}
 
     int run() {
