@@ -293,25 +293,34 @@ TEST(CompassService, NamesReachThePlotAsTextNeverAsCommands) {
     EXPECT_FALSE(fs::exists("INJECTED") || fs::exists("INJECTED2"));
 }
 
+// A raw record read back, and one written out.
+vphone::scene::Record read_record(const std::string &path) {
+    std::ifstream in(path);
+    vphone::scene::ParsedRecord p = vphone::scene::parse_record(in);
+    EXPECT_TRUE(p.ok) << path << ": " << p.error;
+    return p.record;
+}
+
+void write_record(const std::string &path, const vphone::scene::Record &r) {
+    std::ofstream out(path);
+    vphone::scene::write_record_header(out, r.header);
+    for (const auto &reading : r.rough_readings) vphone::scene::write_rough_reading(out, reading);
+    for (const vphone::scene::RecordRow &row : r.rows) vphone::scene::write_record_row(out, row);
+}
+
 TEST(CompassService, ReplayWaitsOutGapsLongerThanThirtyTwoBitsOfMicroseconds) {
     const std::string d = dir_for("gap");
     ASSERT_EQ(record_still(d), 0);
     // Every row after the first second moves 4,400,000,000 us later: past 2^32.
-    std::ifstream in(d + "/r.csv");
-    vphone::scene::ParsedRecord p = vphone::scene::parse_record(in);
-    ASSERT_TRUE(p.ok) << p.error;
-    for (vphone::scene::RecordRow &row : p.record.rows)
+    vphone::scene::Record gap = read_record(d + "/r.csv");
+    for (vphone::scene::RecordRow &row : gap.rows)
         if (row.time_us > 1000000) row.time_us += 4400000000;
-    std::ofstream out(d + "/gap.csv");
-    vphone::scene::write_record_header(out, p.record.header);
-    for (const auto &reading : p.record.rough_readings) vphone::scene::write_rough_reading(out, reading);
-    for (const vphone::scene::RecordRow &row : p.record.rows) vphone::scene::write_record_row(out, row);
-    out.close();
+    write_record(d + "/gap.csv", gap);
     const Result r = on_phone(d, {"--replay", d + "/gap.csv", "--outputs", d + "/o.csv"}, "replay");
     ASSERT_EQ(r.exit_code, 0) << r.err;
     const auto rows = outputs(d + "/o.csv");
     ASSERT_FALSE(rows.empty());
-    EXPECT_EQ(std::stoll(rows.back().at("time_us")), p.record.rows.back().time_us);
+    EXPECT_EQ(std::stoll(rows.back().at("time_us")), gap.rows.back().time_us);
 }
 
 // The rate a replay runs at is its rows' spacing, within the service's 1 to 100 Hz (as
@@ -319,9 +328,7 @@ TEST(CompassService, ReplayWaitsOutGapsLongerThanThirtyTwoBitsOfMicroseconds) {
 TEST(CompassService, AReplayRunsAtTheRateItsRowsShowWithinTheServicesRange) {
     const std::string d = dir_for("replay-rate");
     ASSERT_EQ(record_still(d), 0);
-    std::ifstream in(d + "/r.csv");
-    vphone::scene::ParsedRecord p = vphone::scene::parse_record(in);
-    ASSERT_TRUE(p.ok) << p.error;
+    const vphone::scene::Record still = read_record(d + "/r.csv");
     const struct {
         int64_t spacing_us;
         int exit_code;
@@ -334,15 +341,10 @@ TEST(CompassService, AReplayRunsAtTheRateItsRowsShowWithinTheServicesRange) {
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.spacing_us);
-        std::ofstream out(d + "/spaced.csv");
-        vphone::scene::write_record_header(out, p.record.header);
-        for (const auto &reading : p.record.rough_readings) vphone::scene::write_rough_reading(out, reading);
+        vphone::scene::Record spaced = still;
         int64_t t = 0;
-        for (vphone::scene::RecordRow row : p.record.rows) {
-            row.time_us = t += c.spacing_us;
-            vphone::scene::write_record_row(out, row);
-        }
-        out.close();
+        for (vphone::scene::RecordRow &row : spaced.rows) row.time_us = t += c.spacing_us;
+        write_record(d + "/spaced.csv", spaced);
         const Result r = on_phone(d, {"--replay", d + "/spaced.csv"}, "replay");
         EXPECT_EQ(r.exit_code, c.exit_code) << r.err;
         EXPECT_THAT(c.exit_code == 0 ? r.out : r.err, HasSubstr(c.said));
