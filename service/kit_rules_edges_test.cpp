@@ -148,6 +148,11 @@ TEST(KitRuleEdges, PastTheBandOrAnEpisodesHalfToleranceTheAccuracyIsHeldLowForTh
     EXPECT_TRUE(g_state.offset_trusted);
 }
 
+// Eight samples fed, four of strength hi and four of lo, along the axes both ways.
+void feed_strengths(int32_t h, int32_t l) {
+    feed({{h, 0, 0}, {0, l, 0}, {0, 0, h}, {-l, 0, 0}, {0, -h, 0}, {0, 0, -l}, {h, 0, 0}, {0, l, 0}});
+}
+
 // The stored offset is confirmed once KMXC_SERVICE_CONFIRM_SAMPLES samples have been fed
 // since the start and agree with it within KMXC_SERVICE_AGREE_PERMILLE (8 of 200 counts).
 TEST(KitRuleEdges, AStoredOffsetIsConfirmedByItsFirstFedSamplesUpToTheAgreementLimit) {
@@ -162,8 +167,7 @@ TEST(KitRuleEdges, AStoredOffsetIsConfirmedByItsFirstFedSamplesUpToTheAgreementL
         {"a sample short", 200, 200, KMXC_SERVICE_CONFIRM_SAMPLES - 1, false},
     };
     for (const auto &c : cases) {
-        const int32_t h = c.hi, l = c.lo;
-        feed({{h, 0, 0}, {0, l, 0}, {0, 0, h}, {-l, 0, 0}, {0, -h, 0}, {0, 0, -l}, {h, 0, 0}, {0, l, 0}});
+        feed_strengths(c.hi, c.lo);
         g_state.stored_pending = true;
         g_state.confirm_count = c.fed_since_start;
         KmxcServiceEvent e{};
@@ -192,8 +196,7 @@ TEST(KitRuleEdges, ADemotedOffsetIsRestoredOnlyNearItsReferenceStrength) {
         {"an anomaly among them: the count starts again", 200, 200, 3, false},
     };
     for (const auto &c : cases) {
-        const int32_t h = c.hi, l = c.lo;
-        feed({{h, 0, 0}, {0, l, 0}, {0, 0, h}, {-l, 0, 0}, {0, -h, 0}, {0, 0, -l}, {h, 0, 0}, {0, l, 0}});
+        feed_strengths(c.hi, c.lo);
         g_state.reference = g_state.demoted = g_state.provisional = true;
         g_state.ref_strength = 200;
         KmxcServiceEvent e{};
