@@ -24,7 +24,6 @@ constexpr double kDriveS = 600.0;            // the drive's length in time
 constexpr double kDriveMaxAccelG = 0.4;      // braking, accelerating or cornering
 constexpr double kDriveMaxSlopeDeg = 5.0;    // the road's pitch
 constexpr double kDriveMaxTrafficMps = 2.6;  // a straight stretch's speed about its own
-constexpr double kStandardGravity = 9.80665;
 
 struct DriveLeg {
     enum Kind { Still, Speed, Turn } kind;

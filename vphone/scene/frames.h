@@ -31,6 +31,8 @@ namespace vphone::scene {
 
 using Mat3 = std::array<Vec3, 3>;  // row-major
 
+constexpr double kStandardGravity = 9.80665;  // m/s^2 in one g
+
 struct Pose {
     double heading_deg = 0;  // geographic heading of the phone's y axis
     double pitch_deg = 0;

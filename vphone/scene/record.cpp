@@ -175,13 +175,19 @@ ParsedRecord parse_record(std::istream &in) {
     return p;
 }
 
-double record_rate_hz(const Record &r) {
-    if (r.rows.size() < 2) return 0;
+double median_rate_hz(std::vector<int64_t> times_us) {
+    if (times_us.size() < 2) return 0;
     std::vector<int64_t> step;
-    for (size_t i = 1; i < r.rows.size(); ++i) step.push_back(r.rows[i].time_us - r.rows[i - 1].time_us);
+    for (size_t i = 1; i < times_us.size(); ++i) step.push_back(times_us[i] - times_us[i - 1]);
     const auto mid = step.begin() + static_cast<std::ptrdiff_t>(step.size() / 2);
     std::nth_element(step.begin(), mid, step.end());
     return 1e6 / static_cast<double>(*mid);
+}
+
+double record_rate_hz(const Record &r) {
+    std::vector<int64_t> t;
+    for (const RecordRow &row : r.rows) t.push_back(row.time_us);
+    return median_rate_hz(std::move(t));
 }
 
 }  // namespace vphone::scene
