@@ -1,0 +1,151 @@
+#include "vphone/scene/field_log.h"
+
+#include <charconv>
+#include <istream>
+#include <ostream>
+
+#include "vphone/scene/record.h"
+
+namespace vphone::scene {
+namespace {
+
+constexpr const char *kMagic = "# kmxc field log 1";
+constexpr const char *kColumns = "time_us,mag_x,mag_y,mag_z,accel_x,accel_y,accel_z";
+constexpr const char *kTemperatureColumn = ",temperature";
+
+// The fields of a line, blanks dropped (a CR has gone with the line end).
+std::vector<std::string> split(const std::string &line) {
+    std::vector<std::string> f{""};
+    for (char c : line) {
+        if (c == ',')
+            f.emplace_back();
+        else if (c != ' ' && c != '\t')
+            f.back() += c;
+    }
+    return f;
+}
+
+bool to_number(const std::string &s, double lo, double hi, double *out) {
+    const char *b = s.data(), *e = s.data() + s.size();
+    if (b != e && *b == '+') ++b;
+    const auto r = std::from_chars(b, e, *out);
+    // nan and inf fail the range.
+    return r.ec == std::errc() && r.ptr == e && b != e && *out >= lo && *out <= hi;
+}
+
+bool to_time(const std::string &s, int64_t *out) {
+    const char *b = s.data(), *e = s.data() + s.size();
+    const auto r = std::from_chars(b, e, *out);
+    return r.ec == std::errc() && r.ptr == e && b != e && *out >= 0 && *out <= (int64_t{1} << 53);
+}
+
+void put(std::ostream &out, double v) {
+    char b[32];
+    const auto r = std::to_chars(b, b + sizeof b, v);
+    out.write(b, r.ptr - b);
+}
+
+// A data line's fields into r; "" or the problem.
+std::string read_row(const std::vector<std::string> &f, bool with_temperature, FieldLogRow *r) {
+    const size_t n = with_temperature ? 8 : 7;
+    if (f.size() != n) return "expected " + std::to_string(n) + " values, found " + std::to_string(f.size());
+    if (!to_time(f[0], &r->time_us))
+        return "time_us '" + f[0] + "' is not a whole number in 0.." + std::to_string(int64_t{1} << 53);
+    static const char *names[7] = {"", "mag_x", "mag_y", "mag_z", "accel_x", "accel_y", "accel_z"};
+    for (int i = 1; i < 7; ++i) {
+        const double limit = i < 4 ? kFieldLogMaxMicrotesla : kFieldLogMaxMps2;
+        double *v = i < 4 ? &r->mag_uT[static_cast<size_t>(i - 1)] : &r->accel_mps2[static_cast<size_t>(i - 4)];
+        if (!to_number(f[static_cast<size_t>(i)], -limit, limit, v))
+            return std::string(names[i]) + " '" + f[static_cast<size_t>(i)] + "' is not a number in " +
+                   std::to_string(static_cast<int>(-limit)) + ".." + std::to_string(static_cast<int>(limit));
+    }
+    if (with_temperature && !to_number(f[7], kFieldLogMinC, kFieldLogMaxC, &r->temperature_C))
+        return "temperature '" + f[7] + "' is not a number in " + std::to_string(static_cast<int>(kFieldLogMinC)) +
+               ".." + std::to_string(static_cast<int>(kFieldLogMaxC));
+    return "";
+}
+
+}  // namespace
+
+void write_field_log_header(std::ostream &out, bool with_temperature) {
+    out << kMagic << '\n' << kColumns << (with_temperature ? kTemperatureColumn : "") << '\n';
+}
+
+void write_field_log_row(std::ostream &out, const FieldLogRow &r, bool with_temperature) {
+    out << r.time_us;
+    for (double v : r.mag_uT) out << ',', put(out, v);
+    for (double v : r.accel_mps2) out << ',', put(out, v);
+    if (with_temperature) out << ',', put(out, r.temperature_C);
+    out << '\n';
+}
+
+ParsedFieldLog parse_field_log(std::istream &in) {
+    ParsedFieldLog p;
+    FieldLog &log = p.log;
+    const std::string with_temperature = std::string(kColumns) + kTemperatureColumn;
+    bool columns = false;
+    std::string line, problem;
+    int n = 0;
+    while (problem.empty() && std::getline(in, line)) {
+        ++n;
+        if (!line.empty() && line.back() == '\r') line.pop_back();
+        if (n == 1) {
+            if (line != kMagic) problem = "not a field log: the first line must be '" + std::string(kMagic) + "'";
+            continue;
+        }
+        if (line.empty() || line[0] == '#') continue;
+        if (!columns) {
+            if (line != kColumns && line != with_temperature)
+                problem = "the column line must be '" + std::string(kColumns) + "', optionally followed by '" +
+                          kTemperatureColumn + "'";
+            log.has_temperature = line == with_temperature;
+            columns = true;
+            continue;
+        }
+        FieldLogRow r;
+        problem = read_row(split(line), log.has_temperature, &r);
+        if (problem.empty() && !log.rows.empty() && r.time_us <= log.rows.back().time_us)
+            problem = "time_us " + std::to_string(r.time_us) + " does not increase";
+        if (problem.empty()) log.rows.push_back(r);
+    }
+    if (n == 0) {
+        p.error = "empty file";
+        return p;
+    }
+    if (problem.empty() && !columns) problem = "no column line '" + std::string(kColumns) + "'";
+    if (problem.empty() && log.rows.empty()) problem = "no samples";
+    p.ok = problem.empty();
+    if (!p.ok) p.error = "line " + std::to_string(n) + ": " + problem;
+    return p;
+}
+
+double field_log_rate_hz(const FieldLog &log) {
+    std::vector<int64_t> t;
+    for (const FieldLogRow &row : log.rows) t.push_back(row.time_us);
+    return median_rate_hz(std::move(t));
+}
+
+Truth truth_of(const FieldLogRow &r) {
+    Truth t;
+    t.t_s = static_cast<double>(r.time_us) / 1e6;
+    t.phase = "logged";
+    t.field_uT = r.mag_uT;
+    // The scene's gravity sample points the way gravity pulls; a phone's accelerometer
+    // reads the opposite (the push that holds the phone up).
+    for (size_t k = 0; k < 3; ++k) t.gravity_g[k] = -r.accel_mps2[k] / kStandardGravity;
+    t.temperature_C = r.temperature_C;
+    return t;
+}
+
+FieldLogRow row_of(int64_t time_us, const Truth &t) {
+    FieldLogRow r;
+    r.time_us = time_us;
+    for (size_t k = 0; k < 3; ++k) {
+        r.mag_uT[k] = t.field_uT[k] + t.hard_iron_uT[k];
+        r.accel_mps2[k] = -t.gravity_g[k] * kStandardGravity;
+    }
+    r.temperature_C = t.temperature_C;
+    return r;
+}
+
+}  // namespace vphone::scene

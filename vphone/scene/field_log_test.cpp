@@ -1,0 +1,156 @@
+#include "vphone/scene/field_log.h"
+
+#include <gtest/gtest.h>
+
+#include <random>
+#include <sstream>
+
+namespace vphone::scene {
+namespace {
+
+FieldLog random_log(uint32_t seed, int rows, bool with_temperature) {
+    std::mt19937 rng(seed);
+    std::uniform_real_distribution<double> mag(-kFieldLogMaxMicrotesla, kFieldLogMaxMicrotesla),
+        acc(-kFieldLogMaxMps2, kFieldLogMaxMps2), temp(kFieldLogMinC, kFieldLogMaxC);
+    FieldLog log;
+    log.has_temperature = with_temperature;
+    int64_t t = 1'700'000'000'000;  // a phone's clock since boot: the log's times need not start at 0
+    for (int i = 0; i < rows; ++i) {
+        FieldLogRow r;
+        r.time_us = (t += 20000 + i % 3);
+        for (double &m : r.mag_uT) m = mag(rng);
+        for (double &a : r.accel_mps2) a = acc(rng);
+        if (with_temperature) r.temperature_C = temp(rng);
+        log.rows.push_back(r);
+    }
+    return log;
+}
+
+std::string text_of(const FieldLog &log) {
+    std::ostringstream o;
+    write_field_log_header(o, log.has_temperature);
+    for (const FieldLogRow &r : log.rows) write_field_log_row(o, r, log.has_temperature);
+    return o.str();
+}
+
+ParsedFieldLog parse(const std::string &text) {
+    std::istringstream in(text);
+    return parse_field_log(in);
+}
+
+// Every double comes back bit for bit, with either line end and either column set.
+TEST(FieldLog, WrittenLogsParseBackExactly) {
+    for (bool with_temperature : {false, true})
+        for (bool crlf : {false, true}) {
+            const FieldLog log = random_log(with_temperature ? 2 : 1, 300, with_temperature);
+            std::string text = text_of(log);
+            if (crlf)
+                for (size_t at = text.find('\n'); at != std::string::npos; at = text.find('\n', at + 2))
+                    text.insert(at, "\r");
+            const ParsedFieldLog p = parse(text);
+            ASSERT_TRUE(p.ok) << p.error;
+            EXPECT_TRUE(p.log == log) << (with_temperature ? "temperature" : "none") << (crlf ? ", \\r\\n" : "");
+        }
+}
+
+constexpr const char *kHead = "# kmxc field log 1\ntime_us,mag_x,mag_y,mag_z,accel_x,accel_y,accel_z\n";
+constexpr const char *kRow = "0,10,20,-30,0,0,9.8\n";
+
+// What a phone's logger may write beyond ours: blanks, comments, a plus sign, exponents,
+// a temperature column.
+TEST(FieldLog, ReadsWhatAPhonesLoggerWrites) {
+    const struct {
+        const char *name, *text;
+        FieldLogRow first;
+    } cases[] = {
+        {"blanks, comments and empty lines",
+         "# kmxc field log 1\n# from a phone\n\ntime_us,mag_x,mag_y,mag_z,accel_x,accel_y,accel_z\n"
+         " 7 , 1.5 ,\t-2,+3 , 0.25,-0.5,9.75\n",
+         {7, {1.5, -2, 3}, {0.25, -0.5, 9.75}, kFieldLogTemperatureC}},
+        {"exponents and the limits",
+         "# kmxc field log 1\ntime_us,mag_x,mag_y,mag_z,accel_x,accel_y,accel_z\n"
+         "9007199254740992,2e3,-2000,1e-3,78.4532,-78.4532,0\n",
+         {int64_t{1} << 53, {2000, -2000, 0.001}, {78.4532, -78.4532, 0}, kFieldLogTemperatureC}},
+        {"a temperature column",
+         "# kmxc field log 1\ntime_us,mag_x,mag_y,mag_z,accel_x,accel_y,accel_z,temperature\n0,1,2,3,4,5,6,-40\n",
+         {0, {1, 2, 3}, {4, 5, 6}, -40}},
+    };
+    for (const auto &c : cases) {
+        const ParsedFieldLog p = parse(c.text);
+        ASSERT_TRUE(p.ok) << c.name << ": " << p.error;
+        EXPECT_EQ(p.log.rows.at(0), c.first) << c.name;
+    }
+}
+
+TEST(FieldLog, MalformedLogsAreRefusedWithTheLineAndTheProblem) {
+    const std::string head = kHead;
+    const struct {
+        const char *name;
+        std::string text;
+        const char *error_part;
+    } cases[] = {
+        {"empty", "", "empty file"},
+        {"a raw record", "# kmxc raw record 1\n", "line 1: not a field log"},
+        {"other columns", "# kmxc field log 1\ntime_us,mag_x,mag_y,mag_z\n", "line 2: the column line must be"},
+        {"no column line", "# kmxc field log 1\n# only a comment\n", "no column line"},
+        {"no samples", head, "no samples"},
+        {"too few values", head + "0,1,2,3,4,5\n", "line 3: expected 7 values, found 6"},
+        {"a temperature the columns do not name", head + "0,1,2,3,4,5,6,25\n", "expected 7 values, found 8"},
+        {"a time with a fraction", head + "0.5,1,2,3,4,5,6\n", "time_us '0.5'"},
+        {"a negative time", head + "-1,1,2,3,4,5,6\n", "time_us '-1'"},
+        {"time standing still", head + kRow + kRow, "line 4: time_us 0 does not increase"},
+        {"time running back", head + "5,1,2,3,4,5,6\n4,1,2,3,4,5,6\n", "line 4: time_us 4 does not increase"},
+        {"a field beyond the limit", head + "0,2000.001,2,3,4,5,6\n",
+         "mag_x '2000.001' is not a number in -2000..2000"},
+        {"an acceleration beyond 8 g", head + "0,1,2,3,4,5,-78.46\n", "accel_z '-78.46'"},
+        {"not a number", head + "0,1,nan,3,4,5,6\n", "mag_y 'nan'"},
+        {"infinite", head + "0,1,2,3,inf,5,6\n", "accel_x 'inf'"},
+        {"an empty value", head + "0,1,2,,4,5,6\n", "mag_z ''"},
+        {"trailing text", head + "0,1,2,3,4,5,6x\n", "accel_z '6x'"},
+        {"a temperature beyond 85 C",
+         "# kmxc field log 1\ntime_us,mag_x,mag_y,mag_z,accel_x,accel_y,accel_z,temperature\n0,1,2,3,4,5,6,85.5\n",
+         "temperature '85.5' is not a number in -40..85"},
+    };
+    for (const auto &c : cases) {
+        const ParsedFieldLog p = parse(c.text);
+        EXPECT_FALSE(p.ok) << c.name;
+        EXPECT_NE(p.error.find(c.error_part), std::string::npos) << c.name << ": got '" << p.error << "'";
+    }
+}
+
+// The scene's conventions, checked on poses whose readings are known without its code:
+// a phone's accelerometer reads the push that holds it up, the scene's gravity sample
+// the pull.
+TEST(FieldLog, AnInstantIsSensedAsThePhoneReportedIt) {
+    const struct {
+        const char *name;
+        Vec3 accel_mps2, gravity_g;
+    } cases[] = {
+        {"lying face up", {0, 0, kStandardGravity}, {0, 0, -1}},
+        {"standing upright", {0, kStandardGravity, 0}, {0, -1, 0}},
+        {"on its left edge, pushed forward at 0.5 g", {kStandardGravity, 0, -kStandardGravity / 2}, {-1, 0, 0.5}},
+    };
+    for (const auto &c : cases) {
+        FieldLogRow r{1234567, {10, -20, 30.5}, c.accel_mps2, 31.5};
+        const Truth t = truth_of(r);
+        for (size_t k = 0; k < 3; ++k) {
+            EXPECT_DOUBLE_EQ(t.gravity_g[k], c.gravity_g[k]) << c.name << " axis " << k;
+            EXPECT_EQ(t.field_uT[k], r.mag_uT[k]) << c.name;
+            EXPECT_EQ(t.hard_iron_uT[k], 0.0) << c.name;
+        }
+        EXPECT_EQ(t.temperature_C, 31.5) << c.name;
+        // And back: the field sensed, hard iron included, and the reading.
+        Truth scene = t;
+        scene.hard_iron_uT = {5, 6, 7};
+        scene.field_uT = {5, -26, 23.5};
+        const FieldLogRow back = row_of(r.time_us, scene);
+        for (size_t k = 0; k < 3; ++k) {
+            EXPECT_EQ(back.mag_uT[k], r.mag_uT[k]) << c.name;
+            EXPECT_DOUBLE_EQ(back.accel_mps2[k], r.accel_mps2[k]) << c.name;
+        }
+        EXPECT_EQ(back.time_us, r.time_us);
+    }
+}
+
+}  // namespace
+}  // namespace vphone::scene
