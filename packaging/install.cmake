@@ -111,6 +111,7 @@ install(TARGETS compass_service RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMP
 install(FILES ${PROJECT_SOURCE_DIR}/vphone/preloading.md DESTINATION ${KMXC_TOOLS_DOCDIR} RENAME vphone.md
   COMPONENT tools)
 install(FILES ${PROJECT_SOURCE_DIR}/tools/compass_service.md ${PROJECT_SOURCE_DIR}/docs/record-format.md
+  ${PROJECT_SOURCE_DIR}/docs/field-log-format.md
   ${PROJECT_SOURCE_DIR}/vphone/preload_demo.c ${PROJECT_SOURCE_DIR}/service/example_service.c
   DESTINATION ${KMXC_TOOLS_DOCDIR} COMPONENT tools)
 

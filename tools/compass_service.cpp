@@ -3,8 +3,9 @@
 // (service/kmxc_service.h), which owns the library's call order, the calibration's
 // sample feed, the accuracy, anomaly and persistence rules.
 //
-// What stays here is the demo around the kit: its command line, the run of a scenario
-// or a record on the scene's rig (vphone/scene), raw records, the report and the plot.
+// What stays here is the demo around the kit: its command line, the run of a scenario,
+// a raw record or a field log on the scene's rig (vphone/scene), the logs it writes, the
+// report and the plot.
 #include <cerrno>
 #include <cmath>
 #include <cstdio>
@@ -22,6 +23,7 @@
 #include "tools/report.h"
 #include "tools/run_files.h"
 #include "vphone/fault_plan.h"
+#include "vphone/scene/field_log.h"
 #include "vphone/scene/record.h"
 #include "vphone/scene/rig.h"
 #include "vphone/scene/scenario.h"
@@ -69,12 +71,13 @@ std::string seconds_text(uint64_t us) {
 }
 
 // One run of the service: the phone set up as the options say, the kit started, one
-// kit cycle per scenario cycle or recorded row, then the report.
+// kit cycle per scenario cycle, recorded row or field log instant, then the report.
 class Session {
 public:
     explicit Session(const Options &opt)
         : opt_(opt),
           replaying_(!opt.replay_path.empty()),
+          logged_(!opt.field_log_path.empty()),
           rate_hz_(static_cast<uint32_t>(std::lround(opt.rate_hz))),
           scenario_(opt.scenario),
           run_(rig_, scenario_, rate_hz_),
@@ -82,6 +85,7 @@ public:
 
     int run() {
         if (int status = read_replay(); status != 0) return status;
+        if (int status = read_field_log(); status != 0) return status;
         if (int status = check_files(); status != 0) return status;
         if (int status = set_up_phone(); status != 0) return status;
         if (int status = start_service(); status != 0) return status;
@@ -93,25 +97,33 @@ public:
 
 private:
     int read_replay();
+    int read_field_log();
+    int take_rate(const std::string &what, double hz, const char *advice);
     int check_files();
     int set_up_phone();
     int start_service();
     void write_record_header(const KmxcServiceStart &started);
     void log_rough_readings();
     bool next_cycle(size_t i);
+    bool next_logged_cycle(size_t i);
     void cycle();
     int finish();
     int write_files();
 
     const Options &opt_;
-    const bool replaying_;
-    uint32_t rate_hz_;  // the service's rate: --rate's, or what a replay's times show
+    const bool replaying_;  // a raw record
+    const bool logged_;     // a field log
+    uint32_t rate_hz_;      // the service's rate: --rate's, or what a replay's times show
     Record replay_;
+    FieldLog field_log_;
+    size_t logged_row_ = 0;         // the field log's row the chips sense
+    uint64_t logged_start_us_ = 0;  // virtual time of the field log's first row
     Rig rig_;
     Scenario scenario_;
     ScriptedRun run_;
     Report report_;
     std::ofstream record_;
+    std::ofstream field_record_;
     RecordHeader header_;
     std::vector<vphone::PlannedFault> faults_;
     int rough_changes_ = 0;
@@ -129,15 +141,33 @@ int Session::read_replay() {
     replay_ = std::move(p.record);
     // The service runs at the rate the record was taken at: its windows and hold times
     // are counted in cycles.
-    if (const double hz = record_rate_hz(replay_); hz > 0) {
-        if (hz < KMXC_SERVICE_RATE_MIN_HZ - 0.5 || hz >= KMXC_SERVICE_RATE_MAX_HZ + 0.5)
-            return fail("replay file '" + opt_.replay_path + "': its rows are " +
-                            std::to_string(std::lround(1e6 / hz)) + " us apart; the service runs at " +
-                            std::to_string(KMXC_SERVICE_RATE_MIN_HZ) + " to " +
-                            std::to_string(KMXC_SERVICE_RATE_MAX_HZ) + " Hz",
-                        2);
-        rate_hz_ = static_cast<uint32_t>(std::lround(hz));
-    }
+    return take_rate("replay file '" + opt_.replay_path + "'", record_rate_hz(replay_), "");
+}
+
+int Session::read_field_log() {
+    if (!logged_) return 0;
+    const std::string &path = opt_.field_log_path;
+    std::ifstream in(path);
+    if (!in) return fail("cannot read field log '" + path + "': " + std::strerror(errno), 2);
+    if (std::filesystem::is_directory(path)) return fail("cannot read field log '" + path + "': it is a directory", 2);
+    ParsedFieldLog p = parse_field_log(in);
+    if (!p.ok) return fail("field log '" + path + "' " + p.error, 2);
+    field_log_ = std::move(p.log);
+    // A world sampled at the rate asked for, or at the one the log was taken at.
+    if (opt_.rate_given) return 0;
+    return take_rate("field log '" + path + "'", field_log_rate_hz(field_log_), " (--rate samples it at another)");
+}
+
+// The rate a replay's times show (0: a single row) becomes the service's, if it can run at
+// it; what: the file as the message names it.
+int Session::take_rate(const std::string &what, double hz, const char *advice) {
+    if (hz <= 0) return 0;
+    if (hz < KMXC_SERVICE_RATE_MIN_HZ - 0.5 || hz >= KMXC_SERVICE_RATE_MAX_HZ + 0.5)
+        return fail(what + ": its rows are " + std::to_string(std::lround(1e6 / hz)) +
+                        " us apart; the service runs at " + std::to_string(KMXC_SERVICE_RATE_MIN_HZ) + " to " +
+                        std::to_string(KMXC_SERVICE_RATE_MAX_HZ) + " Hz" + advice,
+                    2);
+    rate_hz_ = static_cast<uint32_t>(std::lround(hz));
     return 0;
 }
 
@@ -147,6 +177,11 @@ int Session::check_files() {
     if (!opt_.record_path.empty()) {
         record_.open(opt_.record_path);
         if (!record_) return fail("cannot write record file '" + opt_.record_path + "'", 2);
+    }
+    if (!opt_.field_record_path.empty()) {
+        field_record_.open(opt_.field_record_path);
+        if (!field_record_) return fail("cannot write field log '" + opt_.field_record_path + "'", 2);
+        write_field_log_header(field_record_, true);
     }
     std::string error;
     if (!opt_.fault_plan.empty() && !vphone::parse_fault_plan(opt_.fault_plan, &faults_, &error))
@@ -158,8 +193,9 @@ int Session::check_files() {
 int Session::set_up_phone() {
     std::string error;
     const int profile = opt_.scenario.profile;
-    // A scenario that starts with no stored offset empties the sandbox as --fresh does.
-    const bool fresh = opt_.fresh || find_scenario(opt_.scenario.name)->fresh;
+    // A scenario that starts with no stored offset empties the sandbox as --fresh does;
+    // so does a field log, of a phone whose offsets are not this sandbox's.
+    const bool fresh = opt_.fresh || logged_ || find_scenario(opt_.scenario.name)->fresh;
     const bool sandbox_ok = replaying_ ? rig_.open_replay_sandbox(opt_.sandbox, replay_.header, &error)
                                        : rig_.open_sandbox(opt_.sandbox, fresh, profile, &error);
     if (!sandbox_ok) return fail(error, 1);
@@ -167,7 +203,10 @@ int Session::set_up_phone() {
         rig_.attach_replay_chips(replay_);
     } else {
         rig_.attach_chips(profile, kRigCalibration);
-        run_.sense_start();
+        if (logged_)
+            rig_.sense(truth_of(field_log_.rows.front()));
+        else
+            run_.sense_start();
     }
     header_.has_stored = stored_calibration_line(&header_.stored);
     return 0;
@@ -186,10 +225,10 @@ int Session::start_service() {
 
     const uint8_t *rough = started.rough;
     const bool calibrated = started.offset_loaded != 0;
-    std::cout << (replaying_ ? "Replaying " + opt_.replay_path : "Scenario " + opt_.scenario.name) << " at " << rate_hz_
-              << " Hz on the virtual phone (sandbox " << opt_.sandbox << "); rough offset " << int(rough[0]) << ','
-              << int(rough[1]) << ',' << int(rough[2]) << (started.rough_measured ? " measured" : " from the file")
-              << "; "
+    std::cout << (replaying_ || logged_ ? "Replaying " + replay_input(opt_) : "Scenario " + opt_.scenario.name)
+              << " at " << rate_hz_ << " Hz on the virtual phone (sandbox " << opt_.sandbox << "); rough offset "
+              << int(rough[0]) << ',' << int(rough[1]) << ',' << int(rough[2])
+              << (started.rough_measured ? " measured" : " from the file") << "; "
               << (calibrated ? "stored magnetic offset loaded (unreliable until the field confirms it)"
                              : "no stored magnetic offset")
               << (started.file_repaired ? "; the calibration file was empty or garbled and was reset" : "") << "\n";
@@ -215,8 +254,10 @@ void Session::log_rough_readings() {
         if (record_.is_open()) write_rough_reading(record_, r);
 }
 
-// Waits for cycle i and feeds the chips: the scenario's instant, or the recorded row.
+// Waits for cycle i and feeds the chips: the scenario's instant, the recorded row or the
+// logged instant.
 bool Session::next_cycle(size_t i) {
+    if (logged_) return next_logged_cycle(i);
     if (!replaying_) return run_.next();
     if (i >= replay_.rows.size()) return false;
     wait_until(static_cast<uint64_t>(replay_.rows[i].time_us));
@@ -225,12 +266,34 @@ bool Session::next_cycle(size_t i) {
     return true;
 }
 
+// A field log's cycle i: at its row i's time, or every 1/--rate s from its first row (the
+// chips sensing the last row logged by then), until its last row. Log times count from
+// the first cycle.
+bool Session::next_logged_cycle(size_t i) {
+    const std::vector<FieldLogRow> &rows = field_log_.rows;
+    const int64_t first = rows.front().time_us;
+    int64_t at;
+    if (opt_.rate_given)
+        at = first + static_cast<int64_t>(i) * (1000000 / rate_hz_);
+    else if (i < rows.size())
+        at = rows[i].time_us;
+    else
+        return false;
+    if (at > rows.back().time_us) return false;
+    if (i == 0) logged_start_us_ = vphone::now_us();
+    while (logged_row_ + 1 < rows.size() && rows[logged_row_ + 1].time_us <= at) ++logged_row_;
+    wait_until(logged_start_us_ + static_cast<uint64_t>(at - first));
+    rig_.sense(truth_of(rows[logged_row_]));
+    vphone::clear_transcript();
+    return true;
+}
+
 void Session::cycle() {
     const uint64_t now = vphone::now_us();
     KmxcServiceEvent e;
     kmxc_service_cycle(static_cast<int64_t>(now) * 1000, &e);
     SampleOutput s = to_sample(e);
-    if (!replaying_) {
+    if (!replaying_ && !logged_) {
         s.has_truth = true;
         s.phase = run_.truth().phase;
         // The integer heading's truth is of the axis the kit says it followed.
@@ -244,6 +307,7 @@ void Session::cycle() {
                                             {uint16_t(e.raw_mag[0]), uint16_t(e.raw_mag[1]), uint16_t(e.raw_mag[2])},
                                             uint16_t(e.raw_temperature),
                                             {e.raw_accel[0], e.raw_accel[1], e.raw_accel[2]}});
+    if (field_record_.is_open()) write_field_log_row(field_record_, row_of(s.time_us, run_.truth()), true);
     report_.add(s);
     if (e.flags & KMXC_SERVICE_SAVE_FAILED)
         std::cout << "  t " << seconds_text(now)
@@ -280,8 +344,9 @@ int Session::write_files() {
         status = fail(error, 3);
     if (!opt_.outputs_path.empty() && !report_.write_outputs(opt_.outputs_path, &error)) status = fail(error, 3);
     if (!opt_.plot_path.empty()) {
-        const std::string title = replaying_ ? "Compass service, replay of " + opt_.replay_path
-                                             : "Compass service on the virtual phone, scenario " + opt_.scenario.name;
+        const std::string title = replaying_ || logged_
+                                      ? "Compass service, replay of " + replay_input(opt_)
+                                      : "Compass service on the virtual phone, scenario " + opt_.scenario.name;
         if (report_.write_plot(opt_.plot_path, title, &error))
             std::cout << "  plot                      " << opt_.plot_path << '\n';
         else
@@ -293,6 +358,13 @@ int Session::write_files() {
             status = fail("writing record file '" + opt_.record_path + "' failed", 3);
         else
             std::cout << "  raw record                " << opt_.record_path << '\n';
+    }
+    if (field_record_.is_open()) {
+        field_record_.flush();
+        if (!field_record_)
+            status = fail("writing field log '" + opt_.field_record_path + "' failed", 3);
+        else
+            std::cout << "  field log                 " << opt_.field_record_path << '\n';
     }
     return status;
 }

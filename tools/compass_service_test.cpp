@@ -7,8 +7,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "vphone/scene/record.h"
 #include "tools/service_run_test_util.h"
+#include "vphone/scene/field_log.h"
+#include "vphone/scene/record.h"
 
 namespace {
 
@@ -99,24 +100,29 @@ TEST(CompassService, TwoPlanesCombineIntoAThreeDimensionalCalibration) {
 
 // A replay runs the service at the rate its rows show, so the kit's outputs come back
 // sample for sample as well as the library's, whatever the rate recorded at.
-TEST(CompassService, ReplayOfARecordGivesTheSameOutputsSampleForSample) {
+// A scenario's raw record and its field log (what the chips sensed, in physical units)
+// replay to the run's outputs, sample for sample.
+TEST(CompassService, ReplayOfARecordOrAFieldLogGivesTheSameOutputsSampleForSample) {
     const char *const kit_columns[] = {"accuracy", "anomaly", "field_uT", "dip_cos", "fed"};
     for (const auto &[scenario, rate] : {std::pair{"default", "10"}, {"magnet", "10"}, {"default", "50"}}) {
         const std::string d = dir_for(std::string("replay-") + scenario + "-" + rate);
         const Result rec = on_phone(d, {"--fresh", "--scenario", scenario, "--rate", rate, "--record", d + "/raw.csv",
-                                        "--outputs", d + "/live.csv"});
+                                        "--record-field", d + "/field.csv", "--outputs", d + "/live.csv"});
         ASSERT_EQ(rec.exit_code, 0) << rec.err;
-        const Result rep = on_phone(d, {"--replay", d + "/raw.csv", "--outputs", d + "/replay.csv"}, "replay");
-        ASSERT_EQ(rep.exit_code, 0) << rep.err;
-        EXPECT_THAT(rep.out, HasSubstr(std::string(" at ") + rate + " Hz on the virtual phone"));
         if (std::string(scenario) == "magnet") { EXPECT_THAT(rec.out, HasSubstr("rough offset changed 1 time")); }
-        const auto live = outputs(d + "/live.csv"), replay = outputs(d + "/replay.csv");
-        ASSERT_EQ(live.size(), replay.size()) << scenario;
-        for (size_t i = 0; i < live.size(); ++i) {
-            for (const char *col : kLibraryColumns)
-                ASSERT_EQ(live[i].at(col), replay[i].at(col)) << scenario << " sample " << i << " column " << col;
-            for (const char *col : kit_columns)
-                ASSERT_EQ(live[i].at(col), replay[i].at(col)) << scenario << " sample " << i << " column " << col;
+        const auto live = outputs(d + "/live.csv");
+        for (const char *replay : {"--replay", "--replay-field"}) {
+            SCOPED_TRACE(std::string(scenario) + " at " + rate + " Hz, " + replay);
+            const std::string file = d + (replay == std::string("--replay") ? "/raw.csv" : "/field.csv");
+            const Result rep = on_phone(d, {replay, file, "--outputs", d + "/replay.csv"}, "replay");
+            ASSERT_EQ(rep.exit_code, 0) << rep.err;
+            EXPECT_THAT(rep.out, HasSubstr(std::string(" at ") + rate + " Hz on the virtual phone"));
+            const auto replayed = outputs(d + "/replay.csv");
+            ASSERT_EQ(live.size(), replayed.size());
+            for (size_t i = 0; i < live.size(); ++i) {
+                for (const char *col : kLibraryColumns) ASSERT_EQ(live[i].at(col), replayed[i].at(col)) << i << col;
+                for (const char *col : kit_columns) ASSERT_EQ(live[i].at(col), replayed[i].at(col)) << i << col;
+            }
         }
     }
 }
@@ -156,9 +162,11 @@ TEST(CompassService, CarFreshStartsWithoutTheStoredOffsetNeverTrustsItsThinBandA
 
 // ---- Bad input and failures ----------------------------------------------------------
 
-// A still run on the sandbox d/phone, its raw record written to d/r.csv: its exit code.
+// A still run on the sandbox d/phone, its raw record written to d/r.csv and its field log
+// to d/f.csv: its exit code.
 int record_still(const std::string &d) {
-    return on_phone(d, {"--fresh", "--scenario", "still", "--record", d + "/r.csv"}).exit_code;
+    return on_phone(d, {"--fresh", "--scenario", "still", "--record", d + "/r.csv", "--record-field", d + "/f.csv"})
+        .exit_code;
 }
 
 TEST(CompassService, AGarbledCalibrationFileIsResetAndSaidSo) {
@@ -184,6 +192,7 @@ TEST(CompassService, BadInputGetsOneLineAndANonZeroExitBeforeAnythingIsLost) {
     const std::string d = dir_for("bad"), inside = "is inside the sandbox";
     ASSERT_EQ(record_still(d), 0);
     fs::copy_file(d + "/r.csv", d + "/phone/r.csv");
+    fs::copy_file(d + "/f.csv", d + "/phone/f.csv");
     std::ofstream(d + "/not-a-record.csv") << "hello\n";
     struct Case {
         const char *name;
@@ -204,6 +213,9 @@ TEST(CompassService, BadInputGetsOneLineAndANonZeroExitBeforeAnythingIsLost) {
          inside},
         {"outputs inside the sandbox", {"--fresh", "--scenario", "still", "--outputs", d + "/phone/o.csv"}, 2, inside},
         {"replay file inside the sandbox", {"--replay", d + "/phone/r.csv"}, 2, inside},
+        {"a field log that is a raw record", {"--replay-field", d + "/r.csv"}, 2, "line 1: not a field log"},
+        {"a field log inside the sandbox", {"--replay-field", d + "/phone/f.csv"}, 2, inside},
+        {"a field log written inside the sandbox", {"--record-field", d + "/phone/g.csv"}, 2, inside},
         {"plot inside the sandbox, named through ..", {"--plot", d + "/phone/etc/../p.png"}, 2, inside},
     };
     // A plot that cannot be written after the run is reported too.
@@ -349,6 +361,32 @@ TEST(CompassService, AReplayRunsAtTheRateItsRowsShowWithinTheServicesRange) {
         EXPECT_EQ(r.exit_code, c.exit_code) << r.err;
         EXPECT_THAT(c.exit_code == 0 ? r.out : r.err, HasSubstr(c.said));
     }
+}
+
+// A field log's world is sampled at --rate when asked: each cycle senses the last row
+// logged by then. Without --rate it runs at its rows' rate, within the service's range.
+TEST(CompassService, AFieldLogIsSampledAtTheRateAskedOrAtItsOwn) {
+    const std::string d = dir_for("field-rate");
+    // 200 Hz for a second, lying face up; the field's strength steps from 40 to 60 uT
+    // at the row logged 0.54 s in, at a cycle's time.
+    vphone::scene::FieldLog log;
+    for (int64_t t = 0; t <= 1000000; t += 5000)
+        log.rows.push_back({t + 777, {0, t < 540000 ? 40.0 : 60.0, 0}, {0, 0, vphone::scene::kStandardGravity}});
+    {
+        std::ofstream out(d + "/f.csv");
+        vphone::scene::write_field_log_header(out, false);
+        for (const auto &row : log.rows) vphone::scene::write_field_log_row(out, row, false);
+    }
+    const Result fast = on_phone(d, {"--replay-field", d + "/f.csv"}, "replay");
+    EXPECT_EQ(fast.exit_code, 2);
+    EXPECT_THAT(fast.err, HasSubstr("its rows are 5000 us apart; the service runs at 1 to 100 Hz (--rate"));
+    const Result r = on_phone(d, {"--replay-field", d + "/f.csv", "--rate", "50", "--outputs", d + "/o.csv"}, "replay");
+    ASSERT_EQ(r.exit_code, 0) << r.err;
+    EXPECT_THAT(r.out, HasSubstr(" at 50 Hz on the virtual phone"));
+    const auto rows = outputs(d + "/o.csv");
+    ASSERT_EQ(rows.size(), 51u);  // 0, 20, .., 1000 ms
+    for (size_t i = 0; i < rows.size(); ++i)
+        EXPECT_NEAR(std::stod(rows[i].at("field_uT")), i * 20 < 540 ? 40 : 60, 1.0) << "cycle at " << i * 20 << " ms";
 }
 
 }  // namespace

@@ -30,11 +30,14 @@ std::map<std::string, Taker> valued_options(Options &o) {
              std::string e =
                  vphone::scene::read_whole_number(opt, v, KMXC_SERVICE_RATE_MIN_HZ, KMXC_SERVICE_RATE_MAX_HZ, &n);
              if (e.empty()) o.rate_hz = static_cast<double>(n);
+             o.rate_given = true;
              return e;
          }},
         {"--sandbox", path(&o.sandbox)},
         {"--record", path(&o.record_path)},
         {"--replay", path(&o.replay_path)},
+        {"--replay-field", path(&o.field_log_path)},
+        {"--record-field", path(&o.field_record_path)},
         {"--outputs", path(&o.outputs_path)},
         {"--plot", path(&o.plot_path)},
         {"--summary-json", path(&o.summary_json_path)},
@@ -52,13 +55,27 @@ bool describes_the_run(const std::string &opt) {
     return vphone::scene::is_scene_option(opt) || opt == "--rate" || opt == "--fresh";
 }
 
+// Of those, what a field log leaves to the command line: the chips' mounting, and the
+// rate the service samples the logged world at.
+bool applies_to_a_field_log(const std::string &opt) { return opt == "--profile" || opt == "--rate"; }
+
 // The combinations the options may not make, or "".
-std::string conflicts(const Options &o, const std::string &first_run_option) {
+std::string conflicts(const Options &o, const std::vector<std::string> &run_options) {
+    if (!o.replay_path.empty() && !o.field_log_path.empty())
+        return "--replay and --replay-field cannot be combined: a run replays one file";
     if (!o.record_path.empty() && !o.replay_path.empty())
         return "--record and --replay cannot be combined: a replay's raw data is its input file";
-    if (!o.replay_path.empty() && !first_run_option.empty())
-        return first_run_option +
+    if (!o.field_record_path.empty() && !replay_input(o).empty())
+        return "--record-field and " + std::string(o.replay_path.empty() ? "--replay-field" : "--replay") +
+               " cannot be combined: only a scenario's physics is known to log";
+    if (!o.replay_path.empty() && !run_options.empty())
+        return run_options[0] +
                " and --replay cannot be combined: a replay's phone, rate and handling are those of its record";
+    if (!o.field_log_path.empty())
+        for (const std::string &opt : run_options)
+            if (!applies_to_a_field_log(opt))
+                return opt + " and --replay-field cannot be combined: a field log's world is the one it logged" +
+                       (opt == "--fresh" ? " (its sandbox is emptied first)" : "");
     return "";
 }
 
@@ -76,6 +93,9 @@ std::string usage_text() {
            "  --record FILE          record the raw chip data to FILE (CSV)\n"
            "  --replay FILE          replay raw chip data from FILE instead of a scenario, at the rate\n"
            "                         its rows show\n"
+           "  --replay-field FILE    replay a field log (any phone's uT and m/s^2, docs/field-log-format.md)\n"
+           "                         through this phone's chips, at the rate its rows show or --rate's\n"
+           "  --record-field FILE    log what the chips sensed to FILE, as a field log\n"
            "  --outputs FILE         write every sample's library outputs to FILE (CSV)\n"
            "  --plot FILE            draw heading and offset error over time to FILE (PNG)\n"
            "  --summary-json FILE    write the summary to FILE (JSON)\n"
@@ -94,14 +114,14 @@ ParsedOptions parse_options(const std::vector<std::string> &args) {
     const std::map<std::string, bool *> flags{
         {"--fresh", &o.fresh}, {"--quiet", &o.quiet}, {"--help", &o.help}, {"--version", &o.version}};
     const std::map<std::string, Taker> valued = valued_options(o);
-    std::string first_run_option;
+    std::vector<std::string> run_options;  // given, in order
 
     auto kind_of = [&](const std::string &opt) {
         if (flags.count(opt)) return OptionKind::Flag;
         return valued.count(opt) || vphone::scene::is_scene_option(opt) ? OptionKind::WithValue : OptionKind::Unknown;
     };
     auto take = [&](const std::string &opt, const std::string &value) -> std::string {
-        if (first_run_option.empty() && describes_the_run(opt)) first_run_option = opt;
+        if (describes_the_run(opt)) run_options.push_back(opt);
         if (const auto f = flags.find(opt); f != flags.end()) {
             *f->second = true;
             return "";
@@ -110,8 +130,8 @@ ParsedOptions parse_options(const std::vector<std::string> &args) {
         return vphone::scene::set_scene_option(opt, value, &o.scenario);
     };
     r.error = vphone::scene::read_command_line(args, kind_of, take, "(try --help)");
-    if (o.sandbox.empty()) o.sandbox = o.replay_path.empty() ? "out/sandbox" : "out/replay-sandbox";
-    if (r.error.empty()) r.error = conflicts(o, first_run_option);
+    if (o.sandbox.empty()) o.sandbox = replay_input(o).empty() ? "out/sandbox" : "out/replay-sandbox";
+    if (r.error.empty()) r.error = conflicts(o, run_options);
     r.ok = r.error.empty();
     return r;
 }

@@ -23,6 +23,14 @@ const struct {
     {"world option before the replay", {"--seed", "3", "--replay", "r.csv"}, "--seed and --replay"},
     {"replay with a rate", {"--replay", "r.csv", "--rate", "20"}, "--rate and --replay"},
     {"replay with --fresh", {"--fresh", "--replay", "r.csv"}, "--fresh and --replay"},
+    {"both replays", {"--replay", "r.csv", "--replay-field", "f.csv"}, "--replay and --replay-field"},
+    {"a field log with a world option", {"--replay-field", "f.csv", "--field", "30"}, "--field and --replay-field"},
+    {"a field log with a scenario", {"--scenario", "slow", "--replay-field", "f.csv"}, "--scenario and --replay-field"},
+    {"a field log with --fresh", {"--replay-field", "f.csv", "--fresh"}, "its sandbox is emptied first"},
+    {"a field log logged again", {"--replay-field", "f.csv", "--record-field", "g.csv"}, "only a scenario's physics"},
+    {"a record logged as a field log",
+     {"--replay", "r.csv", "--record-field", "g.csv"},
+     "--record-field and --replay "},
 };
 
 TEST(Options, BadInputGivesOneLineNamingTheProblem) {
@@ -46,8 +54,16 @@ TEST(Options, ToolAndWorldValuesReachTheirSettings) {
     EXPECT_TRUE(o.fresh && o.quiet && !o.help && !o.version);
     EXPECT_EQ(o.sandbox + o.record_path + o.outputs_path + o.plot_path + o.summary_json_path, "sr.csvo.csvp.pngj");
     EXPECT_EQ(o.fault_plan, "open:1,rename:2") << "faults accumulate";
-    EXPECT_NE(parse_options({"--replay", "r.csv"}).options.sandbox, parse_options({}).options.sandbox)
-        << "a replay must not empty the scenario runs' sandbox";
+    for (const char *replay : {"--replay", "--replay-field"})
+        EXPECT_NE(parse_options({replay, "r.csv"}).options.sandbox, parse_options({}).options.sandbox)
+            << replay << ": a replay must not empty the scenario runs' sandbox";
+    // A field log keeps what its world cannot say: the chips' mounting and the rate.
+    const ParsedOptions f =
+        parse_options({"--profile", "2", "--replay-field", "f.csv", "--rate", "25", "--record", "r"});
+    ASSERT_TRUE(f.ok) << f.error;
+    EXPECT_EQ(f.options.field_log_path + f.options.record_path, "f.csvr");
+    EXPECT_TRUE(f.options.rate_given && f.options.rate_hz == 25 && f.options.scenario.profile == 2);
+    EXPECT_FALSE(parse_options({}).options.rate_given);
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 #include <fstream>
 #include <iostream>
 #include <sstream>
+#include <vector>
 
 #include "platform/platform.h"
 #include "vphone/scene/rig.h"
@@ -34,18 +35,21 @@ int fail(const std::string &message, int code) {
 }
 
 int check_output_paths(const Options &opt) {
-    const bool replaying = !opt.replay_path.empty();
-    // None of the outputs may be the record being replayed.
-    for (const std::string *path : {&opt.outputs_path, &opt.plot_path, &opt.summary_json_path, &opt.record_path}) {
+    const std::string &input = replay_input(opt);
+    const std::vector<const std::string *> outputs{&opt.outputs_path, &opt.plot_path, &opt.summary_json_path,
+                                                   &opt.record_path, &opt.field_record_path};
+    // None of the outputs may be the file being replayed.
+    for (const std::string *path : outputs) {
         std::error_code ec;
-        if (replaying && !path->empty() && fs::equivalent(*path, opt.replay_path, ec))
+        if (!input.empty() && !path->empty() && fs::equivalent(*path, input, ec))
             return fail("'" + *path + "' is the replay file; name another file", 2);
     }
     // The sandbox is the phone's file system, emptied by --fresh and by every replay: a
     // file named on the command line may not live in it, or it would be lost (a record
     // written there would go to a file already deleted).
-    for (const std::string *path :
-         {&opt.replay_path, &opt.outputs_path, &opt.plot_path, &opt.summary_json_path, &opt.record_path})
+    std::vector<const std::string *> named = outputs;
+    named.push_back(&input);
+    for (const std::string *path : named)
         if (!path->empty() && is_inside(*path, opt.sandbox))
             return fail("'" + *path + "' is inside the sandbox '" + opt.sandbox +
                             "', which --fresh and replays empty; name a file outside it",
