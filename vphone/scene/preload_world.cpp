@@ -1,16 +1,18 @@
 // A moving phone for programs run with LD_PRELOAD: preloaded after libkmxc_vphone.so,
 // this library reads the environment when it is loaded and puts a scenario's phone
-// (or a raw record) on the simulated bus, so a sensor service written against the
-// shipped library sees the phone being handled in virtual time.
+// (or a raw record, or a field log) on the simulated bus, so a sensor service written
+// against the shipped library sees the phone being handled in virtual time.
 //
 //   VPHONE_SCENARIO=NAME       a scenario (default, slow, magnet, ...; scenario.h)
 //   VPHONE_REPLAY=FILE         or a raw record written by compass_service --record
+//   VPHONE_FIELD_LOG=FILE      or a field log: any phone's uT and m/s^2 (field_log.h)
 //   VPHONE_OPTIONS="--field 30 --seed 2"   the world's options (scene_options.h)
 //
-// The chips sense the scenario at the virtual time of each bus transfer. Bad settings
-// end the program at load with a one-line message and status 2. Files go to the
-// sandbox (VPHONE_ROOT): the transformation profile, and for a replay its calibration
-// file.
+// The chips sense the scenario (or the last logged row due; a log's times count from
+// the load) at the virtual time of each bus transfer. Bad settings end the program at
+// load with a one-line message and status 2. Files go to the sandbox (VPHONE_ROOT):
+// the transformation profile, and for a replay its calibration file; a field log, of
+// another phone, starts without one.
 #include <unistd.h>
 
 #include <cstdio>
@@ -21,6 +23,7 @@
 #include <vector>
 
 #include "vphone/kmxc_model.h"
+#include "vphone/scene/field_log.h"
 #include "vphone/scene/record.h"
 #include "vphone/scene/rig.h"
 #include "vphone/scene/scenario.h"
@@ -32,12 +35,14 @@ namespace {
 
 using namespace vphone::scene;
 
-// The scene the preloaded program's chips sense: a scenario, or a record's rows.
+// The scene the preloaded program's chips sense: a scenario, a record's rows or a field
+// log's.
 struct PreloadedScene {
     Rig rig;
     Scenario scenario;
     Record replay;
-    bool replaying = false;
+    FieldLog log;
+    bool replaying = false, logged = false;
     size_t row = 0;
     uint64_t last_us = UINT64_MAX;
 
@@ -51,6 +56,10 @@ struct PreloadedScene {
         if (replaying) {
             while (row + 1 < replay.rows.size() && static_cast<uint64_t>(replay.rows[row + 1].time_us) <= now) ++row;
             if (!replay.rows.empty()) rig.deliver(replay.rows[row]);
+        } else if (logged) {
+            const int64_t first = log.rows.front().time_us;
+            while (row + 1 < log.rows.size() && static_cast<uint64_t>(log.rows[row + 1].time_us - first) <= now) ++row;
+            rig.sense(truth_of(log.rows[row]));
         } else {
             rig.sense(scenario.sample(static_cast<double>(now) / 1e6));
         }
@@ -86,8 +95,9 @@ ScenarioSettings settings_from(const char *name, const char *options) {
     std::vector<std::string> args;
     std::istringstream words(options != nullptr ? options : "");
     for (std::string w; words >> w;) args.push_back(w);
-    // A replay's phone is its record: the world's options describe only scenarios.
-    if (name == nullptr && !args.empty()) refuse("VPHONE_OPTIONS cannot be combined with VPHONE_REPLAY");
+    // A replay's phone is its record or log: the world's options describe only scenarios.
+    if (name == nullptr && !args.empty())
+        refuse("VPHONE_OPTIONS needs VPHONE_SCENARIO (a replay's world is its file's)");
     if (name != nullptr) args.insert(args.begin(), {"--scenario", name});
     const ParsedScene p = parse_scene_options(args);
     if (!p.ok) refuse("VPHONE_OPTIONS: " + p.error);
@@ -97,12 +107,14 @@ ScenarioSettings settings_from(const char *name, const char *options) {
 void start_scene() {
     const char *name = std::getenv("VPHONE_SCENARIO");
     const char *replay = std::getenv("VPHONE_REPLAY");
+    const char *field_log = std::getenv("VPHONE_FIELD_LOG");
     const char *options = std::getenv("VPHONE_OPTIONS");
-    if (name == nullptr && replay == nullptr) {
+    const int sources = (name != nullptr) + (replay != nullptr) + (field_log != nullptr);
+    if (sources == 0) {
         if (options != nullptr) refuse("VPHONE_OPTIONS needs VPHONE_SCENARIO");
         return;
     }
-    if (name != nullptr && replay != nullptr) refuse("VPHONE_SCENARIO and VPHONE_REPLAY cannot be combined");
+    if (sources > 1) refuse("VPHONE_SCENARIO, VPHONE_REPLAY and VPHONE_FIELD_LOG cannot be combined: name one");
     const ScenarioSettings s = settings_from(name, options);
 
     // Never destroyed: the program may use the bus until it exits.
@@ -116,6 +128,16 @@ void start_scene() {
         scene->replaying = true;
         write_replay_files(scene->replay.header);
         scene->rig.attach_replay_chips(scene->replay);
+    } else if (field_log != nullptr) {
+        std::ifstream in(field_log);
+        if (!in) refuse(std::string("VPHONE_FIELD_LOG: cannot read '") + field_log + "'");
+        ParsedFieldLog f = parse_field_log(in);
+        if (!f.ok) refuse(std::string("VPHONE_FIELD_LOG: '") + field_log + "' " + f.error);
+        scene->log = std::move(f.log);
+        scene->logged = true;
+        vphone::remove_file(kCalibrationFile);
+        write_profile_files(s.profile);
+        scene->rig.attach_chips(s.profile, kRigCalibration);
     } else {
         // A scenario that starts with no stored offset starts without the file.
         if (find_scenario(s.name)->fresh) vphone::remove_file(kCalibrationFile);
