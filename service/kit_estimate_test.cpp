@@ -237,22 +237,31 @@ TEST(KitEstimate, AStoreTheRecentSamplesContradictGoesOnlyWhenTheyCameAfterTheOf
 
 // The ellipsoid: fitted once the store covers enough cells, used only when it beats the
 // sphere by the stated factor with plausible axes; then the library sees the corrected
-// field.
+// field. A correction already in use that the field no longer matches (W stretching x by
+// a quarter) gives way to a new one, judged, and the reference strength taken, from the
+// recent samples through the correction it proposes, the one in use once it is taken.
 TEST(KitEstimate, TheEllipsoidReplacesTheSphereOnlyWhereSoftIronShowsAndTheStoreCoversEnough) {
+    static const int16_t kStretchedX[9] = {20480, 0, 0, 0, 13107, 0, 0, 0, 16384};
     const struct {
         const char *name;
         double cap_deg;
         const double *soft;
-        bool joining;  // a sphere is due again every cycle: the phone still turns
+        bool joining;           // a sphere is due again every cycle: the phone still turns
+        const int16_t *in_use;  // the correction in use before, if any
         bool adopted;
     } cases[] = {
-        {"soft iron, the whole sphere: adopted", 180, kSoftIron, false, true},
-        {"soft iron, samples still joining: the ellipsoid goes first", 180, kSoftIron, true, true},
-        {"no soft iron, the whole sphere: the sphere is as good", 180, kNoSoftIron, false, false},
-        {"soft iron, a 30-degree cap: too few cells for an ellipsoid", 30, kSoftIron, false, false},
+        {"soft iron, the whole sphere: adopted", 180, kSoftIron, false, nullptr, true},
+        {"soft iron, samples still joining: the ellipsoid goes first", 180, kSoftIron, true, nullptr, true},
+        {"no soft iron, the whole sphere: the sphere is as good", 180, kNoSoftIron, false, nullptr, false},
+        {"soft iron, a 30-degree cap: too few cells for an ellipsoid", 30, kSoftIron, false, nullptr, false},
+        {"a correction in use the field no longer matches: replaced", 180, kSoftIron, false, kStretchedX, true},
     };
     for (const auto &c : cases) {
         fill(Vec3{0, 0, 0}, directions(80, c.cap_deg), kOffset, c.soft, 0.4);
+        if (c.in_use != nullptr) {
+            g_state.soft_iron = SoftIron{true, kOffset, {}};
+            std::copy(c.in_use, c.in_use + 9, g_state.soft_iron.w_q14);
+        }
         step();                                    // the sphere, and whether an ellipsoid is due
         for (int cycle = 0; cycle < 4; ++cycle) {  // the ellipsoid fit, its share in two cycles, its judgement
             if (c.joining) g_state.est.joined = KMXC_SERVICE_STORE_REFIT_JOINS;
@@ -268,21 +277,9 @@ TEST(KitEstimate, TheEllipsoidReplacesTheSphereOnlyWhereSoftIronShowsAndTheStore
             const Vec3 m2 = corrected(g_state.soft_iron, stored_field(g_state.est.store, 7));
             EXPECT_NEAR(length(minus(m, o)), length(minus(m2, o)), 3) << c.name;
             EXPECT_LE(std::abs(o.x - kOffset.x) + std::abs(o.y - kOffset.y) + std::abs(o.z - kOffset.z), 4);
+            EXPECT_NEAR(g_state.ref_strength, kRadius, 2) << c.name << ": the strength through the new correction";
         }
     }
-}
-
-// A correction already in use that the field no longer matches (W stretching x by a
-// quarter): the new ellipsoid is judged, and the reference strength taken, from the
-// recent samples through the correction it proposes, the one in use once it is taken.
-TEST(KitEstimate, ANewCorrectionIsJudgedByTheRecentSamplesThroughItself) {
-    fill(Vec3{0, 0, 0}, directions(80), kOffset, kSoftIron, 0.4);
-    g_state.soft_iron = SoftIron{true, kOffset, {20480, 0, 0, 0, 13107, 0, 0, 0, 16384}};
-    step();   // the sphere through the old correction: its residual asks for an ellipsoid
-    idle(4);  // fit, share, judge
-    ASSERT_EQ(g_state.estimator, KMXC_SERVICE_ESTIMATOR_ELLIPSOID);
-    EXPECT_NE(g_state.soft_iron.w_q14[0], 20480) << "the new correction in use";
-    EXPECT_NEAR(g_state.ref_strength, kRadius, 2) << "the strength through the new correction";
 }
 
 // Its centre may lie up to a quarter of the sphere's radius (taken in whole counts: 120
