@@ -28,13 +28,6 @@ KmxcServiceEvent idle(int n, bool fit_allowed = true, int64_t now = 1) {
     return e;
 }
 
-// The ring of fed samples: every direction (or a cap's) about o, with noise of sd counts.
-void feed_ring(const Vec3 &o, double sd, double cap_deg = 180) {
-    Noise noise;
-    for (const auto &d : directions(KMXC_SERVICE_FEED_HISTORY, cap_deg))
-        remember_fed(sample(d, o, kNoSoftIron, noise, sd), kDown);
-}
-
 void trust(int8_t accuracy) {
     g_state.offset_trusted = true;
     g_state.base_accuracy = accuracy;
@@ -183,7 +176,6 @@ TEST(KitEstimate, ATrustedOffsetGivesWayOnlyToAFitTheRecentSamplesPreferThatMove
         Vec3 off;  // the offset in use from the field's, counts
         bool replaced;
     } cases[] = {
-        {"in use 6 counts off along x: replaced", {6, 0, 0}, true},
         {"the republish distance along x", {KMXC_SERVICE_REPUBLISH_MIN_CHANGE, 0, 0}, true},
         {"... along y", {0, -KMXC_SERVICE_REPUBLISH_MIN_CHANGE, 0}, true},
         {"... along z", {0, 0, KMXC_SERVICE_REPUBLISH_MIN_CHANGE}, true},
@@ -241,27 +233,23 @@ TEST(KitEstimate, AStoreTheRecentSamplesContradictGoesOnlyWhenTheyCameAfterTheOf
 // a quarter) gives way to a new one, judged, and the reference strength taken, from the
 // recent samples through the correction it proposes, the one in use once it is taken.
 TEST(KitEstimate, TheEllipsoidReplacesTheSphereOnlyWhereSoftIronShowsAndTheStoreCoversEnough) {
-    static const int16_t kStretchedX[9] = {20480, 0, 0, 0, 13107, 0, 0, 0, 16384};
     const struct {
         const char *name;
         double cap_deg;
         const double *soft;
-        bool joining;           // a sphere is due again every cycle: the phone still turns
-        const int16_t *in_use;  // the correction in use before, if any
+        bool joining;    // a sphere is due again every cycle: the phone still turns
+        bool stretched;  // a correction in use before, stretching x by a quarter
         bool adopted;
     } cases[] = {
-        {"soft iron, the whole sphere: adopted", 180, kSoftIron, false, nullptr, true},
-        {"soft iron, samples still joining: the ellipsoid goes first", 180, kSoftIron, true, nullptr, true},
-        {"no soft iron, the whole sphere: the sphere is as good", 180, kNoSoftIron, false, nullptr, false},
-        {"soft iron, a 30-degree cap: too few cells for an ellipsoid", 30, kSoftIron, false, nullptr, false},
-        {"a correction in use the field no longer matches: replaced", 180, kSoftIron, false, kStretchedX, true},
+        {"soft iron, the whole sphere: adopted", 180, kSoftIron, false, false, true},
+        {"soft iron, samples still joining: the ellipsoid goes first", 180, kSoftIron, true, false, true},
+        {"no soft iron, the whole sphere: the sphere is as good", 180, kNoSoftIron, false, false, false},
+        {"soft iron, a 30-degree cap: too few cells for an ellipsoid", 30, kSoftIron, false, false, false},
+        {"a correction in use the field no longer matches: replaced", 180, kSoftIron, false, true, true},
     };
     for (const auto &c : cases) {
         fill(Vec3{0, 0, 0}, directions(80, c.cap_deg), kOffset, c.soft, 0.4);
-        if (c.in_use != nullptr) {
-            g_state.soft_iron = SoftIron{true, kOffset, {}};
-            std::copy(c.in_use, c.in_use + 9, g_state.soft_iron.w_q14);
-        }
+        if (c.stretched) g_state.soft_iron = SoftIron{true, kOffset, {20480, 0, 0, 0, 13107, 0, 0, 0, 16384}};
         step();                                    // the sphere, and whether an ellipsoid is due
         for (int cycle = 0; cycle < 4; ++cycle) {  // the ellipsoid fit, its share in two cycles, its judgement
             if (c.joining) g_state.est.joined = KMXC_SERVICE_STORE_REFIT_JOINS;
@@ -316,26 +304,18 @@ TEST(KitEstimate, TheEllipsoidMustBeatTheSphereByItsFactorAndHavePlausibleAxesAn
     }
 }
 
-// A library fit replaces a trusted offset only when its batch (the fed ring) agrees
-// with it, even when nothing predicts the error of the offset in use.
-TEST(KitEstimate, ALibraryFitReplacesATrustedOffsetOnlyWhenItsBatchAgrees) {
-    set_kit(kOffset);
-    trust(KMXC_SERVICE_HIGH);
-    feed_ring(kOffset, 0.3);
-    const KmxAxesData off{kOffset.x + 30, kOffset.y, kOffset.z}, at{kOffset.x, kOffset.y, kOffset.z};
-    EXPECT_FALSE(library_fit_preferred(off, kDown)) << "a fit 30 counts off: its batch disagrees";
-    EXPECT_TRUE(library_fit_preferred(at, kDown)) << "a fit at the ring's offset";
-}
-
 // A library fit's batch (the fed ring) is known as well as its own scatter says: above
 // the expected noise, twice the scatter (the same noise drawn twice as large) is four
 // times the offset's variance (the share of soft iron aside, which the scatter moves
-// little); below it, the expected noise decides.
-TEST(KitEstimate, ALibraryFitsBatchIsKnownAsWellAsItsOwnScatterSays) {
-    // The ring's covariance about its offset, drawn with sd counts of noise over a cap.
+// little); below it, the expected noise decides. The fit replaces a trusted offset only
+// when its batch agrees with it, even when nothing predicts the error of the offset in use.
+TEST(KitEstimate, ALibraryFitsBatchIsKnownAsWellAsItsOwnScatterSaysAndMustAgreeWithIt) {
+    // The ring's covariance about its offset: every direction (or a cap's), with sd counts of noise.
     const auto ring = [](double sd, double cap_deg = 180) {
         set_kit(kOffset);
-        feed_ring(kOffset, sd, cap_deg);
+        Noise noise;
+        for (const auto &d : directions(KMXC_SERVICE_FEED_HISTORY, cap_deg))
+            remember_fed(sample(d, kOffset, kNoSoftIron, noise, sd), kDown);
         OffsetCovariance p;
         EXPECT_TRUE(ring_covariance(KmxAxesData{kOffset.x, kOffset.y, kOffset.z}, KMXC_SERVICE_FEED_HISTORY, 4, &p));
         return p;
@@ -349,6 +329,11 @@ TEST(KitEstimate, ALibraryFitsBatchIsKnownAsWellAsItsOwnScatterSays) {
     // part of its covariance, however little the samples scatter.
     const OffsetCovariance cap = ring(0.2, 60);
     EXPECT_GT(trace(cap.share_q8), 0.5 * trace(cap.p_q8)) << "the share on a cap";
+    ring(0.3);
+    trust(KMXC_SERVICE_HIGH);
+    const KmxAxesData off{kOffset.x + 30, kOffset.y, kOffset.z}, at{kOffset.x, kOffset.y, kOffset.z};
+    EXPECT_FALSE(library_fit_preferred(off, kDown)) << "a fit 30 counts off: its batch disagrees";
+    EXPECT_TRUE(library_fit_preferred(at, kDown)) << "a fit at the ring's offset";
 }
 
 // ---- The heading's uncertainty caps the accuracy --------------------------------------
@@ -618,24 +603,22 @@ TEST(KitEstimate, ACorrectionIsRefittedOnceTheStoreCoversMoreCellsThanItsFit) {
     ASSERT_GT(cells, 1);
     const struct {
         const char *name;
+        bool in_use;
         int fitted_cells;
         bool due;
     } cases[] = {
-        {"fitted to one cell fewer than the store covers: due", cells - 1, true},
-        {"fitted to as many cells: not due", cells, false},
+        {"fitted to one cell fewer than the store covers: due", true, cells - 1, true},
+        {"fitted to as many cells: not due", true, cells, false},
+        {"no correction in use and a sphere's residual: none due", false, 0, false},
     };
     for (const auto &c : cases) {
+        g_state.soft_iron.in_use = c.in_use;
         g_state.est.ellipsoid_cells = static_cast<uint8_t>(c.fitted_cells);
         g_state.est.ellipsoid_due = false;  // the last judgement's: a due fit would go first
         step();
         EXPECT_EQ(g_state.est.coverage, cells) << c.name;
         EXPECT_EQ(g_state.est.ellipsoid_due, c.due) << c.name;
     }
-    g_state.soft_iron.in_use = false;
-    g_state.est.ellipsoid_cells = 0;
-    g_state.est.ellipsoid_due = false;
-    step();
-    EXPECT_FALSE(g_state.est.ellipsoid_due) << "no correction in use and a sphere's residual: none due";
 }
 
 // The soft iron an ellipsoid fit shows scales the share of unmodelled soft iron every
