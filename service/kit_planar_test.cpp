@@ -189,13 +189,6 @@ Vec3 leaning(double lean_deg, double scale = 1) {
     return rounded(4096.0 * scale * (Eigen::AngleAxisd(lean_deg * kPi / 180, kSide) * kAxis));
 }
 
-// One sample's gravity leaning from the axis.
-void lean_sample(FieldStore *s, double lean_deg) {
-    const Vec3 g = leaning(lean_deg);
-    const int32_t v[3] = {g.x, g.y, g.z};
-    for (int k = 0; k < 3; ++k) s->sample[3].g[k] = static_cast<int16_t>(v[k]);
-}
-
 // The kit at 10 Hz with `store`, its circle fit due; the references those of the clean
 // circles below (120 counts, a 60-degree dip), the library's offset at `in_use`, trusted
 // (high) or not (low).
@@ -344,32 +337,16 @@ TEST(PlanarRules, AJoinDropsAnUnjudgedCircleButNotAJudgedEstimate) {
     }
 }
 
-// A circle counts when it is flat (RMS off its plane within 1/FLATNESS of its radius)
-// and every sample's gravity lies within the limit of its axis (a phone turned about the
-// vertical); one sample whose gravity leans beyond refuses it (a hand turning the phone
-// about another axis).
-TEST(PlanarRules, ACircleIsFlatAndTurnedAboutGravity) {
-    const double limit = kPlanarAxisGravityCdeg / 100.0;
-    const struct {
-        const char *name;
-        double lean_deg;  // one sample's gravity from the axis
-        int oop_extra;    // added to the flattest RMS the rule allows, 1/16 count
-        bool accepted;
-    } cases[] = {
-        {"gravity along the axis, at the flatness limit", 0, 0, true},
-        {"a sixteenth of a count beyond the flatness", 0, 1, false},
-        {"one sample's gravity just inside the limit", limit - 0.5, 0, true},
-        {"one sample's gravity just beyond it", limit + 0.5, 0, false},
-    };
-    for (const auto &c : cases) {
-        FieldStore s = clean(200);
-        CircleFit fit;
-        ASSERT_EQ(circle_fit(s, Vec3{0, -4096, 0}, &fit), FitResult::kOk) << c.name;
-        fit.radius_q4 -= fit.radius_q4 % KMXC_SERVICE_PLANAR_FLATNESS;  // the limit exactly
-        fit.out_of_plane_q4 = fit.radius_q4 / KMXC_SERVICE_PLANAR_FLATNESS + c.oop_extra;
-        lean_sample(&s, c.lean_deg);
-        EXPECT_EQ(planar_circle(s, fit), c.accepted) << c.name;
-    }
+// A circle counts only when it is flat: RMS off its plane within 1/FLATNESS of its radius.
+TEST(PlanarRules, ACircleIsFlat) {
+    const FieldStore s = clean(200);
+    CircleFit fit;
+    ASSERT_EQ(circle_fit(s, Vec3{0, -4096, 0}, &fit), FitResult::kOk);
+    fit.radius_q4 -= fit.radius_q4 % KMXC_SERVICE_PLANAR_FLATNESS;  // the limit exactly
+    fit.out_of_plane_q4 = fit.radius_q4 / KMXC_SERVICE_PLANAR_FLATNESS;
+    EXPECT_TRUE(planar_circle(s, fit)) << "at the flatness limit";
+    ++fit.out_of_plane_q4;
+    EXPECT_FALSE(planar_circle(s, fit)) << "a sixteenth of a count beyond it";
 }
 
 // Without a reference the circle's axis must be the vertical: the phone's mean gravity
@@ -412,22 +389,27 @@ TEST(PlanarRules, AReferenceCircleThatNoSampleCanLieOnIsRefused) {
 
 // The store's circle tells the kit it is in a mount (kit_internal.h: Planar::mounted)
 // from the circle fit that finds it, whichever estimate is in use, until a fit finds
-// none or the store is emptied.
+// none or the store is emptied. A circle is a mount's when every sample's gravity lies
+// within the limit of its axis (a phone turned about the vertical); one sample whose
+// gravity leans beyond refuses it (a hand turning the phone about another axis).
 TEST(PlanarRules, ACircleAboutGravityMarksAMountUntilTheStoreLeavesIt) {
+    const double limit = kPlanarAxisGravityCdeg / 100.0;
     const struct {
         const char *name;
         double lean_deg;  // one sample's gravity from the circle's axis
         bool emptied;     // the store emptied after the fit
         bool mounted;
     } cases[] = {
-        {"a circle about gravity: a mount", 0, false, true},
-        {"a sample's gravity past the axis limit: a hand, no mount", kPlanarAxisGravityCdeg / 100.0 + 1, false, false},
+        {"one sample's gravity just inside the limit: a mount", limit - 0.5, false, true},
+        {"one sample's gravity just beyond it: a hand, no mount", limit + 0.5, false, false},
         {"a mount, then the store emptied: none", 0, true, false},
     };
     for (const auto &c : cases) {
         kit_with(clean(200), Vec3{0, 0, 0}, false);
         g_state.planar.mounted = !c.mounted;  // whatever it held before
-        lean_sample(&g_state.est.store, c.lean_deg);
+        const Vec3 g = leaning(c.lean_deg);   // one sample's
+        const int32_t v[3] = {g.x, g.y, g.z};
+        for (int k = 0; k < 3; ++k) g_state.est.store.sample[3].g[k] = static_cast<int16_t>(v[k]);
         KmxcServiceEvent e{};
         ASSERT_TRUE(planar_cycle(true, &e)) << c.name << ": the circle fitted";
         if (c.emptied) {
