@@ -123,9 +123,7 @@ TEST(KitRuleEdges, PastTheBandOrAnEpisodesHalfToleranceTheAccuracyIsHeldLowForTh
                 g_state.last_anomaly_ns = g_state.anomaly_since_ns = kSeen;  // a short episode: the trust stays
             } else {
                 feed({{195, 0, 0}, {0, 205, 0}});
-                on_fit(KmxAxesData{0, 0, 0});
-                ASSERT_EQ(g_state.strength_band_permille, 75);
-                ASSERT_EQ(g_state.base_accuracy, KMXC_SERVICE_HIGH);
+                on_fit(KmxAxesData{0, 0, 0});  // high, its band 75
             }
             const bool past = strength == 184 || strength == 216;
             KmxcServiceEvent e{};
@@ -148,66 +146,57 @@ TEST(KitRuleEdges, PastTheBandOrAnEpisodesHalfToleranceTheAccuracyIsHeldLowForTh
     EXPECT_TRUE(g_state.offset_trusted);
 }
 
-// Eight samples fed, four of strength hi and four of lo, along the axes both ways.
-void feed_strengths(int32_t h, int32_t l) {
-    feed({{h, 0, 0}, {0, l, 0}, {0, 0, h}, {-l, 0, 0}, {0, -h, 0}, {0, 0, -l}, {h, 0, 0}, {0, l, 0}});
-}
-
-// The stored offset is confirmed once KMXC_SERVICE_CONFIRM_SAMPLES samples have been fed
-// since the start and agree with it within KMXC_SERVICE_AGREE_PERMILLE (8 of 200 counts).
-TEST(KitRuleEdges, AStoredOffsetIsConfirmedByItsFirstFedSamplesUpToTheAgreementLimit) {
+// A stored offset is confirmed, and a demoted one restored, by
+// KMXC_SERVICE_CONFIRM_SAMPLES fed samples, not one fewer, that agree with it (their
+// worst deviation from their mean within KMXC_SERVICE_AGREE_PERMILLE: 8 of 200 counts is,
+// 9 is not); the stored one counts those fed since the start. A demoted one is restored
+// only when their mean strength (through the correction in use) is within the tolerance
+// of the reference: 230 of 200 counts is, 231 is not.
+TEST(KitRuleEdges, AnOffsetIsConfirmedOrRestoredByAgreeingSamplesNearItsReferenceStrength) {
+    constexpr int kAll = KMXC_SERVICE_CONFIRM_SAMPLES;
     const struct {
         const char *name;
+        bool demoted;    // else stored, its confirmation pending
         int32_t hi, lo;  // the samples' strengths, four each
-        int fed_since_start;
-        bool confirmed;
-    } cases[] = {
-        {"208 and 192: the agreement's limit", 208, 192, KMXC_SERVICE_CONFIRM_SAMPLES, true},
-        {"209 and 191: past it", 209, 191, KMXC_SERVICE_CONFIRM_SAMPLES, false},
-        {"a sample short", 200, 200, KMXC_SERVICE_CONFIRM_SAMPLES - 1, false},
-    };
-    for (const auto &c : cases) {
-        feed_strengths(c.hi, c.lo);
-        g_state.stored_pending = true;
-        g_state.confirm_count = c.fed_since_start;
-        KmxcServiceEvent e{};
-        try_confirm(KmxAxesData{0, 0, 0}, &e);
-        EXPECT_EQ(g_state.offset_trusted, c.confirmed) << c.name;
-        EXPECT_EQ((e.flags & KMXC_SERVICE_CONFIRMED) != 0, c.confirmed) << c.name;
-    }
-}
-
-// A demoted offset is restored by KMXC_SERVICE_CONFIRM_SAMPLES fed samples, not one
-// fewer, that agree with it (their worst deviation from their mean within
-// KMXC_SERVICE_AGREE_PERMILLE: 8 of 200 counts is, 9 is not), and only when their mean
-// strength (through the correction in use) is within the tolerance of the reference:
-// 230 of 200 counts is, 231 is not.
-TEST(KitRuleEdges, ADemotedOffsetIsRestoredOnlyNearItsReferenceStrength) {
-    const struct {
-        const char *name;
-        int32_t hi, lo;  // the samples' strengths, four each
+        int samples;     // fed since the start (stored), judged (demoted)
         int anomalous;   // the judged sample that is an anomaly (-1: none)
-        bool restored;
+        bool trusted;
     } cases[] = {
-        {"230 of 200: within the tolerance", 230, 230, -1, true},
-        {"231: beyond it", 231, 231, -1, false},
-        {"208 and 192: the agreement's limit", 208, 192, -1, true},
-        {"209 and 191: past it", 209, 191, -1, false},
-        {"an anomaly among them: the count starts again", 200, 200, 3, false},
+        {"stored, 208 and 192: the agreement's limit", false, 208, 192, kAll, -1, true},
+        {"stored, 209 and 191: past it", false, 209, 191, kAll, -1, false},
+        {"stored, a sample short", false, 200, 200, kAll - 1, -1, false},
+        {"demoted, 230 of 200: within the tolerance", true, 230, 230, kAll, -1, true},
+        {"demoted, 231: beyond it", true, 231, 231, kAll, -1, false},
+        {"demoted, 208 and 192: the agreement's limit", true, 208, 192, kAll, -1, true},
+        {"demoted, 209 and 191: past it", true, 209, 191, kAll, -1, false},
+        {"demoted, a sample short", true, 200, 200, kAll - 1, -1, false},
+        {"demoted, an anomaly among them: the count starts again", true, 200, 200, kAll, 3, false},
     };
     for (const auto &c : cases) {
-        feed_strengths(c.hi, c.lo);
-        g_state.reference = g_state.demoted = g_state.provisional = true;
-        g_state.ref_strength = 200;
+        SCOPED_TRACE(c.name);
+        feed({{c.hi, 0, 0},
+              {0, c.lo, 0},
+              {0, 0, c.hi},
+              {-c.lo, 0, 0},
+              {0, -c.hi, 0},
+              {0, 0, -c.lo},
+              {c.hi, 0, 0},
+              {0, c.lo, 0}});
         KmxcServiceEvent e{};
-        e.flags = KMXC_SERVICE_FED;
-        // The samples' own strengths, as judged, within the tolerance: the ring decides.
-        for (int i = 0; i < KMXC_SERVICE_CONFIRM_SAMPLES; ++i) {
-            EXPECT_FALSE(g_state.offset_trusted) << c.name << ": after " << i << " samples";
-            judge_anomaly(Vec3{0, 0, -4096}, i == c.anomalous ? 400 : 200, 0, KmxAxesData{0, 0, 0}, 1, &e);
+        if (c.demoted) {
+            g_state.reference = g_state.demoted = g_state.provisional = true;
+            g_state.ref_strength = 200;
+            e.flags = KMXC_SERVICE_FED;
+            // The samples' own strengths, as judged, within the tolerance: the ring decides.
+            for (int i = 0; i < c.samples; ++i)
+                judge_anomaly(Vec3{0, 0, -4096}, i == c.anomalous ? 400 : 200, 0, KmxAxesData{0, 0, 0}, 1, &e);
+        } else {
+            g_state.stored_pending = true;
+            g_state.confirm_count = c.samples;
+            try_confirm(KmxAxesData{0, 0, 0}, &e);
         }
-        EXPECT_EQ(g_state.offset_trusted, c.restored) << c.name;
-        EXPECT_EQ((e.flags & KMXC_SERVICE_CONFIRMED) != 0, c.restored) << c.name;
+        EXPECT_EQ(g_state.offset_trusted, c.trusted);
+        EXPECT_EQ((e.flags & KMXC_SERVICE_CONFIRMED) != 0, c.trusted);
     }
 }
 
@@ -345,27 +334,22 @@ TEST(KitTilt, GravityIsSteadyWithinItsAngleOfTheRunningMeanAndWithinTheLengthBan
         const char *name;
         double jump_deg;  // a sample this far from a long-held gravity
         double scale;     // and this long (1: 1 g)
+        int held;         // then held for this many samples more
         bool steady;
     } cases[] = {
-        {"unchanged", 0, 1, true},
-        {"2.9 degrees off", 2.9, 1, true},
-        {"3.1 degrees off", 3.1, 1, false},
-        {"unchanged but 7 % long", 0, 1.07, false},
-        {"unchanged, 5 % long", 0, 1.05, true},
+        {"unchanged", 0, 1, 0, true},
+        {"2.9 degrees off", 2.9, 1, 0, true},
+        {"3.1 degrees off", 3.1, 1, 0, false},
+        {"unchanged but 7 % long", 0, 1.07, 0, false},
+        {"unchanged, 5 % long", 0, 1.05, 0, true},
+        {"10 degrees off, held: the mean after a few time constants", 10, 1, 30, true},
     };
     for (const auto &c : cases) {
         start_kit(10);
         for (int i = 0; i < 50; ++i) track_tilt(tilted(0));
-        track_tilt(tilted(c.jump_deg, c.scale));
+        for (int i = 0; i <= c.held; ++i) track_tilt(tilted(c.jump_deg, c.scale));
         EXPECT_EQ(g_state.tilt_steady, c.steady) << c.name;
     }
-    // A tilt held steady becomes the mean: steady again after a few time constants.
-    start_kit(10);
-    for (int i = 0; i < 50; ++i) track_tilt(tilted(0));
-    track_tilt(tilted(10));
-    EXPECT_FALSE(g_state.tilt_steady);
-    for (int i = 0; i < 30; ++i) track_tilt(tilted(10));
-    EXPECT_TRUE(g_state.tilt_steady);
 }
 
 // The kit trusting an offset whose reference angle between field and gravity is
@@ -387,27 +371,24 @@ void trusted_at(int32_t cdeg) {
 
 int32_t dip_permille(double deg) { return static_cast<int32_t>(1000 * std::cos(deg * kPi / 180)); }
 
+// At a steep field (an 84-degree dip: 6 degrees from gravity) the cosine moves by 0.005
+// for 6 degrees, 0.12 of it would hide a whole 20: the angle still tells.
 TEST(KitDip, TheDipIsJudgedAsAnAngleSixDegreesEitherWayAtAnyDip) {
     const struct {
         const char *name;
+        int32_t reference_cdeg;  // the reference angle between field and gravity
         double angle_deg;
         bool anomaly;
     } cases[] = {
-        {"5.8 degrees steeper", 24.2, false},
-        {"6.3 degrees steeper", 23.7, true},
-        {"5.8 degrees flatter", 35.8, false},
-        {"6.3 degrees flatter", 36.3, true},
+        {"5.8 degrees steeper", 3000, 24.2, false},           {"6.3 degrees steeper", 3000, 23.7, true},
+        {"5.8 degrees flatter", 3000, 35.8, false},           {"6.3 degrees flatter", 3000, 36.3, true},
+        {"a steep field, 5 degrees flatter", 600, 11, false}, {"a steep field, 7 degrees flatter", 600, 13, true},
     };
     for (const auto &c : cases) {
-        trusted_at(3000);
+        trusted_at(c.reference_cdeg);
         const uint8_t causes = anomaly_of(Vec3{0, 0, -4096}, 120, dip_permille(c.angle_deg));
         EXPECT_EQ((causes & KMXC_SERVICE_ANOMALY_DIP) != 0, c.anomaly) << c.name;
     }
-    // At a steep field (an 84-degree dip: 6 degrees from gravity) the cosine moves by 0.005
-    // for 6 degrees, 0.12 of it would hide a whole 20: the angle still tells.
-    trusted_at(600);
-    EXPECT_EQ(anomaly_of(Vec3{0, 0, -4096}, 120, dip_permille(11)) & KMXC_SERVICE_ANOMALY_DIP, 0);
-    EXPECT_NE(anomaly_of(Vec3{0, 0, -4096}, 120, dip_permille(13)) & KMXC_SERVICE_ANOMALY_DIP, 0);
 }
 
 TEST(KitDip, AnAnomalyHoldsTheAccuracyDownAndOnlyAPersistingOneInRangeDemotes) {
