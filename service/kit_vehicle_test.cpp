@@ -11,14 +11,6 @@ namespace {
 
 using namespace kit_test;
 
-// The phone held in `pose` in the scenario's undisturbed field (magnetic: no declination).
-void hold(Truth &truth, const ScenarioSettings &s, const Pose &pose) {
-    truth.attitude = attitude_matrix(pose);
-    truth.earth_uT = to_phone(truth.attitude, earth_field_uT(s.field_uT, s.inclination_deg));
-    truth.field_uT = truth.earth_uT;
-    truth.gravity_g = to_phone(truth.attitude, Vec3{0, 0, -1});
-}
-
 // In a car's mount the attitude takes the mount's recent gravity while the phone turns
 // on its circle: the heading then holds through braking and cornering (0.4 g tilts the
 // measured gravity by up to 22 degrees, several times the heading at a 60-degree dip)
@@ -163,11 +155,14 @@ TEST_F(Kit, TheIntegerHeadingKeepsItsAxisWithinTheMarginAndSaysWhich) {
     s.noise_uT = 0;
     s.accel_noise_g = 0;
     s.hard_iron_uT = Vec3{0, 0, 0};  // the offset is known: none
-    const auto pose_at = [&](double t) {
+    // The phone held in each pose in the scenario's undisturbed field (magnetic: no declination).
+    const Trace r = run(s, 10, kHoldS * std::size(holds), [&](double t, Truth &truth) {
         const size_t k = std::min(static_cast<size_t>(t / kHoldS), std::size(holds) - 1);
-        return Pose{40, -holds[k].pitch_up_deg, 20};
-    };
-    const Trace r = run(s, 10, kHoldS * std::size(holds), [&](double t, Truth &truth) { hold(truth, s, pose_at(t)); });
+        truth.attitude = attitude_matrix(Pose{40, -holds[k].pitch_up_deg, 20});
+        truth.earth_uT = to_phone(truth.attitude, earth_field_uT(s.field_uT, s.inclination_deg));
+        truth.field_uT = truth.earth_uT;
+        truth.gravity_g = to_phone(truth.attitude, Vec3{0, 0, -1});
+    });
     ASSERT_GE(r.events.size(), 10 * kHoldS * std::size(holds));
     for (size_t k = 0; k < std::size(holds); ++k) {
         SCOPED_TRACE(holds[k].pitch_up_deg);
