@@ -35,14 +35,27 @@ int64_t dist_sq(const StoredSample &a, const StoredSample &b) {
     return sum;
 }
 
-// A sample joins at exactly the least distance from every kept sample, when its field and
-// gravity are int16 values and the kit does not flag it.
-TEST(FieldStore, ASampleJoinsAtTheLeastDistanceFromEveryKeptOneInRangeAndUnflagged) {
+// A sample joins at exactly the least distance from every kept one, when its field and
+// gravity are int16 values, the kit does not flag it, its strength lies within the band
+// about the median and, once the store is full, it lies farther from every kept sample
+// than the closest pair.
+TEST(FieldStore, ASampleJoinsOnlyWithinEachAdmissionRuleAtItsThreshold) {
+    // Five samples 200 counts from c (the median 200): strengths 140..260 join.
+    const Vec3 c{10, -20, 30};
+    const auto around = [&](int x, int y, int z) { return Vec3{c.x + x, c.y + y, c.z + z}; };
+    const std::vector<Vec3> five = {around(200, 0, 0), around(-200, 0, 0), around(0, 200, 0), around(0, -200, 0),
+                                    around(0, 0, 200)};
+    // 31 samples on a 40-count grid and one 17 counts from the sixth: that pair is the only
+    // one closer than 40. (Which of a pair a replacement drops: the long stream below.)
+    std::vector<Vec3> full;
+    for (int i = 0; i < 31; ++i) full.push_back(Vec3{40 * (i % 4), 40 * (i / 4 % 4), 40 * (i / 16)});
+    full.push_back(Vec3{full[5].x + 17, full[5].y, full[5].z});
     const struct {
         const char *name;
         std::vector<Vec3> kept;
         Vec3 candidate;
         Offer result;
+        const Vec3 *centre = nullptr;
         Vec3 g = kDown;
         bool anomaly = false;
     } cases[] = {
@@ -60,46 +73,29 @@ TEST(FieldStore, ASampleJoinsAtTheLeastDistanceFromEveryKeptOneInRangeAndUnflagg
         {"one past it", {}, {32768, 0, 0}, Offer::kOutOfRange},
         {"the least int16 field", {}, {0, -32768, 0}, Offer::kJoined},
         {"one below it", {}, {0, -32769, 0}, Offer::kOutOfRange},
-        {"the largest int16 gravity", {}, {0, 0, 99}, Offer::kJoined, {0, 0, 32767}},
-        {"gravity one below the least", {}, {0, 0, 99}, Offer::kOutOfRange, {0, 0, -32769}},
-        {"gravity one past the largest", {}, {0, 0, 99}, Offer::kOutOfRange, {32768, 0, 0}},
-        {"flagged by the kit", {}, {0, 0, 99}, Offer::kAnomaly, kDown, true},
-    };
-    for (const auto &c : cases) {
-        FieldStore s = store_of(c.kept);
-        EXPECT_EQ(field_store_offer(&s, c.candidate, c.g, nullptr, c.anomaly, true), c.result) << c.name;
-        const bool joined = c.result == Offer::kJoined;
-        ASSERT_EQ(s.count, c.kept.size() + (joined ? 1 : 0)) << c.name;
-        if (joined) {
-            EXPECT_EQ(stored_field(s, s.count - 1).x, c.candidate.x) << c.name;
-            EXPECT_EQ(stored_gravity(s, s.count - 1).z, c.g.z) << c.name;
-        }
-    }
-}
-
-// Five samples 200 counts from the centre (the median 200): strengths 140..260 join.
-TEST(FieldStore, TheStrengthBandAboutTheMedianHoldsAtBothEnds) {
-    const Vec3 c{10, -20, 30};
-    const auto around = [&](int x, int y, int z) { return Vec3{c.x + x, c.y + y, c.z + z}; };
-    const std::vector<Vec3> five = {around(200, 0, 0), around(-200, 0, 0), around(0, 200, 0), around(0, -200, 0),
-                                    around(0, 0, 200)};
-    const struct {
-        const char *name;
-        int kept;
-        Vec3 candidate;
-        const Vec3 *centre;
-        Offer result;
-    } cases[] = {
-        {"1.3 times the median", 5, around(0, 0, -260), &c, Offer::kJoined},
-        {"just beyond", 5, around(0, 0, -261), &c, Offer::kStrengthFar},
-        {"0.7 times the median", 5, around(0, 0, -140), &c, Offer::kJoined},
-        {"just below", 5, around(0, 0, -139), &c, Offer::kStrengthFar},
-        {"far off with four kept: no median yet", 4, around(0, 0, -500), &c, Offer::kJoined},
-        {"far off without a centre", 5, around(0, 0, -500), nullptr, Offer::kJoined},
+        {"the largest int16 gravity", {}, {0, 0, 99}, Offer::kJoined, nullptr, {0, 0, 32767}},
+        {"gravity one below the least", {}, {0, 0, 99}, Offer::kOutOfRange, nullptr, {0, 0, -32769}},
+        {"gravity one past the largest", {}, {0, 0, 99}, Offer::kOutOfRange, nullptr, {32768, 0, 0}},
+        {"flagged by the kit", {}, {0, 0, 99}, Offer::kAnomaly, nullptr, kDown, true},
+        {"1.3 times the median", five, around(0, 0, -260), Offer::kJoined, &c},
+        {"just beyond", five, around(0, 0, -261), Offer::kStrengthFar, &c},
+        {"0.7 times the median", five, around(0, 0, -140), Offer::kJoined, &c},
+        {"just below", five, around(0, 0, -139), Offer::kStrengthFar, &c},
+        {"four kept: no median yet", {five.begin(), five.begin() + 4}, around(0, 0, -500), Offer::kJoined, &c},
+        {"far off without a centre", five, around(0, 0, -500), Offer::kJoined},
+        {"full: exactly the closest pair's distance from a kept one", full, {0, 0, -17}, Offer::kNotWider},
+        {"full: farther from all kept than the closest pair", full, {-17, -1, 0}, Offer::kJoinedReplacing},
     };
     for (const auto &k : cases) {
-        FieldStore s = store_of(std::vector<Vec3>(five.begin(), five.begin() + k.kept));
-        EXPECT_EQ(field_store_offer(&s, k.candidate, kDown, k.centre, false, true), k.result) << k.name;
+        SCOPED_TRACE(k.name);
+        FieldStore s = store_of(k.kept);
+        EXPECT_EQ(field_store_offer(&s, k.candidate, k.g, k.centre, k.anomaly, true), k.result);
+        const bool joined = k.result == Offer::kJoined;
+        ASSERT_EQ(s.count, k.kept.size() + (joined ? 1 : 0));
+        if (joined) {
+            EXPECT_EQ(stored_field(s, s.count - 1).x, k.candidate.x);
+            EXPECT_EQ(stored_gravity(s, s.count - 1).z, k.g.z);
+        }
     }
     // The median follows the centre it is asked about: 60 counts from c along any axis the
     // five lie 140 to 260 counts away (the median 209), where 143 is too near, though not
@@ -113,36 +109,11 @@ TEST(FieldStore, TheStrengthBandAboutTheMedianHoldsAtBothEnds) {
     }
 }
 
-// 31 samples on a 40-count grid and one 17 counts from the sixth: that pair is the only
-// one closer than 40, and a far sample replaces its older member; a sample no farther
-// than 17 from a kept one stays out. (Which member is older wherever the two lie: the
-// long stream below.)
-TEST(FieldStore, AFullStoreDropsTheOlderSampleOfItsClosestPair) {
-    std::vector<Vec3> full;
-    for (int i = 0; i < 31; ++i) full.push_back(Vec3{40 * (i % 4), 40 * (i / 4 % 4), 40 * (i / 16)});
-    full.push_back(Vec3{full[5].x + 17, full[5].y, full[5].z});
-    FieldStore s = store_of(full);
-    EXPECT_EQ(s.nearest_sq[5], 17u * 17u);
-    EXPECT_EQ(field_store_offer(&s, Vec3{1000, 1000, 1000}, kDown, nullptr, false, false), Offer::kJoinedReplacing);
-    EXPECT_EQ(stored_field(s, 5).x, 1000) << "the older of the pair";
-    EXPECT_EQ(s.age[5], 0);
-    EXPECT_EQ(s.nearest_sq[31], 23u * 23u) << "the survivor's nearest, looked up again";
-    EXPECT_FALSE(s.steady >> 5 & 1u) << "the new sample's gravity flag";
-    // Full, a sample joins only farther than the closest pair (17 apart) from all kept.
-    const struct {
-        Vec3 candidate;
-        Offer result;
-    } limits[] = {{{0, 0, -17}, Offer::kNotWider}, {{-17, -1, 0}, Offer::kJoinedReplacing}};
-    for (const auto &l : limits) {
-        s = store_of(full);
-        EXPECT_EQ(field_store_offer(&s, l.candidate, kDown, nullptr, false, true), l.result) << l.candidate.x;
-    }
-}
-
 // A phone turned at random through every attitude, with noise, for 3000 samples: after
 // every offer the kept samples are at least the least distance apart, each caches its
-// true nearest distance, ages are a permutation, a full store's spacing never shrinks,
-// and a replacement dropped the older sample of a closest pair.
+// true nearest distance, ages are a permutation with the sample that joined the newest
+// and its gravity flag kept, a full store's spacing never shrinks, and a replacement
+// dropped the older sample of a closest pair.
 TEST(FieldStore, InvariantsHoldOverALongStreamFromARandomlyTurnedPhone) {
     std::mt19937_64 rng(17);
     std::normal_distribution<double> gauss;
@@ -155,8 +126,13 @@ TEST(FieldStore, InvariantsHoldOverALongStreamFromARandomlyTurnedPhone) {
         const Vec3 m = rounded(Eigen::Vector3d(offset.x, offset.y, offset.z) + f +
                                Eigen::Vector3d(gauss(rng), gauss(rng), gauss(rng)));
         const FieldStore before = s;
-        const Offer result = field_store_offer(&s, m, kDown, &offset, false, true);
+        const bool steady = i % 3 != 0;
+        const Offer result = field_store_offer(&s, m, kDown, &offset, false, steady);
         ASSERT_NE(result, Offer::kStrengthFar) << "a steady field stays in the band";
+        if (result == Offer::kJoined || result == Offer::kJoinedReplacing) {
+            ASSERT_EQ(s.age[s.last], 0) << "the newest";
+            ASSERT_EQ(s.steady >> s.last & 1u, steady ? 1u : 0u) << "its gravity's flag";
+        }
         if (before.count == kStoreCapacity) {
             ASSERT_GE(s.spacing_sq, before.spacing_sq) << "a full store only spreads";
         }
