@@ -298,14 +298,16 @@ FieldStore store_with(const std::vector<Vec3> &fields) {
 }
 
 // n samples 100 counts from c: spread over the sphere by the golden angle and flattened
-// along z by flat, or with flat 0 evenly round the circle in the plane z = c.z.
-std::vector<Vec3> points(int n, const Vec3 &c, double flat = 1) {
+// along z by flat, or with flat 0 evenly round the circle in the plane z = c.z; with far,
+// the first moved to far counts from c along x.
+std::vector<Vec3> points(int n, const Vec3 &c, double flat = 1, int far = 0) {
     std::vector<Vec3> v;
     for (int i = 0; i < n; ++i) {
         const double z = flat == 0 ? 0 : 1 - 2 * (i + 0.5) / n, r = std::sqrt(1 - z * z);
         const double a = flat == 0 ? 2 * kPi * i / n : i * 2.399963;
         v.push_back(rounded(as_double(c) + 100 * Vector3d(r * std::cos(a), r * std::sin(a), z * flat)));
     }
+    if (far != 0) v[0] = Vec3{c.x + far, c.y, c.z};
     return v;
 }
 
@@ -317,10 +319,6 @@ TEST(Fits, RefuseWhatTheSamplesDoNotDetermineEachAtItsLimit) {
     const auto axes = [&](int z1, int z2) {
         return std::vector<Vec3>{at(64, 0, 0), at(-64, 0, 0), at(0, 64, 0), at(0, -64, 0),
                                  at(0, 0, z1), at(0, 0, -z1), at(0, 0, z2), at(0, 0, -z2)};
-    };
-    const auto far_first = [&](std::vector<Vec3> v, int x) {
-        v[0] = at(x, 0, 0);
-        return v;
     };
     std::vector<Vec3> line;
     for (int i = 0; i < 8; ++i) line.push_back(at(10 * i, 20 * i, -30 * i));
@@ -338,16 +336,16 @@ TEST(Fits, RefuseWhatTheSamplesDoNotDetermineEachAtItsLimit) {
         {"sphere: spread exactly 4/1024", kSphere, axes(4, 0), FitResult::kOk},
         {"sphere: spread 3/1024", kSphere, axes(3, 2), FitResult::kIllConditioned},
         {"sphere: a flat ring", kSphere, points(32, c, 0), FitResult::kIllConditioned},
-        {"sphere: a sample beyond the span", kSphere, far_first(points(8, c), 2600), FitResult::kOverflowRisk},
+        {"sphere: a sample beyond the span", kSphere, points(8, c, 1, 2600), FitResult::kOverflowRisk},
         {"ellipsoid: seventeen samples", kEllipsoid, points(17, c), FitResult::kTooFew},
         {"ellipsoid: eighteen samples", kEllipsoid, points(18, c), FitResult::kOk},
-        {"ellipsoid: a sample beyond the span", kEllipsoid, far_first(points(32, c), 1025), FitResult::kOverflowRisk},
+        {"ellipsoid: a sample beyond the span", kEllipsoid, points(32, c, 1, 1025), FitResult::kOverflowRisk},
         {"ellipsoid: a flat ring", kEllipsoid, points(32, c, 0), FitResult::kIllConditioned},
         {"ellipsoid: flattened to 0.7", kEllipsoid, points(32, c, 0.7), FitResult::kImplausible},
         {"circle: five samples", kCircle, points(5, c, 0), FitResult::kTooFew},
         {"circle: six samples", kCircle, points(6, c, 0), FitResult::kOk},
         {"circle: a line", kCircle, line, FitResult::kIllConditioned},
-        {"circle: a sample beyond the span", kCircle, far_first(points(8, c, 0), 2600), FitResult::kOverflowRisk},
+        {"circle: a sample beyond the span", kCircle, points(8, c, 0, 2600), FitResult::kOverflowRisk},
     };
     for (const auto &k : cases) {
         SCOPED_TRACE(k.name);

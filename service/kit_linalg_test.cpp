@@ -91,13 +91,12 @@ TEST(KitLinalg, SolveAgreesWithDoublePrecisionOnRandomNormalEquations) {
         const FitResult result = solve_spd(n, a, b, frac, x);
         const Eigen::VectorXd s = ad.diagonal().cwiseSqrt().cwiseInverse();
         const Eigen::MatrixXd eq = s.asDiagonal() * ad * s.asDiagonal();
-        double min_pivot = ad.diagonal().minCoeff() == 0 ? 0 : 1;  // a feature rounded to nothing: none
-        Eigen::MatrixXd work = eq;
-        for (int k = 0; k < n && min_pivot > 0; ++k) {
-            min_pivot = std::min(min_pivot, work(k, k));
-            for (int i = k + 1; i < n; ++i)
-                for (int j = k + 1; j < n; ++j) work(i, j) -= work(i, k) * work(k, j) / work(k, k);
-        }
+        // The pivots in order: the squares of the unpivoted Cholesky factor's diagonal (none
+        // when a feature rounded to nothing or the elimination fails).
+        const Eigen::LLT<Eigen::MatrixXd> llt(eq);
+        const double min_pivot = ad.diagonal().minCoeff() == 0 || llt.info() != Eigen::Success
+                                     ? 0
+                                     : llt.matrixLLT().diagonal().array().square().minCoeff();
         const double limit = std::ldexp(1.0, -kSolvePivotBits);
         if (min_pivot < 0.99 * limit) {
             EXPECT_EQ(result, FitResult::kIllConditioned) << "pivot " << min_pivot;

@@ -47,19 +47,13 @@ Store random_store(std::mt19937_64 &rng, int n, double r, double cap_deg, double
     return s;
 }
 
-// n S, exactly: n sum u u^T - sum u sum u^T.
+// n S, exactly (whole numbers far below 2^53): n sum u u^T - sum u sum u^T.
 void scatter(const Store &s, int64_t a[9]) {
-    int64_t su[3] = {0, 0, 0}, suu[9] = {};
-    for (const Vec3 &p : s.u) {
-        const int64_t v[3] = {p.x, p.y, p.z};
-        for (int r = 0; r < 3; ++r) {
-            su[r] += v[r];
-            for (int c = 0; c < 3; ++c) suu[3 * r + c] += v[r] * v[c];
-        }
-    }
-    const int64_t n = static_cast<int64_t>(s.u.size());
-    for (int r = 0; r < 3; ++r)
-        for (int c = 0; c < 3; ++c) a[3 * r + c] = n * suu[3 * r + c] - su[r] * su[c];
+    Eigen::MatrixX3d u(s.u.size(), 3);
+    for (size_t i = 0; i < s.u.size(); ++i) u.row(i) << s.u[i].x, s.u[i].y, s.u[i].z;
+    const Eigen::Vector3d su = u.colwise().sum();
+    const Eigen::Matrix3d m = double(u.rows()) * u.transpose() * u - su * su.transpose();
+    for (int i = 0; i < 9; ++i) a[i] = static_cast<int64_t>(m(i / 3, i % 3));
 }
 
 // The posterior share in double: X C X^T (and the prior's sd^2 X X^T), counts^2.
@@ -159,8 +153,7 @@ TEST(SoftIronShare, GrowsAsTheStoreShrinksToACapAndVanishesWithoutAPrior) {
     EXPECT_EQ(soft_iron_share(s.u.data(), 32, s.centre, s.radius, {0, 40}, a, share), FitResult::kTooFew);
     for (int64_t e : share) EXPECT_EQ(e, 0) << "no prior: no share";
     // More samples than the sums are bounded for.
-    std::mt19937_64 more(6);
-    const Store big = random_store(more, kShareMaxSamples + 1, 120, 90, 0.3);
+    const Store big = random_store(rng, kShareMaxSamples + 1, 120, 90, 0.3);
     int32_t x[kShareColumns];
     EXPECT_EQ(soft_iron_share_columns(big.u.data(), kShareMaxSamples + 1, big.centre, a, x), FitResult::kTooFew);
     s.u[3].x = s.centre.x + kShareSpanLimit;
