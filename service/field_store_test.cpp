@@ -99,7 +99,7 @@ TEST(FieldStore, ASampleJoinsOnlyWithinEachAdmissionRuleAtItsThreshold) {
     }
     // The median follows the centre it is asked about: 60 counts from c along any axis the
     // five lie 140 to 260 counts away (the median 209), where 143 is too near, though not
-    // for c's median (200).
+    // for c's median (200), asked about first so that a median kept from it would show.
     for (int k = 0; k < 3; ++k) {
         FieldStore s = store_of(five);
         EXPECT_EQ(field_store_offer(&s, around(0, 0, -261), kDown, &c, false, true), Offer::kStrengthFar);
