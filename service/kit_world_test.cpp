@@ -18,6 +18,26 @@ namespace {
 
 using namespace kit_test;
 
+// The events at accuracy lo to hi with a valid orientation (the planar estimator's alone,
+// if asked): how many, how many more than off_deg off, and the sum of their squared errors.
+struct Tally {
+    int count = 0, off = 0;
+    double squares = 0;
+};
+Tally tally(const Trace &r, uint8_t lo, uint8_t hi, double off_deg, bool planar_only = false) {
+    Tally t;
+    for (size_t i = 0; i < r.events.size(); ++i) {
+        const KmxcServiceEvent &e = r.events[i];
+        if (e.accuracy < lo || e.accuracy > hi || (e.flags & KMXC_SERVICE_ORIENTATION_VALID) == 0) continue;
+        if (planar_only && e.estimator != KMXC_SERVICE_ESTIMATOR_PLANAR) continue;
+        const double d = azimuth_error_deg(e, r.truths[i]);
+        ++t.count;
+        t.off += std::fabs(d) > off_deg;
+        t.squares += d * d;
+    }
+    return t;
+}
+
 // A phone whose own metal bends its field by up to 10 % (y stretched, z squeezed, a y-z
 // skew), turned slowly by hand: a sphere fitted while the samples cover part of the
 // sphere takes the bend for offset (18 uT off on this seed), as round as the truth.
@@ -30,22 +50,11 @@ TEST_F(Kit, SoftIronIsNotTrustedAsAnOffsetBeforeTheSamplesGoRound) {
     ScenarioSettings s = scenario("slow");
     s.soft_iron = {1.0, 1.08, 0.90, 0, 0, -0.07};
     const Trace r = run(s, 10);
-    int high = 0, high_off = 0, medium = 0, medium_off = 0;
-    for (size_t i = 0; i < r.events.size(); ++i) {
-        const KmxcServiceEvent &e = r.events[i];
-        if (e.accuracy < KMXC_SERVICE_MEDIUM || (e.flags & KMXC_SERVICE_ORIENTATION_VALID) == 0) continue;
-        const double off = std::fabs(azimuth_error_deg(e, r.truths[i]));
-        if (e.accuracy == KMXC_SERVICE_HIGH) {
-            ++high;
-            high_off += off > 6;
-        } else {
-            ++medium;
-            medium_off += off > 15;
-        }
-    }
-    EXPECT_GT(high + medium, 150) << "trusted once the samples go round";
-    EXPECT_LE(high_off * 10, high) << high_off << " of " << high;
-    EXPECT_LE(medium_off * 4, medium) << medium_off << " of " << medium;
+    const Tally high = tally(r, KMXC_SERVICE_HIGH, KMXC_SERVICE_HIGH, 6);
+    const Tally medium = tally(r, KMXC_SERVICE_MEDIUM, KMXC_SERVICE_MEDIUM, 15);
+    EXPECT_GT(high.count + medium.count, 150) << "trusted once the samples go round";
+    EXPECT_LE(high.off * 10, high.count) << high.off << " of " << high.count;
+    EXPECT_LE(medium.off * 4, medium.count) << medium.off << " of " << medium.count;
 }
 
 // Lying still, only the first sample passes the feed gate; turned flat only, every
@@ -122,14 +131,7 @@ TEST_F(Kit, AHandsCircleAboutAnAxisOtherThanTheVerticalGivesNoPlanarHeading) {
     ScenarioSettings s = scenario("browse");
     s.seed = 3;
     s.hard_iron_uT = Vec3{150, -120, 90};
-    const Trace r = run(s, 10);
-    for (size_t i = 0; i < r.events.size(); ++i) {
-        const KmxcServiceEvent &e = r.events[i];
-        if (e.estimator != KMXC_SERVICE_ESTIMATOR_PLANAR || e.accuracy < KMXC_SERVICE_LOW ||
-            (e.flags & KMXC_SERVICE_ORIENTATION_VALID) == 0)
-            continue;
-        EXPECT_LT(std::fabs(azimuth_error_deg(e, r.truths[i])), 30.0) << "event " << i;
-    }
+    EXPECT_EQ(tally(run(s, 10), KMXC_SERVICE_LOW, KMXC_SERVICE_HIGH, 30, true).off, 0);
 }
 
 // A magnet clipped on at 20 s moves the offset by far more than an Earth field. Its
@@ -210,18 +212,10 @@ TEST_F(Kit, ACirclesOffsetIsLowOnlyWhileItsUndeterminedAxisStaysVertical) {
         s.hard_iron_uT = Vec3{60, -40, 30};
         s.seed = seed;
         const Trace r = run(s, 10);
-        double sq = 0;
-        int low = 0, planar_low = 0;
-        for (size_t i = 0; i < r.events.size(); ++i) {
-            const KmxcServiceEvent &e = r.events[i];
-            if (e.accuracy != KMXC_SERVICE_LOW || (e.flags & KMXC_SERVICE_ORIENTATION_VALID) == 0) continue;
-            const double d = azimuth_error_deg(e, r.truths[i]);
-            sq += d * d;
-            ++low;
-            planar_low += e.estimator == KMXC_SERVICE_ESTIMATOR_PLANAR;
-        }
-        EXPECT_GT(planar_low, 50) << "the circle's offset serves the flat turns";
-        EXPECT_LT(std::sqrt(sq / std::max(low, 1)), 15.0);
+        EXPECT_GT(tally(r, KMXC_SERVICE_LOW, KMXC_SERVICE_LOW, 0, true).count, 50)
+            << "the circle's offset serves the flat turns";
+        const Tally low = tally(r, KMXC_SERVICE_LOW, KMXC_SERVICE_LOW, 0);
+        EXPECT_LT(std::sqrt(low.squares / std::max(low.count, 1)), 15.0);
     }
 }
 
@@ -237,15 +231,11 @@ TEST_F(Kit, AMountsMeanGravityAtASteepDipIsWorthNoMoreThanItsSlopesAllow) {
     s.inclination_deg = 75;
     s.car_field_uT = Vec3{0, 15, 15};
     const Trace r = run(s, 10);
-    int mean_gravity = 0, wrong = 0;
-    for (size_t i = 0; i < r.events.size(); ++i) {
-        const KmxcServiceEvent &e = r.events[i];
-        mean_gravity += (e.flags & KMXC_SERVICE_MOUNT_GRAVITY) != 0;
-        if (e.accuracy < KMXC_SERVICE_MEDIUM || (e.flags & KMXC_SERVICE_ORIENTATION_VALID) == 0) continue;
-        wrong += std::fabs(azimuth_error_deg(e, r.truths[i])) > 15;
-    }
-    EXPECT_GT(mean_gravity, 2000) << "the drive's planar attitude";
-    EXPECT_EQ(wrong, 0);
+    EXPECT_GT(std::count_if(r.events.begin(), r.events.end(),
+                            [](const auto &e) { return (e.flags & KMXC_SERVICE_MOUNT_GRAVITY) != 0; }),
+              2000)
+        << "the drive's planar attitude";
+    EXPECT_EQ(tally(r, KMXC_SERVICE_MEDIUM, KMXC_SERVICE_HIGH, 15).off, 0);
 }
 
 }  // namespace
