@@ -144,7 +144,8 @@ TEST_F(DurableFile, TheReaderAndTheWriterNeverFollowNorWaitAndSayWhatTheyFound) 
         PathKind kind;
         std::string text;  // what the reader reads into its 8 bytes
         bool too_long;
-        WriteStep refused;  // where the writer refuses it (kNone: it writes)
+        WriteStep refused;             // where the writer refuses it (kNone: it writes)
+        std::pair<Call, int> fails{};  // a call on the file that fails, and its errno
     } cases[] = {
         {"missing", [](const std::string &) {}, PathKind::kMissing, "", false, WriteStep::kNone},
         {"exactly full", text("1234567"), PathKind::kRegular, "1234567", false, WriteStep::kNone},
@@ -158,24 +159,15 @@ TEST_F(DurableFile, TheReaderAndTheWriterNeverFollowNorWaitAndSayWhatTheyFound) 
          WriteStep::kTarget},
         {"directory", [](const std::string &h) { std::filesystem::create_directory(h); }, PathKind::kDirectory, "",
          false, WriteStep::kTarget},
-        {"unreadable",
-         [](const std::string &h) {
-             std::ofstream(h) << "1,2,3";
-             vphone::fail_path(kFile, Call::Open, EACCES);
-         },
-         PathKind::kUnreadable, "", false, WriteStep::kTarget},
-        {"read-only file",
-         [](const std::string &h) {
-             std::ofstream(h) << "pinned";
-             vphone::fail_path(kFile, Call::Access, EROFS);
-         },
-         PathKind::kRegular, "pinned", false, WriteStep::kAccess},
+        {"unreadable", text("1,2,3"), PathKind::kUnreadable, "", false, WriteStep::kTarget, {Call::Open, EACCES}},
+        {"read-only", text("pinned"), PathKind::kRegular, "pinned", false, WriteStep::kAccess, {Call::Access, EROFS}},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
         vphone::reset();
         std::filesystem::remove_all(vphone::host_path(kFile));
         c.make(vphone::host_path(kFile));
+        if (c.fails.second != 0) vphone::fail_path(kFile, c.fails.first, c.fails.second);
         char buffer[8];
         const FileRead read = read_small_file(kFile, buffer, sizeof buffer);
         EXPECT_EQ(read.kind, c.kind);
