@@ -20,7 +20,9 @@ using namespace kit_file_test;
 // never applied.
 TEST_F(Kit, EveryStartOutcomeIsReportedByNameAndActedOn) {
     const std::string outside = dir_ + "-outside";
-    const std::string kit_for_stored = "1,16,16,16,45,-31,24,16384,0,0,16384,0,16384,0,0,0,0,0,2746929751";
+    // A kit file of the stored record: a soft-iron correction (row-major below) and the store's coverage.
+    const std::string kit_for_stored = "1,16,16,16,45,-31,24,17000,300,0,16000,-200,16384,0,0,0,5,0,1546463952";
+    const int16_t kit_w[9] = {17000, 300, 0, 300, 16000, -200, 0, -200, 16384};
     const auto link = [&](const char *phone) { std::filesystem::create_symlink(outside, vphone::host_path(phone)); };
     const auto kit_file = [&](const std::string &text) { vphone::write_file(kKitCfg, text); };
     const char *kReset = "16,16,16,0,0,0,2147483647,2147483647,2147483647";
@@ -101,6 +103,10 @@ TEST_F(Kit, EveryStartOutcomeIsReportedByNameAndActedOn) {
         EXPECT_EQ(text_of(kCfg), c.cfg_after != nullptr ? c.cfg_after : before);
         EXPECT_FALSE(std::filesystem::exists(outside)) << "written through a link";
         EXPECT_FALSE(vphone::exists(kBackup));
+        // Only a kit file that is loaded brings its correction and coverage; else there are none.
+        const bool kit = c.kit_file == KMXC_SERVICE_KIT_FILE_LOADED;
+        for (int i = 0; i < 9; ++i) EXPECT_EQ(r.start.soft_iron_q14[i], kit ? kit_w[i] : i % 4 == 0 ? 16384 : 0) << i;
+        EXPECT_EQ(r.events.front().coverage_cells, kit ? 5 : 0);
         KmxAxesData gravity_offset;
         KmxAxesLibGetGsOffset(&gravity_offset);
         EXPECT_EQ(gravity_offset.z, 0);
@@ -153,8 +159,7 @@ TEST_F(Kit, SavesKeepAgreeingFitsSpacedForTheFlash) {
             int changes = 0;
             for (size_t i = 1; i < seen.size(); ++i) changes += seen[i] != seen[i - 1];
             EXPECT_GE(done, static_cast<uint32_t>(changes));
-            std::ifstream in(outside);
-            EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), "someone's file");
+            EXPECT_EQ(vphone::read_file(outside), "someone's file");
             struct stat st {};
             ASSERT_EQ(::stat(outside.c_str(), &st), 0);
             EXPECT_EQ(st.st_mode & 0777, 0600u);
