@@ -188,25 +188,34 @@ TEST(CompassService, AGarbledCalibrationFileIsResetAndSaidSo) {
 // Bad input gets one line and a non-zero exit, before anything is lost. That includes
 // files named inside the sandbox: --fresh and replays empty it, so a record opened there
 // would be written to a file already deleted, a replay file there deleted after reading.
+// What the tool is pointed at but not given to change stays as it was: it empties only
+// sandboxes it made (not a folder that merely looks like a phone's, a root file system
+// being put together), and its own only once every output can be written.
 TEST(CompassService, BadInputGetsOneLineAndANonZeroExitBeforeAnythingIsLost) {
     const std::string d = dir_for("bad"), inside = "is inside the sandbox";
+    const std::string not_phone = "holds files that are not a virtual phone's";
     ASSERT_EQ(record_still(d), 0);
-    fs::copy_file(d + "/r.csv", d + "/phone/r.csv");
+    fs::copy_file(d + "/r.csv", d + "/phone/r.csv");  // stray files in the sandbox
     fs::copy_file(d + "/f.csv", d + "/phone/f.csv");
     std::ofstream(d + "/not-a-record.csv") << "hello\n";
+    fs::create_directories(d + "/mine");
+    std::ofstream(d + "/mine/thesis.txt") << "years of work\n";
+    for (const char *sub : {"/etc", "/dev", "/sys", "/misc"}) fs::create_directories(d + "/rootfs" + sub);
+    std::ofstream(d + "/rootfs/etc/fstab") << "proc /proc proc defaults 0 0\n";
     struct Case {
         const char *name;
         std::vector<std::string> args;
         int exit_code;
         std::string error_part;
+        const char *sandbox = "phone";
     };
     std::vector<Case> cases = {
         {"unknown option", {"--frobnicate"}, 2, "unknown option '--frobnicate'"},
         {"missing replay file", {"--replay", d + "/missing.csv"}, 2, "cannot read replay file"},
         {"replay file is not a record", {"--replay", d + "/not-a-record.csv"}, 2, "line 1: not a raw record"},
         {"replay file is a directory", {"--replay", d}, 2, "it is a directory"},
-        {"plot file cannot be written", {"--plot", d + "/no/such/dir/p.png"}, 2, "cannot write '"},
-        {"record file cannot be written", {"--record", d + "/no/dir/r.csv"}, 2, "cannot write record"},
+        {"plot file cannot be written", {"--fresh", "--plot", d + "/no/such/dir/p.png"}, 2, "cannot write '"},
+        {"record file cannot be written", {"--fresh", "--record", d + "/no/dir/r.csv"}, 2, "cannot write record"},
         {"record inside the sandbox",
          {"--fresh", "--scenario", "still", "--record", d + "/phone/misc/r2.csv"},
          2,
@@ -217,6 +226,10 @@ TEST(CompassService, BadInputGetsOneLineAndANonZeroExitBeforeAnythingIsLost) {
         {"a field log inside the sandbox", {"--replay-field", d + "/phone/f.csv"}, 2, inside},
         {"a field log written inside the sandbox", {"--record-field", d + "/phone/g.csv"}, 2, inside},
         {"plot inside the sandbox, named through ..", {"--plot", d + "/phone/etc/../p.png"}, 2, inside},
+        {"--fresh on a folder it did not make", {"--fresh", "--scenario", "still"}, 1, not_phone, "mine"},
+        {"a replay on it", {"--replay", d + "/r.csv"}, 1, not_phone, "mine"},
+        {"a plain run on it", {"--scenario", "still"}, 1, not_phone, "mine"},
+        {"--fresh on a root file system", {"--fresh", "--scenario", "still"}, 1, not_phone, "rootfs"},
     };
     // A plot that cannot be written after the run is reported too.
     if (fs::exists("/dev/full"))
@@ -226,56 +239,23 @@ TEST(CompassService, BadInputGetsOneLineAndANonZeroExitBeforeAnythingIsLost) {
                          "plot: cannot write '/dev/full'"});
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
-        const Result r = on_phone(d, c.args);
+        const Result r = on_phone(d, c.args, c.sandbox);
         EXPECT_FALSE(r.crashed);
         EXPECT_EQ(r.exit_code, c.exit_code);
         EXPECT_THAT(r.err, ::testing::StartsWith("compass_service: "));
         EXPECT_THAT(r.err, HasSubstr(c.error_part));
         EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
         EXPECT_EQ(slurp(d + "/phone/r.csv"), slurp(d + "/r.csv"));
+        EXPECT_EQ(slurp(d + "/mine/thesis.txt"), "years of work\n");
+        EXPECT_EQ(std::distance(fs::directory_iterator(d + "/mine"), fs::directory_iterator()), 1);
+        EXPECT_EQ(slurp(d + "/rootfs/etc/fstab"), "proc /proc proc defaults 0 0\n");
+        EXPECT_FALSE(fs::exists(d + "/rootfs/.kmxc-sandbox"));
     }
     EXPECT_FALSE(fs::exists(d + "/phone/misc/r2.csv"));
     EXPECT_FALSE(fs::exists(d + "/phone/o.csv"));
-}
-
-// What the tool is pointed at but not given to change stays as it was: it empties only
-// sandboxes it made, never runs text from file names, and reports what it cannot write.
-TEST(CompassService, NeverEmptiesADirectoryItDidNotMake) {
-    const std::string d = dir_for("foreign"), mine = d + "/mine";
+    // Its own sandbox it empties on request: the stray file goes, the marker stays.
     ASSERT_EQ(record_still(d), 0);
-    fs::create_directories(mine);
-    std::ofstream(mine + "/thesis.txt") << "years of work\n";
-    const struct {
-        const char *name;
-        std::vector<std::string> args;
-    } cases[] = {
-        {"--fresh", {"--fresh", "--scenario", "still"}},
-        {"a replay", {"--replay", d + "/r.csv"}},
-        {"a plain run", {"--scenario", "still"}},
-    };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.name);
-        const Result r = on_phone(d, c.args, "mine");
-        EXPECT_NE(r.exit_code, 0);
-        EXPECT_THAT(r.err, HasSubstr("holds files that are not a virtual phone's"));
-        EXPECT_EQ(slurp(mine + "/thesis.txt"), "years of work\n");
-        EXPECT_EQ(std::distance(fs::directory_iterator(mine), fs::directory_iterator()), 1);
-    }
-    // A folder that merely looks like a phone's (a root file system being put together)
-    // is not a sandbox either.
-    const std::string rootfs = d + "/rootfs";
-    for (const char *sub : {"/etc", "/dev", "/sys", "/misc"}) fs::create_directories(rootfs + sub);
-    std::ofstream(rootfs + "/etc/fstab") << "proc /proc proc defaults 0 0\n";
-    EXPECT_NE(run(d, {"--fresh", "--sandbox", rootfs, "--quiet", "--scenario", "still"}).exit_code, 0);
-    EXPECT_EQ(slurp(rootfs + "/etc/fstab"), "proc /proc proc defaults 0 0\n");
-    EXPECT_FALSE(fs::exists(rootfs + "/.kmxc-sandbox"));
-    // Its own sandbox it empties on request (a stray file goes, the marker stays), but
-    // only once every output can be written.
-    std::ofstream(d + "/phone/stray.txt") << "x";
-    EXPECT_NE(run(d, {"--fresh", "--sandbox", d + "/phone", "--record", d + "/no/such/dir/r.csv"}).exit_code, 0);
-    EXPECT_TRUE(fs::exists(d + "/phone/stray.txt"));
-    ASSERT_EQ(record_still(d), 0);
-    EXPECT_FALSE(fs::exists(d + "/phone/stray.txt"));
+    EXPECT_FALSE(fs::exists(d + "/phone/r.csv"));
     EXPECT_TRUE(fs::exists(d + "/phone/.kmxc-sandbox"));
 }
 
