@@ -7,7 +7,6 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <functional>
 
 #include "vphone/fault_plan.h"
 #include "vphone/phone_fixture.h"
@@ -71,34 +70,21 @@ TEST_F(VphoneTest, EachDescriptorKeepsItsSlaveAddressAndTransfersReachThatChip) 
     EXPECT_EQ(reads[1].error, EIO);
 }
 
-TEST_F(VphoneTest, FaultWindowsCountFromWhenTheyAreSet) {
-    const struct {
-        const char *name;
-        int nth, count;
-        std::vector<bool> fails;
-    } cases[] = {{"next call", 1, 1, {true, false, false, false}},
-                 {"third call", 3, 1, {false, false, true, false}},
-                 {"second and third", 2, 2, {false, true, true, false}},
-                 {"forever from the third", 3, vphone::kForever, {false, false, true, true}}};
-    vphone::write_file("/misc/sensor/a", "x");
-    for (const auto &c : cases) {
-        vphone::reset();
-        ::access("/misc/sensor/a", F_OK);  // calls before the window is set do not shift it
-        vphone::apply_fault_plan({{Call::Access, c.nth, EACCES, c.count}});  // fail_call, as a plan's entry
-        for (size_t i = 0; i < c.fails.size(); ++i)
-            EXPECT_EQ(::access("/misc/sensor/a", F_OK), c.fails[i] ? -1 : 0) << c.name << ", call " << i + 1;
-    }
-}
-
 // A fault plan as an integrator writes it: each entry becomes one fault, and text that
-// is not a plan is refused with the entry and the reason.
-TEST_F(VphoneTest, FaultPlansParseToTheirFaultsOrSayWhyNot) {
+// is not a plan is refused with the entry and the reason. Applied, a fault's window
+// counts from when the plan is applied.
+TEST_F(VphoneTest, FaultPlansParseToTheirFaultsOrSayWhyNotAndCountFromWhenApplied) {
     using vphone::PlannedFault;
     const struct {
         const char *text;
         std::vector<PlannedFault> want;
         const char *error;
+        std::vector<bool> fails{};  // applied: which of the next four access calls fail
     } cases[] = {
+        {"access:1:EACCES", {{Call::Access, 1, EACCES, 1}}, "", {true, false, false, false}},
+        {"access:3:EACCES", {{Call::Access, 3, EACCES, 1}}, "", {false, false, true, false}},
+        {"access:2:EACCES:2", {{Call::Access, 2, EACCES, 2}}, "", {false, true, true, false}},
+        {"access:3:EACCES:all", {{Call::Access, 3, EACCES, vphone::kForever}}, "", {false, false, true, true}},
         {"fopen:3:ENOSPC", {{Call::Fopen, 3, ENOSPC, 1}}, ""},
         {"write:1", {{Call::Write, 1, EIO, 1}}, ""},
         {"usleep:2:4:5,rename:1:EROFS:all", {{Call::Usleep, 2, 4, 5}, {Call::Rename, 1, EROFS, vphone::kForever}}, ""},
@@ -118,12 +104,19 @@ TEST_F(VphoneTest, FaultPlansParseToTheirFaultsOrSayWhyNot) {
         {"powercut:1:sync", {}, "'powercut:1:sync': unknown call 'sync'"},
         {"powercut:1,powercut:2", {}, "'powercut:2': one power cut per plan"},
     };
+    vphone::write_file("/misc/sensor/a", "x");
     for (const auto &c : cases) {
         std::vector<PlannedFault> got;
         std::string error;
         EXPECT_EQ(vphone::parse_fault_plan(c.text, &got, &error), *c.error == '\0') << c.text;
         EXPECT_EQ(error.rfind(c.error, 0), 0u) << c.text << ": " << error;
         if (error.empty()) { EXPECT_EQ(got, c.want) << c.text; }
+        if (c.fails.empty()) continue;
+        vphone::reset();
+        ::access("/misc/sensor/a", F_OK);  // calls before the plan is applied do not shift its window
+        vphone::apply_fault_plan(got);
+        for (size_t i = 0; i < c.fails.size(); ++i)
+            EXPECT_EQ(::access("/misc/sensor/a", F_OK), c.fails[i] ? -1 : 0) << c.text << ", call " << i + 1;
     }
 }
 
@@ -166,7 +159,7 @@ TEST_F(VphoneTest, DescriptorCallsOnPhoneFilesAreCountedFailableAndReal) {
     const vphone::Owner owner = vphone::owner_of(path);
     const struct {
         Call call;
-        std::function<int(int fd)> make;
+        int (*make)(int fd);
     } fails[] = {
         {Call::Write, [](int fd) { return static_cast<int>(::write(fd, "x", 1)); }},
         {Call::Read, [](int fd) { return static_cast<int>(::read(fd, nullptr, 0)); }},
