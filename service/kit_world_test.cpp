@@ -47,9 +47,7 @@ Tally tally(const Trace &r, uint8_t lo, uint8_t hi, double off_deg, bool planar_
 // error predicted from noise alone: 6 in 10 and every one).
 TEST_F(Kit, SoftIronIsNotTrustedAsAnOffsetBeforeTheSamplesGoRound) {
     vphone::remove_file(kCfg);
-    ScenarioSettings s = scenario("slow");
-    s.soft_iron = {1.0, 1.08, 0.90, 0, 0, -0.07};
-    const Trace r = run(s, 10);
+    const Trace r = run({.name = "slow", .soft_iron = {1.0, 1.08, 0.90, 0, 0, -0.07}}, 10);
     const Tally high = tally(r, KMXC_SERVICE_HIGH, KMXC_SERVICE_HIGH, 6);
     const Tally medium = tally(r, KMXC_SERVICE_MEDIUM, KMXC_SERVICE_MEDIUM, 15);
     EXPECT_GT(high.count + medium.count, 150) << "trusted once the samples go round";
@@ -74,29 +72,24 @@ TEST_F(Kit, SoftIronIsNotTrustedAsAnOffsetBeforeTheSamplesGoRound) {
 // turning's wobble draws, and at 100 Hz was trusted high 25 uT off: the prior steadies
 // a fit, it determines no direction.
 TEST_F(Kit, WithoutAThreeDimensionalFitNothingIsTrustedOrSaved) {
-    const ScenarioSettings defaults;
     const struct {
         const char *name;
-        const char *handling;
-        double noise_uT;
-        Vec3 hard_iron_uT;
+        ScenarioSettings world;
         std::vector<uint32_t> seeds;
         int rate_hz;
         int z_counts;  // the z offset's drift from where it started, at most
     } cases[] = {
-        {"lying still", "still", defaults.noise_uT, defaults.hard_iron_uT, {1}, 20, 2},
-        {"turned flat", "planar", defaults.noise_uT, defaults.hard_iron_uT, {1}, 20, 2},
-        {"turned flat, a noisier chip", "planar", 0.45, defaults.hard_iron_uT, {1, 2, 3, 4, 5}, 10, 2},
-        {"turned flat, a 78 uT field of the phone's own", "planar", defaults.noise_uT, Vec3{60, -40, 30}, {4}, 100, 4},
+        {"lying still", {.name = "still"}, {1}, 20, 2},
+        {"turned flat", {.name = "planar"}, {1}, 20, 2},
+        {"turned flat, a noisier chip", {.name = "planar", .noise_uT = 0.45}, {1, 2, 3, 4, 5}, 10, 2},
+        {"turned flat, a 78 uT field of its own", {.name = "planar", .hard_iron_uT = {60, -40, 30}}, {4}, 100, 4},
     };
     for (const auto &c : cases)
         for (const uint32_t seed : c.seeds) {
             SCOPED_TRACE(std::string(c.name) + ", seed " + std::to_string(seed));
-            const bool still = std::string(c.handling) == "still";
+            const bool still = c.world.name == "still";
             vphone::remove_file(kCfg);
-            ScenarioSettings s = scenario(c.handling);
-            s.noise_uT = c.noise_uT;
-            s.hard_iron_uT = c.hard_iron_uT;
+            ScenarioSettings s = c.world;
             s.seed = seed;
             const Trace r = run(s, c.rate_hz);
             int fed = 0;
@@ -128,9 +121,7 @@ TEST_F(Kit, WithoutAThreeDimensionalFitNothingIsTrustedOrSaved) {
 // allowance of the mean gravity, and every low planar heading here is within 30.
 TEST_F(Kit, AHandsCircleAboutAnAxisOtherThanTheVerticalGivesNoPlanarHeading) {
     vphone::remove_file(kCfg);
-    ScenarioSettings s = scenario("browse");
-    s.seed = 3;
-    s.hard_iron_uT = Vec3{150, -120, 90};
+    const ScenarioSettings s{.name = "browse", .hard_iron_uT = {150, -120, 90}, .seed = 3};
     EXPECT_EQ(tally(run(s, 10), KMXC_SERVICE_LOW, KMXC_SERVICE_HIGH, 30, true).off, 0);
 }
 
@@ -158,9 +149,7 @@ TEST_F(Kit, MagnetClippedOnIsFlaggedAndANewFitRestoresTheAccuracy) {
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
         vphone::remove_file(kCfg);
-        ScenarioSettings s = scenario("magnet");
-        s.field_uT = c.field_uT;
-        s.seed = c.seed;
+        const ScenarioSettings s{.name = "magnet", .field_uT = c.field_uT, .seed = c.seed};
         const Trace r = run(s, c.rate_hz);
         double clip_s = -1, refit_s = -1;
         size_t moved = 0;  // the first event after the rough offset moved
@@ -205,13 +194,10 @@ TEST_F(Kit, MagnetClippedOnIsFlaggedAndANewFitRestoresTheAccuracy) {
 // fall to unreliable as it does, so the low-accuracy headings keep to what low promises
 // (one sigma within 15 degrees), even when the library republishes the same offset.
 TEST_F(Kit, ACirclesOffsetIsLowOnlyWhileItsUndeterminedAxisStaysVertical) {
-    for (const int seed : {2, 3}) {
+    for (const uint32_t seed : {2u, 3u}) {
         SCOPED_TRACE(seed);
         vphone::remove_file(kCfg);
-        ScenarioSettings s = scenario("two-planes");
-        s.hard_iron_uT = Vec3{60, -40, 30};
-        s.seed = seed;
-        const Trace r = run(s, 10);
+        const Trace r = run({.name = "two-planes", .hard_iron_uT = {60, -40, 30}, .seed = seed}, 10);
         EXPECT_GT(tally(r, KMXC_SERVICE_LOW, KMXC_SERVICE_LOW, 0, true).count, 50)
             << "the circle's offset serves the flat turns";
         const Tally low = tally(r, KMXC_SERVICE_LOW, KMXC_SERVICE_LOW, 0);
@@ -226,11 +212,7 @@ TEST_F(Kit, ACirclesOffsetIsLowOnlyWhileItsUndeterminedAxisStaysVertical) {
 // 40-second mean). With the tilt's part in the heading's uncertainty they are low.
 TEST_F(Kit, AMountsMeanGravityAtASteepDipIsWorthNoMoreThanItsSlopesAllow) {
     vphone::remove_file(kCfg);
-    ScenarioSettings s = scenario("car");
-    s.seed = 1;
-    s.inclination_deg = 75;
-    s.car_field_uT = Vec3{0, 15, 15};
-    const Trace r = run(s, 10);
+    const Trace r = run({.name = "car", .inclination_deg = 75, .seed = 1, .car_field_uT = {0, 15, 15}}, 10);
     EXPECT_GT(std::count_if(r.events.begin(), r.events.end(),
                             [](const auto &e) { return (e.flags & KMXC_SERVICE_MOUNT_GRAVITY) != 0; }),
               2000)
