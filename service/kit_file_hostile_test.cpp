@@ -34,9 +34,7 @@ TEST_F(Kit, TwoServicesOnOneSandboxNeverMixTheirRecords) {
             (void)!::write(paused[1], &byte, 1);
             (void)!::read(resume[0], &byte, 1);
         });
-        ScenarioSettings other = scenario("default");
-        other.hard_iron_uT = {30, 20, -10};
-        const Trace r = run(other, 10, 30);
+        const Trace r = run({.hard_iron_uT = {30, 20, -10}}, 10, 30);  // another phone's offset
         ::_exit(r.start_rc == 0 && r.events.back().saves >= 1 ? 0 : 1);
     }
     char byte = 0;
@@ -75,8 +73,7 @@ TEST_F(Kit, TwoServicesOnOneSandboxNeverMixTheirRecords) {
 // once, and a record start saves again writes them unchanged). (A kit file of another
 // record brings nothing back: the start outcomes' test.)
 TEST_F(Kit, TheKitFileBringsBackTheCorrectionAndReferencesAfterARestart) {
-    ScenarioSettings s = scenario("default");
-    s.soft_iron = {1.10, 0.92, 1.0, 0.05, 0, 0};
+    const ScenarioSettings s{.soft_iron = {1.10, 0.92, 1.0, 0.05, 0, 0}};
     const Trace first = run(s, 20);
     ASSERT_EQ(first.start_rc, 0);
     const KmxcServiceEvent &last = first.events.back();

@@ -106,8 +106,7 @@ TEST(SoftIron, TheFieldOverAllAttitudesLiesOnTheEllipsoidOfTheGivenMatrix) {
     const std::array<double, 6> cases[] = {
         {1, 1, 1, 0, 0, 0}, {0.6, 1.4, 1.0, 0, 0, 0}, {1.2, 0.8, 1.0, 0.25, -0.1, 0.15}, {0.5, 2, 1, 0, 0, 0}};
     for (const auto &c : cases) {
-        ScenarioSettings s = settings("slow");  // through every orientation
-        s.soft_iron = c;
+        const ScenarioSettings s{.name = "slow", .soft_iron = c};  // through every orientation
         ASSERT_EQ(soft_iron_problem(c), "");
         const Scenario scenario(s);
         std::array<double, 9> inverse{};
@@ -199,9 +198,7 @@ TEST(Accelerometer, ReadsTheTruthPlusItsOffsetAndTheEnginesShakeWhileItRuns) {
     } cases[] = {{"default", 1}, {"car", 1}, {"car", 10}};
     for (const auto &c : cases) {
         SCOPED_TRACE(std::string(c.name) + " x" + std::to_string(c.vibration));
-        ScenarioSettings s = settings(c.name);
-        s.accel_noise_g = 0;
-        s.car_vibration = c.vibration;
+        ScenarioSettings s{.name = c.name, .accel_noise_g = 0, .car_vibration = c.vibration};
         Scenario exact(s);
         s.accel_offset_mg = Vec3{40, -30, 20};
         Scenario offset(s);
