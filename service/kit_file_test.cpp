@@ -160,9 +160,7 @@ TEST_F(Kit, SavesKeepAgreeingFitsSpacedForTheFlash) {
             for (size_t i = 1; i < seen.size(); ++i) changes += seen[i] != seen[i - 1];
             EXPECT_GE(done, static_cast<uint32_t>(changes));
             EXPECT_EQ(vphone::read_file(outside), "someone's file");
-            struct stat st {};
-            ASSERT_EQ(::stat(outside.c_str(), &st), 0);
-            EXPECT_EQ(st.st_mode & 0777, 0600u);
+            EXPECT_EQ(std::filesystem::status(outside).permissions(), std::filesystem::perms{0600});
             EXPECT_EQ(std::filesystem::is_symlink(vphone::host_path(kBackup)), link);
         }
     std::filesystem::remove_all(outside);

@@ -169,13 +169,14 @@ int record_still(const std::string &d) {
         .exit_code;
 }
 
-TEST(CompassService, AGarbledCalibrationFileIsResetAndSaidSo) {
-    // Letters load as offsets 0,0,0 under the file's rules. The kit must not use them,
-    // and must leave a file the next run loads.
-    const std::string d = dir_for("garbled");
+// Letters load as offsets 0,0,0 under the file's rules. The kit must not use them, and
+// must leave a file the next run loads. Saves the file system refuses are said, the file
+// keeps what it held, and the exit status says so.
+TEST(CompassService, AGarbledCalibrationFileIsResetAndAFailedSaveKeepsTheFileAndBothAreSaid) {
+    const std::string d = dir_for("garbled"), cfg = d + "/phone/misc/sensor/kmxc_orvane.cfg";
     fs::create_directories(d + "/phone/misc/sensor");
     std::ofstream(d + "/phone/.kmxc-sandbox");
-    std::ofstream(d + "/phone/misc/sensor/kmxc_orvane.cfg") << "calibrated!";
+    std::ofstream(cfg) << "calibrated!";
     const Result r = on_phone(d, {"--scenario", "still"});
     ASSERT_EQ(r.exit_code, 0) << r.err;
     EXPECT_THAT(r.out, HasSubstr("no stored magnetic offset; the calibration file was empty or garbled and was reset"));
@@ -183,6 +184,15 @@ TEST(CompassService, AGarbledCalibrationFileIsResetAndSaidSo) {
     EXPECT_EQ(again.exit_code, 0);
     EXPECT_EQ(again.err, "") << "the next run must load the file without a complaint";
     EXPECT_THAT(again.out, HasSubstr("from the file"));
+    // The magnet moves the rough offset and a new fit follows: saves the file system
+    // refuses, every one.
+    const std::string kept = slurp(cfg);
+    ASSERT_FALSE(kept.empty());
+    const Result refused = on_phone(d, {"--scenario", "magnet", "--fault", "rename:1:EROFS:all"});
+    EXPECT_EQ(refused.exit_code, 3) << refused.err;
+    EXPECT_THAT(refused.err, HasSubstr("compass_service: saving the calibration file failed"));
+    EXPECT_THAT(refused.out, HasSubstr(" 0 done, "));
+    EXPECT_EQ(slurp(cfg), kept);
 }
 
 // Bad input gets one line and a non-zero exit, before anything is lost. That includes
@@ -257,20 +267,6 @@ TEST(CompassService, BadInputGetsOneLineAndANonZeroExitBeforeAnythingIsLost) {
     ASSERT_EQ(record_still(d), 0);
     EXPECT_FALSE(fs::exists(d + "/phone/r.csv"));
     EXPECT_TRUE(fs::exists(d + "/phone/.kmxc-sandbox"));
-}
-
-TEST(CompassService, AFailedSaveIsReportedAndTheExitStatusSaysSo) {
-    const std::string d = dir_for("save-fails");
-    ASSERT_EQ(on_phone(d, {"--fresh"}).exit_code, 0);
-    const std::string cfg = slurp(d + "/phone/misc/sensor/kmxc_orvane.cfg");
-    ASSERT_FALSE(cfg.empty());
-    // The magnet moves the rough offset and a new fit follows: saves the file system
-    // refuses, every one.
-    const Result r = on_phone(d, {"--scenario", "magnet", "--fault", "rename:1:EROFS:all"});
-    EXPECT_EQ(r.exit_code, 3) << r.err;
-    EXPECT_THAT(r.err, HasSubstr("compass_service: saving the calibration file failed"));
-    EXPECT_THAT(r.out, HasSubstr(" 0 done, "));
-    EXPECT_EQ(slurp(d + "/phone/misc/sensor/kmxc_orvane.cfg"), cfg);
 }
 
 TEST(CompassService, NamesReachThePlotAsTextNeverAsCommands) {
