@@ -4,7 +4,7 @@
 #include <istream>
 #include <ostream>
 
-#include "vphone/scene/record.h"
+#include "vphone/scene/csv_log.h"
 
 namespace vphone::scene {
 namespace {
@@ -12,18 +12,6 @@ namespace {
 constexpr const char *kMagic = "# kmxc field log 1";
 constexpr const char *kColumns = "time_us,mag_x,mag_y,mag_z,accel_x,accel_y,accel_z";
 constexpr const char *kTemperatureColumn = ",temperature";
-
-// The fields of a line, blanks dropped (a CR has gone with the line end).
-std::vector<std::string> split(const std::string &line) {
-    std::vector<std::string> f{""};
-    for (char c : line) {
-        if (c == ',')
-            f.emplace_back();
-        else if (c != ' ' && c != '\t')
-            f.back() += c;
-    }
-    return f;
-}
 
 bool to_number(const std::string &s, double lo, double hi, double *out) {
     const char *b = s.data(), *e = s.data() + s.size();
@@ -84,38 +72,29 @@ ParsedFieldLog parse_field_log(std::istream &in) {
     FieldLog &log = p.log;
     const std::string with_temperature = std::string(kColumns) + kTemperatureColumn;
     bool columns = false;
-    std::string line, problem;
-    int n = 0;
-    while (problem.empty() && std::getline(in, line)) {
-        ++n;
-        if (!line.empty() && line.back() == '\r') line.pop_back();
-        if (n == 1) {
-            if (line != kMagic) problem = "not a field log: the first line must be '" + std::string(kMagic) + "'";
-            continue;
-        }
-        if (line.empty() || line[0] == '#') continue;
-        if (!columns) {
-            if (line != kColumns && line != with_temperature)
-                problem = "the column line must be '" + std::string(kColumns) + "', optionally followed by '" +
-                          kTemperatureColumn + "'";
-            log.has_temperature = line == with_temperature;
-            columns = true;
-            continue;
-        }
-        FieldLogRow r;
-        problem = read_row(split(line), log.has_temperature, &r);
-        if (problem.empty() && !log.rows.empty() && r.time_us <= log.rows.back().time_us)
-            problem = "time_us " + std::to_string(r.time_us) + " does not increase";
-        if (problem.empty()) log.rows.push_back(r);
-    }
-    if (n == 0) {
-        p.error = "empty file";
-        return p;
-    }
-    if (problem.empty() && !columns) problem = "no column line '" + std::string(kColumns) + "'";
-    if (problem.empty() && log.rows.empty()) problem = "no samples";
-    p.ok = problem.empty();
-    if (!p.ok) p.error = "line " + std::to_string(n) + ": " + problem;
+    p.error = read_csv_log(
+        in, kMagic, "field log",
+        [&](const std::vector<std::string> &f, const std::string &line) -> std::string {
+            if (!columns) {
+                if (line != kColumns && line != with_temperature)
+                    return "the column line must be '" + std::string(kColumns) + "', optionally followed by '" +
+                           kTemperatureColumn + "'";
+                log.has_temperature = line == with_temperature;
+                columns = true;
+                return "";
+            }
+            FieldLogRow r;
+            if (std::string problem = read_row(f, log.has_temperature, &r); !problem.empty()) return problem;
+            if (!log.rows.empty() && r.time_us <= log.rows.back().time_us)
+                return "time_us " + std::to_string(r.time_us) + " does not increase";
+            log.rows.push_back(r);
+            return "";
+        },
+        [&]() -> std::string {
+            if (!columns) return "no column line '" + std::string(kColumns) + "'";
+            return log.rows.empty() ? "no samples" : "";
+        });
+    p.ok = p.error.empty();
     return p;
 }
 

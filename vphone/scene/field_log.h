@@ -49,7 +49,7 @@ struct ParsedFieldLog {
     FieldLog log;
 };
 ParsedFieldLog parse_field_log(std::istream &in);
-double field_log_rate_hz(const FieldLog &log);  // median_rate_hz (record.h) of its rows
+double field_log_rate_hz(const FieldLog &log);  // median_rate_hz (csv_log.h) of its rows
 
 // What the chips sense at a logged instant: the whole logged field as the ambient one
 // (a log cannot tell the phone's own field from the Earth's; the truth of a replay is

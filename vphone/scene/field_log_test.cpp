@@ -107,6 +107,7 @@ TEST(FieldLog, MalformedLogsAreRefusedWithTheLineAndTheProblem) {
         {"infinite", head + "0,1,2,3,inf,5,6\n", "accel_x 'inf'"},
         {"an empty value", head + "0,1,2,,4,5,6\n", "mag_z ''"},
         {"trailing text", head + "0,1,2,3,4,5,6x\n", "accel_z '6x'"},
+        {"a comment after the values", head + "0,1,2,3,4,5,6 # note\n", "accel_z '6#note'"},
         {"a temperature beyond 85 C",
          "# kmxc field log 1\ntime_us,mag_x,mag_y,mag_z,accel_x,accel_y,accel_z,temperature\n0,1,2,3,4,5,6,85.5\n",
          "temperature '85.5' is not a number in -40..85"},

@@ -1,26 +1,16 @@
 #include "vphone/scene/record.h"
 
-#include <algorithm>
 #include <charconv>
 #include <istream>
 #include <ostream>
+
+#include "vphone/scene/csv_log.h"
 
 namespace vphone::scene {
 namespace {
 
 constexpr const char *kMagic = "# kmxc raw record 1";
 constexpr const char *kColumns = "time_us,ms0,ms1,ms2,temperature,gs_x,gs_y,gs_z";
-
-std::vector<std::string> split(const std::string &line) {
-    std::vector<std::string> f{""};
-    for (char c : line) {
-        if (c == ',')
-            f.emplace_back();
-        else if (c != '\r' && c != ' ' && c != '\t')
-            f.back() += c;
-    }
-    return f;
-}
 
 bool to_int(const std::string &s, long long lo, long long hi, long long *out) {
     const char *b = s.data(), *e = s.data() + s.size();
@@ -145,43 +135,20 @@ struct RecordReader {
 ParsedRecord parse_record(std::istream &in) {
     ParsedRecord p;
     RecordReader reader;
-    std::string line, problem;
-    int n = 0;
-    while (problem.empty() && std::getline(in, line)) {
-        ++n;
-        if (!line.empty() && line.back() == '\r') line.pop_back();
-        if (n == 1) {
-            if (line != kMagic) problem = "not a raw record: the first line must be '" + std::string(kMagic) + "'";
-            continue;
-        }
-        if (line.empty() || line[0] == '#') continue;
-        const auto f = split(line);
-        if (!reader.columns)
-            problem = reader.header_line(f, line);
-        else if (f[0] == "rough_reading")
-            problem = reader.rough_reading_line(f);
-        else
-            problem = reader.data_line(f);
-    }
-    if (n == 0) {
-        p.error = "empty file";
-        return p;
-    }
-    if (problem.empty() && !reader.columns) problem = "no column line '" + std::string(kColumns) + "'";
-    if (problem.empty() && reader.record.rows.empty()) problem = "no samples";
-    p.ok = problem.empty();
-    if (!p.ok) p.error = "line " + std::to_string(n) + ": " + problem;
+    p.error = read_csv_log(
+        in, kMagic, "raw record",
+        [&reader](const std::vector<std::string> &f, const std::string &line) {
+            if (!reader.columns) return reader.header_line(f, line);
+            if (f[0] == "rough_reading") return reader.rough_reading_line(f);
+            return reader.data_line(f);
+        },
+        [&reader]() -> std::string {
+            if (!reader.columns) return "no column line '" + std::string(kColumns) + "'";
+            return reader.record.rows.empty() ? "no samples" : "";
+        });
+    p.ok = p.error.empty();
     p.record = std::move(reader.record);
     return p;
-}
-
-double median_rate_hz(std::vector<int64_t> times_us) {
-    if (times_us.size() < 2) return 0;
-    std::vector<int64_t> step;
-    for (size_t i = 1; i < times_us.size(); ++i) step.push_back(times_us[i] - times_us[i - 1]);
-    const auto mid = step.begin() + static_cast<std::ptrdiff_t>(step.size() / 2);
-    std::nth_element(step.begin(), mid, step.end());
-    return 1e6 / static_cast<double>(*mid);
 }
 
 double record_rate_hz(const Record &r) {

@@ -50,12 +50,8 @@ struct ParsedRecord {
 };
 ParsedRecord parse_record(std::istream &in);
 
-// The measurement rate a log's times show, Hz: a million over the median interval
-// between successive times, so a late cycle, a dropped one or a pause in the log does not
-// move it (a log from a phone's service has no other record of its rate). 0 with fewer
-// than two times.
-double median_rate_hz(std::vector<int64_t> times_us);
-double record_rate_hz(const Record &r);  // of its rows
+// The rate its rows show: median_rate_hz (csv_log.h) of their times.
+double record_rate_hz(const Record &r);
 
 }  // namespace vphone::scene
 
