@@ -352,20 +352,17 @@ int Session::write_files() {
         else
             status = fail(error, 3);
     }
-    if (record_.is_open()) {
-        record_.flush();
-        if (!record_)
-            status = fail("writing record file '" + opt_.record_path + "' failed", 3);
+    // A log written during the run: flushed, and named in the summary or reported.
+    auto finish_log = [&status](std::ofstream &log, const std::string &path, const char *what, const char *label) {
+        if (!log.is_open()) return;
+        log.flush();
+        if (!log)
+            status = fail(std::string("writing ") + what + " '" + path + "' failed", 3);
         else
-            std::cout << "  raw record                " << opt_.record_path << '\n';
-    }
-    if (field_record_.is_open()) {
-        field_record_.flush();
-        if (!field_record_)
-            status = fail("writing field log '" + opt_.field_record_path + "' failed", 3);
-        else
-            std::cout << "  field log                 " << opt_.field_record_path << '\n';
-    }
+            std::cout << "  " << label << path << '\n';
+    };
+    finish_log(record_, opt_.record_path, "record file", "raw record                ");
+    finish_log(field_record_, opt_.field_record_path, "field log", "field log                 ");
     return status;
 }
 
