@@ -27,10 +27,11 @@ bool to_time(const std::string &s, int64_t *out) {
     return r.ec == std::errc() && r.ptr == e && b != e && *out >= 0 && *out <= (int64_t{1} << 53);
 }
 
-void put(std::ostream &out, double v) {
+// The shortest digits that read back to v.
+std::string text(double v) {
     char b[32];
     const auto r = std::to_chars(b, b + sizeof b, v);
-    out.write(b, r.ptr - b);
+    return std::string(b, r.ptr);
 }
 
 // A data line's fields into r; "" or the problem.
@@ -44,12 +45,11 @@ std::string read_row(const std::vector<std::string> &f, bool with_temperature, F
         const double limit = i < 4 ? kFieldLogMaxMicrotesla : kFieldLogMaxMps2;
         double *v = i < 4 ? &r->mag_uT[static_cast<size_t>(i - 1)] : &r->accel_mps2[static_cast<size_t>(i - 4)];
         if (!to_number(f[static_cast<size_t>(i)], -limit, limit, v))
-            return std::string(names[i]) + " '" + f[static_cast<size_t>(i)] + "' is not a number in " +
-                   std::to_string(static_cast<int>(-limit)) + ".." + std::to_string(static_cast<int>(limit));
+            return std::string(names[i]) + " '" + f[static_cast<size_t>(i)] + "' is not a number in " + text(-limit) +
+                   ".." + text(limit);
     }
     if (with_temperature && !to_number(f[7], kFieldLogMinC, kFieldLogMaxC, &r->temperature_C))
-        return "temperature '" + f[7] + "' is not a number in " + std::to_string(static_cast<int>(kFieldLogMinC)) +
-               ".." + std::to_string(static_cast<int>(kFieldLogMaxC));
+        return "temperature '" + f[7] + "' is not a number in " + text(kFieldLogMinC) + ".." + text(kFieldLogMaxC);
     return "";
 }
 
@@ -61,9 +61,9 @@ void write_field_log_header(std::ostream &out, bool with_temperature) {
 
 void write_field_log_row(std::ostream &out, const FieldLogRow &r, bool with_temperature) {
     out << r.time_us;
-    for (double v : r.mag_uT) out << ',', put(out, v);
-    for (double v : r.accel_mps2) out << ',', put(out, v);
-    if (with_temperature) out << ',', put(out, r.temperature_C);
+    for (double v : r.mag_uT) out << ',' << text(v);
+    for (double v : r.accel_mps2) out << ',' << text(v);
+    if (with_temperature) out << ',' << text(r.temperature_C);
     out << '\n';
 }
 
