@@ -130,14 +130,22 @@ private:
     uint32_t saves_ = 0, save_failures_ = 0;
 };
 
+// Reads a replayed file with parse (a record's or a field log's parser); what: how the
+// messages name it. 0, or the exit status of the one line said.
+template <typename Parsed, typename Parse>
+int read_replayed(const std::string &path, const std::string &what, Parse parse, Parsed *out) {
+    std::ifstream in(path);
+    if (!in) return fail("cannot read " + what + " '" + path + "': " + std::strerror(errno), 2);
+    if (std::filesystem::is_directory(path))
+        return fail("cannot read " + what + " '" + path + "': it is a directory", 2);
+    *out = parse(in);
+    return out->ok ? 0 : fail(what + " '" + path + "' " + out->error, 2);
+}
+
 int Session::read_replay() {
     if (!replaying_) return 0;
-    std::ifstream in(opt_.replay_path);
-    if (!in) return fail("cannot read replay file '" + opt_.replay_path + "': " + std::strerror(errno), 2);
-    if (std::filesystem::is_directory(opt_.replay_path))
-        return fail("cannot read replay file '" + opt_.replay_path + "': it is a directory", 2);
-    ParsedRecord p = parse_record(in);
-    if (!p.ok) return fail("replay file '" + opt_.replay_path + "' " + p.error, 2);
+    ParsedRecord p;
+    if (int status = read_replayed(opt_.replay_path, "replay file", parse_record, &p); status != 0) return status;
     replay_ = std::move(p.record);
     // The service runs at the rate the record was taken at: its windows and hold times
     // are counted in cycles.
@@ -147,11 +155,8 @@ int Session::read_replay() {
 int Session::read_field_log() {
     if (!logged_) return 0;
     const std::string &path = opt_.field_log_path;
-    std::ifstream in(path);
-    if (!in) return fail("cannot read field log '" + path + "': " + std::strerror(errno), 2);
-    if (std::filesystem::is_directory(path)) return fail("cannot read field log '" + path + "': it is a directory", 2);
-    ParsedFieldLog p = parse_field_log(in);
-    if (!p.ok) return fail("field log '" + path + "' " + p.error, 2);
+    ParsedFieldLog p;
+    if (int status = read_replayed(path, "field log", parse_field_log, &p); status != 0) return status;
     field_log_ = std::move(p.log);
     // A world sampled at the rate asked for, or at the one the log was taken at.
     if (opt_.rate_given) return 0;

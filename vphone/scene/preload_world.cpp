@@ -90,6 +90,16 @@ private:
     _exit(2);
 }
 
+// The file a variable names, read by parse (a record's or a field log's parser).
+template <typename Parse>
+auto read_or_refuse(const char *variable, const char *path, Parse parse) {
+    std::ifstream in(path);
+    if (!in) refuse(std::string(variable) + ": cannot read '" + path + "'");
+    auto parsed = parse(in);
+    if (!parsed.ok) refuse(std::string(variable) + ": '" + path + "' " + parsed.error);
+    return parsed;
+}
+
 // The settings VPHONE_SCENARIO and VPHONE_OPTIONS describe (name null: a replay's).
 ScenarioSettings settings_from(const char *name, const char *options) {
     std::vector<std::string> args;
@@ -120,27 +130,18 @@ void start_scene() {
     // Never destroyed: the program may use the bus until it exits.
     PreloadedScene *scene = new PreloadedScene(s);
     if (replay != nullptr) {
-        std::ifstream in(replay);
-        if (!in) refuse(std::string("VPHONE_REPLAY: cannot read '") + replay + "'");
-        ParsedRecord r = parse_record(in);
-        if (!r.ok) refuse(std::string("VPHONE_REPLAY: '") + replay + "' " + r.error);
-        scene->replay = std::move(r.record);
+        scene->replay = read_or_refuse("VPHONE_REPLAY", replay, parse_record).record;
         scene->replaying = true;
         write_replay_files(scene->replay.header);
         scene->rig.attach_replay_chips(scene->replay);
-    } else if (field_log != nullptr) {
-        std::ifstream in(field_log);
-        if (!in) refuse(std::string("VPHONE_FIELD_LOG: cannot read '") + field_log + "'");
-        ParsedFieldLog f = parse_field_log(in);
-        if (!f.ok) refuse(std::string("VPHONE_FIELD_LOG: '") + field_log + "' " + f.error);
-        scene->log = std::move(f.log);
-        scene->logged = true;
-        vphone::remove_file(kCalibrationFile);
-        write_profile_files(s.profile);
-        scene->rig.attach_chips(s.profile, kRigCalibration);
     } else {
-        // A scenario that starts with no stored offset starts without the file.
-        if (find_scenario(s.name)->fresh) vphone::remove_file(kCalibrationFile);
+        if (field_log != nullptr) {
+            scene->log = read_or_refuse("VPHONE_FIELD_LOG", field_log, parse_field_log).log;
+            scene->logged = true;
+        }
+        // A scenario that starts with no stored offset starts without the file, and so
+        // does a field log (its phone's offsets are not this one's).
+        if (scene->logged || find_scenario(s.name)->fresh) vphone::remove_file(kCalibrationFile);
         write_profile_files(s.profile);
         scene->rig.attach_chips(s.profile, kRigCalibration);
     }
