@@ -14,8 +14,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         return 0;
     }
     std::ostringstream out;
-    write_field_log_header(out, parsed.log.has_temperature);
-    for (const FieldLogRow &r : parsed.log.rows) write_field_log_row(out, r, parsed.log.has_temperature);
+    write_field_log_header(out, parsed.log.columns);
+    for (const FieldLogRow &r : parsed.log.rows) write_field_log_row(out, r, parsed.log.columns);
     std::istringstream again(out.str());
     const ParsedFieldLog reread = parse_field_log(again);
     if (!reread.ok || !(reread.log == parsed.log)) __builtin_trap();

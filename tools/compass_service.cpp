@@ -35,6 +35,10 @@ namespace {
 using namespace compass;
 using namespace vphone::scene;
 
+// A scenario's world written as a field log: with the chip's temperature, and the true
+// attitude as the reference that scores a replay of it.
+constexpr FieldLogColumns kFieldRecordColumns{.temperature = true, .reference = true};
+
 // One kit event as the report sees it.
 SampleOutput to_sample(const KmxcServiceEvent &e) {
     SampleOutput s;
@@ -186,7 +190,7 @@ int Session::check_files() {
     if (!opt_.field_record_path.empty()) {
         field_record_.open(opt_.field_record_path);
         if (!field_record_) return fail("cannot write field log '" + opt_.field_record_path + "'", 2);
-        write_field_log_header(field_record_, true);
+        write_field_log_header(field_record_, kFieldRecordColumns);
     }
     std::string error;
     if (!opt_.fault_plan.empty() && !vphone::parse_fault_plan(opt_.fault_plan, &faults_, &error))
@@ -298,21 +302,27 @@ void Session::cycle() {
     KmxcServiceEvent e;
     kmxc_service_cycle(static_cast<int64_t>(now) * 1000, &e);
     SampleOutput s = to_sample(e);
+    // The integer heading's truth is of the axis the kit says it followed.
+    const HeadingAxis axis = (e.flags & KMXC_SERVICE_HEADING_Z_AXIS) != 0 ? HeadingAxis::kZ : HeadingAxis::kY;
     if (!replaying_ && !logged_) {
-        s.has_truth = true;
+        s.has_truth = s.offset_known = true;
         s.phase = run_.truth().phase;
-        // The integer heading's truth is of the axis the kit says it followed.
-        s.truth = true_angles(run_.truth().attitude,
-                              (e.flags & KMXC_SERVICE_HEADING_Z_AXIS) != 0 ? HeadingAxis::kZ : HeadingAxis::kY);
+        s.truth = true_angles(run_.truth().attitude, axis);
         s.true_offset = rig_.true_offset_counts();
         s.mounted_s = run_.truth().mounted_s;
+    } else if (logged_ && field_log_.columns.reference) {
+        // A log's reference attitude scores the headings; its offset stays unknown.
+        s.has_truth = true;
+        s.phase = "logged";
+        s.truth = true_angles(reference_attitude(field_log_.rows[logged_row_]), axis);
     }
     if (record_.is_open() && s.ms_rc >= 0 && s.gs_rc >= 0)
         write_record_row(record_, RecordRow{s.time_us,
                                             {uint16_t(e.raw_mag[0]), uint16_t(e.raw_mag[1]), uint16_t(e.raw_mag[2])},
                                             uint16_t(e.raw_temperature),
                                             {e.raw_accel[0], e.raw_accel[1], e.raw_accel[2]}});
-    if (field_record_.is_open()) write_field_log_row(field_record_, row_of(s.time_us, run_.truth()), true);
+    if (field_record_.is_open())
+        write_field_log_row(field_record_, row_of(s.time_us, run_.truth()), kFieldRecordColumns);
     report_.add(s);
     if (e.flags & KMXC_SERVICE_SAVE_FAILED)
         std::cout << "  t " << seconds_text(now)

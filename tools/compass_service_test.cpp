@@ -100,7 +100,9 @@ TEST(CompassService, TwoPlanesCombineIntoAThreeDimensionalCalibration) {
 
 // A scenario's raw record and its field log (what the chips sensed, in physical units)
 // replay at the rate their rows show, so the kit's outputs come back sample for sample as
-// well as the library's, whatever the rate recorded at.
+// well as the library's, whatever the rate recorded at. The field log's reference (the
+// true attitude, as a quaternion) scores its replay as the live run was scored; its offset
+// is not known.
 TEST(CompassService, ReplayOfARecordOrAFieldLogGivesTheSameOutputsSampleForSample) {
     std::vector<std::string> columns(std::begin(kLibraryColumns), std::end(kLibraryColumns));
     columns.insert(columns.end(), {"accuracy", "anomaly", "field_uT", "dip_cos", "fed"});  // and the kit's
@@ -119,9 +121,31 @@ TEST(CompassService, ReplayOfARecordOrAFieldLogGivesTheSameOutputsSampleForSampl
             EXPECT_THAT(rep.out, HasSubstr(std::string(" at ") + rate + " Hz on the virtual phone"));
             const auto replayed = outputs(d + "/replay.csv");
             ASSERT_EQ(live.size(), replayed.size());
-            for (size_t i = 0; i < live.size(); ++i)
+            const bool logged = replay == std::string("--replay-field");
+            for (size_t i = 0; i < live.size(); ++i) {
                 for (const std::string &col : columns)
                     ASSERT_EQ(live[i].at(col), replayed[i].at(col)) << "sample " << i << " column " << col;
+                for (const char *col : {"true_heading_int", "true_azimuth", "true_pitch", "true_roll"}) {
+                    if (!logged) {
+                        ASSERT_EQ(replayed[i].at(col), "") << col;
+                        continue;
+                    }
+                    // Printed to 0.001; 359.9995 and 0.000 are the same heading.
+                    ASSERT_NEAR(vphone::scene::heading_difference(num(live[i], col), num(replayed[i], col)), 0, 0.0015)
+                        << "sample " << i << " column " << col;
+                }
+                ASSERT_EQ(replayed[i].at("offset_error_uT"), "");
+            }
+            // The summary's heading errors, by accuracy and held steady, and its wrong count.
+            auto scored = [](const std::string &out) {
+                std::string lines;
+                for (size_t at = 0, end; (end = out.find('\n', at)) != std::string::npos; at = end + 1)
+                    if (const std::string line = out.substr(at, end - at);
+                        line.find(" RMS ") != std::string::npos || line.find("wrong") != std::string::npos)
+                        lines += line + '\n';
+                return lines;
+            };
+            EXPECT_EQ(scored(rep.out), logged ? scored(rec.out) : "");
         }
     }
 }
@@ -330,13 +354,20 @@ TEST(CompassService, AFieldLogIsSampledAtTheRateAskedOrAtItsOwn) {
     const std::string d = dir_for("field-rate");
     // 200 Hz for a second, lying face up; the field's strength steps from 40 to 60 uT
     // at the row logged 0.54 s in, at a cycle's time.
+    // The reference turns the phone a quarter to the left (+90 degrees about up) at the
+    // same row: its top edge, north before, now points west.
     vphone::scene::FieldLog log;
-    for (int64_t t = 0; t <= 1000000; t += 5000)
-        log.rows.push_back({t + 777, {0, t < 540000 ? 40.0 : 60.0, 0}, {0, 0, vphone::scene::kStandardGravity}});
+    log.columns.reference = true;
+    const double half = std::sqrt(0.5);
+    for (int64_t t = 0; t <= 1000000; t += 5000) {
+        const bool later = t >= 540000;
+        log.rows.push_back({t + 777, {0, later ? 60.0 : 40.0, 0}, {0, 0, vphone::scene::kStandardGravity}});
+        if (later) log.rows.back().reference = {0, 0, half, half};
+    }
     {
         std::ofstream out(d + "/f.csv");
-        vphone::scene::write_field_log_header(out, false);
-        for (const auto &row : log.rows) vphone::scene::write_field_log_row(out, row, false);
+        vphone::scene::write_field_log_header(out, log.columns);
+        for (const auto &row : log.rows) vphone::scene::write_field_log_row(out, row, log.columns);
     }
     const Result fast = on_phone(d, {"--replay-field", d + "/f.csv"}, "replay");
     EXPECT_EQ(fast.exit_code, 2);
@@ -346,8 +377,13 @@ TEST(CompassService, AFieldLogIsSampledAtTheRateAskedOrAtItsOwn) {
     EXPECT_THAT(r.out, HasSubstr(" at 50 Hz on the virtual phone"));
     const auto rows = outputs(d + "/o.csv");
     ASSERT_EQ(rows.size(), 51u);  // 0, 20, .., 1000 ms
-    for (size_t i = 0; i < rows.size(); ++i)
-        EXPECT_NEAR(std::stod(rows[i].at("field_uT")), i * 20 < 540 ? 40 : 60, 1.0) << "cycle at " << i * 20 << " ms";
+    for (size_t i = 0; i < rows.size(); ++i) {
+        const bool later = i * 20 >= 540;
+        EXPECT_NEAR(num(rows[i], "field_uT"), later ? 60 : 40, 1.0) << "cycle at " << i * 20 << " ms";
+        EXPECT_NEAR(vphone::scene::heading_difference(num(rows[i], "true_heading_int"), later ? 270 : 0), 0, 1e-3)
+            << "cycle at " << i * 20 << " ms";
+        EXPECT_EQ(rows[i].at("phase"), "logged");
+    }
 }
 
 }  // namespace

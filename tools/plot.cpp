@@ -63,7 +63,7 @@ void put_phase_labels(std::ostream &g, const std::vector<SampleOutput> &samples)
 
 // Per sample: time, integer heading (error), azimuth (error), offset error or field
 // strength, accuracy.
-void put_data(std::ostream &g, const std::vector<SampleOutput> &samples, bool truth) {
+void put_data(std::ostream &g, const std::vector<SampleOutput> &samples, bool truth, bool offset_known) {
     g << "$data << EOD\n";
     for (const SampleOutput &s : samples) {
         const double t = static_cast<double>(s.time_us) / 1e6;
@@ -71,18 +71,18 @@ void put_data(std::ostream &g, const std::vector<SampleOutput> &samples, bool tr
         if (truth)
             g << t << ' '
               << (hi.empty() ? fmt("%.2f", heading_difference(s.integer_heading, s.truth.integer_heading)) : hi) << ' '
-              << heading_difference(s.euler[0], s.truth.double_azimuth) << ' ' << offset_error_uT(s) << ' '
-              << s.accuracy << '\n';
+              << heading_difference(s.euler[0], s.truth.double_azimuth);
         else
-            g << t << ' ' << (hi.empty() ? std::to_string(s.integer_heading) : hi) << ' ' << s.euler[0] << ' '
-              << s.strength_uT << ' ' << s.accuracy << '\n';
+            g << t << ' ' << (hi.empty() ? std::to_string(s.integer_heading) : hi) << ' ' << s.euler[0];
+        g << ' ' << (offset_known ? offset_error_uT(s) : s.strength_uT) << ' ' << s.accuracy << '\n';
     }
     g << "EOD\n";
 }
 
-// Two panels: errors (or headings, on replays) above, the kit's accuracy below; the
-// legend below the plots, off the data; heading errors autoscaled, never clipped.
-void put_panels(std::ostream &g, bool truth) {
+// Two panels: errors (or headings, without a true attitude) above, the kit's accuracy
+// below; the legend below the plots, off the data; heading errors autoscaled, never
+// clipped. The right axis: the offset's error, or without its truth the field strength.
+void put_panels(std::ostream &g, bool truth, bool offset_known) {
     const std::string marks =
         "NaN with lines dt 2 lc rgb '#c00000' title '3-D calibration', "
         "NaN with lines dt 2 lc rgb '#2060c0' title 'planar calibration', "
@@ -90,19 +90,18 @@ void put_panels(std::ostream &g, bool truth) {
         "NaN with lines dt 2 lc rgb '#8000a0' title 'rough offset changed', "
         "NaN with lines dt 2 lc rgb '#e0a000' title 'anomaly flagged'";
     g << "set size 1,0.68\nset origin 0,0.32\nset xlabel ''\nset ytics nomirror\nset y2tics\n";
-    if (truth) {
-        g << "set ylabel 'heading error (degrees)'\nset y2label 'offset error (uT)'\nset autoscale y\n"
-             "set y2range [0:*]\n"
+    const std::string right = offset_known ? "offset error" : "field strength";
+    g << "set y2label '" << right << " (uT)'\nset y2range [0:*]\n";
+    if (truth)
+        g << "set ylabel 'heading error (degrees)'\nset autoscale y\n"
              "plot $data using 1:2 with lines lc rgb '#e08000' title 'heading error, integer path', "
-             "$data using 1:3 with lines lc rgb '#008060' title 'azimuth error, double path', "
-             "$data using 1:4 axes x1y2 with lines lw 2 lc rgb '#000000' title 'offset error (right axis)'\n";
-    } else {
-        g << "set ylabel 'heading (degrees)'\nset yrange [0:360]\nset y2label 'field strength (uT)'\n"
-             "set y2range [0:*]\n"
+             "$data using 1:3 with lines lc rgb '#008060' title 'azimuth error, double path', ";
+    else
+        g << "set ylabel 'heading (degrees)'\nset yrange [0:360]\n"
              "plot $data using 1:2 with lines title 'heading, integer path', "
-             "$data using 1:3 with lines title 'azimuth, double path', "
-             "$data using 1:4 axes x1y2 with lines lc rgb '#000000' title 'field strength (right axis)'\n";
-    }
+             "$data using 1:3 with lines title 'azimuth, double path', ";
+    g << "$data using 1:4 axes x1y2 with lines lw " << (offset_known ? 2 : 1) << " lc rgb '#000000' title '" << right
+      << " (right axis)'\n";
     g << "unset label\nset size 1,0.32\nset origin 0,0\nset bmargin 6\nset xlabel 'virtual time (s)' offset 0,0.4\n"
          "set ylabel 'accuracy'\nset key outside bottom center horizontal box\n"
          "set yrange [-0.3:3.3]\nset ytics ('unreliable' 0, 'low' 1, 'medium' 2, 'high' 3)\n"
@@ -146,6 +145,7 @@ bool Report::write_plot(const std::string &path, const std::string &title, std::
     }
     const std::string drawn = scratch + "/plot.png";
     const bool truth = !samples_.empty() && samples_.front().has_truth;
+    const bool offset_known = !samples_.empty() && samples_.front().offset_known;
     std::ostringstream g;
     g << "set terminal pngcairo size 1100,760 font 'sans,10'\n"
       << "set output " << gnuplot_text(drawn) << "\n"
@@ -156,8 +156,8 @@ bool Report::write_plot(const std::string &path, const std::string &title, std::
     g << "set xrange [0:" << end_s << "]\n";
     put_marks(g, samples_);
     if (truth) put_phase_labels(g, samples_);
-    put_data(g, samples_, truth);
-    put_panels(g, truth);
+    put_data(g, samples_, truth, offset_known);
+    put_panels(g, truth, offset_known);
     const bool ok = draw(g.str(), drawn, path, error);
     fs::remove_all(scratch, ec);  // only the directory made above
     return ok;

@@ -57,7 +57,7 @@ void ErrorStats::add(double e) {
 double ErrorStats::rms() const { return count ? std::sqrt(sum_sq / count) : 0.0; }
 
 double offset_error_uT(const SampleOutput &s) {
-    return s.has_truth ? vphone::scene::offset_error_uT(s.offset, s.true_offset) : -1;
+    return s.offset_known ? vphone::scene::offset_error_uT(s.offset, s.true_offset) : -1;
 }
 
 std::string format_second_line(const SampleOutput &s) {
@@ -66,10 +66,15 @@ std::string format_second_line(const SampleOutput &s) {
     if (s.has_truth) {
         std::snprintf(b, sizeof b,
                       "t %5.1f s  heading true %3.0f int %3d | azimuth true %3.0f dbl %3d | pitch %4ld/%4d"
-                      " | roll %4ld/%4d | calib rc %2d status %d | offset err %5.1f uT | acc %d  %s",
+                      " | roll %4ld/%4d | calib rc %2d status %d | %s | acc %d  %s",
                       t, s.truth.integer_heading, s.integer_heading, s.truth.double_azimuth, s.euler[0],
                       std::lround(s.truth.pitch), s.euler[1], std::lround(s.truth.roll), s.euler[2], s.calib_rc,
-                      s.calib_status, offset_error_uT(s), s.accuracy, s.phase);
+                      s.calib_status,
+                      (s.offset_known ? "offset err " + fmt("%5.1f", offset_error_uT(s)) + " uT"
+                                      : "offset " + std::to_string(s.offset[0]) + ',' + std::to_string(s.offset[1]) +
+                                            ',' + std::to_string(s.offset[2]))
+                          .c_str(),
+                      s.accuracy, s.phase);
     } else {
         std::snprintf(b, sizeof b,
                       "t %5.1f s  heading int %3d | azimuth dbl %3d | pitch %4d | roll %4d | calib rc %2d status %d"
@@ -336,7 +341,8 @@ bool Report::write_outputs(const std::string &path, std::string *error) const {
         *error = "cannot write outputs file '" + path + "'";
         return false;
     }
-    // The library's outputs first; the truth after them (empty on replays). The
+    // The library's outputs first; the truth after them (empty on replays, and the
+    // offset's error on field logs, whose offset is not known). The
     // columns attitude_rc and rotation_rc keep their names: 0 when the kit reported an
     // integer heading (azimuth, pitch and roll), else -1. heading_axis: the axis (y, z) of heading_int and its truth.
     f << "time_us,ms_rc,gs_rc,calib_rc,calib_status,attitude_rc,heading_int,heading_axis,rotation_rc,"
@@ -353,7 +359,7 @@ bool Report::write_outputs(const std::string &path, std::string *error) const {
           << s.ratio_mid << ',' << s.residual << ','
           << (s.has_truth ? fmt("%.3f", s.truth.integer_heading) + ',' + fmt("%.3f", s.truth.double_azimuth) + ',' +
                                 fmt("%.3f", s.truth.pitch) + ',' + fmt("%.3f", s.truth.roll) + ',' +
-                                fmt("%.3f", offset_error_uT(s)) + ',' + s.phase
+                                (s.offset_known ? fmt("%.3f", offset_error_uT(s)) : "") + ',' + s.phase
                           : std::string(",,,,,"))
           << ',' << estimator_name(s.estimator) << '\n';
     f.flush();

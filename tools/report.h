@@ -28,8 +28,9 @@ struct SampleOutput {
     bool orientation_valid = false;  // the kit reported azimuth, pitch and roll
     std::array<int, 3> euler{};      // double path: azimuth, pitch, roll (whole degrees)
     std::array<int, 3> offset{};     // the library's magnetic offset, counts
-    bool has_truth = false;          // false on replays
+    bool has_truth = false;          // the true attitude: scenarios, field logs with a reference
     TrueAngles truth{};
+    bool offset_known = false;   // true_offset holds the truth: scenarios only
     vphone::Vec3 true_offset{};  // counts
     double mounted_s = -1;       // car scenarios: when the phone went into the mount
     // The kit's judgement and the field diagnostics it works from (replays too).

@@ -1,6 +1,8 @@
 #include "vphone/scene/field_log.h"
 
+#include <Eigen/Geometry>
 #include <charconv>
+#include <cmath>
 #include <istream>
 #include <ostream>
 
@@ -12,6 +14,8 @@ namespace {
 constexpr const char *kMagic = "# kmxc field log 1";
 constexpr const char *kColumns = "time_us,mag_x,mag_y,mag_z,accel_x,accel_y,accel_z";
 constexpr const char *kTemperatureColumn = ",temperature";
+constexpr const char *kReferenceColumns = ",ref_x,ref_y,ref_z,ref_w";
+constexpr const char *kReferenceNames[4] = {"ref_x", "ref_y", "ref_z", "ref_w"};
 
 bool to_number(const std::string &s, double lo, double hi, double *out) {
     const char *b = s.data(), *e = s.data() + s.size();
@@ -35,56 +39,78 @@ std::string text(double v) {
 }
 
 // A data line's fields into r; "" or the problem.
-std::string read_row(const std::vector<std::string> &f, bool with_temperature, FieldLogRow *r) {
-    const size_t n = with_temperature ? 8 : 7;
+std::string read_row(const std::vector<std::string> &f, const FieldLogColumns &columns, FieldLogRow *r) {
+    struct Value {
+        const char *name;
+        double limit_lo, limit_hi, *to;
+    };
+    const double m = kFieldLogMaxMicrotesla, a = kFieldLogMaxMps2, q = 1 + kFieldLogReferenceNormTolerance;
+    std::vector<Value> values = {{"mag_x", -m, m, &r->mag_uT[0]},       {"mag_y", -m, m, &r->mag_uT[1]},
+                                 {"mag_z", -m, m, &r->mag_uT[2]},       {"accel_x", -a, a, &r->accel_mps2[0]},
+                                 {"accel_y", -a, a, &r->accel_mps2[1]}, {"accel_z", -a, a, &r->accel_mps2[2]}};
+    if (columns.temperature) values.push_back({"temperature", kFieldLogMinC, kFieldLogMaxC, &r->temperature_C});
+    if (columns.reference)
+        for (size_t k = 0; k < 4; ++k) values.push_back({kReferenceNames[k], -q, q, &r->reference[k]});
+    const size_t n = 1 + values.size();
     if (f.size() != n) return "expected " + std::to_string(n) + " values, found " + std::to_string(f.size());
     if (!to_time(f[0], &r->time_us))
         return "time_us '" + f[0] + "' is not a whole number in 0.." + std::to_string(int64_t{1} << 53);
-    static const char *names[7] = {"", "mag_x", "mag_y", "mag_z", "accel_x", "accel_y", "accel_z"};
-    for (int i = 1; i < 7; ++i) {
-        const double limit = i < 4 ? kFieldLogMaxMicrotesla : kFieldLogMaxMps2;
-        double *v = i < 4 ? &r->mag_uT[static_cast<size_t>(i - 1)] : &r->accel_mps2[static_cast<size_t>(i - 4)];
-        if (!to_number(f[static_cast<size_t>(i)], -limit, limit, v))
-            return std::string(names[i]) + " '" + f[static_cast<size_t>(i)] + "' is not a number in " + text(-limit) +
-                   ".." + text(limit);
+    for (size_t i = 0; i < values.size(); ++i) {
+        const Value &v = values[i];
+        if (!to_number(f[i + 1], v.limit_lo, v.limit_hi, v.to))
+            return std::string(v.name) + " '" + f[i + 1] + "' is not a number in " + text(v.limit_lo) + ".." +
+                   text(v.limit_hi);
     }
-    if (with_temperature && !to_number(f[7], kFieldLogMinC, kFieldLogMaxC, &r->temperature_C))
-        return "temperature '" + f[7] + "' is not a number in " + text(kFieldLogMinC) + ".." + text(kFieldLogMaxC);
+    if (columns.reference) {
+        const auto &q4 = r->reference;
+        const double length = std::sqrt(q4[0] * q4[0] + q4[1] * q4[1] + q4[2] * q4[2] + q4[3] * q4[3]);
+        if (!(std::fabs(length - 1) <= kFieldLogReferenceNormTolerance))
+            return "ref_x..ref_w is not a unit quaternion: its length is " + text(length);
+    }
     return "";
+}
+
+std::string column_line(const FieldLogColumns &c) {
+    return std::string(kColumns) + (c.temperature ? kTemperatureColumn : "") + (c.reference ? kReferenceColumns : "");
 }
 
 }  // namespace
 
-void write_field_log_header(std::ostream &out, bool with_temperature) {
-    out << kMagic << '\n' << kColumns << (with_temperature ? kTemperatureColumn : "") << '\n';
+void write_field_log_header(std::ostream &out, const FieldLogColumns &columns) {
+    out << kMagic << '\n' << column_line(columns) << '\n';
 }
 
-void write_field_log_row(std::ostream &out, const FieldLogRow &r, bool with_temperature) {
+void write_field_log_row(std::ostream &out, const FieldLogRow &r, const FieldLogColumns &columns) {
     out << r.time_us;
     for (double v : r.mag_uT) out << ',' << text(v);
     for (double v : r.accel_mps2) out << ',' << text(v);
-    if (with_temperature) out << ',' << text(r.temperature_C);
+    if (columns.temperature) out << ',' << text(r.temperature_C);
+    if (columns.reference)
+        for (double v : r.reference) out << ',' << text(v);
     out << '\n';
 }
 
 ParsedFieldLog parse_field_log(std::istream &in) {
     ParsedFieldLog p;
     FieldLog &log = p.log;
-    const std::string with_temperature = std::string(kColumns) + kTemperatureColumn;
     bool columns = false;
     p.error = read_csv_log(
         in, kMagic, "field log",
         [&](const std::vector<std::string> &f, const std::string &line) -> std::string {
             if (!columns) {
-                if (line != kColumns && line != with_temperature)
+                for (const bool temperature : {false, true})
+                    for (const bool reference : {false, true})
+                        if (line == column_line({temperature, reference})) {
+                            log.columns = {temperature, reference};
+                            columns = true;
+                        }
+                if (!columns)
                     return "the column line must be '" + std::string(kColumns) + "', optionally followed by '" +
-                           kTemperatureColumn + "'";
-                log.has_temperature = line == with_temperature;
-                columns = true;
+                           kTemperatureColumn + "', then optionally by '" + kReferenceColumns + "'";
                 return "";
             }
             FieldLogRow r;
-            if (std::string problem = read_row(f, log.has_temperature, &r); !problem.empty()) return problem;
+            if (std::string problem = read_row(f, log.columns, &r); !problem.empty()) return problem;
             if (!log.rows.empty() && r.time_us <= log.rows.back().time_us)
                 return "time_us " + std::to_string(r.time_us) + " does not increase";
             log.rows.push_back(r);
@@ -124,7 +150,21 @@ FieldLogRow row_of(int64_t time_us, const Truth &t) {
         r.accel_mps2[k] = -t.gravity_g[k] * kStandardGravity;
     }
     r.temperature_C = t.temperature_C;
+    Eigen::Matrix3d m;
+    for (int i = 0; i < 3; ++i)
+        for (int j = 0; j < 3; ++j) m(i, j) = t.attitude[static_cast<size_t>(i)][static_cast<size_t>(j)];
+    const Eigen::Quaterniond q(m);
+    r.reference = {q.x(), q.y(), q.z(), q.w()};
     return r;
+}
+
+Mat3 reference_attitude(const FieldLogRow &r) {
+    const auto &q = r.reference;
+    const Eigen::Matrix3d m = Eigen::Quaterniond(q[3], q[0], q[1], q[2]).normalized().toRotationMatrix();
+    Mat3 a{};
+    for (int i = 0; i < 3; ++i)
+        for (int j = 0; j < 3; ++j) a[static_cast<size_t>(i)][static_cast<size_t>(j)] = m(i, j);
+    return a;
 }
 
 }  // namespace vphone::scene

@@ -8,6 +8,7 @@
 #ifndef KMXC_VPHONE_SCENE_FIELD_LOG_H
 #define KMXC_VPHONE_SCENE_FIELD_LOG_H
 
+#include <array>
 #include <cstdint>
 #include <iosfwd>
 #include <string>
@@ -24,24 +25,39 @@ constexpr double kFieldLogTemperatureC = 25.0;
 constexpr double kFieldLogMaxMicrotesla = 2000.0;
 constexpr double kFieldLogMaxMps2 = 8 * kStandardGravity;
 constexpr double kFieldLogMinC = -40.0, kFieldLogMaxC = 85.0;
+// A reference attitude is a unit quaternion: its length may differ from 1 by this much
+// (a logger's rounding), and is taken as 1.
+constexpr double kFieldLogReferenceNormTolerance = 0.01;
 
 struct FieldLogRow {
     int64_t time_us = 0;  // strictly increasing
     Vec3 mag_uT{};        // uncalibrated: the phone's own field (hard iron) included
     Vec3 accel_mps2{};    // gravity included: a phone lying face up reads (0, 0, +9.81)
     double temperature_C = kFieldLogTemperatureC;
+    // The phone's true attitude, when the log has one: the unit quaternion x, y, z, w that
+    // turns phone axes into the magnetic world frame (x east, y magnetic north, z up), the
+    // convention of a phone's rotation vector. A log scored against it is a log whose
+    // attitude came from a reference (a rig, a survey), not from this magnetometer.
+    std::array<double, 4> reference{0, 0, 0, 1};
     bool operator==(const FieldLogRow &) const = default;
 };
 
+// The optional columns a log has.
+struct FieldLogColumns {
+    bool temperature = false;
+    bool reference = false;  // ref_x, ref_y, ref_z, ref_w
+    bool operator==(const FieldLogColumns &) const = default;
+};
+
 struct FieldLog {
-    bool has_temperature = false;
+    FieldLogColumns columns;
     std::vector<FieldLogRow> rows;
     bool operator==(const FieldLog &) const = default;
 };
 
-void write_field_log_header(std::ostream &out, bool with_temperature);
+void write_field_log_header(std::ostream &out, const FieldLogColumns &columns);
 // Exact: every double is written with the digits that read back to the same value.
-void write_field_log_row(std::ostream &out, const FieldLogRow &r, bool with_temperature);
+void write_field_log_row(std::ostream &out, const FieldLogRow &r, const FieldLogColumns &columns);
 
 struct ParsedFieldLog {
     bool ok = false;
@@ -56,8 +72,12 @@ double field_log_rate_hz(const FieldLog &log);  // median_rate_hz (csv_log.h) of
 // unknown), the acceleration turned into the scene's gravity sample (g, pointing the way
 // gravity pulls), the temperature.
 Truth truth_of(const FieldLogRow &r);
-// The row a scene instant logged: what the scene's chips sensed then (truth_of's inverse).
+// The row a scene instant logged: what the scene's chips sensed then (truth_of's inverse),
+// and the phone's true attitude as its reference.
 FieldLogRow row_of(int64_t time_us, const Truth &t);
+// A row's reference as an attitude matrix (rows: magnetic east, north, up in phone axes,
+// as Truth::attitude), its quaternion taken at unit length.
+Mat3 reference_attitude(const FieldLogRow &r);
 
 }  // namespace vphone::scene
 

@@ -8,19 +8,28 @@
 namespace vphone::scene {
 namespace {
 
-FieldLog random_log(uint32_t seed, int rows, bool with_temperature) {
+FieldLog random_log(uint32_t seed, int rows, FieldLogColumns columns) {
     std::mt19937 rng(seed);
     std::uniform_real_distribution<double> mag(-kFieldLogMaxMicrotesla, kFieldLogMaxMicrotesla),
         acc(-kFieldLogMaxMps2, kFieldLogMaxMps2), temp(kFieldLogMinC, kFieldLogMaxC);
+    std::normal_distribution<double> gauss;
     FieldLog log;
-    log.has_temperature = with_temperature;
+    log.columns = columns;
     int64_t t = 1'700'000'000'000;  // a phone's clock since boot: the log's times need not start at 0
     for (int i = 0; i < rows; ++i) {
         FieldLogRow r;
         r.time_us = (t += 20000 + i % 3);
         for (double &m : r.mag_uT) m = mag(rng);
         for (double &a : r.accel_mps2) a = acc(rng);
-        if (with_temperature) r.temperature_C = temp(rng);
+        if (columns.temperature) r.temperature_C = temp(rng);
+        if (columns.reference) {
+            double sum = 0;
+            for (double &q : r.reference) {
+                q = gauss(rng);
+                sum += q * q;
+            }
+            for (double &q : r.reference) q /= std::sqrt(sum);
+        }
         log.rows.push_back(r);
     }
     return log;
@@ -28,8 +37,8 @@ FieldLog random_log(uint32_t seed, int rows, bool with_temperature) {
 
 std::string text_of(const FieldLog &log) {
     std::ostringstream o;
-    write_field_log_header(o, log.has_temperature);
-    for (const FieldLogRow &r : log.rows) write_field_log_row(o, r, log.has_temperature);
+    write_field_log_header(o, log.columns);
+    for (const FieldLogRow &r : log.rows) write_field_log_row(o, r, log.columns);
     return o.str();
 }
 
@@ -38,19 +47,21 @@ ParsedFieldLog parse(const std::string &text) {
     return parse_field_log(in);
 }
 
-// Every double comes back bit for bit, with either line end and either column set.
+// Every double comes back bit for bit, with either line end and every column set.
 TEST(FieldLog, WrittenLogsParseBackExactly) {
-    for (bool with_temperature : {false, true})
-        for (bool crlf : {false, true}) {
-            const FieldLog log = random_log(with_temperature ? 2 : 1, 300, with_temperature);
-            std::string text = text_of(log);
-            if (crlf)
-                for (size_t at = text.find('\n'); at != std::string::npos; at = text.find('\n', at + 2))
-                    text.insert(at, "\r");
-            const ParsedFieldLog p = parse(text);
-            ASSERT_TRUE(p.ok) << p.error;
-            EXPECT_TRUE(p.log == log) << (with_temperature ? "temperature" : "none") << (crlf ? ", \\r\\n" : "");
-        }
+    for (bool temperature : {false, true})
+        for (bool reference : {false, true})
+            for (bool crlf : {false, true}) {
+                const FieldLog log = random_log(1 + 2 * temperature + reference, 300, {temperature, reference});
+                std::string text = text_of(log);
+                if (crlf)
+                    for (size_t at = text.find('\n'); at != std::string::npos; at = text.find('\n', at + 2))
+                        text.insert(at, "\r");
+                const ParsedFieldLog p = parse(text);
+                ASSERT_TRUE(p.ok) << p.error;
+                EXPECT_TRUE(p.log == log)
+                    << "temperature " << temperature << ", reference " << reference << (crlf ? ", \\r\\n" : "");
+            }
 }
 
 constexpr const char *kHead = "# kmxc field log 1\ntime_us,mag_x,mag_y,mag_z,accel_x,accel_y,accel_z\n";
@@ -74,6 +85,14 @@ TEST(FieldLog, ReadsWhatAPhonesLoggerWrites) {
         {"a temperature column",
          "# kmxc field log 1\ntime_us,mag_x,mag_y,mag_z,accel_x,accel_y,accel_z,temperature\n0,1,2,3,4,5,6,-40\n",
          {0, {1, 2, 3}, {4, 5, 6}, -40}},
+        {"a reference a float's digits short of unit length, kept as logged",
+         "# kmxc field log 1\ntime_us,mag_x,mag_y,mag_z,accel_x,accel_y,accel_z,ref_x,ref_y,ref_z,ref_w\n"
+         "0,1,2,3,4,5,6,0,0,0.7071068,0.7071068\n",
+         {0, {1, 2, 3}, {4, 5, 6}, kFieldLogTemperatureC, {0, 0, 0.7071068, 0.7071068}}},
+        {"both columns, the reference at the tolerance",
+         "# kmxc field log 1\ntime_us,mag_x,mag_y,mag_z,accel_x,accel_y,accel_z,temperature,ref_x,ref_y,ref_z,ref_w\n"
+         "0,1,2,3,4,5,6,30,0,0,-1.009,0\n",
+         {0, {1, 2, 3}, {4, 5, 6}, 30, {0, 0, -1.009, 0}}},
     };
     for (const auto &c : cases) {
         const ParsedFieldLog p = parse(c.text);
@@ -111,6 +130,25 @@ TEST(FieldLog, MalformedLogsAreRefusedWithTheLineAndTheProblem) {
         {"a temperature beyond 85 C",
          "# kmxc field log 1\ntime_us,mag_x,mag_y,mag_z,accel_x,accel_y,accel_z,temperature\n0,1,2,3,4,5,6,85.5\n",
          "temperature '85.5' is not a number in -40..85"},
+        {"the reference before the temperature",
+         "# kmxc field log 1\ntime_us,mag_x,mag_y,mag_z,accel_x,accel_y,accel_z,ref_x,ref_y,ref_z,ref_w,temperature\n",
+         "line 2: the column line must be"},
+        {"a reference of three values",
+         "# kmxc field log 1\ntime_us,mag_x,mag_y,mag_z,accel_x,accel_y,accel_z,ref_x,ref_y,ref_z,ref_w\n"
+         "0,1,2,3,4,5,6,0,0,1\n",
+         "line 3: expected 11 values, found 10"},
+        {"a reference longer than the tolerance",
+         "# kmxc field log 1\ntime_us,mag_x,mag_y,mag_z,accel_x,accel_y,accel_z,ref_x,ref_y,ref_z,ref_w\n"
+         "0,1,2,3,4,5,6,0.6,0,0,0.8131\n",
+         "ref_x..ref_w is not a unit quaternion: its length is 1.0105"},
+        {"a reference shorter than the tolerance",
+         "# kmxc field log 1\ntime_us,mag_x,mag_y,mag_z,accel_x,accel_y,accel_z,ref_x,ref_y,ref_z,ref_w\n"
+         "0,1,2,3,4,5,6,0,0.5,0.5,0.6921\n",
+         "its length is 0.9894"},
+        {"a reference component beyond the tolerance",
+         "# kmxc field log 1\ntime_us,mag_x,mag_y,mag_z,accel_x,accel_y,accel_z,ref_x,ref_y,ref_z,ref_w\n"
+         "0,1,2,3,4,5,6,0,0,0,1.0101\n",
+         "ref_w '1.0101' is not a number in -1.01..1.01"},
     };
     for (const auto &c : cases) {
         const ParsedFieldLog p = parse(c.text);
@@ -150,6 +188,49 @@ TEST(FieldLog, AnInstantIsSensedAsThePhoneReportedIt) {
             EXPECT_DOUBLE_EQ(back.accel_mps2[k], r.accel_mps2[k]) << c.name;
         }
         EXPECT_EQ(back.time_us, r.time_us);
+    }
+}
+
+// A reference quaternion turns phone axes into the world's (x east, y north, z up): each
+// pose's angles follow from where it sends the phone's axes, worked out by hand. (The
+// heading of an axis standing vertical is not defined: NaN.)
+TEST(FieldLog, AReferenceIsThePhonesAttitude) {
+    const double h = std::sqrt(0.5), none = std::nan("");
+    const struct {
+        const char *name;
+        std::array<double, 4> q;  // x, y, z, w
+        double top_heading, back_heading, pitch, roll;
+    } cases[] = {
+        {"face up, top edge north", {0, 0, 0, 1}, 0, none, 0, 0},
+        {"face up, turned a quarter left: top edge west", {0, 0, h, h}, 270, none, 0, 0},
+        {"face up, turned half round", {0, 0, 1, 0}, 180, none, 0, 0},
+        {"stood upright about the east axis: top up, back north", {h, 0, 0, h}, none, 0, -90, 0},
+        {"rolled 60 degrees about north: right edge down, back west", {0, 0.5, 0, std::sqrt(0.75)}, 0, 270, 0, 60},
+    };
+    // A logger's rounding leaves a quaternion's length off 1; its rotation is the same.
+    for (const auto &c : cases)
+        for (const double length : {1.0, 1.009}) {
+            FieldLogRow r;
+            for (size_t k = 0; k < 4; ++k) r.reference[k] = c.q[k] * length;
+            const TrueAngles t = true_angles(reference_attitude(r), HeadingAxis::kY);
+            if (!std::isnan(c.top_heading)) {
+                EXPECT_NEAR(heading_difference(t.y_heading, c.top_heading), 0, 1e-9) << c.name;
+            }
+            if (!std::isnan(c.back_heading)) {
+                EXPECT_NEAR(heading_difference(t.z_heading, c.back_heading), 0, 1e-9) << c.name;
+            }
+            EXPECT_NEAR(t.pitch, c.pitch, 1e-6) << c.name;
+            EXPECT_NEAR(t.roll, c.roll, 1e-6) << c.name;
+        }
+    // Written from a scene's attitude and read back, the attitude is the scene's.
+    std::mt19937 rng(7);
+    std::uniform_real_distribution<double> angle(-180, 180);
+    for (int i = 0; i < 200; ++i) {
+        Truth scene;
+        scene.attitude = attitude_matrix({angle(rng), angle(rng) / 2, angle(rng)});
+        const Mat3 back = reference_attitude(row_of(0, scene));
+        for (size_t j = 0; j < 3; ++j)
+            for (size_t k = 0; k < 3; ++k) ASSERT_NEAR(back[j][k], scene.attitude[j][k], 1e-12) << "pose " << i;
     }
 }
 
