@@ -1,7 +1,7 @@
 # Debian packages (CPack DEB), one per install component:
 #   libkmxc-orvane        runtime:     the libraries
 #   libkmxc-orvane-dev    development: headers, pkg-config files, CMake package
-#   kmxc-orvane-tools     tools:       compass_service, the virtual phone and its world,
+#   kmxc-orvane-tools     tools:       compass_service, field_log_pair, the virtual phone and its world,
 #                                      their docs, the example services' sources
 # `cpack --config <build>/CPackConfig.cmake` in a build tree makes them for that build's
 # architecture: amd64 natively, armel from the cross build; the presets packages and
@@ -63,7 +63,8 @@ set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "${KMXC_DEB_EXACT}")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_RECOMMENDS "gnuplot-nox") # compass_service --plot
 set(CPACK_DEBIAN_TOOLS_DESCRIPTION "electronic compass library - virtual phone and replay tools
 compass_service plays a phone's sensor service against the library on a
-virtual phone: scripted handling, raw-data record and replay, report and plot.
+virtual phone: scripted handling, raw-data record and replay, report and plot;
+field_log_pair makes any phone's logged sensor streams into a field log for it.
 libkmxc_vphone.so, the virtual phone, stands in for the kernel driver, both
 chips, the phone's files and its monotonic clock; any program runs on it with
 LD_PRELOAD, and with libkmxc_vphone_world.so preloaded too the phone is

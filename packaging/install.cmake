@@ -7,6 +7,8 @@
 #   <libdir>/pkgconfig/kmxc_orvane.pc, kmxc_service.pc   pkg-config files (development)
 #   <libdir>/cmake/kmxc_orvane/                          CMake package (development)
 #   <bindir>/compass_service                             the demo service (tools)
+#   <bindir>/field_log_pair                              a phone's two sensor streams
+#                                                        made into a field log (tools)
 #   <libdir>/kmxc_orvane/libkmxc_vphone.so               the virtual phone (tools)
 #   <libdir>/kmxc_orvane/libkmxc_vphone_world.so         the world that moves it (tools)
 #   <datadir>/doc/kmxc-orvane-tools/                     their documentation and the
@@ -105,7 +107,7 @@ install(TARGETS kmxc_vphone kmxc_vphone_world LIBRARY DESTINATION ${KMXC_PRELOAD
 file(RELATIVE_PATH kmxc_bin_to_lib /${CMAKE_INSTALL_BINDIR} /${CMAKE_INSTALL_LIBDIR})
 set_target_properties(compass_service PROPERTIES
   INSTALL_RPATH "\$ORIGIN/${kmxc_bin_to_lib}/kmxc_orvane;\$ORIGIN/${kmxc_bin_to_lib}")
-install(TARGETS compass_service RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
+install(TARGETS compass_service field_log_pair RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
 # The documentation written for the package's users (installed paths and names only;
 # the install tests check that), and two programs to start from.
 install(FILES ${PROJECT_SOURCE_DIR}/vphone/preloading.md DESTINATION ${KMXC_TOOLS_DOCDIR} RENAME vphone.md

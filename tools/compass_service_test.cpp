@@ -386,4 +386,58 @@ TEST(CompassService, AFieldLogIsSampledAtTheRateAskedOrAtItsOwn) {
     }
 }
 
+// ---- field_log_pair -------------------------------------------------------------------
+
+// A phone's two streams, each at its own times and rate, pair into a field log the
+// service replays: a row per magnetometer sample, none across the accelerometer's gap.
+TEST(FieldLogPair, APhonesTwoStreamsPairIntoAFieldLogTheServiceReplays) {
+    const std::string d = dir_for("pair");
+    {
+        std::ofstream mag(d + "/mag.csv"), accel(d + "/accel.csv");
+        mag << "# magnetometer, uncalibrated\ntime_ns,x,y,z,bias_x,bias_y,bias_z\n";
+        for (int64_t t = 0; t <= 3'000'000'000; t += 100'000'000) mag << 5'000'000'000 + t << ",20.5,-12,-40,1,2,3\n";
+        accel << "time_ns,x,y,z\n";
+        for (int64_t t = 3'000'000; t <= 3'000'000'000; t += 20'000'000)
+            if (t < 1'000'000'000 || t > 1'150'000'000) accel << 5'000'000'000 + t << ",0.1,0.2,9.8\n";
+    }
+    const Result pair = run_program(FIELD_LOG_PAIR, d, {d + "/mag.csv", d + "/accel.csv", d + "/field.csv"});
+    ASSERT_EQ(pair.exit_code, 0) << pair.err;
+    // 31 field samples: the first precedes every acceleration and the last follows them
+    // (at 2.983 s); those at 1.0 and 1.1 s lie in the gap from 0.983 to 1.163 s.
+    EXPECT_THAT(pair.out, HasSubstr(": 27 rows at the magnetometer's times (10.0 Hz); left out: 2 outside the "
+                                    "accelerometer's samples, 2 between accelerations more than 100 ms apart, 0 "));
+    const Result replay = on_phone(d, {"--replay-field", d + "/field.csv", "--outputs", d + "/o.csv"}, "replay");
+    ASSERT_EQ(replay.exit_code, 0) << replay.err;
+    EXPECT_THAT(replay.out, HasSubstr(" at 10 Hz on the virtual phone"));
+    EXPECT_EQ(outputs(d + "/o.csv").size(), 27u);
+}
+
+TEST(FieldLogPair, BadStreamsAndArgumentsAreRefusedAndNothingIsWritten) {
+    const std::string d = dir_for("pair-bad");
+    const std::string good = d + "/good.csv", bad = d + "/bad.csv", late = d + "/late.csv", out = d + "/out.csv";
+    std::ofstream(good) << "time_us,x,y,z\n0,1,2,3\n20000,1,2,3\n";
+    std::ofstream(bad) << "time_us,x,y,z\n0,1,2\n";
+    std::ofstream(late) << "time_us,x,y,z\n50000,1,2,3\n";
+    const struct {
+        const char *name;
+        std::vector<std::string> args;
+        std::string error_part;
+    } cases[] = {
+        {"two files", {good, good}, "three files are needed\nusage: field_log_pair MAG.csv ACCEL.csv OUT.csv"},
+        {"a stream that is not there", {d + "/none.csv", good, out}, "cannot read the magnetometer stream"},
+        {"a garbled stream", {good, bad, out}, "accelerometer stream '" + std::string(bad) + "': line 2: expected 4"},
+        {"the output over an input", {good, late, late}, "would overwrite the stream it is made from"},
+        {"streams that do not overlap", {late, good, out}, "nothing to pair"},
+        {"an acceleration past 8 g", {good, d + "/hard.csv", out}, "z '90' is not a number in -78.4532..78.4532"},
+    };
+    std::ofstream(d + "/hard.csv") << "time_us,x,y,z\n0,0,0,90\n";
+    for (const auto &c : cases) {
+        const Result r = run_program(FIELD_LOG_PAIR, d, c.args);
+        EXPECT_EQ(r.exit_code, 2) << c.name;
+        EXPECT_THAT(r.err, HasSubstr(c.error_part)) << c.name;
+        EXPECT_FALSE(std::filesystem::exists(out)) << c.name;
+    }
+    EXPECT_EQ(slurp(late), "time_us,x,y,z\n50000,1,2,3\n");
+}
+
 }  // namespace

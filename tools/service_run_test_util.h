@@ -42,7 +42,8 @@ inline std::string slurp(const std::string &path) {
     return s.str();
 }
 
-inline Result run(const std::string &dir, const std::vector<std::string> &args) {
+// Runs program with args, its standard output and error kept in dir.
+inline Result run_program(const std::string &program, const std::string &dir, const std::vector<std::string> &args) {
     // Through the emulator in a cross build, as CTest runs this test itself.
     // Every word single-quoted for the shell, a quote inside written as '\''.
     auto quote = [](const std::string &word) {
@@ -50,7 +51,7 @@ inline Result run(const std::string &dir, const std::vector<std::string> &args) 
         for (char c : word) q += c == '\'' ? std::string("'\\''") : std::string(1, c);
         return q + "'";
     };
-    std::string cmd = std::string(KMXC_EMULATOR) + " " + quote(COMPASS_SERVICE);
+    std::string cmd = std::string(KMXC_EMULATOR) + " " + quote(program);
     for (const auto &a : args) cmd += " " + quote(a);
     cmd += " >" + quote(dir + "/stdout") + " 2>" + quote(dir + "/stderr");
     const int status = std::system(cmd.c_str());
@@ -60,6 +61,10 @@ inline Result run(const std::string &dir, const std::vector<std::string> &args) 
     r.out = slurp(dir + "/stdout");
     r.err = slurp(dir + "/stderr");
     return r;
+}
+
+inline Result run(const std::string &dir, const std::vector<std::string> &args) {
+    return run_program(COMPASS_SERVICE, dir, args);
 }
 
 // The --outputs CSV: one map of column to text per sample.

@@ -1,6 +1,7 @@
 #include "vphone/scene/csv_log.h"
 
 #include <algorithm>
+#include <charconv>
 #include <istream>
 
 namespace vphone::scene {
@@ -33,6 +34,26 @@ std::string read_csv_log(std::istream &in, const std::string &magic, const std::
     if (n == 0) return "empty file";
     if (problem.empty()) problem = finish();
     return problem.empty() ? "" : "line " + std::to_string(n) + ": " + problem;
+}
+
+bool csv_number(const std::string &f, double lo, double hi, double *out) {
+    const char *b = f.data(), *e = f.data() + f.size();
+    if (b != e && *b == '+') ++b;
+    const auto r = std::from_chars(b, e, *out);
+    // nan and inf fail the range.
+    return r.ec == std::errc() && r.ptr == e && b != e && *out >= lo && *out <= hi;
+}
+
+bool csv_time(const std::string &f, int64_t *out) {
+    const char *b = f.data(), *e = f.data() + f.size();
+    const auto r = std::from_chars(b, e, *out);
+    return r.ec == std::errc() && r.ptr == e && b != e && *out >= 0 && *out <= kCsvMaxTime;
+}
+
+std::string shortest_text(double v) {
+    char b[32];
+    const auto r = std::to_chars(b, b + sizeof b, v);
+    return std::string(b, r.ptr);
 }
 
 double median_rate_hz(std::vector<int64_t> times_us) {

@@ -1,7 +1,6 @@
 #include "vphone/scene/field_log.h"
 
 #include <Eigen/Geometry>
-#include <charconv>
 #include <cmath>
 #include <istream>
 #include <ostream>
@@ -16,27 +15,6 @@ constexpr const char *kColumns = "time_us,mag_x,mag_y,mag_z,accel_x,accel_y,acce
 constexpr const char *kTemperatureColumn = ",temperature";
 constexpr const char *kReferenceColumns = ",ref_x,ref_y,ref_z,ref_w";
 constexpr const char *kReferenceNames[4] = {"ref_x", "ref_y", "ref_z", "ref_w"};
-
-bool to_number(const std::string &s, double lo, double hi, double *out) {
-    const char *b = s.data(), *e = s.data() + s.size();
-    if (b != e && *b == '+') ++b;
-    const auto r = std::from_chars(b, e, *out);
-    // nan and inf fail the range.
-    return r.ec == std::errc() && r.ptr == e && b != e && *out >= lo && *out <= hi;
-}
-
-bool to_time(const std::string &s, int64_t *out) {
-    const char *b = s.data(), *e = s.data() + s.size();
-    const auto r = std::from_chars(b, e, *out);
-    return r.ec == std::errc() && r.ptr == e && b != e && *out >= 0 && *out <= (int64_t{1} << 53);
-}
-
-// The shortest digits that read back to v.
-std::string text(double v) {
-    char b[32];
-    const auto r = std::to_chars(b, b + sizeof b, v);
-    return std::string(b, r.ptr);
-}
 
 // A data line's fields into r; "" or the problem.
 std::string read_row(const std::vector<std::string> &f, const FieldLogColumns &columns, FieldLogRow *r) {
@@ -53,19 +31,19 @@ std::string read_row(const std::vector<std::string> &f, const FieldLogColumns &c
         for (size_t k = 0; k < 4; ++k) values.push_back({kReferenceNames[k], -q, q, &r->reference[k]});
     const size_t n = 1 + values.size();
     if (f.size() != n) return "expected " + std::to_string(n) + " values, found " + std::to_string(f.size());
-    if (!to_time(f[0], &r->time_us))
-        return "time_us '" + f[0] + "' is not a whole number in 0.." + std::to_string(int64_t{1} << 53);
+    if (!csv_time(f[0], &r->time_us))
+        return "time_us '" + f[0] + "' is not a whole number in 0.." + std::to_string(kCsvMaxTime);
     for (size_t i = 0; i < values.size(); ++i) {
         const Value &v = values[i];
-        if (!to_number(f[i + 1], v.limit_lo, v.limit_hi, v.to))
-            return std::string(v.name) + " '" + f[i + 1] + "' is not a number in " + text(v.limit_lo) + ".." +
-                   text(v.limit_hi);
+        if (!csv_number(f[i + 1], v.limit_lo, v.limit_hi, v.to))
+            return std::string(v.name) + " '" + f[i + 1] + "' is not a number in " + shortest_text(v.limit_lo) + ".." +
+                   shortest_text(v.limit_hi);
     }
     if (columns.reference) {
         const auto &q4 = r->reference;
         const double length = std::sqrt(q4[0] * q4[0] + q4[1] * q4[1] + q4[2] * q4[2] + q4[3] * q4[3]);
         if (!(std::fabs(length - 1) <= kFieldLogReferenceNormTolerance))
-            return "ref_x..ref_w is not a unit quaternion: its length is " + text(length);
+            return "ref_x..ref_w is not a unit quaternion: its length is " + shortest_text(length);
     }
     return "";
 }
@@ -82,11 +60,11 @@ void write_field_log_header(std::ostream &out, const FieldLogColumns &columns) {
 
 void write_field_log_row(std::ostream &out, const FieldLogRow &r, const FieldLogColumns &columns) {
     out << r.time_us;
-    for (double v : r.mag_uT) out << ',' << text(v);
-    for (double v : r.accel_mps2) out << ',' << text(v);
-    if (columns.temperature) out << ',' << text(r.temperature_C);
+    for (double v : r.mag_uT) out << ',' << shortest_text(v);
+    for (double v : r.accel_mps2) out << ',' << shortest_text(v);
+    if (columns.temperature) out << ',' << shortest_text(r.temperature_C);
     if (columns.reference)
-        for (double v : r.reference) out << ',' << text(v);
+        for (double v : r.reference) out << ',' << shortest_text(v);
     out << '\n';
 }
 
