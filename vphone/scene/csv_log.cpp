@@ -24,7 +24,7 @@ std::string read_csv_log(std::istream &in, const std::string &magic, const std::
     while (problem.empty() && std::getline(in, line)) {
         ++n;
         if (!line.empty() && line.back() == '\r') line.pop_back();
-        if (n == 1) {
+        if (n == 1 && !magic.empty()) {
             if (line != magic) problem = "not a " + what + ": the first line must be '" + magic + "'";
             continue;
         }

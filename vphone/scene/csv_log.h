@@ -16,8 +16,9 @@ namespace vphone::scene {
 std::vector<std::string> csv_fields(const std::string &line);
 
 // Reads in line by line (\n or \r\n ends). The first line must be magic, else "not a
-// <what>: ...". After it, empty lines and lines starting with '#' are comments; every
-// other line goes to take (its fields and its text), which returns "" or its problem.
+// <what>: ..." (an empty magic: no such line). After it, empty lines and lines starting
+// with '#' are comments; every other line goes to take (its fields and its text), which
+// returns "" or its problem.
 // Reading stops at the first problem; at the end, finish names what the whole log lacks,
 // or "". Returns "", "empty file", or "line N: <problem>" (N the line read last).
 using CsvLineTaker = std::function<std::string(const std::vector<std::string> &fields, const std::string &line)>;

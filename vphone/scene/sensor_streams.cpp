@@ -1,6 +1,5 @@
 #include "vphone/scene/sensor_streams.h"
 
-#include <algorithm>
 #include <istream>
 
 #include "vphone/scene/csv_log.h"
@@ -58,31 +57,23 @@ ParsedStream parse_stream(std::istream &in, double limit) {
     ParsedStream p;
     Layout layout;
     bool header = false;
-    std::string line, problem;
-    int n = 0;
-    while (problem.empty() && std::getline(in, line)) {
-        ++n;
-        if (!line.empty() && line.back() == '\r') line.pop_back();
-        if (line.empty() || line[0] == '#') continue;
-        if (!header) {
-            problem = read_header(csv_fields(line), &layout);
-            header = true;
-            continue;
-        }
-        StreamSample s;
-        problem = read_sample(csv_fields(line), layout, limit, &s);
-        if (problem.empty() && !p.samples.empty() && s.time_ns <= p.samples.back().time_ns)
-            problem = "the time does not increase";
-        p.samples.push_back(s);
-    }
-    if (!problem.empty())
-        p.error = "line " + std::to_string(n) + ": " + problem;
-    else if (n == 0)
-        p.error = "empty file";
-    else if (!header)
-        p.error = "no header line";
-    else if (p.samples.empty())
-        p.error = "no samples";
+    p.error = read_csv_log(
+        in, "", "sensor stream",
+        [&](const std::vector<std::string> &f, const std::string &) -> std::string {
+            if (!header) {
+                header = true;
+                return read_header(f, &layout);
+            }
+            StreamSample s;
+            if (std::string problem = read_sample(f, layout, limit, &s); !problem.empty()) return problem;
+            if (!p.samples.empty() && s.time_ns <= p.samples.back().time_ns) return "the time does not increase";
+            p.samples.push_back(s);
+            return "";
+        },
+        [&]() -> std::string {
+            if (!header) return "no header line";
+            return p.samples.empty() ? "no samples" : "";
+        });
     p.ok = p.error.empty();
     if (!p.ok) p.samples.clear();
     return p;
