@@ -161,6 +161,7 @@ int Session::read_field_log() {
     const std::string &path = opt_.field_log_path;
     ParsedFieldLog p;
     if (int status = read_replayed(path, "field log", parse_field_log, &p); status != 0) return status;
+    if (!p.warning.empty()) std::cerr << "compass_service: field log '" << path << "': " << p.warning << '\n';
     field_log_ = std::move(p.log);
     // A world sampled at the rate asked for, or at the one the log was taken at.
     if (opt_.rate_given) return 0;

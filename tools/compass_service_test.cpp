@@ -231,6 +231,8 @@ TEST(CompassService, BadInputGetsOneLineAndANonZeroExitBeforeAnythingIsLost) {
     fs::copy_file(d + "/r.csv", d + "/phone/r.csv");  // stray files in the sandbox
     fs::copy_file(d + "/f.csv", d + "/phone/f.csv");
     std::ofstream(d + "/not-a-record.csv") << "hello\n";
+    std::ofstream(d + "/in-g.csv") << "# kmxc field log 1\ntime_us,mag_x,mag_y,mag_z,accel_x,accel_y,accel_z\n"
+                                      "0,20,0,-40,0,0,1\n";
     fs::create_directories(d + "/mine");
     std::ofstream(d + "/mine/thesis.txt") << "years of work\n";
     for (const char *sub : {"/etc", "/dev", "/sys", "/misc"}) fs::create_directories(d + "/rootfs" + sub);
@@ -257,6 +259,7 @@ TEST(CompassService, BadInputGetsOneLineAndANonZeroExitBeforeAnythingIsLost) {
         {"replay file inside the sandbox", {"--replay", d + "/phone/r.csv"}, 2, inside},
         {"a field log that is a raw record", {"--replay-field", d + "/r.csv"}, 2, "line 1: not a field log"},
         {"a field log inside the sandbox", {"--replay-field", d + "/phone/f.csv"}, 2, inside},
+        {"a field log in g", {"--replay-field", d + "/in-g.csv"}, 2, "is the log in g (times 9.80665 is m/s^2)?"},
         {"a field log written inside the sandbox", {"--record-field", d + "/phone/g.csv"}, 2, inside},
         {"plot inside the sandbox, named through ..", {"--plot", d + "/phone/etc/../p.png"}, 2, inside},
         {"--fresh on a folder it did not make", {"--fresh", "--scenario", "still"}, 1, not_phone, "mine"},
@@ -429,8 +432,10 @@ TEST(FieldLogPair, BadStreamsAndArgumentsAreRefusedAndNothingIsWritten) {
         {"the output over an input", {good, late, late}, "would overwrite the stream it is made from"},
         {"streams that do not overlap", {late, good, out}, "nothing to pair"},
         {"an acceleration past 8 g", {good, d + "/hard.csv", out}, "z '90' is not a number in -78.4532..78.4532"},
+        {"accelerations in g", {good, d + "/in-g.csv", out}, "accelerometer stream '" + d + "/in-g.csv': the accel"},
     };
     std::ofstream(d + "/hard.csv") << "time_us,x,y,z\n0,0,0,90\n";
+    std::ofstream(d + "/in-g.csv") << "time_us,x,y,z\n0,0,0,1\n20000,0,0,1\n";
     for (const auto &c : cases) {
         const Result r = run_program(FIELD_LOG_PAIR, d, c.args);
         EXPECT_EQ(r.exit_code, 2) << c.name;
@@ -438,6 +443,17 @@ TEST(FieldLogPair, BadStreamsAndArgumentsAreRefusedAndNothingIsWritten) {
         EXPECT_FALSE(std::filesystem::exists(out)) << c.name;
     }
     EXPECT_EQ(slurp(late), "time_us,x,y,z\n50000,1,2,3\n");
+    // A field in gauss is paired and replayed, each program saying what it suggests.
+    std::ofstream(d + "/gauss.csv") << "time_us,x,y,z\n0,0.2,0.1,-0.4\n20000,0.2,0.1,-0.4\n";
+    std::ofstream(d + "/accel.csv") << "time_us,x,y,z\n0,0,0,9.8\n20000,0,0,9.8\n";
+    const Result paired = run_program(FIELD_LOG_PAIR, d, {d + "/gauss.csv", d + "/accel.csv", out});
+    EXPECT_EQ(paired.exit_code, 0) << paired.err;
+    const std::string note =
+        "the field's median strength is 0.46 uT, where the Earth's is 25 to 65: is the log in gauss";
+    EXPECT_THAT(paired.err, HasSubstr("field_log_pair: magnetometer stream '" + d + "/gauss.csv': " + note));
+    const Result replayed = on_phone(d, {"--replay-field", out}, "replay");
+    EXPECT_EQ(replayed.exit_code, 0) << replayed.err;
+    EXPECT_THAT(replayed.err, HasSubstr("compass_service: field log '" + out + "': " + note));
 }
 
 }  // namespace

@@ -62,6 +62,10 @@ int main(int argc, char **argv) {
     const FieldLog log = pair_streams(mag.samples, accel.samples, &counts);
     if (log.rows.empty())
         return fail("no magnetometer sample lies within the accelerometer's samples: nothing to pair");
+    if (const std::string problem = field_log_units_problem(log); !problem.empty())
+        return fail("accelerometer stream '" + accel_path + "': " + problem);
+    if (const std::string note = field_log_units_warning(log); !note.empty())
+        std::cerr << "field_log_pair: magnetometer stream '" << mag_path << "': " << note << '\n';
     std::ofstream out(out_path, std::ios::binary | std::ios::trunc);
     write_field_log_header(out, log.columns);
     for (const FieldLogRow &r : log.rows) write_field_log_row(out, r, log.columns);

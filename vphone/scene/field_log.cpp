@@ -1,7 +1,9 @@
 #include "vphone/scene/field_log.h"
 
 #include <Eigen/Geometry>
+#include <algorithm>
 #include <cmath>
+#include <cstdio>
 #include <istream>
 #include <ostream>
 
@@ -96,9 +98,10 @@ ParsedFieldLog parse_field_log(std::istream &in) {
         },
         [&]() -> std::string {
             if (!columns) return "no column line '" + std::string(kColumns) + "'";
-            return log.rows.empty() ? "no samples" : "";
+            return log.rows.empty() ? "no samples" : field_log_units_problem(log);
         });
     p.ok = p.error.empty();
+    if (p.ok) p.warning = field_log_units_warning(log);
     return p;
 }
 
@@ -106,6 +109,45 @@ double field_log_rate_hz(const FieldLog &log) {
     std::vector<int64_t> t;
     for (const FieldLogRow &row : log.rows) t.push_back(row.time_us);
     return median_rate_hz(std::move(t));
+}
+
+namespace {
+
+// The median length of a vector of each row.
+double median_length(const FieldLog &log, const Vec3 FieldLogRow::*v) {
+    std::vector<double> lengths;
+    for (const FieldLogRow &r : log.rows) {
+        const Vec3 &x = r.*v;
+        lengths.push_back(std::sqrt(x[0] * x[0] + x[1] * x[1] + x[2] * x[2]));
+    }
+    const auto mid = lengths.begin() + static_cast<std::ptrdiff_t>(lengths.size() / 2);
+    std::nth_element(lengths.begin(), mid, lengths.end());
+    return *mid;
+}
+
+std::string two_digits(double v) {
+    char b[32];
+    std::snprintf(b, sizeof b, "%.2f", v);
+    return b;
+}
+
+}  // namespace
+
+std::string field_log_units_problem(const FieldLog &log) {
+    if (log.rows.empty()) return "";
+    const double g = median_length(log, &FieldLogRow::accel_mps2) / kStandardGravity;
+    if (g >= kFieldLogMinMedianG && g <= kFieldLogMaxMedianG) return "";
+    return "the accelerations' median length is " + two_digits(g * kStandardGravity) +
+           " m/s^2, where a phone reads gravity's 9.81 most of the time" +
+           (std::fabs(g * kStandardGravity - 1) < 0.5 ? ": is the log in g (times 9.80665 is m/s^2)?" : "");
+}
+
+std::string field_log_units_warning(const FieldLog &log) {
+    if (log.rows.empty()) return "";
+    const double uT = median_length(log, &FieldLogRow::mag_uT);
+    if (uT >= kFieldLogMinMedianMicrotesla) return "";
+    return "the field's median strength is " + two_digits(uT) +
+           " uT, where the Earth's is 25 to 65: is the log in gauss (1 G = 100 uT) or millitesla (1 mT = 1000 uT)?";
 }
 
 Truth truth_of(const FieldLogRow &r) {

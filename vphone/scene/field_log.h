@@ -25,6 +25,13 @@ constexpr double kFieldLogTemperatureC = 25.0;
 constexpr double kFieldLogMaxMicrotesla = 2000.0;
 constexpr double kFieldLogMaxMps2 = 8 * kStandardGravity;
 constexpr double kFieldLogMinC = -40.0, kFieldLogMaxC = 85.0;
+// What a log's magnitudes say about its units. A phone's accelerometer reads gravity's
+// length most of the time, so the median length of a log's accelerations lies within
+// these bounds (a log in g reads about 1: refused). The Earth's field is 25..65 uT, and a
+// median strength below the floor suggests gauss or millitesla (a warning only: the
+// phone's own field may cancel much of the Earth's).
+constexpr double kFieldLogMinMedianG = 0.5, kFieldLogMaxMedianG = 2.0;
+constexpr double kFieldLogMinMedianMicrotesla = 10.0;
 // A reference attitude is a unit quaternion: its length may differ from 1 by this much
 // (a logger's rounding), and is taken as 1.
 constexpr double kFieldLogReferenceNormTolerance = 0.01;
@@ -61,11 +68,17 @@ void write_field_log_row(std::ostream &out, const FieldLogRow &r, const FieldLog
 
 struct ParsedFieldLog {
     bool ok = false;
-    std::string error;  // "line N: ..." when !ok
+    std::string error;    // "line N: ..." when !ok
+    std::string warning;  // when ok: field_log_units_warning's
     FieldLog log;
 };
 ParsedFieldLog parse_field_log(std::istream &in);
 double field_log_rate_hz(const FieldLog &log);  // median_rate_hz (csv_log.h) of its rows
+// The median accelerations' length outside kFieldLogMinMedianG..kFieldLogMaxMedianG: the
+// problem, with the likely unit; else "". parse_field_log refuses a log that has one.
+std::string field_log_units_problem(const FieldLog &log);
+// The median field strength below kFieldLogMinMedianMicrotesla: a note; else "".
+std::string field_log_units_warning(const FieldLog &log);
 
 // What the chips sense at a logged instant: the whole logged field as the ambient one
 // (a log cannot tell the phone's own field from the Earth's; the truth of a replay is

@@ -20,7 +20,10 @@ FieldLog random_log(uint32_t seed, int rows, FieldLogColumns columns) {
         FieldLogRow r;
         r.time_us = (t += 20000 + i % 3);
         for (double &m : r.mag_uT) m = mag(rng);
-        for (double &a : r.accel_mps2) a = acc(rng);
+        // Every third acceleration anywhere in range; the others near gravity's length,
+        // as a phone's are (a log's median shows its unit).
+        for (double &a : r.accel_mps2) a = i % 3 == 0 ? acc(rng) : acc(rng) / 40;
+        if (i % 3 != 0) r.accel_mps2[2] += kStandardGravity;
         if (columns.temperature) r.temperature_C = temp(rng);
         if (columns.reference) {
             double sum = 0;
@@ -68,36 +71,53 @@ constexpr const char *kHead = "# kmxc field log 1\ntime_us,mag_x,mag_y,mag_z,acc
 constexpr const char *kRow = "0,10,20,-30,0,0,9.8\n";
 
 // What a phone's logger may write beyond ours: blanks, comments, a plus sign, exponents,
-// a temperature column.
+// a temperature column, a reference; accelerations whose median length is just within
+// what a log in m/s^2 shows, and a field weak enough to note that it may be in gauss.
 TEST(FieldLog, ReadsWhatAPhonesLoggerWrites) {
     const struct {
         const char *name, *text;
-        FieldLogRow first;
+        FieldLogRow last;
+        const char *warning_part = "";
     } cases[] = {
         {"blanks, comments and empty lines",
          "# kmxc field log 1\n# from a phone\n\ntime_us,mag_x,mag_y,mag_z,accel_x,accel_y,accel_z\n"
-         " 7 , 1.5 ,\t-2,+3 , 0.25,-0.5,9.75\n",
-         {7, {1.5, -2, 3}, {0.25, -0.5, 9.75}, kFieldLogTemperatureC}},
+         " 7 , 21.5 ,\t-20,+30 , 0.25,-0.5,9.75\n",
+         {7, {21.5, -20, 30}, {0.25, -0.5, 9.75}, kFieldLogTemperatureC}},
         {"exponents and the limits",
          "# kmxc field log 1\ntime_us,mag_x,mag_y,mag_z,accel_x,accel_y,accel_z\n"
-         "9007199254740992,2e3,-2000,1e-3,78.4532,-78.4532,0\n",
+         "0,20,0,0,0,0,9.8\n1,20,0,0,0,0,9.8\n9007199254740992,2e3,-2000,1e-3,78.4532,-78.4532,0\n",
          {int64_t{1} << 53, {2000, -2000, 0.001}, {78.4532, -78.4532, 0}, kFieldLogTemperatureC}},
+        {"accelerations of half g's median length",
+         "# kmxc field log 1\ntime_us,mag_x,mag_y,mag_z,accel_x,accel_y,accel_z\n0,0,0,10,0,0,4.9034\n",
+         {0, {0, 0, 10}, {0, 0, 4.9034}, kFieldLogTemperatureC}},
+        {"accelerations of twice g's, a field in gauss",
+         "# kmxc field log 1\ntime_us,mag_x,mag_y,mag_z,accel_x,accel_y,accel_z\n0,0.2,0.1,-0.4,0,-19.6132,0\n",
+         {0, {0.2, 0.1, -0.4}, {0, -19.6132, 0}, kFieldLogTemperatureC},
+         "the field's median strength is 0.46 uT, where the Earth's is 25 to 65: is the log in gauss"},
+        {"a field just above the floor for a note",
+         "# kmxc field log 1\ntime_us,mag_x,mag_y,mag_z,accel_x,accel_y,accel_z\n0,6,8,0.01,0,0,9.8\n",
+         {0, {6, 8, 0.01}, {0, 0, 9.8}, kFieldLogTemperatureC}},
         {"a temperature column",
-         "# kmxc field log 1\ntime_us,mag_x,mag_y,mag_z,accel_x,accel_y,accel_z,temperature\n0,1,2,3,4,5,6,-40\n",
-         {0, {1, 2, 3}, {4, 5, 6}, -40}},
+         "# kmxc field log 1\ntime_us,mag_x,mag_y,mag_z,accel_x,accel_y,accel_z,temperature\n0,10,20,30,4,5,6,-40\n",
+         {0, {10, 20, 30}, {4, 5, 6}, -40}},
         {"a reference a float's digits short of unit length, kept as logged",
          "# kmxc field log 1\ntime_us,mag_x,mag_y,mag_z,accel_x,accel_y,accel_z,ref_x,ref_y,ref_z,ref_w\n"
-         "0,1,2,3,4,5,6,0,0,0.7071068,0.7071068\n",
-         {0, {1, 2, 3}, {4, 5, 6}, kFieldLogTemperatureC, {0, 0, 0.7071068, 0.7071068}}},
+         "0,10,20,30,4,5,6,0,0,0.7071068,0.7071068\n",
+         {0, {10, 20, 30}, {4, 5, 6}, kFieldLogTemperatureC, {0, 0, 0.7071068, 0.7071068}}},
         {"both columns, the reference at the tolerance",
          "# kmxc field log 1\ntime_us,mag_x,mag_y,mag_z,accel_x,accel_y,accel_z,temperature,ref_x,ref_y,ref_z,ref_w\n"
-         "0,1,2,3,4,5,6,30,0,0,-1.009,0\n",
-         {0, {1, 2, 3}, {4, 5, 6}, 30, {0, 0, -1.009, 0}}},
+         "0,10,20,30,4,5,6,30,0,0,-1.009,0\n",
+         {0, {10, 20, 30}, {4, 5, 6}, 30, {0, 0, -1.009, 0}}},
     };
     for (const auto &c : cases) {
         const ParsedFieldLog p = parse(c.text);
         ASSERT_TRUE(p.ok) << c.name << ": " << p.error;
-        EXPECT_EQ(p.log.rows.at(0), c.first) << c.name;
+        EXPECT_EQ(p.log.rows.back(), c.last) << c.name;
+        if (*c.warning_part == '\0') {
+            EXPECT_EQ(p.warning, "") << c.name;
+        } else {
+            EXPECT_NE(p.warning.find(c.warning_part), std::string::npos) << c.name << ": got '" << p.warning << "'";
+        }
     }
 }
 
@@ -130,6 +150,11 @@ TEST(FieldLog, MalformedLogsAreRefusedWithTheLineAndTheProblem) {
         {"a temperature beyond 85 C",
          "# kmxc field log 1\ntime_us,mag_x,mag_y,mag_z,accel_x,accel_y,accel_z,temperature\n0,1,2,3,4,5,6,85.5\n",
          "temperature '85.5' is not a number in -40..85"},
+        {"accelerations in g", head + "0,1,2,3,0,0,1\n1,1,2,3,0,0.1,0.99\n2,1,2,3,0,0,1.01\n",
+         "line 5: the accelerations' median length is 1.00 m/s^2, where a phone reads gravity's 9.81 most of the "
+         "time: is the log in g (times 9.80665 is m/s^2)?"},
+        {"accelerations just under half g's length", head + "0,1,2,3,0,4.9032,0\n", "median length is 4.90 m/s^2"},
+        {"accelerations just over twice g's length", head + "0,1,2,3,-19.6134,0,0\n", "median length is 19.61 m/s^2"},
         {"the reference before the temperature",
          "# kmxc field log 1\ntime_us,mag_x,mag_y,mag_z,accel_x,accel_y,accel_z,ref_x,ref_y,ref_z,ref_w,temperature\n",
          "line 2: the column line must be"},

@@ -136,7 +136,9 @@ void start_scene() {
         scene->rig.attach_replay_chips(scene->replay);
     } else {
         if (field_log != nullptr) {
-            scene->log = read_or_refuse("VPHONE_FIELD_LOG", field_log, parse_field_log).log;
+            const ParsedFieldLog parsed = read_or_refuse("VPHONE_FIELD_LOG", field_log, parse_field_log);
+            if (!parsed.warning.empty()) std::fprintf(stderr, "vphone: VPHONE_FIELD_LOG: %s\n", parsed.warning.c_str());
+            scene->log = parsed.log;
             scene->logged = true;
         }
         // A scenario that starts with no stored offset starts without the file, and so
