@@ -6,6 +6,7 @@
 // What stays here is the demo around the kit: its command line, the run of a scenario,
 // a raw record or a field log on the scene's rig (vphone/scene), the logs it writes, the
 // report and the plot.
+#include <algorithm>
 #include <cerrno>
 #include <cmath>
 #include <cstdio>
@@ -276,21 +277,27 @@ bool Session::next_cycle(size_t i) {
     return true;
 }
 
-// A field log's cycle i: at its row i's time, or every 1/--rate s from its first row (the
-// chips sensing the last row logged by then), until its last row. Log times count from
-// the first cycle.
+// A field log's cycle i: at the time of the row after the one sensed last, or every
+// 1/--rate s from its first row (the chips sensing the last row logged by then), until its
+// last row's time. Log times count from the first cycle and run as the phone's: a cycle
+// that starts late (the chips take 13 ms a cycle, a 100 Hz log's rows are 10 ms apart)
+// senses the last row logged by the time it starts, as a phone would, rather than every
+// row in slow motion.
 bool Session::next_logged_cycle(size_t i) {
     const std::vector<FieldLogRow> &rows = field_log_.rows;
     const int64_t first = rows.front().time_us;
-    int64_t at;
-    if (opt_.rate_given)
-        at = first + static_cast<int64_t>(i) * (1000000 / rate_hz_);
-    else if (i < rows.size())
-        at = rows[i].time_us;
-    else
-        return false;
-    if (at > rows.back().time_us) return false;
     if (i == 0) logged_start_us_ = vphone::now_us();
+    const int64_t now = first + static_cast<int64_t>(vphone::now_us() - logged_start_us_);
+    int64_t planned;
+    if (opt_.rate_given) {
+        planned = first + static_cast<int64_t>(i) * (1000000 / rate_hz_);
+    } else {
+        const size_t next = i == 0 ? 0 : logged_row_ + 1;
+        if (next >= rows.size()) return false;
+        planned = rows[next].time_us;
+    }
+    const int64_t at = std::max(planned, now);
+    if (at > rows.back().time_us) return false;
     while (logged_row_ + 1 < rows.size() && rows[logged_row_ + 1].time_us <= at) ++logged_row_;
     wait_until(logged_start_us_ + static_cast<uint64_t>(at - first));
     rig_.sense(truth_of(rows[logged_row_]));
