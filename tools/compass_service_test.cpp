@@ -447,7 +447,7 @@ TEST(FieldLogPair, BadStreamsAndArgumentsAreRefusedAndNothingIsWritten) {
         std::vector<std::string> args;
         std::string error_part;
     } cases[] = {
-        {"two files", {good, good}, "three files are needed\nusage: field_log_pair MAG.csv ACCEL.csv OUT.csv"},
+        {"two files", {good, good}, "three files are needed: MAG.csv ACCEL.csv OUT.csv (--help says more)"},
         {"a stream that is not there", {d + "/none.csv", good, out}, "cannot read the magnetometer stream"},
         {"a garbled stream", {good, bad, out}, "accelerometer stream '" + std::string(bad) + "': line 2: expected 4"},
         {"the output over an input", {good, late, late}, "would overwrite the stream it is made from"},

@@ -48,7 +48,7 @@ int main(int argc, char **argv) {
         std::cout << kUsage;
         return 0;
     }
-    if (argc != 4) return fail(std::string("three files are needed\n") + kUsage);
+    if (argc != 4) return fail("three files are needed: MAG.csv ACCEL.csv OUT.csv (--help says more)");
     const std::string mag_path = argv[1], accel_path = argv[2], out_path = argv[3];
     std::error_code ec;
     for (const std::string &input : {mag_path, accel_path})
