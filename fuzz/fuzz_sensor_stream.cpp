@@ -18,7 +18,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     for (size_t i = 1; i < s.size(); ++i)
         if (s[i].time_ns <= s[i - 1].time_ns) __builtin_trap();
     PairCounts counts;
-    const FieldLog log = pair_streams(s, s, &counts);
+    const FieldLog log = pair_streams(s, s, nullptr, &counts);
     if (counts.outside != 0 || counts.gap != 0 || counts.paired + counts.same_us != static_cast<int>(s.size()))
         __builtin_trap();
     for (const FieldLogRow &r : log.rows)

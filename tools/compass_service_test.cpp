@@ -412,28 +412,44 @@ TEST(CompassService, AFieldLogIsSampledAtTheRateAskedOrAtItsOwn) {
 
 // ---- field_log_pair -------------------------------------------------------------------
 
-// A phone's two streams, each at its own times and rate, pair into a field log the
-// service replays: a row per magnetometer sample, none across the accelerometer's gap.
-TEST(FieldLogPair, APhonesTwoStreamsPairIntoAFieldLogTheServiceReplays) {
+// A phone's two streams, each at its own times and rate, and a rig's reference, pair
+// into a field log the service replays and scores: a row per magnetometer sample, none
+// across the accelerometer's gap. The reference turns the phone about the vertical at 30
+// degrees a second, so every replayed sample's true heading is known from its time.
+TEST(FieldLogPair, APhonesTwoStreamsAndAReferencePairIntoAFieldLogTheServiceReplaysAndScores) {
     const std::string d = dir_for("pair");
+    const int64_t origin = 5'000'000'000;  // the phone's clock at the first field sample
     {
-        std::ofstream mag(d + "/mag.csv"), accel(d + "/accel.csv");
+        std::ofstream mag(d + "/mag.csv"), accel(d + "/accel.csv"), reference(d + "/ref.csv");
         mag << "# magnetometer, uncalibrated\ntime_ns,x,y,z,bias_x,bias_y,bias_z\n";
-        for (int64_t t = 0; t <= 3'000'000'000; t += 100'000'000) mag << 5'000'000'000 + t << ",20.5,-12,-40,1,2,3\n";
+        for (int64_t t = 0; t <= 3'000'000'000; t += 100'000'000) mag << origin + t << ",20.5,-12,-40,1,2,3\n";
         accel << "time_ns,x,y,z\n";
         for (int64_t t = 3'000'000; t <= 3'000'000'000; t += 20'000'000)
-            if (t < 1'000'000'000 || t > 1'150'000'000) accel << 5'000'000'000 + t << ",0.1,0.2,9.8\n";
+            if (t < 1'000'000'000 || t > 1'150'000'000) accel << origin + t << ",0.1,0.2,9.8\n";
+        reference << "time_us,w,x,y,z\n";  // any column order
+        for (int64_t t = 0; t <= 3'100'000; t += 40'000) {
+            const double half_turn = 15.0 * static_cast<double>(t) / 1e6 * 3.14159265358979323846 / 180;
+            reference << (origin / 1000 + t) << ',' << std::cos(half_turn) << ",0,0," << std::sin(half_turn) << '\n';
+        }
     }
-    const Result pair = run_program(FIELD_LOG_PAIR, d, {d + "/mag.csv", d + "/accel.csv", d + "/field.csv"});
+    const Result pair = run_program(
+        FIELD_LOG_PAIR, d, {"--reference", d + "/ref.csv", d + "/mag.csv", d + "/accel.csv", d + "/field.csv"});
     ASSERT_EQ(pair.exit_code, 0) << pair.err;
     // 31 field samples: the first precedes every acceleration and the last follows them
     // (at 2.983 s); those at 1.0 and 1.1 s lie in the gap from 0.983 to 1.163 s.
-    EXPECT_THAT(pair.out, HasSubstr(": 27 rows at the magnetometer's times (10.0 Hz); left out: 2 outside the "
-                                    "accelerometer's samples, 2 between accelerations more than 100 ms apart, 0 "));
+    EXPECT_THAT(pair.out,
+                HasSubstr(": 27 rows at the magnetometer's times (10.0 Hz, with the reference); left out: 2 "
+                          "outside another stream's samples, 2 between its samples more than 100 ms apart, 0 "));
     const Result replay = on_phone(d, {"--replay-field", d + "/field.csv", "--outputs", d + "/o.csv"}, "replay");
     ASSERT_EQ(replay.exit_code, 0) << replay.err;
     EXPECT_THAT(replay.out, HasSubstr(" at 10 Hz on the virtual phone"));
-    EXPECT_EQ(outputs(d + "/o.csv").size(), 27u);
+    const auto rows = outputs(d + "/o.csv");
+    ASSERT_EQ(rows.size(), 27u);
+    for (const auto &row : rows) {
+        // The log's time from the field's origin: the first row is the sample at 0.1 s.
+        const double t = (num(row, "time_us") - num(rows.front(), "time_us")) / 1e6 + 0.1;
+        EXPECT_NEAR(vphone::scene::heading_difference(num(row, "true_heading_int"), -30 * t), 0, 0.002) << t;
+    }
 }
 
 TEST(FieldLogPair, BadStreamsAndArgumentsAreRefusedAndNothingIsWritten) {
@@ -447,14 +463,20 @@ TEST(FieldLogPair, BadStreamsAndArgumentsAreRefusedAndNothingIsWritten) {
         std::vector<std::string> args;
         std::string error_part;
     } cases[] = {
-        {"two files", {good, good}, "three files are needed: MAG.csv ACCEL.csv OUT.csv (--help says more)"},
+        {"two files", {good, good}, "three files are needed: [--reference REF.csv] MAG.csv ACCEL.csv OUT.csv"},
         {"a stream that is not there", {d + "/none.csv", good, out}, "cannot read the magnetometer stream"},
         {"a garbled stream", {good, bad, out}, "accelerometer stream '" + std::string(bad) + "': line 2: expected 4"},
         {"the output over an input", {good, late, late}, "would overwrite the stream it is made from"},
         {"streams that do not overlap", {late, good, out}, "nothing to pair"},
         {"an acceleration past 8 g", {good, d + "/hard.csv", out}, "z '90' is not a number in -78.4532..78.4532"},
         {"accelerations in g", {good, d + "/in-g.csv", out}, "accelerometer stream '" + d + "/in-g.csv': the accel"},
+        {"a reference that is no rotation",
+         {"--reference", d + "/stretched.csv", good, d + "/accel.csv", out},
+         "reference stream '" + d + "/stretched.csv': line 2: x..w is not a unit quaternion: its length is 1.13"},
+        {"the output over the reference", {"--reference", late, good, d + "/accel.csv", late}, "would overwrite"},
     };
+    std::ofstream(d + "/stretched.csv") << "time_us,x,y,z,w\n0,0,0,0.8,0.8\n";
+    std::ofstream(d + "/accel.csv") << "time_us,x,y,z\n0,0,0,9.8\n20000,0,0,9.8\n";
     std::ofstream(d + "/hard.csv") << "time_us,x,y,z\n0,0,0,90\n";
     std::ofstream(d + "/in-g.csv") << "time_us,x,y,z\n0,0,0,1\n20000,0,0,1\n";
     for (const auto &c : cases) {
@@ -466,7 +488,6 @@ TEST(FieldLogPair, BadStreamsAndArgumentsAreRefusedAndNothingIsWritten) {
     EXPECT_EQ(slurp(late), "time_us,x,y,z\n50000,1,2,3\n");
     // A field in gauss is paired and replayed, each program saying what it suggests.
     std::ofstream(d + "/gauss.csv") << "time_us,x,y,z\n0,0.2,0.1,-0.4\n20000,0.2,0.1,-0.4\n";
-    std::ofstream(d + "/accel.csv") << "time_us,x,y,z\n0,0,0,9.8\n20000,0,0,9.8\n";
     const Result paired = run_program(FIELD_LOG_PAIR, d, {d + "/gauss.csv", d + "/accel.csv", out});
     EXPECT_EQ(paired.exit_code, 0) << paired.err;
     const std::string note =

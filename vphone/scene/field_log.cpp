@@ -41,13 +41,7 @@ std::string read_row(const std::vector<std::string> &f, const FieldLogColumns &c
             return std::string(v.name) + " '" + f[i + 1] + "' is not a number in " + shortest_text(v.limit_lo) + ".." +
                    shortest_text(v.limit_hi);
     }
-    if (columns.reference) {
-        const auto &q4 = r->reference;
-        const double length = std::sqrt(q4[0] * q4[0] + q4[1] * q4[1] + q4[2] * q4[2] + q4[3] * q4[3]);
-        if (!(std::fabs(length - 1) <= kFieldLogReferenceNormTolerance))
-            return "ref_x..ref_w is not a unit quaternion: its length is " + shortest_text(length);
-    }
-    return "";
+    return columns.reference ? reference_problem(r->reference, "ref_x..ref_w") : "";
 }
 
 std::string column_line(const FieldLogColumns &c) {
@@ -55,6 +49,12 @@ std::string column_line(const FieldLogColumns &c) {
 }
 
 }  // namespace
+
+std::string reference_problem(const std::array<double, 4> &q, const std::string &named) {
+    const double length = std::sqrt(q[0] * q[0] + q[1] * q[1] + q[2] * q[2] + q[3] * q[3]);
+    if (std::fabs(length - 1) <= kFieldLogReferenceNormTolerance) return "";
+    return named + " is not a unit quaternion: its length is " + shortest_text(length);
+}
 
 void write_field_log_header(std::ostream &out, const FieldLogColumns &columns) {
     out << kMagic << '\n' << column_line(columns) << '\n';

@@ -25,6 +25,10 @@ constexpr double kFieldLogTemperatureC = 25.0;
 constexpr double kFieldLogMaxMicrotesla = 2000.0;
 constexpr double kFieldLogMaxMps2 = 8 * kStandardGravity;
 constexpr double kFieldLogMinC = -40.0, kFieldLogMaxC = 85.0;
+// A reference quaternion (x, y, z, w) whose length is off 1 by more than the tolerance:
+// "<named> is not a unit quaternion: its length is L"; else "".
+std::string reference_problem(const std::array<double, 4> &q, const std::string &named);
+
 // What a log's magnitudes say about its units. A phone's accelerometer reads gravity's
 // length most of the time, so the median length of a log's accelerations lies within
 // these bounds (a log in g reads about 1: refused). The Earth's field is 25..65 uT, and a

@@ -1,5 +1,6 @@
 #include "vphone/scene/sensor_streams.h"
 
+#include <Eigen/Geometry>
 #include <istream>
 
 #include "vphone/scene/csv_log.h"
@@ -10,9 +11,12 @@ namespace {
 // Where the header put the columns read; -1 when absent.
 struct Layout {
     size_t width = 0;
-    int time = -1, xyz[3] = {-1, -1, -1};
+    int time = -1, xyzw[4] = {-1, -1, -1, -1};
+    int values = 3;  // x, y, z; a reference's w too
     int64_t ns_per_unit = 1;
 };
+
+constexpr char kValueNames[] = "xyzw";
 
 std::string read_header(const std::vector<std::string> &names, Layout *l) {
     l->width = names.size();
@@ -22,16 +26,17 @@ std::string read_header(const std::vector<std::string> &names, Layout *l) {
         if (n == "time_ns" || n == "time_us") {
             column = &l->time;
             l->ns_per_unit = n == "time_us" ? 1000 : 1;
-        } else if (n.size() == 1 && n[0] >= 'x' && n[0] <= 'z') {
-            column = &l->xyz[n[0] - 'x'];
+        } else if (n.size() == 1) {
+            for (int k = 0; k < l->values; ++k)
+                if (n[0] == kValueNames[k]) column = &l->xyzw[k];
         }
         if (column == nullptr) continue;
         if (*column >= 0) return "the columns name " + (column == &l->time ? std::string("a time") : n) + " twice";
         *column = static_cast<int>(i);
     }
     if (l->time < 0) return "the header names no time column (time_ns or time_us)";
-    for (int k = 0; k < 3; ++k)
-        if (l->xyz[k] < 0) return std::string("the header names no ") + char('x' + k) + " column";
+    for (int k = 0; k < l->values; ++k)
+        if (l->xyzw[k] < 0) return std::string("the header names no ") + kValueNames[k] + " column";
     return "";
 }
 
@@ -42,20 +47,19 @@ std::string read_sample(const std::vector<std::string> &f, const Layout &l, doub
     if (!csv_time(time, &s->time_ns))
         return "time '" + time + "' is not a whole number in 0.." + std::to_string(kCsvMaxTime);
     s->time_ns *= l.ns_per_unit;  // at most 2^53 * 1000, within int64
-    for (int k = 0; k < 3; ++k) {
-        const std::string &v = f[static_cast<size_t>(l.xyz[k])];
-        if (!csv_number(v, -limit, limit, &s->value[static_cast<size_t>(k)]))
-            return std::string(1, char('x' + k)) + " '" + v + "' is not a number in " + shortest_text(-limit) + ".." +
+    for (int k = 0; k < l.values; ++k) {
+        const std::string &v = f[static_cast<size_t>(l.xyzw[k])];
+        if (!csv_number(v, -limit, limit, k < 3 ? &s->value[static_cast<size_t>(k)] : &s->w))
+            return std::string(1, kValueNames[k]) + " '" + v + "' is not a number in " + shortest_text(-limit) + ".." +
                    shortest_text(limit);
     }
-    return "";
+    return l.values == 4 ? reference_problem({s->value[0], s->value[1], s->value[2], s->w}, "x..w") : "";
 }
 
-}  // namespace
-
-ParsedStream parse_stream(std::istream &in, double limit) {
+ParsedStream parse_values(std::istream &in, double limit, int values) {
     ParsedStream p;
     Layout layout;
+    layout.values = values;
     bool header = false;
     p.error = read_csv_log(
         in, "", "sensor stream",
@@ -79,31 +83,59 @@ ParsedStream parse_stream(std::istream &in, double limit) {
     return p;
 }
 
+// Where time t falls in a stream, from *next (the first sample at or after the last time
+// asked) on: the samples around it, both the same at an equal time.
+enum class Around { kFound, kOutside, kGap };
+Around around(const std::vector<StreamSample> &s, size_t *next, int64_t t, const StreamSample **before,
+              const StreamSample **after) {
+    while (*next < s.size() && s[*next].time_ns < t) ++*next;
+    if (*next == s.size() || (*next == 0 && s[0].time_ns > t)) return Around::kOutside;
+    *after = &s[*next];
+    *before = (*after)->time_ns == t ? *after : &s[*next - 1];
+    return (*after)->time_ns - (*before)->time_ns > kMaxPairGapNs ? Around::kGap : Around::kFound;
+}
+
+// How far t lies from before to after: 0..1, 0 at an equal time.
+double fraction(const StreamSample &before, const StreamSample &after, int64_t t) {
+    return before.time_ns == after.time_ns
+               ? 0.0
+               : static_cast<double>(t - before.time_ns) / static_cast<double>(after.time_ns - before.time_ns);
+}
+
+}  // namespace
+
+ParsedStream parse_stream(std::istream &in, double limit) { return parse_values(in, limit, 3); }
+
+ParsedStream parse_reference_stream(std::istream &in) {
+    return parse_values(in, 1 + kFieldLogReferenceNormTolerance, 4);
+}
+
 FieldLog pair_streams(const std::vector<StreamSample> &mag, const std::vector<StreamSample> &accel,
-                      PairCounts *counts) {
+                      const std::vector<StreamSample> *reference, PairCounts *counts) {
     *counts = {};
     FieldLog log;
-    size_t a = 0;  // the first acceleration at or after the magnetometer sample's time
+    log.columns.reference = reference != nullptr;
+    size_t next_accel = 0, next_reference = 0;
     for (const StreamSample &m : mag) {
-        while (a < accel.size() && accel[a].time_ns < m.time_ns) ++a;
-        if (a == accel.size() || (a == 0 && accel[0].time_ns > m.time_ns)) {
-            ++counts->outside;
+        const StreamSample *a0, *a1, *q0 = nullptr, *q1 = nullptr;
+        Around found = around(accel, &next_accel, m.time_ns, &a0, &a1);
+        if (reference != nullptr && found == Around::kFound)
+            found = around(*reference, &next_reference, m.time_ns, &q0, &q1);
+        if (found != Around::kFound) {
+            ++(found == Around::kOutside ? counts->outside : counts->gap);
             continue;
         }
         FieldLogRow r;
         r.time_us = m.time_ns / 1000;
         r.mag_uT = m.value;
-        if (accel[a].time_ns == m.time_ns) {
-            r.accel_mps2 = accel[a].value;
-        } else {
-            const StreamSample &before = accel[a - 1], &after = accel[a];
-            const int64_t span = after.time_ns - before.time_ns;
-            if (span > kMaxAccelGapNs) {
-                ++counts->gap;
-                continue;
-            }
-            const double f = static_cast<double>(m.time_ns - before.time_ns) / static_cast<double>(span);
-            for (size_t k = 0; k < 3; ++k) r.accel_mps2[k] = before.value[k] + (after.value[k] - before.value[k]) * f;
+        const double f = fraction(*a0, *a1, m.time_ns);
+        for (size_t k = 0; k < 3; ++k) r.accel_mps2[k] = a0->value[k] + (a1->value[k] - a0->value[k]) * f;
+        if (q0 != nullptr) {
+            const Eigen::Quaterniond from(q0->w, q0->value[0], q0->value[1], q0->value[2]),
+                to(q1->w, q1->value[0], q1->value[1], q1->value[2]);
+            const Eigen::Quaterniond q =
+                q0 == q1 ? from : from.normalized().slerp(fraction(*q0, *q1, m.time_ns), to.normalized());
+            r.reference = {q.x(), q.y(), q.z(), q.w()};
         }
         if (!log.rows.empty() && r.time_us == log.rows.back().time_us) {
             ++counts->same_us;

@@ -19,7 +19,8 @@ namespace vphone::scene {
 
 struct StreamSample {
     int64_t time_ns = 0;  // strictly increasing
-    Vec3 value{};
+    Vec3 value{};         // x, y, z
+    double w = 0;         // a reference stream's quaternion's w; 0 in a sensor's
     bool operator==(const StreamSample &) const = default;
 };
 
@@ -32,22 +33,27 @@ struct ParsedStream {
     std::vector<StreamSample> samples;
 };
 ParsedStream parse_stream(std::istream &in, double limit);
+// A reference attitude's stream: columns x, y, z, w, each sample a unit quaternion as a
+// field log's reference (its length within kFieldLogReferenceNormTolerance of 1).
+ParsedStream parse_reference_stream(std::istream &in);
 
-// Acceleration samples further apart than this leave the magnetometer samples between
-// them unpaired: over a longer gap a straight line is no longer the phone's motion.
-constexpr int64_t kMaxAccelGapNs = 100'000'000;
+// Samples of another stream further apart than this leave the magnetometer samples
+// between them unpaired: over a longer gap a straight line is no longer the motion.
+constexpr int64_t kMaxPairGapNs = 100'000'000;
 
 struct PairCounts {
     int paired = 0;
-    int outside = 0;  // magnetometer samples before the first acceleration or after the last
-    int gap = 0;      // between accelerations more than kMaxAccelGapNs apart
+    int outside = 0;  // magnetometer samples before another stream's first sample or after its last
+    int gap = 0;      // between samples of another stream more than kMaxPairGapNs apart
     int same_us = 0;  // a magnetometer sample in the microsecond of the one before it
 };
 
 // A row per magnetometer sample (its time in whole microseconds, truncated), the
-// acceleration interpolated linearly between the samples around it (taken as logged
-// at an equal time). No temperature or reference columns.
-FieldLog pair_streams(const std::vector<StreamSample> &mag, const std::vector<StreamSample> &accel, PairCounts *counts);
+// acceleration interpolated linearly between the samples around it, and with a reference
+// stream (may be null) the attitude interpolated along the shortest rotation between its
+// samples (either taken as logged at an equal time). No temperature column.
+FieldLog pair_streams(const std::vector<StreamSample> &mag, const std::vector<StreamSample> &accel,
+                      const std::vector<StreamSample> *reference, PairCounts *counts);
 
 }  // namespace vphone::scene
 

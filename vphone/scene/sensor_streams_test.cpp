@@ -78,7 +78,7 @@ TEST(SensorStreams, EachMagnetometerSampleGetsTheAccelerationAtItsTime) {
                                            {1'013'333'333, {3, 0, 0}}, {1'999'999'999, {4, 0, 0}},
                                            {2'000'000'000, {5, 0, 0}}, {2'000'000'001, {6, 0, 0}}};
     PairCounts counts;
-    const FieldLog log = pair_streams(mag, accel, &counts);
+    const FieldLog log = pair_streams(mag, accel, nullptr, &counts);
     ASSERT_EQ(log.rows.size(), 4u);
     EXPECT_EQ(counts.paired, 4);
     EXPECT_EQ(counts.outside, 2);
@@ -101,9 +101,9 @@ TEST(SensorStreams, AGapInTheAccelerationsAndASharedMicrosecondLeaveSamplesOut) 
         std::vector<int64_t> mag_ns;
         int paired, gap, same_us;
     } cases[] = {
-        {"a gap of exactly the limit is bridged", kMaxAccelGapNs, {50'000'000}, 1, 0, 0},
-        {"a nanosecond more is not", kMaxAccelGapNs + 1, {50'000'000}, 0, 1, 0},
-        {"samples on the gap's ends are paired", kMaxAccelGapNs + 1, {0, kMaxAccelGapNs + 1}, 2, 0, 0},
+        {"a gap of exactly the limit is bridged", kMaxPairGapNs, {50'000'000}, 1, 0, 0},
+        {"a nanosecond more is not", kMaxPairGapNs + 1, {50'000'000}, 0, 1, 0},
+        {"samples on the gap's ends are paired", kMaxPairGapNs + 1, {0, kMaxPairGapNs + 1}, 2, 0, 0},
         {"two samples in one microsecond: the first kept", 10'000'000, {1'000'100, 1'000'900, 1'001'000}, 2, 0, 1},
     };
     for (const auto &c : cases) {
@@ -111,7 +111,7 @@ TEST(SensorStreams, AGapInTheAccelerationsAndASharedMicrosecondLeaveSamplesOut) 
         std::vector<StreamSample> mag;
         for (int64_t t : c.mag_ns) mag.push_back({t, {static_cast<double>(t), 0, 0}});
         PairCounts counts;
-        const FieldLog log = pair_streams(mag, accel, &counts);
+        const FieldLog log = pair_streams(mag, accel, nullptr, &counts);
         EXPECT_EQ(counts.paired, c.paired) << c.name;
         EXPECT_EQ(counts.gap, c.gap) << c.name;
         EXPECT_EQ(counts.same_us, c.same_us) << c.name;
@@ -139,8 +139,56 @@ TEST(SensorStreams, StreamsSplitFromAFieldLogPairBackIntoIt) {
                        accel = parse(accel_text.str(), kFieldLogMaxMps2);
     ASSERT_TRUE(mag.ok && accel.ok) << mag.error << accel.error;
     PairCounts counts;
-    EXPECT_TRUE(pair_streams(mag.samples, accel.samples, &counts) == log);
+    EXPECT_TRUE(pair_streams(mag.samples, accel.samples, nullptr, &counts) == log);
     EXPECT_EQ(counts.paired, 500);
+}
+
+// A reference stream's quaternions are checked as a field log's, and interpolated along
+// the shortest rotation: halfway from facing north to a quarter turn left (a quaternion
+// logged with its sign turned, the same rotation) faces north-west.
+TEST(SensorStreams, AReferenceStreamIsInterpolatedAlongTheShortestRotation) {
+    const struct {
+        const char *name, *text, *error_part;
+    } refused[] = {
+        {"no w", "time_us,x,y,z\n0,0,0,0\n", "line 1: the header names no w column"},
+        {"not unit length", "time_us,x,y,z,w\n0,0,0,0.5,0.5\n", "line 2: x..w is not a unit quaternion: its length is"},
+        {"a component past the tolerance", "time_us,x,y,z,w\n0,0,0,0,1.0101\n", "w '1.0101' is not a number"},
+    };
+    for (const auto &c : refused) {
+        std::istringstream in(c.text);
+        const ParsedStream p = parse_reference_stream(in);
+        EXPECT_FALSE(p.ok) << c.name;
+        EXPECT_NE(p.error.find(c.error_part), std::string::npos) << c.name << ": got '" << p.error << "'";
+    }
+    const double h = std::sqrt(0.5);
+    std::istringstream in("time_us,w,x,y,z\n0,1,0,0,0\n100000,-0.7071067811865476,0,0,-0.7071067811865476\n");
+    const ParsedStream reference = parse_reference_stream(in);
+    ASSERT_TRUE(reference.ok) << reference.error;
+    const Vec3 g{0, 0, 9.8};
+    const std::vector<StreamSample> accel = {{0, g}, {100'000'000, g}};
+    const struct {
+        int64_t t_ns;
+        double heading;
+    } at[] = {{0, 0}, {50'000'000, 315}, {100'000'000, 270}};
+    std::vector<StreamSample> mag;
+    for (const auto &a : at) mag.push_back({a.t_ns, {0, 40, -20}});
+    PairCounts counts;
+    const FieldLog log = pair_streams(mag, accel, &reference.samples, &counts);
+    ASSERT_EQ(log.rows.size(), 3u);
+    EXPECT_TRUE(log.columns.reference);
+    for (size_t i = 0; i < 3; ++i) {
+        const TrueAngles t = true_angles(reference_attitude(log.rows[i]), HeadingAxis::kY);
+        EXPECT_NEAR(heading_difference(t.y_heading, at[i].heading), 0, 1e-9) << i;
+        EXPECT_NEAR(t.pitch, 0, 1e-9) << i;
+    }
+    EXPECT_EQ(log.rows[2].reference, (std::array<double, 4>{0, 0, -h, -h})) << "taken as logged at its time";
+    // Field samples outside the reference's span, or across a gap in it, are left out.
+    const std::vector<StreamSample> late_reference = {{50'000'000, {0, 0, 0}, 1}, {100'000'001 + kMaxPairGapNs, {}, 1}};
+    const std::vector<StreamSample> long_accel = {{0, g}, {300'000'000, g}};
+    pair_streams({{0, {}}, {100'000'000, {}}}, long_accel, &late_reference, &counts);
+    EXPECT_EQ(counts.outside, 1);
+    EXPECT_EQ(counts.gap, 1);
+    EXPECT_EQ(counts.paired, 0);
 }
 
 }  // namespace
