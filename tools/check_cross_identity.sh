@@ -2,7 +2,7 @@
 # The armel build must compute exactly what the x86-64 build computes: for every
 # shipped scenario, runs both builds' compass_service from fresh sandboxes and compares
 # their per-sample outputs, raw records and calibration files byte for byte, then
-# replays one record on both and compares again. The scenario list comes from the
+# replays one record and one field log on both and compares again. The scenario list comes from the
 # program's own --help, so a new scenario is covered without touching this script.
 # RATE (cycles per second) is passed to every scenario run; without it the program's
 # default applies. The same script compares two native builds (an empty EMULATOR), say
@@ -40,7 +40,9 @@ scenarios=$("$native" --help | sed -n 's/.*--scenario NAME *handling script: \([
 [ -n "$scenarios" ] || fail "could not read the scenario list from --help"
 compared=0
 for s in $scenarios; do
-  for build in x86-64 armel; do run "$build" "$s" --fresh --scenario "$s" "${rate_args[@]}" --record "$s.rec.csv"; done
+  for build in x86-64 armel; do
+    run "$build" "$s" --fresh --scenario "$s" "${rate_args[@]}" --record "$s.rec.csv" --record-field "$s.field.csv"
+  done
   same "$s" outputs.csv
   same "$s" stdout
   same "$s" summary.json
@@ -55,4 +57,9 @@ same replay outputs.csv
 same replay stdout
 same replay summary.json
 same replay sandbox/misc/sensor/kmxc_orvane.cfg
-echo "identical${rate:+ at $rate Hz}: $compared scenarios ($(echo $scenarios)) and one replay: outputs, summaries, records and calibration files"
+# And of its field log, scored against the reference it holds.
+for build in x86-64 armel; do run "$build" field-replay --replay-field ../x86-64/default.field.csv; done
+same field-replay outputs.csv
+same field-replay stdout
+same field-replay summary.json
+echo "identical${rate:+ at $rate Hz}: $compared scenarios ($(echo $scenarios)), a replay of a record and one of a field log: outputs, summaries, records and calibration files"

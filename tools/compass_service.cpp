@@ -322,7 +322,7 @@ void Session::cycle() {
         // A log's reference attitude scores the headings; its offset stays unknown.
         s.has_truth = true;
         s.phase = "logged";
-        s.truth = true_angles(reference_attitude(field_log_.rows[logged_row_]), axis);
+        s.truth = true_angles(attitude_of(field_log_.rows[logged_row_].reference), axis);
     }
     if (record_.is_open() && s.ms_rc >= 0 && s.gs_rc >= 0)
         write_record_row(record_, RecordRow{s.time_us,

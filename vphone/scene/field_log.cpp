@@ -1,6 +1,5 @@
 #include "vphone/scene/field_log.h"
 
-#include <Eigen/Geometry>
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
@@ -50,7 +49,7 @@ std::string column_line(const FieldLogColumns &c) {
 
 }  // namespace
 
-std::string reference_problem(const std::array<double, 4> &q, const std::string &named) {
+std::string reference_problem(const Quaternion &q, const std::string &named) {
     const double length = std::sqrt(q[0] * q[0] + q[1] * q[1] + q[2] * q[2] + q[3] * q[3]);
     if (std::fabs(length - 1) <= kFieldLogReferenceNormTolerance) return "";
     return named + " is not a unit quaternion: its length is " + shortest_text(length);
@@ -170,21 +169,8 @@ FieldLogRow row_of(int64_t time_us, const Truth &t) {
         r.accel_mps2[k] = -t.gravity_g[k] * kStandardGravity;
     }
     r.temperature_C = t.temperature_C;
-    Eigen::Matrix3d m;
-    for (int i = 0; i < 3; ++i)
-        for (int j = 0; j < 3; ++j) m(i, j) = t.attitude[static_cast<size_t>(i)][static_cast<size_t>(j)];
-    const Eigen::Quaterniond q(m);
-    r.reference = {q.x(), q.y(), q.z(), q.w()};
+    r.reference = quaternion_of(t.attitude);
     return r;
-}
-
-Mat3 reference_attitude(const FieldLogRow &r) {
-    const auto &q = r.reference;
-    const Eigen::Matrix3d m = Eigen::Quaterniond(q[3], q[0], q[1], q[2]).normalized().toRotationMatrix();
-    Mat3 a{};
-    for (int i = 0; i < 3; ++i)
-        for (int j = 0; j < 3; ++j) a[static_cast<size_t>(i)][static_cast<size_t>(j)] = m(i, j);
-    return a;
 }
 
 }  // namespace vphone::scene

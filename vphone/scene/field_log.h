@@ -27,7 +27,7 @@ constexpr double kFieldLogMaxMps2 = 8 * kStandardGravity;
 constexpr double kFieldLogMinC = -40.0, kFieldLogMaxC = 85.0;
 // A reference quaternion (x, y, z, w) whose length is off 1 by more than the tolerance:
 // "<named> is not a unit quaternion: its length is L"; else "".
-std::string reference_problem(const std::array<double, 4> &q, const std::string &named);
+std::string reference_problem(const Quaternion &q, const std::string &named);
 
 // What a log's magnitudes say about its units. A phone's accelerometer reads gravity's
 // length most of the time, so the median length of a log's accelerations lies within
@@ -49,7 +49,7 @@ struct FieldLogRow {
     // turns phone axes into the magnetic world frame (x east, y magnetic north, z up), the
     // convention of a phone's rotation vector. A log scored against it is a log whose
     // attitude came from a reference (a rig, a survey), not from this magnetometer.
-    std::array<double, 4> reference{0, 0, 0, 1};
+    Quaternion reference{0, 0, 0, 1};
     bool operator==(const FieldLogRow &) const = default;
 };
 
@@ -90,11 +90,8 @@ std::string field_log_units_warning(const FieldLog &log);
 // gravity pulls), the temperature.
 Truth truth_of(const FieldLogRow &r);
 // The row a scene instant logged: what the scene's chips sensed then (truth_of's inverse),
-// and the phone's true attitude as its reference.
+// and the phone's true attitude as its reference (attitude_of, frames.h, reads it back).
 FieldLogRow row_of(int64_t time_us, const Truth &t);
-// A row's reference as an attitude matrix (rows: magnetic east, north, up in phone axes,
-// as Truth::attitude), its quaternion taken at unit length.
-Mat3 reference_attitude(const FieldLogRow &r);
 
 }  // namespace vphone::scene
 

@@ -237,7 +237,7 @@ TEST(FieldLog, AReferenceIsThePhonesAttitude) {
         for (const double length : {1.0, 1.009}) {
             FieldLogRow r;
             for (size_t k = 0; k < 4; ++k) r.reference[k] = c.q[k] * length;
-            const TrueAngles t = true_angles(reference_attitude(r), HeadingAxis::kY);
+            const TrueAngles t = true_angles(attitude_of(r.reference), HeadingAxis::kY);
             if (!std::isnan(c.top_heading)) {
                 EXPECT_NEAR(heading_difference(t.y_heading, c.top_heading), 0, 1e-9) << c.name;
             }
@@ -253,7 +253,7 @@ TEST(FieldLog, AReferenceIsThePhonesAttitude) {
     for (int i = 0; i < 200; ++i) {
         Truth scene;
         scene.attitude = attitude_matrix({angle(rng), angle(rng) / 2, angle(rng)});
-        const Mat3 back = reference_attitude(row_of(0, scene));
+        const Mat3 back = attitude_of(row_of(0, scene).reference);
         for (size_t j = 0; j < 3; ++j)
             for (size_t k = 0; k < 3; ++k) ASSERT_NEAR(back[j][k], scene.attitude[j][k], 1e-12) << "pose " << i;
     }

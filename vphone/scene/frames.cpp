@@ -95,6 +95,34 @@ TrueAngles true_angles(const Mat3 &a, HeadingAxis axis) {
     return t;
 }
 
+Quaternion quaternion_of(const Mat3 &a) {
+    // Four times each product of two components: the squares from the diagonal, the
+    // others from the off-diagonal sums and differences. The largest square's root is
+    // the well-conditioned start; each component follows from its product with it.
+    const double x2 = 1 + a[0][0] - a[1][1] - a[2][2], y2 = 1 - a[0][0] + a[1][1] - a[2][2],
+                 z2 = 1 - a[0][0] - a[1][1] + a[2][2], w2 = 1 + a[0][0] + a[1][1] + a[2][2];
+    const double xy = a[0][1] + a[1][0], xz = a[0][2] + a[2][0], yz = a[1][2] + a[2][1];
+    const double xw = a[2][1] - a[1][2], yw = a[0][2] - a[2][0], zw = a[1][0] - a[0][1];
+    const double products[4][4] = {{x2, xy, xz, xw}, {xy, y2, yz, yw}, {xz, yz, z2, zw}, {xw, yw, zw, w2}};
+    size_t k = 0;
+    for (size_t i = 1; i < 4; ++i)
+        if (products[i][i] > products[k][k]) k = i;
+    const double four_qk = 2 * std::sqrt(products[k][k]);
+    Quaternion q;
+    for (size_t j = 0; j < 4; ++j) q[j] = products[k][j] / four_qk;
+    if (q[3] < 0)  // q and -q are the same rotation
+        for (double &c : q) c = -c;
+    return q;
+}
+
+Mat3 attitude_of(const Quaternion &q) {
+    const double n = std::sqrt(q[0] * q[0] + q[1] * q[1] + q[2] * q[2] + q[3] * q[3]);
+    const double x = q[0] / n, y = q[1] / n, z = q[2] / n, w = q[3] / n;
+    return {{{1 - 2 * (y * y + z * z), 2 * (x * y - z * w), 2 * (x * z + y * w)},
+             {2 * (x * y + z * w), 1 - 2 * (x * x + z * z), 2 * (y * z - x * w)},
+             {2 * (x * z - y * w), 2 * (y * z + x * w), 1 - 2 * (x * x + y * y)}}};
+}
+
 double heading_difference(double a, double b) {
     double d = std::fmod(a - b, 360.0);
     if (d > 180.0) d -= 360.0;

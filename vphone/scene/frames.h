@@ -62,6 +62,12 @@ Mat3 multiply(const Mat3 &a, const Mat3 &b);
 // Eigenvalues of a symmetric matrix, largest first.
 Vec3 symmetric_eigenvalues(const Mat3 &m);
 TrueAngles true_angles(const Mat3 &attitude, HeadingAxis axis);
+// An attitude as the unit quaternion x, y, z, w (w >= 0) that turns phone axes into the
+// world's, a phone's rotation vector; and back, the quaternion taken at unit length.
+// Written out in one order of operations, so that x86-64 and armel compute them alike.
+using Quaternion = std::array<double, 4>;
+Quaternion quaternion_of(const Mat3 &attitude);
+Mat3 attitude_of(const Quaternion &q);
 // Signed difference a - b of two headings, in -180..180.
 double heading_difference(double a_deg, double b_deg);
 

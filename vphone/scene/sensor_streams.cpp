@@ -1,6 +1,6 @@
 #include "vphone/scene/sensor_streams.h"
 
-#include <Eigen/Geometry>
+#include <cmath>
 #include <istream>
 
 #include "vphone/scene/csv_log.h"
@@ -102,6 +102,25 @@ double fraction(const StreamSample &before, const StreamSample &after, int64_t t
                : static_cast<double>(t - before.time_ns) / static_cast<double>(after.time_ns - before.time_ns);
 }
 
+Quaternion quaternion(const StreamSample &s) { return {s.value[0], s.value[1], s.value[2], s.w}; }
+
+// The attitude f of the way from one reference sample to the next along the shorter
+// rotation: the two quaternions blended and brought to unit length, the second's sign
+// turned where it names its rotation the long way round. Between samples up to 10
+// degrees apart this stays within 0.0013 degrees of turning at an even rate; it needs no
+// trigonometry, whose last bits differ between x86-64's and armel's libraries.
+Quaternion blend(const StreamSample &from, const StreamSample &to, double f) {
+    const Quaternion a = quaternion(from);
+    Quaternion b = quaternion(to);
+    if (a[0] * b[0] + a[1] * b[1] + a[2] * b[2] + a[3] * b[3] < 0)
+        for (double &c : b) c = -c;
+    Quaternion q;
+    for (size_t k = 0; k < 4; ++k) q[k] = a[k] + (b[k] - a[k]) * f;
+    const double n = std::sqrt(q[0] * q[0] + q[1] * q[1] + q[2] * q[2] + q[3] * q[3]);
+    for (double &c : q) c /= n;
+    return q;
+}
+
 }  // namespace
 
 ParsedStream parse_stream(std::istream &in, double limit) { return parse_values(in, limit, 3); }
@@ -130,13 +149,7 @@ FieldLog pair_streams(const std::vector<StreamSample> &mag, const std::vector<St
         r.mag_uT = m.value;
         const double f = fraction(*a0, *a1, m.time_ns);
         for (size_t k = 0; k < 3; ++k) r.accel_mps2[k] = a0->value[k] + (a1->value[k] - a0->value[k]) * f;
-        if (q0 != nullptr) {
-            const Eigen::Quaterniond from(q0->w, q0->value[0], q0->value[1], q0->value[2]),
-                to(q1->w, q1->value[0], q1->value[1], q1->value[2]);
-            const Eigen::Quaterniond q =
-                q0 == q1 ? from : from.normalized().slerp(fraction(*q0, *q1, m.time_ns), to.normalized());
-            r.reference = {q.x(), q.y(), q.z(), q.w()};
-        }
+        if (q0 != nullptr) r.reference = q0 == q1 ? quaternion(*q0) : blend(*q0, *q1, fraction(*q0, *q1, m.time_ns));
         if (!log.rows.empty() && r.time_us == log.rows.back().time_us) {
             ++counts->same_us;
             continue;

@@ -50,7 +50,7 @@ struct PairCounts {
 
 // A row per magnetometer sample (its time in whole microseconds, truncated), the
 // acceleration interpolated linearly between the samples around it, and with a reference
-// stream (may be null) the attitude interpolated along the shortest rotation between its
+// stream (may be null) the attitude interpolated along the shorter rotation between its
 // samples (either taken as logged at an equal time). No temperature column.
 FieldLog pair_streams(const std::vector<StreamSample> &mag, const std::vector<StreamSample> &accel,
                       const std::vector<StreamSample> *reference, PairCounts *counts);

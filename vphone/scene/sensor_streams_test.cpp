@@ -177,7 +177,7 @@ TEST(SensorStreams, AReferenceStreamIsInterpolatedAlongTheShortestRotation) {
     ASSERT_EQ(log.rows.size(), 3u);
     EXPECT_TRUE(log.columns.reference);
     for (size_t i = 0; i < 3; ++i) {
-        const TrueAngles t = true_angles(reference_attitude(log.rows[i]), HeadingAxis::kY);
+        const TrueAngles t = true_angles(attitude_of(log.rows[i].reference), HeadingAxis::kY);
         EXPECT_NEAR(heading_difference(t.y_heading, at[i].heading), 0, 1e-9) << i;
         EXPECT_NEAR(t.pitch, 0, 1e-9) << i;
     }
