@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
-# Memcheck pass: every test program of a build, and seven runs of the compass service
-# (a fresh default run, a second run from its stored offsets, a replay of its raw record
-# and one of its field log, and three with failing files or bus), under
+# Memcheck pass: every test program of a build, seven runs of the compass service (a
+# fresh default run, a second run from its stored offsets, a replay of its raw record
+# and one of its field log, and three with failing files or bus) and one of
+# field_log_pair on that log's streams, under
 # valgrind's memcheck; any error or definite leak fails. Test scripts and the
 # emulated armel build are left out (valgrind would check bash or qemu).
 # Usage: scripts/memcheck.sh [BUILD_DIR]   (default build; builds it when missing)
@@ -51,6 +52,15 @@ check service-fresh "$service" --quiet --fresh --sandbox "$work/phone" --record 
 check service-stored "$service" --quiet --sandbox "$work/phone"
 check service-replay "$service" --quiet --replay "$work/r.csv" --sandbox "$work/replay"
 check service-field-log "$service" --quiet --replay-field "$work/f.csv" --rate 20 --sandbox "$work/replay"
+# The field log split into a phone's three streams and paired again.
+split_stream() { # FIRST_COLUMN HEADER: columns FIRST.. of the field log's rows, with time_us
+  awk -F, -v c="$1" -v h="$2" 'NR == 2 { print h } NR > 2 { s = $1; for (i = c; i < c + (h ~ /w$/ ? 4 : 3); ++i) s = s "," $i; print s }' "$work/f.csv"
+}
+split_stream 2 time_us,x,y,z >"$work/mag.csv"
+split_stream 5 time_us,x,y,z >"$work/accel.csv"
+split_stream 9 time_us,x,y,z,w >"$work/ref.csv"
+check field-log-pair "$build/tools/field_log_pair" --reference "$work/ref.csv" "$work/mag.csv" "$work/accel.csv" \
+  "$work/paired.csv"
 # The error paths: every open from the fifth on fails (each save fails: exit 3), every
 # rename fails, and a bus that stops answering part way through.
 want=3 check service-files-fail "$service" --quiet --sandbox "$work/phone" --fault open:5:ENOSPC:all
