@@ -88,83 +88,115 @@ TEST(KitEstimate, AnAnomalyEmptiesTheStoreOnlyOnceItHasLastedItsPersistTime) {
 
 // ---- Fits and their judgement -----------------------------------------------------------
 
-// Nor in a cycle where another fit ran (fits not allowed).
-TEST(KitEstimate, TheStoreIsRefittedOnlyOnceEnoughSamplesHaveJoined) {
-    for (int joined : {KMXC_SERVICE_STORE_REFIT_JOINS - 1, KMXC_SERVICE_STORE_REFIT_JOINS})
-        for (bool allowed : {true, false}) {
-            fill(Vec3{0, 0, 0}, directions(40), kOffset, kNoSoftIron, 0.4);
-            g_state.est.joined = static_cast<uint8_t>(joined);
-            // The fit, the soft iron shown, its share in two; then its judgement.
-            EXPECT_FALSE(idle(4, allowed).flags & KMXC_SERVICE_KIT_ESTIMATE) << "judged in a cycle of its own";
-            idle(1, allowed);
-            const bool fitted = allowed && joined >= KMXC_SERVICE_STORE_REFIT_JOINS;
-            EXPECT_EQ(g_state.estimator, fitted ? KMXC_SERVICE_ESTIMATOR_STORE_SPHERE : KMXC_SERVICE_ESTIMATOR_NONE)
-                << joined << (allowed ? "" : ", fits not allowed");
-        }
-}
-
 // Whether the store's sphere fit is trusted (high, medium) or refused follows how well
 // its samples determine the offset across gravity (what turns the heading of a phone
 // held as the samples were) and whether they agree. Gravity along z throughout: a cap
-// about z is a phone turned while held level.
-TEST(KitEstimate, DeterminacyAndAgreementDecideHowFarASphereFitIsUsed) {
+// about z is a phone turned while held level. The soft iron an ellipsoid fit shows
+// scales the share of unmodelled soft iron every estimate carries: a store of a phone
+// with 10 % soft iron widens its own sphere's prior to what it shows, a round one keeps
+// the default. The same happens to the estimate in use when a later fit shows more.
+TEST(KitEstimate, DeterminacyAgreementAndTheSoftIronShownDecideHowFarASphereFitIsUsed) {
+    constexpr int32_t kDefault = KMXC_SERVICE_SOFT_IRON_PRIOR_PERMILLE;
     const struct {
         const char *name;
+        int n;
         double cap_deg, noise;
-        int8_t accuracy;  // high or medium, or unreliable: refused
+        const double *soft;
+        int8_t accuracy;                       // high or medium, or unreliable: refused
+        int32_t prior_min = 0, prior_max = 0;  // the prior of the share, where it is checked
     } cases[] = {
-        {"a 60-degree cap, little noise: determined, high", 60, 0.4, KMXC_SERVICE_HIGH},
-        {"a 35-degree cap, 2 counts of noise: the horizontal offset determined, high", 35, 2, KMXC_SERVICE_HIGH},
-        {"a 20-degree cap, 2 counts of noise: still determined across gravity", 20, 2, KMXC_SERVICE_MEDIUM},
-        {"a 2-degree cap: no direction determined, refused", 2, 0.4, KMXC_SERVICE_UNRELIABLE},
-        {"the whole sphere, 8 counts of noise: disagrees, refused", 180, 8, KMXC_SERVICE_UNRELIABLE},
+        {"a 60-degree cap, little noise: determined, high, the default prior", 60, 60, 0.4, kNoSoftIron,
+         KMXC_SERVICE_HIGH, kDefault, kDefault},
+        {"a 35-degree cap, 2 counts of noise: the horizontal offset determined, high", 60, 35, 2, kNoSoftIron,
+         KMXC_SERVICE_HIGH},
+        {"a 20-degree cap, 2 counts of noise: still determined across gravity", 60, 20, 2, kNoSoftIron,
+         KMXC_SERVICE_MEDIUM},
+        {"a 2-degree cap: no direction determined, refused", 60, 2, 0.4, kNoSoftIron, KMXC_SERVICE_UNRELIABLE},
+        {"the whole sphere, 8 counts of noise: disagrees, refused", 60, 180, 8, kNoSoftIron, KMXC_SERVICE_UNRELIABLE},
+        // The showing fit counts what the samples tell clearly: one held less near the
+        // sphere shows the noise of a 45-degree cap as 35 permille.
+        {"round, a 45-degree cap, noise 1 count: the default prior", 40, 45, 1.0, kNoSoftIron, KMXC_SERVICE_HIGH,
+         kDefault, kDefault},
+        {"10 % soft iron: the prior it shows", 60, 60, 0.4, kSoftIron, KMXC_SERVICE_MEDIUM, 45, 60},
     };
     for (const auto &c : cases) {
-        fill(Vec3{0, 0, 0}, directions(60, c.cap_deg), kOffset, kNoSoftIron, c.noise);
+        SCOPED_TRACE(c.name);
+        fill(Vec3{0, 0, 0}, directions(c.n, c.cap_deg), kOffset, c.soft, c.noise);
         step();
         const bool trusted = c.accuracy != KMXC_SERVICE_UNRELIABLE;
-        EXPECT_EQ(accuracy_now(1), c.accuracy) << c.name;
-        EXPECT_EQ(g_state.offset_trusted, trusted) << c.name;
-        EXPECT_EQ(g_state.estimator, trusted ? KMXC_SERVICE_ESTIMATOR_STORE_SPHERE : KMXC_SERVICE_ESTIMATOR_NONE)
-            << c.name;
-        if (trusted) {
-            const Vec3 o = offset_in_use();
-            EXPECT_LE(std::abs(o.x - kOffset.x) + std::abs(o.y - kOffset.y), 6) << c.name;
-        }
+        EXPECT_EQ(accuracy_now(1), c.accuracy);
+        EXPECT_EQ(g_state.offset_trusted, trusted);
+        EXPECT_EQ(g_state.estimator, trusted ? KMXC_SERVICE_ESTIMATOR_STORE_SPHERE : KMXC_SERVICE_ESTIMATOR_NONE);
+        if (!trusted) continue;
+        const Vec3 o = offset_in_use();
+        EXPECT_LE(std::abs(o.x - kOffset.x) + std::abs(o.y - kOffset.y), 6);
+        ASSERT_TRUE(g_state.est.cov.valid);
+        EXPECT_EQ(g_state.est.cov.prior_permille, std::max(g_state.est.shown_permille, kDefault));
+        if (c.prior_max == 0) continue;
+        EXPECT_GE(g_state.est.cov.prior_permille, c.prior_min);
+        EXPECT_LE(g_state.est.cov.prior_permille, c.prior_max);
     }
+    // A later fit shows more: the share in use grows as the prior's square, the rest of
+    // the covariance stays.
+    const OffsetCovariance before = g_state.est.cov;
+    g_state.est.shown_permille = 2 * before.prior_permille;
+    rescale_share(&g_state.est.cov);
+    for (int k = 0; k < 6; ++k) {
+        EXPECT_EQ(g_state.est.cov.share_q8[k], before.share_q8[k] * 4) << k;
+        EXPECT_EQ(g_state.est.cov.p_q8[k] - g_state.est.cov.share_q8[k], before.p_q8[k] - before.share_q8[k]) << k;
+    }
+    EXPECT_EQ(g_state.est.cov.prior_permille, 2 * before.prior_permille);
+    // Showing less never narrows it.
+    const OffsetCovariance wide = g_state.est.cov;
+    g_state.est.shown_permille = 0;
+    rescale_share(&g_state.est.cov);
+    for (int k = 0; k < 6; ++k) EXPECT_EQ(g_state.est.cov.p_q8[k], wide.p_q8[k]) << k;
 }
 
-// A fit waits cycles for its judgement while samples go on joining the store, and its
-// covariance is taken from the store as it is then: a sample that joined late counts in
-// its agreement as its own samples do (high within 40/1000 of their mean strength,
-// medium within 80, refused beyond).
-TEST(KitEstimate, ASampleThatJoinedWhileTheFitWaitedCountsInItsAgreement) {
+// The store is refitted only once enough samples have joined, and not in a cycle where
+// another fit ran (fits not allowed). A fit waits cycles for its judgement while samples
+// go on joining the store, and its covariance is taken from the store as it is then: a
+// sample that joined late counts in its agreement as its own samples do (high within
+// 40/1000 of their mean strength, medium within 80, refused beyond).
+TEST(KitEstimate, AFitFollowsEnoughJoinsAndASampleThatJoinedWhileItWaitedCountsInItsAgreement) {
     const struct {
         const char *name;
+        int joined;
+        bool allowed;
         int32_t permille;  // the late sample's strength from the fit's mean
         int8_t accuracy;
     } cases[] = {
-        {"a late sample on the sphere: high", 0, KMXC_SERVICE_HIGH},
-        {"60/1000 off: medium", 60, KMXC_SERVICE_MEDIUM},
-        {"100/1000 off: refused", 100, KMXC_SERVICE_UNRELIABLE},
-        {"100/1000 short: refused", -100, KMXC_SERVICE_UNRELIABLE},
+        {"a join short: no fit", KMXC_SERVICE_STORE_REFIT_JOINS - 1, true, 0, KMXC_SERVICE_UNRELIABLE},
+        {"fits not allowed: no fit", KMXC_SERVICE_STORE_REFIT_JOINS, false, 0, KMXC_SERVICE_UNRELIABLE},
+        {"a late sample on the sphere: high", KMXC_SERVICE_STORE_REFIT_JOINS, true, 0, KMXC_SERVICE_HIGH},
+        {"60/1000 off: medium", KMXC_SERVICE_STORE_REFIT_JOINS, true, 60, KMXC_SERVICE_MEDIUM},
+        {"100/1000 off: refused", KMXC_SERVICE_STORE_REFIT_JOINS, true, 100, KMXC_SERVICE_UNRELIABLE},
+        {"100/1000 short: refused", KMXC_SERVICE_STORE_REFIT_JOINS, true, -100, KMXC_SERVICE_UNRELIABLE},
     };
     for (const auto &c : cases) {
+        SCOPED_TRACE(c.name);
         fill(Vec3{0, 0, 0}, directions(40), kOffset, kNoSoftIron, 0.4);
-        g_state.est.joined = KMXC_SERVICE_STORE_REFIT_JOINS;
-        idle(1);  // the fit
-        ASSERT_TRUE(g_state.est.sphere_pending) << c.name;
-        // The newest slot now holds a sample that joined after the fit, along -x.
-        FieldStore &st = g_state.est.store;
-        const int newest = static_cast<int>(std::find(st.age, st.age + st.count, 0) - st.age);
-        const int32_t len = g_state.est.sphere.residual.mean_q4 * (1000 + c.permille) / 16000;
-        st.sample[newest].m[0] = static_cast<int16_t>(g_state.est.sphere.offset.x - len);
-        st.sample[newest].m[1] = static_cast<int16_t>(g_state.est.sphere.offset.y);
-        st.sample[newest].m[2] = static_cast<int16_t>(g_state.est.sphere.offset.z);
-        g_state.est.joined = 1;
-        idle(4);
-        EXPECT_EQ(accuracy_now(1), c.accuracy) << c.name;
-        EXPECT_EQ(g_state.offset_trusted, c.accuracy != KMXC_SERVICE_UNRELIABLE) << c.name;
+        g_state.est.joined = static_cast<uint8_t>(c.joined);
+        idle(1, c.allowed);  // the fit
+        const bool fitted = c.allowed && c.joined >= KMXC_SERVICE_STORE_REFIT_JOINS;
+        ASSERT_EQ(g_state.est.sphere_pending, fitted);
+        if (fitted) {
+            // The newest slot now holds a sample that joined after the fit, along -x.
+            FieldStore &st = g_state.est.store;
+            const int newest = static_cast<int>(std::find(st.age, st.age + st.count, 0) - st.age);
+            const int32_t len = g_state.est.sphere.residual.mean_q4 * (1000 + c.permille) / 16000;
+            st.sample[newest].m[0] = static_cast<int16_t>(g_state.est.sphere.offset.x - len);
+            st.sample[newest].m[1] = static_cast<int16_t>(g_state.est.sphere.offset.y);
+            st.sample[newest].m[2] = static_cast<int16_t>(g_state.est.sphere.offset.z);
+            g_state.est.joined = 1;
+        }
+        // The soft iron shown, its share in two; then its judgement.
+        EXPECT_FALSE(idle(3, c.allowed).flags & KMXC_SERVICE_KIT_ESTIMATE) << "judged in a cycle of its own";
+        idle(1, c.allowed);
+        const bool trusted = c.accuracy != KMXC_SERVICE_UNRELIABLE;
+        EXPECT_EQ(accuracy_now(1), c.accuracy);
+        EXPECT_EQ(g_state.offset_trusted, trusted);
+        EXPECT_EQ(g_state.estimator, trusted ? KMXC_SERVICE_ESTIMATOR_STORE_SPHERE : KMXC_SERVICE_ESTIMATOR_NONE);
     }
 }
 
@@ -619,50 +651,6 @@ TEST(KitEstimate, ACorrectionIsRefittedOnceTheStoreCoversMoreCellsThanItsFit) {
         EXPECT_EQ(g_state.est.coverage, cells) << c.name;
         EXPECT_EQ(g_state.est.ellipsoid_due, c.due) << c.name;
     }
-}
-
-// The soft iron an ellipsoid fit shows scales the share of unmodelled soft iron every
-// estimate carries: a store of a phone with 10 % soft iron widens its own sphere's
-// prior to what it shows, a round one keeps the default. The same happens to the
-// estimate in use when a later fit shows more.
-TEST(KitEstimate, TheSoftIronAStoreShowsIsThePriorOfItsShare) {
-    constexpr int32_t kDefault = KMXC_SERVICE_SOFT_IRON_PRIOR_PERMILLE;
-    const struct {
-        const char *name;
-        int n;
-        double cap_deg, noise;
-        const double *soft;
-        int32_t prior_min, prior_max;
-    } cases[] = {
-        {"round: the default prior", 60, 60, 0.4, kNoSoftIron, kDefault, kDefault},
-        // The showing fit counts what the samples tell clearly: one held less near the
-        // sphere shows the noise of a 45-degree cap as 35 permille.
-        {"round, a 45-degree cap, noise 1 count: the default prior", 40, 45, 1.0, kNoSoftIron, kDefault, kDefault},
-        {"10 % soft iron: what it shows", 60, 60, 0.4, kSoftIron, 45, 60},
-    };
-    for (const auto &c : cases) {
-        fill(Vec3{0, 0, 0}, directions(c.n, c.cap_deg), kOffset, c.soft, c.noise);
-        step();
-        ASSERT_TRUE(g_state.est.cov.valid) << c.name;
-        EXPECT_GE(g_state.est.cov.prior_permille, c.prior_min) << c.name;
-        EXPECT_LE(g_state.est.cov.prior_permille, c.prior_max) << c.name;
-        EXPECT_EQ(g_state.est.cov.prior_permille, std::max(g_state.est.shown_permille, kDefault)) << c.name;
-    }
-    // A later fit shows more: the share in use grows as the prior's square, the rest of
-    // the covariance stays.
-    const OffsetCovariance before = g_state.est.cov;
-    g_state.est.shown_permille = 2 * before.prior_permille;
-    rescale_share(&g_state.est.cov);
-    for (int k = 0; k < 6; ++k) {
-        EXPECT_EQ(g_state.est.cov.share_q8[k], before.share_q8[k] * 4) << k;
-        EXPECT_EQ(g_state.est.cov.p_q8[k] - g_state.est.cov.share_q8[k], before.p_q8[k] - before.share_q8[k]) << k;
-    }
-    EXPECT_EQ(g_state.est.cov.prior_permille, 2 * before.prior_permille);
-    // Showing less never narrows it.
-    const OffsetCovariance wide = g_state.est.cov;
-    g_state.est.shown_permille = 0;
-    rescale_share(&g_state.est.cov);
-    for (int k = 0; k < 6; ++k) EXPECT_EQ(g_state.est.cov.p_q8[k], wide.p_q8[k]) << k;
 }
 
 // Under half the sphere (caps of 80 and 90 degrees about z, z squeezed by a tenth) the
