@@ -125,33 +125,6 @@ TEST(MountGravity, ADrivesAccelerationsAverageOutOfTheMeanAndTheRecentGravityFol
     EXPECT_LT(hilly.worst[1], hilly.worst[2] / 2) << hilly.worst[2];
 }
 
-// One sample, its smoothed gravity at an angle from a full window's mean: within a
-// slope's reach it joins the recent gravity, beyond (an acceleration) it stays out; a
-// fresh mean's first sample is the recent gravity whatever it is.
-TEST(MountGravity, ASampleJoinsTheRecentGravityOnlyWithinASlopesReachOfTheMean) {
-    const double reach = kMountRecentNearCdeg / 100.0;
-    const struct {
-        const char *name;
-        double deg;
-        bool fresh;
-        bool joins;
-    } cases[] = {
-        {"just inside the reach: a slope, joins", reach - 0.1, false, true},
-        {"just beyond: an acceleration, stays out", reach + 0.1, false, false},
-        {"the first sample of a fresh mean, a cornering's 17 degrees: joins", 17, true, true},
-    };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.name);
-        MountGravity mg = full_window();
-        if (c.fresh) mount_gravity_reset(&mg);
-        const Vec3 before = mount_gravity_recent(mg), g = tilted(c.deg);
-        mount_gravity_track(&mg, g, g, false, 10);
-        const Vec3 after = mount_gravity_recent(mg);
-        EXPECT_EQ(after.z != before.z, c.joins);
-        if (c.fresh) { EXPECT_EQ(after.z, g.z); }
-    }
-}
-
 TEST(MountGravity, TheMeansWindowExpandsThenWeighsEachSampleAsItsShare) {
     MountGravity mg;
     mount_gravity_reset(&mg);
@@ -228,30 +201,43 @@ TEST(MountGravity, TheAngleFromTheMeanAndTheLengthDecideAtTheirLimits) {
     }
 }
 
-// A vehicle's acceleration lengthens gravity as it turns it; a hand's tilt does not. One
-// held for kMountAccelHoldMs beyond the road's slopes shows the mount a vehicle's (the
-// attitude may then take the recent gravity); one sample short, within the slopes, or at
-// the level's length (a hand tilting the phone) shows nothing. A tilt held in the mount
+// Unsteady samples, their smoothed gravity at an angle from a full window's mean: within
+// a slope's reach one joins the recent gravity, beyond (an acceleration) it stays out; a
+// fresh mean's first sample is the recent gravity whatever it is. A vehicle's
+// acceleration lengthens gravity as it turns it; a hand's tilt does not. One held for
+// kMountAccelHoldMs beyond the road's slopes shows the mount a vehicle's (the attitude
+// may then take the recent gravity); one sample short, within the slopes, or at the
+// level's length (a hand tilting the phone) shows nothing. A tilt held in the mount
 // (knocked) keeps it the vehicle's; the phone moved away starts afresh without.
-TEST(MountGravity, AHeldAccelerationShowsAVehicleAndAKnockHeldSteadyKeepsIt) {
+TEST(MountGravity, TheRecentGravityTakesSlopesAndAHeldAccelerationShowsAVehicleAKnockKeeps) {
     constexpr uint32_t kAccelHold = 10 * kMountAccelHoldMs / 1000;
-    const double tilt = KMXC_SERVICE_MOUNT_TILT_CDEG / 100.0;
+    const double reach = kMountRecentNearCdeg / 100.0, tilt = KMXC_SERVICE_MOUNT_TILT_CDEG / 100.0;
     const struct {
         const char *name;
         double deg, g;
         uint32_t samples;
-        bool vehicle;
+        bool fresh, joins, vehicle;
     } cases[] = {
-        {"an acceleration beyond the slopes, held: a vehicle", tilt + 2, accelerated(tilt + 2), kAccelHold, true},
-        {"... one sample short of the hold: not yet", tilt + 2, accelerated(tilt + 2), kAccelHold - 1, false},
-        {"an acceleration within the slopes: nothing", tilt - 1, accelerated(tilt - 1), 5 * kAccelHold, false},
-        {"a tilt at the level's length (a hand): nothing", tilt + 2, kG, 5 * kAccelHold, false},
+        {"just inside the reach: a slope, joins", reach - 0.1, kG, 1, false, true, false},
+        {"just beyond: an acceleration, stays out", reach + 0.1, kG, 1, false, false, false},
+        {"the first sample of a fresh mean, a cornering's 17 degrees: joins", 17, kG, 1, true, true, false},
+        {"an acceleration beyond the slopes, held: a vehicle", tilt + 2, accelerated(tilt + 2), kAccelHold, false,
+         false, true},
+        {"... one sample short of the hold: not yet", tilt + 2, accelerated(tilt + 2), kAccelHold - 1, false, false,
+         false},
+        {"an acceleration within the slopes: nothing", tilt - 1, accelerated(tilt - 1), 5 * kAccelHold, false, false,
+         false},
+        {"a tilt at the level's length (a hand): nothing", tilt + 2, kG, 5 * kAccelHold, false, false, false},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
         MountGravity mg = full_window();
-        const Vec3 g = tilted(c.deg, c.g);
+        if (c.fresh) mount_gravity_reset(&mg);
+        const Vec3 before = mount_gravity_recent(mg), g = tilted(c.deg, c.g);
         for (uint32_t i = 0; i < c.samples; ++i) mount_gravity_track(&mg, g, g, false, 10);
+        const Vec3 after = mount_gravity_recent(mg);
+        EXPECT_EQ(after.z != before.z, c.joins);
+        if (c.fresh) { EXPECT_EQ(after.z, g.z); }
         EXPECT_EQ(mg.vehicle, c.vehicle);
     }
     // A vehicle's mount knocked to a new tilt, seen first through the knock's shaking
