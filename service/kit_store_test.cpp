@@ -137,25 +137,13 @@ TEST(KitStore, TheKitLineReadsBackAndBelongsToItsRecord) {
     EXPECT_FALSE(kit_belongs_to(k, CalibRecord{{16, 15, 18}, {3, 4, 5}, {45, -31, 24}})) << "another rough offset";
     EXPECT_TRUE(kit_belongs_to(k, CalibRecord{{16, 15, 17}, {0, 4, 5}, {45, -31, 24}}))
         << "another gravity offset: not the kit file's business";
-
-    const KitRecord full{{0, 31, 1}, {-16384, 16384, 7}, {32768, -8192, 8192, 8192, 0, 20000}, 250, -9000, 1, 255, 1};
-    for (const KitRecord &r : {k, full, default_kit(kDefaultRecord)}) {
-        const std::string text = kit_text(r);
-        KitRecord back{};
-        // Read from a buffer of exactly its length (no terminator: what lies beyond is not
-        // the line's), and from one that goes on past the length it is given.
-        const std::vector<char> exact(text.begin(), text.end());
-        ASSERT_TRUE(parse_kit(exact.data(), exact.size(), &back)) << text;
-        EXPECT_EQ(kit_text(back), text);
-        ASSERT_TRUE(parse_kit((text + "\n").data(), text.size() + 1, &back)) << text;
-        ASSERT_TRUE(parse_kit((text + "7,1").data(), text.size(), &back)) << text;
-        EXPECT_EQ(kit_text(back), text);
-    }
 }
 
 // Each field at the edge of its range (the checksum made right, so only the range
-// decides); a wrong checksum, version or length is never a record.
-TEST(KitStore, EveryKitFieldIsCheckedAtItsEdges) {
+// decides); a wrong checksum, version or length is never a record. A record reads back
+// as itself from a buffer of exactly its length (no terminator: what lies beyond is not
+// the line's), with a line end, and from one that goes on past the length it is given.
+TEST(KitStore, EveryKitFieldIsCheckedAtItsEdgesAndARecordReadsBack) {
     const std::string base = kit_text(default_kit({{16, 16, 16}, {0, 0, 0}, {1, 2, 3}}));
     const std::string known = with_field(with_field(with_field(base, 15, "1"), 13, "100"), 14, "6000");
     const std::string one = std::to_string(KMXC_SERVICE_SOFT_IRON_ONE);
@@ -165,6 +153,9 @@ TEST(KitStore, EveryKitFieldIsCheckedAtItsEdges) {
         bool record;
     } cases[] = {
         {"defaults", base, true},
+        {"every field at a far edge",
+         kit_text({{0, 31, 1}, {-16384, 16384, 7}, {32768, -8192, 8192, 8192, 0, 20000}, 250, -9000, 1, 255, 1}), true},
+        {"nothing known", kit_text(default_kit(kDefaultRecord)), true},
         {"version 2", with_field(base, 0, "2"), false},
         {"rough step 32", with_field(base, 1, "32"), false},
         {"magnetic past 32 bits", with_field(base, 4, "4294967297"), false},
@@ -196,8 +187,14 @@ TEST(KitStore, EveryKitFieldIsCheckedAtItsEdges) {
         {"the identity read as text", "1,16,16,16,1,2,3," + one + ",0,0," + one + ",0," + one + ",0,0,0,0,0,x", false},
     };
     for (const auto &c : cases) {
+        SCOPED_TRACE(std::string(c.name) + ": " + c.line);
         KitRecord k{};
-        EXPECT_EQ(parse_kit(c.line.data(), c.line.size(), &k), c.record) << c.name << ": " << c.line;
+        const std::vector<char> exact(c.line.begin(), c.line.end());
+        EXPECT_EQ(parse_kit(exact.data(), exact.size(), &k), c.record);
+        if (c.record) { EXPECT_EQ(kit_text(k), c.line); }
+        EXPECT_EQ(parse_kit((c.line + "\n").data(), c.line.size() + 1, &k), c.record);
+        EXPECT_EQ(parse_kit((c.line + "7,1").data(), c.line.size(), &k), c.record);
+        if (c.record) { EXPECT_EQ(kit_text(k), c.line); }
     }
 }
 
