@@ -160,37 +160,36 @@ TEST(MountGravity, TheAngleFromTheMeanAndTheLengthDecideAtTheirLimits) {
         double deg;   // the new gravity's angle from the mean
         double g;     // its length (the level is 1 g)
         bool steady;  // the kit's verdict on it
-        bool near;    // near the mean before it is taken
-        bool within;  // within the slopes of the mean
         Outcome outcome;
     } cases[] = {
-        {"beyond the limit, steady: the phone has moved, afresh", limit + 0.3, kG, true, false, false, kAfresh},
-        {"beyond the limit, unsteady (an acceleration): kept", limit + 0.3, kG, false, false, false, kKept},
-        {"reversed, steady: afresh", 180, kG, true, false, false, kAfresh},
-        {"within the slopes, steady, the level's length: kept", tilt - 0.3, kG, true, true, true, kKept},
-        {"within the slopes, steady, braking's longer g: kept", tilt - 0.3, 1.05 * kG, true, true, true, kKept},
-        {"beyond the slopes, steady, the level's length: tilted", tilt + 0.3, kG, true, true, false, kTilted},
-        {"beyond the slopes, unsteady, the level's length: kept", tilt + 1, kG, false, true, false, kKept},
-        {"20 degrees, steady, as long as an acceleration makes it: kept", 20, accelerated(20), true, true, false,
+        {"beyond the limit, steady: the phone has moved, afresh", limit + 0.3, kG, true, kAfresh},
+        {"beyond the limit, unsteady (an acceleration): kept", limit + 0.3, kG, false, kKept},
+        {"reversed, steady: afresh", 180, kG, true, kAfresh},
+        {"within the slopes, steady, the level's length: kept", tilt - 0.3, kG, true, kKept},
+        {"within the slopes, steady, braking's longer g: kept", tilt - 0.3, 1.05 * kG, true, kKept},
+        {"beyond the slopes, steady, the level's length: tilted", tilt + 0.3, kG, true, kTilted},
+        {"beyond the slopes, unsteady, the level's length: kept", tilt + 1, kG, false, kKept},
+        {"20 degrees, steady, as long as an acceleration makes it: kept", 20, accelerated(20), true, kKept},
+        {"20 degrees, steady, 1 % shorter than halfway: tilted", 20, 0.99 * halfway(20), true, kTilted},
+        {"20 degrees, steady, 1 % longer than halfway: kept", 20, 1.01 * halfway(20), true, kKept},
+        {"inside the limit, steady, an acceleration's length: kept", limit - 0.5, accelerated(limit - 0.5), true,
          kKept},
-        {"20 degrees, steady, 1 % shorter than halfway: tilted", 20, 0.99 * halfway(20), true, true, false, kTilted},
-        {"20 degrees, steady, 1 % longer than halfway: kept", 20, 1.01 * halfway(20), true, true, false, kKept},
-        {"inside the limit, steady, an acceleration's length: kept", limit - 0.5, accelerated(limit - 0.5), true, true,
-         false, kKept},
-        {"inside the limit, steady, 1 % shorter than the level: tilted", limit - 0.5, 0.99 * kG, true, true, false,
-         kTilted},
+        {"inside the limit, steady, 1 % shorter than the level: tilted", limit - 0.5, 0.99 * kG, true, kTilted},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
+        // Near the mean before it is taken, and within its slopes: each case lies at least
+        // 0.3 degrees from either limit.
+        const bool near = c.deg < limit, within = c.deg < tilt;
         MountGravity mg;
         mount_gravity_reset(&mg);
         const Vec3 g = tilted(c.deg, c.g);
         EXPECT_TRUE(mount_tilt_within(mg, g)) << "no mean yet";
         mg = full_window();
         ASSERT_EQ(mg.level_sq, kOneG);
-        EXPECT_EQ(mount_tilt_within(mg, g), c.within);
-        EXPECT_EQ(mount_gravity_near(mg, g), c.near);
-        EXPECT_EQ(mount_gravity_near(mg, tilted(c.deg, 2 * kG)), c.near) << "at 2 g";
+        EXPECT_EQ(mount_tilt_within(mg, g), within);
+        EXPECT_EQ(mount_gravity_near(mg, g), near);
+        EXPECT_EQ(mount_gravity_near(mg, tilted(c.deg, 2 * kG)), near) << "at 2 g";
         for (uint32_t i = 0; i + 1 < kHold; ++i) mount_gravity_track(&mg, g, g, c.steady, 10);
         EXPECT_EQ(mg.n, c.outcome == kAfresh ? kHold - 1 : kWindow) << "before the hold";
         mount_gravity_track(&mg, g, g, c.steady, 10);
