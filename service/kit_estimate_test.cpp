@@ -35,54 +35,45 @@ void trust(int8_t accuracy) {
 
 // ---- Admission and clearing -------------------------------------------------------------
 
-TEST(KitEstimate, TheStoreTakesInRangeSamplesAndKeepsAnomaliesOutUntilTheReferenceIsStale) {
-    const struct {
-        const char *name;
-        int8_t mag_result;
-        uint8_t anomaly;
-        bool stale, joins;
-    } cases[] = {
-        {"an in-range sample", 0, 0, false, true},
-        {"a channel out of range", 1, 0, false, false},
-        {"a strength anomaly", 0, KMXC_SERVICE_ANOMALY_STRENGTH, false, false},
-        {"a dip anomaly", 0, KMXC_SERVICE_ANOMALY_DIP, false, false},
-        {"a strength outside the estimate's band", 0, KMXC_SERVICE_ANOMALY_OUTSIDE_BAND, false, true},
-        {"a strength anomaly against a stale reference", 0, KMXC_SERVICE_ANOMALY_STRENGTH, true, true},
-        {"a range anomaly, the reference stale (a clip's new surrounding)", 0, KMXC_SERVICE_ANOMALY_RANGE, true, true},
-    };
-    for (const auto &c : cases) {
-        set_kit(kOffset);
-        g_state.est.reference_stale = c.stale;
-        KmxcServiceEvent e{};
-        e.mag_result = c.mag_result;
-        e.anomaly = c.anomaly;
-        store_cycle(Vec3{220, -50, 200}, kDown, false, 1, &e);
-        EXPECT_EQ(g_state.est.store.count, c.joins ? 1 : 0) << c.name;
-        EXPECT_EQ(g_state.est.joined, c.joins ? 1 : 0) << c.name;
-    }
-}
-
-TEST(KitEstimate, AnAnomalyEmptiesTheStoreOnlyOnceItHasLastedItsPersistTime) {
+// A full store offered one sample while the kit may be in an anomaly: an anomaly that
+// has lasted its persist time empties the store and makes the reference stale; until
+// then strength and dip anomalies stay out, and after it nothing the old reference says
+// keeps a sample out (a clip's new surrounding) but a channel out of range.
+TEST(KitEstimate, TheStoreKeepsAnomaliesOutUntilOneHasLastedItsPersistTimeAndEmptiedIt) {
     constexpr int64_t kPersist = int64_t{KMXC_SERVICE_STORE_ANOMALY_PERSIST_MS} * kNsPerMs;
     const struct {
         const char *name;
-        bool in_anomaly;
+        int8_t mag_result;
+        uint8_t anomaly;  // the sample's
+        bool in_anomaly;  // the kit's, since lasted_ns
         int64_t lasted_ns;
-        bool cleared;
+        bool joins, cleared;
     } cases[] = {
-        {"no anomaly", false, kPersist, false},
-        {"an anomaly one nanosecond short", true, kPersist - 1, false},
-        {"an anomaly of exactly the persist time", true, kPersist, true},
+        {"an in-range sample", 0, 0, false, kPersist, true, false},
+        {"a channel out of range", 1, 0, false, 0, false, false},
+        {"a strength anomaly, one nanosecond short of the persist time", 0, KMXC_SERVICE_ANOMALY_STRENGTH, true,
+         kPersist - 1, false, false},
+        {"a dip anomaly", 0, KMXC_SERVICE_ANOMALY_DIP, true, 0, false, false},
+        {"a strength outside the estimate's band", 0, KMXC_SERVICE_ANOMALY_OUTSIDE_BAND, false, 0, true, false},
+        {"a strength anomaly of exactly the persist time", 0, KMXC_SERVICE_ANOMALY_STRENGTH, true, kPersist, true,
+         true},
+        {"a range anomaly past it", 0, KMXC_SERVICE_ANOMALY_RANGE, true, 2 * kPersist, true, true},
+        {"a channel out of range past it", 1, KMXC_SERVICE_ANOMALY_RANGE, true, 2 * kPersist, false, true},
     };
     for (const auto &c : cases) {
-        fill(kOffset, directions(40), kOffset, kNoSoftIron, 0.4);
+        SCOPED_TRACE(c.name);
+        fill(kOffset, directions(40, 60), kOffset, kNoSoftIron, 0.4);  // a cap about +z
         ASSERT_EQ(g_state.est.store.count, kStoreCapacity);
         g_state.in_anomaly = c.in_anomaly;
         const int64_t now = int64_t{100} * 1000 * kNsPerMs;
         g_state.anomaly_since_ns = now - c.lasted_ns;
-        idle(1, false, now);
-        EXPECT_EQ(g_state.est.store.count == 0, c.cleared) << c.name;
-        EXPECT_EQ(g_state.est.reference_stale, c.cleared) << c.name;
+        KmxcServiceEvent e{};
+        e.mag_result = c.mag_result;
+        e.anomaly = c.anomaly;
+        store_cycle(Vec3{kOffset.x, kOffset.y, kOffset.z - 120}, kDown, false, now, &e);  // along -z
+        EXPECT_EQ(g_state.est.joined, c.joins ? 1 : 0);
+        EXPECT_EQ(g_state.est.store.count, c.cleared ? (c.joins ? 1 : 0) : kStoreCapacity);
+        EXPECT_EQ(g_state.est.reference_stale, c.cleared);
     }
 }
 
