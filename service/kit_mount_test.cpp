@@ -208,7 +208,7 @@ TEST(MountGravity, TheAngleFromTheMeanAndTheLengthDecideAtTheirLimits) {
 // may then take the recent gravity); one sample short, within the slopes, or at the
 // level's length (a hand tilting the phone) shows nothing. A tilt held in the mount
 // (knocked) keeps it the vehicle's; the phone moved away starts afresh without.
-TEST(MountGravity, TheRecentGravityTakesSlopesAndAHeldAccelerationShowsAVehicleAKnockKeeps) {
+TEST(MountGravity, TheRecentGravityTakesSlopesAHeldAccelerationShowsAVehicleAndAKnockKeepsIt) {
     constexpr uint32_t kAccelHold = 10 * kMountAccelHoldMs / 1000;
     const double reach = kMountRecentNearCdeg / 100.0, tilt = KMXC_SERVICE_MOUNT_TILT_CDEG / 100.0;
     const struct {

@@ -143,7 +143,7 @@ TEST(KitStore, TheKitLineReadsBackAndBelongsToItsRecord) {
 // decides); a wrong checksum, version or length is never a record. A record reads back
 // as itself from a buffer of exactly its length (no terminator: what lies beyond is not
 // the line's), with a line end, and from one that goes on past the length it is given.
-TEST(KitStore, EveryKitFieldIsCheckedAtItsEdgesAndARecordReadsBack) {
+TEST(KitStore, EveryKitFieldIsCheckedAtItsEdges) {
     const std::string base = kit_text(default_kit({{16, 16, 16}, {0, 0, 0}, {1, 2, 3}}));
     const std::string known = with_field(with_field(with_field(base, 15, "1"), 13, "100"), 14, "6000");
     const std::string one = std::to_string(KMXC_SERVICE_SOFT_IRON_ONE);
