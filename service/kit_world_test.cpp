@@ -1,9 +1,9 @@
 // What the kit refuses to trust, on the virtual phone (an offset no three-dimensional
 // fit confirms, a sphere's offset that the phone's own soft iron could have moved, a
-// circle a hand traced about an axis that is not the vertical), and the kit in worlds
-// other than the demo's: weak and steep fields, a noisier chip, a phone whose
-// surroundings change. Each world's case is a handling the kit got wrong there, played
-// on the virtual phone and checked against the physics.
+// circle a hand traced about an axis that is not the vertical, a walker's circle taken
+// for a vehicle's), and the kit in worlds other than the demo's: weak and steep fields,
+// a noisier chip, a phone whose surroundings change. Each world's case is a handling the
+// kit got wrong there, played on the virtual phone and checked against the physics.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -23,6 +23,7 @@ using namespace kit_test;
 struct Tally {
     int count = 0, off = 0;
     double squares = 0;
+    double rms() const { return std::sqrt(squares / std::max(count, 1)); }
 };
 Tally tally(const Trace &r, uint8_t lo, uint8_t hi, double off_deg, bool planar_only = false) {
     Tally t;
@@ -125,6 +126,22 @@ TEST_F(Kit, AHandsCircleAboutAnAxisOtherThanTheVerticalGivesNoPlanarHeading) {
     EXPECT_EQ(tally(run(s, 10), KMXC_SERVICE_LOW, KMXC_SERVICE_HIGH, 30, true).off, 0);
 }
 
+// A phone read while walking and turned with the walker traces a circle too, and once a
+// 3-D calibration has given the references its planar estimate is medium (seed 5: the
+// last minute). But a hand's tilt wanders, and the mount's recent gravity would lag it
+// (3.6 degrees RMS at medium, 15 samples beyond 15 at 50 Hz): with no acceleration held
+// to show a vehicle, the attitude keeps the measured gravity.
+TEST_F(Kit, APhoneTurnedWithAWalkerKeepsItsOwnGravity) {
+    vphone::remove_file(kCfg);
+    const Trace r = run({.name = "browse", .seed = 5}, 10);
+    EXPECT_EQ(std::count_if(r.events.begin(), r.events.end(),
+                            [](const auto &e) { return (e.flags & KMXC_SERVICE_MOUNT_GRAVITY) != 0; }),
+              0);
+    EXPECT_GT(tally(r, KMXC_SERVICE_MEDIUM, KMXC_SERVICE_HIGH, 0, true).count, 300)
+        << "the walker's circle, confirmed by the references";
+    EXPECT_LT(tally(r, KMXC_SERVICE_MEDIUM, KMXC_SERVICE_HIGH, 0).rms(), 3.0);
+}
+
 // A magnet clipped on at 20 s moves the offset by far more than an Earth field. Its
 // samples with a channel out of range move the rough offset, are flagged for the range
 // alone (their field is wrong, whatever its strength) and never fed; right after the
@@ -200,8 +217,7 @@ TEST_F(Kit, ACirclesOffsetIsLowOnlyWhileItsUndeterminedAxisStaysVertical) {
         const Trace r = run({.name = "two-planes", .hard_iron_uT = {60, -40, 30}, .seed = seed}, 10);
         EXPECT_GT(tally(r, KMXC_SERVICE_LOW, KMXC_SERVICE_LOW, 0, true).count, 50)
             << "the circle's offset serves the flat turns";
-        const Tally low = tally(r, KMXC_SERVICE_LOW, KMXC_SERVICE_LOW, 0);
-        EXPECT_LT(std::sqrt(low.squares / std::max(low.count, 1)), 15.0);
+        EXPECT_LT(tally(r, KMXC_SERVICE_LOW, KMXC_SERVICE_LOW, 0).rms(), 15.0);
     }
 }
 
