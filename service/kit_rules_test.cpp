@@ -156,10 +156,7 @@ void expect_face_up_in_android_conventions(const Trace &r) {
     const float *q = last.rotation_vector, *a = last.acceleration_ms2, *f = last.magnetic_uT;
     EXPECT_NEAR(std::hypot(std::hypot(q[0], q[1]), std::hypot(q[2], q[3])), 1.0, 1e-6);
     EXPECT_GE(q[3], 0);
-    const double x = q[0], y = q[1], z = q[2], w = q[3];
-    const Mat3 m{{{1 - 2 * (y * y + z * z), 2 * (x * y - z * w), 2 * (x * z + y * w)},
-                  {2 * (x * y + z * w), 1 - 2 * (x * x + z * z), 2 * (y * z - x * w)},
-                  {2 * (x * z - y * w), 2 * (y * z + x * w), 1 - 2 * (x * x + y * y)}}};
+    const Mat3 m = attitude_of({q[0], q[1], q[2], q[3]});
     const Vec3 up = to_world(m, Vec3{a[0], a[1], a[2]}), field = to_world(m, Vec3{f[0], f[1], f[2]});
     EXPECT_NEAR(up[2] / std::hypot(a[0], a[1], a[2]), 1.0, 1e-3);
     EXPECT_NEAR(field[0] / strength, 0.0, 1e-3) << "no eastward field";
@@ -221,17 +218,20 @@ TEST_F(Kit, FirstFitComesInTimeAtEveryRateAndOnlyThenAreHeadingsTrusted) {
     }
 }
 
-// ---- Rough-offset changes ---------------------------------------------------------------
+// ---- Rough-offset changes and the warm-up -----------------------------------------------
 
 // The samples fed before a rough-offset change are in the old offset's frame and are
 // forgotten: the phone lies still, a magnet moves the rough offset, and then the field
 // is set so the magnetometer reads exactly what it read before. That sample is fed.
-TEST_F(Kit, ARoughOffsetChangeForgetsTheSamplesFedBeforeIt) {
+// The smoother's history outlives a restart; the worst case is a restart facing the
+// opposite way (turning the declination turns the magnetic heading): no integer heading
+// until the smoother has history of its own.
+TEST_F(Kit, ARoughOffsetChangeForgetsTheSamplesFedBeforeItAndARestartWaitsForTheSmoother) {
     ScenarioSettings s = scenario("still");
     s.noise_uT = 0;
     s.accel_noise_g = 0;
     Vec3 before{};
-    const Trace r = run(s, 10, 3, [&](double t, Truth &truth) {
+    const Trace changed = run(s, 10, 3, [&](double t, Truth &truth) {
         const Vec3 now = rig_.true_offset_counts();
         if (t < 1) {
             before = now;
@@ -242,21 +242,11 @@ TEST_F(Kit, ARoughOffsetChangeForgetsTheSamplesFedBeforeIt) {
             for (int k = 0; k < 3; ++k) truth.field_uT[k] += (before[k] - now[k]) * 0.4;
         }
     });
-    size_t i = 0;
-    while (i < r.events.size() && !(r.events[i].flags & KMXC_SERVICE_ROUGH_CHANGED)) ++i;
-    ASSERT_LT(i + 1, r.events.size()) << "the rough offset never moved";
-    EXPECT_TRUE(r.events[i + 1].flags & KMXC_SERVICE_FED);
-}
+    size_t moved = 0;
+    while (moved < changed.events.size() && !(changed.events[moved].flags & KMXC_SERVICE_ROUGH_CHANGED)) ++moved;
+    ASSERT_LT(moved + 1, changed.events.size()) << "the rough offset never moved";
+    EXPECT_TRUE(changed.events[moved + 1].flags & KMXC_SERVICE_FED);
 
-// ---- Warm-up ----------------------------------------------------------------------------
-
-TEST_F(Kit, NoIntegerHeadingUntilTheSmootherHasHistory) {
-    // The smoother's history outlives a restart; the worst case is a restart facing
-    // the opposite way. (Turning the declination turns the magnetic heading.)
-    ScenarioSettings s = scenario("still");
-    s.noise_uT = 0;
-    s.accel_noise_g = 0;
-    run(s, 10, 3);
     s.declination_deg += 170;
     const Trace r = run(s, 10, 3);
     ASSERT_GT(r.events.size(), KMXC_SERVICE_WARMUP_CYCLES + 5u);
