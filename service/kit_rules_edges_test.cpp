@@ -157,7 +157,7 @@ TEST(KitRuleEdges, AnOffsetIsConfirmedOrRestoredByAgreeingSamplesNearItsReferenc
     const struct {
         const char *name;
         bool demoted;    // else stored, its confirmation pending
-        int32_t hi, lo;  // the samples' strengths, four each
+        int32_t hi, lo;  // the samples' strengths, four each (in turn along x and y)
         int samples;     // fed since the start (stored), judged (demoted)
         int anomalous;   // the judged sample that is an anomaly (-1: none)
         bool trusted;
@@ -174,14 +174,8 @@ TEST(KitRuleEdges, AnOffsetIsConfirmedOrRestoredByAgreeingSamplesNearItsReferenc
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
-        feed({{c.hi, 0, 0},
-              {0, c.lo, 0},
-              {0, 0, c.hi},
-              {-c.lo, 0, 0},
-              {0, -c.hi, 0},
-              {0, 0, -c.lo},
-              {c.hi, 0, 0},
-              {0, c.lo, 0}});
+        g_state = State{};
+        for (int i = 0; i < 8; ++i) remember_fed(i % 2 ? Vec3{0, c.lo, 0} : Vec3{c.hi, 0, 0}, Vec3{0, 0, -4096});
         KmxcServiceEvent e{};
         if (c.demoted) {
             g_state.reference = g_state.demoted = g_state.provisional = true;
