@@ -179,9 +179,7 @@ TEST_F(Kit, FirstFitComesInTimeAtEveryRateAndOnlyThenAreHeadingsTrusted) {
     for (const auto &c : cases) {
         SCOPED_TRACE(std::string(c.name) + " at " + std::to_string(c.rate) + " Hz");
         vphone::remove_file(kCfg);
-        ScenarioSettings s = scenario(c.name);
-        s.seed = c.seed;
-        const Trace r = run(s, c.rate);
+        const Trace r = run({.name = c.name, .seed = c.seed}, c.rate);
         ASSERT_GT(r.first_fit_s, 0) << "no 3-D fit";
         EXPECT_LE(r.first_fit_s, c.fit_by_s);
         bool fitted = false;
@@ -227,9 +225,7 @@ TEST_F(Kit, FirstFitComesInTimeAtEveryRateAndOnlyThenAreHeadingsTrusted) {
 // opposite way (turning the declination turns the magnetic heading): no integer heading
 // until the smoother has history of its own.
 TEST_F(Kit, ARoughOffsetChangeForgetsTheSamplesFedBeforeItAndARestartWaitsForTheSmoother) {
-    ScenarioSettings s = scenario("still");
-    s.noise_uT = 0;
-    s.accel_noise_g = 0;
+    ScenarioSettings s{.name = "still", .noise_uT = 0, .accel_noise_g = 0};
     Vec3 before{};
     const Trace changed = run(s, 10, 3, [&](double t, Truth &truth) {
         const Vec3 now = rig_.true_offset_counts();

@@ -86,8 +86,7 @@ TEST_F(Kit, AMountKnockedToANewTiltIsNotTakenForAnAcceleration) {
     const double a = 13 * std::acos(-1.0) / 180;
     // The attitude's rows (east, north, up in phone axes) turned about north.
     const Mat3 turn{{{std::cos(a), 0, -std::sin(a)}, {0, 1, 0}, {std::sin(a), 0, std::cos(a)}}};
-    ScenarioSettings s = scenario("car");
-    const Trace r = run(s, 10, kUntilS, [&](double t, Truth &truth) {
+    const Trace r = run(scenario("car"), 10, kUntilS, [&](double t, Truth &truth) {
         if (t < kKnockS) return;
         const Vec3 earth = to_world(truth.attitude, truth.earth_uT), g = to_world(truth.attitude, truth.gravity_g);
         Vec3 noise;
@@ -131,10 +130,8 @@ TEST_F(Kit, TheIntegerHeadingKeepsItsAxisWithinTheMarginAndSaysWhich) {
         {58, HeadingAxis::kZ}, {53, HeadingAxis::kY},
     };
     constexpr double kHoldS = 3;
-    ScenarioSettings s = scenario("still");
-    s.noise_uT = 0;
-    s.accel_noise_g = 0;
-    s.hard_iron_uT = Vec3{0, 0, 0};  // the offset is known: none
+    // Noiseless, and the offset known: none.
+    const ScenarioSettings s{.name = "still", .hard_iron_uT = {0, 0, 0}, .noise_uT = 0, .accel_noise_g = 0};
     // The phone held in each pose in the scenario's undisturbed field (magnetic: no declination).
     const Trace r = run(s, 10, kHoldS * std::size(holds), [&](double t, Truth &truth) {
         const size_t k = std::min(static_cast<size_t>(t / kHoldS), std::size(holds) - 1);
@@ -172,10 +169,7 @@ TEST_F(Kit, AWeakCarFieldTakesTheHandsTrustOnceTheBandOrThePullingAwayShowsIt) {
     for (const uint32_t seed : {1, 5}) {
         SCOPED_TRACE(seed);
         const bool band = seed == 1;  // the strength leaves the fit's band in the mount
-        ScenarioSettings s = scenario("car");
-        s.seed = seed;
-        s.car_field_uT = Vec3{6, -4, 7};
-        const Trace r = run(s, 10);
+        const Trace r = run({.name = "car", .seed = seed, .car_field_uT = {6, -4, 7}}, 10);
         double mounted_s = -1;
         int trusted_in_hand = 0, outside = 0, entries = 0, trusted = 0, wrong = 0;
         for (size_t i = 0; i < r.events.size(); ++i) {
