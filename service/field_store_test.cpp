@@ -190,37 +190,12 @@ TEST(FieldStore, CoverageCellsSplitAtTheirBordersByTheStatedTies) {
     EXPECT_EQ(field_store_coverage(s, Vec3{0, 0, -1000}), 4) << "seen from far below: the +z face only";
 }
 
-// The fits centre their sums on this mean and keep its fraction in their first moments:
-// each axis truncated toward zero (not floored), every kept sample counted, and a full
-// store of int16 extremes summed without wrapping.
-TEST(FieldStore, TheMeanTruncatesEachAxisTowardZeroOverEveryKeptSample) {
-    std::vector<Vec3> extremes;
-    for (int i = 0; i < kStoreCapacity; ++i) extremes.push_back(Vec3{-32768, -32768 + 16 * i, 32767});
-    const struct {
-        const char *name;
-        std::vector<Vec3> fields;
-    } cases[] = {
-        {"one sample", {{-5, 7, 0}}},
-        {"negative sums with remainders", {{-100, -1, 50}, {-109, -20, -60}, {-117, 0, 9}}},
-        {"positive sums with remainders", {{100, 1, -50}, {109, 20, 60}, {118, 0, -9}}},
-        {"the first sample alone off the rest", {{900, -900, 900}, {0, 0, 0}, {0, 10, 0}, {10, 0, 0}}},
-        {"a full store of int16 extremes", extremes},
-    };
-    for (const auto &c : cases) {
-        const FieldStore s = store_of(c.fields);
-        double sum[3] = {0, 0, 0};
-        for (const Vec3 &m : c.fields) sum[0] += m.x, sum[1] += m.y, sum[2] += m.z;
-        const double n = static_cast<double>(c.fields.size());
-        const Vec3 mean = store_mean(s);
-        EXPECT_EQ(mean.x, static_cast<int32_t>(std::trunc(sum[0] / n))) << c.name;
-        EXPECT_EQ(mean.y, static_cast<int32_t>(std::trunc(sum[1] / n))) << c.name;
-        EXPECT_EQ(mean.z, static_cast<int32_t>(std::trunc(sum[2] / n))) << c.name;
-    }
-}
-
-// Random stores, round to flat, under a random offset and correction: strengths, dip
-// and spread against the same quantities in double precision; and the Earth's range at
-// its ends (10 uT is 25 counts, 100 uT 250).
+// Random stores, round to flat, under a random offset and correction: the mean,
+// strengths, dip and spread against the same quantities in double precision; and the
+// Earth's range at its ends (10 uT is 25 counts, 100 uT 250). The fits centre their sums
+// on the mean and keep its fraction in their first moments: each axis truncated toward
+// zero (not floored), every kept sample counted, a full store of int16 extremes summed
+// without wrapping.
 TEST(FieldStore, StatisticsAgreeWithDoublePrecisionAndTheRangeHoldsAtItsEnds) {
     std::mt19937_64 rng(23);
     std::uniform_real_distribution<double> uni(-1, 1);
@@ -258,6 +233,9 @@ TEST(FieldStore, StatisticsAgreeWithDoublePrecisionAndTheRangeHoldsAtItsEnds) {
             if (s.steady >> i & 1)
                 dip += std::atan2(v.cross(g).norm(), v.dot(g)) * 18000 / 3.14159265358979323846, ++steady;
         }
+        const Vec3 centre = store_mean(s);
+        const int32_t got_centre[3] = {centre.x, centre.y, centre.z};
+        for (int k = 0; k < 3; ++k) EXPECT_EQ(got_centre[k], std::trunc(m.col(k).mean())) << trial << " axis " << k;
         const double mean = strength.mean(), worst = (strength - mean).abs().maxCoeff();
         const double spread = (strength - mean).square().sum();
         // Each strength truncated to 1/16 count after W's rounding, the mean truncated again.
@@ -276,6 +254,10 @@ TEST(FieldStore, StatisticsAgreeWithDoublePrecisionAndTheRangeHoldsAtItsEnds) {
         EXPECT_NEAR(sp.ratio_mid, 1024 * ev(1) / ev(2), 1.5) << trial;
     }
     EXPECT_EQ(field_store_spread(store_of({{0, 0, 0}, {100, 0, 0}})).ratio_mid, 0) << "fewer than three";
+    std::vector<Vec3> extremes;
+    for (int i = 0; i < kStoreCapacity; ++i) extremes.push_back(Vec3{-32768, -32768 + 16 * i, 32767});
+    const Vec3 centre = store_mean(store_of(extremes));
+    EXPECT_TRUE(centre.x == -32768 && centre.y == -32768 + 8 * (kStoreCapacity - 1) && centre.z == 32767);
     const struct {
         int32_t strength;
         bool in_range;
