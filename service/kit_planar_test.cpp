@@ -326,27 +326,15 @@ TEST(PlanarRules, AJoinDropsAnUnjudgedCircleButNotAJudgedEstimate) {
         ASSERT_TRUE(planar_cycle(true, &e)) << "the circle fitted";
         if (judged_first) { ASSERT_TRUE(planar_cycle(true, &e)) << "judged"; }
         // A sample on the circle beyond the arc's end (250 degrees) joins.
-        std::mt19937 rng(7);
-        const FieldStore beyond = store_of(Circle{Vector3d(40, -30, 20), kAxis, 120, 30, 250, 0, 0, 2, 0, 0}, rng);
+        const FieldStore beyond = clean(250);
         const int count = g_state.est.store.count;
-        field_store_offer(&g_state.est.store, stored_field(beyond, 1), stored_gravity(beyond, 1), nullptr, false, true);
+        field_store_offer(&g_state.est.store, stored_field(beyond, beyond.last), stored_gravity(beyond, beyond.last),
+                          nullptr, false, true);
         ASSERT_EQ(g_state.est.store.count, count + 1);
         planar_cycle(true, &e);
         EXPECT_EQ(g_state.estimator == KMXC_SERVICE_ESTIMATOR_PLANAR, judged_first) << "adopted";
         EXPECT_FALSE(g_state.planar.pending || g_state.planar.judged) << "nothing waits";
     }
-}
-
-// A circle counts only when it is flat: RMS off its plane within 1/FLATNESS of its radius.
-TEST(PlanarRules, ACircleIsFlat) {
-    const FieldStore s = clean(200);
-    CircleFit fit;
-    ASSERT_EQ(circle_fit(s, Vec3{0, -4096, 0}, &fit), FitResult::kOk);
-    fit.radius_q4 -= fit.radius_q4 % KMXC_SERVICE_PLANAR_FLATNESS;  // the limit exactly
-    fit.out_of_plane_q4 = fit.radius_q4 / KMXC_SERVICE_PLANAR_FLATNESS;
-    EXPECT_TRUE(planar_circle(s, fit)) << "at the flatness limit";
-    ++fit.out_of_plane_q4;
-    EXPECT_FALSE(planar_circle(s, fit)) << "a sixteenth of a count beyond it";
 }
 
 // Without a reference the circle's axis must be the vertical: the phone's mean gravity
@@ -372,7 +360,9 @@ TEST(PlanarRules, AnUnreferencedCirclesAxisIsTheMeanGravitysWithinItsAllowance) 
         EXPECT_EQ(planar_axis_vertical(fit, leaning(c.lean_deg, c.scale)), c.vertical) << c.name;
 }
 
-TEST(PlanarRules, AReferenceCircleThatNoSampleCanLieOnIsRefused) {
+// A circle counts only when it is flat: RMS off its plane within 1/FLATNESS of its
+// radius; and only when its samples can lie on the reference's sphere.
+TEST(PlanarRules, ACircleIsFlatAndOnTheReferencesSphere) {
     const FieldStore s = clean(200);
     CircleFit fit;
     ASSERT_EQ(circle_fit(s, Vec3{0, -4096, 0}, &fit), FitResult::kOk);
@@ -385,6 +375,11 @@ TEST(PlanarRules, AReferenceCircleThatNoSampleCanLieOnIsRefused) {
     EXPECT_EQ(o.x, 1);
     EXPECT_EQ(arc, -1);
     EXPECT_TRUE(planar_offset_from_reference(s, fit, PlanarReference{120, 3000}, &o, &arc)) << "its own reference";
+    fit.radius_q4 -= fit.radius_q4 % KMXC_SERVICE_PLANAR_FLATNESS;  // the limit exactly
+    fit.out_of_plane_q4 = fit.radius_q4 / KMXC_SERVICE_PLANAR_FLATNESS;
+    EXPECT_TRUE(planar_circle(s, fit)) << "at the flatness limit";
+    ++fit.out_of_plane_q4;
+    EXPECT_FALSE(planar_circle(s, fit)) << "a sixteenth of a count beyond it";
 }
 
 // The store's circle tells the kit it is in a mount (kit_internal.h: Planar::mounted)
