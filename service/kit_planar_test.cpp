@@ -249,22 +249,35 @@ TEST(PlanarRules, TheArcAndTheRadiusDecideEachAtItsLimit) {
     }
 }
 // A circle is fitted once KMXC_SERVICE_STORE_REFIT_JOINS samples have joined since the
-// last one and the store holds kPlanarMinSamples, not a join or a sample sooner.
-TEST(PlanarRules, ACircleIsFittedOnceEnoughSamplesHaveJoinedAndTheStoreHoldsEnough) {
+// last one and the store holds kPlanarMinSamples, not a join or a sample sooner. The fit
+// tells the kit it is in a mount (kit_internal.h: Planar::mounted), whichever estimate is
+// in use, until a fit finds none or the store is emptied; a cycle without a fit keeps
+// it. A circle is a mount's when every sample's gravity lies within the limit of its axis
+// (a phone turned about the vertical); one sample whose gravity leans beyond refuses it
+// (a hand turning the phone about another axis).
+TEST(PlanarRules, ACircleIsFittedWhenDueAndTellsOfAMountUntilTheStoreLeavesIt) {
+    constexpr int kJoins = KMXC_SERVICE_STORE_REFIT_JOINS;
+    const double limit = kPlanarAxisGravityCdeg / 100.0;
     const struct {
         const char *name;
         double arc_deg;  // clean(): a sample every 9 degrees
         int joins;
-        bool allowed;  // no other fit ran in the cycle
-        bool fitted;
+        bool allowed;     // no other fit ran in the cycle
+        double lean_deg;  // one sample's gravity from the circle's axis
+        bool emptied;     // the store emptied after the cycle
+        bool fitted, mounted;
     } cases[] = {
-        {"the refit's joins, the least samples: fitted", 9 * (kPlanarMinSamples - 1), KMXC_SERVICE_STORE_REFIT_JOINS,
-         true, true},
-        {"a join short", 90, KMXC_SERVICE_STORE_REFIT_JOINS - 1, true, false},
-        {"a sample short", 9 * (kPlanarMinSamples - 2), KMXC_SERVICE_STORE_REFIT_JOINS, true, false},
-        {"due, but another fit ran in the cycle", 90, KMXC_SERVICE_STORE_REFIT_JOINS, false, false},
+        {"the refit's joins, the least samples: fitted", 9 * (kPlanarMinSamples - 1), kJoins, true, 0, false, true,
+         true},
+        {"a join short", 90, kJoins - 1, true, 0, false, false, true},
+        {"a sample short", 9 * (kPlanarMinSamples - 2), kJoins, true, 0, false, false, true},
+        {"due, but another fit ran in the cycle", 90, kJoins, false, 0, false, false, true},
+        {"one sample's gravity just inside the limit: a mount", 200, kJoins, true, limit - 0.5, false, true, true},
+        {"one sample's gravity just beyond it: a hand, no mount", 200, kJoins, true, limit + 0.5, false, true, false},
+        {"a mount, then the store emptied: none", 200, kJoins, true, 0, true, true, false},
     };
     for (const auto &c : cases) {
+        SCOPED_TRACE(c.name);
         const FieldStore s = clean(c.arc_deg);
         kit_with(s, Vec3{40, -30, 20}, false);
         // The store as the last cycle saw it: no join now but those counted.
@@ -272,8 +285,18 @@ TEST(PlanarRules, ACircleIsFittedOnceEnoughSamplesHaveJoinedAndTheStoreHoldsEnou
         p.joins = static_cast<uint8_t>(c.joins);
         p.seen_count = s.count, p.seen_last = s.last;
         for (int k = 0; k < 3; ++k) p.seen_m[k] = s.sample[s.last].m[k];
+        p.mounted = c.fitted != c.mounted;   // the opposite of what a fit finds; what no fit keeps
+        const Vec3 g = leaning(c.lean_deg);  // one sample's
+        const int32_t v[3] = {g.x, g.y, g.z};
+        for (int k = 0; k < 3; ++k) g_state.est.store.sample[3].g[k] = static_cast<int16_t>(v[k]);
         KmxcServiceEvent e{};
-        EXPECT_EQ(planar_cycle(c.allowed, &e), c.fitted) << c.name;
+        EXPECT_EQ(planar_cycle(c.allowed, &e), c.fitted);
+        if (c.emptied) {
+            EXPECT_TRUE(p.mounted);
+            field_store_clear(&g_state.est.store);
+            planar_cycle(true, &e);
+        }
+        EXPECT_EQ(p.mounted, c.mounted);
     }
 }
 
@@ -380,40 +403,6 @@ TEST(PlanarRules, ACircleIsFlatAndOnTheReferencesSphere) {
     EXPECT_TRUE(planar_circle(s, fit)) << "at the flatness limit";
     ++fit.out_of_plane_q4;
     EXPECT_FALSE(planar_circle(s, fit)) << "a sixteenth of a count beyond it";
-}
-
-// The store's circle tells the kit it is in a mount (kit_internal.h: Planar::mounted)
-// from the circle fit that finds it, whichever estimate is in use, until a fit finds
-// none or the store is emptied. A circle is a mount's when every sample's gravity lies
-// within the limit of its axis (a phone turned about the vertical); one sample whose
-// gravity leans beyond refuses it (a hand turning the phone about another axis).
-TEST(PlanarRules, ACircleAboutGravityMarksAMountUntilTheStoreLeavesIt) {
-    const double limit = kPlanarAxisGravityCdeg / 100.0;
-    const struct {
-        const char *name;
-        double lean_deg;  // one sample's gravity from the circle's axis
-        bool emptied;     // the store emptied after the fit
-        bool mounted;
-    } cases[] = {
-        {"one sample's gravity just inside the limit: a mount", limit - 0.5, false, true},
-        {"one sample's gravity just beyond it: a hand, no mount", limit + 0.5, false, false},
-        {"a mount, then the store emptied: none", 0, true, false},
-    };
-    for (const auto &c : cases) {
-        kit_with(clean(200), Vec3{0, 0, 0}, false);
-        g_state.planar.mounted = !c.mounted;  // whatever it held before
-        const Vec3 g = leaning(c.lean_deg);   // one sample's
-        const int32_t v[3] = {g.x, g.y, g.z};
-        for (int k = 0; k < 3; ++k) g_state.est.store.sample[3].g[k] = static_cast<int16_t>(v[k]);
-        KmxcServiceEvent e{};
-        ASSERT_TRUE(planar_cycle(true, &e)) << c.name << ": the circle fitted";
-        if (c.emptied) {
-            EXPECT_TRUE(g_state.planar.mounted) << c.name;
-            field_store_clear(&g_state.est.store);
-            planar_cycle(true, &e);
-        }
-        EXPECT_EQ(g_state.planar.mounted, c.mounted) << c.name;
-    }
 }
 
 // A flat arc of 240 degrees about a known centre (gravity along z), against the same
