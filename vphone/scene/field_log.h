@@ -25,10 +25,6 @@ constexpr double kFieldLogTemperatureC = 25.0;
 constexpr double kFieldLogMaxMicrotesla = 2000.0;
 constexpr double kFieldLogMaxMps2 = 8 * kStandardGravity;
 constexpr double kFieldLogMinC = -40.0, kFieldLogMaxC = 85.0;
-// A reference quaternion (x, y, z, w) whose length is off 1 by more than the tolerance:
-// "<named> is not a unit quaternion: its length is L"; else "".
-std::string reference_problem(const Quaternion &q, const std::string &named);
-
 // What a log's magnitudes say about its units. A phone's accelerometer reads gravity's
 // length most of the time, so the median length of a log's accelerations lies within
 // these bounds (a log in g reads about 1: refused). The Earth's field is 25..65 uT, and a
@@ -39,6 +35,10 @@ constexpr double kFieldLogMinMedianMicrotesla = 10.0;
 // A reference attitude is a unit quaternion: its length may differ from 1 by this much
 // (a logger's rounding), and is taken as 1.
 constexpr double kFieldLogReferenceNormTolerance = 0.01;
+
+// A reference quaternion (x, y, z, w) whose length is off 1 by more than the tolerance:
+// "<named> is not a unit quaternion: its length is L"; else "".
+std::string reference_problem(const Quaternion &q, const std::string &named);
 
 struct FieldLogRow {
     int64_t time_us = 0;  // strictly increasing
@@ -85,8 +85,8 @@ std::string field_log_units_problem(const FieldLog &log);
 std::string field_log_units_warning(const FieldLog &log);
 
 // What the chips sense at a logged instant: the whole logged field as the ambient one
-// (a log cannot tell the phone's own field from the Earth's; the truth of a replay is
-// unknown), the acceleration turned into the scene's gravity sample (g, pointing the way
+// (a log cannot tell the phone's own field from the Earth's, so a replay's offset has no
+// truth), the acceleration turned into the scene's gravity sample (g, pointing the way
 // gravity pulls), the temperature.
 Truth truth_of(const FieldLogRow &r);
 // The row a scene instant logged: what the scene's chips sensed then (truth_of's inverse),
