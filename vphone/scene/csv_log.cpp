@@ -36,7 +36,10 @@ std::string read_csv_log(std::istream &in, const std::string &magic, const std::
     return problem.empty() ? "" : "line " + std::to_string(n) + ": " + problem;
 }
 
-bool csv_number(const std::string &f, double lo, double hi, double *out) {
+namespace {
+
+template <typename T>
+bool number_in(const std::string &f, T lo, T hi, T *out) {
     const char *b = f.data(), *e = f.data() + f.size();
     if (b != e && *b == '+') ++b;
     const auto r = std::from_chars(b, e, *out);
@@ -44,10 +47,13 @@ bool csv_number(const std::string &f, double lo, double hi, double *out) {
     return r.ec == std::errc() && r.ptr == e && b != e && *out >= lo && *out <= hi;
 }
 
+}  // namespace
+
+bool csv_number(const std::string &f, double lo, double hi, double *out) { return number_in(f, lo, hi, out); }
+bool csv_number(const std::string &f, long long lo, long long hi, long long *out) { return number_in(f, lo, hi, out); }
+
 bool csv_time(const std::string &f, int64_t *out) {
-    const char *b = f.data(), *e = f.data() + f.size();
-    const auto r = std::from_chars(b, e, *out);
-    return r.ec == std::errc() && r.ptr == e && b != e && *out >= 0 && *out <= kCsvMaxTime;
+    return (f.empty() || f[0] != '+') && number_in<int64_t>(f, 0, kCsvMaxTime, out);
 }
 
 std::string shortest_text(double v) {

@@ -25,10 +25,12 @@ using CsvLineTaker = std::function<std::string(const std::vector<std::string> &f
 std::string read_csv_log(std::istream &in, const std::string &magic, const std::string &what, const CsvLineTaker &take,
                          const std::function<std::string()> &finish);
 
-// A value of a data line: a decimal within lo..hi (a leading '+' allowed; nan and inf
-// are refused), or a whole time in 0..kCsvMaxTime. False when f is not one.
+// A value of a data line: a decimal or a whole number within lo..hi (a leading '+'
+// allowed; nan and inf are refused), or a whole time in 0..kCsvMaxTime without a sign.
+// False when f is not one.
 constexpr int64_t kCsvMaxTime = int64_t{1} << 53;  // a double holds every whole number up to it
 bool csv_number(const std::string &f, double lo, double hi, double *out);
+bool csv_number(const std::string &f, long long lo, long long hi, long long *out);
 bool csv_time(const std::string &f, int64_t *out);
 // The shortest digits that read back to v.
 std::string shortest_text(double v);

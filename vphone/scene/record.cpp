@@ -1,6 +1,5 @@
 #include "vphone/scene/record.h"
 
-#include <charconv>
 #include <istream>
 #include <ostream>
 
@@ -11,13 +10,6 @@ namespace {
 
 constexpr const char *kMagic = "# kmxc raw record 1";
 constexpr const char *kColumns = "time_us,ms0,ms1,ms2,temperature,gs_x,gs_y,gs_z";
-
-bool to_int(const std::string &s, long long lo, long long hi, long long *out) {
-    const char *b = s.data(), *e = s.data() + s.size();
-    if (b != e && *b == '+') ++b;
-    const auto r = std::from_chars(b, e, *out);
-    return r.ec == std::errc() && r.ptr == e && b != e && *out >= lo && *out <= hi;
-}
 
 template <size_t N, typename T>
 void join(std::ostream &out, const char *key, const std::array<T, N> &v) {
@@ -54,7 +46,7 @@ std::string read_fields(const std::vector<std::string> &f, Array &v, long long l
         return "'" + f[0] + "' needs " + std::to_string(v.size()) + " values, found " + std::to_string(f.size() - 1);
     for (size_t i = 0; i < v.size(); ++i) {
         long long x = 0;
-        if (!to_int(f[i + 1], lo, hi, &x))
+        if (!csv_number(f[i + 1], lo, hi, &x))
             return "'" + f[0] + "' value " + std::to_string(i + 1) + " ('" + f[i + 1] + "') is not a whole number in " +
                    std::to_string(lo) + ".." + std::to_string(hi);
         v[i] = static_cast<typename Array::value_type>(x);
@@ -110,10 +102,10 @@ struct RecordReader {
         if (f.size() != 8) return "expected 8 values, found " + std::to_string(f.size());
         static const char *names[8] = {"time_us", "ms0", "ms1", "ms2", "temperature", "gs_x", "gs_y", "gs_z"};
         static const long long lo[8] = {0, 0, 0, 0, 0, -32768, -32768, -32768};
-        static const long long hi[8] = {(1LL << 53), 2047, 2047, 2047, 2047, 32767, 32767, 32767};
+        static const long long hi[8] = {kCsvMaxTime, 2047, 2047, 2047, 2047, 32767, 32767, 32767};
         long long v[8];
         for (int i = 0; i < 8; ++i)
-            if (!to_int(f[i], lo[i], hi[i], &v[i]))
+            if (!csv_number(f[i], lo[i], hi[i], &v[i]))
                 return std::string(names[i]) + " '" + f[i] + "' is not a whole number in " + std::to_string(lo[i]) +
                        ".." + std::to_string(hi[i]);
         RecordRow r;
