@@ -67,67 +67,49 @@ TEST(FieldLog, WrittenLogsParseBackExactly) {
             }
 }
 
-constexpr const char *kHead = "# kmxc field log 1\ntime_us,mag_x,mag_y,mag_z,accel_x,accel_y,accel_z\n";
-constexpr const char *kRow = "0,10,20,-30,0,0,9.8\n";
-
 // What a phone's logger may write beyond ours: blanks, comments, a plus sign, exponents,
 // a temperature column, a reference; accelerations whose median length is just within
 // what a log in m/s^2 shows, and a field weak enough to note that it may be in gauss.
-TEST(FieldLog, ReadsWhatAPhonesLoggerWrites) {
+// What is not a log is refused with the line and the problem.
+TEST(FieldLog, LogsAreReadAsAPhonesLoggerWritesThemOrRefusedWithTheLineAndTheProblem) {
+    const std::string columns = "# kmxc field log 1\ntime_us,mag_x,mag_y,mag_z,accel_x,accel_y,accel_z",
+                      ref = ",ref_x,ref_y,ref_z,ref_w", head = columns + "\n",
+                      temperature_head = columns + ",temperature\n", ref_head = columns + ref + "\n";
+    const std::string row = "0,10,20,-30,0,0,9.8\n";
+    // error_part "": read, its last row `last` (the default temperature where none is
+    // logged), with a warning naming warning_part if any.
     const struct {
-        const char *name, *text;
-        FieldLogRow last;
+        const char *name;
+        std::string text;
+        const char *error_part;
+        FieldLogRow last{};
         const char *warning_part = "";
     } cases[] = {
         {"blanks, comments and empty lines",
          "# kmxc field log 1\n# from a phone\n\ntime_us,mag_x,mag_y,mag_z,accel_x,accel_y,accel_z\n"
          " 7 , 21.5 ,\t-20,+30 , 0.25,-0.5,9.75\n",
-         {7, {21.5, -20, 30}, {0.25, -0.5, 9.75}, kFieldLogTemperatureC}},
+         "",
+         {7, {21.5, -20, 30}, {0.25, -0.5, 9.75}}},
         {"exponents and the limits",
-         "# kmxc field log 1\ntime_us,mag_x,mag_y,mag_z,accel_x,accel_y,accel_z\n"
-         "0,20,0,0,0,0,9.8\n1,20,0,0,0,0,9.8\n9007199254740992,2e3,-2000,1e-3,78.4532,-78.4532,0\n",
-         {int64_t{1} << 53, {2000, -2000, 0.001}, {78.4532, -78.4532, 0}, kFieldLogTemperatureC}},
-        {"accelerations of half g's median length",
-         "# kmxc field log 1\ntime_us,mag_x,mag_y,mag_z,accel_x,accel_y,accel_z\n0,0,0,10,0,0,4.9034\n",
-         {0, {0, 0, 10}, {0, 0, 4.9034}, kFieldLogTemperatureC}},
-        {"accelerations of twice g's, a field in gauss",
-         "# kmxc field log 1\ntime_us,mag_x,mag_y,mag_z,accel_x,accel_y,accel_z\n0,0.2,0.1,-0.4,0,-19.6132,0\n",
-         {0, {0.2, 0.1, -0.4}, {0, -19.6132, 0}, kFieldLogTemperatureC},
+         head + "0,20,0,0,0,0,9.8\n1,20,0,0,0,0,9.8\n9007199254740992,2e3,-2000,1e-3,78.4532,-78.4532,0\n",
+         "",
+         {int64_t{1} << 53, {2000, -2000, 0.001}, {78.4532, -78.4532, 0}}},
+        {"a median acceleration of half g", head + "0,0,0,10,0,0,4.9034\n", "", {0, {0, 0, 10}, {0, 0, 4.9034}}},
+        {"a median acceleration of twice g, a field in gauss",
+         head + "0,0.2,0.1,-0.4,0,-19.6132,0\n",
+         "",
+         {0, {0.2, 0.1, -0.4}, {0, -19.6132, 0}},
          "the field's median strength is 0.46 uT, where the Earth's is 25 to 65: is the log in gauss"},
-        {"a field just above the floor for a note",
-         "# kmxc field log 1\ntime_us,mag_x,mag_y,mag_z,accel_x,accel_y,accel_z\n0,6,8,0.01,0,0,9.8\n",
-         {0, {6, 8, 0.01}, {0, 0, 9.8}, kFieldLogTemperatureC}},
-        {"a temperature column",
-         "# kmxc field log 1\ntime_us,mag_x,mag_y,mag_z,accel_x,accel_y,accel_z,temperature\n0,10,20,30,4,5,6,-40\n",
-         {0, {10, 20, 30}, {4, 5, 6}, -40}},
+        {"a field just above the floor for a note", head + "0,6,8,0.01,0,0,9.8\n", "", {0, {6, 8, 0.01}, {0, 0, 9.8}}},
+        {"a temperature column", temperature_head + "0,10,20,30,4,5,6,-40\n", "", {0, {10, 20, 30}, {4, 5, 6}, -40}},
         {"a reference a float's digits short of unit length, kept as logged",
-         "# kmxc field log 1\ntime_us,mag_x,mag_y,mag_z,accel_x,accel_y,accel_z,ref_x,ref_y,ref_z,ref_w\n"
-         "0,10,20,30,4,5,6,0,0,0.7071068,0.7071068\n",
+         ref_head + "0,10,20,30,4,5,6,0,0,0.7071068,0.7071068\n",
+         "",
          {0, {10, 20, 30}, {4, 5, 6}, kFieldLogTemperatureC, {0, 0, 0.7071068, 0.7071068}}},
         {"both columns, the reference at the tolerance",
-         "# kmxc field log 1\ntime_us,mag_x,mag_y,mag_z,accel_x,accel_y,accel_z,temperature,ref_x,ref_y,ref_z,ref_w\n"
-         "0,10,20,30,4,5,6,30,0,0,-1.009,0\n",
+         columns + ",temperature" + ref + "\n0,10,20,30,4,5,6,30,0,0,-1.009,0\n",
+         "",
          {0, {10, 20, 30}, {4, 5, 6}, 30, {0, 0, -1.009, 0}}},
-    };
-    for (const auto &c : cases) {
-        const ParsedFieldLog p = parse(c.text);
-        ASSERT_TRUE(p.ok) << c.name << ": " << p.error;
-        EXPECT_EQ(p.log.rows.back(), c.last) << c.name;
-        if (*c.warning_part == '\0') {
-            EXPECT_EQ(p.warning, "") << c.name;
-        } else {
-            EXPECT_NE(p.warning.find(c.warning_part), std::string::npos) << c.name << ": got '" << p.warning << "'";
-        }
-    }
-}
-
-TEST(FieldLog, MalformedLogsAreRefusedWithTheLineAndTheProblem) {
-    const std::string head = kHead;
-    const struct {
-        const char *name;
-        std::string text;
-        const char *error_part;
-    } cases[] = {
         {"empty", "", "empty file"},
         {"a raw record", "# kmxc raw record 1\n", "line 1: not a field log"},
         {"other columns", "# kmxc field log 1\ntime_us,mag_x,mag_y,mag_z\n", "line 2: the column line must be"},
@@ -137,7 +119,7 @@ TEST(FieldLog, MalformedLogsAreRefusedWithTheLineAndTheProblem) {
         {"a temperature the columns do not name", head + "0,1,2,3,4,5,6,25\n", "expected 7 values, found 8"},
         {"a time with a fraction", head + "0.5,1,2,3,4,5,6\n", "time_us '0.5'"},
         {"a negative time", head + "-1,1,2,3,4,5,6\n", "time_us '-1'"},
-        {"time standing still", head + kRow + kRow, "line 4: time_us 0 does not increase"},
+        {"time standing still", head + row + row, "line 4: time_us 0 does not increase"},
         {"time running back", head + "5,1,2,3,4,5,6\n4,1,2,3,4,5,6\n", "line 4: time_us 4 does not increase"},
         {"a field beyond the limit", head + "0,2000.001,2,3,4,5,6\n",
          "mag_x '2000.001' is not a number in -2000..2000"},
@@ -147,38 +129,31 @@ TEST(FieldLog, MalformedLogsAreRefusedWithTheLineAndTheProblem) {
         {"an empty value", head + "0,1,2,,4,5,6\n", "mag_z ''"},
         {"trailing text", head + "0,1,2,3,4,5,6x\n", "accel_z '6x'"},
         {"a comment after the values", head + "0,1,2,3,4,5,6 # note\n", "accel_z '6#note'"},
-        {"a temperature beyond 85 C",
-         "# kmxc field log 1\ntime_us,mag_x,mag_y,mag_z,accel_x,accel_y,accel_z,temperature\n0,1,2,3,4,5,6,85.5\n",
+        {"a temperature beyond 85 C", temperature_head + "0,1,2,3,4,5,6,85.5\n",
          "temperature '85.5' is not a number in -40..85"},
         {"accelerations in g", head + "0,1,2,3,0,0,1\n1,1,2,3,0,0.1,0.99\n2,1,2,3,0,0,1.01\n",
          "line 5: the accelerations' median length is 1.00 m/s^2, where a phone reads gravity's 9.81 most of the "
          "time: is the log in g (times 9.80665 is m/s^2)?"},
         {"accelerations just under half g's length", head + "0,1,2,3,0,4.9032,0\n", "median length is 4.90 m/s^2"},
         {"accelerations just over twice g's length", head + "0,1,2,3,-19.6134,0,0\n", "median length is 19.61 m/s^2"},
-        {"the reference before the temperature",
-         "# kmxc field log 1\ntime_us,mag_x,mag_y,mag_z,accel_x,accel_y,accel_z,ref_x,ref_y,ref_z,ref_w,temperature\n",
-         "line 2: the column line must be"},
-        {"a reference of three values",
-         "# kmxc field log 1\ntime_us,mag_x,mag_y,mag_z,accel_x,accel_y,accel_z,ref_x,ref_y,ref_z,ref_w\n"
-         "0,1,2,3,4,5,6,0,0,1\n",
-         "line 3: expected 11 values, found 10"},
-        {"a reference longer than the tolerance",
-         "# kmxc field log 1\ntime_us,mag_x,mag_y,mag_z,accel_x,accel_y,accel_z,ref_x,ref_y,ref_z,ref_w\n"
-         "0,1,2,3,4,5,6,0.6,0,0,0.8131\n",
+        {"the reference before the temperature", columns + ref + ",temperature\n", "line 2: the column line must be"},
+        {"a reference of three values", ref_head + "0,1,2,3,4,5,6,0,0,1\n", "line 3: expected 11 values, found 10"},
+        {"a reference longer than the tolerance", ref_head + "0,1,2,3,4,5,6,0.6,0,0,0.8131\n",
          "ref_x..ref_w is not a unit quaternion: its length is 1.0105"},
-        {"a reference shorter than the tolerance",
-         "# kmxc field log 1\ntime_us,mag_x,mag_y,mag_z,accel_x,accel_y,accel_z,ref_x,ref_y,ref_z,ref_w\n"
-         "0,1,2,3,4,5,6,0,0.5,0.5,0.6921\n",
+        {"a reference shorter than the tolerance", ref_head + "0,1,2,3,4,5,6,0,0.5,0.5,0.6921\n",
          "its length is 0.9894"},
-        {"a reference component beyond the tolerance",
-         "# kmxc field log 1\ntime_us,mag_x,mag_y,mag_z,accel_x,accel_y,accel_z,ref_x,ref_y,ref_z,ref_w\n"
-         "0,1,2,3,4,5,6,0,0,0,1.0101\n",
+        {"a reference component beyond the tolerance", ref_head + "0,1,2,3,4,5,6,0,0,0,1.0101\n",
          "ref_w '1.0101' is not a number in -1.01..1.01"},
     };
     for (const auto &c : cases) {
+        SCOPED_TRACE(c.name);
         const ParsedFieldLog p = parse(c.text);
-        EXPECT_FALSE(p.ok) << c.name;
-        EXPECT_NE(p.error.find(c.error_part), std::string::npos) << c.name << ": got '" << p.error << "'";
+        EXPECT_EQ(p.ok, *c.error_part == '\0') << p.error;
+        EXPECT_NE(p.error.find(c.error_part), std::string::npos) << "got '" << p.error << "'";
+        if (!p.ok) continue;
+        EXPECT_EQ(p.log.rows.back(), c.last);
+        EXPECT_EQ(p.warning.empty(), *c.warning_part == '\0') << p.warning;
+        EXPECT_NE(p.warning.find(c.warning_part), std::string::npos) << "got '" << p.warning << "'";
     }
 }
 
