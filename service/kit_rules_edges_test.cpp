@@ -47,36 +47,6 @@ TEST(KitRuleEdges, TheGateOpensAtExactlyItsDistanceFromEachOfTheLastFewFed) {
     }
 }
 
-// 0.4 uT per count: 10 uT is 25 counts, 100 uT is 250; the strength anomaly is more
-// than 150 thousandths from the reference. The dip is judged only in steady gravity: |g|
-// within 60 thousandths of 4096 counts, so 3851..4341, and its direction steady (an
-// acceleration may have turned it).
-TEST(KitRuleEdges, AnomaliesStartJustPastTheirLimitsAndTheDipOnlyInSteadyGravity) {
-    constexpr uint8_t kRange = KMXC_SERVICE_ANOMALY_RANGE, kStrength = KMXC_SERVICE_ANOMALY_STRENGTH,
-                      kDip = KMXC_SERVICE_ANOMALY_DIP;
-    const struct {
-        int32_t reference, strength;  // counts (reference 0: none)
-        uint8_t causes;
-        int32_t gravity;  // |g|, counts
-        bool tilt_steady;
-        int32_t dip;  // permille (the reference's: 0)
-    } cases[] = {
-        {0, 25, 0, 4096, true, 0},       {0, 24, kRange, 4096, true, 0},       {0, 250, 0, 4096, true, 0},
-        {0, 251, kRange, 4096, true, 0}, {200, 230, 0, 4096, true, 0},         {200, 231, kStrength, 4096, true, 0},
-        {200, 170, 0, 4096, true, 0},    {200, 169, kStrength, 4096, true, 0}, {200, 200, kDip, 4341, true, 500},
-        {200, 200, 0, 4342, true, 500},  {200, 200, kDip, 3851, true, 500},    {200, 200, 0, 3850, true, 500},
-        {200, 200, 0, 4096, false, 500}};
-    for (const auto &c : cases) {
-        g_state = State{};
-        g_state.reference = g_state.ref_dip_valid = c.reference != 0;
-        g_state.ref_strength = c.reference;
-        g_state.tilt_steady = c.tilt_steady;
-        EXPECT_EQ(anomaly_of(Vec3{0, 0, -c.gravity}, c.strength, c.dip), c.causes)
-            << "reference " << c.reference << ", strength " << c.strength << ", |g| " << c.gravity
-            << (c.tilt_steady ? "" : ", unsteady");
-    }
-}
-
 // A fit's accuracy, save and strength band follow its batch's worst deviation from the
 // mean strength (200 counts here: five thousandths per count either side): up to 40
 // thousandths high, up to 80 medium, beyond that low and not saved; the band is thrice
@@ -308,14 +278,9 @@ TEST(KitRuleEdges, TheAttitudeTakesTheRecentGravityOnlyInAVehiclesMount) {
     }
 }
 
-// ---- Gravity: its steady tilt, the dip's angle and the persistence of dip anomalies ----
+// ---- Gravity's steady tilt, the anomalies' limits, and their persistence -------------
 
 constexpr double kPi = 3.14159265358979323846;
-
-void start_kit(uint32_t rate_hz) {
-    g_state = State{};
-    g_state.rate_hz = rate_hz;
-}
 
 // Gravity of `scale` g tilted by `deg` from straight down (about x).
 Vec3 tilted(double deg, double scale = 1) {
@@ -339,7 +304,8 @@ TEST(KitTilt, GravityIsSteadyWithinItsAngleOfTheRunningMeanAndWithinTheLengthBan
         {"10 degrees off, held: the mean after a few time constants", 10, 1, 30, true},
     };
     for (const auto &c : cases) {
-        start_kit(10);
+        g_state = State{};
+        g_state.rate_hz = 10;
         for (int i = 0; i < 50; ++i) track_tilt(tilted(0));
         for (int i = 0; i <= c.held; ++i) track_tilt(tilted(c.jump_deg, c.scale));
         EXPECT_EQ(g_state.tilt_steady, c.steady) << c.name;
@@ -349,12 +315,8 @@ TEST(KitTilt, GravityIsSteadyWithinItsAngleOfTheRunningMeanAndWithinTheLengthBan
 // The kit trusting an offset whose reference angle between field and gravity is
 // `cdeg` (3000: a 60-degree dip), strength 120 counts.
 void trusted_at(int32_t cdeg) {
-    start_kit(10);
-    g_state.offset_trusted = true;
-    g_state.base_accuracy = KMXC_SERVICE_HIGH;
-    g_state.reference = true;
-    g_state.ref_strength = 120;
-    g_state.ref_dip_valid = true;
+    g_state = State{};
+    g_state.rate_hz = 10;
     g_state.reference_known = true;
     g_state.reference_strength_counts = 120;
     g_state.reference_dip_cdeg = 9000 - cdeg;
@@ -365,23 +327,42 @@ void trusted_at(int32_t cdeg) {
 
 int32_t dip_permille(double deg) { return static_cast<int32_t>(1000 * std::cos(deg * kPi / 180)); }
 
-// At a steep field (an 84-degree dip: 6 degrees from gravity) the cosine moves by 0.005
-// for 6 degrees, 0.12 of it would hide a whole 20: the angle still tells.
-TEST(KitDip, TheDipIsJudgedAsAnAngleSixDegreesEitherWayAtAnyDip) {
+// 0.4 uT per count: 10 uT is 25 counts, 100 uT is 250; the strength anomaly is more
+// than 150 thousandths from the reference (of 120 counts: 102..138 inside). The dip is
+// judged as an angle, six degrees either way of the reference's: at a steep field (an
+// 84-degree dip: 6 degrees from gravity) the cosine moves by 0.005 for 6 degrees, 0.12 of
+// it would hide a whole 20. It is judged only in steady gravity: |g| within 60
+// thousandths of 4096 counts, so 3851..4341, and its direction steady (an acceleration
+// may have turned it).
+TEST(KitRuleEdges, AnomaliesStartJustPastTheirLimitsAndTheDipOnlyInSteadyGravity) {
+    constexpr uint8_t kRange = KMXC_SERVICE_ANOMALY_RANGE, kStrength = KMXC_SERVICE_ANOMALY_STRENGTH,
+                      kDip = KMXC_SERVICE_ANOMALY_DIP;
     const struct {
-        const char *name;
-        int32_t reference_cdeg;  // the reference angle between field and gravity
-        double angle_deg;
-        bool anomaly;
+        int32_t reference_cdeg;  // the reference angle between field and gravity (0: no reference)
+        int32_t strength;        // counts
+        double angle_deg;        // between field and gravity
+        int32_t gravity;         // |g|, counts
+        bool tilt_steady;
+        uint8_t causes;
     } cases[] = {
-        {"5.8 degrees steeper", 3000, 24.2, false},           {"6.3 degrees steeper", 3000, 23.7, true},
-        {"5.8 degrees flatter", 3000, 35.8, false},           {"6.3 degrees flatter", 3000, 36.3, true},
-        {"a steep field, 5 degrees flatter", 600, 11, false}, {"a steep field, 7 degrees flatter", 600, 13, true},
+        {0, 25, 0, 4096, true, 0},         {0, 24, 0, 4096, true, kRange},
+        {0, 250, 0, 4096, true, 0},        {0, 251, 0, 4096, true, kRange},
+        {3000, 138, 30, 4096, true, 0},    {3000, 139, 30, 4096, true, kStrength},
+        {3000, 102, 30, 4096, true, 0},    {3000, 101, 30, 4096, true, kStrength},
+        {3000, 120, 24.2, 4096, true, 0},  {3000, 120, 23.7, 4096, true, kDip},
+        {3000, 120, 35.8, 4096, true, 0},  {3000, 120, 36.3, 4096, true, kDip},
+        {600, 120, 11, 4096, true, 0},     {600, 120, 13, 4096, true, kDip},
+        {3000, 120, 40, 4341, true, kDip}, {3000, 120, 40, 4342, true, 0},
+        {3000, 120, 40, 3851, true, kDip}, {3000, 120, 40, 3850, true, 0},
+        {3000, 120, 40, 4096, false, 0},
     };
     for (const auto &c : cases) {
         trusted_at(c.reference_cdeg);
-        const uint8_t causes = anomaly_of(Vec3{0, 0, -4096}, 120, dip_permille(c.angle_deg));
-        EXPECT_EQ((causes & KMXC_SERVICE_ANOMALY_DIP) != 0, c.anomaly) << c.name;
+        g_state.reference = c.reference_cdeg != 0;
+        g_state.tilt_steady = c.tilt_steady;
+        EXPECT_EQ(anomaly_of(Vec3{0, 0, -c.gravity}, c.strength, dip_permille(c.angle_deg)), c.causes)
+            << "reference " << c.reference_cdeg << " cdeg, strength " << c.strength << ", angle " << c.angle_deg
+            << ", |g| " << c.gravity << (c.tilt_steady ? "" : ", unsteady");
     }
 }
 
