@@ -20,8 +20,9 @@ using namespace kit_file_test;
 // never applied.
 TEST_F(Kit, EveryStartOutcomeIsReportedByNameAndActedOn) {
     const std::string outside = dir_ + "-outside";
-    // A kit file of the stored record: a soft-iron correction (row-major below) and the store's coverage.
-    const std::string kit_for_stored = "1,16,16,16,45,-31,24,17000,300,0,16000,-200,16384,0,0,0,5,0,1546463952";
+    // A kit file of the stored record: a soft-iron correction (row-major below), references
+    // and the store's coverage.
+    const std::string kit_for_stored = "1,16,16,16,45,-31,24,17000,300,0,16000,-200,16384,120,6000,1,5,0,3852487996";
     const int16_t kit_w[9] = {17000, 300, 0, 300, 16000, -200, 0, -200, 16384};
     const auto link = [&](const char *phone) { std::filesystem::create_symlink(outside, vphone::host_path(phone)); };
     const auto kit_file = [&](const std::string &text) { vphone::write_file(kKitCfg, text); };
@@ -69,6 +70,10 @@ TEST_F(Kit, EveryStartOutcomeIsReportedByNameAndActedOn) {
         {"implausible gravity", "16,16,16,0,0,-2147483648,45,-31,24", nullptr,
          KMXC_SERVICE_FILE_LOADED | KMXC_SERVICE_FILE_IMPLAUSIBLE, KMXC_SERVICE_KIT_FILE_ABSENT, 1, 0, 0, true,
          "implausible values (gravity offset)", kStored},
+        // (Start saves the record again: the kit file it writes holds what it loaded.)
+        {"implausible gravity, with its kit file", "16,16,16,0,0,-2147483648,45,-31,24",
+         [&] { kit_file(kit_for_stored); }, KMXC_SERVICE_FILE_LOADED | KMXC_SERVICE_FILE_IMPLAUSIBLE,
+         KMXC_SERVICE_KIT_FILE_LOADED, 1, 0, 0, true, "implausible values (gravity offset)", kStored},
         {"implausible rough offset", "32,16,16,0,0,0,45,-31,24", nullptr,
          KMXC_SERVICE_FILE_LOADED | KMXC_SERVICE_FILE_IMPLAUSIBLE, KMXC_SERVICE_KIT_FILE_ABSENT, 1, 0, 0, false,
          "implausible values (rough offset, magnetic offset)", kReset},
@@ -83,7 +88,7 @@ TEST_F(Kit, EveryStartOutcomeIsReportedByNameAndActedOn) {
         std::filesystem::remove_all(outside);
         if (c.cfg != nullptr) vphone::write_file(kCfg, c.cfg);
         if (c.setup) c.setup();
-        const std::string before = text_of(kCfg);
+        const std::string before = text_of(kCfg), kit_before = text_of(kKitCfg);
         vphone::StderrCapture err;
         const Trace r = run(scenario("still"), 10, 0.5);
         const std::string said = err.text();
@@ -107,6 +112,7 @@ TEST_F(Kit, EveryStartOutcomeIsReportedByNameAndActedOn) {
         const bool kit = c.kit_file == KMXC_SERVICE_KIT_FILE_LOADED;
         for (int i = 0; i < 9; ++i) EXPECT_EQ(r.start.soft_iron_q14[i], kit ? kit_w[i] : i % 4 == 0 ? 16384 : 0) << i;
         EXPECT_EQ(r.events.front().coverage_cells, kit ? 5 : 0);
+        if (kit) { EXPECT_EQ(text_of(kKitCfg), kit_before); }
         KmxAxesData gravity_offset;
         KmxAxesLibGetGsOffset(&gravity_offset);
         EXPECT_EQ(gravity_offset.z, 0);
