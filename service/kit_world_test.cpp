@@ -47,7 +47,6 @@ Tally tally(const Trace &r, uint8_t lo, uint8_t hi, double off_deg, bool planar_
 // beyond 3 sigma (6 degrees), of the medium ones at most a quarter beyond 15 (with the
 // error predicted from noise alone: 6 in 10 and every one).
 TEST_F(Kit, SoftIronIsNotTrustedAsAnOffsetBeforeTheSamplesGoRound) {
-    vphone::remove_file(kCfg);
     const Trace r = run({.name = "slow", .soft_iron = {1.0, 1.08, 0.90, 0, 0, -0.07}}, 10);
     const Tally high = tally(r, KMXC_SERVICE_HIGH, KMXC_SERVICE_HIGH, 6);
     const Tally medium = tally(r, KMXC_SERVICE_MEDIUM, KMXC_SERVICE_MEDIUM, 15);
@@ -121,7 +120,6 @@ TEST_F(Kit, WithoutAThreeDimensionalFitNothingIsTrustedOrSaved) {
 // 123); the planar estimate without a reference now needs its axis within the mount's
 // allowance of the mean gravity, and every low planar heading here is within 30.
 TEST_F(Kit, AHandsCircleAboutAnAxisOtherThanTheVerticalGivesNoPlanarHeading) {
-    vphone::remove_file(kCfg);
     const ScenarioSettings s{.name = "browse", .hard_iron_uT = {150, -120, 90}, .seed = 3};
     EXPECT_EQ(tally(run(s, 10), KMXC_SERVICE_LOW, KMXC_SERVICE_HIGH, 30, true).off, 0);
 }
@@ -132,7 +130,6 @@ TEST_F(Kit, AHandsCircleAboutAnAxisOtherThanTheVerticalGivesNoPlanarHeading) {
 // (3.6 degrees RMS at medium, 15 samples beyond 15 at 50 Hz): with no acceleration held
 // to show a vehicle, the attitude keeps the measured gravity.
 TEST_F(Kit, APhoneTurnedWithAWalkerKeepsItsOwnGravity) {
-    vphone::remove_file(kCfg);
     const Trace r = run({.name = "browse", .seed = 5}, 10);
     EXPECT_EQ(std::count_if(r.events.begin(), r.events.end(),
                             [](const auto &e) { return (e.flags & KMXC_SERVICE_MOUNT_GRAVITY) != 0; }),
@@ -227,7 +224,6 @@ TEST_F(Kit, ACirclesOffsetIsLowOnlyWhileItsUndeterminedAxisStaysVertical) {
 // medium through the turns (123 of this drive's 4,117 medium and high samples, with the
 // 40-second mean). With the tilt's part in the heading's uncertainty they are low.
 TEST_F(Kit, AMountsMeanGravityAtASteepDipIsWorthNoMoreThanItsSlopesAllow) {
-    vphone::remove_file(kCfg);
     const Trace r = run({.name = "car", .inclination_deg = 75, .seed = 1, .car_field_uT = {0, 15, 15}}, 10);
     EXPECT_GT(std::count_if(r.events.begin(), r.events.end(),
                             [](const auto &e) { return (e.flags & KMXC_SERVICE_MOUNT_GRAVITY) != 0; }),
