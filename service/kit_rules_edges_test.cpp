@@ -25,6 +25,23 @@ void feed(std::initializer_list<Vec3> samples) {
     for (const Vec3 &m : samples) remember_fed(m, Vec3{0, 0, -4096});
 }
 
+constexpr double kPi = 3.14159265358979323846;
+
+// The kit trusting an offset whose reference angle between field and gravity is
+// `cdeg` (3000: a 60-degree dip), of `strength` counts.
+void trusted_at(int32_t cdeg, int32_t strength = 120) {
+    g_state = State{};
+    g_state.rate_hz = 10;
+    g_state.reference_known = true;
+    g_state.reference_strength_counts = strength;
+    g_state.reference_dip_cdeg = 9000 - cdeg;
+    trust_planar(KMXC_SERVICE_MEDIUM);  // sets the angle's bounds from the 3-D reference
+    g_state.base_accuracy = KMXC_SERVICE_HIGH;
+    g_state.tilt_steady = true;
+}
+
+int32_t dip_permille(double deg) { return static_cast<int32_t>(1000 * std::cos(deg * kPi / 180)); }
+
 TEST(KitRuleEdges, TheGateOpensAtExactlyItsDistanceFromEachOfTheLastFewFed) {
     const struct {
         const char *name;
@@ -84,12 +101,9 @@ TEST(KitRuleEdges, PastTheBandOrAnEpisodesHalfToleranceTheAccuracyIsHeldLowForTh
         for (const int32_t strength : {184, 185, 215, 216}) {
             SCOPED_TRACE(::testing::Message() << strength << (episode ? " in an episode" : " against a fit's band"));
             if (episode) {
-                g_state = State{};
-                g_state.offset_trusted = g_state.reference = g_state.in_anomaly = true;
-                g_state.base_accuracy = KMXC_SERVICE_HIGH;
+                trusted_at(9000, 200);  // the band the tolerance, the samples' angle the reference's
+                g_state.in_anomaly = true;
                 g_state.anomaly_level_cap = KMXC_SERVICE_LOW;
-                g_state.ref_strength = 200;
-                g_state.strength_band_permille = KMXC_SERVICE_STRENGTH_TOLERANCE_PERMILLE;
                 g_state.last_anomaly_ns = g_state.anomaly_since_ns = kSeen;  // a short episode: the trust stays
             } else {
                 feed({{195, 0, 0}, {0, 205, 0}});
@@ -280,8 +294,6 @@ TEST(KitRuleEdges, TheAttitudeTakesTheRecentGravityOnlyInAVehiclesMount) {
 
 // ---- Gravity's steady tilt, the anomalies' limits, and their persistence -------------
 
-constexpr double kPi = 3.14159265358979323846;
-
 // Gravity of `scale` g tilted by `deg` from straight down (about x).
 Vec3 tilted(double deg, double scale = 1) {
     return Vec3{0, int32_t(std::lround(4096 * scale * std::sin(deg * kPi / 180))),
@@ -311,21 +323,6 @@ TEST(KitTilt, GravityIsSteadyWithinItsAngleOfTheRunningMeanAndWithinTheLengthBan
         EXPECT_EQ(g_state.tilt_steady, c.steady) << c.name;
     }
 }
-
-// The kit trusting an offset whose reference angle between field and gravity is
-// `cdeg` (3000: a 60-degree dip), strength 120 counts.
-void trusted_at(int32_t cdeg) {
-    g_state = State{};
-    g_state.rate_hz = 10;
-    g_state.reference_known = true;
-    g_state.reference_strength_counts = 120;
-    g_state.reference_dip_cdeg = 9000 - cdeg;
-    trust_planar(KMXC_SERVICE_MEDIUM);  // sets the angle's bounds from the 3-D reference
-    g_state.base_accuracy = KMXC_SERVICE_HIGH;
-    g_state.tilt_steady = true;
-}
-
-int32_t dip_permille(double deg) { return static_cast<int32_t>(1000 * std::cos(deg * kPi / 180)); }
 
 // 0.4 uT per count: 10 uT is 25 counts, 100 uT is 250; the strength anomaly is more
 // than 150 thousandths from the reference (of 120 counts: 102..138 inside). The dip is
