@@ -100,11 +100,8 @@ TEST_F(Kit, EveryStartOutcomeIsReportedByNameAndActedOn) {
         EXPECT_EQ(r.start.file_error, c.error);
         EXPECT_EQ(r.start.offset_loaded, c.loaded ? 1 : 0);
         EXPECT_EQ(r.start.file_repaired, (c.file & KMXC_SERVICE_FILE_GARBLED) ? 1 : 0);
-        if (*c.said == '\0') {
-            EXPECT_EQ(said, "");
-        } else {
-            EXPECT_NE(said.find(c.said), std::string::npos) << said;
-        }
+        EXPECT_EQ(said.empty(), *c.said == '\0') << said;
+        EXPECT_NE(said.find(c.said), std::string::npos) << said;
         EXPECT_EQ(text_of(kCfg), c.cfg_after != nullptr ? c.cfg_after : before);
         EXPECT_FALSE(std::filesystem::exists(outside)) << "written through a link";
         EXPECT_FALSE(vphone::exists(kBackup));

@@ -128,23 +128,21 @@ std::string with_field(const std::string &line, int i, const std::string &value)
     return summed(body);
 }
 
-TEST(KitStore, TheKitLineReadsBackAndBelongsToItsRecord) {
+// A kit line belongs to the record of its rough and magnetic offsets. Each field at the
+// edge of its range (the checksum made right, so only the range decides); a wrong
+// checksum, version or length is never a record. A record reads back as itself from a
+// buffer of exactly its length (no terminator: what lies beyond is not the line's), with
+// a line end, and from one that goes on past the length it is given.
+TEST(KitStore, AKitLineBelongsToItsRecordAndEveryFieldIsCheckedAtItsEdges) {
     const CalibRecord calib{{16, 15, 17}, {3, 4, 5}, {45, -31, 24}};
-    KitRecord k = default_kit(calib);
-    EXPECT_EQ(kit_text(k).substr(0, 49), "1,16,15,17,45,-31,24,16384,0,0,16384,0,16384,0,0,");
-    EXPECT_TRUE(kit_belongs_to(k, calib));
-    EXPECT_FALSE(kit_belongs_to(k, CalibRecord{{16, 15, 17}, {3, 4, 5}, {45, -31, 25}})) << "another magnetic offset";
-    EXPECT_FALSE(kit_belongs_to(k, CalibRecord{{16, 15, 18}, {3, 4, 5}, {45, -31, 24}})) << "another rough offset";
-    EXPECT_TRUE(kit_belongs_to(k, CalibRecord{{16, 15, 17}, {0, 4, 5}, {45, -31, 24}}))
+    const KitRecord kit = default_kit(calib);
+    const std::string base = kit_text(kit);
+    EXPECT_EQ(base.substr(0, 49), "1,16,15,17,45,-31,24,16384,0,0,16384,0,16384,0,0,");
+    EXPECT_TRUE(kit_belongs_to(kit, calib));
+    EXPECT_FALSE(kit_belongs_to(kit, CalibRecord{{16, 15, 17}, {3, 4, 5}, {45, -31, 25}})) << "another magnetic offset";
+    EXPECT_FALSE(kit_belongs_to(kit, CalibRecord{{16, 15, 18}, {3, 4, 5}, {45, -31, 24}})) << "another rough offset";
+    EXPECT_TRUE(kit_belongs_to(kit, CalibRecord{{16, 15, 17}, {0, 4, 5}, {45, -31, 24}}))
         << "another gravity offset: not the kit file's business";
-}
-
-// Each field at the edge of its range (the checksum made right, so only the range
-// decides); a wrong checksum, version or length is never a record. A record reads back
-// as itself from a buffer of exactly its length (no terminator: what lies beyond is not
-// the line's), with a line end, and from one that goes on past the length it is given.
-TEST(KitStore, EveryKitFieldIsCheckedAtItsEdges) {
-    const std::string base = kit_text(default_kit({{16, 16, 16}, {0, 0, 0}, {1, 2, 3}}));
     const std::string known = with_field(with_field(with_field(base, 15, "1"), 13, "100"), 14, "6000");
     const std::string one = std::to_string(KMXC_SERVICE_SOFT_IRON_ONE);
     const struct {
