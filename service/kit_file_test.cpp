@@ -27,6 +27,10 @@ TEST_F(Kit, EveryStartOutcomeIsReportedByNameAndActedOn) {
     const auto link = [&](const char *phone) { std::filesystem::create_symlink(outside, vphone::host_path(phone)); };
     const auto kit_file = [&](const std::string &text) { vphone::write_file(kKitCfg, text); };
     const char *kReset = "16,16,16,0,0,0,2147483647,2147483647,2147483647";
+    constexpr uint16_t kLoaded = KMXC_SERVICE_FILE_LOADED, kImplausible = KMXC_SERVICE_FILE_IMPLAUSIBLE,
+                       kReadOnly = KMXC_SERVICE_FILE_READ_ONLY, kUnreadable = KMXC_SERVICE_FILE_UNREADABLE,
+                       kNotRegular = KMXC_SERVICE_FILE_NOT_REGULAR;
+    constexpr uint8_t kKitAbsent = KMXC_SERVICE_KIT_FILE_ABSENT, kKitLoaded = KMXC_SERVICE_KIT_FILE_LOADED;
     const struct {
         const char *name;
         const char *cfg;  // the calibration file's text before (null: none, or the setup's)
@@ -38,48 +42,39 @@ TEST_F(Kit, EveryStartOutcomeIsReportedByNameAndActedOn) {
         const char *said;       // on stderr ("" nothing)
         const char *cfg_after;  // the calibration file after the start; null: as before
     } cases[] = {
-        {"absent", nullptr, nullptr, KMXC_SERVICE_FILE_ABSENT, KMXC_SERVICE_KIT_FILE_ABSENT, 1, 0, 0, false, "",
-         kReset},
-        {"loaded with its kit file", kStored, [&] { kit_file(kit_for_stored); }, KMXC_SERVICE_FILE_LOADED,
-         KMXC_SERVICE_KIT_FILE_LOADED, 0, 0, 0, true, "", nullptr},
-        {"kit file of another offset", "16,16,16,0,0,0,45,-31,25", [&] { kit_file(kit_for_stored); },
-         KMXC_SERVICE_FILE_LOADED, KMXC_SERVICE_KIT_FILE_MISMATCH, 0, 0, 0, true, "", nullptr},
-        {"kit file with a wrong checksum", kStored, [&] { kit_file(kit_for_stored + "1"); }, KMXC_SERVICE_FILE_LOADED,
+        {"absent", nullptr, nullptr, KMXC_SERVICE_FILE_ABSENT, kKitAbsent, 1, 0, 0, false, "", kReset},
+        {"loaded with its kit file", kStored, [&] { kit_file(kit_for_stored); }, kLoaded, kKitLoaded, 0, 0, 0, true, "",
+         nullptr},
+        {"kit file of another offset", "16,16,16,0,0,0,45,-31,25", [&] { kit_file(kit_for_stored); }, kLoaded,
+         KMXC_SERVICE_KIT_FILE_MISMATCH, 0, 0, 0, true, "", nullptr},
+        {"kit file with a wrong checksum", kStored, [&] { kit_file(kit_for_stored + "1"); }, kLoaded,
          KMXC_SERVICE_KIT_FILE_GARBLED, 0, 0, 0, true, "", nullptr},
         // (Start saves the record again: the kit file is never written while so.)
-        {"kit file a link", "16,16,16,0,0,-2147483648,45,-31,24", [&] { link(kKitCfg); },
-         KMXC_SERVICE_FILE_LOADED | KMXC_SERVICE_FILE_IMPLAUSIBLE, KMXC_SERVICE_KIT_FILE_REFUSED, 1, 1, 0, true,
-         "is a symbolic link", kStored},
-        {"unreadable", kStored, [] { vphone::fail_path(kCfg, Call::Open, EACCES); }, KMXC_SERVICE_FILE_UNREADABLE,
-         KMXC_SERVICE_KIT_FILE_ABSENT, 1, 1, EACCES, false, "cannot be read", nullptr},
+        {"kit file a link", "16,16,16,0,0,-2147483648,45,-31,24", [&] { link(kKitCfg); }, kLoaded | kImplausible,
+         KMXC_SERVICE_KIT_FILE_REFUSED, 1, 1, 0, true, "is a symbolic link", kStored},
+        {"unreadable", kStored, [] { vphone::fail_path(kCfg, Call::Open, EACCES); }, kUnreadable, kKitAbsent, 1, 1,
+         EACCES, false, "cannot be read", nullptr},
         // Opens, but cannot be read: still never replaced by a record made without it.
-        {"unreadable content", kStored, [] { vphone::fail_path(kCfg, Call::Read, EIO); }, KMXC_SERVICE_FILE_UNREADABLE,
-         KMXC_SERVICE_KIT_FILE_ABSENT, 1, 1, EIO, false, "cannot be read", nullptr},
-        {"a FIFO", nullptr, [] { ::mkfifo(vphone::host_path(kCfg).c_str(), 0600); }, KMXC_SERVICE_FILE_NOT_REGULAR,
-         KMXC_SERVICE_KIT_FILE_ABSENT, 1, 1, 0, false, "is a FIFO, not a regular file", nullptr},
-        {"a link", nullptr, [&] { link(kCfg); }, KMXC_SERVICE_FILE_NOT_REGULAR, KMXC_SERVICE_KIT_FILE_ABSENT, 1, 1, 0,
-         false, "is a symbolic link", nullptr},
-        {"read-only", kStored, [] { vphone::fail_path(kCfg, Call::Access, EROFS); },
-         KMXC_SERVICE_FILE_LOADED | KMXC_SERVICE_FILE_READ_ONLY, KMXC_SERVICE_KIT_FILE_ABSENT, 0, 0, EROFS, true,
-         "cannot be written", nullptr},
+        {"unreadable content", kStored, [] { vphone::fail_path(kCfg, Call::Read, EIO); }, kUnreadable, kKitAbsent, 1, 1,
+         EIO, false, "cannot be read", nullptr},
+        {"a FIFO", nullptr, [] { ::mkfifo(vphone::host_path(kCfg).c_str(), 0600); }, kNotRegular, kKitAbsent, 1, 1, 0,
+         false, "is a FIFO, not a regular file", nullptr},
+        {"a link", nullptr, [&] { link(kCfg); }, kNotRegular, kKitAbsent, 1, 1, 0, false, "is a symbolic link",
+         nullptr},
+        {"read-only", kStored, [] { vphone::fail_path(kCfg, Call::Access, EROFS); }, kLoaded | kReadOnly, kKitAbsent, 0,
+         0, EROFS, true, "cannot be written", nullptr},
         {"read-only directory", kStored, [] { vphone::fail_path("/misc/sensor", Call::Access, EACCES); },
-         KMXC_SERVICE_FILE_LOADED | KMXC_SERVICE_FILE_READ_ONLY, KMXC_SERVICE_KIT_FILE_ABSENT, 0, 0, EACCES, true,
-         "cannot be written", nullptr},
-        {"garbled", "16,16,16,0,0,0,1,2,3x", nullptr, KMXC_SERVICE_FILE_GARBLED, KMXC_SERVICE_KIT_FILE_ABSENT, 1, 0, 0,
-         false, "is not a calibration record", kReset},
-        {"implausible gravity", "16,16,16,0,0,-2147483648,45,-31,24", nullptr,
-         KMXC_SERVICE_FILE_LOADED | KMXC_SERVICE_FILE_IMPLAUSIBLE, KMXC_SERVICE_KIT_FILE_ABSENT, 1, 0, 0, true,
-         "implausible values (gravity offset)", kStored},
+         kLoaded | kReadOnly, kKitAbsent, 0, 0, EACCES, true, "cannot be written", nullptr},
+        {"garbled", "16,16,16,0,0,0,1,2,3x", nullptr, KMXC_SERVICE_FILE_GARBLED, kKitAbsent, 1, 0, 0, false,
+         "is not a calibration record", kReset},
         // (Start saves the record again: the kit file it writes holds what it loaded.)
-        {"implausible gravity, with its kit file", "16,16,16,0,0,-2147483648,45,-31,24",
-         [&] { kit_file(kit_for_stored); }, KMXC_SERVICE_FILE_LOADED | KMXC_SERVICE_FILE_IMPLAUSIBLE,
-         KMXC_SERVICE_KIT_FILE_LOADED, 1, 0, 0, true, "implausible values (gravity offset)", kStored},
-        {"implausible rough offset", "32,16,16,0,0,0,45,-31,24", nullptr,
-         KMXC_SERVICE_FILE_LOADED | KMXC_SERVICE_FILE_IMPLAUSIBLE, KMXC_SERVICE_KIT_FILE_ABSENT, 1, 0, 0, false,
-         "implausible values (rough offset, magnetic offset)", kReset},
+        {"implausible gravity", "16,16,16,0,0,-2147483648,45,-31,24", [&] { kit_file(kit_for_stored); },
+         kLoaded | kImplausible, kKitLoaded, 1, 0, 0, true, "implausible values (gravity offset)", kStored},
+        {"implausible rough offset", "32,16,16,0,0,0,45,-31,24", nullptr, kLoaded | kImplausible, kKitAbsent, 1, 0, 0,
+         false, "implausible values (rough offset, magnetic offset)", kReset},
         // (The stop tries again, and succeeds.)
         {"start's save fails", nullptr, [] { vphone::fail_call(Call::Rename, 1, ENOSPC); }, KMXC_SERVICE_FILE_ABSENT,
-         KMXC_SERVICE_KIT_FILE_ABSENT, 1, 1, ENOSPC, false, "failed at rename", kReset},
+         kKitAbsent, 1, 1, ENOSPC, false, "failed at rename", kReset},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
