@@ -28,11 +28,6 @@ KmxcServiceEvent idle(int n, bool fit_allowed = true, int64_t now = 1) {
     return e;
 }
 
-void trust(int8_t accuracy) {
-    g_state.offset_trusted = true;
-    g_state.base_accuracy = accuracy;
-}
-
 // ---- Admission and clearing -------------------------------------------------------------
 
 // A full store offered one sample while the kit may be in an anomaly: an anomaly that
@@ -82,12 +77,18 @@ TEST(KitEstimate, TheStoreKeepsAnomaliesOutUntilOneHasLastedItsPersistTimeAndEmp
 // Whether the store's sphere fit is trusted (high, medium) or refused follows how well
 // its samples determine the offset across gravity (what turns the heading of a phone
 // held as the samples were) and whether they agree. Gravity along z throughout: a cap
-// about z is a phone turned while held level. The soft iron an ellipsoid fit shows
-// scales the share of unmodelled soft iron every estimate carries: a store of a phone
-// with 10 % soft iron widens its own sphere's prior to what it shows, a round one keeps
-// the default. The same happens to the estimate in use when a later fit shows more.
-TEST(KitEstimate, DeterminacyAgreementAndTheSoftIronShownDecideHowFarASphereFitIsUsed) {
-    constexpr int32_t kDefault = KMXC_SERVICE_SOFT_IRON_PRIOR_PERMILLE;
+// about z is a phone turned while held level. The store is refitted only once enough
+// samples have joined, and not in a cycle where another fit ran (fits not allowed). A fit
+// waits cycles for its judgement while samples go on joining the store, and its
+// covariance is taken from the store as it is then: a sample that joined late counts in
+// its agreement as its own samples do (high within 40/1000 of their mean strength,
+// medium within 80, refused beyond). The soft iron an ellipsoid fit shows scales the
+// share of unmodelled soft iron every estimate carries: a store of a phone with 10 %
+// soft iron widens its own sphere's prior to what it shows, a round one keeps the
+// default. The same happens to the estimate in use when a later fit shows more.
+TEST(KitEstimate, DueJoinsDeterminacyAgreementAndTheSoftIronShownDecideHowFarASphereFitIsUsed) {
+    constexpr int32_t kDefault = KMXC_SERVICE_SOFT_IRON_PRIOR_PERMILLE, kNoLate = -1000;
+    constexpr int kJoins = KMXC_SERVICE_STORE_REFIT_JOINS;
     const struct {
         const char *name;
         int n;
@@ -95,7 +96,16 @@ TEST(KitEstimate, DeterminacyAgreementAndTheSoftIronShownDecideHowFarASphereFitI
         const double *soft;
         int8_t accuracy;                       // high or medium, or unreliable: refused
         int32_t prior_min = 0, prior_max = 0;  // the prior of the share, where it is checked
+        int32_t late = kNoLate;                // a late sample's strength from the fit's mean, permille
+        int joined = kJoins;
+        bool allowed = true;
     } cases[] = {
+        {"a join short: no fit", 40, 180, 0.4, kNoSoftIron, KMXC_SERVICE_UNRELIABLE, 0, 0, kNoLate, kJoins - 1},
+        {"fits not allowed: no fit", 40, 180, 0.4, kNoSoftIron, KMXC_SERVICE_UNRELIABLE, 0, 0, kNoLate, kJoins, false},
+        {"a late sample on the sphere: high", 40, 180, 0.4, kNoSoftIron, KMXC_SERVICE_HIGH, 0, 0, 0},
+        {"a late sample 60/1000 off: medium", 40, 180, 0.4, kNoSoftIron, KMXC_SERVICE_MEDIUM, 0, 0, 60},
+        {"a late sample 100/1000 off: refused", 40, 180, 0.4, kNoSoftIron, KMXC_SERVICE_UNRELIABLE, 0, 0, 100},
+        {"a late sample 100/1000 short: refused", 40, 180, 0.4, kNoSoftIron, KMXC_SERVICE_UNRELIABLE, 0, 0, -100},
         {"a 60-degree cap, little noise: determined, high, the default prior", 60, 60, 0.4, kNoSoftIron,
          KMXC_SERVICE_HIGH, kDefault, kDefault},
         {"a 35-degree cap, 2 counts of noise: the horizontal offset determined, high", 60, 35, 2, kNoSoftIron,
@@ -113,7 +123,22 @@ TEST(KitEstimate, DeterminacyAgreementAndTheSoftIronShownDecideHowFarASphereFitI
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
         fill(Vec3{0, 0, 0}, directions(c.n, c.cap_deg), kOffset, c.soft, c.noise);
-        step();
+        g_state.est.joined = static_cast<uint8_t>(c.joined);
+        idle(1, c.allowed);  // the fit
+        ASSERT_TRUE((c.allowed && c.joined >= kJoins) || !g_state.est.sphere_pending) << "no fit due";
+        if (c.late != kNoLate) {
+            // The newest slot now holds a sample that joined after the fit, along -x.
+            FieldStore &st = g_state.est.store;
+            const int newest = static_cast<int>(std::find(st.age, st.age + st.count, 0) - st.age);
+            const int32_t len = g_state.est.sphere.residual.mean_q4 * (1000 + c.late) / 16000;
+            st.sample[newest].m[0] = static_cast<int16_t>(g_state.est.sphere.offset.x - len);
+            st.sample[newest].m[1] = static_cast<int16_t>(g_state.est.sphere.offset.y);
+            st.sample[newest].m[2] = static_cast<int16_t>(g_state.est.sphere.offset.z);
+            g_state.est.joined = 1;
+        }
+        // The soft iron shown, its share in two; then its judgement.
+        EXPECT_FALSE(idle(3, c.allowed).flags & KMXC_SERVICE_KIT_ESTIMATE) << "judged in a cycle of its own";
+        idle(1, c.allowed);
         const bool trusted = c.accuracy != KMXC_SERVICE_UNRELIABLE;
         EXPECT_EQ(accuracy_now(1), c.accuracy);
         EXPECT_EQ(g_state.offset_trusted, trusted);
@@ -142,53 +167,6 @@ TEST(KitEstimate, DeterminacyAgreementAndTheSoftIronShownDecideHowFarASphereFitI
     g_state.est.shown_permille = 0;
     rescale_share(&g_state.est.cov);
     for (int k = 0; k < 6; ++k) EXPECT_EQ(g_state.est.cov.p_q8[k], wide.p_q8[k]) << k;
-}
-
-// The store is refitted only once enough samples have joined, and not in a cycle where
-// another fit ran (fits not allowed). A fit waits cycles for its judgement while samples
-// go on joining the store, and its covariance is taken from the store as it is then: a
-// sample that joined late counts in its agreement as its own samples do (high within
-// 40/1000 of their mean strength, medium within 80, refused beyond).
-TEST(KitEstimate, AFitFollowsEnoughJoinsAndASampleThatJoinedWhileItWaitedCountsInItsAgreement) {
-    const struct {
-        const char *name;
-        int joined;
-        bool allowed;
-        int32_t permille;  // the late sample's strength from the fit's mean
-        int8_t accuracy;
-    } cases[] = {
-        {"a join short: no fit", KMXC_SERVICE_STORE_REFIT_JOINS - 1, true, 0, KMXC_SERVICE_UNRELIABLE},
-        {"fits not allowed: no fit", KMXC_SERVICE_STORE_REFIT_JOINS, false, 0, KMXC_SERVICE_UNRELIABLE},
-        {"a late sample on the sphere: high", KMXC_SERVICE_STORE_REFIT_JOINS, true, 0, KMXC_SERVICE_HIGH},
-        {"60/1000 off: medium", KMXC_SERVICE_STORE_REFIT_JOINS, true, 60, KMXC_SERVICE_MEDIUM},
-        {"100/1000 off: refused", KMXC_SERVICE_STORE_REFIT_JOINS, true, 100, KMXC_SERVICE_UNRELIABLE},
-        {"100/1000 short: refused", KMXC_SERVICE_STORE_REFIT_JOINS, true, -100, KMXC_SERVICE_UNRELIABLE},
-    };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.name);
-        fill(Vec3{0, 0, 0}, directions(40), kOffset, kNoSoftIron, 0.4);
-        g_state.est.joined = static_cast<uint8_t>(c.joined);
-        idle(1, c.allowed);  // the fit
-        const bool fitted = c.allowed && c.joined >= KMXC_SERVICE_STORE_REFIT_JOINS;
-        ASSERT_EQ(g_state.est.sphere_pending, fitted);
-        if (fitted) {
-            // The newest slot now holds a sample that joined after the fit, along -x.
-            FieldStore &st = g_state.est.store;
-            const int newest = static_cast<int>(std::find(st.age, st.age + st.count, 0) - st.age);
-            const int32_t len = g_state.est.sphere.residual.mean_q4 * (1000 + c.permille) / 16000;
-            st.sample[newest].m[0] = static_cast<int16_t>(g_state.est.sphere.offset.x - len);
-            st.sample[newest].m[1] = static_cast<int16_t>(g_state.est.sphere.offset.y);
-            st.sample[newest].m[2] = static_cast<int16_t>(g_state.est.sphere.offset.z);
-            g_state.est.joined = 1;
-        }
-        // The soft iron shown, its share in two; then its judgement.
-        EXPECT_FALSE(idle(3, c.allowed).flags & KMXC_SERVICE_KIT_ESTIMATE) << "judged in a cycle of its own";
-        idle(1, c.allowed);
-        const bool trusted = c.accuracy != KMXC_SERVICE_UNRELIABLE;
-        EXPECT_EQ(accuracy_now(1), c.accuracy);
-        EXPECT_EQ(g_state.offset_trusted, trusted);
-        EXPECT_EQ(g_state.estimator, trusted ? KMXC_SERVICE_ESTIMATOR_STORE_SPHERE : KMXC_SERVICE_ESTIMATOR_NONE);
-    }
 }
 
 // A trusted offset is replaced by a store fit only when the recent samples agree with
@@ -226,7 +204,8 @@ TEST(KitEstimate, ATrustedOffsetGivesWayToAFitTheRecentSamplesPreferAndAStoreThe
             remember_fed(sample(d, kOffset, kNoSoftIron, noise, 0.3), kDown);
         }
         KmxAxesLibSetMsOffset(&in_use);
-        trust(KMXC_SERVICE_MEDIUM);
+        g_state.offset_trusted = true;
+        g_state.base_accuracy = KMXC_SERVICE_MEDIUM;
         g_state.estimator = KMXC_SERVICE_ESTIMATOR_LIBRARY;
         const KmxcServiceEvent e = step();
         EXPECT_EQ((e.flags & KMXC_SERVICE_KIT_ESTIMATE) != 0, c.replaced);
@@ -357,7 +336,8 @@ TEST(KitEstimate, ALibraryFitsBatchIsKnownAsWellAsItsOwnScatterSaysAndMustAgreeW
     const OffsetCovariance cap = ring(0.2, 60);
     EXPECT_GT(trace(cap.share_q8), 0.5 * trace(cap.p_q8)) << "the share on a cap";
     ring(0.3);
-    trust(KMXC_SERVICE_HIGH);
+    g_state.offset_trusted = true;
+    g_state.base_accuracy = KMXC_SERVICE_HIGH;
     const KmxAxesData off{kOffset.x + 30, kOffset.y, kOffset.z}, at{kOffset.x, kOffset.y, kOffset.z};
     EXPECT_FALSE(library_fit_preferred(off, kDown)) << "a fit 30 counts off: its batch disagrees";
     EXPECT_TRUE(library_fit_preferred(at, kDown)) << "a fit at the ring's offset";
@@ -396,17 +376,27 @@ double heading_variance(const int32_t p_q8[6], const Vec3 &v, const Vec3 &g, int
 // A phone held level (gravity along +z, the field 50 counts = 20 uT north along +y and
 // 80 counts down): magnetic east is +x, the horizontal field 50 counts, so an offset
 // error of s counts along x turns the heading by s / 50 rad. Each limit's variance along
-// x is (limit * 50)^2; the cases sit 2 % each side of it, with the directions that do not
+// x is (limit * 50)^2; its cases sit 2 % each side of it, with the directions that do not
 // turn the heading (north, down) left at the prior's 50 counts. Other attitudes, fields
-// and gravities: the comparison with the double formula below.
-TEST(KitEstimate, TheHeadingsUncertaintyAtThisAttitudeCapsTheAccuracy) {
+// and gravities: the integer cap against sigma_psi^2 = e^T P e |g|^2 / |e|^4 + t^2 (v.g)^2
+// / |e|^2 in double (t a tilt error per horizontal axis, tan(dip) = v.g / |e| times it;
+// none in half the draws) over random covariances (with cross terms), fields and
+// attitudes: the same level wherever the double variance is more than 5 % from a limit
+// (the integer one truncates e to 8 bits: up to 1 part in 128 per component, some 3 % of
+// the variance).
+TEST(KitEstimate, TheHeadingsUncertaintyCapsTheAccuracyAtEachLimitAndAsTheDoubleFormulaSays) {
+    const int limits[3] = {KMXC_SERVICE_HEADING_SIGMA_HIGH_CDEG, KMXC_SERVICE_HEADING_SIGMA_MEDIUM_CDEG,
+                           KMXC_SERVICE_HEADING_SIGMA_LOW_CDEG};
+    const int8_t levels[4] = {KMXC_SERVICE_HIGH, KMXC_SERVICE_MEDIUM, KMXC_SERVICE_LOW, KMXC_SERVICE_UNRELIABLE};
     const Vec3 level_g{0, 0, 4096}, level_v{0, 50, -80};
-    // East determined at f times the limit's variance, the rest at the prior.
-    const auto east = [](int cdeg, double f) {
-        return covariance({std::pow(limit_rad(cdeg) * 50, 2) * f, 0, 0, 2500, 0, 2500});
-    };
-    constexpr int kHigh = KMXC_SERVICE_HEADING_SIGMA_HIGH_CDEG, kMedium = KMXC_SERVICE_HEADING_SIGMA_MEDIUM_CDEG,
-                  kLow = KMXC_SERVICE_HEADING_SIGMA_LOW_CDEG;
+    for (int k = 0; k < 3; ++k) {
+        for (const double f : {0.98, 1.02}) {
+            // East determined at f times the limit's variance, the rest at the prior.
+            g_state = State{};
+            g_state.est.cov = covariance({std::pow(limit_rad(limits[k]) * 50, 2) * f, 0, 0, 2500, 0, 2500});
+            EXPECT_EQ(heading_accuracy_cap(level_v, level_g, 0), levels[f < 1 ? k : k + 1]) << k << " at " << f;
+        }
+    }
     // With no covariance the tilt's part alone caps it: the field 58 degrees below the
     // horizon (tan 1.6), a 2-degree tilt error turns the heading by 3.2 degrees, 10 by 16.
     const struct {
@@ -416,12 +406,6 @@ TEST(KitEstimate, TheHeadingsUncertaintyAtThisAttitudeCapsTheAccuracy) {
         int32_t tilt_cdeg;
         int8_t cap;
     } cases[] = {
-        {"just within the high limit along east: high", east(kHigh, 0.98), level_v, 0, KMXC_SERVICE_HIGH},
-        {"just past the high limit: medium", east(kHigh, 1.02), level_v, 0, KMXC_SERVICE_MEDIUM},
-        {"just within the medium limit: medium", east(kMedium, 0.98), level_v, 0, KMXC_SERVICE_MEDIUM},
-        {"just past the medium limit: low", east(kMedium, 1.02), level_v, 0, KMXC_SERVICE_LOW},
-        {"just within the low limit: low", east(kLow, 0.98), level_v, 0, KMXC_SERVICE_LOW},
-        {"just past the low limit: unreliable", east(kLow, 1.02), level_v, 0, KMXC_SERVICE_UNRELIABLE},
         {"the field along gravity: no heading", covariance({1, 0, 0, 1, 0, 1}), Vec3{0, 0, -120}, 0,
          KMXC_SERVICE_UNRELIABLE},
         {"no covariance: the other rules decide", OffsetCovariance{}, level_v, 0, KMXC_SERVICE_HIGH},
@@ -433,20 +417,8 @@ TEST(KitEstimate, TheHeadingsUncertaintyAtThisAttitudeCapsTheAccuracy) {
         g_state.est.cov = c.p;
         EXPECT_EQ(heading_accuracy_cap(c.v, level_g, c.tilt_cdeg), c.cap) << c.name;
     }
-}
-
-// The integer cap against sigma_psi^2 = e^T P e |g|^2 / |e|^4 + t^2 (v.g)^2 / |e|^2 in
-// double (t a tilt error per horizontal axis, tan(dip) = v.g / |e| times it; none in
-// half the draws) over random covariances (with cross terms), fields and attitudes: the
-// same level wherever the double variance is more than 5 % from a limit (the integer
-// one truncates e to 8 bits: up to 1 part in 128 per component, some 3 % of the
-// variance).
-TEST(KitEstimate, TheIntegerHeadingCapMatchesTheDoubleFormula) {
     std::mt19937 rng(2024);
     const auto uniform = [&](double lo, double hi) { return std::uniform_real_distribution<double>(lo, hi)(rng); };
-    const int limits[3] = {KMXC_SERVICE_HEADING_SIGMA_HIGH_CDEG, KMXC_SERVICE_HEADING_SIGMA_MEDIUM_CDEG,
-                           KMXC_SERVICE_HEADING_SIGMA_LOW_CDEG};
-    const int8_t levels[3] = {KMXC_SERVICE_HIGH, KMXC_SERVICE_MEDIUM, KMXC_SERVICE_LOW};
     int compared = 0, per_level[4] = {0, 0, 0, 0};
     for (int i = 0; i < 20000; ++i) {
         // P = A A^T with entries up to the prior's 2500 counts^2.
