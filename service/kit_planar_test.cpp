@@ -307,7 +307,10 @@ TEST(PlanarRules, ACircleIsFittedWhenDueAndTellsOfAMountUntilTheStoreLeavesIt) {
 // weak to move the hand's offset, demoted on entering it). One that does not describe
 // it gives way. A planar offset in use gives way to an estimate of the same level that
 // moves it by KMXC_SERVICE_REPUBLISH_MIN_CHANGE along any axis, not to one that moves it
-// less.
+// less. A sample that joins the store after a circle's fit leaves that circle unjudged
+// (it would be judged on other samples); one that joins after the judgement leaves the
+// estimate to its adoption, which weighs it on the store as it then is. In a vehicle's
+// turns samples join every few cycles: dropping judged estimates starved the adoption.
 TEST(PlanarRules, TheOffsetInUseGivesWayToACircleThatItDoesNotFitOrThatTrustsMore) {
     constexpr int kMove = KMXC_SERVICE_REPUBLISH_MIN_CHANGE;
     const struct {
@@ -316,7 +319,8 @@ TEST(PlanarRules, TheOffsetInUseGivesWayToACircleThatItDoesNotFitOrThatTrustsMor
         bool planar, trusted;  // the offset in use a planar estimate's; trusted
         double arc_deg;
         bool replaced;
-        int8_t accuracy;  // base accuracy after the judgement
+        int8_t accuracy;     // base accuracy after the judgement
+        int join_after = 0;  // a sample joins after the fit (1) or the judgement (2)
     } cases[] = {
         {"right, untrusted, a medium estimate: replaced", {40, -30, 20}, false, false, 350, true, KMXC_SERVICE_MEDIUM},
         {"right, untrusted, a low estimate: kept", {40, -30, 20}, false, false, 120, false, KMXC_SERVICE_LOW},
@@ -324,39 +328,29 @@ TEST(PlanarRules, TheOffsetInUseGivesWayToACircleThatItDoesNotFitOrThatTrustsMor
         {"10 counts off, untrusted, low: replaced", {50, -30, 20}, false, false, 120, true, KMXC_SERVICE_LOW},
         {"planar, the distance along y: replaced", {40, -30 + kMove, 20}, true, false, 120, true, KMXC_SERVICE_LOW},
         {"planar, a count short of it on every axis: kept", {41, -31, 21}, true, false, 120, false, KMXC_SERVICE_LOW},
+        {"off, a join after the fit: dropped unjudged", {90, -80, 70}, false, false, 200, false, KMXC_SERVICE_LOW, 1},
+        {"off, a join after the judgement: replaced", {90, -80, 70}, false, false, 200, true, KMXC_SERVICE_MEDIUM, 2},
     };
     for (const auto &c : cases) {
+        SCOPED_TRACE(c.name);
         kit_with(clean(c.arc_deg), c.in_use, c.trusted);
         if (c.planar) g_state.estimator = KMXC_SERVICE_ESTIMATOR_PLANAR;
         KmxcServiceEvent e{};
-        for (const char *cycle : {"the circle fitted", "judged", "adopted or not"})
-            ASSERT_TRUE(planar_cycle(true, &e)) << c.name << ": " << cycle;
-        EXPECT_EQ((e.flags & KMXC_SERVICE_NEW_OFFSET) != 0, c.replaced) << c.name;
-        EXPECT_EQ(g_state.estimator == KMXC_SERVICE_ESTIMATOR_PLANAR, c.replaced || c.planar) << c.name;
-        EXPECT_EQ(g_state.base_accuracy, c.accuracy) << c.name;
-    }
-}
-
-// A sample that joins the store after a circle's fit leaves that circle unjudged (it
-// would be judged on other samples); one that joins after the judgement leaves the
-// estimate to its adoption, which weighs it on the store as it then is. In a vehicle's
-// turns samples join every few cycles: dropping judged estimates starved the adoption.
-TEST(PlanarRules, AJoinDropsAnUnjudgedCircleButNotAJudgedEstimate) {
-    for (const bool judged_first : {false, true}) {
-        SCOPED_TRACE(judged_first ? "joined after the judgement" : "joined after the fit");
-        kit_with(clean(200), Vec3{90, -80, 70}, false);
-        KmxcServiceEvent e{};
-        ASSERT_TRUE(planar_cycle(true, &e)) << "the circle fitted";
-        if (judged_first) { ASSERT_TRUE(planar_cycle(true, &e)) << "judged"; }
-        // A sample on the circle beyond the arc's end (250 degrees) joins.
-        const FieldStore beyond = clean(250);
-        const int count = g_state.est.store.count;
-        field_store_offer(&g_state.est.store, stored_field(beyond, beyond.last), stored_gravity(beyond, beyond.last),
-                          nullptr, false, true);
-        ASSERT_EQ(g_state.est.store.count, count + 1);
-        planar_cycle(true, &e);
-        EXPECT_EQ(g_state.estimator == KMXC_SERVICE_ESTIMATOR_PLANAR, judged_first) << "adopted";
+        for (int cycle = 0; cycle < 3; ++cycle) {  // the circle fitted, judged, adopted or not
+            if (cycle == c.join_after && cycle > 0) {
+                // A sample on the circle beyond the arc's end (250 degrees) joins.
+                const FieldStore beyond = clean(250);
+                const int count = g_state.est.store.count;
+                field_store_offer(&g_state.est.store, stored_field(beyond, beyond.last),
+                                  stored_gravity(beyond, beyond.last), nullptr, false, true);
+                ASSERT_EQ(g_state.est.store.count, count + 1);
+            }
+            ASSERT_EQ(planar_cycle(true, &e), c.join_after != 1 || cycle == 0) << "cycle " << cycle;
+        }
         EXPECT_FALSE(g_state.planar.pending || g_state.planar.judged) << "nothing waits";
+        EXPECT_EQ((e.flags & KMXC_SERVICE_NEW_OFFSET) != 0, c.replaced);
+        EXPECT_EQ(g_state.estimator == KMXC_SERVICE_ESTIMATOR_PLANAR, c.replaced || c.planar);
+        EXPECT_EQ(g_state.base_accuracy, c.accuracy);
     }
 }
 
