@@ -86,33 +86,27 @@ TEST(VehicleEntry, NothingIsJudgedNorIsAVehicleLeftWithoutATrustedOffset) {
     EXPECT_EQ(in.entries, 1);
 }
 
-// The hold is in time, whatever the rate: a tilt that ends a cycle short of it is none.
-TEST(VehicleEntry, AnAccelerationShorterThanTheHoldIsNone) {
+// The hold and the quiet are times, whatever the rate: a tilt that ends a cycle short of
+// the hold is none; once in a vehicle, its later brakings are no new entry, and after
+// the quiet (from one acceleration's last cycle to the next's first) one is.
+TEST(VehicleEntry, AnAccelerationShorterThanTheHoldIsNoneAndTheVehicleIsLeftAfterItsQuietTime) {
+    constexpr int64_t kHold = KMXC_SERVICE_VEHICLE_HOLD_MS, kQuiet = int64_t{KMXC_SERVICE_VEHICLE_QUIET_S} * 1000;
     for (int64_t step : {10, 20, 100}) {
+        SCOPED_TRACE(step);
         Still r;
         r.hold(0, 1000, kField, kDown, step);
-        r.hold(1000 + step, 1000 + KMXC_SERVICE_VEHICLE_HOLD_MS, kField, tilted(1500), step);
-        r.hold(1000 + KMXC_SERVICE_VEHICLE_HOLD_MS + step, 4000, kField, kDown, step);
-        EXPECT_EQ(r.entries, 0) << step;
-        r.hold(4000 + step, 4000 + step + KMXC_SERVICE_VEHICLE_HOLD_MS, kField, tilted(1500), step);
-        EXPECT_EQ(r.entered_at, 4000 + step + KMXC_SERVICE_VEHICLE_HOLD_MS) << step;
-    }
-}
-
-// Once in a vehicle, its later brakings are no new entry; after the quiet, one is.
-TEST(VehicleEntry, TheVehicleIsLeftAfterItsQuietTime) {
-    constexpr int64_t kQuietMs = int64_t{KMXC_SERVICE_VEHICLE_QUIET_S} * 1000;
-    const struct {
-        int64_t gap_ms;  // from the first acceleration's last cycle to the second's first
-        int entries;
-    } cases[] = {{kQuietMs - 100 - KMXC_SERVICE_VEHICLE_HOLD_MS, 1}, {kQuietMs - KMXC_SERVICE_VEHICLE_HOLD_MS, 2}};
-    for (const auto &c : cases) {
-        Still r;
-        r.hold(0, 900, kField, kDown);
-        r.hold(1000, 3000, kField, tilted(1500));  // entered at 2000, held to 3000
-        r.hold(3100, 3000 + c.gap_ms - 100, kField, kDown);
-        r.hold(3000 + c.gap_ms, 3000 + c.gap_ms + 2000, kField, tilted(1500));
-        EXPECT_EQ(r.entries, c.entries) << c.gap_ms;
+        r.hold(1000 + step, 1000 + kHold, kField, tilted(1500), step);
+        r.hold(1000 + kHold + step, 4000, kField, kDown, step);
+        EXPECT_EQ(r.entries, 0);
+        const int64_t end = 4000 + step + kHold;  // entered, and the acceleration's last cycle
+        r.hold(4000 + step, end, kField, tilted(1500), step);
+        EXPECT_EQ(r.entered_at, end);
+        for (const int64_t gap : {kQuiet - kHold - step, kQuiet - kHold}) {
+            Still later = r;
+            later.hold(end + step, end + gap - step, kField, kDown, step);
+            later.hold(end + gap, end + gap + 2000, kField, tilted(1500), step);
+            EXPECT_EQ(later.entries, gap == kQuiet - kHold ? 2 : 1) << gap;
+        }
     }
 }
 
