@@ -213,12 +213,7 @@ TEST(KitGeometry, IntegerRootsAreFloorsOverEveryWidth) {
 constexpr double kPi = 3.14159265358979323846;
 double cdeg_of(double rad) { return rad * 18000.0 / kPi; }
 // Difference of two angles in centidegrees, folded into -18000..18000.
-double angle_diff(double a, double b) {
-    double d = std::fmod(a - b, 36000.0);
-    if (d > 18000) d -= 36000;
-    if (d < -18000) d += 36000;
-    return d;
-}
+double angle_diff(double a, double b) { return std::remainder(a - b, 36000.0); }
 
 TEST(KitAngle, SineAndCosineOfEveryCentidegreeWithinOneQ14Unit) {
     for (int32_t c = -2 * kCdegPerTurn; c <= 2 * kCdegPerTurn; ++c) {
