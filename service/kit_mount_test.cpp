@@ -125,27 +125,6 @@ TEST(MountGravity, ADrivesAccelerationsAverageOutOfTheMeanAndTheRecentGravityFol
     EXPECT_LT(hilly.worst[1], hilly.worst[2] / 2) << hilly.worst[2];
 }
 
-TEST(MountGravity, TheMeansWindowExpandsThenWeighsEachSampleAsItsShare) {
-    MountGravity mg;
-    mount_gravity_reset(&mg);
-    EXPECT_FALSE(mount_gravity_near(mg, tilted(0))) << "no mean yet";
-    // A constant gravity comes back exactly, however long the run.
-    for (uint32_t i = 0; i < kWindow + 50; ++i)
-        mount_gravity_track(&mg, Vec3{100, -4000, 700}, Vec3{100, -4000, 700}, true, 10);
-    EXPECT_EQ(mg.n, kWindow);
-    const Vec3 m = mount_gravity_mean(mg);
-    EXPECT_TRUE(m.x == 100 && m.y == -4000 && m.z == 700) << m.x << ", " << m.y << ", " << m.z;
-    // A full window: one sample 400 counts away (within the angle, unsteady) moves the
-    // mean by 400 / window.
-    mount_gravity_track(&mg, Vec3{500, -4000, 700}, Vec3{500, -4000, 700}, false, 10);
-    EXPECT_EQ(mg.mean_q8[0], (100 << 8) + (400 << 8) / int32_t{kWindow});
-    // Expanding: the second sample of a fresh mean weighs a half.
-    mount_gravity_reset(&mg);
-    mount_gravity_track(&mg, Vec3{0, -4096, 0}, Vec3{0, -4096, 0}, true, 50);
-    mount_gravity_track(&mg, Vec3{200, -4096, 0}, Vec3{200, -4096, 0}, true, 50);
-    EXPECT_EQ(mount_gravity_mean(mg).x, 100);
-}
-
 // Each case's gravity is held for the tilt's hold (at 10 Hz) on a full window. Within
 // the road's slopes of the mean (at any length of g) it keeps the attitude's accuracy;
 // beyond, it is a vehicle's acceleration, a hand or a tilt; without a mean there is
@@ -265,11 +244,30 @@ TEST(MountGravity, TheRecentGravityTakesSlopesAHeldAccelerationShowsAVehicleAndA
     EXPECT_FALSE(mg.vehicle);
 }
 
-// The level: the first still sample near the mean sets it, each later one takes its
-// share; tilted, accelerated or unsteady samples leave it, and no gravity of 2 g or more
-// (nor a mean of one) is judged by it.
-TEST(MountGravity, TheLevelIsGravitysLengthHeldStillAtTheMean) {
+// The mean's window expands, then weighs each sample as its share. The level: the first
+// still sample near the mean sets it, each later one takes its share; tilted,
+// accelerated or unsteady samples leave it, and no gravity of 2 g or more (nor a mean of
+// one) is judged by it.
+TEST(MountGravity, TheMeanAndTheLevelTakeEachSampleAsItsShare) {
     MountGravity mg;
+    mount_gravity_reset(&mg);
+    EXPECT_FALSE(mount_gravity_near(mg, tilted(0))) << "no mean yet";
+    // A constant gravity comes back exactly, however long the run.
+    for (uint32_t i = 0; i < kWindow + 50; ++i)
+        mount_gravity_track(&mg, Vec3{100, -4000, 700}, Vec3{100, -4000, 700}, true, 10);
+    EXPECT_EQ(mg.n, kWindow);
+    const Vec3 m = mount_gravity_mean(mg);
+    EXPECT_TRUE(m.x == 100 && m.y == -4000 && m.z == 700) << m.x << ", " << m.y << ", " << m.z;
+    // A full window: one sample 400 counts away (within the angle, unsteady) moves the
+    // mean by 400 / window.
+    mount_gravity_track(&mg, Vec3{500, -4000, 700}, Vec3{500, -4000, 700}, false, 10);
+    EXPECT_EQ(mg.mean_q8[0], (100 << 8) + (400 << 8) / int32_t{kWindow});
+    // Expanding: the second sample of a fresh mean weighs a half.
+    mount_gravity_reset(&mg);
+    mount_gravity_track(&mg, Vec3{0, -4096, 0}, Vec3{0, -4096, 0}, true, 50);
+    mount_gravity_track(&mg, Vec3{200, -4096, 0}, Vec3{200, -4096, 0}, true, 50);
+    EXPECT_EQ(mount_gravity_mean(mg).x, 100);
+    // The level, from a fresh mean.
     mount_gravity_reset(&mg);
     mount_gravity_track(&mg, tilted(0), tilted(0), true, 10);
     EXPECT_EQ(mg.level_sq, 0) << "no mean before the first sample";

@@ -354,12 +354,15 @@ TEST(PlanarRules, TheOffsetInUseGivesWayToACircleThatItDoesNotFitOrThatTrustsMor
     }
 }
 
-// Without a reference the circle's axis must be the vertical: the phone's mean gravity
-// (any scale) within the mount's allowance of it; no mean, no vertical.
-TEST(PlanarRules, AnUnreferencedCirclesAxisIsTheMeanGravitysWithinItsAllowance) {
+// A circle counts only when it is flat: RMS off its plane within 1/FLATNESS of its
+// radius; and only when its samples can lie on the reference's sphere. Without a
+// reference its axis must be the vertical: the phone's mean gravity (any scale) within
+// the mount's allowance of it; no mean, no vertical.
+TEST(PlanarRules, ACircleIsFlatOnTheReferencesSphereAndWithoutOneAboutTheMeanGravity) {
+    const FieldStore s = clean(200);
+    CircleFit fit;
+    ASSERT_EQ(circle_fit(s, Vec3{0, -4096, 0}, &fit), FitResult::kOk);
     const double limit = kPlanarAxisMeanGravityCdeg / 100.0;
-    CircleFit fit{};
-    fit.normal_q14 = rounded(16384 * kAxis);
     const struct {
         const char *name;
         double lean_deg;  // the mean gravity from the axis
@@ -375,14 +378,6 @@ TEST(PlanarRules, AnUnreferencedCirclesAxisIsTheMeanGravitysWithinItsAllowance) 
     };
     for (const auto &c : cases)
         EXPECT_EQ(planar_axis_vertical(fit, leaning(c.lean_deg, c.scale)), c.vertical) << c.name;
-}
-
-// A circle counts only when it is flat: RMS off its plane within 1/FLATNESS of its
-// radius; and only when its samples can lie on the reference's sphere.
-TEST(PlanarRules, ACircleIsFlatAndOnTheReferencesSphere) {
-    const FieldStore s = clean(200);
-    CircleFit fit;
-    ASSERT_EQ(circle_fit(s, Vec3{0, -4096, 0}, &fit), FitResult::kOk);
     Vec3 o{1, 2, 3};
     int32_t arc = -1;
     // A reference field along gravity: its circle is a point, and the samples (60 counts
