@@ -61,12 +61,6 @@ KmxAxesData offset_in_use() {
     return o;
 }
 
-bool moves(const Vec3 &candidate, const KmxAxesData &in_use) {
-    return abs32(candidate.x - in_use.x) >= KMXC_SERVICE_REPUBLISH_MIN_CHANGE ||
-           abs32(candidate.y - in_use.y) >= KMXC_SERVICE_REPUBLISH_MIN_CHANGE ||
-           abs32(candidate.z - in_use.z) >= KMXC_SERVICE_REPUBLISH_MIN_CHANGE;
-}
-
 // Publishes an offset to the library (its calibration restarts its batch from it).
 void publish(const Vec3 &offset, uint8_t estimator, KmxcServiceEvent *e) {
     const KmxAxesData o = axes(offset);
@@ -102,15 +96,15 @@ int64_t in_use_variance(const KmxAxesData &o, const Vec3 &g, const Vec3 *fed) {
     return horizontal_variance(in_use, g);
 }
 
-// What a better-determined candidate does to the offset in use.
+// What a candidate does to the offset in use.
 enum class Take { kNo, kCovariance, kPublish };
 
 // A candidate (offset, its covariance p) against the estimate in use at gravity g: taken
 // when nothing is trusted yet; else only when the recent fed samples agree with it (it
-// describes the field now) and its predicted horizontal error is no larger than the
-// estimate in use's. It is then published when it moves the offset enough, brings a new
-// correction, or is clearly better determined; when it leaves the offset where it is,
-// only its covariance is taken. fed: the fed samples through the correction in use, or null.
+// describes the field now) and it predicts a smaller horizontal error than the estimate
+// in use (a new correction: no larger), so the offset in use is always the best
+// determined one that fits the field now. A candidate at the offset in use gives it only
+// its covariance. fed: the fed samples through the correction in use, or null.
 Take take(bool new_correction, const Vec3 &offset, const Agreement &ring, const OffsetCovariance &p, const Vec3 &g,
           const Vec3 *fed) {
     if (!g_state.offset_trusted) return Take::kPublish;
@@ -118,12 +112,8 @@ Take take(bool new_correction, const Vec3 &offset, const Agreement &ring, const 
     const int64_t mine = horizontal_variance(p, g);
     const KmxAxesData o = offset_in_use();
     const int64_t theirs = in_use_variance(o, g, fed);
-    if (mine > theirs) return Take::kNo;
-    if (new_correction || moves(offset, o) ||
-        (theirs != INT64_MAX && mine * KMXC_SERVICE_REPUBLISH_VARIANCE_FACTOR <= theirs))
-        return offset.x == o.x && offset.y == o.y && offset.z == o.z && !new_correction ? Take::kCovariance
-                                                                                        : Take::kPublish;
-    return Take::kNo;
+    if (new_correction ? mine > theirs : mine >= theirs) return Take::kNo;
+    return !new_correction && same(axes(offset), o) ? Take::kCovariance : Take::kPublish;
 }
 
 // ---- The fitting steps ------------------------------------------------------------------

@@ -170,49 +170,72 @@ TEST(KitEstimate, DueJoinsDeterminacyAgreementAndTheSoftIronShownDecideHowFarASp
 }
 
 // A trusted offset is replaced by a store fit only when the recent samples agree with
-// the fit at least as well and the fit moves it by the republish distance. Recent
-// samples that agree with the offset in use and not with the store make the store stale
-// and it goes, but only when they were fed after that offset came into use (the
-// library's fit of its own batch agrees with it whatever the field).
-TEST(KitEstimate, ATrustedOffsetGivesWayToAFitTheRecentSamplesPreferAndAStoreTheyContradictGoes) {
-    constexpr int R = KMXC_SERVICE_REPUBLISH_MIN_CHANGE, kRing = KMXC_SERVICE_FEED_HISTORY;
+// the fit and it is better determined than the offset in use, however little it moves
+// it; a fit at the offset in use gives it only its covariance. Recent samples that agree
+// with the offset in use and not with the store make the store stale and it goes, but
+// only when they were fed after that offset came into use (the library's fit of its own
+// batch agrees with it whatever the field).
+TEST(KitEstimate, ATrustedOffsetGivesWayToABetterDeterminedFitAndAStoreTheRecentSamplesContradictGoes) {
+    constexpr int kRing = KMXC_SERVICE_FEED_HISTORY;
+    // The offset in use's variance per axis, 1/256 count^2; kNone: no covariance known;
+    // kFitsOwn: the fit's own covariance times 5/4 (a little worse than the fit).
+    constexpr int32_t kLoose = 400 << kQ8, kTight = 1, kNone = 0, kFitsOwn = -1;
     const auto at = [](int dx, int dy, int dz) { return Vec3{kOffset.x + dx, kOffset.y + dy, kOffset.z + dz}; };
-    const struct {
-        const char *name;
-        Vec3 in_use, store;  // the offset in use and the store's field's (the recent samples' at kOffset)
-        int fed_before;      // of the recent samples, those fed before the offset in use was set
-        bool replaced, emptied;
-    } cases[] = {
-        {"moved the republish distance along x: replaced", at(R, 0, 0), kOffset, 0, true, false},
-        {"... along y", at(0, -R, 0), kOffset, 0, true, false},
-        {"... along z", at(0, 0, R), kOffset, 0, true, false},
-        {"a count short of it on every axis: kept (not worth restarting the library's batch)", at(R - 1, 1 - R, R - 1),
-         kOffset, 0, false, false},
-        {"a store the recent samples contradict: emptied", kOffset, at(30, 0, 0), 0, false, true},
-        {"... the offset set at their last sample (its own fit): kept", kOffset, at(30, 0, 0), kRing, false, false},
-        {"... one sample fed before it: kept", kOffset, at(30, 0, 0), 1, false, false},
-    };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.name);
-        fill(c.in_use, directions(60), c.store, kNoSoftIron, 0.3);
-        const KmxAxesData store{c.store.x, c.store.y, c.store.z}, in_use{c.in_use.x, c.in_use.y, c.in_use.z};
+    const auto run = [](const Vec3 &in_use_at, const Vec3 &store_at, const OffsetCovariance &cov, int fed_before) {
+        fill(in_use_at, directions(60), store_at, kNoSoftIron, 0.3);
+        const KmxAxesData store{store_at.x, store_at.y, store_at.z}, in_use{in_use_at.x, in_use_at.y, in_use_at.z};
         KmxAxesLibSetMsOffset(&store);
         Noise noise;
         int i = 0;
         for (const auto &d : directions(kRing)) {
-            if (i++ == c.fed_before) KmxAxesLibSetMsOffset(&in_use);
+            if (i++ == fed_before) KmxAxesLibSetMsOffset(&in_use);
             remember_fed(sample(d, kOffset, kNoSoftIron, noise, 0.3), kDown);
         }
         KmxAxesLibSetMsOffset(&in_use);
         g_state.offset_trusted = true;
         g_state.base_accuracy = KMXC_SERVICE_MEDIUM;
         g_state.estimator = KMXC_SERVICE_ESTIMATOR_LIBRARY;
-        const KmxcServiceEvent e = step();
-        EXPECT_EQ((e.flags & KMXC_SERVICE_KIT_ESTIMATE) != 0, c.replaced);
-        EXPECT_EQ(g_state.estimator, c.replaced ? KMXC_SERVICE_ESTIMATOR_STORE_SPHERE : KMXC_SERVICE_ESTIMATOR_LIBRARY);
-        EXPECT_EQ(g_state.est.store.count == 0, c.emptied);
+        g_state.est.cov = cov;
+        return step();
+    };
+    const auto diagonal = [](int32_t v) { return OffsetCovariance{{v, 0, 0, v, 0, v}, v > 0, {}, 0}; };
+    enum Outcome { kKept, kCovarianceTaken, kReplaced, kEmptied };
+    const struct {
+        const char *name;
+        Vec3 in_use, store;  // the offset in use and the store's field's (the recent samples' at kOffset)
+        int32_t in_use_q8;
+        int fed_before;  // of the recent samples, those fed before the offset in use was set
+        Outcome outcome;
+    } cases[] = {
+        {"an offset in use without a covariance: replaced", at(5, 0, 0), kOffset, kNone, 0, kReplaced},
+        {"a count off on every axis, a little worse known than the fit: replaced", at(1, -1, 1), kOffset, kFitsOwn, 0,
+         kReplaced},
+        {"... known better than the fit: kept", at(1, -1, 1), kOffset, kTight, 0, kKept},
+        {"far off but known better than the fit: kept", at(5, 0, 0), kOffset, kTight, 0, kKept},
+        {"the fit at the offset in use, loosely known: its covariance taken", kOffset, kOffset, kLoose, 0,
+         kCovarianceTaken},
+        {"a store the recent samples contradict: emptied", kOffset, at(30, 0, 0), kLoose, 0, kEmptied},
+        {"... the offset set at their last sample (its own fit): kept", kOffset, at(30, 0, 0), kLoose, kRing, kKept},
+        {"... one sample fed before it: kept", kOffset, at(30, 0, 0), kLoose, 1, kKept},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.name);
+        OffsetCovariance cov = diagonal(c.in_use_q8);
+        if (c.in_use_q8 == kFitsOwn) {
+            run(kOffset, c.store, diagonal(kLoose), c.fed_before);
+            cov = g_state.est.cov;
+            ASSERT_TRUE(cov.valid);
+            for (int32_t &p : cov.p_q8) p = p * 5 / 4;
+        }
+        const KmxcServiceEvent e = run(c.in_use, c.store, cov, c.fed_before);
+        EXPECT_EQ((e.flags & KMXC_SERVICE_KIT_ESTIMATE) != 0, c.outcome == kReplaced);
+        const bool store_sphere = c.outcome == kReplaced || c.outcome == kCovarianceTaken;
+        EXPECT_EQ(g_state.estimator,
+                  store_sphere ? KMXC_SERVICE_ESTIMATOR_STORE_SPHERE : KMXC_SERVICE_ESTIMATOR_LIBRARY);
+        EXPECT_EQ(g_state.est.cov.p_q8[0] != cov.p_q8[0], store_sphere);
+        EXPECT_EQ(g_state.est.store.count == 0, c.outcome == kEmptied);
         const Vec3 o = offset_in_use();
-        EXPECT_TRUE(c.replaced || (o.x == c.in_use.x && o.y == c.in_use.y && o.z == c.in_use.z));
+        EXPECT_EQ(o.x == c.in_use.x && o.y == c.in_use.y && o.z == c.in_use.z, c.outcome != kReplaced);
     }
 }
 

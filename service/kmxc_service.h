@@ -68,8 +68,10 @@
  *     only when its strengths' RMS residual is at most
  *     1/KMXC_SERVICE_ELLIPSOID_BEAT_FACTOR of the sphere's. A
  *     store estimate replaces a trusted offset only if the last fed samples agree with it
- *     at least as well and it moves the offset by KMXC_SERVICE_REPUBLISH_MIN_CHANGE
- *     counts (a new W always counts). With W in use the library sees (and is fed)
+ *     and it predicts a smaller horizontal offset error at the phone's attitude than the
+ *     offset in use (a new W: no larger; an offset the last fed samples no longer agree
+ *     with predicts none), so the offset in use is the best determined one that fits the
+ *     field now. With W in use the library sees (and is fed)
  *     m' = c + W (m - c), c the ellipsoid's centre, so its own fits stay consistent with
  *     the correction; the event's mag_counts and uncalibrated field are m', the bias the
  *     offset, the calibrated field m' - offset. event.estimator names the source of the
@@ -400,14 +402,11 @@ extern "C" {
  * correction replaces one in use when its residual is no larger than that of the sphere
  * fitted through the correction in use (the store as the library sees it). */
 #define KMXC_SERVICE_ELLIPSOID_BEAT_FACTOR 2
-/* A better-determined estimate (a smaller predicted horizontal offset error) replaces the
- * offset in use when it moves it by at least this many counts (0.8 uT, under a degree of
- * heading in a 24 uT horizontal field), or when its predicted error variance is at most
- * 1/KMXC_SERVICE_REPUBLISH_VARIANCE_FACTOR of the one in use: publishing restarts the
- * library's batch, so a refit that only moves the offset by its noise is not published.
- * Halving: a refit after a few new samples changes the variance by far less. */
+/* A planar estimate replaces a planar offset in use only when it moves it by at least
+ * this many counts along some axis (0.8 uT, under a degree of heading in a 24 uT
+ * horizontal field): publishing restarts the library's batch, so a refit that only moves
+ * the offset by its noise is not published. */
 #define KMXC_SERVICE_REPUBLISH_MIN_CHANGE 2
-#define KMXC_SERVICE_REPUBLISH_VARIANCE_FACTOR 2
 
 /* Persistence (see the paragraph above). The library's calibration file, and the kit's. */
 #define KMXC_SERVICE_CALIBRATION_FILE KMXC_CALIBRATION_FILE
