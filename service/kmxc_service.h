@@ -404,8 +404,8 @@ extern "C" {
 #define KMXC_SERVICE_ELLIPSOID_BEAT_FACTOR 2
 /* A planar estimate replaces a planar offset in use only when it moves it by at least
  * this many counts along some axis (0.8 uT, under a degree of heading in a 24 uT
- * horizontal field): publishing restarts the library's batch, so a refit that only moves
- * the offset by its noise is not published. */
+ * horizontal field) or raises its accuracy: publishing restarts the library's batch, so
+ * a refit that only moves the offset by its noise is not published. */
 #define KMXC_SERVICE_REPUBLISH_MIN_CHANGE 2
 
 /* Persistence (see the paragraph above). The library's calibration file, and the kit's. */
