@@ -178,7 +178,7 @@ TEST_F(Kit, TheStopSavesTheLastTrustedOffsetOrSaysItCouldNot) {
             if (vphone::now_us() < us) usleep(static_cast<useconds_t>(us - vphone::now_us()));
             rig_.sense(s.sample(static_cast<double>(us) / 1e6));
             kmxc_service_cycle(us, &e);
-            if ((e.flags & KMXC_SERVICE_FIT_3D) && e.accuracy >= KMXC_SERVICE_MEDIUM) last_fit = e;
+            if (e.flags & KMXC_SERVICE_FIT_3D) last_fit = e;
         }
         const std::string saved = text_of(kCfg);
         const std::string newest = "16,16,16,0,0,0," + std::to_string(last_fit.offset[0]) + "," +

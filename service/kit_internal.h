@@ -202,6 +202,10 @@ struct State {
     MountGravity mount_gravity;  // the mounted phone's gravity (kit_mount.h)
     bool heading_z;              // the integer heading follows the z axis (kit_heading.cpp)
     VehicleWatch vehicle;        // acceleration without a turn (kit_motion.h)
+    // The accuracy reported last, and when it last fell (fell: it has fallen this session).
+    int8_t reported_accuracy;
+    bool accuracy_fell;
+    int64_t accuracy_fell_ns;
 };
 
 extern State g_state;
@@ -252,6 +256,10 @@ int32_t strength_centi_uT(const Vec3 &v);
 // An anomaly with these causes was seen now: hold the accuracy down (flagged in e).
 void note_anomaly(uint8_t causes, int64_t now, KmxcServiceEvent *e);
 int8_t accuracy_now(int64_t now);
+// The accuracy to report for the level the rules allow at this cycle: that level when it
+// is no higher than the last reported, or once KMXC_SERVICE_ACCURACY_RISE_MS have passed
+// since the reported accuracy last fell; else the last reported.
+int8_t settled_accuracy(int8_t level, int64_t now);
 // The offset in use no longer describes the field (a persisting anomaly, a vehicle): its
 // trust goes (low, restored only by fed samples that fit it again), the fed samples and
 // the library's batch start afresh.

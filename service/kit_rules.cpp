@@ -427,4 +427,16 @@ int8_t accuracy_now(int64_t now) {
     return g_state.base_accuracy;
 }
 
+int8_t settled_accuracy(int8_t level, int64_t now) {
+    if (level < g_state.reported_accuracy) {
+        g_state.accuracy_fell = true;
+        g_state.accuracy_fell_ns = now;
+    } else if (level > g_state.reported_accuracy && g_state.accuracy_fell &&
+               now - g_state.accuracy_fell_ns < int64_t{KMXC_SERVICE_ACCURACY_RISE_MS} * kNsPerMs) {
+        return g_state.reported_accuracy;
+    }
+    g_state.reported_accuracy = level;
+    return level;
+}
+
 }  // namespace kmxc_kit

@@ -183,6 +183,33 @@ TEST(KitRuleEdges, AnOffsetIsConfirmedOrRestoredByAgreeingSamplesNearItsReferenc
 // count past it, from either axis and either sign of the y entry, the recorded axis is
 // the one whose heading the library gave (a threshold of 0 forces the z axis, 4096 the
 // y axis; the rows set the two headings tens of degrees apart).
+// The reported accuracy falls with the rules at once and rises with them only once the
+// rise time has passed since it last fell, counted from the latest fall.
+TEST(KitRuleEdges, TheAccuracyFallsAtOnceAndRisesOnlyTheRiseTimeAfterItsLastFall) {
+    constexpr int64_t kRiseMs = KMXC_SERVICE_ACCURACY_RISE_MS;
+    const struct {
+        const char *name;
+        int64_t t_ms;
+        int8_t allowed, reported;
+    } steps[] = {
+        {"rises at once while it has never fallen", 0, 2, 2},
+        {"... and on, to high", 100, 3, 3},
+        {"falls at once", 200, 1, 1},
+        {"a rise within the rise time waits", 700, 3, 1},
+        {"a fall during the wait restarts it", 800, 0, 0},
+        {"... so the first rise time passes in vain", 200 + kRiseMs, 2, 0},
+        {"a moment short of the rise time after the latest fall: still waits", 800 + kRiseMs - 1, 2, 0},
+        {"at exactly the rise time: rises, to what the rules allow then", 800 + kRiseMs, 2, 2},
+        {"holding its level is no fall", 900 + kRiseMs, 2, 2},
+        {"... so it rises on at once", 1000 + kRiseMs, 3, 3},
+    };
+    g_state = State{};
+    for (const auto &s : steps) {
+        SCOPED_TRACE(s.name);
+        EXPECT_EQ(settled_accuracy(s.allowed, kSeen + s.t_ms * 1000000), s.reported);
+    }
+}
+
 TEST(KitRuleEdges, TheHeadingsAxisChangesOnlyPastTheThresholdThatLeavesIt) {
     constexpr int16_t kEnter = KMXC_SERVICE_DIRECTION_ENTER_Z, kLeave = KMXC_SERVICE_DIRECTION_LEAVE_Z;
     const struct {

@@ -45,14 +45,28 @@ Tally tally(const Trace &r, uint8_t lo, uint8_t hi, double off_deg, bool planar_
 // Until the samples go round far enough to tell, its predicted error carries what soft
 // iron could do, and the kit does not trust it: of the high azimuths at most 1 in 10
 // beyond 3 sigma (6 degrees), of the medium ones at most a quarter beyond 15 (with the
-// error predicted from noise alone: 6 in 10 and every one).
-TEST_F(Kit, SoftIronIsNotTrustedAsAnOffsetBeforeTheSamplesGoRound) {
+// error predicted from noise alone: 6 in 10 and every one). Its uncertainty hovers at
+// the limits as the phone tilts, yet the accuracy reported never rises within the rise
+// time of its last fall (it did four times on this run when it followed every cycle).
+TEST_F(Kit, SoftIronIsNotTrustedBeforeTheSamplesGoRoundAndTheAccuracyDoesNotFlicker) {
     const Trace r = run({.name = "slow", .soft_iron = {1.0, 1.08, 0.90, 0, 0, -0.07}}, 10);
     const Tally high = tally(r, KMXC_SERVICE_HIGH, KMXC_SERVICE_HIGH, 6);
     const Tally medium = tally(r, KMXC_SERVICE_MEDIUM, KMXC_SERVICE_MEDIUM, 15);
     EXPECT_GT(high.count + medium.count, 150) << "trusted once the samples go round";
     EXPECT_LE(high.off * 10, high.count) << high.off << " of " << high.count;
     EXPECT_LE(medium.off * 4, medium.count) << medium.off << " of " << medium.count;
+    int falls = 0;
+    int64_t fell_ns = 0;
+    for (size_t i = 1; i < r.events.size(); ++i) {
+        const KmxcServiceEvent &before = r.events[i - 1], &e = r.events[i];
+        if (e.accuracy < before.accuracy) {
+            ++falls;
+            fell_ns = e.timestamp_ns;
+        } else if (e.accuracy > before.accuracy && falls > 0) {
+            EXPECT_GE(e.timestamp_ns - fell_ns, int64_t{KMXC_SERVICE_ACCURACY_RISE_MS} * 1000000) << "event " << i;
+        }
+    }
+    EXPECT_GT(falls, 0) << "the run tries the rule";
 }
 
 // Lying still, only the first sample passes the feed gate; turned flat only, every
@@ -125,16 +139,17 @@ TEST_F(Kit, AHandsCircleAboutAnAxisOtherThanTheVerticalGivesNoPlanarHeading) {
 }
 
 // A phone read while walking and turned with the walker traces a circle too, and once a
-// 3-D calibration has given the references its planar estimate is medium (seed 5: the
-// last minute). But a hand's tilt wanders, and the mount's recent gravity would lag it
-// (3.6 degrees RMS at medium, 15 samples beyond 15 at 50 Hz): with no acceleration held
-// to show a vehicle, the attitude keeps the measured gravity.
+// 3-D calibration has given the references its planar estimate is medium (seed 5: for
+// 22 s of the last minute; the rest of it the wandering tilt keeps bringing the heading's
+// uncertainty to the limit, and the accuracy stays low). But a hand's tilt wanders, and the mount's recent gravity
+// would lag it (3.6 degrees RMS at medium, 15 samples beyond 15 at 50 Hz): with no acceleration held to show a vehicle,
+// the attitude keeps the measured gravity.
 TEST_F(Kit, APhoneTurnedWithAWalkerKeepsItsOwnGravity) {
     const Trace r = run({.name = "browse", .seed = 5}, 10);
     EXPECT_EQ(std::count_if(r.events.begin(), r.events.end(),
                             [](const auto &e) { return (e.flags & KMXC_SERVICE_MOUNT_GRAVITY) != 0; }),
               0);
-    EXPECT_GT(tally(r, KMXC_SERVICE_MEDIUM, KMXC_SERVICE_HIGH, 0, true).count, 300)
+    EXPECT_GT(tally(r, KMXC_SERVICE_MEDIUM, KMXC_SERVICE_HIGH, 0, true).count, 200)
         << "the walker's circle, confirmed by the references";
     EXPECT_LT(tally(r, KMXC_SERVICE_MEDIUM, KMXC_SERVICE_HIGH, 0).rms(), 3.0);
 }

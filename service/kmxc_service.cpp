@@ -352,6 +352,7 @@ int32_t kmxc_service_cycle(int64_t now, KmxcServiceEvent *e) {
     if (e->accuracy == KMXC_SERVICE_LOW && !g_state.offset_trusted &&
         (e->mag_result != 0 || !in_earth_range(e->strength_centi_uT / (1000 / kCountsPer10uT))))
         e->accuracy = KMXC_SERVICE_UNRELIABLE;
+    e->accuracy = settled_accuracy(e->accuracy, now);
     report_estimators(e);
     move_rough_offset_if_clipped(now, e);
     e->saves = g_state.saves;

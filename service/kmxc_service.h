@@ -46,7 +46,9 @@
  *     KMXC_SERVICE_FIT_MEDIUM_PERMILLE 2, worse 1 (and is not saved; once an offset is
  *     trusted such a fit is not used at all). A trusted offset is replaced by a new
  *     library fit (3-D or planar) only if the last fed samples agree with the fit at
- *     least as well as with the offset in use.
+ *     least as well as with the offset in use. Whatever the rules below allow, the level
+ *     reported falls at once and rises only KMXC_SERVICE_ACCURACY_RISE_MS after it last
+ *     fell, so that it does not flicker.
  *   Estimators. Besides the library's batches, the kit offers every measured in-range
  *     sample (anomalies out) to a store of 32 samples spread over the sphere (a new
  *     rough offset empties it, and so does an anomaly lasting
@@ -369,6 +371,11 @@ extern "C" {
 #define KMXC_SERVICE_HEADING_SIGMA_HIGH_CDEG 200
 #define KMXC_SERVICE_HEADING_SIGMA_MEDIUM_CDEG 500
 #define KMXC_SERVICE_HEADING_SIGMA_LOW_CDEG 1500
+/* The reported accuracy falls at once and rises only once this long has passed since it
+ * last fell: a heading whose uncertainty sits near a limit (the cap follows the
+ * attitude) or a strength at the edge of its band would otherwise switch the level
+ * several times a second. Never reports more than the rules above allow at the cycle. */
+#define KMXC_SERVICE_ACCURACY_RISE_MS 1000
 /* The magnetometer's noise per axis assumed by the estimators, 1/100 uT: its part in a
  * fit's expected residual (with the 0.4 uT count's rounding, 0.12 uT). Twice what the
  * virtual phone draws. It is a floor: the kit measures the noise the fields show while
