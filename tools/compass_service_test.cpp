@@ -106,7 +106,9 @@ TEST(CompassService, TwoPlanesCombineIntoAThreeDimensionalCalibration) {
 TEST(CompassService, ReplayOfARecordOrAFieldLogGivesTheSameOutputsSampleForSample) {
     std::vector<std::string> columns(std::begin(kLibraryColumns), std::end(kLibraryColumns));
     columns.insert(columns.end(), {"accuracy", "anomaly", "field_uT", "dip_cos", "fed"});  // and the kit's
-    for (const auto &[scenario, rate] : {std::pair{"default", "10"}, {"magnet", "10"}, {"default", "50"}}) {
+    // At 50 Hz a replay that started the kit at another rate shows: the magnet's dip
+    // anomalies are judged on gravity's means, which take the declared rate's share.
+    for (const auto &[scenario, rate] : {std::pair{"default", "10"}, {"magnet", "10"}, {"magnet", "50"}}) {
         const std::string d = dir_for(std::string("replay-") + scenario + "-" + rate);
         const Result rec = on_phone(d, {"--fresh", "--scenario", scenario, "--rate", rate, "--record", d + "/raw.csv",
                                         "--record-field", d + "/field.csv", "--outputs", d + "/live.csv"});
