@@ -339,6 +339,32 @@ void use_ring_covariance(const KmxAxesData &o, int n, int unknowns) {
     if (!ring_covariance(o, n, unknowns, &est().cov)) est().cov.valid = false;
 }
 
+void adopt_new_offset(bool three_d, const Vec3 &g, KmxcServiceEvent *e) {
+    KmxAxesData offset, in_use;
+    KmxAxesMsCalibGetOffset(&offset);
+    KmxAxesLibGetMsOffset(&in_use);
+    if (g_state.offset_trusted) {
+        if (!library_fit_preferred(offset, g)) {
+            KmxAxesMsCalibSetOffset(&in_use);
+            offset = in_use;
+        }
+    } else if (!same(offset, in_use)) {
+        // Untrusted: the fit is used; its batch's covariance once a 3-D fit is trusted.
+        // (The same offset again keeps the estimate in use, and what predicts its error.)
+        g_state.est.cov.valid = false;
+    }
+    KmxAxesLibSetMsOffset(&offset);
+    e->flags |= KMXC_SERVICE_NEW_OFFSET;
+    if (!same(offset, in_use)) g_state.estimator = KMXC_SERVICE_ESTIMATOR_LIBRARY;
+    if (three_d) {
+        e->flags |= KMXC_SERVICE_FIT_3D;
+        const bool trusted = g_state.offset_trusted;
+        on_fit(offset);
+        note_trusted_reference();
+        if (!trusted && g_state.offset_trusted) use_ring_covariance(offset, KMXC_SERVICE_FEED_HISTORY, 4);
+    }
+}
+
 void store_cycle(const Vec3 &m, const Vec3 &g, bool fit_allowed, int64_t now, KmxcServiceEvent *e) {
     Estimators &s = est();
     if (g_state.in_anomaly && !s.anomaly_cleared &&

@@ -364,6 +364,20 @@ TEST(KitEstimate, ALibraryFitsBatchIsKnownAsWellAsItsOwnScatterSaysAndMustAgreeW
     const KmxAxesData off{kOffset.x + 30, kOffset.y, kOffset.z}, at{kOffset.x, kOffset.y, kOffset.z};
     EXPECT_FALSE(library_fit_preferred(off, kDown)) << "a fit 30 counts off: its batch disagrees";
     EXPECT_TRUE(library_fit_preferred(at, kDown)) << "a fit at the ring's offset";
+    // Before anything is trusted the library's fit is used, and what predicted the error
+    // of the offset in use goes; but the same offset again (the library's planar fit of
+    // the circle whose estimate is in use) keeps it: the axis the circle left undetermined.
+    for (const bool again : {true, false}) {
+        SCOPED_TRACE(again ? "the same offset again: kept" : "another offset: dropped");
+        set_kit(kOffset);
+        undetermined_along(Vec3{0, 0, 16384}, &g_state.est.cov);
+        const KmxAxesData fit{kOffset.x + (again ? 0 : 5), kOffset.y, kOffset.z};
+        KmxAxesMsCalibSetOffset(&fit);
+        KmxcServiceEvent e{};
+        adopt_new_offset(false, kDown, &e);
+        EXPECT_EQ(g_state.est.cov.valid, again);
+        EXPECT_EQ(offset_in_use().x, fit.x);
+    }
 }
 
 // ---- The heading's uncertainty caps the accuracy --------------------------------------

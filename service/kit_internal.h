@@ -338,6 +338,14 @@ bool library_fit_preferred(const KmxAxesData &o, const Vec3 &g);
 // The estimate in use now rests on the last n fed samples (a library fit of them, dof 4
 // unknowns; a stored offset they confirmed, 1): its covariance from them.
 void use_ring_covariance(const KmxAxesData &o, int n, int unknowns);
+// The calibration published an offset (three_d: of a 3-D fit): it goes to the
+// orientation library. Once an offset is trusted, a new fit replaces it only when its
+// batch agrees with it (a disagreeing fit is never used) and its predicted horizontal
+// error is no larger than the estimate in use's (each fit carries its batch's noise, and
+// a worse one must not undo a better); planar fits are held to the same. Before, the fit
+// is used and what predicted the error of the offset in use is dropped, unless the fit
+// is that same offset again.
+void adopt_new_offset(bool three_d, const Vec3 &g, KmxcServiceEvent *e);
 // The highest accuracy the heading allows at this attitude: the offset's predicted
 // error along magnetic east (v x g) over the horizontal field, with the tilt error g
 // may carry (tilt_sd_cdeg per horizontal axis, 0: none) times tan(dip), against the

@@ -15,6 +15,7 @@
 #include "service/kit_angle.h"
 #include "service/kit_internal.h"
 #include "service/kit_planar.h"
+#include "service/kit_uncertainty.h"
 
 namespace kmxc_kit {
 State g_state;  // the rules' state, here the test's own
@@ -311,6 +312,8 @@ TEST(PlanarRules, ACircleIsFittedWhenDueAndTellsOfAMountUntilTheStoreLeavesIt) {
 // (it would be judged on other samples); one that joins after the judgement leaves the
 // estimate to its adoption, which weighs it on the store as it then is. In a vehicle's
 // turns samples join every few cycles: dropping judged estimates starved the adoption.
+// Without the references an estimate is low and known across its axis only: along it
+// the offset is the old one's, as uncertain as the prior.
 TEST(PlanarRules, TheOffsetInUseGivesWayToACircleThatItDoesNotFitOrThatTrustsMore) {
     constexpr int kMove = KMXC_SERVICE_REPUBLISH_MIN_CHANGE;
     const struct {
@@ -319,8 +322,9 @@ TEST(PlanarRules, TheOffsetInUseGivesWayToACircleThatItDoesNotFitOrThatTrustsMor
         bool planar, trusted;  // the offset in use a planar estimate's; trusted
         double arc_deg;
         bool replaced;
-        int8_t accuracy;     // base accuracy after the judgement
-        int join_after = 0;  // a sample joins after the fit (1) or the judgement (2)
+        int8_t accuracy;         // base accuracy after the judgement
+        int join_after = 0;      // a sample joins after the fit (1) or the judgement (2)
+        bool referenced = true;  // the strength and dip of a 3-D calibration are known
     } cases[] = {
         {"right, untrusted, a medium estimate: replaced", {40, -30, 20}, false, false, 350, true, KMXC_SERVICE_MEDIUM},
         {"right, untrusted, a low estimate: kept", {40, -30, 20}, false, false, 120, false, KMXC_SERVICE_LOW},
@@ -330,10 +334,27 @@ TEST(PlanarRules, TheOffsetInUseGivesWayToACircleThatItDoesNotFitOrThatTrustsMor
         {"planar, a count short of it on every axis: kept", {41, -31, 21}, true, false, 120, false, KMXC_SERVICE_LOW},
         {"off, a join after the fit: dropped unjudged", {90, -80, 70}, false, false, 200, false, KMXC_SERVICE_LOW, 1},
         {"off, a join after the judgement: replaced", {90, -80, 70}, false, false, 200, true, KMXC_SERVICE_MEDIUM, 2},
+        {"off, no references: replaced, low, known across its axis only",
+         {90, -80, 70},
+         false,
+         false,
+         350,
+         true,
+         KMXC_SERVICE_LOW,
+         0,
+         false},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
         kit_with(clean(c.arc_deg), c.in_use, c.trusted);
+        g_state.reference_known = c.referenced;
+        if (!c.referenced) {  // then the axis must be the mean gravity's
+            const Vec3 down = leaning(0);
+            g_state.mount_gravity.mean_q8[0] = down.x * 256;
+            g_state.mount_gravity.mean_q8[1] = down.y * 256;
+            g_state.mount_gravity.mean_q8[2] = down.z * 256;
+            g_state.mount_gravity.n = 1;
+        }
         if (c.planar) g_state.estimator = KMXC_SERVICE_ESTIMATOR_PLANAR;
         KmxcServiceEvent e{};
         for (int cycle = 0; cycle < 3; ++cycle) {  // the circle fitted, judged, adopted or not
@@ -351,6 +372,17 @@ TEST(PlanarRules, TheOffsetInUseGivesWayToACircleThatItDoesNotFitOrThatTrustsMor
         EXPECT_EQ((e.flags & KMXC_SERVICE_NEW_OFFSET) != 0, c.replaced);
         EXPECT_EQ(g_state.estimator == KMXC_SERVICE_ESTIMATOR_PLANAR, c.replaced || c.planar);
         EXPECT_EQ(g_state.base_accuracy, c.accuracy);
+        if (!c.replaced) continue;
+        // With the references the level alone caps it; without, the offset along the axis
+        // is the old one's, as uncertain as the prior (a tilt turning it into the
+        // horizontal caps the heading), and across it the circle's.
+        const OffsetCovariance &p = g_state.est.cov;
+        EXPECT_EQ(p.valid, !c.referenced);
+        if (c.referenced) continue;
+        constexpr double kPrior = kPriorVarianceCounts2 << kQ8;
+        constexpr int kRow[6] = {0, 0, 0, 1, 1, 2}, kCol[6] = {0, 1, 2, 1, 2, 2};
+        for (int k = 0; k < 6; ++k)
+            EXPECT_NEAR(p.p_q8[k], kPrior * kAxis[kRow[k]] * kAxis[kCol[k]], 0.02 * kPrior) << k;
     }
 }
 

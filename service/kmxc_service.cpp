@@ -143,37 +143,6 @@ bool measure(KmxAxesData *mag, KmxAxesData *gravity, KmxcServiceEvent *e) {
     return true;
 }
 
-// 4c. The calibration published an offset: hand it to the orientation library. Once an
-// offset is trusted, a new fit replaces it only when its batch agrees with it (a
-// disagreeing fit is never used) and its predicted horizontal error is no larger than the
-// estimate in use's (each fit carries its batch's noise, and a worse one must not undo a
-// better). Planar fits are held to the same once an offset is trusted.
-void adopt_new_offset(bool three_d, const Vec3 &g, KmxcServiceEvent *e) {
-    KmxAxesData offset, in_use;
-    KmxAxesMsCalibGetOffset(&offset);
-    KmxAxesLibGetMsOffset(&in_use);
-    if (g_state.offset_trusted) {
-        if (!library_fit_preferred(offset, g)) {
-            KmxAxesMsCalibSetOffset(&in_use);
-            offset = in_use;
-        }
-    } else if (!same(offset, in_use)) {
-        // Untrusted: the fit is used; its batch's covariance once a 3-D fit is trusted.
-        // (The same offset again keeps the estimate in use, and what predicts its error.)
-        g_state.est.cov.valid = false;
-    }
-    KmxAxesLibSetMsOffset(&offset);
-    e->flags |= KMXC_SERVICE_NEW_OFFSET;
-    if (!same(offset, in_use)) g_state.estimator = KMXC_SERVICE_ESTIMATOR_LIBRARY;
-    if (three_d) {
-        e->flags |= KMXC_SERVICE_FIT_3D;
-        const bool trusted = g_state.offset_trusted;
-        on_fit(offset);
-        note_trusted_reference();
-        if (!trusted && g_state.offset_trusted) use_ring_covariance(offset, KMXC_SERVICE_FEED_HISTORY, 4);
-    }
-}
-
 // 4b. The calibration gets the offset-free vector (after the soft-iron correction in use,
 // so its fits are of the field the orientation library sees), only when it lies apart
 // from the recent ones; a sample with a channel out of range is never fed: its field is
@@ -189,6 +158,7 @@ void feed_calibration(KmxAxesData *mag, const Vec3 &m, const Vec3 &g, KmxcServic
     e->calib_ratio_mid = detail.ratioMid;
     e->calib_residual = detail.residual;
     e->calib_status = KmxAxesMsCalibGetStatus();
+    // 4c. (kit_estimate.cpp)
     if (kmxc_calib_new_offset(e->calib_result)) adopt_new_offset(e->calib_result == KMXC_CALIB_THREE_D, g, e);
 }
 
