@@ -60,7 +60,7 @@ label() {
     kit_shown) echo "kit: the soft iron the store shows (its fit, the share in use scaled)" ;;
     kit_library_fit) echo "kit: a library fit's judgement (recent samples' covariance and share)" ;;
     kit_judge) echo "kit: an ellipsoid's judgement and adoption" ;;
-    kit_rules) echo "kit: the vehicle rules of every cycle (steady tilt, anomaly, hysteresis)" ;;
+    kit_rules) echo "kit: the vehicle rules of every cycle (steady tilt, anomaly, hysteresis, settling)" ;;
     kit_planar_fit) echo "kit: a planar step (circle fit of a mount's full store)" ;;
     kit_planar_judge) echo "kit: a planar judgement (arc, reference circle, sphere, strengths)" ;;
     kit_planar_adopt) echo "kit: a planar estimate's adoption (against the offset in use)" ;;

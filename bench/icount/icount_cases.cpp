@@ -201,12 +201,13 @@ __attribute__((noinline)) void icount_case_kit_judge(void) {
     store_cycle(Vec3{kCentre.x, kCentre.y, kCentre.z + 115}, kDown, true, 1, &g_event);
     g_estimator_seen[2] = g_state.estimator;
 }
-// The vehicle rules every cycle adds: the steady tilt's running mean and verdict, and the
-// anomaly rules on a sample that agrees with the reference.
+// The vehicle rules every cycle adds: the steady tilt's running mean and verdict, the
+// anomaly rules on a sample that agrees with the reference, and the accuracy settled.
 __attribute__((noinline)) void icount_case_kit_rules(void) {
     const Vec3 g{40, -20, 4090}, v{90, 0, 60};
     track_tilt(g);
     judge_anomaly(g, length(v), dip_cos(v, g), KmxAxesData{kCentre.x, kCentre.y, kCentre.z}, 1, &g_event);
+    g_event.accuracy = settled_accuracy(KMXC_SERVICE_HIGH, 1);
 }
 // The planar estimator's three steps on a full store of a mount's circle: the circle
 // fit, its judgement (arc, the reference circle's and the sphere's refinements,
