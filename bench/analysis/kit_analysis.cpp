@@ -18,7 +18,8 @@
 //       and the one the kit's covariance predicts (in brackets without its soft-iron
 //       share), the offset error, the store, the soft iron the store shows.
 //   Both take the world after the soft iron: field=UT, noise=UT, inclination=DEG (or
-//   the inclination alone), hard=X,Y,Z (the phone's own field, uT).
+//   the inclination alone), hard=X,Y,Z (the phone's own field, uT), car=X,Y,Z (a car
+//   mount's field, uT, phone axes).
 #include <Eigen/Dense>
 #include <algorithm>
 #include <cmath>
@@ -399,8 +400,11 @@ int main(int argc, char **argv) {
             world.noise_uT = v;
         } else if (key == "hard" && std::sscanf(text, "%lf,%lf,%lf", &world.hard_iron_uT[0], &world.hard_iron_uT[1],
                                                 &world.hard_iron_uT[2]) == 3) {
+        } else if (key == "car" && std::sscanf(text, "%lf,%lf,%lf", &world.car_field_uT[0], &world.car_field_uT[1],
+                                               &world.car_field_uT[2]) == 3) {
         } else {
-            std::fprintf(stderr, "kit_analysis: '%s': inclination=-90..90, field=25..65, noise=0..5 or hard=X,Y,Z\n",
+            std::fprintf(stderr,
+                         "kit_analysis: '%s': inclination=-90..90, field=25..65, noise=0..5, hard=X,Y,Z or car=X,Y,Z\n",
                          arg);
             return 2;
         }
@@ -413,6 +417,6 @@ int main(int argc, char **argv) {
                  "usage: kit_analysis determinacy SCENARIO RATE SEED\n"
                  "       kit_analysis soft-iron SCENARIO RATE SEED XX,YY,ZZ,XY,XZ,YZ [WORLD...]\n"
                  "       kit_analysis trace SCENARIO RATE SEED XX,YY,ZZ,XY,XZ,YZ [WORLD...]\n"
-                 "  WORLD: INCLINATION, inclination=DEG, field=UT, noise=UT, hard=X,Y,Z (uT)\n");
+                 "  WORLD: INCLINATION, inclination=DEG, field=UT, noise=UT, hard=X,Y,Z, car=X,Y,Z (uT)\n");
     return 2;
 }
