@@ -25,7 +25,6 @@ using vphone::KmxcModel;
 using Lines = std::vector<std::string>;
 
 constexpr const char *kProfileFile = "/etc/kmxc_transformation.cfg";
-const Lines kMeasurement = {"select 2E", "write C0", "write 02", "sleep 13000", "read 8"};
 
 // The transcript as text: "open", "select 2E", "write C0", "sleep 13000", "read 8",
 // "close"; a failed call ends in " !" (a failed write moved no bytes: "write !").
@@ -107,7 +106,6 @@ KmxAxesData g_out;
 uint8_t g_rough[3];
 int8_t measure() { return KmxAxesDrvMsMeasure(&g_out, nullptr); }
 int8_t rough_given() { return KmxAxesDrvMsSetRoughOffset(kGiven); }
-int8_t rough_measured() { return KmxAxesDrvMsSetRoughOffset(nullptr); }
 
 TEST_F(MsPhoneTest, RefusalsAndTerminationInOrder) {
     ASSERT_EQ(KmxAxesDrvMsInit(), 0);
@@ -188,36 +186,31 @@ TEST_F(MsPhoneTest, ReadingsAreDecodedAndRangeChecked) {
 TEST_F(MsPhoneTest, SequencesGoOutByteForByteAndStopAtAnyBusFailureWithMinusFive) {
     const struct {
         const char *name;
-        bool needs_ready;  // initialised and rough offset written first; else a failure closes
         int8_t (*run)();
         Lines bus;
     } sequences[] = {
-        {"start-up",
-         false,
-         KmxAxesDrvMsInit,
-         {"open", "select 2E", "write 01", "sleep 2000", "write C8", "read 9", "read 9"}},
-        {"measurement", true, measure, kMeasurement},
+        {"start-up", KmxAxesDrvMsInit, {"open", "select 2E", "write 01", "sleep 2000", "write C8", "read 9", "read 9"}},
+        {"measurement", measure, {"select 2E", "write C0", "write 02", "sleep 13000", "read 8"}},
         {"rough offset measured",
-         true,
-         rough_measured,
+         [] { return KmxAxesDrvMsSetRoughOffset(nullptr); },
          {"select 2E", "select 2E", "write C0", "write 01", "sleep 2000", "read 6", "write 30", "write 50",
           "write 70"}},
-        {"rough offset given", true, rough_given, {"select 2E", "write 3F", "write 40", "write 71"}},
+        {"rough offset given", rough_given, {"select 2E", "write 3F", "write 40", "write 71"}},
         {"coil",
-         true,
          KmxAxesDrvMsInitCoil,
          {"select 2E", "write 90", "write 81", "write 91", "write 82", "write 92", "write 83", "write 93", "write 84",
           "write 94", "write 85", "write 95", "write 86", "write 96", "write 87", "write 97", "write 80"}},
-        {"output high", true, [] { return KmxcDrvSetGPO(7); }, {"select 2E", "write F5"}},
-        {"output low", true, [] { return KmxcDrvSetGPO(0); }, {"select 2E", "write F4"}},
+        {"output high", [] { return KmxcDrvSetGPO(7); }, {"select 2E", "write F5"}},
+        {"output low", [] { return KmxcDrvSetGPO(0); }, {"select 2E", "write F4"}},
     };
     const std::map<Kind, Call> failable = {{Kind::Open, Call::Open},
                                            {Kind::SelectSlave, Call::Ioctl},
                                            {Kind::Write, Call::Write},
                                            {Kind::Read, Call::Read}};
     for (const auto &seq : sequences) {
-        const bool closes = !seq.needs_ready;
-        if (seq.needs_ready) ready();
+        // All but the start-up run initialised with a rough offset written; its failure closes.
+        const bool closes = seq.run == KmxAxesDrvMsInit;
+        if (!closes) ready();
         ASSERT_EQ(seq.run(), 0) << seq.name;
         ASSERT_EQ(bus_log(), seq.bus) << seq.name;
         const auto events = vphone::transcript();
@@ -229,7 +222,7 @@ TEST_F(MsPhoneTest, SequencesGoOutByteForByteAndStopAtAnyBusFailureWithMinusFive
             const std::string where = std::string(seq.name) + ", step " + seq.bus[step];
             TearDown();
             SetUp();
-            if (seq.needs_ready) ready();
+            if (!closes) ready();
             const KmxcDrvState before = *KmxcDrvHandle();
             vphone::fail_call(call, nth, EIO);
             vphone::StderrCapture err;
