@@ -40,31 +40,29 @@ TEST_F(ChargerOffsetTest, ProfileLineFillsTheTriplesUpToTheFirstNull) {
     const struct {
         const char *name;
         const char *profile, *charger;  // nullptr: no such file
-        int null;                       // the triple passed as a null pointer; -1: none
         Loaded want;
+        int null = -1;  // the triple passed as a null pointer; -1: none
     } cases[] = {
         {"signs and scale; a zero count takes its default",
          nullptr,
          "100000,-250,0,1,2,3,0,350,-1,0,0,7\n",
-         -1,
          {0, {1, -0.0025, 0}, k123, {1000, 350, -1}, {2500, 1800, 7}}},
-        {"more than twelve", nullptr, "1,2,3,6,6,6,3,3,3,4,4,4,5\n", -1, {0, k123, k666, {3, 3, 3}, {4, 4, 4}}},
+        {"more than twelve", nullptr, "1,2,3,6,6,6,3,3,3,4,4,4,5\n", {0, k123, k666, {3, 3, 3}, {4, 4, 4}}},
         {"CRLF right after the twelfth",
          nullptr,
          "1,2,3,6,6,6,3,3,3,4,4,-4\r\n",
-         -1,
          {0, k123, k666, {3, 3, 3}, {4, 4, -4}}},
-        {"missing trailing field", nullptr, "1,2,3,4,5,6,7,8,9,10,11", -1, {0, k123, k456, {7, 8, 9}, {10, 11, 1000}}},
-        {"empty profile file means 1", "", three, -1, first_field(0.00011)},
-        {"profile 3, more text after it", " 3,1 (default)\n", three, -1, first_field(0.00033)},
-        {"a line beyond 255 characters counts as two", "3\n", long_line.c_str(), -1, first_field(0.00044)},
-        {"profile beyond the lines", "4\n", three, -1, kNothing},
-        {"profile 0 (non-numeric) selects nothing", "abc\n", three, -1, kNothing},
-        {"no charger file", "1\n", nullptr, -1, kNothing},
-        {"null first", nullptr, twelve, 0, {-2, kLeftD, kLeftD, kLeftI, kLeftI}},
-        {"null second", nullptr, twelve, 1, {-3, k123, kLeftD, kLeftI, kLeftI}},
-        {"null third", nullptr, twelve, 2, {-4, k123, k456, kLeftI, kLeftI}},
-        {"null fourth", nullptr, twelve, 3, {-5, k123, k456, {7, 8, 9}, kLeftI}},
+        {"missing trailing field", nullptr, "1,2,3,4,5,6,7,8,9,10,11", {0, k123, k456, {7, 8, 9}, {10, 11, 1000}}},
+        {"empty profile file means 1", "", three, first_field(0.00011)},
+        {"profile 3, more text after it", " 3,1 (default)\n", three, first_field(0.00033)},
+        {"a line beyond 255 characters counts as two", "3\n", long_line.c_str(), first_field(0.00044)},
+        {"profile beyond the lines", "4\n", three, kNothing},
+        {"profile 0 (non-numeric) selects nothing", "abc\n", three, kNothing},
+        {"no charger file", "1\n", nullptr, kNothing},
+        {"null first", nullptr, twelve, {-2, kLeftD, kLeftD, kLeftI, kLeftI}, 0},
+        {"null second", nullptr, twelve, {-3, k123, kLeftD, kLeftI, kLeftI}, 1},
+        {"null third", nullptr, twelve, {-4, k123, k456, kLeftI, kLeftI}, 2},
+        {"null fourth", nullptr, twelve, {-5, k123, k456, {7, 8, 9}, kLeftI}, 3},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
