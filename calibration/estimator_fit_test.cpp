@@ -107,8 +107,7 @@ TEST(EstimatorFit, ResidualLeavesOutEigenvaluesUpTo2PowMinus10) {
     const struct {
         MSFLOAT lambda2;
         double want;
-    } cases[] = {
-        {I(16), 997}, {MSFLOAT_1div1024, 998}, {MSFLOAT_0, 998}, {just_above, 998 - 16 / std::ldexp(0x8001, -25)}};
+    } cases[] = {{I(16), 997}, {MSFLOAT_1div1024, 998}, {MSFLOAT_0, 998}, {just_above, 998 - 16 / 0x8001p-25}};
     for (const auto &c : cases) {
         const MsEigenPair pairs[3] = {{I(400), {16384, 0, 0}}, {I(100), {0, 16384, 0}}, {c.lambda2, {0, 0, 16384}}};
         MSFLOAT out;  // s - sum (e.b)^2 / lambda over the pairs used
