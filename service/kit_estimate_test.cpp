@@ -244,6 +244,9 @@ TEST(KitEstimate, ATrustedOffsetGivesWayToABetterDeterminedFitAndAStoreTheRecent
 // field. A correction already in use that the field no longer matches (W stretching x by
 // a quarter) gives way to a new one, judged, and the reference strength taken, from the
 // recent samples through the correction it proposes, the one in use once it is taken.
+// A correction in use is fitted again once the store covers more cells than it was
+// fitted to, even where the field through it is a sphere (its residual at the noise):
+// a wider store tells W's axes better. Not while the cells are as many.
 // Under half the sphere (caps of 80 and 90 degrees about z, z squeezed by a tenth) the
 // estimate's ellipsoid takes D from the samples: its centre lies within 2 counts of the
 // truth, where a fit held nearer the sphere by the showing fit's ridge is 4 to 8 off
@@ -251,27 +254,40 @@ TEST(KitEstimate, ATrustedOffsetGivesWayToABetterDeterminedFitAndAStoreTheRecent
 // shows stays what the showing fit found.
 TEST(KitEstimate, TheEllipsoidReplacesTheSphereOnlyWhereSoftIronShowsAndTheStoreCoversEnough) {
     static const double kSqueezedZ[4] = {1.0, 1.08, 0.90, 0.0};
+    const SoftIron kNone{}, kStretched{true, kOffset, {20480, 0, 0, 0, 13107, 0, 0, 0, 16384}},
+        kIdentity{true, kOffset, {16384, 0, 0, 0, 16384, 0, 0, 0, 16384}};
     const struct {
         const char *name;
         int n;
         double cap_deg;
         const double *soft;
-        bool joining;    // a sphere is due again every cycle: the phone still turns
-        bool stretched;  // a correction in use before, stretching x by a quarter
+        bool joining;     // a sphere is due again every cycle: the phone still turns
+        SoftIron in_use;  // the correction in use before
+        int cells_short;  // -1, or the correction fitted to this many cells fewer than the store covers
         bool due, adopted;
     } cases[] = {
-        {"soft iron, the whole sphere: adopted", 80, 180, kSoftIron, false, false, true, true},
-        {"soft iron, samples still joining: the ellipsoid goes first", 80, 180, kSoftIron, true, false, true, true},
-        {"no soft iron, the whole sphere: none due", 80, 180, kNoSoftIron, false, false, false, false},
-        {"soft iron, a 30-degree cap: too few cells for an ellipsoid", 80, 30, kSoftIron, false, false, false, false},
-        {"a correction in use the field no longer matches: replaced", 80, 180, kSoftIron, false, true, true, true},
-        {"z squeezed, an 80-degree cap: the centre from the samples", 32, 80, kSqueezedZ, false, false, true, true},
-        {"z squeezed, a 90-degree cap", 32, 90, kSqueezedZ, false, false, true, true},
+        {"soft iron, the whole sphere: adopted", 80, 180, kSoftIron, false, kNone, -1, true, true},
+        {"soft iron, samples still joining: the ellipsoid goes first", 80, 180, kSoftIron, true, kNone, -1, true, true},
+        {"no soft iron, the whole sphere: none due", 80, 180, kNoSoftIron, false, kNone, -1, false, false},
+        {"soft iron, a 30-degree cap: too few cells for an ellipsoid", 80, 30, kSoftIron, false, kNone, -1, false,
+         false},
+        {"a correction in use the field no longer matches: replaced", 80, 180, kSoftIron, false, kStretched, -1, true,
+         true},
+        {"a correction fitted to one cell fewer than the store covers: refitted", 80, 180, kNoSoftIron, false,
+         kIdentity, 1, true, true},
+        {"fitted to as many cells: not due", 80, 180, kNoSoftIron, false, kIdentity, 0, false, false},
+        {"z squeezed, an 80-degree cap: the centre from the samples", 32, 80, kSqueezedZ, false, kNone, -1, true, true},
+        {"z squeezed, a 90-degree cap", 32, 90, kSqueezedZ, false, kNone, -1, true, true},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
         fill(Vec3{0, 0, 0}, directions(c.n, c.cap_deg), kOffset, c.soft, 0.4);
-        if (c.stretched) g_state.soft_iron = SoftIron{true, kOffset, {20480, 0, 0, 0, 13107, 0, 0, 0, 16384}};
+        if (c.in_use.in_use) g_state.soft_iron = c.in_use;
+        if (c.cells_short >= 0) {
+            step();  // the cells the store covers
+            g_state.est.ellipsoid_cells = static_cast<uint8_t>(g_state.est.coverage - c.cells_short);
+            g_state.est.ellipsoid_due = false;  // the last judgement's: a due fit would go first
+        }
         step();  // the sphere, and whether an ellipsoid is due
         ASSERT_EQ(g_state.est.ellipsoid_due, c.due) << "coverage " << int(g_state.est.coverage);
         const int32_t shown = g_state.est.shown_permille;
@@ -284,7 +300,7 @@ TEST(KitEstimate, TheEllipsoidReplacesTheSphereOnlyWhereSoftIronShowsAndTheStore
             EXPECT_LE(dot(d, d), 4);
             EXPECT_EQ(g_state.est.shown_permille, shown);
         }
-        EXPECT_EQ(g_state.soft_iron.in_use, c.adopted);
+        EXPECT_EQ(g_state.soft_iron.in_use, c.adopted || c.in_use.in_use);
         EXPECT_EQ(g_state.estimator == KMXC_SERVICE_ESTIMATOR_ELLIPSOID, c.adopted);
         if (c.adopted) {
             EXPECT_EQ(g_state.est.ellipsoid_cells, g_state.est.coverage) << "the cells it was fitted to";
@@ -614,32 +630,3 @@ TEST(KitEstimate, ATrustedEstimatesReferencesAndAPlausibleCorrectionComeBackFrom
 }
 
 }  // namespace
-
-// A correction in use is fitted again once the store covers more cells than it was
-// fitted to, even where the field through it is a sphere (its residual at the noise):
-// a wider store tells W's axes better. Not while the cells are as many.
-TEST(KitEstimate, ACorrectionIsRefittedOnceTheStoreCoversMoreCellsThanItsFit) {
-    fill(kOffset, directions(60), kOffset, kNoSoftIron, 0.3);
-    g_state.soft_iron = SoftIron{true, kOffset, {16384, 0, 0, 0, 16384, 0, 0, 0, 16384}};
-    step();
-    const int cells = g_state.est.coverage;
-    ASSERT_GT(cells, 1);
-    const struct {
-        const char *name;
-        bool in_use;
-        int fitted_cells;
-        bool due;
-    } cases[] = {
-        {"fitted to one cell fewer than the store covers: due", true, cells - 1, true},
-        {"fitted to as many cells: not due", true, cells, false},
-        {"no correction in use and a sphere's residual: none due", false, 0, false},
-    };
-    for (const auto &c : cases) {
-        g_state.soft_iron.in_use = c.in_use;
-        g_state.est.ellipsoid_cells = static_cast<uint8_t>(c.fitted_cells);
-        g_state.est.ellipsoid_due = false;  // the last judgement's: a due fit would go first
-        step();
-        EXPECT_EQ(g_state.est.coverage, cells) << c.name;
-        EXPECT_EQ(g_state.est.ellipsoid_due, c.due) << c.name;
-    }
-}
