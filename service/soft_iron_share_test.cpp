@@ -135,29 +135,26 @@ TEST(SoftIronShare, GrowsAsTheStoreShrinksToACapAndVanishesWithoutAPrior) {
     };
     double previous = 0;
     for (const auto &c : cases) {
+        SCOPED_TRACE(c.name);
         std::mt19937_64 rng(5);
-        const Store s = random_store(rng, 32, 120, c.cap_deg, 0.3);
+        Store s = random_store(rng, 32, 120, c.cap_deg, 0.3);
         int64_t a[9], share[6];
         scatter(s, a);
-        ASSERT_EQ(soft_iron_share(s.u.data(), 32, s.centre, s.radius, {20, 40}, a, share), FitResult::kOk) << c.name;
+        ASSERT_EQ(soft_iron_share(s.u.data(), 32, s.centre, s.radius, {20, 40}, a, share), FitResult::kOk);
         const double sd = std::sqrt(largest(unpack(share)));
-        EXPECT_GE(sd, c.min_sd_counts) << c.name;
-        EXPECT_LE(sd, c.max_sd_counts) << c.name;
-        EXPECT_GT(sd, previous) << c.name << ": more than the wider store's";
+        EXPECT_GE(sd, c.min_sd_counts);
+        EXPECT_LE(sd, c.max_sd_counts);
+        EXPECT_GT(sd, previous) << "more than the wider store's";
         previous = sd;
+        EXPECT_EQ(soft_iron_share(s.u.data(), 32, s.centre, s.radius, {0, 40}, a, share), FitResult::kTooFew);
+        for (int64_t e : share) EXPECT_EQ(e, 0) << "no prior: no share";
+        int32_t x[kShareColumns];
+        s.u.push_back(s.u[0]);
+        EXPECT_EQ(soft_iron_share_columns(s.u.data(), kShareMaxSamples + 1, s.centre, a, x), FitResult::kTooFew)
+            << "more samples than the sums are bounded for";
+        s.u[3].x = s.centre.x + kShareSpanLimit;
+        EXPECT_EQ(soft_iron_share(s.u.data(), 32, s.centre, s.radius, {20, 40}, a, share), FitResult::kOverflowRisk);
     }
-    std::mt19937_64 rng(5);
-    Store s = random_store(rng, 32, 120, 90, 0.3);
-    int64_t a[9], share[6] = {1, 1, 1, 1, 1, 1};
-    scatter(s, a);
-    EXPECT_EQ(soft_iron_share(s.u.data(), 32, s.centre, s.radius, {0, 40}, a, share), FitResult::kTooFew);
-    for (int64_t e : share) EXPECT_EQ(e, 0) << "no prior: no share";
-    // More samples than the sums are bounded for.
-    const Store big = random_store(rng, kShareMaxSamples + 1, 120, 90, 0.3);
-    int32_t x[kShareColumns];
-    EXPECT_EQ(soft_iron_share_columns(big.u.data(), kShareMaxSamples + 1, big.centre, a, x), FitResult::kTooFew);
-    s.u[3].x = s.centre.x + kShareSpanLimit;
-    EXPECT_EQ(soft_iron_share(s.u.data(), 32, s.centre, s.radius, {20, 40}, a, share), FitResult::kOverflowRisk);
 }
 
 }  // namespace
