@@ -153,20 +153,18 @@ TEST(KitEstimate, DueJoinsDeterminacyAgreementAndTheSoftIronShownDecideHowFarASp
         EXPECT_LE(g_state.est.cov.prior_permille, c.prior_max);
     }
     // A later fit shows more: the share in use grows as the prior's square, the rest of
-    // the covariance stays.
-    const OffsetCovariance before = g_state.est.cov;
-    g_state.est.shown_permille = 2 * before.prior_permille;
-    rescale_share(&g_state.est.cov);
-    for (int k = 0; k < 6; ++k) {
-        EXPECT_EQ(g_state.est.cov.share_q8[k], before.share_q8[k] * 4) << k;
-        EXPECT_EQ(g_state.est.cov.p_q8[k] - g_state.est.cov.share_q8[k], before.p_q8[k] - before.share_q8[k]) << k;
+    // the covariance stays. Showing less never narrows it.
+    for (const int32_t shown : {2 * g_state.est.cov.prior_permille, 0}) {
+        const OffsetCovariance before = g_state.est.cov;
+        const int32_t grows = shown > before.prior_permille ? 4 : 1;
+        g_state.est.shown_permille = shown;
+        rescale_share(&g_state.est.cov);
+        for (int k = 0; k < 6; ++k) {
+            EXPECT_EQ(g_state.est.cov.share_q8[k], before.share_q8[k] * grows) << shown << " " << k;
+            EXPECT_EQ(g_state.est.cov.p_q8[k] - g_state.est.cov.share_q8[k], before.p_q8[k] - before.share_q8[k]) << k;
+        }
+        EXPECT_EQ(g_state.est.cov.prior_permille, std::max(shown, before.prior_permille));
     }
-    EXPECT_EQ(g_state.est.cov.prior_permille, 2 * before.prior_permille);
-    // Showing less never narrows it.
-    const OffsetCovariance wide = g_state.est.cov;
-    g_state.est.shown_permille = 0;
-    rescale_share(&g_state.est.cov);
-    for (int k = 0; k < 6; ++k) EXPECT_EQ(g_state.est.cov.p_q8[k], wide.p_q8[k]) << k;
 }
 
 // A trusted offset is replaced by a store fit only when the recent samples agree with
