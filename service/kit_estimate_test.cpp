@@ -440,10 +440,10 @@ TEST(KitEstimate, TheHeadingsUncertaintyCapsTheAccuracyAtEachLimitAndAsTheDouble
                            KMXC_SERVICE_HEADING_SIGMA_LOW_CDEG};
     const int8_t levels[4] = {KMXC_SERVICE_HIGH, KMXC_SERVICE_MEDIUM, KMXC_SERVICE_LOW, KMXC_SERVICE_UNRELIABLE};
     const Vec3 level_g{0, 0, 4096}, level_v{0, 50, -80};
+    g_state = State{};  // the cap reads only the covariance kept
     for (int k = 0; k < 3; ++k) {
         for (const double f : {0.98, 1.02}) {
             // East determined at f times the limit's variance, the rest at the prior.
-            g_state = State{};
             g_state.est.cov = covariance({std::pow(limit_rad(limits[k]) * 50, 2) * f, 0, 0, 2500, 0, 2500});
             EXPECT_EQ(heading_accuracy_cap(level_v, level_g, 0), levels[f < 1 ? k : k + 1]) << k << " at " << f;
         }
@@ -464,7 +464,6 @@ TEST(KitEstimate, TheHeadingsUncertaintyCapsTheAccuracyAtEachLimitAndAsTheDouble
         {"no covariance, a 10-degree tilt error", OffsetCovariance{}, level_v, 1000, KMXC_SERVICE_UNRELIABLE},
     };
     for (const auto &c : cases) {
-        g_state = State{};
         g_state.est.cov = c.p;
         EXPECT_EQ(heading_accuracy_cap(c.v, level_g, c.tilt_cdeg), c.cap) << c.name;
     }
@@ -480,7 +479,6 @@ TEST(KitEstimate, TheHeadingsUncertaintyCapsTheAccuracyAtEachLimitAndAsTheDouble
         double p[3][3];
         for (int r = 0; r < 3; ++r)
             for (int k = 0; k < 3; ++k) p[r][k] = a[r][0] * a[k][0] + a[r][1] * a[k][1] + a[r][2] * a[k][2];
-        g_state = State{};
         const OffsetCovariance &c = g_state.est.cov =
             covariance({p[0][0], p[0][1], p[0][2], p[1][1], p[1][2], p[2][2]});
         const auto draw = [&](double m) {

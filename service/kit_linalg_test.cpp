@@ -44,8 +44,7 @@ TEST(KitLinalg, MulShiftIsTheExactFlooredProduct) {
         if (rng() & 1) a = -a;
         ASSERT_EQ(mul_shift(a, b, s), mul_shift_reference(a, b, s)) << a << " * " << b << " >> " << s;
     }
-    const int64_t r = int64_t{1} << 31;
-    EXPECT_EQ(mul_shift(-(int64_t{1} << 40), r, 63), -(int64_t{1} << 8));
+    EXPECT_EQ(mul_shift(-(int64_t{1} << 40), int64_t{1} << 31, 63), -(int64_t{1} << 8)) << "b of exactly 2^31";
 }
 
 TEST(KitLinalg, ReciprocalDivisionIsWithinItsRelativePrecisionBelowTheQuotient) {
