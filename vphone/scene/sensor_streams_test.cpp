@@ -14,23 +14,30 @@ ParsedStream parse(const std::string &text, double limit = 100) {
     return parse_stream(in, limit);
 }
 
+ParsedStream parse_reference(const std::string &text) {
+    std::istringstream in(text);
+    return parse_reference_stream(in);
+}
+
 // What phones' loggers write: either time unit, the columns in any order among others,
 // comments before the header, \r\n line ends. What is not a stream is refused with the
-// line and the problem.
+// line and the problem; a reference stream's quaternions are checked as a field log's.
 TEST(SensorStreams, ThePhonesLogIsReadByItsNamedColumnsOrRefusedWithTheLineAndTheProblem) {
     const std::string head = "time_ns,x,y,z\n";
     const struct {
         const char *name;
         std::string text;
         const char *error_part;  // "": read, its first sample `first`
+        bool reference = false;  // a reference stream's
         StreamSample first{};
     } cases[] = {
-        {"nanoseconds", "time_ns,x,y,z\n1700000000123,1.5,-2,3e1\n", "", {1700000000123, {1.5, -2, 30}}},
+        {"nanoseconds", "time_ns,x,y,z\n1700000000123,1.5,-2,3e1\n", "", false, {1700000000123, {1.5, -2, 30}}},
         {"microseconds, columns shuffled among others, comments first",
          "# a logger's note\n\nz,accuracy,time_us,bias_x,x,y\r\n3,2,7,0.5,1,+2\r\n",
          "",
+         false,
          {7000, {1, 2, 3}}},
-        {"the limit itself", "time_us,x,y,z\n0,100,-100,0\n", "", {0, {100, -100, 0}}},
+        {"the limit itself", "time_us,x,y,z\n0,100,-100,0\n", "", false, {0, {100, -100, 0}}},
         {"empty", "", "empty file"},
         {"only comments", "# nothing\n", "no header line"},
         {"no samples", head, "no samples"},
@@ -44,10 +51,13 @@ TEST(SensorStreams, ThePhonesLogIsReadByItsNamedColumnsOrRefusedWithTheLineAndTh
         {"a value past the limit", head + "0,1,100.5,3\n", "line 2: y '100.5' is not a number in -100..100"},
         {"not a number", head + "0,nan,2,3\n", "line 2: x 'nan'"},
         {"microseconds beyond what nanoseconds hold", "time_us,x,y,z\n9007199254740993,1,2,3\n", "time '9007"},
+        {"a reference without w", "time_us,x,y,z\n0,0,0,0\n", "line 1: the header names no w column", true},
+        {"a reference too short", "time_us,x,y,z,w\n0,0,0,0.5,0.5\n", "line 2: x..w is not a unit quaternion", true},
+        {"a reference's w past the tolerance", "time_us,x,y,z,w\n0,0,0,0,1.0101\n", "w '1.0101' is not a number", true},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
-        const ParsedStream p = parse(c.text);
+        const ParsedStream p = c.reference ? parse_reference(c.text) : parse(c.text);
         EXPECT_EQ(p.ok, *c.error_part == '\0');
         EXPECT_NE(p.error.find(c.error_part), std::string::npos) << "got '" << p.error << "'";
         EXPECT_EQ(p.samples.empty(), !p.ok);
@@ -135,26 +145,13 @@ TEST(SensorStreams, StreamsSplitFromAFieldLogPairBackIntoIt) {
     EXPECT_EQ(counts.paired, 500);
 }
 
-// A reference stream's quaternions are checked as a field log's, and interpolated along
-// the shortest rotation: halfway from facing north to a quarter turn left (a quaternion
-// logged with its sign turned, the same rotation) faces north-west.
+// A reference stream is interpolated along the shortest rotation: halfway from facing
+// north to a quarter turn left (a quaternion logged with its sign turned, the same
+// rotation) faces north-west.
 TEST(SensorStreams, AReferenceStreamIsInterpolatedAlongTheShortestRotation) {
-    const struct {
-        const char *name, *text, *error_part;
-    } refused[] = {
-        {"no w", "time_us,x,y,z\n0,0,0,0\n", "line 1: the header names no w column"},
-        {"not unit length", "time_us,x,y,z,w\n0,0,0,0.5,0.5\n", "line 2: x..w is not a unit quaternion: its length is"},
-        {"a component past the tolerance", "time_us,x,y,z,w\n0,0,0,0,1.0101\n", "w '1.0101' is not a number"},
-    };
-    for (const auto &c : refused) {
-        std::istringstream in(c.text);
-        const ParsedStream p = parse_reference_stream(in);
-        EXPECT_FALSE(p.ok) << c.name;
-        EXPECT_NE(p.error.find(c.error_part), std::string::npos) << c.name << ": got '" << p.error << "'";
-    }
     const double h = std::sqrt(0.5);
-    std::istringstream in("time_us,w,x,y,z\n0,1,0,0,0\n100000,-0.7071067811865476,0,0,-0.7071067811865476\n");
-    const ParsedStream reference = parse_reference_stream(in);
+    const ParsedStream reference =
+        parse_reference("time_us,w,x,y,z\n0,1,0,0,0\n100000,-0.7071067811865476,0,0,-0.7071067811865476\n");
     ASSERT_TRUE(reference.ok) << reference.error;
     const Vec3 g{0, 0, 9.8};
     const std::vector<StreamSample> accel = {{0, g}, {100'000'000, g}};
