@@ -170,23 +170,22 @@ TEST(FieldLog, AnInstantIsSensedAsThePhoneReportedIt) {
         {"on its left edge, pushed forward at 0.5 g", {kStandardGravity, 0, -kStandardGravity / 2}, {-1, 0, 0.5}},
     };
     for (const auto &c : cases) {
-        FieldLogRow r{1234567, {10, -20, 30.5}, c.accel_mps2, 31.5};
+        SCOPED_TRACE(c.name);
+        const FieldLogRow r{1234567, {10, -20, 30.5}, c.accel_mps2, 31.5};
         const Truth t = truth_of(r);
-        for (size_t k = 0; k < 3; ++k) {
-            EXPECT_DOUBLE_EQ(t.gravity_g[k], c.gravity_g[k]) << c.name << " axis " << k;
-            EXPECT_EQ(t.field_uT[k], r.mag_uT[k]) << c.name;
-            EXPECT_EQ(t.hard_iron_uT[k], 0.0) << c.name;
-        }
-        EXPECT_EQ(t.temperature_C, 31.5) << c.name;
         // And back: the field sensed, hard iron included, and the reading.
         Truth scene = t;
         scene.hard_iron_uT = {5, 6, 7};
         scene.field_uT = {5, -26, 23.5};
         const FieldLogRow back = row_of(r.time_us, scene);
         for (size_t k = 0; k < 3; ++k) {
-            EXPECT_EQ(back.mag_uT[k], r.mag_uT[k]) << c.name;
-            EXPECT_DOUBLE_EQ(back.accel_mps2[k], r.accel_mps2[k]) << c.name;
+            EXPECT_DOUBLE_EQ(t.gravity_g[k], c.gravity_g[k]) << "axis " << k;
+            EXPECT_EQ(t.field_uT[k], r.mag_uT[k]);
+            EXPECT_EQ(t.hard_iron_uT[k], 0.0);
+            EXPECT_EQ(back.mag_uT[k], r.mag_uT[k]);
+            EXPECT_DOUBLE_EQ(back.accel_mps2[k], r.accel_mps2[k]);
         }
+        EXPECT_EQ(t.temperature_C, 31.5);
         EXPECT_EQ(back.time_us, r.time_us);
     }
 }

@@ -19,8 +19,6 @@ namespace {
 constexpr double kDegree = M_PI / 180, kB = 50.0, kIncl = 60.0;
 const double kBh = kB * std::cos(kIncl * kDegree), kBv = kB * std::sin(kIncl * kDegree);
 
-ScenarioSettings settings(const char *name, uint32_t seed = 1) { return {.name = name, .seed = seed}; }
-
 // Known attitudes, worked out by hand from where the phone's axes point.
 const struct {
     const char *name;
@@ -83,7 +81,7 @@ TEST(ScenarioScripts, EveryScriptsHandlingIsContinuous) {
     for (const std::string &name : scenario_names()) {
         SCOPED_TRACE(name);
         ASSERT_TRUE(is_scenario_name(name));
-        const Scenario sc(settings(name.c_str()));
+        const Scenario sc({.name = name});
         Truth prev = sc.ideal(0);
         for (double t = 0.05; t <= sc.duration_s(); t += 0.05) {
             const Truth now = sc.ideal(t);
@@ -145,7 +143,7 @@ TEST(SoftIron, ClosedFormEigenvaluesAreRootsOfTheCharacteristicPolynomialInOrder
 // clipped in.
 TEST(Car, TheCarsFieldGrowsAsThePhoneNearsTheMountAndIsWholeOnceMounted) {
     for (const char *name : {"car", "car-fresh"}) {
-        const ScenarioSettings s = settings(name);
+        const ScenarioSettings s{.name = name};
         const Scenario car(s);
         EXPECT_EQ(car.mounted_s(), std::string(name) == "car" ? 17.0 : 0.0) << name;
         EXPECT_EQ(car.ideal(0).mounted_s, car.mounted_s());
@@ -164,7 +162,7 @@ TEST(Car, TheCarsFieldGrowsAsThePhoneNearsTheMountAndIsWholeOnceMounted) {
             last = share;
         }
     }
-    EXPECT_EQ(Scenario(settings("default")).ideal(0).mounted_s, -1);
+    EXPECT_EQ(Scenario(ScenarioSettings{.name = "default"}).ideal(0).mounted_s, -1);
 }
 
 // The accelerometer reads the truth plus its zero-g offset, in the hand and in the car,
@@ -270,7 +268,7 @@ TEST(Browse, EverySeedsHandlingStaysWithinItsEnvelopeAndNoTwoAreAlike) {
     std::set<std::vector<std::string>> handlings;
     for (uint32_t seed = 1; seed <= 5; ++seed) {
         SCOPED_TRACE("seed " + std::to_string(seed));
-        const Scenario browse(settings("browse", seed));
+        const Scenario browse({.name = "browse", .seed = seed});
         EXPECT_NEAR(browse.duration_s(), kBrowseS, 1e-9);
         std::vector<std::string> phases;
         std::map<std::string, int> entered;
