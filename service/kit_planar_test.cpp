@@ -191,14 +191,15 @@ Vec3 leaning(double lean_deg, double scale = 1) {
 }
 
 // The kit at 10 Hz with `store`, its circle fit due; the references those of the clean
-// circles below (120 counts, a 60-degree dip), the library's offset at `in_use`, trusted
-// (high) or not (low).
-void kit_with(const FieldStore &store, const Vec3 &in_use, bool trusted) {
+// circles below (120 counts, a 60-degree dip), or none and a mean gravity of one sample
+// along their axis instead; the library's offset at `in_use`, trusted (high) or not (low).
+void kit_with(const FieldStore &store, const Vec3 &in_use, bool trusted, bool referenced = true) {
     g_state = State{};
     g_state.rate_hz = 10;
     g_state.est.store = store;
     g_state.planar.joins = KMXC_SERVICE_STORE_REFIT_JOINS;
-    g_state.reference_known = true;
+    g_state.reference_known = referenced;
+    if (!referenced) mount_gravity_track(&g_state.mount_gravity, leaning(0), leaning(0), true, 10);
     g_state.reference_strength_counts = 120;
     g_state.reference_dip_cdeg = 9000 - 3000;
     g_state.offset_trusted = trusted;
@@ -312,8 +313,8 @@ TEST(PlanarRules, ACircleIsFittedWhenDueAndTellsOfAMountUntilTheStoreLeavesIt) {
 // (it would be judged on other samples); one that joins after the judgement leaves the
 // estimate to its adoption, which weighs it on the store as it then is. In a vehicle's
 // turns samples join every few cycles: dropping judged estimates starved the adoption.
-// Without the references an estimate is low and known across its axis only: along it
-// the offset is the old one's, as uncertain as the prior.
+// Without the references (its axis then the mean gravity's) an estimate is low and known
+// across its axis only: along it the offset is the old one's, as uncertain as the prior.
 TEST(PlanarRules, TheOffsetInUseGivesWayToACircleThatItDoesNotFitOrThatTrustsMore) {
     constexpr int kMove = KMXC_SERVICE_REPUBLISH_MIN_CHANGE;
     const struct {
@@ -334,27 +335,11 @@ TEST(PlanarRules, TheOffsetInUseGivesWayToACircleThatItDoesNotFitOrThatTrustsMor
         {"planar, a count short of it on every axis: kept", {41, -31, 21}, true, false, 120, false, KMXC_SERVICE_LOW},
         {"off, a join after the fit: dropped unjudged", {90, -80, 70}, false, false, 200, false, KMXC_SERVICE_LOW, 1},
         {"off, a join after the judgement: replaced", {90, -80, 70}, false, false, 200, true, KMXC_SERVICE_MEDIUM, 2},
-        {"off, no references: replaced, low, known across its axis only",
-         {90, -80, 70},
-         false,
-         false,
-         350,
-         true,
-         KMXC_SERVICE_LOW,
-         0,
-         false},
+        {"no reference: low, axial part unknown", {90, -80, 70}, false, false, 350, true, KMXC_SERVICE_LOW, 0, false},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
-        kit_with(clean(c.arc_deg), c.in_use, c.trusted);
-        g_state.reference_known = c.referenced;
-        if (!c.referenced) {  // then the axis must be the mean gravity's
-            const Vec3 down = leaning(0);
-            g_state.mount_gravity.mean_q8[0] = down.x * 256;
-            g_state.mount_gravity.mean_q8[1] = down.y * 256;
-            g_state.mount_gravity.mean_q8[2] = down.z * 256;
-            g_state.mount_gravity.n = 1;
-        }
+        kit_with(clean(c.arc_deg), c.in_use, c.trusted, c.referenced);
         if (c.planar) g_state.estimator = KMXC_SERVICE_ESTIMATOR_PLANAR;
         KmxcServiceEvent e{};
         for (int cycle = 0; cycle < 3; ++cycle) {  // the circle fitted, judged, adopted or not
