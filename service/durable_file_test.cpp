@@ -189,13 +189,20 @@ TEST_F(DurableFile, TheReaderAndTheWriterNeverFollowNorWaitAndSayWhatTheyFound) 
 }
 
 // A temporary is always a new file of the writer's own: a name someone else holds (a
-// link planted there, another writer's file) is never opened.
-TEST_F(DurableFile, TemporariesAreExclusiveAndLeftoversGoUnderTheLock) {
+// link planted there, another writer's file) is never opened. Another process holding
+// the directory's lock: the save does not wait and says so, and touches nothing.
+TEST_F(DurableFile, TemporariesAreExclusiveLeftoversGoAndTheLockKeepsOthersOutWithoutWaiting) {
     const std::string mine = std::string(kFile) + ".tmp-" + std::to_string(getpid());
     const std::string outside = vphone::root() + "/outside";
     std::filesystem::create_symlink(outside, vphone::host_path(mine + "-0"));
     vphone::write_file(mine + "-1", "another writer's");
-    ASSERT_EQ(save("new").outcome, Outcome::kDone);
+    vphone::write_file(kFile, "old");
+    kit_file_test::OtherProcessHoldingTheLock other;
+    ASSERT_TRUE(other.held());
+    EXPECT_EQ(save("new").outcome, Outcome::kLocked);
+    EXPECT_EQ(vphone::read_file(kFile), "old");
+    other.release();
+    ASSERT_EQ(save("new").outcome, Outcome::kDone);  // released with the process
     EXPECT_EQ(vphone::read_file(kFile), "new");
     EXPECT_FALSE(std::filesystem::exists(outside));
     EXPECT_EQ(vphone::read_file(mine + "-1"), "another writer's");
@@ -207,18 +214,6 @@ TEST_F(DurableFile, TemporariesAreExclusiveAndLeftoversGoUnderTheLock) {
     remove_stale_temporaries(lock, kFile);
     unlock_directory(&lock);
     EXPECT_EQ(names(), (std::vector<std::string>{"f.cfg", "g.cfg.tmp-1-0"}));
-}
-
-// Another process holding the directory's lock: the save does not wait and says so.
-TEST_F(DurableFile, TheLockKeepsASecondProcessOutWithoutWaiting) {
-    vphone::write_file(kFile, "old");
-    kit_file_test::OtherProcessHoldingTheLock other;
-    ASSERT_TRUE(other.held());
-    EXPECT_EQ(save("new").outcome, Outcome::kLocked);
-    EXPECT_EQ(vphone::read_file(kFile), "old");
-    other.release();
-    EXPECT_EQ(save("new").outcome, Outcome::kDone);  // released with the process
-    EXPECT_EQ(vphone::read_file(kFile), "new");
 }
 
 }  // namespace
