@@ -28,16 +28,18 @@ void feed(std::initializer_list<Vec3> samples) {
 constexpr double kPi = 3.14159265358979323846;
 
 // The kit trusting an offset whose reference angle between field and gravity is
-// `cdeg` (3000: a 60-degree dip), of `strength` counts.
-void trusted_at(int32_t cdeg, int32_t strength = 120) {
+// `cdeg` (3000: a 60-degree dip; 0: no reference), of `strength` counts, in steady tilt
+// or not.
+void trusted_at(int32_t cdeg, int32_t strength = 120, bool steady = true) {
     g_state = State{};
     g_state.rate_hz = 10;
     g_state.reference_known = true;
     g_state.reference_strength_counts = strength;
     g_state.reference_dip_cdeg = 9000 - cdeg;
     trust_planar(KMXC_SERVICE_MEDIUM);  // sets the angle's bounds from the 3-D reference
+    g_state.reference = cdeg != 0;
     g_state.base_accuracy = KMXC_SERVICE_HIGH;
-    g_state.tilt_steady = true;
+    g_state.tilt_steady = steady;
 }
 
 int32_t dip_permille(double deg) { return static_cast<int32_t>(1000 * std::cos(deg * kPi / 180)); }
@@ -96,7 +98,7 @@ TEST(KitRuleEdges, AFitIsJudgedByItsBatchsWorstDeviationAndGivenThriceItAsItsBan
 // strength stays past half the tolerance, holding the accuracy down for its whole clear
 // time after the last sample that kept it going.
 TEST(KitRuleEdges, PastTheBandOrAnEpisodesHalfToleranceTheAccuracyIsHeldLowForTheClearTime) {
-    constexpr int64_t kNow = kSeen + 1000;
+    constexpr int64_t kNow = kSeen + 1000, kHour = 3600 * int64_t{1000000000};
     for (const bool episode : {false, true})
         for (const int32_t strength : {184, 185, 215, 216}) {
             SCOPED_TRACE(::testing::Message() << strength << (episode ? " in an episode" : " against a fit's band"));
@@ -110,24 +112,24 @@ TEST(KitRuleEdges, PastTheBandOrAnEpisodesHalfToleranceTheAccuracyIsHeldLowForTh
                 on_fit(KmxAxesData{0, 0, 0});  // high, its band 75
             }
             const bool past = strength == 184 || strength == 216;
+            const int8_t held = past || episode ? KMXC_SERVICE_LOW : KMXC_SERVICE_HIGH;
+            // Past the fit's band, one sample every 100 ms for an hour.
+            const int64_t end = !episode && strength == 216 ? kNow + kHour : kNow;
             KmxcServiceEvent e{};
-            judge_anomaly(Vec3{0, 0, -4096}, strength, 0, KmxAxesData{0, 0, 0}, kNow, &e);
+            for (int64_t t = kNow; t <= end; t += 100000000) {
+                e = KmxcServiceEvent{};
+                judge_anomaly(Vec3{0, 0, -4096}, strength, 0, KmxAxesData{0, 0, 0}, t, &e);
+                ASSERT_EQ(accuracy_now(t), held) << "at " << t;
+            }
             EXPECT_EQ(e.anomaly, past && !episode ? KMXC_SERVICE_ANOMALY_OUTSIDE_BAND : 0);
             EXPECT_EQ(e.flags & KMXC_SERVICE_ANOMALY, 0);
             EXPECT_EQ(g_state.in_anomaly, episode);
-            const int64_t last = past ? kNow : kSeen;
+            EXPECT_TRUE(g_state.offset_trusted);
+            const int64_t last = past ? end : kSeen;
             if (episode) { EXPECT_EQ(g_state.last_anomaly_ns, last); }
-            EXPECT_EQ(accuracy_now(last + kClearNs - 1), past || episode ? KMXC_SERVICE_LOW : KMXC_SERVICE_HIGH);
+            EXPECT_EQ(accuracy_now(last + kClearNs - 1), held);
             EXPECT_EQ(accuracy_now(last + kClearNs), KMXC_SERVICE_HIGH);
         }
-    feed({{195, 0, 0}, {0, 205, 0}});
-    on_fit(KmxAxesData{0, 0, 0});
-    for (int64_t t = kSeen; t < kSeen + 3600 * int64_t{1000000000}; t += 100000000) {
-        KmxcServiceEvent e{};
-        judge_anomaly(Vec3{0, 0, -4096}, 216, 0, KmxAxesData{0, 0, 0}, t, &e);
-        if (accuracy_now(t) != KMXC_SERVICE_LOW) FAIL() << "at " << t;
-    }
-    EXPECT_TRUE(g_state.offset_trusted);
 }
 
 // A stored offset is confirmed, and a demoted one restored, by
@@ -178,11 +180,6 @@ TEST(KitRuleEdges, AnOffsetIsConfirmedOrRestoredByAgreeingSamplesNearItsReferenc
     }
 }
 
-// The integer heading's axis: the kit tells the library the threshold that leaves the
-// axis in use and records the axis the library then took. At each threshold and one
-// count past it, from either axis and either sign of the y entry, the recorded axis is
-// the one whose heading the library gave (a threshold of 0 forces the z axis, 4096 the
-// y axis; the rows set the two headings tens of degrees apart).
 // The reported accuracy falls with the rules at once and rises with them only once the
 // rise time has passed since it last fell, counted from the latest fall.
 TEST(KitRuleEdges, TheAccuracyFallsAtOnceAndRisesOnlyTheRiseTimeAfterItsLastFall) {
@@ -210,6 +207,11 @@ TEST(KitRuleEdges, TheAccuracyFallsAtOnceAndRisesOnlyTheRiseTimeAfterItsLastFall
     }
 }
 
+// The integer heading's axis: the kit tells the library the threshold that leaves the
+// axis in use and records the axis the library then took. At each threshold and one
+// count past it, from either axis and either sign of the y entry, the recorded axis is
+// the one whose heading the library gave (a threshold of 0 forces the z axis, 4096 the
+// y axis; the rows set the two headings tens of degrees apart).
 TEST(KitRuleEdges, TheHeadingsAxisChangesOnlyPastTheThresholdThatLeavesIt) {
     constexpr int16_t kEnter = KMXC_SERVICE_DIRECTION_ENTER_Z, kLeave = KMXC_SERVICE_DIRECTION_LEAVE_Z;
     const struct {
@@ -381,9 +383,7 @@ TEST(KitRuleEdges, AnomaliesStartJustPastTheirLimitsAndTheDipOnlyInSteadyGravity
         {3000, 120, 40, 4096, false, 0},
     };
     for (const auto &c : cases) {
-        trusted_at(c.reference_cdeg);
-        g_state.reference = c.reference_cdeg != 0;
-        g_state.tilt_steady = c.tilt_steady;
+        trusted_at(c.reference_cdeg, 120, c.tilt_steady);
         EXPECT_EQ(anomaly_of(Vec3{0, 0, -c.gravity}, c.strength, dip_permille(c.angle_deg)), c.causes)
             << "reference " << c.reference_cdeg << " cdeg, strength " << c.strength << ", angle " << c.angle_deg
             << ", |g| " << c.gravity << (c.tilt_steady ? "" : ", unsteady");
@@ -409,8 +409,7 @@ TEST(KitDip, AnAnomalyHoldsTheAccuracyDownAndOnlyAPersistingOneInRangeDemotes) {
         {"dip off while accelerating for 60 s: kept", false, KMXC_SERVICE_ANOMALY_DIP, 60, false},
     };
     for (const auto &c : cases) {
-        trusted_at(3000);
-        g_state.tilt_steady = c.tilt_steady;
+        trusted_at(3000, 120, c.tilt_steady);
         KmxcServiceEvent e{};
         int8_t acc = 0;
         for (int64_t t = 1000000000; t <= 1000000000 + static_cast<int64_t>(c.for_s * 1e9); t += 100000000) {  // 10 Hz
