@@ -76,10 +76,7 @@ TEST(KitStore, ImplausibleValuesAreResetWithWhatBelongsToThemAndTheRestReadsBack
         {"gravity one past the limit", {16, 16, 16, 0, G + 1, 0, 1, 2, 3}, kResetGravity, no_gravity},
         {"gravity one past the negative limit", {16, 16, 16, -G - 1, 0, 0, 1, 2, 3}, kResetGravity, no_gravity},
         {"gravity INT32_MIN", {16, 16, 16, 0, 0, INT32_MIN, 1, 2, 3}, kResetGravity, no_gravity},
-        {"everything",
-         {99, 16, 16, G + 1, 0, 0, 1, 2, 3},
-         kResetRough | kResetMagnetic | kResetGravity,
-         kDefaultRecord},
+        {"all three", {99, 16, 16, G + 1, 0, 0, 1, 2, 3}, kResetRough | kResetMagnetic | kResetGravity, kDefaultRecord},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
@@ -145,6 +142,7 @@ TEST(KitStore, AKitLineBelongsToItsRecordAndEveryFieldIsCheckedAtItsEdges) {
         << "another gravity offset: not the kit file's business";
     const std::string known = with_field(with_field(with_field(base, 15, "1"), 13, "100"), 14, "6000");
     const std::string one = std::to_string(KMXC_SERVICE_SOFT_IRON_ONE);
+    const size_t sum_at = base.rfind(',') + 1;  // where the checksum starts
     const struct {
         const char *name;
         std::string line;
@@ -175,13 +173,11 @@ TEST(KitStore, AKitLineBelongsToItsRecordAndEveryFieldIsCheckedAtItsEdges) {
         {"coverage 256", with_field(base, 16, "256"), false},
         {"planar 1", with_field(base, 17, "1"), true},
         {"planar 2", with_field(base, 17, "2"), false},
-        {"checksum off by one",
-         base.substr(0, base.rfind(',') + 1) + std::to_string(std::stoul(base.substr(base.rfind(',') + 1)) ^ 1u),
-         false},
+        {"checksum off by one", base.substr(0, sum_at) + std::to_string(std::stoul(base.substr(sum_at)) ^ 1u), false},
         {"a digit changed, checksum kept", "1,17" + base.substr(4), false},
         {"cut short", base.substr(0, base.size() - 1), false},
         {"one field less", base.substr(base.find(',') + 1), false},
-        {"a semicolon for a comma", summed("1;" + base.substr(2, base.rfind(',') - 2)), false},
+        {"a semicolon for a comma", summed("1;" + base.substr(2, sum_at - 3)), false},
         {"the identity read as text", "1,16,16,16,1,2,3," + one + ",0,0," + one + ",0," + one + ",0,0,0,0,0,x", false},
     };
     for (const auto &c : cases) {
@@ -201,11 +197,10 @@ TEST(KitStore, AKitLineBelongsToItsRecordAndEveryFieldIsCheckedAtItsEdges) {
 constexpr int64_t kS = 1000000000;  // a second in the kit's nanoseconds
 
 TEST(KitStore, SavesAreSpacedAtEachThreshold) {
-    const CalibRecord stored{{16, 16, 16}, {0, 0, 0}, {100, 100, 100}},
-        other_rough{{16, 15, 16}, {0, 0, 0}, {100, 100, 100}}, unknown{{16, 16, 16}, {0, 0, 0}, kNoStoredOffset};
-    const auto with = [](int dx, int dy, int dz) {
-        return CalibRecord{{16, 16, 16}, {0, 0, 0}, {100 + dx, 100 + dy, 100 + dz}};
-    };
+    // The stored record's magnetic offset moved by (dx, dy, 0).
+    const auto with = [](int dx, int dy) { return CalibRecord{{16, 16, 16}, {0, 0, 0}, {100 + dx, 100 + dy, 100}}; };
+    const CalibRecord stored = with(0, 0), other_rough{{16, 15, 16}, {0, 0, 0}, {100, 100, 100}},
+                      unknown{{16, 16, 16}, {0, 0, 0}, kNoStoredOffset};
     const int M = KMXC_SERVICE_SAVE_MIN_MOVE_COUNTS;
     const int64_t interval = int64_t{KMXC_SERVICE_SAVE_MIN_INTERVAL_S} * kS,
                   settle = int64_t{KMXC_SERVICE_SAVE_SETTLE_S} * kS;
@@ -220,13 +215,13 @@ TEST(KitStore, SavesAreSpacedAtEachThreshold) {
         bool due;
     } cases[] = {
         {"the same record", fresh, stored, stored, true, t0 + settle, false},
-        {"moved exactly the least move", fresh, with(M, 0, 0), stored, true, t0, false},
-        {"moved just more", fresh, with(M, 1, 0), stored, true, t0, true},
-        {"moved a count, not yet settled", fresh, with(1, 0, 0), stored, true, t0 + settle - 1, false},
-        {"moved a count, settled", fresh, with(1, 0, 0), stored, true, t0 + settle, true},
-        {"moved more, within the interval", saved, with(M, 1, 0), stored, true, t0 + interval - 1, false},
-        {"moved more, the interval over", saved, with(M, 1, 0), stored, true, t0 + interval, true},
-        {"moved a count, settled since the last save", saved, with(1, 0, 0), stored, true, t0 + settle, true},
+        {"moved exactly the least move", fresh, with(M, 0), stored, true, t0, false},
+        {"moved just more", fresh, with(M, 1), stored, true, t0, true},
+        {"moved a count, not yet settled", fresh, with(1, 0), stored, true, t0 + settle - 1, false},
+        {"moved a count, settled", fresh, with(1, 0), stored, true, t0 + settle, true},
+        {"moved more, within the interval", saved, with(M, 1), stored, true, t0 + interval - 1, false},
+        {"moved more, the interval over", saved, with(M, 1), stored, true, t0 + interval, true},
+        {"moved a count, settled since the last save", saved, with(1, 0), stored, true, t0 + settle, true},
         {"nothing stored", fresh, stored, stored, false, t0, true},
         {"nothing stored, within the interval", saved, stored, stored, false, t0 + interval - 1, false},
         {"no magnetic offset stored", fresh, stored, unknown, true, t0, true},
