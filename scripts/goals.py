@@ -7,7 +7,12 @@ scenario, soft iron and rate.
 Usage: scripts/goals.py [--binary B] [--base B0] [--seeds 1-5] [--rates 10,50]
                         [--scenarios default,slow,...] [--soft-iron all|none] [--work DIR]
                         [--inclination DEG] [--accel-offset X,Y,Z] [--field UT] [--noise UT]
-                        [--hard-iron X,Y,Z] [--temp-drift C_PER_MIN]
+                        [--hard-iron X,Y,Z] [--temp-drift C_PER_MIN] [--jobs N] [--wrong]
+
+--jobs runs that many demos at once (default: one per processor); the table is the
+same whatever the number. --wrong lists, after the table, every episode of medium/high
+samples more than 15 degrees off: the run, its span, the estimator, how far the offset
+was off and what the phone was doing (the samples the 'wrong' column counts).
 
 --inclination runs every scenario in a field of that dip (the demo's default 60): the
 rules must hold from the equator to the poles, in either hemisphere. --accel-offset
@@ -32,6 +37,7 @@ Columns, per row (over the seeds):
   est       the estimator in use at the end (the seeds' codes), coverage cells
 """
 import argparse
+import concurrent.futures
 import csv
 import json
 import math
@@ -50,6 +56,8 @@ SOFT_IRON = {
 SCENARIOS = ["default", "slow", "browse", "planar", "still", "magnet", "two-planes"]
 SOFT_SCENARIOS = ["default", "slow", "browse"]
 STEADY_DEG, STEADY_FOR_US = 8.0, 2000000
+WRONG_DEG = 15.0  # the 'wrong' column's limit
+EPISODE_GAP_S = 1.0  # wrong samples this close belong to one episode
 
 
 def wrap(d):
@@ -80,17 +88,47 @@ def run_one(name, binary, scenario, seed, rate, soft, work, world):
         summary = json.load(f)
     after_sq, after_n = 0.0, 0
     first = summary.get("first_trusted_s")
+    wrong = []
     with open(outs) as f:
         for row in csv.DictReader(f):
-            if first is None or int(row["time_us"]) < first * 1e6 - 1:
-                continue
             if row["rotation_rc"] != "0":
                 continue
             e = wrap(float(row["azimuth"]) - float(row["true_azimuth"]))
+            if int(row["accuracy"]) >= 2 and abs(e) > WRONG_DEG:
+                wrong.append(row)
+            if first is None or int(row["time_us"]) < first * 1e6 - 1:
+                continue
             after_sq += e * e
             after_n += 1
     summary["_after"] = (after_sq, after_n)
+    summary["_episodes"] = episodes(wrong)
+    summary["_tag"] = f"{scenario} {soft} {rate} Hz seed {seed} ({name})"
     return summary
+
+
+def episodes(rows):
+    """The wrong samples (CSV rows) grouped into episodes: one line each."""
+    out, group = [], []
+    for row in rows + [None]:
+        t = None if row is None else int(row["time_us"]) / 1e6
+        if group and (row is None or t - int(group[-1]["time_us"]) / 1e6 > EPISODE_GAP_S):
+            ts = [int(r["time_us"]) / 1e6 for r in group]
+            offs = [float(r["offset_error_uT"]) for r in group]
+            pitch = [int(r["pitch"]) for r in group]
+            ests = ",".join(sorted({r["estimator"] for r in group}))
+            phases = ",".join(dict.fromkeys(r["phase"] for r in group))
+            out.append(f"{ts[0]:.2f}-{ts[-1]:.2f} s, {len(group)} samples, {ests}, offset {min(offs):.1f}-"
+                       f"{max(offs):.1f} uT off, pitch {min(pitch)}..{max(pitch)}, {phases}")
+            group = []
+        if row is not None:
+            group.append(row)
+    return out
+
+
+def run_all(jobs, fn, items):
+    """fn over items, `jobs` at a time, the results in the items' order."""
+    with concurrent.futures.ThreadPoolExecutor(max_workers=jobs) as pool:
+        return list(pool.map(fn, items))
 
 
 # The car scenarios' fields (uT, phone axes once mounted): 10, 20 and 40 uT in three
@@ -217,7 +255,8 @@ def car_table(a, seeds, rates, binaries, work):
         for field in a.car_fields.split(","):
             for rate in rates:
                 for name, binary in binaries:
-                    r = car_row([run_car(name, binary, scenario, s, rate, field, work, world_of(a)) for s in seeds])
+                    r = car_row(run_all(a.jobs, lambda s: run_car(name, binary, scenario, s, rate, field, work,
+                                                                  world_of(a)), seeds))
                     if r is None:
                         print(f"| {scenario} | {field} | {rate} | {name} | n/a | | | | | | | | |")
                     else:
@@ -289,7 +328,11 @@ def main():
     ap.add_argument("--noise", default="", help="the magnetometer's noise per axis, 0..5 uT (default: the demo's)")
     ap.add_argument("--hard-iron", default="", help="the phone's own field X,Y,Z, uT, each -200..200 (default: the demo's)")
     ap.add_argument("--temp-drift", default="", help="temperature change per minute, -20..20 (default: the demo's)")
+    ap.add_argument("--jobs", type=int, default=os.cpu_count() or 1, help="demos run at once (default: processors)")
+    ap.add_argument("--wrong", action="store_true", help="list the medium/high episodes more than 15 degrees off")
     a = ap.parse_args()
+    if a.jobs < 1:
+        sys.exit(f"goals.py: --jobs {a.jobs}: at least 1")
     # The world's options are checked here, before any run: a run the demo refuses would
     # only leave its rows empty.
     if a.inclination and not in_range([a.inclination], -90, 90):
@@ -321,13 +364,16 @@ def main():
     print("| scenario | soft iron | Hz | build | first medium/high s | first 3-D s | offset err uT | RMS after "
           "dbl | held steady int / dbl | wrong | estimator / cells |")
     print("|---|---|---|---|---|---|---|---|---|---|---|")
+    wrong = []
     for scenario in a.scenarios.split(","):
         for soft in softs:
             if soft != "none" and scenario not in SOFT_SCENARIOS:
                 continue
             for rate in rates:
                 for name, binary in binaries:
-                    runs = [run_one(name, binary, scenario, s, rate, soft, work, world_of(a)) for s in seeds]
+                    runs = run_all(a.jobs, lambda s: run_one(name, binary, scenario, s, rate, soft, work, world_of(a)),
+                                   seeds)
+                    wrong += [f"- {r['_tag']}: {e}" for r in runs if r is not None for e in r["_episodes"]]
                     r = row_of(runs)
                     if r is None:
                         print(f"| {scenario} | {soft} | {rate} | {name} | n/a | | | | | | |")
@@ -336,6 +382,9 @@ def main():
                               f"{r['after']} | {r['steady']} | {r['wrong']} | {r['est']} |")
                     sys.stdout.flush()
     print(f"soft iron: " + "; ".join(f"{k} = {v}" for k, v in SOFT_IRON.items() if v))
+    if a.wrong:
+        print(f"\nmedium/high samples more than {WRONG_DEG:.0f} degrees off, by episode:")
+        print("\n".join(wrong) if wrong else "none")
 
 
 if __name__ == "__main__":
