@@ -108,20 +108,19 @@ def run_one(name, binary, scenario, seed, rate, soft, work, world):
 
 def episodes(rows):
     """The wrong samples (CSV rows) grouped into episodes: one line each."""
-    out, group = [], []
-    for row in rows + [None]:
-        t = None if row is None else int(row["time_us"]) / 1e6
-        if group and (row is None or t - int(group[-1]["time_us"]) / 1e6 > EPISODE_GAP_S):
-            ts = [int(r["time_us"]) / 1e6 for r in group]
-            offs = [float(r["offset_error_uT"]) for r in group]
-            pitch = [int(r["pitch"]) for r in group]
-            ests = ",".join(sorted({r["estimator"] for r in group}))
-            phases = ",".join(dict.fromkeys(r["phase"] for r in group))
-            out.append(f"{ts[0]:.2f}-{ts[-1]:.2f} s, {len(group)} samples, {ests}, offset {min(offs):.1f}-"
-                       f"{max(offs):.1f} uT off, pitch {min(pitch)}..{max(pitch)}, {phases}")
-            group = []
-        if row is not None:
-            group.append(row)
+    groups = []
+    for row in rows:
+        if groups and (int(row["time_us"]) - int(groups[-1][-1]["time_us"])) / 1e6 <= EPISODE_GAP_S:
+            groups[-1].append(row)
+        else:
+            groups.append([row])
+    out = []
+    for g in groups:
+        offs = [float(r["offset_error_uT"]) for r in g]
+        pitch = [int(r["pitch"]) for r in g]
+        out.append(f"{int(g[0]['time_us']) / 1e6:.2f}-{int(g[-1]['time_us']) / 1e6:.2f} s, {len(g)} samples, "
+                   f"{','.join(sorted({r['estimator'] for r in g}))}, offset {min(offs):.1f}-{max(offs):.1f} uT off, "
+                   f"pitch {min(pitch)}..{max(pitch)}, {','.join(dict.fromkeys(r['phase'] for r in g))}")
     return out
 
 
@@ -165,7 +164,7 @@ def run_car(name, binary, scenario, seed, rate, field, work, world):
             ei = wrap(float(row["heading_int"]) - float(row["true_heading_int"])) if row["attitude_rc"] == "0" else None
             if valid and acc >= 2:
                 r["mh"] += 1
-                r["wrong"] += abs(e) > 15
+                r["wrong"] += abs(e) > WRONG_DEG
             if t < mounted:
                 continue
             a = float(row["true_azimuth"])
