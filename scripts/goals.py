@@ -150,6 +150,7 @@ def run_car(name, binary, scenario, seed, rate, field, work, world):
         summary = json.load(f)
     mounted = summary.get("mounted_s") or 0.0
     reest = summary.get("first_reestimate_s")
+    wrong = []
     r = {"mounted": mounted, "reest": reest, "detect": None, "turn_at_reest": None, "trusted_before": 0,
          "drive": [0.0, 0, 0.0, 0], "straight": [0.0, 0], "after720": [0.0, 0], "mh": 0, "wrong": 0,
          "max_acc": 0, "cum": 0.0}
@@ -165,6 +166,8 @@ def run_car(name, binary, scenario, seed, rate, field, work, world):
             if valid and acc >= 2:
                 r["mh"] += 1
                 r["wrong"] += abs(e) > WRONG_DEG
+                if abs(e) > WRONG_DEG:
+                    wrong.append(row)
             if t < mounted:
                 continue
             a = float(row["true_azimuth"])
@@ -191,6 +194,8 @@ def run_car(name, binary, scenario, seed, rate, field, work, world):
                 r["after720"][0] += e * e
                 r["after720"][1] += 1
     r["summary"] = summary
+    r["_episodes"] = episodes(wrong)
+    r["_tag"] = f"{scenario} {field} uT {rate} Hz seed {seed} ({name})"
     return r
 
 
@@ -250,12 +255,15 @@ def car_table(a, seeds, rates, binaries, work):
           "| turning by then, deg | medium/high before it | RMS after it while driving dbl / int | ... straight "
           "| RMS after 720 deg dbl | wrong | highest accuracy |")
     print("|---|---|---|---|---|---|---|---|---|---|---|---|---|")
+    wrong = []
     for scenario in a.car_scenarios.split(","):
         for field in a.car_fields.split(","):
             for rate in rates:
                 for name, binary in binaries:
-                    r = car_row(run_all(a.jobs, lambda s: run_car(name, binary, scenario, s, rate, field, work,
-                                                                  world_of(a)), seeds))
+                    runs = run_all(a.jobs, lambda s: run_car(name, binary, scenario, s, rate, field, work, world_of(a)),
+                                   seeds)
+                    wrong += [f"- {x['_tag']}: {e}" for x in runs if x is not None for e in x["_episodes"]]
+                    r = car_row(runs)
                     if r is None:
                         print(f"| {scenario} | {field} | {rate} | {name} | n/a | | | | | | | | |")
                     else:
@@ -264,6 +272,7 @@ def car_table(a, seeds, rates, binaries, work):
                               f"{r['maxacc']} |")
                     sys.stdout.flush()
     print("car fields: " + "; ".join(f"{k} uT = {v}" for k, v in CAR_FIELDS.items()))
+    return wrong
 
 
 def rng(values):
@@ -358,7 +367,7 @@ def main():
             sys.exit(f"goals.py: {name} {path}: no such program (build it first)")
     binaries = [("after", os.path.abspath(a.binary))] + ([("before", os.path.abspath(a.base))] if a.base else [])
     if a.car:
-        car_table(a, seeds, rates, binaries, work)
+        print_wrong(a, car_table(a, seeds, rates, binaries, work))
         return
     print("| scenario | soft iron | Hz | build | first medium/high s | first 3-D s | offset err uT | RMS after "
           "dbl | held steady int / dbl | wrong | estimator / cells |")
@@ -381,6 +390,10 @@ def main():
                               f"{r['after']} | {r['steady']} | {r['wrong']} | {r['est']} |")
                     sys.stdout.flush()
     print(f"soft iron: " + "; ".join(f"{k} = {v}" for k, v in SOFT_IRON.items() if v))
+    print_wrong(a, wrong)
+
+
+def print_wrong(a, wrong):
     if a.wrong:
         print(f"\nmedium/high samples more than {WRONG_DEG:.0f} degrees off, by episode:")
         print("\n".join(wrong) if wrong else "none")
