@@ -152,8 +152,8 @@ def run_car(name, binary, scenario, seed, rate, field, work, world):
     reest = summary.get("first_reestimate_s")
     wrong = []
     r = {"mounted": mounted, "reest": reest, "detect": None, "turn_at_reest": None, "trusted_before": 0,
-         "drive": [0.0, 0, 0.0, 0], "straight": [0.0, 0], "after720": [0.0, 0], "mh": 0, "wrong": 0,
-         "max_acc": 0, "cum": 0.0}
+         "drive": [0.0, 0, 0.0, 0], "straight": [0.0, 0], "after720": [0.0, 0], "mh": 0, "max_acc": 0,
+         "cum": 0.0}
     prev = None
     with open(outs) as f:
         for row in csv.DictReader(f):
@@ -165,7 +165,6 @@ def run_car(name, binary, scenario, seed, rate, field, work, world):
             ei = wrap(float(row["heading_int"]) - float(row["true_heading_int"])) if row["attitude_rc"] == "0" else None
             if valid and acc >= 2:
                 r["mh"] += 1
-                r["wrong"] += abs(e) > WRONG_DEG
                 if abs(e) > WRONG_DEG:
                     wrong.append(row)
             if t < mounted:
@@ -194,6 +193,7 @@ def run_car(name, binary, scenario, seed, rate, field, work, world):
                 r["after720"][0] += e * e
                 r["after720"][1] += 1
     r["summary"] = summary
+    r["wrong"] = len(wrong)
     r["_episodes"] = episodes(wrong)
     r["_tag"] = f"{scenario} {field} uT {rate} Hz seed {seed} ({name})"
     return r
