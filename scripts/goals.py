@@ -124,6 +124,11 @@ def episodes(rows):
     return out
 
 
+def wrong_lines(runs):
+    """Each run's wrong episodes, one line each, named by the run."""
+    return [f"- {r['_tag']}: {e}" for r in runs if r is not None for e in r["_episodes"]]
+
+
 def run_all(jobs, fn, items):
     """fn over items, `jobs` at a time, the results in the items' order."""
     with concurrent.futures.ThreadPoolExecutor(max_workers=jobs) as pool:
@@ -262,7 +267,7 @@ def car_table(a, seeds, rates, binaries, work):
                 for name, binary in binaries:
                     runs = run_all(a.jobs, lambda s: run_car(name, binary, scenario, s, rate, field, work, world_of(a)),
                                    seeds)
-                    wrong += [f"- {x['_tag']}: {e}" for x in runs if x is not None for e in x["_episodes"]]
+                    wrong += wrong_lines(runs)
                     r = car_row(runs)
                     if r is None:
                         print(f"| {scenario} | {field} | {rate} | {name} | n/a | | | | | | | | |")
@@ -337,7 +342,7 @@ def main():
     ap.add_argument("--hard-iron", default="", help="the phone's own field X,Y,Z, uT, each -200..200 (default: the demo's)")
     ap.add_argument("--temp-drift", default="", help="temperature change per minute, -20..20 (default: the demo's)")
     ap.add_argument("--jobs", type=int, default=os.cpu_count() or 1, help="demos run at once (default: processors)")
-    ap.add_argument("--wrong", action="store_true", help="list the medium/high episodes more than 15 degrees off")
+    ap.add_argument("--wrong", action="store_true", help=f"list the medium/high episodes more than {WRONG_DEG:.0f} degrees off")
     a = ap.parse_args()
     if a.jobs < 1:
         sys.exit(f"goals.py: --jobs {a.jobs}: at least 1")
@@ -381,7 +386,7 @@ def main():
                 for name, binary in binaries:
                     runs = run_all(a.jobs, lambda s: run_one(name, binary, scenario, s, rate, soft, work, world_of(a)),
                                    seeds)
-                    wrong += [f"- {r['_tag']}: {e}" for r in runs if r is not None for e in r["_episodes"]]
+                    wrong += wrong_lines(runs)
                     r = row_of(runs)
                     if r is None:
                         print(f"| {scenario} | {soft} | {rate} | {name} | n/a | | | | | | |")
