@@ -8,18 +8,61 @@ namespace kmxc_kit {
 
 namespace {
 
+// The smoothing's time: long enough to average a 0.5 uT reading's noise at 50 Hz well
+// inside the stillness limit, short beside a hand's turn (which must leave it within
+// the hold) and a vehicle's acceleration (seconds).
+constexpr uint32_t kSmoothMs = 100;
+// Turn limits of the coarse cross products below: the field's components within 2^11
+// counts (80 uT and more), gravity's within 2^15 (8 g), 1/256 g once coarse.
+constexpr int kCoarseFieldBits = 11;
+constexpr int kCoarseGravityShift = 4;
+
 // The field held still: within KMXC_SERVICE_VEHICLE_STILL_COUNTS of where it was on
 // every axis (a turn of 2 degrees moves a 48 uT field by 1.7 uT, 4 counts).
-bool field_still(const Vec3 &a, const Vec3 &b) {
-    const int32_t d[3] = {a.x - b.x, a.y - b.y, a.z - b.z};
-    for (int32_t v : d)
-        if (v > KMXC_SERVICE_VEHICLE_STILL_COUNTS || v < -KMXC_SERVICE_VEHICLE_STILL_COUNTS) return false;
+bool field_still(const Vec3 &a_q4, const Vec3 &b_q4) {
+    const int32_t d[3] = {a_q4.x - b_q4.x, a_q4.y - b_q4.y, a_q4.z - b_q4.z};
+    for (int32_t x : d)
+        if (x > KMXC_SERVICE_VEHICLE_STILL_COUNTS * 16 || x < -KMXC_SERVICE_VEHICLE_STILL_COUNTS * 16) return false;
     return true;
 }
 
+bool within_bits(const Vec3 &v, int bits) {
+    const int32_t limit = int32_t{1} << bits;
+    return v.x < limit && v.x > -limit && v.y < limit && v.y > -limit && v.z < limit && v.z > -limit;
+}
+
+// b x g, g coarse (toward minus infinity): within the angle's input limit of 2^24.
+Vec3 cross_coarse(const Vec3 &b, const Vec3 &g) {
+    const Vec3 c{g.x >> kCoarseGravityShift, g.y >> kCoarseGravityShift, g.z >> kCoarseGravityShift};
+    return Vec3{b.y * c.z - b.z * c.y, b.z * c.x - b.x * c.z, b.x * c.y - b.y * c.x};
+}
+
+// Gravity g moved from g0 as no turn that keeps the field still moves it (kit_motion.h):
+// b0 the field then, b now. Its angle to the field changed by the limit, or it moved by
+// the limit and the turn about b that takes the plane of b and g0 to that of b and g
+// (the angle between their normals) is KMXC_SERVICE_VEHICLE_TURN_CDEG or more.
+bool accelerated(const Vec3 &b0, const Vec3 &b, const Vec3 &g0, const Vec3 &g) {
+    const int32_t change = angle_between_cdeg(b, g) - angle_between_cdeg(b0, g0);
+    if (change >= KMXC_SERVICE_VEHICLE_ANGLE_CDEG || -change >= KMXC_SERVICE_VEHICLE_ANGLE_CDEG) return true;
+    if (angle_between_cdeg(g0, g) < KMXC_SERVICE_VEHICLE_ANGLE_CDEG) return false;
+    constexpr int kGravityBits = kCoarseFieldBits + kCoarseGravityShift;
+    if (!within_bits(b, kCoarseFieldBits) || !within_bits(g0, kGravityBits) || !within_bits(g, kGravityBits))
+        return false;
+    return angle_between_cdeg(cross_coarse(b, g0), cross_coarse(b, g)) >= KMXC_SERVICE_VEHICLE_TURN_CDEG;
+}
+
+Vec3 whole_counts(const Vec3 &v_q4) { return Vec3{v_q4.x >> 4, v_q4.y >> 4, v_q4.z >> 4}; }
+
 }  // namespace
 
-bool vehicle_entered(VehicleWatch *w, const Vec3 &v, const Vec3 &g, bool trusted, int64_t now) {
+int vehicle_smoothing_shift(uint32_t rate_hz) {
+    const uint32_t cycles = rate_hz * kSmoothMs / 1000;  // rate_hz within 2^16: no wrap
+    int shift = 0;
+    while ((uint32_t{2} << shift) <= cycles) ++shift;
+    return shift;
+}
+
+bool vehicle_entered(VehicleWatch *w, const Vec3 &v, const Vec3 &g, bool trusted, int64_t now, uint32_t rate_hz) {
     if (!trusted) {
         // Nothing judged, nothing concluded: a vehicle is not left while it cannot be seen.
         w->anchored = false;
@@ -28,14 +71,20 @@ bool vehicle_entered(VehicleWatch *w, const Vec3 &v, const Vec3 &g, bool trusted
     }
     if (w->in_vehicle && now - w->last_accel_ns >= int64_t{KMXC_SERVICE_VEHICLE_QUIET_S} * 1000 * kNsPerMs)
         w->in_vehicle = false;
-    const int32_t angle = angle_between_cdeg(v, g);
-    if (!w->anchored || !field_still(v, w->field)) {
+    // The running mean moves by its share of the distance (the shift rounds toward minus
+    // infinity: under 1/16 count). |v| within 2^20 counts: 16 v within 2^24.
+    const Vec3 v16{v.x * 16, v.y * 16, v.z * 16};
+    const int shift = vehicle_smoothing_shift(rate_hz);
+    Vec3 &s = w->smooth_q4;
+    s = !w->anchored
+            ? v16
+            : Vec3{s.x + ((v16.x - s.x) >> shift), s.y + ((v16.y - s.y) >> shift), s.z + ((v16.z - s.z) >> shift)};
+    if (!w->anchored || !field_still(s, w->field_q4)) {
         // The phone turned (or the offset moved): what gravity does now is measured from here.
-        *w = VehicleWatch{true, v, angle, false, 0, w->in_vehicle, w->last_accel_ns};
+        *w = VehicleWatch{true, s, s, g, false, 0, w->in_vehicle, w->last_accel_ns};
         return false;
     }
-    const int32_t change = angle - w->angle_cdeg;
-    if (change < KMXC_SERVICE_VEHICLE_ANGLE_CDEG && -change < KMXC_SERVICE_VEHICLE_ANGLE_CDEG) {
+    if (!accelerated(whole_counts(w->field_q4), whole_counts(s), w->gravity, g)) {
         w->accelerating = false;
         return false;
     }

@@ -34,7 +34,7 @@ struct Still {
     void hold(int64_t from_ms, int64_t to_ms, const Vec3 &m, const Vec3 &g, int64_t step_ms = 100,
               bool trusted = true) {
         for (int64_t t = from_ms; t <= to_ms; t += step_ms)
-            if (vehicle_entered(&w, m, g, trusted, t * kMs)) {
+            if (vehicle_entered(&w, m, g, trusted, t * kMs, static_cast<uint32_t>(1000 / step_ms))) {
                 entered_at = t;
                 ++entries;
             }

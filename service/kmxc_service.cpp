@@ -291,7 +291,8 @@ int32_t kmxc_service_cycle(int64_t now, KmxcServiceEvent *e) {
             if ((e->flags & KMXC_SERVICE_CONFIRMED) != 0) use_ring_covariance(offset, KMXC_SERVICE_CONFIRM_SAMPLES, 1);
         }
         judge_field(c, g, offset, now, e);
-        if (vehicle_entered(&g_state.vehicle, minus(c, offset), g, g_state.offset_trusted, now)) on_vehicle_entered(e);
+        if (vehicle_entered(&g_state.vehicle, minus(c, offset), g, g_state.offset_trusted, now, g_state.rate_hz))
+            on_vehicle_entered(e);
         if (e->mag_result == 0) {
             note_noise(m, g_state.tilt_steady);
         } else {

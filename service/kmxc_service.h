@@ -304,22 +304,30 @@ extern "C" {
  * car's, the roll 0.6-1.1. At a 60-degree dip that alone is 3.5 degrees of heading
  * (medium at most); at 75, 7.5 (low). */
 #define KMXC_SERVICE_MOUNT_GRAVITY_SD_CDEG 200
-/* Entering a vehicle (a car, a bike, a train): the angle between field and gravity held
- * at least KMXC_SERVICE_VEHICLE_ANGLE_CDEG from what it was when the field (offset
- * removed) last moved by more than KMXC_SERVICE_VEHICLE_STILL_COUNTS on an axis, for
- * KMXC_SERVICE_VEHICLE_HOLD_MS: an acceleration of the phone without a turn (a vehicle
- * pulling away or braking, 0.1 g and more), where a hand that tilts the phone turns its
- * field too, or keeps the angle when it turns the phone about the field's direction,
- * and a walker's steps move it by 2 degrees, to and fro twice a second. The vehicle's
- * steel may have changed the field fixed to the phone, by less than the anomaly rules
- * can see at every heading: an offset trusted before the vehicle loses its trust
- * (unreliable; the store starts afresh, as after a persisting anomaly;
- * KMXC_SERVICE_ANOMALY_VEHICLE) unless it was found in the mount (the planar estimate,
- * or a store whose samples draw the mount's circle). Only a trusted offset's field is
- * judged. Once in a vehicle, until KMXC_SERVICE_VEHICLE_QUIET_S of a trusted offset pass
- * without such an acceleration, the estimates found there keep theirs. */
+/* Entering a vehicle (a car, a bike, a train): gravity held away, for
+ * KMXC_SERVICE_VEHICLE_HOLD_MS, from where it was when the field (offset removed, smoothed
+ * over about 0.1 s) last moved by more than KMXC_SERVICE_VEHICLE_STILL_COUNTS on an axis,
+ * as no turn of the phone that keeps the field still can move it: an acceleration of
+ * the phone without a turn (a vehicle pulling away or braking, 0.1 g and more). Only a
+ * turn about the field's own direction keeps the field still; it keeps gravity's angle
+ * to the field, and it moves gravity across their plane by the turn times the sine of
+ * that angle. So either the angle changed by KMXC_SERVICE_VEHICLE_ANGLE_CDEG or more, or
+ * gravity moved by that much and the turn about the field it implies is
+ * KMXC_SERVICE_VEHICLE_TURN_CDEG or more: at a 70-degree dip a braking of 0.15 g across
+ * the plane implies 25 degrees, which a hand would have to turn the phone about an axis
+ * within 4 degrees of the field's direction (at a shallow dip the turn equals gravity's
+ * move: a hand rolling the phone about a level field is no vehicle). A walker's steps
+ * move gravity by 2 degrees, to and fro twice a second. The vehicle's steel may have
+ * changed the field fixed to the phone, by less than the anomaly rules can see at every
+ * heading: an offset trusted before the vehicle loses its trust (unreliable; the store
+ * starts afresh, as after a persisting anomaly; KMXC_SERVICE_ANOMALY_VEHICLE) unless it
+ * was found in the mount (the planar estimate, or a store whose samples draw the mount's
+ * circle). Only a trusted offset's field is judged. Once in a vehicle, until
+ * KMXC_SERVICE_VEHICLE_QUIET_S of a trusted offset pass without such an acceleration,
+ * the estimates found there keep theirs. */
 #define KMXC_SERVICE_VEHICLE_ANGLE_CDEG 400
 #define KMXC_SERVICE_VEHICLE_STILL_COUNTS 4
+#define KMXC_SERVICE_VEHICLE_TURN_CDEG 2500
 #define KMXC_SERVICE_VEHICLE_HOLD_MS 1000
 #define KMXC_SERVICE_VEHICLE_QUIET_S 300
 /* Planar estimator (a phone turned about one axis: a vehicle mount). The store's samples

@@ -239,7 +239,7 @@ __attribute__((noinline)) void icount_case_kit_mount(void) {
 // 17 degrees away and held for half the hold (the angle changed, no entry yet).
 __attribute__((noinline)) void icount_case_kit_motion(void) {
     const Vec3 m{120, -40, -180}, g{0, 1177, -3923};
-    g_estimator_seen[6] = static_cast<uint8_t>(vehicle_entered(&g_state.vehicle, m, g, true, 500000000) +
+    g_estimator_seen[6] = static_cast<uint8_t>(vehicle_entered(&g_state.vehicle, m, g, true, 500000000, 10) +
                                                2 * g_state.vehicle.accelerating);
 }
 }
@@ -255,7 +255,8 @@ bool near(double got, double want) { return got > want - 3 && got < want + 3; }
 // The vehicle watch anchored face up with the field of the motion case, accelerating.
 VehicleWatch braking_watch() {
     const Vec3 still{120, -40, -180};
-    return VehicleWatch{true, still, angle_between_cdeg(still, Vec3{0, 0, -4096}), true, 0, false, 0};
+    const Vec3 q4{still.x * 16, still.y * 16, still.z * 16};
+    return VehicleWatch{true, q4, q4, Vec3{0, 0, -4096}, true, 0, false, 0};
 }
 
 // What the checks below read of the measuring: results the cases leave beside the globals.
