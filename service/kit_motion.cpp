@@ -12,10 +12,15 @@ namespace {
 // inside the stillness limit, short beside a hand's turn (which must leave it within
 // the hold) and a vehicle's acceleration (seconds).
 constexpr uint32_t kSmoothMs = 100;
-// Turn limits of the coarse cross products below: the field's components within 2^11
-// counts (80 uT and more), gravity's within 2^15 (8 g), 1/256 g once coarse.
-constexpr int kCoarseFieldBits = 11;
-constexpr int kCoarseGravityShift = 4;
+// The cross products below within the angle's input limit of 2^24: the field's
+// components within 2^10 counts (409 uT; the Earth's stays within 100), gravity's within
+// 2^15 (8 g), taken to 1/1024 g.
+constexpr int kCoarseFieldBits = 10;
+constexpr int kCoarseGravityShift = 2;
+constexpr int kGravityBits = 15;
+static_assert(2 * (int64_t{1} << kCoarseFieldBits) * (int64_t{1} << (kGravityBits - kCoarseGravityShift)) <=
+                  kAngleInputLimit,
+              "b x coarse g within the angle's input limit");
 
 // The field held still: within KMXC_SERVICE_VEHICLE_STILL_COUNTS of where it was on
 // every axis (a turn of 2 degrees moves a 48 uT field by 1.7 uT, 4 counts).
@@ -31,7 +36,7 @@ bool within_bits(const Vec3 &v, int bits) {
     return v.x < limit && v.x > -limit && v.y < limit && v.y > -limit && v.z < limit && v.z > -limit;
 }
 
-// b x g, g coarse (toward minus infinity): within the angle's input limit of 2^24.
+// b x g, g coarse (toward minus infinity).
 Vec3 cross_coarse(const Vec3 &b, const Vec3 &g) {
     const Vec3 c{g.x >> kCoarseGravityShift, g.y >> kCoarseGravityShift, g.z >> kCoarseGravityShift};
     return Vec3{b.y * c.z - b.z * c.y, b.z * c.x - b.x * c.z, b.x * c.y - b.y * c.x};
@@ -45,7 +50,6 @@ bool accelerated(const Vec3 &b0, const Vec3 &b, const Vec3 &g0, const Vec3 &g) {
     const int32_t change = angle_between_cdeg(b, g) - angle_between_cdeg(b0, g0);
     if (change >= KMXC_SERVICE_VEHICLE_ANGLE_CDEG || -change >= KMXC_SERVICE_VEHICLE_ANGLE_CDEG) return true;
     if (angle_between_cdeg(g0, g) < KMXC_SERVICE_VEHICLE_ANGLE_CDEG) return false;
-    constexpr int kGravityBits = kCoarseFieldBits + kCoarseGravityShift;
     if (!within_bits(b, kCoarseFieldBits) || !within_bits(g0, kGravityBits) || !within_bits(g, kGravityBits))
         return false;
     return angle_between_cdeg(cross_coarse(b, g0), cross_coarse(b, g)) >= KMXC_SERVICE_VEHICLE_TURN_CDEG;

@@ -26,6 +26,17 @@ Vec3 tilted(int32_t cdeg) {
                 static_cast<int32_t>(std::lround(-4096 * std::cos(a)))};
 }
 
+// v rotated by deg about the unit axis n (Rodrigues), to whole counts.
+Vec3 rotated(const double v[3], const double n[3], double deg) {
+    const double a = deg * kPi / 180, c = std::cos(a), s = std::sin(a);
+    const double d = n[0] * v[0] + n[1] * v[1] + n[2] * v[2];
+    const double x[3] = {n[1] * v[2] - n[2] * v[1], n[2] * v[0] - n[0] * v[2], n[0] * v[1] - n[1] * v[0]};
+    double r[3];
+    for (int k = 0; k < 3; ++k) r[k] = v[k] * c + x[k] * s + n[k] * d * (1 - c);
+    return Vec3{static_cast<int32_t>(std::lround(r[0])), static_cast<int32_t>(std::lround(r[1])),
+                static_cast<int32_t>(std::lround(r[2]))};
+}
+
 // A phone that never turns, cycled every step_ms: its entries into a vehicle and the last one's time.
 struct Still {
     VehicleWatch w{};
@@ -108,6 +119,73 @@ TEST(VehicleEntry, AnAccelerationShorterThanTheHoldIsNoneAndTheVehicleIsLeftAfte
             EXPECT_EQ(later.entries, gap == kQuiet - kHold ? 2 : 1) << gap;
         }
     }
+}
+
+// Gravity turned about the field's own direction keeps its angle to the field, and the
+// field stays still: a hand's turn about the field up to KMXC_SERVICE_VEHICLE_TURN_CDEG,
+// an acceleration beyond it. At a steep dip a small move of gravity across the plane of
+// field and gravity implies a large turn; at a shallow one the turn equals the move. A
+// move below KMXC_SERVICE_VEHICLE_ANGLE_CDEG is none, whatever turn it implies.
+TEST(VehicleEntry, GravityTurnedAboutTheStillFieldIsAHandsTurnUpToTheTurnLimit) {
+    constexpr double kTurn = KMXC_SERVICE_VEHICLE_TURN_CDEG / 100.0;
+    constexpr int64_t kEntered = 1000 + KMXC_SERVICE_VEHICLE_HOLD_MS;
+    const struct {
+        const char *name;
+        double field_from_gravity_deg;  // the field's angle to gravity (90 - dip)
+        double turn_deg;                // gravity's turn about the field from 1 s on
+        int64_t entered_ms;             // -1: never
+    } cases[] = {
+        {"a 70-degree dip, 2 degrees short of the limit: a hand", 20, kTurn - 2, -1},
+        {"a 70-degree dip, 2 degrees past it: a vehicle (gravity moved 8.7 degrees)", 20, kTurn + 2, kEntered},
+        {"the other way round", 20, -kTurn - 2, kEntered},
+        {"a 10-degree dip: a 20-degree roll about the level field is a hand", 80, 20, -1},
+        {"an 85-degree dip: gravity moved 5.2 degrees, a 60-degree turn", 5, 60, kEntered},
+        {"an 87-degree dip: gravity moved 3.1 degrees, too little to judge", 3, 60, -1},
+    };
+    const double down[3] = {0, 0, -4096};
+    for (const auto &c : cases) {
+        // The field 120 counts long in the y-z plane, c.field_from_gravity_deg from down.
+        const double a = c.field_from_gravity_deg * kPi / 180;
+        const double axis[3] = {0, std::sin(a), -std::cos(a)};
+        const Vec3 field{0, static_cast<int32_t>(std::lround(120 * axis[1])),
+                         static_cast<int32_t>(std::lround(120 * axis[2]))};
+        Still r;
+        r.hold(0, 900, field, kDown);
+        r.hold(1000, 5000, field, rotated(down, axis, c.turn_deg));
+        EXPECT_EQ(r.entered_at, c.entered_ms) << c.name;
+        EXPECT_LE(r.entries, 1) << c.name;
+    }
+}
+
+// At 50 Hz a reading's noise (here up to 3 counts per axis) would move a single reading
+// beyond the stillness limit of the one before it, and restart the watch within any
+// hold; smoothed over 0.1 s it stays within, and a braking is seen.
+TEST(VehicleEntry, ReadingNoiseAtFiftyHertzDoesNotRestartTheWatch) {
+    Still r;
+    uint32_t state = 12345;  // a fixed pseudo-random sequence, -3..3 counts per axis
+    auto noisy = [&state](const Vec3 &v) {
+        int32_t n[3];
+        for (int32_t &x : n) {
+            state = state * 1103515245u + 12345u;
+            x = static_cast<int32_t>((state >> 16) % 7) - 3;
+        }
+        return Vec3{v.x + n[0], v.y + n[1], v.z + n[2]};
+    };
+    for (int64_t t = 0; t <= 4000; t += 20)
+        if (vehicle_entered(&r.w, noisy(kField), t < 1000 ? kDown : tilted(1000), true, t * kMs, 50)) {
+            r.entered_at = t;
+            ++r.entries;
+        }
+    EXPECT_EQ(r.entries, 1);
+    EXPECT_NEAR(static_cast<double>(r.entered_at), 1000 + KMXC_SERVICE_VEHICLE_HOLD_MS, 100);
+}
+
+TEST(VehicleEntry, TheFieldIsSmoothedOverATenthOfASecondAtEachRate) {
+    const struct {
+        uint32_t rate_hz;
+        int shift;  // the cycles of 0.1 s, rounded down to a power of two
+    } cases[] = {{1, 0}, {10, 0}, {19, 0}, {20, 1}, {39, 1}, {40, 2}, {50, 2}, {79, 2}, {80, 3}, {100, 3}};
+    for (const auto &c : cases) EXPECT_EQ(vehicle_smoothing_shift(c.rate_hz), c.shift) << c.rate_hz;
 }
 
 }  // namespace
