@@ -42,15 +42,27 @@ Vec3 cross_coarse(const Vec3 &b, const Vec3 &g) {
     return Vec3{b.y * c.z - b.z * c.y, b.z * c.x - b.x * c.z, b.x * c.y - b.y * c.x};
 }
 
-// Gravity g moved from g0 as no turn that keeps the field still moves it (kit_motion.h):
-// b0 the field then, b now. Its angle to the field changed by the limit, or it moved by
-// the limit and the turn about b that takes the plane of b and g0 to that of b and g
-// (the angle between their normals) is KMXC_SERVICE_VEHICLE_TURN_CDEG or more.
-bool accelerated(const Vec3 &b0, const Vec3 &b, const Vec3 &g0, const Vec3 &g) {
-    const int32_t change = angle_between_cdeg(b, g) - angle_between_cdeg(b0, g0);
+// Gravity moved from g0 to g by less than KMXC_SERVICE_VEHICLE_ANGLE_CDEG for certain:
+// the distance between them below |g0| times the angle's sine. (The angle between them
+// is at most the arcsine of that ratio.) Components within 2^15: the distance's square
+// below 2^34 (2^62 once scaled as the sine's square, Q28), |g0|^2 s^2 below 2^54.
+bool barely_moved(const Vec3 &g0, const Vec3 &g) {
+    const Vec3 d{g.x - g0.x, g.y - g0.y, g.z - g0.z};
+    const int64_t sine = sin_q14(KMXC_SERVICE_VEHICLE_ANGLE_CDEG);
+    return (dot(d, d) << 28) < dot(g0, g0) * (sine * sine);
+}
+
+// Gravity g moved from the watch's as no turn that keeps the field still moves it
+// (kit_motion.h): b the field now. Its angle to the field changed by the limit, or it
+// moved by the limit and the turn about b that takes the plane of b and the watch's
+// gravity to that of b and g (the angle between their normals) is
+// KMXC_SERVICE_VEHICLE_TURN_CDEG or more.
+bool accelerated(const VehicleWatch &w, const Vec3 &b, const Vec3 &g) {
+    const int32_t change = angle_between_cdeg(b, g) - w.angle_cdeg;
     if (change >= KMXC_SERVICE_VEHICLE_ANGLE_CDEG || -change >= KMXC_SERVICE_VEHICLE_ANGLE_CDEG) return true;
-    if (angle_between_cdeg(g0, g) < KMXC_SERVICE_VEHICLE_ANGLE_CDEG) return false;
-    if (!within_bits(b, kCoarseFieldBits) || !within_bits(g0, kGravityBits) || !within_bits(g, kGravityBits))
+    const Vec3 &g0 = w.gravity;
+    if (!within_bits(b, kCoarseFieldBits) || !within_bits(g0, kGravityBits) || !within_bits(g, kGravityBits) ||
+        barely_moved(g0, g) || angle_between_cdeg(g0, g) < KMXC_SERVICE_VEHICLE_ANGLE_CDEG)
         return false;
     return angle_between_cdeg(cross_coarse(b, g0), cross_coarse(b, g)) >= KMXC_SERVICE_VEHICLE_TURN_CDEG;
 }
@@ -85,10 +97,11 @@ bool vehicle_entered(VehicleWatch *w, const Vec3 &v, const Vec3 &g, bool trusted
             : Vec3{s.x + ((v16.x - s.x) >> shift), s.y + ((v16.y - s.y) >> shift), s.z + ((v16.z - s.z) >> shift)};
     if (!w->anchored || !field_still(s, w->field_q4)) {
         // The phone turned (or the offset moved): what gravity does now is measured from here.
-        *w = VehicleWatch{true, s, s, g, false, 0, w->in_vehicle, w->last_accel_ns};
+        *w = VehicleWatch{
+            true, s, s, g, angle_between_cdeg(whole_counts(s), g), false, 0, w->in_vehicle, w->last_accel_ns};
         return false;
     }
-    if (!accelerated(whole_counts(w->field_q4), whole_counts(s), w->gravity, g)) {
+    if (!accelerated(*w, whole_counts(s), g)) {
         w->accelerating = false;
         return false;
     }

@@ -25,10 +25,11 @@ namespace kmxc_kit {
 
 struct VehicleWatch {
     bool anchored;
-    Vec3 field_q4;      // the smoothed field (offset removed) when it last moved, 1/16 count ...
-    Vec3 smooth_q4;     // ... and now (the running mean of vehicle_smoothing_shift's weight)
-    Vec3 gravity;       // gravity when the field last moved, 1/4096 g
-    bool accelerating;  // gravity where no turn keeping the field still puts it, since accel_from_ns
+    Vec3 field_q4;       // the smoothed field (offset removed) when it last moved, 1/16 count ...
+    Vec3 smooth_q4;      // ... and now (the running mean of vehicle_smoothing_shift's weight)
+    Vec3 gravity;        // gravity when the field last moved, 1/4096 g ...
+    int32_t angle_cdeg;  // ... and its angle to the field then, 1/100 degree
+    bool accelerating;   // gravity where no turn keeping the field still puts it, since accel_from_ns
     int64_t accel_from_ns;
     bool in_vehicle;  // an acceleration held long enough, the last at last_accel_ns
     int64_t last_accel_ns;

@@ -256,7 +256,8 @@ bool near(double got, double want) { return got > want - 3 && got < want + 3; }
 VehicleWatch braking_watch() {
     const Vec3 still{120, -40, -180};
     const Vec3 q4{still.x * 16, still.y * 16, still.z * 16};
-    return VehicleWatch{true, q4, q4, Vec3{0, 0, -4096}, true, 0, false, 0};
+    return VehicleWatch{true, q4,    q4, Vec3{0, 0, -4096}, angle_between_cdeg(still, Vec3{0, 0, -4096}), true,
+                        0,    false, 0};
 }
 
 // What the checks below read of the measuring: results the cases leave beside the globals.
