@@ -132,18 +132,20 @@ TEST(VehicleEntry, GravityTurnedAboutTheStillFieldIsAHandsTurnUpToTheTurnLimit) 
     const struct {
         const char *name;
         double field_from_gravity_deg;  // the field's angle to gravity (90 - dip)
-        double turn_deg;                // gravity's turn about the field from 1 s on
+        double turn_deg;                // gravity's turn about the field from 1 s on ...
+        double length;                  // ... and its length then, g
         int64_t entered_ms;             // -1: never
     } cases[] = {
-        {"a 70-degree dip, 2 degrees short of the limit: a hand", 20, kTurn - 2, -1},
-        {"a 70-degree dip, 2 degrees past it: a vehicle (gravity moved 8.7 degrees)", 20, kTurn + 2, kEntered},
-        {"the other way round", 20, -kTurn - 2, kEntered},
-        {"a 10-degree dip: a 20-degree roll about the level field is a hand", 80, 20, -1},
-        {"an 85-degree dip: gravity moved 5.2 degrees, a 60-degree turn", 5, 60, kEntered},
-        {"an 87-degree dip: gravity moved 3.1 degrees, too little to judge", 3, 60, -1},
+        {"a 70-degree dip, 2 degrees short of the limit: a hand", 20, kTurn - 2, 1, -1},
+        {"a 70-degree dip, 2 degrees past it: a vehicle (gravity moved 8.7 degrees)", 20, kTurn + 2, 1, kEntered},
+        {"the other way round", 20, -kTurn - 2, 1, kEntered},
+        {"a 10-degree dip: a 20-degree roll about the level field is a hand", 80, 20, 1, -1},
+        {"an 85-degree dip: gravity moved 5.2 degrees, a 60-degree turn", 5, 60, 1, kEntered},
+        {"an 87-degree dip: gravity moved 3.1 degrees, too little to judge", 3, 60, 1, -1},
+        {"... and 10 % longer (a bump): still too little", 3, 60, 1.1, -1},
     };
-    const double down[3] = {0, 0, -4096};
     for (const auto &c : cases) {
+        const double down[3] = {0, 0, -4096 * c.length};
         // The field 120 counts long in the y-z plane, c.field_from_gravity_deg from down.
         const double a = c.field_from_gravity_deg * kPi / 180;
         const double axis[3] = {0, std::sin(a), -std::cos(a)};
