@@ -65,7 +65,7 @@ label() {
     kit_planar_judge) echo "kit: a planar judgement (arc, reference circle, sphere, strengths)" ;;
     kit_planar_adopt) echo "kit: a planar estimate's adoption (against the offset in use)" ;;
     kit_mount) echo "kit: a mounted phone's every cycle (gravity's mean and recent, circle and angle checks)" ;;
-    kit_motion) echo "kit: the vehicle watch of every cycle (field still, gravity's angle)" ;;
+    kit_motion) echo "kit: the vehicle watch of every cycle (field still, gravity's angle, the turn it implies)" ;;
   esac
 }
 printf '| %-72s | %9s | %9s |\n' "instructions (16 samples for the library's fit)" "x86-64" "armel"

@@ -236,9 +236,10 @@ __attribute__((noinline)) void icount_case_kit_mount(void) {
                                                4 * mount_tilt_within(g_state.mount_gravity, g));
 }
 // The vehicle watch of every cycle, at its dearest: the field still, gravity a braking's
-// 17 degrees away and held for half the hold (the angle changed, no entry yet).
+// 17 degrees away across the plane of field and gravity (their angle unchanged: the turn
+// about the field it implies judged) and held for half the hold (no entry yet).
 __attribute__((noinline)) void icount_case_kit_motion(void) {
-    const Vec3 m{120, -40, -180}, g{0, 1177, -3923};
+    const Vec3 m{120, -40, -180}, g{617, 1035, -3915};
     g_estimator_seen[6] = static_cast<uint8_t>(vehicle_entered(&g_state.vehicle, m, g, true, 500000000, 10) +
                                                2 * g_state.vehicle.accelerating);
 }
