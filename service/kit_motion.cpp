@@ -12,6 +12,11 @@ namespace {
 // inside the stillness limit, short beside a hand's turn (which must leave it within
 // the hold) and a vehicle's acceleration (seconds).
 constexpr uint32_t kSmoothMs = 100;
+// ... and longer on a noisy chip: the standard deviation of the difference of two
+// smoothed fields, reading noise alone, at most a 3.5th of the stillness limit per axis
+// (at 0.5 uT, 1.25 counts, a weight of a half). In quarters; at most a sixteenth's weight.
+constexpr int64_t kStillNoiseMarginQ2 = 14;
+constexpr int kMaxSmoothingShift = 4;
 // The cross products below within the angle's input limit of 2^24: the field's
 // components within 2^10 counts (409 uT; the Earth's stays within 100), gravity's within
 // 2^15 (8 g), taken to 1/1024 g.
@@ -71,14 +76,23 @@ Vec3 whole_counts(const Vec3 &v_q4) { return Vec3{v_q4.x >> 4, v_q4.y >> 4, v_q4
 
 }  // namespace
 
-int vehicle_smoothing_shift(uint32_t rate_hz) {
+int vehicle_smoothing_shift(uint32_t rate_hz, int64_t noise_q8) {
     const uint32_t cycles = rate_hz * kSmoothMs / 1000;  // rate_hz within 2^16: no wrap
     int shift = 0;
     while ((uint32_t{2} << shift) <= cycles) ++shift;
+    // A running mean of weight w = 2^-shift carries w / (2 - w) of a reading's noise
+    // variance, 1 / (2^(shift + 1) - 1); the difference of two, twice that. Within the
+    // margin: 2 n (kStillNoiseMargin)^2 <= STILL^2 (2^(shift + 1) - 1), the noise n in
+    // 1/256 count^2 (below 2^20: the products below 2^28).
+    constexpr int64_t kLimitQ8 = int64_t{KMXC_SERVICE_VEHICLE_STILL_COUNTS} * KMXC_SERVICE_VEHICLE_STILL_COUNTS * 256;
+    const int64_t n = noise_q8 < (int64_t{1} << 20) ? noise_q8 : (int64_t{1} << 20);
+    while (shift < kMaxSmoothingShift &&
+           2 * n * kStillNoiseMarginQ2 * kStillNoiseMarginQ2 > 16 * kLimitQ8 * ((int64_t{2} << shift) - 1))
+        ++shift;
     return shift;
 }
 
-bool vehicle_entered(VehicleWatch *w, const Vec3 &v, const Vec3 &g, bool trusted, int64_t now, uint32_t rate_hz) {
+bool vehicle_entered(VehicleWatch *w, const Vec3 &v, const Vec3 &g, bool trusted, int64_t now, int shift) {
     if (!trusted) {
         // Nothing judged, nothing concluded: a vehicle is not left while it cannot be seen.
         w->anchored = false;
@@ -90,7 +104,6 @@ bool vehicle_entered(VehicleWatch *w, const Vec3 &v, const Vec3 &g, bool trusted
     // The running mean moves by its share of the distance (the shift rounds toward minus
     // infinity: under 1/16 count). |v| within 2^20 counts: 16 v within 2^24.
     const Vec3 v16{v.x * 16, v.y * 16, v.z * 16};
-    const int shift = vehicle_smoothing_shift(rate_hz);
     Vec3 &s = w->smooth_q4;
     s = !w->anchored
             ? v16

@@ -45,7 +45,8 @@ struct Still {
     void hold(int64_t from_ms, int64_t to_ms, const Vec3 &m, const Vec3 &g, int64_t step_ms = 100,
               bool trusted = true) {
         for (int64_t t = from_ms; t <= to_ms; t += step_ms)
-            if (vehicle_entered(&w, m, g, trusted, t * kMs, static_cast<uint32_t>(1000 / step_ms))) {
+            if (vehicle_entered(&w, m, g, trusted, t * kMs,
+                                vehicle_smoothing_shift(static_cast<uint32_t>(1000 / step_ms), 0))) {
                 entered_at = t;
                 ++entries;
             }
@@ -174,7 +175,8 @@ TEST(VehicleEntry, ReadingNoiseAtFiftyHertzDoesNotRestartTheWatch) {
         return Vec3{v.x + n[0], v.y + n[1], v.z + n[2]};
     };
     for (int64_t t = 0; t <= 4000; t += 20)
-        if (vehicle_entered(&r.w, noisy(kField), t < 1000 ? kDown : tilted(1000), true, t * kMs, 50)) {
+        if (vehicle_entered(&r.w, noisy(kField), t < 1000 ? kDown : tilted(1000), true, t * kMs,
+                            vehicle_smoothing_shift(50, 0))) {
             r.entered_at = t;
             ++r.entries;
         }
@@ -182,12 +184,23 @@ TEST(VehicleEntry, ReadingNoiseAtFiftyHertzDoesNotRestartTheWatch) {
     EXPECT_NEAR(static_cast<double>(r.entered_at), 1000 + KMXC_SERVICE_VEHICLE_HOLD_MS, 100);
 }
 
-TEST(VehicleEntry, TheFieldIsSmoothedOverATenthOfASecondAtEachRate) {
+// The smoothing's shift: the cycles of 0.1 s, rounded down to a power of two, or what a
+// noisy chip asks (the difference of two smoothed fields within a 3.5th of the stillness
+// limit: noise variances to 167/256 count^2 need none, to 501 a half's weight), at most 4.
+TEST(VehicleEntry, TheFieldIsSmoothedOverATenthOfASecondOrLongerOnANoisyChip) {
+    constexpr int64_t kDemo = 165, kHalfUt = 420, kFiveUt = 40021;  // per axis, 1/256 count^2
     const struct {
         uint32_t rate_hz;
-        int shift;  // the cycles of 0.1 s, rounded down to a power of two
-    } cases[] = {{1, 0}, {10, 0}, {19, 0}, {20, 1}, {39, 1}, {40, 2}, {50, 2}, {79, 2}, {80, 3}, {100, 3}};
-    for (const auto &c : cases) EXPECT_EQ(vehicle_smoothing_shift(c.rate_hz), c.shift) << c.rate_hz;
+        int64_t noise_q8;
+        int shift;
+    } cases[] = {
+        {1, kDemo, 0},    {10, kDemo, 0},   {19, kDemo, 0},    {20, kDemo, 1},     {39, kDemo, 1},
+        {40, kDemo, 2},   {50, kDemo, 2},   {79, kDemo, 2},    {80, kDemo, 3},     {100, kDemo, 3},
+        {10, 167, 0},     {10, 168, 1},     {10, 501, 1},      {10, 502, 2},       {10, kHalfUt, 1},
+        {50, kHalfUt, 2}, {10, kFiveUt, 4}, {100, kFiveUt, 4}, {10, INT64_MAX, 4},
+    };
+    for (const auto &c : cases)
+        EXPECT_EQ(vehicle_smoothing_shift(c.rate_hz, c.noise_q8), c.shift) << c.rate_hz << " Hz, " << c.noise_q8;
 }
 
 }  // namespace

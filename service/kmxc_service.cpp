@@ -14,6 +14,7 @@
 #include "orientation/orientation.h"
 #include "service/event_fill.h"
 #include "service/kit_internal.h"
+#include "service/kit_uncertainty.h"
 
 namespace kmxc_kit {
 State g_state;
@@ -291,7 +292,8 @@ int32_t kmxc_service_cycle(int64_t now, KmxcServiceEvent *e) {
             if ((e->flags & KMXC_SERVICE_CONFIRMED) != 0) use_ring_covariance(offset, KMXC_SERVICE_CONFIRM_SAMPLES, 1);
         }
         judge_field(c, g, offset, now, e);
-        if (vehicle_entered(&g_state.vehicle, minus(c, offset), g, g_state.offset_trusted, now, g_state.rate_hz))
+        if (vehicle_entered(&g_state.vehicle, minus(c, offset), g, g_state.offset_trusted, now,
+                            vehicle_smoothing_shift(g_state.rate_hz, noise_variance_q8())))
             on_vehicle_entered(e);
         if (e->mag_result == 0) {
             note_noise(m, g_state.tilt_steady);

@@ -240,7 +240,7 @@ __attribute__((noinline)) void icount_case_kit_mount(void) {
 // about the field it implies judged) and held for half the hold (no entry yet).
 __attribute__((noinline)) void icount_case_kit_motion(void) {
     const Vec3 m{120, -40, -180}, g{617, 1035, -3915};
-    g_estimator_seen[6] = static_cast<uint8_t>(vehicle_entered(&g_state.vehicle, m, g, true, 500000000, 10) +
+    g_estimator_seen[6] = static_cast<uint8_t>(vehicle_entered(&g_state.vehicle, m, g, true, 500000000, 0) +
                                                2 * g_state.vehicle.accelerating);
 }
 }
