@@ -22,6 +22,7 @@
 #include "service/field_store.h"
 #include "service/kit_angle.h"
 #include "service/kit_internal.h"
+#include "service/kit_uncertainty.h"
 #include "service/sphere_fit.h"
 
 namespace kmxc_kit {
@@ -237,11 +238,13 @@ __attribute__((noinline)) void icount_case_kit_mount(void) {
 }
 // The vehicle watch of every cycle, at its dearest: the field still, gravity a braking's
 // 17 degrees away across the plane of field and gravity (their angle unchanged: the turn
-// about the field it implies judged) and held for half the hold (no entry yet).
+// about the field it implies judged) and held for half the hold (no entry yet); the
+// smoothing's weight taken from the rate and the noise meter as the cycle takes it.
 __attribute__((noinline)) void icount_case_kit_motion(void) {
     const Vec3 m{120, -40, -180}, g{617, 1035, -3915};
-    g_estimator_seen[6] = static_cast<uint8_t>(vehicle_entered(&g_state.vehicle, m, g, true, 500000000, 0) +
-                                               2 * g_state.vehicle.accelerating);
+    g_estimator_seen[6] = static_cast<uint8_t>(
+        vehicle_entered(&g_state.vehicle, m, g, true, 500000000, vehicle_smoothing_shift(10, noise_variance_q8())) +
+        2 * g_state.vehicle.accelerating);
 }
 }
 
