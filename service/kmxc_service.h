@@ -305,9 +305,10 @@ extern "C" {
  * (medium at most); at 75, 7.5 (low). */
 #define KMXC_SERVICE_MOUNT_GRAVITY_SD_CDEG 200
 /* Entering a vehicle (a car, a bike, a train): gravity held away, for
- * KMXC_SERVICE_VEHICLE_HOLD_MS, from where it was when the field (offset removed, smoothed
- * over about 0.1 s) last moved by more than KMXC_SERVICE_VEHICLE_STILL_COUNTS on an axis,
- * as no turn of the phone that keeps the field still can move it: an acceleration of
+ * KMXC_SERVICE_VEHICLE_HOLD_MS, from where it was when the field (offset removed,
+ * smoothed over about 0.1 s, longer on a noisy chip) last moved by more than
+ * KMXC_SERVICE_VEHICLE_STILL_COUNTS on an axis, as no turn of the phone that keeps the
+ * field still can move it: an acceleration of
  * the phone without a turn (a vehicle pulling away or braking, 0.1 g and more). Only a
  * turn about the field's own direction keeps the field still; it keeps gravity's angle
  * to the field, and it moves gravity across their plane by the turn times the sine of
