@@ -153,6 +153,28 @@ TEST_F(Kit, TheIntegerHeadingKeepsItsAxisWithinTheMarginAndSaysWhich) {
     }
 }
 
+// A car run's entries into the vehicle (each expected as the car pulls away) and its
+// medium/high samples with an orientation from the first entry on, and how many of them
+// are more than 15 degrees off.
+struct AfterEntry {
+    int entries = 0, trusted = 0, wrong = 0;
+};
+AfterEntry after_entry(const Trace &r) {
+    AfterEntry a;
+    for (size_t i = 0; i < r.events.size(); ++i) {
+        const KmxcServiceEvent &e = r.events[i];
+        if ((e.anomaly & KMXC_SERVICE_ANOMALY_VEHICLE) != 0) {
+            ++a.entries;
+            EXPECT_STREQ(r.truths[i].phase, "driving: pulling away");
+        }
+        if (a.entries == 0 || e.accuracy < KMXC_SERVICE_MEDIUM || (e.flags & KMXC_SERVICE_ORIENTATION_VALID) == 0)
+            continue;
+        ++a.trusted;
+        a.wrong += std::fabs(azimuth_error_deg(e, r.truths[i])) > 15;
+    }
+    return a;
+}
+
 // A weak car field (10 uT) moves the strength and the dip too little at most headings
 // for the anomaly rules. On seed 1, clipped into the mount, it moves the strength by 8 %
 // and the dip by 4 degrees: inside the anomaly tolerances, and the hand's offset was
@@ -171,13 +193,11 @@ TEST_F(Kit, AWeakCarFieldTakesTheHandsTrustOnceTheBandOrThePullingAwayShowsIt) {
         const bool band = seed == 1;  // the strength leaves the fit's band in the mount
         const Trace r = run({.name = "car", .seed = seed, .car_field_uT = {6, -4, 7}}, 10);
         double mounted_s = -1;
-        int trusted_in_hand = 0, outside = 0, entries = 0, trusted = 0, wrong = 0;
+        int trusted_in_hand = 0, outside = 0;
         for (size_t i = 0; i < r.events.size(); ++i) {
             const KmxcServiceEvent &e = r.events[i];
             const Truth &t = r.truths[i];
             if ((e.anomaly & KMXC_SERVICE_ANOMALY_VEHICLE) != 0) {
-                ++entries;
-                EXPECT_STREQ(t.phase, "driving: pulling away");
                 EXPECT_EQ(e.accuracy, KMXC_SERVICE_UNRELIABLE) << "the car's own field not yet measured";
                 EXPECT_EQ(e.coverage_cells, 0) << "the store starts afresh";
             }
@@ -191,17 +211,14 @@ TEST_F(Kit, AWeakCarFieldTakesTheHandsTrustOnceTheBandOrThePullingAwayShowsIt) {
                 EXPECT_EQ(e.flags & KMXC_SERVICE_ANOMALY, 0) << t.t_s;
                 if (t.t_s >= mounted_s + 2) { EXPECT_LE(e.accuracy, KMXC_SERVICE_LOW) << t.t_s; }
             }
-            if (entries == 0 || e.accuracy < KMXC_SERVICE_MEDIUM || (e.flags & KMXC_SERVICE_ORIENTATION_VALID) == 0)
-                continue;
-            ++trusted;
-            wrong += std::fabs(azimuth_error_deg(e, t)) > 15;
         }
+        const AfterEntry a = after_entry(r);
         ASSERT_GT(mounted_s, 0);
         EXPECT_GT(trusted_in_hand, 0);
         EXPECT_EQ(outside > 0, band) << "the band's anomaly";
-        EXPECT_EQ(entries, 1);
-        EXPECT_GT(trusted, 1000) << "the mount's estimate is trusted";
-        EXPECT_LE(wrong * 200, trusted) << wrong << " of " << trusted;
+        EXPECT_EQ(a.entries, 1);
+        EXPECT_GT(a.trusted, 1000) << "the mount's estimate is trusted";
+        EXPECT_LE(a.wrong * 200, a.trusted) << a.wrong << " of " << a.trusted;
     }
 }
 
@@ -236,22 +253,10 @@ TEST_F(Kit, ACarPullingAwayIsSeenAcrossASteepFieldAndThroughAChipsNoise) {
                              .seed = c.seed,
                              .car_field_uT = {6, -4, 7}},
                             c.rate_hz);
-        int entries = 0, trusted = 0, wrong = 0;
-        for (size_t i = 0; i < r.events.size(); ++i) {
-            const KmxcServiceEvent &e = r.events[i];
-            const Truth &t = r.truths[i];
-            if ((e.anomaly & KMXC_SERVICE_ANOMALY_VEHICLE) != 0) {
-                ++entries;
-                EXPECT_STREQ(t.phase, "driving: pulling away");
-            }
-            if (entries == 0 || e.accuracy < KMXC_SERVICE_MEDIUM || (e.flags & KMXC_SERVICE_ORIENTATION_VALID) == 0)
-                continue;
-            ++trusted;
-            wrong += std::fabs(azimuth_error_deg(e, t)) > 15;
-        }
-        EXPECT_EQ(entries, 1);
-        EXPECT_GT(trusted, 300) << "the mount's estimate is trusted";
-        EXPECT_LE(wrong * 200, trusted) << wrong << " of " << trusted;
+        const AfterEntry a = after_entry(r);
+        EXPECT_EQ(a.entries, 1);
+        EXPECT_GT(a.trusted, 300) << "the mount's estimate is trusted";
+        EXPECT_LE(a.wrong * 200, a.trusted) << a.wrong << " of " << a.trusted;
     }
 }
 
