@@ -138,11 +138,11 @@ TEST(VehicleEntry, GravityTurnedAboutTheStillFieldIsAHandsTurnUpToTheTurnLimit) 
         int64_t entered_ms;             // -1: never
     } cases[] = {
         {"a 70-degree dip, 2 degrees short of the limit: a hand", 20, kTurn - 2, 1, -1},
-        {"a 70-degree dip, 2 degrees past it: a vehicle (gravity moved 8.7 degrees)", 20, kTurn + 2, 1, kEntered},
+        {"a 70-degree dip, 2 degrees past it: a vehicle (gravity moved 9.2 degrees)", 20, kTurn + 2, 1, kEntered},
         {"the other way round", 20, -kTurn - 2, 1, kEntered},
         {"a 10-degree dip: a 20-degree roll about the level field is a hand", 80, 20, 1, -1},
-        {"an 85-degree dip: gravity moved 5.2 degrees, a 60-degree turn", 5, 60, 1, kEntered},
-        {"an 87-degree dip: gravity moved 3.1 degrees, too little to judge", 3, 60, 1, -1},
+        {"an 85-degree dip: gravity moved 5.0 degrees, a 60-degree turn", 5, 60, 1, kEntered},
+        {"an 87-degree dip: gravity moved 3.0 degrees, too little to judge", 3, 60, 1, -1},
         {"... and 10 % longer (a bump): still too little", 3, 60, 1.1, -1},
     };
     for (const auto &c : cases) {
