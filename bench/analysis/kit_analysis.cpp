@@ -17,9 +17,17 @@
 //       The same run, one line per cycle: accuracy, estimator, flags, the heading error
 //       and the one the kit's covariance predicts (in brackets without its soft-iron
 //       share), the offset error, the store, the soft iron the store shows.
-//   Both take the world after the soft iron: field=UT, noise=UT, inclination=DEG (or
-//   the inclination alone), hard=X,Y,Z (the phone's own field, uT), car=X,Y,Z (a car
-//   mount's field, uT, phone axes).
+//   kit_analysis floor SCENARIO RATE SEED [WORLD...]
+//       The library's double path fed the true gravity (no acceleration) and the field
+//       the magnetometer reads with the true offset taken off (its noise and steps):
+//       the azimuth its Euler angles give against the true one, with the library's
+//       azimuth hold, and as the yaw alone (truncated); then the hold again on what the
+//       accelerometer reads (a vehicle's accelerations in it). Over all samples, those
+//       held steady and a car's drive: what the double path's heading error cannot go
+//       below, whatever the estimators do.
+//   The last three take the world after the soft iron (floor: after the seed):
+//   field=UT, noise=UT, inclination=DEG (or the inclination alone), hard=X,Y,Z (the
+//   phone's own field, uT), car=X,Y,Z (a car mount's field, uT, phone axes).
 #include <Eigen/Dense>
 #include <algorithm>
 #include <cmath>
@@ -30,6 +38,7 @@
 #include <string>
 #include <vector>
 
+#include "orientation/orientation.h"
 #include "service/kit_internal.h"
 #include "service/kmxc_service.h"
 #include "vphone/scene/rig.h"
@@ -379,13 +388,79 @@ int soft_iron(const char *scenario, int rate, int seed, const char *soft, bool t
 
 }  // namespace
 
+// ---- The double path's floor ---------------------------------------------------------------
+
+struct Rms {
+    double sum_sq = 0;
+    long n = 0;
+    void add(double e) { sum_sq += e * e, ++n; }
+    double value() const { return n > 0 ? std::sqrt(sum_sq / static_cast<double>(n)) : 0.0; }
+};
+
+double wrapped_deg(double d) {
+    d = std::fmod(d, 360.0);
+    return d > 180 ? d - 360 : d < -180 ? d + 360 : d;
+}
+
+int floor_of(const char *scenario, int rate, int seed, sc::ScenarioSettings settings) {
+    settings.name = scenario;
+    settings.seed = static_cast<uint32_t>(seed);
+    sc::Scenario s(settings);
+    std::vector<sc::Truth> truth;
+    for (int i = 0;; ++i) {
+        const double t = static_cast<double>(i) / rate;
+        if (t > s.duration_s()) break;
+        truth.push_back(s.sample(t));
+    }
+    const std::vector<bool> steady = held_steady(truth, rate);
+    enum { kAll, kSteady, kDriving, kGroups };
+    enum { kHeld, kYaw, kMeasured, kColumns };  // the hold, the yaw alone, the hold on the accelerometer's reading
+    Rms rms[kColumns][kGroups];
+    for (const bool measured : {false, true}) {
+        KmxAxesLibInit();  // the hold's state, afresh for each pass
+        for (size_t i = 0; i < truth.size(); ++i) {
+            const sc::Truth &t = truth[i];
+            // The library's gravity points the way gravity pulls: the attitude's -up, or
+            // what the accelerometer reads (a vehicle's accelerations included).
+            const vphone::Vec3 &up = t.attitude[2];
+            const double g[3] = {measured ? t.gravity_g[0] : -up[0], measured ? t.gravity_g[1] : -up[1],
+                                 measured ? t.gravity_g[2] : -up[2]};
+            // The field the magnetometer reads with the true offset taken off, in its steps.
+            double f[3];
+            for (int k = 0; k < 3; ++k) f[k] = std::round(t.field_uT[k] / kUtPerCount);
+            double m[9], e[3];
+            if (KmxAxesLibGetRotationMatrix(g, f, m) != 0 || KmxAxesLibGetEuler(m, e) != 0) continue;
+            const double truth_deg = sc::true_angles(t.attitude, sc::HeadingAxis::kY).double_azimuth;
+            double y = std::atan2(m[1] - m[3], m[0] + m[4]) * 180 / M_PI;
+            if (y < 0) y += 360;
+            const bool in_group[kGroups] = {true, steady[i], std::strncmp(t.phase, "driving", 7) == 0};
+            for (int k = 0; k < kGroups; ++k) {
+                if (!in_group[k]) continue;
+                if (measured) {
+                    rms[kMeasured][k].add(wrapped_deg(e[0] - truth_deg));
+                } else {
+                    rms[kHeld][k].add(wrapped_deg(e[0] - truth_deg));
+                    rms[kYaw][k].add(wrapped_deg(std::trunc(y) - truth_deg));
+                }
+            }
+        }
+    }
+    std::printf("samples | RMS deg: the hold / the yaw alone / the hold on the accelerometer's reading\n");
+    const char *names[kGroups] = {"all", "held steady", "driving"};
+    for (int k = 0; k < kGroups; ++k)
+        if (rms[kHeld][k].n > 0)
+            std::printf("%-11s %6ld | %5.2f / %5.2f / %5.2f\n", names[k], rms[kHeld][k].n, rms[kHeld][k].value(),
+                        rms[kYaw][k].value(), rms[kMeasured][k].value());
+    return 0;
+}
+
 int main(int argc, char **argv) {
     if (argc == 5 && std::strcmp(argv[1], "determinacy") == 0)
         return determinacy(argv[2], std::atoi(argv[3]), std::atoi(argv[4]));
     // The world's options after the soft iron: the inclination in degrees (alone, as
     // before), or field=UT, noise=UT, inclination=DEG (the scenarios' own otherwise).
     sc::ScenarioSettings world;
-    for (int i = 6; i < argc; ++i) {
+    for (int i = std::strcmp(argv[1], "floor") == 0 ? 5 : 6; i < argc; ++i) {
         const char *arg = argv[i], *eq = std::strchr(arg, '=');
         const std::string key = eq != nullptr ? std::string(arg, eq) : "inclination";
         const char *text = eq != nullptr ? eq + 1 : arg;
@@ -409,6 +484,8 @@ int main(int argc, char **argv) {
             return 2;
         }
     }
+    if (argc >= 5 && std::strcmp(argv[1], "floor") == 0)
+        return floor_of(argv[2], std::atoi(argv[3]), std::atoi(argv[4]), world);
     if (argc >= 6 && std::strcmp(argv[1], "soft-iron") == 0)
         return soft_iron(argv[2], std::atoi(argv[3]), std::atoi(argv[4]), argv[5], false, world);
     if (argc >= 6 && std::strcmp(argv[1], "trace") == 0)
@@ -417,6 +494,7 @@ int main(int argc, char **argv) {
                  "usage: kit_analysis determinacy SCENARIO RATE SEED\n"
                  "       kit_analysis soft-iron SCENARIO RATE SEED XX,YY,ZZ,XY,XZ,YZ [WORLD...]\n"
                  "       kit_analysis trace SCENARIO RATE SEED XX,YY,ZZ,XY,XZ,YZ [WORLD...]\n"
+                 "       kit_analysis floor SCENARIO RATE SEED [WORLD...]\n"
                  "  WORLD: INCLINATION, inclination=DEG, field=UT, noise=UT, hard=X,Y,Z, car=X,Y,Z (uT)\n");
     return 2;
 }
