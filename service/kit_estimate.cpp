@@ -28,6 +28,12 @@ int8_t level_of(const StrengthStats &s) {
 
 bool agrees(const Agreement &a) { return a.in_range && a.worst_permille <= KMXC_SERVICE_FIT_MEDIUM_PERMILLE; }
 
+// A fit's level by its own samples' strengths, at most low when the recent samples'
+// dips about it disagree.
+int8_t level_with_dips(int8_t level, const Agreement &ring) {
+    return dips_agree(ring) || level == KMXC_SERVICE_UNRELIABLE ? level : KMXC_SERVICE_LOW;
+}
+
 KmxAxesData axes(const Vec3 &v) { return KmxAxesData{v.x, v.y, v.z}; }
 Vec3 vec(const KmxAxesData &o) { return Vec3{o.x, o.y, o.z}; }
 
@@ -70,11 +76,11 @@ void publish(const Vec3 &offset, uint8_t estimator, KmxcServiceEvent *e) {
     e->flags |= KMXC_SERVICE_NEW_OFFSET | KMXC_SERVICE_FIT_3D | KMXC_SERVICE_KIT_ESTIMATE;
 }
 
-// The reference for anomalies: the candidate's recent-sample agreement (strength and
-// dip), with the store's mean strength when too few samples have been fed since start
-// or since a rough-offset change. fed: the fed samples through the candidate's correction.
-Agreement reference_of(const Vec3 *fed, const Vec3 &offset, const StrengthStats &store) {
-    Agreement a = agreement_of(fed, axes(offset), g_state.fed_count, true);
+// The reference for anomalies: the candidate's recent-sample agreement (ring: strength
+// and dip, through the candidate's correction), with the store's mean strength when too
+// few samples have been fed since start or since a rough-offset change.
+Agreement reference_of(const Agreement &ring, const StrengthStats &store) {
+    Agreement a = ring;
     if (g_state.fed_count < KMXC_SERVICE_CONFIRM_SAMPLES) a.mean = store.mean_q4 >> kQ4;
     return a;
 }
@@ -199,7 +205,7 @@ void judge_sphere(const Vec3 &g, KmxcServiceEvent *e) {
     // The fed samples through the correction in use, corrected once for every look below.
     Vec3 fed[KMXC_SERVICE_FEED_HISTORY];
     fed_corrected(soft, g_state.fed_count, fed);
-    const Agreement ring = agreement_of(fed, axes(fit.offset), g_state.fed_count, false);
+    const Agreement ring = agreement_of(fed, axes(fit.offset), g_state.fed_count, true);
     // Drift: a store that agrees with itself but not with a full ring of recent samples,
     // while the offset in use does, describes a field that has gone. The ring speaks for
     // the offset in use only when it was fed after it: the library's fit of that very
@@ -227,7 +233,7 @@ void judge_sphere(const Vec3 &g, KmxcServiceEvent *e) {
         return;
     }
     publish(fit.offset, KMXC_SERVICE_ESTIMATOR_STORE_SPHERE, e);
-    trust_estimate(level, reference_of(fed, fit.offset, fit.residual), fed);
+    trust_estimate(level_with_dips(level, ring), reference_of(ring, fit.residual), fed);
     note_trusted_reference();
 }
 
@@ -285,13 +291,13 @@ void judge_ellipsoid(const Vec3 &g, KmxcServiceEvent *e) {
     // The fed samples through the new correction (the one in use once it is taken).
     Vec3 fed[KMXC_SERVICE_FEED_HISTORY];
     fed_corrected(soft, g_state.fed_count, fed);
-    const Agreement ring = agreement_of(fed, axes(fit.offset), g_state.fed_count, false);
+    const Agreement ring = agreement_of(fed, axes(fit.offset), g_state.fed_count, true);
     if (take(true, fit.offset, ring, p, g, nullptr) == Take::kNo) return;
     s.cov = p;
     s.ellipsoid_cells = s.coverage;
     g_state.soft_iron = soft;
     publish(fit.offset, KMXC_SERVICE_ESTIMATOR_ELLIPSOID, e);
-    trust_estimate(level, reference_of(fed, fit.offset, fit.residual), fed);
+    trust_estimate(level_with_dips(level, ring), reference_of(ring, fit.residual), fed);
     note_trusted_reference();
 }
 

@@ -76,16 +76,19 @@ TEST(KitEstimate, TheStoreKeepsAnomaliesOutUntilOneHasLastedItsPersistTimeAndEmp
 
 // Whether the store's sphere fit is trusted (high, medium) or refused follows how well
 // its samples determine the offset across gravity (what turns the heading of a phone
-// held as the samples were) and whether they agree. Gravity along z throughout: a cap
-// about z is a phone turned while held level. The store is refitted only once enough
-// samples have joined, and not in a cycle where another fit ran (fits not allowed). A fit
-// waits cycles for its judgement while samples go on joining the store, and its
-// covariance is taken from the store as it is then: a sample that joined late counts in
-// its agreement as its own samples do (high within 40/1000 of their mean strength,
-// medium within 80, refused beyond). The soft iron an ellipsoid fit shows scales the
-// share of unmodelled soft iron every estimate carries: a store of a phone with 10 %
-// soft iron widens its own sphere's prior to what it shows, a round one keeps the
-// default. The same happens to the estimate in use when a later fit shows more.
+// held as the samples were) and whether they agree. The judgement takes gravity along
+// z: a cap about z is a phone turned while held level. Each sample carries the gravity
+// a 60-degree dip gives its field, so the recent samples' dips agree unless a case
+// makes them wobble; beyond the dips' limit a fit is worth low, used and not saved. The
+// store is refitted only once enough samples have joined, and not in a cycle where
+// another fit ran (fits not allowed). A fit waits cycles for its judgement while
+// samples go on joining the store, and its covariance is taken from the store as it is
+// then: a sample that joined late counts in its agreement as its own samples do (high
+// within 40/1000 of their mean strength, medium within 80, refused beyond). The soft
+// iron an ellipsoid fit shows scales the share of unmodelled soft iron every estimate
+// carries: a store of a phone with 10 % soft iron widens its own sphere's prior to what
+// it shows, a round one keeps the default. The same happens to the estimate in use
+// when a later fit shows more.
 TEST(KitEstimate, DueJoinsDeterminacyAgreementAndTheSoftIronShownDecideHowFarASphereFitIsUsed) {
     constexpr int32_t kDefault = KMXC_SERVICE_SOFT_IRON_PRIOR_PERMILLE, kNoLate = -1000;
     constexpr int kJoins = KMXC_SERVICE_STORE_REFIT_JOINS;
@@ -99,30 +102,37 @@ TEST(KitEstimate, DueJoinsDeterminacyAgreementAndTheSoftIronShownDecideHowFarASp
         int32_t late = kNoLate;                // a late sample's strength from the fit's mean, permille
         int joined = kJoins;
         bool allowed = true;
+        double wobble = 0;  // the recent samples' dips, degrees either side
     } cases[] = {
         {"a join short: no fit", 40, 180, 0.4, kNoSoftIron, KMXC_SERVICE_UNRELIABLE, 0, 0, kNoLate, kJoins - 1},
         {"fits not allowed: no fit", 40, 180, 0.4, kNoSoftIron, KMXC_SERVICE_UNRELIABLE, 0, 0, kNoLate, kJoins, false},
         {"a late sample on the sphere: high", 40, 180, 0.4, kNoSoftIron, KMXC_SERVICE_HIGH, 0, 0, 0},
         {"a late sample 60/1000 off: medium", 40, 180, 0.4, kNoSoftIron, KMXC_SERVICE_MEDIUM, 0, 0, 60},
+        {"the recent samples' dips 1.5 degrees either side: high", 40, 180, 0.4, kNoSoftIron, KMXC_SERVICE_HIGH, 0, 0,
+         kNoLate, kJoins, true, 1.5},
+        {"... 3 degrees either side: low", 40, 180, 0.4, kNoSoftIron, KMXC_SERVICE_LOW, 0, 0, kNoLate, kJoins, true, 3},
         {"a late sample 100/1000 off: refused", 40, 180, 0.4, kNoSoftIron, KMXC_SERVICE_UNRELIABLE, 0, 0, 100},
         {"a late sample 100/1000 short: refused", 40, 180, 0.4, kNoSoftIron, KMXC_SERVICE_UNRELIABLE, 0, 0, -100},
         {"a 60-degree cap, little noise: determined, high, the default prior", 60, 60, 0.4, kNoSoftIron,
          KMXC_SERVICE_HIGH, kDefault, kDefault},
         {"a 35-degree cap, 2 counts of noise: the horizontal offset determined, high", 60, 35, 2, kNoSoftIron,
          KMXC_SERVICE_HIGH},
-        {"a 20-degree cap, 2 counts of noise: still determined across gravity", 60, 20, 2, kNoSoftIron,
-         KMXC_SERVICE_MEDIUM},
+        {"a 20-degree cap, 1.5 counts of noise: still determined across gravity", 60, 20, 1.5, kNoSoftIron,
+         KMXC_SERVICE_HIGH},
         {"a 2-degree cap: no direction determined, refused", 60, 2, 0.4, kNoSoftIron, KMXC_SERVICE_UNRELIABLE},
         {"the whole sphere, 8 counts of noise: disagrees, refused", 60, 180, 8, kNoSoftIron, KMXC_SERVICE_UNRELIABLE},
         // The showing fit counts what the samples tell clearly: one held less near the
         // sphere shows the noise of a 45-degree cap as 35 permille.
         {"round, a 45-degree cap, noise 1 count: the default prior", 40, 45, 1.0, kNoSoftIron, KMXC_SERVICE_HIGH,
          kDefault, kDefault},
-        {"10 % soft iron: the prior it shows", 60, 60, 0.4, kSoftIron, KMXC_SERVICE_MEDIUM, 45, 60},
+        // The cap of its ellipsoid is round about a centre a few counts off, and the
+        // recent samples' dips about that centre spread beyond the limit.
+        {"10 % soft iron: the prior it shows, the dips disagree: low", 60, 60, 0.4, kSoftIron, KMXC_SERVICE_LOW, 45,
+         60},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
-        fill(Vec3{0, 0, 0}, directions(c.n, c.cap_deg), kOffset, c.soft, c.noise);
+        fill(Vec3{0, 0, 0}, directions(c.n, c.cap_deg), kOffset, c.soft, c.noise, c.wobble);
         g_state.est.joined = static_cast<uint8_t>(c.joined);
         idle(1, c.allowed);  // the fit
         ASSERT_TRUE((c.allowed && c.joined >= kJoins) || !g_state.est.sphere_pending) << "no fit due";
@@ -142,6 +152,7 @@ TEST(KitEstimate, DueJoinsDeterminacyAgreementAndTheSoftIronShownDecideHowFarASp
         const bool trusted = c.accuracy != KMXC_SERVICE_UNRELIABLE;
         EXPECT_EQ(accuracy_now(1), c.accuracy);
         EXPECT_EQ(g_state.offset_trusted, trusted);
+        EXPECT_EQ(g_state.save_pending, c.accuracy >= KMXC_SERVICE_MEDIUM) << "saved from medium up";
         EXPECT_EQ(g_state.estimator, trusted ? KMXC_SERVICE_ESTIMATOR_STORE_SPHERE : KMXC_SERVICE_ESTIMATOR_NONE);
         if (!trusted) continue;
         const Vec3 o = offset_in_use();
@@ -263,8 +274,11 @@ TEST(KitEstimate, TheEllipsoidReplacesTheSphereOnlyWhereSoftIronShowsAndTheStore
         SoftIron in_use;  // the correction in use before
         int cells_short;  // -1, or the correction fitted to this many cells fewer than the store covers
         bool due, adopted;
+        double wobble = 0;  // the recent samples' dips, degrees either side (beyond the limit: low)
     } cases[] = {
         {"soft iron, the whole sphere: adopted", 80, 180, kSoftIron, false, kNone, -1, true, true},
+        {"... the recent samples' dips 3 degrees either side: adopted, low", 80, 180, kSoftIron, false, kNone, -1, true,
+         true, 3},
         {"soft iron, samples still joining: the ellipsoid goes first", 80, 180, kSoftIron, true, kNone, -1, true, true},
         {"no soft iron, the whole sphere: none due", 80, 180, kNoSoftIron, false, kNone, -1, false, false},
         {"soft iron, a 30-degree cap: too few cells for an ellipsoid", 80, 30, kSoftIron, false, kNone, -1, false,
@@ -279,7 +293,7 @@ TEST(KitEstimate, TheEllipsoidReplacesTheSphereOnlyWhereSoftIronShowsAndTheStore
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
-        fill(Vec3{0, 0, 0}, directions(c.n, c.cap_deg), kOffset, c.soft, 0.4);
+        fill(Vec3{0, 0, 0}, directions(c.n, c.cap_deg), kOffset, c.soft, 0.4, c.wobble);
         if (c.in_use.in_use) g_state.soft_iron = c.in_use;
         if (c.cells_short >= 0) {
             step();  // the cells the store covers
@@ -301,6 +315,7 @@ TEST(KitEstimate, TheEllipsoidReplacesTheSphereOnlyWhereSoftIronShowsAndTheStore
         EXPECT_EQ(g_state.soft_iron.in_use, c.adopted || c.in_use.in_use);
         EXPECT_EQ(g_state.estimator == KMXC_SERVICE_ESTIMATOR_ELLIPSOID, c.adopted);
         if (c.adopted) {
+            EXPECT_EQ(g_state.base_accuracy == KMXC_SERVICE_LOW, c.wobble > 0);
             EXPECT_EQ(g_state.est.ellipsoid_cells, g_state.est.coverage) << "the cells it was fitted to";
             // The corrected field of every stored sample has one strength.
             const Vec3 o = offset_in_use();

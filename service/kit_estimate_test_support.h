@@ -64,18 +64,38 @@ inline void set_kit(const Vec3 &in_use) {
     KmxAxesMsCalibSetOffset(&o);
 }
 
+// The angle between the Earth's field and gravity (pulling down) at a 60-degree dip.
+constexpr double kFieldToGravityDeg = 30;
+
+// The gravity (1 g) of a phone whose Earth field points along d: kFieldToGravityDeg from
+// d, turned about d by a fixed rule (any attitude will do), that angle plus or minus
+// `wobble_deg` by the parity of i (a dip that disagrees by wobble_deg RMS).
+inline Vec3 gravity_for(const std::array<double, 3> &d, int i = 0, double wobble_deg = 0) {
+    // A unit vector across d: d x z, or d x x near the z axis.
+    const bool near_z = std::fabs(d[2]) > 0.9;
+    std::array<double, 3> p = near_z ? std::array<double, 3>{0, d[2], -d[1]} : std::array<double, 3>{d[1], -d[0], 0};
+    const double pl = std::sqrt(p[0] * p[0] + p[1] * p[1] + p[2] * p[2]);
+    const double a = (kFieldToGravityDeg + (i % 2 == 0 ? wobble_deg : -wobble_deg)) * M_PI / 180;
+    Vec3 g;
+    int32_t *out[3] = {&g.x, &g.y, &g.z};
+    for (int k = 0; k < 3; ++k)
+        *out[k] = static_cast<int32_t>(std::lround(4096 * (std::cos(a) * d[k] + std::sin(a) * p[k] / pl)));
+    return g;
+}
+
 // The kit set as set_kit(in_use) with the store and the ring of fed samples filled from
-// `dirs` about offset o.
+// `dirs` about offset o, each with the gravity of its field's direction (gravity_for,
+// the ring's dips wobbling by dip_wobble_deg).
 inline void fill(const Vec3 &in_use, const std::vector<std::array<double, 3>> &dirs, const Vec3 &o, const double s[4],
-                 double sd) {
+                 double sd, double dip_wobble_deg = 0) {
     set_kit(in_use);
     Noise noise;
     for (const auto &d : dirs) {
         const Vec3 m = sample(d, o, s, noise, sd);
-        field_store_offer(&g_state.est.store, m, kDown, nullptr, false, true);
+        field_store_offer(&g_state.est.store, m, gravity_for(d), nullptr, false, true);
     }
     for (size_t i = 0; i < dirs.size() && i < 2 * KMXC_SERVICE_FEED_HISTORY; i += 2)
-        remember_fed(sample(dirs[i], o, s, noise, sd), kDown);
+        remember_fed(sample(dirs[i], o, s, noise, sd), gravity_for(dirs[i], static_cast<int>(i / 2), dip_wobble_deg));
 }
 
 // A sphere fit due now: the fit in one cycle, the soft iron the store shows in the next,

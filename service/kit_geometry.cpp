@@ -92,12 +92,26 @@ Vec3 apply_q14(const int16_t w[9], const Vec3 &v, int frac) {
     return Vec3{out[0], out[1], out[2]};
 }
 
-int32_t dip_cos(const Vec3 &field, const Vec3 &gravity) { return dip_cos(field, length(field), gravity); }
+int32_t length_q4(const Vec3 &v) {
+    const uint64_t sq = static_cast<uint64_t>(dot(v, v));
+    // 256 |v|^2 within 32 bits for |v| below 4096 counts: the 32-bit root.
+    return static_cast<int32_t>(sq < (uint64_t{1} << 24) ? isqrt32(static_cast<uint32_t>(sq << 8)) : isqrt64(sq << 8));
+}
 
-int32_t dip_cos(const Vec3 &field, int32_t field_length, const Vec3 &gravity) {
-    const int64_t lf = field_length, lg = length(gravity);
-    if (lf == 0 || lg == 0) return 0;
-    return static_cast<int32_t>(dot(field, gravity) * 1000 / (lf * lg));
+int32_t dip_cos(const Vec3 &field, const Vec3 &gravity) { return dip_cos(field, length_q4(field), gravity); }
+
+int32_t dip_cos(const Vec3 &field, int32_t field_length_q4, const Vec3 &gravity) {
+    const int64_t lg = length(gravity);
+    if (field_length_q4 == 0 || lg == 0) return 0;
+    const int64_t num = dot(field, gravity) * 16000;
+    uint64_t n = static_cast<uint64_t>(num < 0 ? -num : num), d = static_cast<uint64_t>(field_length_q4 * lg);
+    // Both halved alike until the numerator fits 31 bits (a few times for an Earth field
+    // and 1 g): the quotient by a 32-bit division, not a 64-bit one (a library call of
+    // some 340 instructions on the target). |num| is at most about 1000 d, so d keeps
+    // 21 bits and more.
+    while (n > INT32_MAX || d > INT32_MAX) n >>= 1, d >>= 1;
+    const int32_t q = static_cast<int32_t>(static_cast<uint32_t>(n) / static_cast<uint32_t>(d));
+    return num < 0 ? -q : q;
 }
 
 }  // namespace kmxc_kit

@@ -32,10 +32,14 @@ inline Vec3 minus(const Vec3 &a, const KmxAxesData &o) { return Vec3{a.x - o.x, 
 inline Vec3 minus(const Vec3 &a, const Vec3 &b) { return Vec3{a.x - b.x, a.y - b.y, a.z - b.z}; }
 // Truncated length (the floor of the root of its square).
 int32_t length(const Vec3 &v);
-// 1000 cos of the angle between field and gravity, truncated; 0 when either has no length.
+// The same in 1/16 count (the floor of 16 times the root): length(v) is it >> 4.
+int32_t length_q4(const Vec3 &v);
+// 1000 cos of the angle between field and gravity, truncated toward zero, from the
+// field's length in 1/16 count (a whole count's floor would lift the cosine of a 120-count
+// field by up to 7/1000); 0 when either has no length.
 int32_t dip_cos(const Vec3 &field, const Vec3 &gravity);
-// The same with the field's length(field) already at hand.
-int32_t dip_cos(const Vec3 &field, int32_t field_length, const Vec3 &gravity);
+// The same with the field's length_q4(field) already at hand.
+int32_t dip_cos(const Vec3 &field, int32_t field_length_q4, const Vec3 &gravity);
 // W v for a 3x3 correction W in Q14 (16384 = 1; row-major), to `frac` fraction bits
 // (0: counts, 4: 1/16 count; at most 13), each component rounded to nearest (ties up).
 // Components of v within +-2^16.

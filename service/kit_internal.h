@@ -214,7 +214,7 @@ extern State g_state;
 
 // Field strengths of the last n fed samples, seen through the correction in use, with offset o removed: mean, and
 // whether every one lies within permille of the mean and in the Earth's range. Also the mean dip over the samples taken
-// in steady gravity.
+// in steady gravity, and how far their angles between field and gravity spread about it.
 struct Agreement {
     int32_t mean;
     int32_t worst_permille;
@@ -222,7 +222,15 @@ struct Agreement {
     bool in_range;
     int32_t dip;
     bool dip_valid;
+    // RMS of the angles about their mean, centidegrees (from the cosines' spread over the
+    // mean angle's sine); -1 when not judged: no dips asked for, fewer than
+    // KMXC_SERVICE_FIT_DIP_MIN_SAMPLES, or field and gravity within kDipSpreadMinSine of
+    // parallel (near a magnetic pole the cosine no longer tells the angle).
+    int32_t dip_sd_cdeg = -1;
 };
+// The field directions agree with gravity: the dips' spread within
+// KMXC_SERVICE_FIT_DIP_SD_CDEG, or not judged.
+bool dips_agree(const Agreement &a);
 Agreement agreement(const KmxAxesData &o, int n);
 // The same for the fed samples as the library would see them through the correction s;
 // the dip only when asked for (it costs a root and a division per sample).
@@ -264,8 +272,9 @@ int8_t settled_accuracy(int8_t level, int64_t now);
 // trust goes (low, restored only by fed samples that fit it again), the fed samples and
 // the library's batch start afresh.
 void demote_offset();
-// Adopts an agreeing estimate: accuracy, trust, reference, save. fed: the fed samples
-// through the correction now in use (fed_corrected of all g_state.fed_count).
+// Adopts an agreeing estimate: accuracy, trust, reference, and a save from medium up (a
+// low one is used, not kept). fed: the fed samples through the correction now in use
+// (fed_corrected of all g_state.fed_count).
 void trust_estimate(int8_t level, const Agreement &a, const Vec3 *fed);
 // The running mean of gravity and this cycle's steady-tilt verdict (g_state.tilt_steady).
 void track_tilt(const Vec3 &g);

@@ -207,6 +207,32 @@ TEST(KitGeometry, IntegerRootsAreFloorsOverEveryWidth) {
     }
 }
 
+// length_q4 is floor(16 |v|) and length its whole counts, and dip_cos the true cosine
+// within 1/1000 (its field length in 1/16 count, its quotient truncated), for fields
+// from a count to 2^14 counts per axis and gravity from a tenth of a g to 4 g: the
+// 32-bit root and division cover an Earth field, the wider ones the rest.
+TEST(KitGeometry, LengthsInSixteenthsAndDipCosinesAgreeWithDoublePrecision) {
+    std::mt19937 rng(23);
+    std::uniform_real_distribution<double> unit(-1, 1);
+    for (int i = 0; i < 20000; ++i) {
+        const double fscale = std::pow(2.0, (i % 15)), gscale = 400 + (rng() % 16000);
+        const Vec3 f{static_cast<int32_t>(unit(rng) * fscale), static_cast<int32_t>(unit(rng) * fscale),
+                     static_cast<int32_t>(unit(rng) * fscale)};
+        const Vec3 g{static_cast<int32_t>(unit(rng) * gscale), static_cast<int32_t>(unit(rng) * gscale),
+                     static_cast<int32_t>(unit(rng) * gscale)};
+        const double lf = std::sqrt(double(f.x) * f.x + double(f.y) * f.y + double(f.z) * f.z);
+        const double lg = std::sqrt(double(g.x) * g.x + double(g.y) * g.y + double(g.z) * g.z);
+        ASSERT_EQ(length_q4(f), static_cast<int32_t>(std::floor(16 * lf + 1e-9))) << f.x << " " << f.y << " " << f.z;
+        ASSERT_EQ(length_q4(f) >> 4, length(f));
+        if (lf < 1 || lg < 1) continue;
+        const double cosine = (double(f.x) * g.x + double(f.y) * g.y + double(f.z) * g.z) / (lf * lg);
+        // The sixteenth's floor lifts it by up to 1/(16 |f|) of itself, the truncation
+        // takes up to 1/1000 off it.
+        const double lift = std::fabs(cosine) / (16 * lf - 1) + std::fabs(cosine) / (lg - 1);
+        ASSERT_NEAR(dip_cos(f, g), 1000 * cosine, 1 + 1000 * lift) << f.x << " " << f.y << " " << f.z << " / " << g.x;
+    }
+}
+
 // ---- Angles ------------------------------------------------------------------------------
 
 constexpr double kPi = 3.14159265358979323846;

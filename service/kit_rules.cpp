@@ -3,6 +3,7 @@
 #include "calibration/calibration.h"
 #include "service/kit_angle.h"
 #include "service/kit_internal.h"
+#include "service/kit_uncertainty.h"
 
 namespace kmxc_kit {
 
@@ -52,21 +53,57 @@ Agreement agreement(const SoftIron &soft, const KmxAxesData &o, int n, bool with
     return agreement_of(u, o, n, with_dip);
 }
 
+// Below this sine of the mean angle between field and gravity (1/1000: 5 degrees), the
+// dips' spread is not judged.
+constexpr int32_t kDipSpreadMinSine = 87;
+
+// The RMS of the angles whose cosines (1/1000) sum to sum and their squares to sum_sq
+// over n: the cosines' RMS over the mean angle's sine, centidegrees; -1 when not judged.
+static int32_t dip_sd_cdeg(int64_t sum, int64_t sum_sq, int n) {
+    if (n < KMXC_SERVICE_FIT_DIP_MIN_SAMPLES) return -1;
+    // n^2 times the cosines' variance (below 2^30 for n up to 16); its root over n is
+    // their RMS, here in 1/256.
+    const int64_t var_n2 = n * sum_sq - sum * sum;
+    const int64_t mean = sum / n;
+    const int32_t sine = static_cast<int32_t>(isqrt64(static_cast<uint64_t>(1000000 - mean * mean)));
+    if (sine < kDipSpreadMinSine) return -1;
+    const int64_t rms_q8 = static_cast<int64_t>(isqrt64(static_cast<uint64_t>(var_n2 > 0 ? var_n2 : 0) << 16)) / n;
+    // rms / sine radians: 18000 / pi = 5729.58 centidegrees per radian.
+    return static_cast<int32_t>(rms_q8 * 5730 / (int64_t{sine} << 8));
+}
+
+bool dips_agree(const Agreement &a) {
+    if (a.dip_sd_cdeg < 0 || a.mean <= 0) return true;
+    // The chip's noise s turns each field's direction by about s / |B| radians: the
+    // limit's square and KMXC_SERVICE_FIT_DIP_NOISE_FACTOR times that in centidegrees,
+    // squared (5730^2 times a noise variance below 2^20: below 2^46).
+    constexpr int64_t kBase = KMXC_SERVICE_FIT_DIP_SD_CDEG, kFactor = KMXC_SERVICE_FIT_DIP_NOISE_FACTOR;
+    const int64_t noise = kFactor * kFactor * 5730 * 5730 * noise_variance_q8() / ((int64_t{a.mean} * a.mean) << kQ8);
+    const int64_t sd = a.dip_sd_cdeg;
+    return sd * sd <= kBase * kBase + noise;
+}
+
 Agreement agreement_of(const Vec3 *u, const KmxAxesData &o, int n, bool with_dip) {
     Agreement a{0, 0, 0, true, 0, false};
-    int64_t sum = 0, dip_sum = 0;
+    int64_t sum = 0, dip_sum = 0, dip_sq = 0;
     int dips = 0;
     int32_t s[KMXC_SERVICE_FEED_HISTORY];
     for (int i = 0; i < n; ++i) {
         const int slot = fed_slot(i);
         const Vec3 v = minus(u[i], o);
-        s[i] = length(v);
+        if (with_dip && gravity_steady(g_state.fed_g[slot])) {
+            // One root for both: the length in 1/16 count, its whole counts the strength.
+            const int32_t q4 = length_q4(v);
+            s[i] = q4 >> 4;
+            const int64_t c = dip_cos(v, q4, g_state.fed_g[slot]);
+            dip_sum += c;
+            dip_sq += c * c;
+            ++dips;
+        } else {
+            s[i] = length(v);
+        }
         sum += s[i];
         if (!in_earth_range(s[i])) a.in_range = false;
-        if (with_dip && gravity_steady(g_state.fed_g[slot])) {
-            dip_sum += dip_cos(v, s[i], g_state.fed_g[slot]);
-            ++dips;
-        }
     }
     if (n == 0) return a;
     // Lengths below 2^16, so the sums and the permille below 2^31: 32-bit divisions (a
@@ -82,6 +119,7 @@ Agreement agreement_of(const Vec3 *u, const KmxAxesData &o, int n, bool with_dip
     if (dips > 0) {
         a.dip = static_cast<int32_t>(dip_sum) / dips;
         a.dip_valid = true;
+        a.dip_sd_cdeg = dip_sd_cdeg(dip_sum, dip_sq, dips);
     }
     return a;
 }
@@ -232,7 +270,7 @@ void on_fit(const KmxAxesData &o) {
     Vec3 fed[KMXC_SERVICE_FEED_HISTORY];
     fed_corrected(g_state.soft_iron, g_state.fed_count, fed);
     const Agreement a = agreement_of(fed, o, g_state.fed_count, true);
-    const bool agrees = a.in_range && a.worst_permille <= KMXC_SERVICE_FIT_MEDIUM_PERMILLE;
+    const bool agrees = a.in_range && a.worst_permille <= KMXC_SERVICE_FIT_MEDIUM_PERMILLE && dips_agree(a);
     g_state.base_accuracy = !agrees                                           ? KMXC_SERVICE_LOW
                             : a.worst_permille <= KMXC_SERVICE_AGREE_PERMILLE ? KMXC_SERVICE_HIGH
                                                                               : KMXC_SERVICE_MEDIUM;
@@ -249,7 +287,7 @@ void trust_estimate(int8_t level, const Agreement &a, const Vec3 *fed) {
     g_state.stored_pending = false;
     g_state.provisional = false;
     set_reference(a, fed);
-    g_state.save_pending = true;
+    if (level >= KMXC_SERVICE_MEDIUM) g_state.save_pending = true;
 }
 
 void trust_planar(int8_t level) {

@@ -5,9 +5,11 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <vector>
 
 #include "calibration/calibration.h"
 #include "service/kit_internal.h"
+#include "service/kit_uncertainty.h"
 
 namespace kmxc_kit {
 State g_state;  // the rules' state, here the test's own
@@ -360,6 +362,102 @@ TEST(KitTilt, GravityIsSteadyWithinItsAngleOfTheRunningMeanAndWithinTheLengthBan
 // it would hide a whole 20. It is judged only in steady gravity: |g| within 60
 // thousandths of 4096 counts, so 3851..4341, and its direction steady (an acceleration
 // may have turned it).
+// A ring of fed samples of 120 counts, each at angle_deg[i] from its gravity (1 g, or
+// `g_len` counts: unsteady when far from it), turned about the z axis by the golden
+// angle. Returns the angles the whole-count samples make, in double.
+std::vector<double> feed_angles(const std::vector<double> &angle_deg, int32_t g_len = 4096) {
+    g_state = State{};
+    std::vector<double> exact;
+    for (size_t i = 0; i < angle_deg.size(); ++i) {
+        const double a = angle_deg[i] * kPi / 180, turn = static_cast<double>(i) * 2.4;
+        const Vec3 m{static_cast<int32_t>(std::lround(120 * std::sin(a) * std::cos(turn))),
+                     static_cast<int32_t>(std::lround(120 * std::sin(a) * std::sin(turn))),
+                     static_cast<int32_t>(std::lround(-120 * std::cos(a)))};
+        remember_fed(m, Vec3{0, 0, -g_len});
+        exact.push_back(std::acos(m.z / -std::sqrt(double(m.x) * m.x + double(m.y) * m.y + double(m.z) * m.z)) * 180 /
+                        kPi);
+    }
+    return exact;
+}
+
+// The dips' spread is the RMS of the angles between field and gravity about their mean
+// (against the double formula, within what the permille cosines leave), judged only from
+// KMXC_SERVICE_FIT_DIP_MIN_SAMPLES samples in steady gravity and away from the pole; a
+// fit's dips agree up to the limit and what three times the chip's noise explains,
+// added as squares.
+TEST(KitRuleEdges, TheDipsSpreadIsTheirAnglesRmsAndAgreesUpToItsLimitAndTheChipsNoise) {
+    const struct {
+        const char *name;
+        std::vector<double> angles;
+        int32_t g_len;
+        double sd_deg;  // the RMS about the mean, or -1: not judged
+    } cases[] = {
+        {"all at 30 degrees", {30, 30, 30, 30, 30, 30, 30, 30}, 4096, 0},
+        {"30 plus or minus 2", {28, 32, 28, 32, 28, 32, 28, 32}, 4096, 2},
+        {"30 plus or minus 5, 16 samples", std::vector<double>(16, 0), 4096, 5},
+        {"a spread at 70 degrees", {66, 74, 70, 70, 66, 74, 70, 70}, 4096, 2.83},
+        {"one short of the samples judged", {25, 35, 25, 35, 25}, 4096, -1},
+        {"unsteady gravity is not judged", {25, 35, 25, 35, 25, 35, 25, 35}, 4700, -1},
+        {"within 5 degrees of the pole", {3, 4, 3, 4, 3, 4, 3, 4}, 4096, -1},
+    };
+    for (const auto &c : cases) {
+        std::vector<double> angles = c.angles;
+        if (angles[0] == 0)
+            for (size_t i = 0; i < angles.size(); ++i) angles[i] = i % 2 ? 25 : 35;
+        const std::vector<double> exact = feed_angles(angles, c.g_len);
+        const Agreement a = agreement(KmxAxesData{0, 0, 0}, g_state.fed_count);
+        if (c.sd_deg < 0) {
+            EXPECT_EQ(a.dip_sd_cdeg, -1) << c.name;
+            EXPECT_TRUE(dips_agree(a)) << c.name << ": unjudged agrees";
+            continue;
+        }
+        // The double formula: the whole-count samples' angles' RMS about their mean.
+        double mean = 0, sq = 0;
+        for (double x : exact) mean += x / static_cast<double>(exact.size());
+        for (double x : exact) sq += (x - mean) * (x - mean) / static_cast<double>(exact.size());
+        ASSERT_NEAR(std::sqrt(sq), c.sd_deg, 0.3) << c.name;
+        EXPECT_NEAR(a.dip_sd_cdeg, 100 * std::sqrt(sq), 6 + 2 * c.sd_deg) << c.name;
+    }
+    // The limit: 200 centidegrees and three times s / |B| (s the noise the meter reads,
+    // here its floor, in a 120-count field), as squares.
+    feed_angles({30, 30, 30, 30, 30, 30, 30, 30});
+    const double noise = 3 * 5730 * std::sqrt(noise_variance_q8() / 256.0) / 120;
+    const int32_t limit = static_cast<int32_t>(std::sqrt(200.0 * 200.0 + noise * noise));
+    ASSERT_GT(limit, 210) << "the noise widens it";
+    for (const int32_t sd : {limit - 1, limit, limit + 1}) {
+        const Agreement a{120, 0, 0, true, 866, true, sd};
+        EXPECT_EQ(dips_agree(a), sd <= limit) << sd << " against " << limit;
+    }
+    // In a field far stronger than the noise the limit is itself.
+    for (const int32_t sd : {200, 201}) {
+        const Agreement a{30000, 0, 0, true, 866, true, sd};
+        EXPECT_EQ(dips_agree(a), sd == 200) << sd;
+    }
+    // A chip whose readings scatter by 3 counts widens it further.
+    Vec3 still{40, -30, 100};
+    for (int t = 0; t < 80; ++t)
+        note_noise(Vec3{still.x + (t * 7 % 7) - 3, still.y + (t * 5 % 7) - 3, still.z + (t * 3 % 7) - 3}, true);
+    const Agreement wide{120, 0, 0, true, 866, true, limit + 50};
+    EXPECT_TRUE(dips_agree(wide)) << "a noisier chip explains more";
+}
+
+// A library fit whose batch's strengths agree closely but whose dips spread beyond
+// their limit is worth low, and is not saved.
+TEST(KitRuleEdges, ALibraryFitWhoseDipsDisagreeIsLowAndNotSaved) {
+    const struct {
+        double wobble_deg;
+        int8_t accuracy;
+    } cases[] = {{0, KMXC_SERVICE_HIGH}, {1.5, KMXC_SERVICE_HIGH}, {3, KMXC_SERVICE_LOW}};
+    for (const auto &c : cases) {
+        std::vector<double> angles;
+        for (int i = 0; i < 12; ++i) angles.push_back(i % 2 ? 30 - c.wobble_deg : 30 + c.wobble_deg);
+        feed_angles(angles);
+        on_fit(KmxAxesData{0, 0, 0});
+        EXPECT_EQ(g_state.base_accuracy, c.accuracy) << c.wobble_deg;
+        EXPECT_EQ(g_state.save_pending, c.accuracy != KMXC_SERVICE_LOW) << c.wobble_deg;
+    }
+}
+
 TEST(KitRuleEdges, AnomaliesStartJustPastTheirLimitsAndTheDipOnlyInSteadyGravity) {
     constexpr uint8_t kRange = KMXC_SERVICE_ANOMALY_RANGE, kStrength = KMXC_SERVICE_ANOMALY_STRENGTH,
                       kDip = KMXC_SERVICE_ANOMALY_DIP;
