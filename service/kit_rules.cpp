@@ -64,8 +64,9 @@ static int32_t dip_sd_cdeg(int64_t sum, int64_t sum_sq, int n) {
     // n^2 times the cosines' variance (below 2^30 for n up to 16); its root over n is
     // their RMS, here in 1/256.
     const int64_t var_n2 = n * sum_sq - sum * sum;
-    const int64_t mean = sum / n;
-    const int32_t sine = static_cast<int32_t>(isqrt64(static_cast<uint64_t>(1000000 - mean * mean)));
+    // A cosine's length floor may lift it just past 1000: no sine, not judged.
+    const int64_t mean = sum / n, sine_sq = 1000000 - mean * mean;
+    const int32_t sine = static_cast<int32_t>(isqrt64(static_cast<uint64_t>(sine_sq > 0 ? sine_sq : 0)));
     if (sine < kDipSpreadMinSine) return -1;
     const int64_t rms_q8 = static_cast<int64_t>(isqrt64(static_cast<uint64_t>(var_n2 > 0 ? var_n2 : 0) << 16)) / n;
     // rms / sine radians: 18000 / pi = 5729.58 centidegrees per radian.
