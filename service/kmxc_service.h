@@ -223,13 +223,14 @@ extern "C" {
 /* ... and their angles between field and gravity (the fed samples in steady gravity,
  * at least KMXC_SERVICE_FIT_DIP_MIN_SAMPLES of them): for a fit above low, an RMS about
  * their mean within this (centidegrees) and KMXC_SERVICE_FIT_DIP_NOISE_FACTOR times
- * what the chip's noise s explains, s / |B| (the two added as squares). The strengths alone do not see every wrong
- * offset: a cap of an ellipsoid (a phone's soft iron turned over part of the sphere) is
- * as round as a sphere about a centre some uT off, and every field direction about that
- * centre is then off by degrees, which the dips show. On the virtual phone (default,
- * slow, browse, car in the hand, two-planes; soft iron none and A to D; 10 and 50 Hz)
- * fits within 1.2 uT of the true offset left at most 2.0 degrees (99 % below 1.1), fits
- * 6 uT off or more more than 2.0 on three in four. */
+ * what the chip's noise s explains, s / |B| (the two added as squares). The strengths
+ * alone do not see every wrong offset: a cap of an ellipsoid (a phone's soft iron turned
+ * over part of the sphere) is as round as a sphere about a centre some uT off, and
+ * every field direction about that centre is then off by degrees, which the dips show.
+ * On the virtual phone (default, slow, browse, car in the hand, two-planes; soft iron
+ * none and A to D; 10 and 50 Hz) fits within 1.2 uT of the true offset left at most 2.0
+ * degrees (99 % below 1.1); fits 6 uT off or more left more than 2.0 on three in four.
+ * Not judged within 5 degrees of a pole, where the cosine no longer tells the angle. */
 #define KMXC_SERVICE_FIT_DIP_SD_CDEG 200
 #define KMXC_SERVICE_FIT_DIP_NOISE_FACTOR 3
 #define KMXC_SERVICE_FIT_DIP_MIN_SAMPLES 6
