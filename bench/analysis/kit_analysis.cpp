@@ -397,11 +397,6 @@ struct Rms {
     double value() const { return n > 0 ? std::sqrt(sum_sq / static_cast<double>(n)) : 0.0; }
 };
 
-double wrapped_deg(double d) {
-    d = std::fmod(d, 360.0);
-    return d > 180 ? d - 360 : d < -180 ? d + 360 : d;
-}
-
 int floor_of(const char *scenario, int rate, int seed, sc::ScenarioSettings settings) {
     settings.name = scenario;
     settings.seed = static_cast<uint32_t>(seed);
@@ -437,10 +432,10 @@ int floor_of(const char *scenario, int rate, int seed, sc::ScenarioSettings sett
             for (int k = 0; k < kGroups; ++k) {
                 if (!in_group[k]) continue;
                 if (measured) {
-                    rms[kMeasured][k].add(wrapped_deg(e[0] - truth_deg));
+                    rms[kMeasured][k].add(sc::heading_difference(e[0], truth_deg));
                 } else {
-                    rms[kHeld][k].add(wrapped_deg(e[0] - truth_deg));
-                    rms[kYaw][k].add(wrapped_deg(std::trunc(y) - truth_deg));
+                    rms[kHeld][k].add(sc::heading_difference(e[0], truth_deg));
+                    rms[kYaw][k].add(sc::heading_difference(std::trunc(y), truth_deg));
                 }
             }
         }
@@ -460,7 +455,8 @@ int main(int argc, char **argv) {
     // The world's options after the soft iron: the inclination in degrees (alone, as
     // before), or field=UT, noise=UT, inclination=DEG (the scenarios' own otherwise).
     sc::ScenarioSettings world;
-    for (int i = std::strcmp(argv[1], "floor") == 0 ? 5 : 6; i < argc; ++i) {
+    const bool floor = argc > 1 && std::strcmp(argv[1], "floor") == 0;  // its world after the seed
+    for (int i = floor ? 5 : 6; i < argc; ++i) {
         const char *arg = argv[i], *eq = std::strchr(arg, '=');
         const std::string key = eq != nullptr ? std::string(arg, eq) : "inclination";
         const char *text = eq != nullptr ? eq + 1 : arg;
@@ -484,8 +480,7 @@ int main(int argc, char **argv) {
             return 2;
         }
     }
-    if (argc >= 5 && std::strcmp(argv[1], "floor") == 0)
-        return floor_of(argv[2], std::atoi(argv[3]), std::atoi(argv[4]), world);
+    if (floor && argc >= 5) return floor_of(argv[2], std::atoi(argv[3]), std::atoi(argv[4]), world);
     if (argc >= 6 && std::strcmp(argv[1], "soft-iron") == 0)
         return soft_iron(argv[2], std::atoi(argv[3]), std::atoi(argv[4]), argv[5], false, world);
     if (argc >= 6 && std::strcmp(argv[1], "trace") == 0)
