@@ -31,7 +31,7 @@ bool agrees(const Agreement &a) { return a.in_range && a.worst_permille <= KMXC_
 // A fit's level by its own samples' strengths, at most low when the recent samples'
 // dips about it disagree.
 int8_t level_with_dips(int8_t level, const Agreement &ring) {
-    return dips_agree(ring) || level == KMXC_SERVICE_UNRELIABLE ? level : KMXC_SERVICE_LOW;
+    return confirms(ring) || level == KMXC_SERVICE_UNRELIABLE ? level : KMXC_SERVICE_LOW;
 }
 
 KmxAxesData axes(const Vec3 &v) { return KmxAxesData{v.x, v.y, v.z}; }

@@ -91,6 +91,7 @@ TEST(KitEstimate, TheStoreKeepsAnomaliesOutUntilOneHasLastedItsPersistTimeAndEmp
 // when a later fit shows more.
 TEST(KitEstimate, DueJoinsDeterminacyAgreementAndTheSoftIronShownDecideHowFarASphereFitIsUsed) {
     constexpr int32_t kDefault = KMXC_SERVICE_SOFT_IRON_PRIOR_PERMILLE, kNoLate = -1000;
+    static const double kNoEarthField[4] = {1.8, 1.8, 1.8, 0};  // 216 counts
     constexpr int kJoins = KMXC_SERVICE_STORE_REFIT_JOINS;
     const struct {
         const char *name;
@@ -111,6 +112,7 @@ TEST(KitEstimate, DueJoinsDeterminacyAgreementAndTheSoftIronShownDecideHowFarASp
         {"the recent samples' dips 1.5 degrees either side: high", 40, 180, 0.4, kNoSoftIron, KMXC_SERVICE_HIGH, 0, 0,
          kNoLate, kJoins, true, 1.5},
         {"... 3 degrees either side: low", 40, 180, 0.4, kNoSoftIron, KMXC_SERVICE_LOW, 0, 0, kNoLate, kJoins, true, 3},
+        {"a field of 86 uT, no Earth's: low", 40, 180, 0.4, kNoEarthField, KMXC_SERVICE_LOW},
         {"a late sample 100/1000 off: refused", 40, 180, 0.4, kNoSoftIron, KMXC_SERVICE_UNRELIABLE, 0, 0, 100},
         {"a late sample 100/1000 short: refused", 40, 180, 0.4, kNoSoftIron, KMXC_SERVICE_UNRELIABLE, 0, 0, -100},
         {"a 60-degree cap, little noise: determined, high, the default prior", 60, 60, 0.4, kNoSoftIron,

@@ -231,6 +231,10 @@ struct Agreement {
 // The field directions agree with gravity: the dips' spread within
 // KMXC_SERVICE_FIT_DIP_SD_CDEG, or not judged.
 bool dips_agree(const Agreement &a);
+// ... and their mean strength one a trusted fit may give
+// (KMXC_SERVICE_TRUST_FIELD_MIN_UT..KMXC_SERVICE_TRUST_FIELD_MAX_UT): the recent samples
+// confirm a fit above low.
+bool confirms(const Agreement &a);
 Agreement agreement(const KmxAxesData &o, int n);
 // The same for the fed samples as the library would see them through the correction s;
 // the dip only when asked for (it costs a root and a division per sample).

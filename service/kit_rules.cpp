@@ -73,6 +73,12 @@ static int32_t dip_sd_cdeg(int64_t sum, int64_t sum_sq, int n) {
     return static_cast<int32_t>(rms_q8 * 5730 / (int64_t{sine} << 8));
 }
 
+bool confirms(const Agreement &a) {
+    const int64_t tenths = int64_t{a.mean} * 10;
+    return dips_agree(a) && tenths >= KMXC_SERVICE_TRUST_FIELD_MIN_UT * KMXC_MS_COUNTS_PER_10_UT &&
+           tenths <= KMXC_SERVICE_TRUST_FIELD_MAX_UT * KMXC_MS_COUNTS_PER_10_UT;
+}
+
 bool dips_agree(const Agreement &a) {
     if (a.dip_sd_cdeg < 0 || a.mean <= 0) return true;
     // The chip's noise s turns each field's direction by about s / |B| radians: the
@@ -271,7 +277,7 @@ void on_fit(const KmxAxesData &o) {
     Vec3 fed[KMXC_SERVICE_FEED_HISTORY];
     fed_corrected(g_state.soft_iron, g_state.fed_count, fed);
     const Agreement a = agreement_of(fed, o, g_state.fed_count, true);
-    const bool agrees = a.in_range && a.worst_permille <= KMXC_SERVICE_FIT_MEDIUM_PERMILLE && dips_agree(a);
+    const bool agrees = a.in_range && a.worst_permille <= KMXC_SERVICE_FIT_MEDIUM_PERMILLE && confirms(a);
     g_state.base_accuracy = !agrees                                           ? KMXC_SERVICE_LOW
                             : a.worst_permille <= KMXC_SERVICE_AGREE_PERMILLE ? KMXC_SERVICE_HIGH
                                                                               : KMXC_SERVICE_MEDIUM;

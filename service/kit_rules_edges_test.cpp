@@ -365,14 +365,14 @@ TEST(KitTilt, GravityIsSteadyWithinItsAngleOfTheRunningMeanAndWithinTheLengthBan
 // A ring of fed samples of 120 counts, each at angle_deg[i] from its gravity (1 g, or
 // `g_len` counts: unsteady when far from it), turned about the z axis by the golden
 // angle. Returns the angles the whole-count samples make, in double.
-std::vector<double> feed_angles(const std::vector<double> &angle_deg, int32_t g_len = 4096) {
+std::vector<double> feed_angles(const std::vector<double> &angle_deg, int32_t g_len = 4096, double strength = 120) {
     g_state = State{};
     std::vector<double> exact;
     for (size_t i = 0; i < angle_deg.size(); ++i) {
         const double a = angle_deg[i] * kPi / 180, turn = static_cast<double>(i) * 2.4;
-        const Vec3 m{static_cast<int32_t>(std::lround(120 * std::sin(a) * std::cos(turn))),
-                     static_cast<int32_t>(std::lround(120 * std::sin(a) * std::sin(turn))),
-                     static_cast<int32_t>(std::lround(-120 * std::cos(a)))};
+        const Vec3 m{static_cast<int32_t>(std::lround(strength * std::sin(a) * std::cos(turn))),
+                     static_cast<int32_t>(std::lround(strength * std::sin(a) * std::sin(turn))),
+                     static_cast<int32_t>(std::lround(-strength * std::cos(a)))};
         remember_fed(m, Vec3{0, 0, -g_len});
         exact.push_back(std::acos(m.z / -std::sqrt(double(m.x) * m.x + double(m.y) * m.y + double(m.z) * m.z)) * 180 /
                         kPi);
@@ -442,19 +442,22 @@ TEST(KitRuleEdges, TheDipsSpreadIsTheirAnglesRmsAndAgreesUpToItsLimitAndTheChips
 }
 
 // A library fit whose batch's strengths agree closely but whose dips spread beyond
-// their limit is worth low, and is not saved.
-TEST(KitRuleEdges, ALibraryFitWhoseDipsDisagreeIsLowAndNotSaved) {
+// their limit, or whose strength is no Earth field's (20 to 81 uT: 50 to 202 counts), is
+// worth low, and is not saved.
+TEST(KitRuleEdges, ALibraryFitWhoseDipsDisagreeOrWhoseStrengthIsNoEarthFieldsIsLowAndNotSaved) {
     const struct {
-        double wobble_deg;
+        double wobble_deg, strength;
         int8_t accuracy;
-    } cases[] = {{0, KMXC_SERVICE_HIGH}, {1.5, KMXC_SERVICE_HIGH}, {3, KMXC_SERVICE_LOW}};
+    } cases[] = {{0, 120, KMXC_SERVICE_HIGH}, {1.5, 120, KMXC_SERVICE_HIGH}, {3, 120, KMXC_SERVICE_LOW},
+                 {0, 49.4, KMXC_SERVICE_LOW}, {0, 50.4, KMXC_SERVICE_HIGH},  {0, 202.4, KMXC_SERVICE_HIGH},
+                 {0, 203.4, KMXC_SERVICE_LOW}};
     for (const auto &c : cases) {
         std::vector<double> angles;
         for (int i = 0; i < 12; ++i) angles.push_back(i % 2 ? 30 - c.wobble_deg : 30 + c.wobble_deg);
-        feed_angles(angles);
+        feed_angles(angles, 4096, c.strength);
         on_fit(KmxAxesData{0, 0, 0});
-        EXPECT_EQ(g_state.base_accuracy, c.accuracy) << c.wobble_deg;
-        EXPECT_EQ(g_state.save_pending, c.accuracy != KMXC_SERVICE_LOW) << c.wobble_deg;
+        EXPECT_EQ(g_state.base_accuracy, c.accuracy) << c.wobble_deg << " degrees, " << c.strength << " counts";
+        EXPECT_EQ(g_state.save_pending, c.accuracy != KMXC_SERVICE_LOW) << c.wobble_deg << ", " << c.strength;
     }
 }
 

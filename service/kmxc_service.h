@@ -214,6 +214,10 @@ extern "C" {
 /* Earth's field plausibility, uT (a field outside is an anomaly). */
 #define KMXC_SERVICE_FIELD_MIN_UT 10
 #define KMXC_SERVICE_FIELD_MAX_UT 100
+/* The strength a trusted fit may give, uT: the Earth's 25..65 from the magnetic equator
+ * to the poles, widened by the soft iron the ellipsoid fit accepts (axes 0.8..1.25). */
+#define KMXC_SERVICE_TRUST_FIELD_MIN_UT 20
+#define KMXC_SERVICE_TRUST_FIELD_MAX_UT 81
 /* Agreement of a batch's field strengths with their mean (largest deviation, in
  * thousandths of the mean) for a high-accuracy fit or a confirmed stored offset. */
 #define KMXC_SERVICE_AGREE_PERMILLE 40
