@@ -47,7 +47,9 @@
  *     trusted such a fit is not used at all). Any fit, the library's or the kit's, is
  *     worth 1 at most (used, not saved) when the last fed samples' angles between field
  *     and gravity spread about it beyond KMXC_SERVICE_FIT_DIP_SD_CDEG and what the chip's
- *     noise explains: its field directions are off. A trusted offset is replaced by a new
+ *     noise explains (its field directions are off), or when their strength about it
+ *     lies outside KMXC_SERVICE_TRUST_FIELD_MIN_UT..KMXC_SERVICE_TRUST_FIELD_MAX_UT (no
+ *     Earth field's). A trusted offset is replaced by a new
  *     library fit (3-D or planar) only if the last fed samples agree with the fit at
  *     least as well as with the offset in use. Whatever the rules below allow, the level
  *     reported falls at once and rises only KMXC_SERVICE_ACCURACY_RISE_MS after it last
