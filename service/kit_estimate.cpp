@@ -28,9 +28,9 @@ int8_t level_of(const StrengthStats &s) {
 
 bool agrees(const Agreement &a) { return a.in_range && a.worst_permille <= KMXC_SERVICE_FIT_MEDIUM_PERMILLE; }
 
-// A fit's level by its own samples' strengths, at most low when the recent samples'
-// dips about it disagree.
-int8_t level_with_dips(int8_t level, const Agreement &ring) {
+// A fit's level by its own samples' strengths, at most low when the recent samples do
+// not confirm it (their dips about it disagree, or their strength is no Earth field's).
+int8_t confirmed_level(int8_t level, const Agreement &ring) {
     return confirms(ring) || level == KMXC_SERVICE_UNRELIABLE ? level : KMXC_SERVICE_LOW;
 }
 
@@ -233,7 +233,7 @@ void judge_sphere(const Vec3 &g, KmxcServiceEvent *e) {
         return;
     }
     publish(fit.offset, KMXC_SERVICE_ESTIMATOR_STORE_SPHERE, e);
-    trust_estimate(level_with_dips(level, ring), reference_of(ring, fit.residual), fed);
+    trust_estimate(confirmed_level(level, ring), reference_of(ring, fit.residual), fed);
     note_trusted_reference();
 }
 
@@ -297,7 +297,7 @@ void judge_ellipsoid(const Vec3 &g, KmxcServiceEvent *e) {
     s.ellipsoid_cells = s.coverage;
     g_state.soft_iron = soft;
     publish(fit.offset, KMXC_SERVICE_ESTIMATOR_ELLIPSOID, e);
-    trust_estimate(level_with_dips(level, ring), reference_of(ring, fit.residual), fed);
+    trust_estimate(confirmed_level(level, ring), reference_of(ring, fit.residual), fed);
     note_trusted_reference();
 }
 

@@ -44,11 +44,14 @@ int32_t dip_cos(const Vec3 &field, int32_t field_length_q4, const Vec3 &gravity)
 // (0: counts, 4: 1/16 count; at most 13), each component rounded to nearest (ties up).
 // Components of v within +-2^16.
 Vec3 apply_q14(const int16_t w[9], const Vec3 &v, int frac);
-// A field strength (corrected counts) within the Earth's range,
-// KMXC_SERVICE_FIELD_MIN_UT..KMXC_SERVICE_FIELD_MAX_UT inclusive.
+// A field strength (corrected counts) within min_uT..max_uT inclusive.
+inline bool strength_within(int32_t counts, int32_t min_uT, int32_t max_uT) {
+    const int64_t tenths = int64_t{counts} * 10;
+    return tenths >= int64_t{min_uT} * KMXC_MS_COUNTS_PER_10_UT && tenths <= int64_t{max_uT} * KMXC_MS_COUNTS_PER_10_UT;
+}
+// ... within the Earth's range, KMXC_SERVICE_FIELD_MIN_UT..KMXC_SERVICE_FIELD_MAX_UT.
 inline bool in_earth_range(int32_t counts) {
-    return counts * 10 >= KMXC_SERVICE_FIELD_MIN_UT * KMXC_MS_COUNTS_PER_10_UT &&
-           counts * 10 <= KMXC_SERVICE_FIELD_MAX_UT * KMXC_MS_COUNTS_PER_10_UT;
+    return strength_within(counts, KMXC_SERVICE_FIELD_MIN_UT, KMXC_SERVICE_FIELD_MAX_UT);
 }
 
 }  // namespace kmxc_kit

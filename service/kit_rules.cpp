@@ -56,6 +56,8 @@ Agreement agreement(const SoftIron &soft, const KmxAxesData &o, int n, bool with
 // Below this sine of the mean angle between field and gravity (1/1000: 5 degrees), the
 // dips' spread is not judged.
 constexpr int32_t kDipSpreadMinSine = 87;
+// Centidegrees per radian, 18000 / pi = 5729.58, to the nearest.
+constexpr int64_t kCdegPerRadian = 5730;
 
 // The RMS of the angles whose cosines (1/1000) sum to sum and their squares to sum_sq
 // over n: the cosines' RMS over the mean angle's sine, centidegrees; -1 when not judged.
@@ -69,23 +71,22 @@ static int32_t dip_sd_cdeg(int64_t sum, int64_t sum_sq, int n) {
     const int32_t sine = static_cast<int32_t>(isqrt64(static_cast<uint64_t>(sine_sq > 0 ? sine_sq : 0)));
     if (sine < kDipSpreadMinSine) return -1;
     const int64_t rms_q8 = static_cast<int64_t>(isqrt64(static_cast<uint64_t>(var_n2 > 0 ? var_n2 : 0) << 16)) / n;
-    // rms / sine radians: 18000 / pi = 5729.58 centidegrees per radian.
-    return static_cast<int32_t>(rms_q8 * 5730 / (int64_t{sine} << 8));
+    // rms / sine radians.
+    return static_cast<int32_t>(rms_q8 * kCdegPerRadian / (int64_t{sine} << 8));
 }
 
 bool confirms(const Agreement &a) {
-    const int64_t tenths = int64_t{a.mean} * 10;
-    return dips_agree(a) && tenths >= KMXC_SERVICE_TRUST_FIELD_MIN_UT * KMXC_MS_COUNTS_PER_10_UT &&
-           tenths <= KMXC_SERVICE_TRUST_FIELD_MAX_UT * KMXC_MS_COUNTS_PER_10_UT;
+    return dips_agree(a) && strength_within(a.mean, KMXC_SERVICE_TRUST_FIELD_MIN_UT, KMXC_SERVICE_TRUST_FIELD_MAX_UT);
 }
 
 bool dips_agree(const Agreement &a) {
     if (a.dip_sd_cdeg < 0 || a.mean <= 0) return true;
     // The chip's noise s turns each field's direction by about s / |B| radians: the
     // limit's square and KMXC_SERVICE_FIT_DIP_NOISE_FACTOR times that in centidegrees,
-    // squared (5730^2 times a noise variance below 2^20: below 2^46).
+    // squared (kCdegPerRadian^2 times a noise variance below 2^20: below 2^46).
     constexpr int64_t kBase = KMXC_SERVICE_FIT_DIP_SD_CDEG, kFactor = KMXC_SERVICE_FIT_DIP_NOISE_FACTOR;
-    const int64_t noise = kFactor * kFactor * 5730 * 5730 * noise_variance_q8() / ((int64_t{a.mean} * a.mean) << kQ8);
+    const int64_t noise =
+        kFactor * kFactor * kCdegPerRadian * kCdegPerRadian * noise_variance_q8() / ((int64_t{a.mean} * a.mean) << kQ8);
     const int64_t sd = a.dip_sd_cdeg;
     return sd * sd <= kBase * kBase + noise;
 }
