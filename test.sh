@@ -5,7 +5,7 @@
 # cross-built for the real target, ARM without an FPU (Debian armel), run under
 # qemu-arm, where it must also give byte for byte the x86-64 build's results. Then a
 # short run of every libFuzzer target under the sanitizers (clang). Last, realistic
-# faults planted one at a time, each of which some test must catch.
+# faults planted alone, each of which some test must catch.
 # Installs what is missing first. Usage: ./test.sh
 set -euo pipefail
 cd "$(dirname "$0")"
@@ -49,8 +49,8 @@ for t in $targets; do
 done
 echo "== fuzz smoke: $((SECONDS - start)) s"
 
-# Planted faults: each fault of scripts/faults.txt alone in a scratch worktree; every
-# one must make some test fail.
+# Planted faults: each fault of scripts/faults.txt alone in a scratch worktree, several
+# worktrees at once; every one must make some test fail.
 start=$SECONDS
 echo "== planted faults: scripts/plant_faults.py"
 scripts/plant_faults.py

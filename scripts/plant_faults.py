@@ -1,12 +1,14 @@
 #!/usr/bin/env python3
-"""Plants realistic faults in the library one at a time and names the tests that catch each.
+"""Plants realistic faults in the library, each alone, and names the tests that catch each.
 
-Usage: scripts/plant_faults.py [--only NAME ...] [--list] [--work DIR]
+Usage: scripts/plant_faults.py [--only NAME ...] [--list] [--work DIR] [--workers N]
 
-Works on a scratch git worktree (made under build-faults/, removed at the end) of the
+Works on scratch git worktrees (made under build-faults/, removed at the end) of the
 tracked files as they stand, uncommitted changes included; never on the checkout
 itself. For each fault in scripts/faults.txt it replaces the text, builds the x86-64
-tree, runs CTest and restores the text. A fault that no test catches is a missing
+tree, runs CTest and restores the text. Faults are planted in several worktrees at
+once, one fault in each (--workers, by default one per processor up to four); the
+results print in the list's order. A fault that no test catches is a missing
 test, and a fault whose text is no longer in its file must be brought up to date: the
 script exits 1 on either.
 
@@ -24,9 +26,11 @@ test than its hint, prints the line to put in its block.
 """
 import argparse
 import os
+import queue
 import re
 import subprocess
 import sys
+import threading
 import time
 
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
@@ -96,18 +100,54 @@ def run(cmd, **kw):
     return subprocess.run(cmd, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, **kw)
 
 
+def plant(fault, tree, build, jobs):
+    """Plants one fault in tree, finds the tests that catch it and takes it out again:
+    (line to print, whether it was caught)."""
+    path = os.path.join(tree, fault["file"])
+    with open(path, encoding="utf-8") as fh:
+        original = fh.read()
+    if original.count(fault["from"]) != 1:
+        return f"{fault['name']}: the text occurs {original.count(fault['from'])} times in {fault['file']}; skipped", False
+    start = time.time()
+    whole_tree_faulted = False
+    with open(path, "w", encoding="utf-8") as fh:
+        fh.write(original.replace(fault["from"], fault["to"]))
+    try:
+        caught_by = hinted_test(build, fault["test"], jobs) if "test" in fault else None
+        if caught_by is None:
+            # Every program now carries the fault: rebuilt whole once it is gone, so no
+            # later hinted run starts a stale one.
+            whole_tree_faulted = True
+            b = run(["cmake", "--build", build, "-j", jobs])
+            if b.returncode != 0:
+                return f"{fault['name']}: does not build (not a valid fault)", False
+            t = run(["ctest", "--test-dir", build, "-j", jobs, "--timeout", "300", "--output-on-failure",
+                     "-LE", "sweep"])  # the sweeps: minutes per fault
+            caught_by = failures(t.stdout) if t.returncode != 0 else None
+        verdict = "caught by " + "; ".join(caught_by) if caught_by else "MISSED"
+        line = f"{fault['name']}: {verdict}  [{time.time() - start:.0f} s]"
+        first = caught_by[0].split(" ")[0] if caught_by else None
+        if first and fault.get("test") != first:
+            line += f"\n    hint for its block in faults.txt: test: {first}"
+        return line, bool(caught_by)
+    finally:
+        with open(path, "w", encoding="utf-8") as fh:
+            fh.write(original)
+        if whole_tree_faulted:
+            run(["cmake", "--build", build, "-j", jobs])
+
+
 def main():
     ap = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     ap.add_argument("--only", nargs="*", default=None, help="plant only these faults")
     ap.add_argument("--list", action="store_true", help="list the faults and stop")
-    ap.add_argument("--work", default="build-faults", help="scratch folder for the worktree and its build")
+    ap.add_argument("--work", default="build-faults", help="scratch folder for the worktrees and their builds")
+    ap.add_argument("--workers", type=int, default=min(os.cpu_count() or 1, 4),
+                    help="faults planted at once, each in its own worktree (1..16)")
     args = ap.parse_args()
+    if not 1 <= args.workers <= 16:
+        sys.exit(f"--workers {args.workers}: 1..16")
     work = os.path.join(ROOT, args.work)
-    # The build folder inside the worktree, as build/ is inside the checkout: with the
-    # checkout's compiler cache (KMXC_COMPILER_CACHE of build/, which the test command
-    # sets) the two builds' compile commands match and the unchanged tree builds from it.
-    tree = os.path.join(work, "tree")
-    build = os.path.join(tree, "build")
 
     faults = load_faults(os.path.join(ROOT, "scripts", "faults.txt"))
     if args.only:
@@ -120,64 +160,70 @@ def main():
             print(f"{f['name']}  ({f['file']})")
         return 0
 
-    if os.path.exists(tree):
-        sys.exit(f"{tree} exists (a run in progress, or one that was stopped): remove it with "
-                 f"'git worktree remove --force {tree}'")
+    # Each worktree's build folder inside it, as build/ is inside the checkout: with the
+    # checkout's compiler cache (KMXC_COMPILER_CACHE of build/, which the test command
+    # sets) the builds' compile commands match and the unchanged tree builds from it.
+    workers = min(args.workers, max(len(faults), 1))
+    trees = [os.path.join(work, "tree" if i == 0 else f"tree-{i}") for i in range(workers)]
+    for tree in trees:
+        if os.path.exists(tree):
+            sys.exit(f"{tree} exists (a run in progress, or one that was stopped): remove it with "
+                     f"'git worktree remove --force {tree}'")
     os.makedirs(work, exist_ok=True)
     # The tracked files as they stand, uncommitted changes included (git stash create
     # records them without touching the checkout); HEAD when there are none.
     snapshot = run(["git", "-C", ROOT, "stash", "create"]).stdout.strip() or "HEAD"
-    r = run(["git", "-C", ROOT, "worktree", "add", "--detach", tree, snapshot])
-    if r.returncode != 0:
-        sys.exit(r.stdout)
-    missed = 0
+    made = []
+    cpus = str(os.cpu_count() or 2)
+    jobs = str(max(1, (os.cpu_count() or 2) // workers))
+    results = [None] * len(faults)
     try:
-        r = run(["cmake", "-S", tree, "-B", build, "-G", "Ninja"] + compiler_cache())
-        if r.returncode != 0:
-            sys.exit(r.stdout)
-        r = run(["cmake", "--build", build, "-j", str(os.cpu_count() or 2)])
-        if r.returncode != 0:
-            sys.exit("the unchanged tree does not build:\n" + r.stdout[-3000:])
-        for f in faults:
-            path = os.path.join(tree, f["file"])
-            with open(path, encoding="utf-8") as fh:
-                original = fh.read()
-            if original.count(f["from"]) != 1:
-                print(f"{f['name']}: the text occurs {original.count(f['from'])} times in {f['file']}; skipped")
-                missed += 1
-                continue
-            start = time.time()
-            whole_tree_faulted = False
-            with open(path, "w", encoding="utf-8") as fh:
-                fh.write(original.replace(f["from"], f["to"]))
-            try:
-                jobs = str(os.cpu_count() or 2)
-                caught_by = hinted_test(build, f["test"], jobs) if "test" in f else None
-                if caught_by is None:
-                    # Every program now carries the fault: rebuilt whole once it is gone,
-                    # so no later hinted run starts a stale one.
-                    whole_tree_faulted = True
-                    b = run(["cmake", "--build", build, "-j", jobs])
-                    if b.returncode != 0:
-                        print(f"{f['name']}: does not build (not a valid fault)")
-                        missed += 1
-                        continue
-                    t = run(["ctest", "--test-dir", build, "-j", jobs, "--timeout", "300", "--output-on-failure",
-                             "-LE", "sweep"])  # the sweeps: minutes per fault
-                    caught_by = failures(t.stdout) if t.returncode != 0 else None
-                verdict = "caught by " + "; ".join(caught_by) if caught_by else "MISSED"
-                print(f"{f['name']}: {verdict}  [{time.time() - start:.0f} s]", flush=True)
-                first = caught_by[0].split(" ")[0] if caught_by else None
-                if first and f.get("test") != first:
-                    print(f"    hint for its block in faults.txt: test: {first}", flush=True)
-                missed += 0 if caught_by else 1
-            finally:
-                with open(path, "w", encoding="utf-8") as fh:
-                    fh.write(original)
-                if whole_tree_faulted:
-                    run(["cmake", "--build", build, "-j", str(os.cpu_count() or 2)])
+        for tree in trees:
+            r = run(["git", "-C", ROOT, "worktree", "add", "--detach", tree, snapshot])
+            if r.returncode != 0:
+                sys.exit(r.stdout)
+            made.append(tree)
+            build = os.path.join(tree, "build")
+            r = run(["cmake", "-S", tree, "-B", build, "-G", "Ninja"] + compiler_cache())
+            if r.returncode != 0:
+                sys.exit(r.stdout)
+            r = run(["cmake", "--build", build, "-j", cpus])
+            if r.returncode != 0:
+                sys.exit("the unchanged tree does not build:\n" + r.stdout[-3000:])
+
+        todo = queue.Queue()
+        for i in range(len(faults)):
+            todo.put(i)
+        done = threading.Condition()
+
+        def worker(tree):
+            while True:
+                try:
+                    i = todo.get_nowait()
+                except queue.Empty:
+                    return
+                try:
+                    outcome = plant(faults[i], tree, os.path.join(tree, "build"), jobs)
+                except Exception as e:  # reported as a miss, never left waited for
+                    outcome = (f"{faults[i]['name']}: could not be planted: {e}", False)
+                with done:
+                    results[i] = outcome
+                    done.notify()
+
+        threads = [threading.Thread(target=worker, args=(tree,), daemon=True) for tree in trees]
+        for t in threads:
+            t.start()
+        # In the list's order, each as soon as it and every fault before it are done.
+        for i in range(len(faults)):
+            with done:
+                done.wait_for(lambda: results[i] is not None)
+            print(results[i][0], flush=True)
+        for t in threads:
+            t.join()
     finally:
-        run(["git", "-C", ROOT, "worktree", "remove", "--force", tree])
+        for tree in made:
+            run(["git", "-C", ROOT, "worktree", "remove", "--force", tree])
+    missed = sum(1 for r in results if r is None or not r[1])
     print(f"{len(faults) - missed} of {len(faults)} faults caught")
     return 1 if missed else 0
 
