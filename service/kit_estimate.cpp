@@ -28,10 +28,12 @@ int8_t level_of(const StrengthStats &s) {
 
 bool agrees(const Agreement &a) { return a.in_range && a.worst_permille <= KMXC_SERVICE_FIT_MEDIUM_PERMILLE; }
 
-// A fit's level by its own samples' strengths, at most low when the recent samples do
-// not confirm it (their dips about it disagree, or their strength is no Earth field's).
-int8_t confirmed_level(int8_t level, const Agreement &ring) {
-    return confirms(ring) || level == KMXC_SERVICE_UNRELIABLE ? level : KMXC_SERVICE_LOW;
+// A store fit's level (above unreliable) by its own samples' strengths, at most low when
+// they lie on a small cap (fewer cells than KMXC_SERVICE_TRUST_MIN_CELLS about its
+// centre) or the recent samples do not confirm it (their dips about it disagree, or
+// their strength is no Earth field's).
+int8_t store_fit_level(int8_t level, const Agreement &ring) {
+    return est().coverage >= KMXC_SERVICE_TRUST_MIN_CELLS && confirms(ring) ? level : KMXC_SERVICE_LOW;
 }
 
 KmxAxesData axes(const Vec3 &v) { return KmxAxesData{v.x, v.y, v.z}; }
@@ -233,7 +235,7 @@ void judge_sphere(const Vec3 &g, KmxcServiceEvent *e) {
         return;
     }
     publish(fit.offset, KMXC_SERVICE_ESTIMATOR_STORE_SPHERE, e);
-    trust_estimate(confirmed_level(level, ring), reference_of(ring, fit.residual), fed);
+    trust_estimate(store_fit_level(level, ring), reference_of(ring, fit.residual), fed);
     note_trusted_reference();
 }
 
@@ -297,7 +299,7 @@ void judge_ellipsoid(const Vec3 &g, KmxcServiceEvent *e) {
     s.ellipsoid_cells = s.coverage;
     g_state.soft_iron = soft;
     publish(fit.offset, KMXC_SERVICE_ESTIMATOR_ELLIPSOID, e);
-    trust_estimate(confirmed_level(level, ring), reference_of(ring, fit.residual), fed);
+    trust_estimate(store_fit_level(level, ring), reference_of(ring, fit.residual), fed);
     note_trusted_reference();
 }
 

@@ -104,6 +104,7 @@ TEST(KitEstimate, DueJoinsDeterminacyAgreementAndTheSoftIronShownDecideHowFarASp
         int joined = kJoins;
         bool allowed = true;
         double wobble = 0;  // the recent samples' dips, degrees either side
+        int quadrants = 4;  // the cap's quadrants about z kept (x >= 0, y >= 0 first), each a cell
     } cases[] = {
         {"a join short: no fit", 40, 180, 0.4, kNoSoftIron, KMXC_SERVICE_UNRELIABLE, 0, 0, kNoLate, kJoins - 1},
         {"fits not allowed: no fit", 40, 180, 0.4, kNoSoftIron, KMXC_SERVICE_UNRELIABLE, 0, 0, kNoLate, kJoins, false},
@@ -127,6 +128,9 @@ TEST(KitEstimate, DueJoinsDeterminacyAgreementAndTheSoftIronShownDecideHowFarASp
         // sphere shows the noise of a 45-degree cap as 35 permille.
         {"round, a 45-degree cap, noise 1 count: the default prior", 40, 45, 1.0, kNoSoftIron, KMXC_SERVICE_HIGH,
          kDefault, kDefault},
+        // A 45-degree cap about z lies within the cube's z face: its quadrants are cells.
+        {"... three of its quadrants: three cells, too small a cap, low", 40, 45, 1.0, kNoSoftIron, KMXC_SERVICE_LOW, 0,
+         0, kNoLate, kJoins, true, 0, 3},
         // The cap of its ellipsoid is round about a centre a few counts off, and the
         // recent samples' dips about that centre spread beyond the limit.
         {"10 % soft iron: the prior it shows, the dips disagree: low", 60, 60, 0.4, kSoftIron, KMXC_SERVICE_LOW, 45,
@@ -134,9 +138,12 @@ TEST(KitEstimate, DueJoinsDeterminacyAgreementAndTheSoftIronShownDecideHowFarASp
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
-        fill(Vec3{0, 0, 0}, directions(c.n, c.cap_deg), kOffset, c.soft, c.noise, c.wobble);
+        auto dirs = directions(c.n, c.cap_deg);
+        std::erase_if(dirs, [&](const auto &d) { return (d[0] < 0 ? 1 : 0) + (d[1] < 0 ? 2 : 0) >= c.quadrants; });
+        fill(Vec3{0, 0, 0}, dirs, kOffset, c.soft, c.noise, c.wobble);
         g_state.est.joined = static_cast<uint8_t>(c.joined);
         idle(1, c.allowed);  // the fit
+        if (c.cap_deg == 45) { EXPECT_EQ(g_state.est.coverage, c.quadrants) << "cells"; }
         ASSERT_TRUE((c.allowed && c.joined >= kJoins) || !g_state.est.sphere_pending) << "no fit due";
         if (c.late != kNoLate) {
             // The newest slot now holds a sample that joined after the fit, along -x.
