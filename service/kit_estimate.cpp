@@ -230,12 +230,16 @@ void judge_sphere(const Vec3 &g, KmxcServiceEvent *e) {
     const Take t = take(false, fit.offset, ring, p, g, fed);
     if (t == Take::kNo) return;
     s.cov = p;
+    const int8_t worth = store_fit_level(level, ring);
     if (t == Take::kCovariance) {
         g_state.estimator = KMXC_SERVICE_ESTIMATOR_STORE_SPHERE;
-        return;
+        // A fit at the offset in use worth more than it was (a store grown past a small
+        // cap, dips that now agree) raises its worth; it never lowers it.
+        if (worth <= g_state.base_accuracy) return;
+    } else {
+        publish(fit.offset, KMXC_SERVICE_ESTIMATOR_STORE_SPHERE, e);
     }
-    publish(fit.offset, KMXC_SERVICE_ESTIMATOR_STORE_SPHERE, e);
-    trust_estimate(store_fit_level(level, ring), reference_of(ring, fit.residual), fed);
+    trust_estimate(worth, reference_of(ring, fit.residual), fed);
     note_trusted_reference();
 }
 

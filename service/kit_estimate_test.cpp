@@ -189,7 +189,8 @@ TEST(KitEstimate, DueJoinsDeterminacyAgreementAndTheSoftIronShownDecideHowFarASp
 
 // A trusted offset is replaced by a store fit only when the recent samples agree with
 // the fit and it is better determined than the offset in use, however little it moves
-// it; a fit at the offset in use gives it only its covariance. Recent samples that agree
+// it; a fit at the offset in use gives it its covariance, and its worth when that is
+// more (never less). Recent samples that agree
 // with the offset in use and not with the store make the store stale and it goes, but
 // only when they were fed after that offset came into use (the library's fit of its own
 // batch agrees with it whatever the field).
@@ -199,15 +200,16 @@ TEST(KitEstimate, ATrustedOffsetGivesWayToABetterDeterminedFitAndAStoreTheRecent
     // kFitsOwn: the fit's own covariance times 5/4 (a little worse than the fit).
     constexpr int32_t kLoose = 400 << kQ8, kTight = 1, kNone = 0, kFitsOwn = -1;
     const auto at = [](int dx, int dy, int dz) { return Vec3{kOffset.x + dx, kOffset.y + dy, kOffset.z + dz}; };
-    const auto run = [](const Vec3 &in_use_at, const Vec3 &store_at, const OffsetCovariance &cov, int fed_before) {
+    const auto run = [](const Vec3 &in_use_at, const Vec3 &store_at, const OffsetCovariance &cov, int fed_before,
+                        double wobble = 0) {
         fill(in_use_at, directions(60), store_at, kNoSoftIron, 0.3);
         const KmxAxesData store{store_at.x, store_at.y, store_at.z}, in_use{in_use_at.x, in_use_at.y, in_use_at.z};
         KmxAxesLibSetMsOffset(&store);
         Noise noise;
         int i = 0;
         for (const auto &d : directions(kRing)) {
-            if (i++ == fed_before) KmxAxesLibSetMsOffset(&in_use);
-            remember_fed(sample(d, kOffset, kNoSoftIron, noise, 0.3), kDown);
+            if (i == fed_before) KmxAxesLibSetMsOffset(&in_use);
+            remember_fed(sample(d, kOffset, kNoSoftIron, noise, 0.3), gravity_for(d, i++, wobble));
         }
         KmxAxesLibSetMsOffset(&in_use);
         g_state.offset_trusted = true;
@@ -224,14 +226,18 @@ TEST(KitEstimate, ATrustedOffsetGivesWayToABetterDeterminedFitAndAStoreTheRecent
         int32_t in_use_q8;
         int fed_before;  // of the recent samples, those fed before the offset in use was set
         Outcome outcome;
+        double wobble = 0;  // the recent samples' dips, degrees either side
+        int8_t worth = -1;  // the offset in use's worth after (medium before), where checked
     } cases[] = {
         {"an offset in use without a covariance: replaced", at(5, 0, 0), kOffset, kNone, 0, kReplaced},
         {"a count off on every axis, a little worse known than the fit: replaced", at(1, -1, 1), kOffset, kFitsOwn, 0,
          kReplaced},
         {"... known better than the fit: kept", at(1, -1, 1), kOffset, kTight, 0, kKept},
         {"far off but known better than the fit: kept", at(5, 0, 0), kOffset, kTight, 0, kKept},
-        {"the fit at the offset in use, loosely known: its covariance taken", kOffset, kOffset, kLoose, 0,
-         kCovarianceTaken},
+        {"the fit at the offset in use, loosely known: its covariance and its worth (high) taken", kOffset, kOffset,
+         kLoose, 0, kCovarianceTaken, 0, KMXC_SERVICE_HIGH},
+        {"... the recent dips 3 degrees either side (worth low): its covariance taken, medium kept", kOffset, kOffset,
+         kLoose, 0, kCovarianceTaken, 3, KMXC_SERVICE_MEDIUM},
         {"a store the recent samples contradict: emptied", kOffset, at(30, 0, 0), kLoose, 0, kEmptied},
         {"... the offset set at their last sample (its own fit): kept", kOffset, at(30, 0, 0), kLoose, kRing, kKept},
         {"... one sample fed before it: kept", kOffset, at(30, 0, 0), kLoose, 1, kKept},
@@ -245,7 +251,7 @@ TEST(KitEstimate, ATrustedOffsetGivesWayToABetterDeterminedFitAndAStoreTheRecent
             ASSERT_TRUE(cov.valid);
             for (int32_t &p : cov.p_q8) p = p * 5 / 4;
         }
-        const KmxcServiceEvent e = run(c.in_use, c.store, cov, c.fed_before);
+        const KmxcServiceEvent e = run(c.in_use, c.store, cov, c.fed_before, c.wobble);
         EXPECT_EQ((e.flags & KMXC_SERVICE_KIT_ESTIMATE) != 0, c.outcome == kReplaced);
         const bool store_sphere = c.outcome == kReplaced || c.outcome == kCovarianceTaken;
         EXPECT_EQ(g_state.estimator,
@@ -254,6 +260,9 @@ TEST(KitEstimate, ATrustedOffsetGivesWayToABetterDeterminedFitAndAStoreTheRecent
         EXPECT_EQ(g_state.est.store.count == 0, c.outcome == kEmptied);
         const Vec3 o = offset_in_use();
         EXPECT_EQ(o.x == c.in_use.x && o.y == c.in_use.y && o.z == c.in_use.z, c.outcome != kReplaced);
+        if (c.worth < 0) continue;
+        EXPECT_EQ(g_state.base_accuracy, c.worth);
+        EXPECT_EQ(g_state.save_pending, c.worth == KMXC_SERVICE_HIGH) << "saved once it is worth more";
     }
 }
 
