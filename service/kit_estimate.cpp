@@ -111,8 +111,9 @@ enum class Take { kNo, kCovariance, kPublish };
 // when nothing is trusted yet; else only when the recent fed samples agree with it (it
 // describes the field now) and it predicts a smaller horizontal error than the estimate
 // in use (a new correction: no larger), so the offset in use is always the best
-// determined one that fits the field now. A candidate at the offset in use gives it only
-// its covariance. fed: the fed samples through the correction in use, or null.
+// determined one that fits the field now. A candidate at the offset in use gives it its
+// covariance (and its worth when that is more: judge_sphere). fed: the fed samples
+// through the correction in use, or null.
 Take take(bool new_correction, const Vec3 &offset, const Agreement &ring, const OffsetCovariance &p, const Vec3 &g,
           const Vec3 *fed) {
     if (!g_state.offset_trusted) return Take::kPublish;
