@@ -29,9 +29,9 @@ int8_t level_of(const StrengthStats &s) {
 bool agrees(const Agreement &a) { return a.in_range && a.worst_permille <= KMXC_SERVICE_FIT_MEDIUM_PERMILLE; }
 
 // A store fit's level (above unreliable) by its own samples' strengths, at most low when
-// they lie on a small cap (fewer cells than KMXC_SERVICE_TRUST_MIN_CELLS about its
-// centre) or the recent samples do not confirm it (their dips about it disagree, or
-// their strength is no Earth field's).
+// they lie on a small cap (fewer than KMXC_SERVICE_TRUST_MIN_CELLS of the store's cells
+// about its last sphere's centre) or the recent samples do not confirm it (their dips
+// about it disagree, or their strength is no Earth field's).
 int8_t store_fit_level(int8_t level, const Agreement &ring) {
     return est().coverage >= KMXC_SERVICE_TRUST_MIN_CELLS && confirms(ring) ? level : KMXC_SERVICE_LOW;
 }

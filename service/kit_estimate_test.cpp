@@ -93,6 +93,8 @@ TEST(KitEstimate, DueJoinsDeterminacyAgreementAndTheSoftIronShownDecideHowFarASp
     constexpr int32_t kDefault = KMXC_SERVICE_SOFT_IRON_PRIOR_PERMILLE, kNoLate = -1000;
     static const double kNoEarthField[4] = {1.8, 1.8, 1.8, 0};  // 216 counts
     constexpr int kJoins = KMXC_SERVICE_STORE_REFIT_JOINS;
+    // A 45-degree cap about z lies within the cube's z face: its quadrants are cells.
+    constexpr double kFaceCap = 45;
     const struct {
         const char *name;
         int n;
@@ -126,11 +128,10 @@ TEST(KitEstimate, DueJoinsDeterminacyAgreementAndTheSoftIronShownDecideHowFarASp
         {"the whole sphere, 8 counts of noise: disagrees, refused", 60, 180, 8, kNoSoftIron, KMXC_SERVICE_UNRELIABLE},
         // The showing fit counts what the samples tell clearly: one held less near the
         // sphere shows the noise of a 45-degree cap as 35 permille.
-        {"round, a 45-degree cap, noise 1 count: the default prior", 40, 45, 1.0, kNoSoftIron, KMXC_SERVICE_HIGH,
-         kDefault, kDefault},
-        // A 45-degree cap about z lies within the cube's z face: its quadrants are cells.
-        {"... three of its quadrants: three cells, too small a cap, low", 40, 45, 1.0, kNoSoftIron, KMXC_SERVICE_LOW, 0,
-         0, kNoLate, kJoins, true, 0, 3},
+        {"round, a 45-degree cap, noise 1 count: four cells, the default prior", 40, kFaceCap, 1.0, kNoSoftIron,
+         KMXC_SERVICE_HIGH, kDefault, kDefault},
+        {"... three of its quadrants: three cells, too small a cap, low", 40, kFaceCap, 1.0, kNoSoftIron,
+         KMXC_SERVICE_LOW, 0, 0, kNoLate, kJoins, true, 0, 3},
         // The cap of its ellipsoid is round about a centre a few counts off, and the
         // recent samples' dips about that centre spread beyond the limit.
         {"10 % soft iron: the prior it shows, the dips disagree: low", 60, 60, 0.4, kSoftIron, KMXC_SERVICE_LOW, 45,
@@ -143,7 +144,7 @@ TEST(KitEstimate, DueJoinsDeterminacyAgreementAndTheSoftIronShownDecideHowFarASp
         fill(Vec3{0, 0, 0}, dirs, kOffset, c.soft, c.noise, c.wobble);
         g_state.est.joined = static_cast<uint8_t>(c.joined);
         idle(1, c.allowed);  // the fit
-        if (c.cap_deg == 45) { EXPECT_EQ(g_state.est.coverage, c.quadrants) << "cells"; }
+        if (c.cap_deg == kFaceCap) { EXPECT_EQ(g_state.est.coverage, c.quadrants) << "cells"; }
         ASSERT_TRUE((c.allowed && c.joined >= kJoins) || !g_state.est.sphere_pending) << "no fit due";
         if (c.late != kNoLate) {
             // The newest slot now holds a sample that joined after the fit, along -x.
@@ -190,10 +191,9 @@ TEST(KitEstimate, DueJoinsDeterminacyAgreementAndTheSoftIronShownDecideHowFarASp
 // A trusted offset is replaced by a store fit only when the recent samples agree with
 // the fit and it is better determined than the offset in use, however little it moves
 // it; a fit at the offset in use gives it its covariance, and its worth when that is
-// more (never less). Recent samples that agree
-// with the offset in use and not with the store make the store stale and it goes, but
-// only when they were fed after that offset came into use (the library's fit of its own
-// batch agrees with it whatever the field).
+// more (never less). Recent samples that agree with the offset in use and not with the
+// store make the store stale and it goes, but only when they were fed after that offset
+// came into use (the library's fit of its own batch agrees with it whatever the field).
 TEST(KitEstimate, ATrustedOffsetGivesWayToABetterDeterminedFitAndAStoreTheRecentSamplesContradictGoes) {
     constexpr int kRing = KMXC_SERVICE_FEED_HISTORY;
     // The offset in use's variance per axis, 1/256 count^2; kNone: no covariance known;
