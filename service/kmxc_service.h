@@ -409,7 +409,10 @@ extern "C" {
  *   MEDIUM 5 degrees: a heading 15 degrees off (3 sigma: a wrong street at a junction)
  *     in fewer than 3 samples in 1000.
  *   LOW 15 degrees: the heading points into the right quarter 9 times in 10 (the
- *     quarter's half-width 45 degrees is 3 sigma). Beyond: unreliable. */
+ *     quarter's half-width 45 degrees is 3 sigma). Beyond: unreliable.
+ * They are the calibration's share of the error, which the orientation's azimuth
+ * carries; heading_deg adds its smoother's lag while the phone turns (Warm-up above:
+ * about 18 degrees at 120 degrees per second at 10 Hz, more at lower rates). */
 #define KMXC_SERVICE_HEADING_SIGMA_HIGH_CDEG 200
 #define KMXC_SERVICE_HEADING_SIGMA_MEDIUM_CDEG 500
 #define KMXC_SERVICE_HEADING_SIGMA_LOW_CDEG 1500
