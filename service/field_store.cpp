@@ -19,21 +19,26 @@ bool fits16(const Vec3 &v) {
            v.z <= kInt16Max;
 }
 
-// Whether any of the samples [first, last) lies nearer than reach_sq to m, where
-// reach = ceil(sqrt(reach_sq)). The L-infinity test first: an axis at least `reach`
-// apart settles a sample without a multiplication (|d| < r is d + r - 1 in 0..2r - 2,
-// unsigned; m + r - 1 is formed once). Differences of int16 values: squares below 2^32.
-bool any_nearer(const StoredSample *first, const StoredSample *last, const Vec3 &m, int32_t reach, int64_t reach_sq) {
+// Whether kept sample p lies nearer than reach_sq to m, where reach = ceil(sqrt(reach_sq)).
+// The L-infinity test first: an axis at least `reach` apart settles it without a
+// multiplication (|d| < r is d + r - 1 in 0..2r - 2, unsigned). Differences of int16
+// values: squares below 2^32.
+inline bool within_reach(const StoredSample &p, const Vec3 &m, int32_t reach, int64_t reach_sq) {
+    const int32_t dx = m.x - p.m[0], dy = m.y - p.m[1], dz = m.z - p.m[2];
     const uint32_t span = 2 * static_cast<uint32_t>(reach - 1);
-    const int32_t mx = m.x + (reach - 1), my = m.y + (reach - 1), mz = m.z + (reach - 1);
+    if (static_cast<uint32_t>(dx + (reach - 1)) > span || static_cast<uint32_t>(dy + (reach - 1)) > span ||
+        static_cast<uint32_t>(dz + (reach - 1)) > span)
+        return false;
+    return int64_t{dx} * dx + int64_t{dy} * dy + int64_t{dz} * dz < reach_sq;
+}
+
+// The first of the samples [first, last) within reach of m (above), or last when none.
+const StoredSample *first_nearer(const StoredSample *first, const StoredSample *last, const Vec3 &m, int32_t reach,
+                                 int64_t reach_sq) {
     for (const StoredSample *p = first; p != last; ++p) {
-        if (static_cast<uint32_t>(mx - p->m[0]) > span || static_cast<uint32_t>(my - p->m[1]) > span ||
-            static_cast<uint32_t>(mz - p->m[2]) > span)
-            continue;
-        const int32_t dx = m.x - p->m[0], dy = m.y - p->m[1], dz = m.z - p->m[2];
-        if (int64_t{dx} * dx + int64_t{dy} * dy + int64_t{dz} * dz < reach_sq) return true;
+        if (within_reach(*p, m, reach, reach_sq)) return p;
     }
-    return false;
+    return last;
 }
 
 // Squared distance between two kept samples, saturated (int16 differences: up to 3 * 2^32).
@@ -115,9 +120,16 @@ Offer field_store_offer(FieldStore *s, const Vec3 &m, const Vec3 &g, const Vec3 
     const int32_t reach = full ? s->spacing_reach : kStoreMinDistance;
     const int64_t reach_sq = full ? int64_t{s->spacing_sq} + 1 : kMinDistanceSq;
     const Offer refused = full ? Offer::kNotWider : Offer::kTooNear;
-    const StoredSample *last = &s->sample[s->last];
-    if (n > 0 && any_nearer(last, last + 1, m, reach, reach_sq)) return refused;
-    if (any_nearer(s->sample, s->sample + n, m, reach, reach_sq)) return refused;
+    // A turning phone's sample is mostly refused by the sample that joined last or by the
+    // one that refused the sample before; those two first, then the whole store.
+    if (n > 0 && (within_reach(s->sample[s->last], m, reach, reach_sq) ||
+                  within_reach(s->sample[s->refused_by], m, reach, reach_sq)))
+        return refused;
+    const StoredSample *end = s->sample + n, *hit = first_nearer(s->sample, end, m, reach, reach_sq);
+    if (hit != end) {
+        s->refused_by = static_cast<uint8_t>(hit - s->sample);
+        return refused;
+    }
     if (centre != nullptr && n >= kStoreMedianMinSamples && !within_band(s, *centre, m)) return Offer::kStrengthFar;
 
     int slot;

@@ -75,6 +75,8 @@ struct FieldStore {
                                           // settles a full store's admission test
     uint8_t count;                        // samples kept
     uint8_t last;                         // slot of the sample that joined last
+    uint8_t refused_by;                   // slot of the sample that last refused one (the
+                                          // admission test's first guess; any slot below count)
     bool median_valid;                    // the median below belongs to median_centre
     Vec3 median_centre;                   // centre the median strength was taken about
     uint64_t median_sq;                   // median of |m - median_centre|^2 over the kept samples

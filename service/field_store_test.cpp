@@ -126,6 +126,18 @@ TEST(FieldStore, InvariantsHoldOverALongStreamFromARandomlyTurnedPhone) {
         const bool steady = i % 3 != 0;
         const Offer result = field_store_offer(&s, m, kDown, &offset, false, steady);
         ASSERT_NE(result, Offer::kStrengthFar) << "a steady field stays in the band";
+        // The verdict against every kept sample: a store with room refuses a sample
+        // nearer than the least distance to one, a full store one no farther from one
+        // than its closest pair.
+        const bool full = before.count == kStoreCapacity;
+        bool near_one = false;
+        for (int b = 0; b < before.count; ++b) {
+            const int64_t d = dist_sq(
+                before.sample[b],
+                StoredSample{{static_cast<int16_t>(m.x), static_cast<int16_t>(m.y), static_cast<int16_t>(m.z)}, {}});
+            near_one = near_one || (full ? d <= before.spacing_sq : d < kStoreMinDistance * kStoreMinDistance);
+        }
+        ASSERT_EQ(result == Offer::kTooNear || result == Offer::kNotWider, near_one) << "offer " << i;
         if (result == Offer::kJoined || result == Offer::kJoinedReplacing) {
             ASSERT_EQ(s.age[s.last], 0) << "the newest";
             ASSERT_EQ(s.steady >> s.last & 1u, steady ? 1u : 0u) << "its gravity's flag";

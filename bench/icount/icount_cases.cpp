@@ -154,8 +154,9 @@ __attribute__((noinline)) void icount_case_agreement(void) {
     field_store_agreement(g_store, g_ellipsoid.offset, g_ellipsoid.w_q14, &g_agreement);
 }
 // What the kit adds to a cycle that fits nothing: the field through the correction, the
-// sample offered to the full store (the longest refusal) with the gravity verdict, and
-// the estimator and correction copied into the event.
+// sample offered to the full store with the gravity verdict (refused by the kept sample
+// that refused the sample before, as a turning phone's mostly are), and the estimator
+// and correction copied into the event.
 __attribute__((noinline)) void icount_case_kit_cycle(void) {
     const StoredSample &p = g_store.sample[kStoreCapacity - 1];
     const Vec3 m = corrected(g_state.soft_iron, Vec3{p.m[0] + 3, p.m[1], p.m[2] - 2});
@@ -333,6 +334,7 @@ Seen measure_all() {
     fill_stores();
     seen.full = g_store.count == kStoreCapacity && g_ring.count == kStoreCapacity;
     measure(icount_case_offer_still);
+    g_store.refused_by = 0;  // the sample before refused elsewhere: every slot tried
     measure(icount_case_offer_refused);
     measure(icount_case_coverage);
     measure(icount_case_spread);
@@ -350,6 +352,7 @@ Seen measure_all() {
     g_state.est.noise.run = 3;
     g_state.est.noise.in_window = kNoiseWindow - 1;
     g_state.est.noise.windows = kNoiseWindows;
+    g_state.est.store.refused_by = kStoreCapacity - 1;
     measure(icount_case_kit_cycle);
     seen.kit_cycle = g_state.est.store.count == kStoreCapacity && g_state.est.joined == 0;
     set_kit(KMXC_SERVICE_STORE_REFIT_JOINS, false, false);
