@@ -378,6 +378,14 @@ void adopt_new_offset(bool three_d, const Vec3 &g, KmxcServiceEvent *e) {
     }
 }
 
+void report_estimators(KmxcServiceEvent *e) {
+    e->estimator = g_state.estimator;
+    e->coverage_cells = g_state.est.coverage;
+    const SoftIron &soft = g_state.soft_iron;
+    const int16_t *w = soft.in_use ? soft.w_q14 : kIdentityQ14;
+    for (int k = 0; k < 9; ++k) e->soft_iron_q14[k] = w[k];
+}
+
 void store_cycle(const Vec3 &m, const Vec3 &g, bool fit_allowed, int64_t now, KmxcServiceEvent *e) {
     Estimators &s = est();
     if (g_state.in_anomaly && !s.anomaly_cleared &&

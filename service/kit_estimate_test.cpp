@@ -599,6 +599,41 @@ TEST(KitEstimate, TheNoiseMeterReadsTheChipsNoiseAndNotTheMotion) {
     }
 }
 
+// Each closed window's variance against its definition, in 64 bits: a quarter of a
+// window's squared third differences (axes summed, the run's first three fields giving
+// none) times 256 / 60, floored. Swings of the whole int16 range saturate the window's
+// sum, whose variance is then the most the meter records.
+TEST(KitEstimate, TheNoiseMetersWindowsAreTheirThirdDifferencesVarianceExactly) {
+    const struct {
+        const char *name;
+        int32_t amplitude;  // counts: x alternates +-amplitude, y and z follow a pattern of it
+    } cases[] = {
+        {"quiet: a few counts", 3},
+        {"loud: hundreds of counts", 700},
+        {"the whole range: the window saturates", 32767},
+    };
+    for (const auto &c : cases) {
+        g_state = State{};
+        std::vector<Vec3> fields;
+        for (int t = 0; t < 3 + kNoiseWindow * kNoiseWindows; ++t)
+            fields.push_back(Vec3{t % 2 ? c.amplitude : -c.amplitude, (t * 7 % 5 - 2) * c.amplitude / 2,
+                                  (t * t % 3 - 1) * c.amplitude});
+        for (const Vec3 &m : fields) note_noise(m, true);
+        for (int w = 0; w < kNoiseWindows; ++w) {
+            uint64_t sum = 0;
+            for (int t = 3 + w * kNoiseWindow; t < 3 + (w + 1) * kNoiseWindow; ++t) {
+                const int64_t d[3] = {
+                    int64_t{fields[t].x} - 3 * fields[t - 1].x + 3 * fields[t - 2].x - fields[t - 3].x,
+                    int64_t{fields[t].y} - 3 * fields[t - 1].y + 3 * fields[t - 2].y - fields[t - 3].y,
+                    int64_t{fields[t].z} - 3 * fields[t - 1].z + 3 * fields[t - 2].z - fields[t - 3].z};
+                sum = std::min<uint64_t>(sum + d[0] * d[0] + d[1] * d[1] + d[2] * d[2], UINT32_MAX);
+            }
+            EXPECT_EQ(g_state.est.noise.window_q8[w], static_cast<int64_t>(sum * 256 / (60 * kNoiseWindow)))
+                << c.name << ", window " << w;
+        }
+    }
+}
+
 // ---- References and the kit file ---------------------------------------------------------
 
 // The references are an estimate's trusted at medium or high with a dip measured; the

@@ -75,7 +75,8 @@ struct OffsetCovariance {
 constexpr int kNoiseWindow = 16;
 constexpr int kNoiseWindows = 4;
 struct NoiseMeter {
-    int16_t last[3][3];                // the three fields before, of an unbroken run (last[0] the newest)
+    int16_t last[3][3];                // the three fields before, of an unbroken run, in a ring
+    uint8_t newest;                    // last[newest] the newest, the slot before it the one before
     uint8_t run;                       // how many of last[] belong to the run (0..3)
     uint8_t in_window;                 // differences summed into window_sq (a break leaves them)
     uint8_t windows;                   // windows closed, up to kNoiseWindows
@@ -343,6 +344,9 @@ bool ellipsoid_centre_plausible(const EllipsoidFit &fit, const SphereFit &sphere
 // field m, gravity g), and at most one fitting step when one is due. fit_allowed: no
 // other fit ran in this cycle.
 void store_cycle(const Vec3 &m, const Vec3 &g, bool fit_allowed, int64_t now, KmxcServiceEvent *e);
+// What the event tells of the estimators: the one in use, the store's coverage, the
+// soft-iron correction (identity when none is in use).
+void report_estimators(KmxcServiceEvent *e);
 // A library fit (offset o) arrived while an offset is trusted: whether it replaces the
 // offset in use (its batch, the last fed samples, agrees with it, and its predicted
 // horizontal error at gravity g is no larger than the estimate in use's); in that case

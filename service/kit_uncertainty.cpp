@@ -261,30 +261,33 @@ void note_noise(const Vec3 &m, bool steady) {
         nm.run = 0;  // no difference spans a motion
         return;
     }
+    // The ring's newest field, the one before and the oldest (whose slot the new one takes).
+    const int h0 = nm.newest, h1 = h0 == 0 ? 2 : h0 - 1, h2 = h1 == 0 ? 2 : h1 - 1;
     if (nm.run == 3) {
         // Third differences within 2^19 per axis; the window's sum saturates (a window
         // that large says nothing of the noise anyway).
         uint64_t sq = 0;
         for (int k = 0; k < 3; ++k) {
-            const int64_t d = int64_t{v[k]} - 3 * nm.last[0][k] + 3 * nm.last[1][k] - nm.last[2][k];
-            sq += static_cast<uint64_t>(d * d);
+            const int32_t d = v[k] - 3 * nm.last[h0][k] + 3 * nm.last[h1][k] - nm.last[h2][k];
+            sq += static_cast<uint64_t>(int64_t{d} * d);
         }
         sq += nm.window_sq;
         nm.window_sq = sq > UINT32_MAX ? UINT32_MAX : static_cast<uint32_t>(sq);
         if (++nm.in_window == kNoiseWindow) {
-            // E |d|^2 = 3 axes times 20 sigma^2 (1 + 9 + 9 + 1).
-            nm.window_q8[nm.next] = static_cast<int32_t>((uint64_t{nm.window_sq} << kQ8) / (60 * kNoiseWindow));
+            // E |d|^2 = 3 axes times 20 sigma^2 (1 + 9 + 9 + 1). (x << 8) / D as
+            // (x / D) << 8 plus ((x % D) << 8) / D: 32-bit divisions by a constant, which
+            // armel multiplies out, where a 64-bit one is a library call.
+            constexpr uint32_t kDivisor = 60 * kNoiseWindow;
+            const uint32_t x = nm.window_sq;
+            nm.window_q8[nm.next] = static_cast<int32_t>((x / kDivisor << kQ8) + ((x % kDivisor) << kQ8) / kDivisor);
             nm.next = static_cast<uint8_t>((nm.next + 1) % kNoiseWindows);
             if (nm.windows < kNoiseWindows) ++nm.windows;
             nm.in_window = 0;
             nm.window_sq = 0;
         }
     }
-    for (int k = 0; k < 3; ++k) {
-        nm.last[2][k] = nm.last[1][k];
-        nm.last[1][k] = nm.last[0][k];
-        nm.last[0][k] = static_cast<int16_t>(v[k]);
-    }
+    for (int k = 0; k < 3; ++k) nm.last[h2][k] = static_cast<int16_t>(v[k]);
+    nm.newest = static_cast<uint8_t>(h2);
     if (nm.run < 3) ++nm.run;
 }
 

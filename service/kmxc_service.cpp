@@ -198,14 +198,6 @@ void move_rough_offset_if_clipped(int64_t now, KmxcServiceEvent *e) {
                        soft.centre.z + after.z - before.z};
 }
 
-// What the event tells of the kit's estimators.
-void report_estimators(KmxcServiceEvent *e) {
-    e->estimator = g_state.estimator;
-    e->coverage_cells = g_state.est.coverage;
-    const SoftIron &soft = g_state.soft_iron;
-    for (int k = 0; k < 9; ++k) e->soft_iron_q14[k] = soft.in_use ? soft.w_q14[k] : kIdentityQ14[k];
-}
-
 }  // namespace
 
 extern "C" {

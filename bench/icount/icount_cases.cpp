@@ -163,9 +163,7 @@ __attribute__((noinline)) void icount_case_kit_cycle(void) {
     g_event.mag_counts[0] = m.x, g_event.mag_counts[1] = m.y, g_event.mag_counts[2] = m.z;
     note_noise(Vec3{p.m[0] + 3, p.m[1], p.m[2] - 2}, true);
     store_cycle(Vec3{p.m[0] + 3, p.m[1], p.m[2] - 2}, kDown, true, 1, &g_event);
-    g_event.estimator = g_state.estimator;
-    g_event.coverage_cells = g_state.est.coverage;
-    for (int k = 0; k < 9; ++k) g_event.soft_iron_q14[k] = g_state.soft_iron.w_q14[k];
+    report_estimators(&g_event);
 }
 // The kit's fitting steps, each a whole cycle's work: the sphere fit of the corrected
 // store, its soft-iron share's two steps (the ellipsoid's cost the same), its judgement;
