@@ -53,7 +53,7 @@ Vec3 cross_coarse(const Vec3 &b, const Vec3 &g) {
 // below 2^34 (2^62 once scaled as the sine's square, Q28), |g0|^2 s^2 below 2^54.
 bool barely_moved(const Vec3 &g0, const Vec3 &g) {
     const Vec3 d{g.x - g0.x, g.y - g0.y, g.z - g0.z};
-    const int64_t sine = sin_q14(KMXC_SERVICE_VEHICLE_ANGLE_CDEG);
+    constexpr int64_t sine = sin_q14(KMXC_SERVICE_VEHICLE_ANGLE_CDEG);
     return (dot(d, d) << 28) < dot(g0, g0) * (sine * sine);
 }
 

@@ -48,16 +48,17 @@ AgainstMean against_mean(const MountGravity &mg, const Vec3 &smooth) {
     return a;
 }
 
-// Within cdeg (below 90 degrees): c > 0 and x <= sin^2 ss mm, the sine in Q10 (each
+// Within kCdeg (below 90 degrees): c > 0 and x <= sin^2 ss mm, the sine in Q10 (each
 // side below 2^60).
-bool within(const AgainstMean &a, int32_t cdeg) {
-    const int64_t sine = (sin_q14(cdeg) + 8) >> 4;
+template <int32_t kCdeg>
+bool within(const AgainstMean &a) {
+    constexpr int64_t sine = (sin_q14(kCdeg) + 8) >> 4;
     return a.c > 0 && a.x * (int64_t{1} << 20) <= sine * sine * (a.ss * a.mm);
 }
 
 // Beyond the road's slopes of the mean, with a level to judge the length by.
 bool beyond_slopes(const MountGravity &mg, const AgainstMean &a) {
-    return a.valid && mg.level_sq > 0 && a.c > 0 && !within(a, KMXC_SERVICE_MOUNT_TILT_CDEG);
+    return a.valid && mg.level_sq > 0 && a.c > 0 && !within<KMXC_SERVICE_MOUNT_TILT_CDEG>(a);
 }
 
 // Shorter than an acceleration across the mean would make it: tan^2 t = x / c^2, so
@@ -107,7 +108,7 @@ void mount_gravity_track(MountGravity *mg, const Vec3 &g, const Vec3 &smooth, bo
         mg->level_sq = level;
         mg->tilt_seen = seen;
         mg->vehicle = vehicle;
-    } else if (steady && a.valid && within(a, KMXC_SERVICE_STEADY_TILT_CDEG)) {
+    } else if (steady && a.valid && within<KMXC_SERVICE_STEADY_TILT_CDEG>(a)) {
         // The first still sample sets it; then each takes its share (toward minus infinity).
         const int32_t v = static_cast<int32_t>(a.ss);
         mg->level_sq = mg->level_sq == 0 ? v : mg->level_sq + ((v - mg->level_sq) >> kMountLevelWeightShift);
@@ -118,7 +119,7 @@ void mount_gravity_track(MountGravity *mg, const Vec3 &g, const Vec3 &smooth, bo
     // off at medium.
     if (mg->tilt_seen && !restart) return;
     // Judged against the mean before this sample joins it.
-    const bool recent = mg->recent_n == 0 || (a.valid && within(a, kMountRecentNearCdeg));
+    const bool recent = mg->recent_n == 0 || (a.valid && within<kMountRecentNearCdeg>(a));
     const int32_t in[3] = {clamp14(g.x) * 256, clamp14(g.y) * 256, clamp14(g.z) * 256};
     average_in(in, rate * static_cast<uint32_t>(kMountGravityWindowMs) / 1000, mg->mean_q8, &mg->n);
     if (recent) average_in(in, rate * static_cast<uint32_t>(kMountRecentWindowMs) / 1000, mg->recent_q8, &mg->recent_n);

@@ -138,9 +138,12 @@ namespace {
 
 // The running mean's weight of a new sample at the session's rate, Q12: the cycle's
 // share of KMXC_SERVICE_STEADY_TILT_MS (at most all of it).
+// The rate is 1..KMXC_SERVICE_RATE_MAX_HZ once started (0 before): a 32-bit division,
+// where a 64-bit one was a library call of some 150 armel instructions every cycle.
+static_assert(uint64_t{KMXC_SERVICE_RATE_MAX_HZ} * KMXC_SERVICE_STEADY_TILT_MS <= UINT32_MAX, "the divisor in 32 bits");
 int32_t tilt_weight_q12() {
-    const int64_t w =
-        int64_t{4096} * 1000 / (int64_t{g_state.rate_hz > 0 ? g_state.rate_hz : 1} * KMXC_SERVICE_STEADY_TILT_MS);
+    const uint32_t rate = g_state.rate_hz > 0 ? g_state.rate_hz : 1;
+    const uint32_t w = uint32_t{4096} * 1000 / (rate * uint32_t{KMXC_SERVICE_STEADY_TILT_MS});
     return w > 4096 ? 4096 : static_cast<int32_t>(w);
 }
 
@@ -161,10 +164,12 @@ void track_tilt(const Vec3 &g) {
                   cz = int64_t{g.x} * b.y - int64_t{g.y} * b.x;
     const uint64_t cross_sq =
         static_cast<uint64_t>(cx * cx) + static_cast<uint64_t>(cy * cy) + static_cast<uint64_t>(cz * cz);
-    const int64_t s = sin_q14(KMXC_SERVICE_STEADY_TILT_CDEG);
-    // |g|^2 |mean|^2 below 2^62, each scaled by 2^-14 against the sine's square (Q28).
+    constexpr int64_t s = sin_q14(KMXC_SERVICE_STEADY_TILT_CDEG);
+    // |g|^2 |mean|^2 below 2^62, each scaled by 2^-14 against the sine's square (Q28):
+    // lengths below 9 * 2^32. cross_sq / s^2 <= lengths, floored, is cross_sq < (lengths
+    // + 1) s^2, below 9 * 2^60 (s within 2^14): a product where a 64-bit division was.
     const uint64_t lengths = (static_cast<uint64_t>(dot(g, g)) >> 14) * (static_cast<uint64_t>(dot(b, b)) >> 14);
-    g_state.tilt_steady = gravity_steady(g) && dot(g, b) > 0 && cross_sq / static_cast<uint64_t>(s * s) <= lengths;
+    g_state.tilt_steady = gravity_steady(g) && dot(g, b) > 0 && cross_sq < (lengths + 1) * static_cast<uint64_t>(s * s);
     // Then the mean takes the sample's share (rounded toward minus infinity by the shift:
     // under 1/16 count, far below the angle it is compared at).
     const int32_t w = tilt_weight_q12();
