@@ -1,7 +1,8 @@
 // MSFLOAT operations as inline functions, for the library's own hot loops (the
 // calibration's statistics, the solver, Jacobi): the exported MSFLOAT_* functions are
 // these, and callers inside the library use them directly so the compiler can inline
-// them. Not part of any interface.
+// them; the service kit's arctangent takes its mantissa quotient. Not part of any
+// interface.
 //
 // Normalisation counts leading zeros (std::countl_zero: CLZ on ARMv5TE, LZCNT/BSR on
 // x86-64) instead of shifting one bit per step; the results are the step-by-step

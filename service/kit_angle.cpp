@@ -3,6 +3,8 @@
 
 #include <bit>
 
+#include "numerics/msfloat_ops.h"
+
 namespace kmxc_kit {
 
 namespace {
@@ -43,8 +45,12 @@ int32_t atan2_cdeg(int64_t y, int64_t x) {
     scale_to_bits(&ax, &ay, kRatioBits);
     const bool steep = ay > ax;
     const uint32_t num = static_cast<uint32_t>(steep ? ax : ay), den = static_cast<uint32_t>(steep ? ay : ax);
-    // num <= den < 2^16, so num << 16 fits and the ratio is 0..65536 (truncated).
-    const uint32_t t = (num << kRatioBits) / den;
+    // num <= den < 2^16, so num << 16 fits and the ratio is 0..65536 (truncated). Both
+    // taken up until den has 16 bits (the same quotient): the library's mantissa
+    // quotient, a table reciprocal where the target has no divide instruction.
+    static_assert(kRatioBits == 16, "the mantissa quotient's scale");
+    const int up = std::countl_zero(den) - kRatioBits;
+    const uint32_t t = msf::MantissaQuotient(num << up, den << up);
     const uint32_t i = t >> kAtanStepBits, f = t & ((1u << kAtanStepBits) - 1);
     int32_t a = kAtanEighthCdeg[i];
     if (f != 0) {
