@@ -46,21 +46,6 @@ void corrected_samples(const FieldStore &in, const SoftIron &soft, Vec3 *out) {
     for (int i = 0; i < in.count; ++i) out[i] = corrected(soft, stored_field(in, i));
 }
 
-// The store as the library sees it (a copy when a correction is in use).
-const FieldStore &library_view(const FieldStore &in, const SoftIron &soft, FieldStore *copy) {
-    if (!soft.in_use) return in;
-    copy->count = in.count;
-    for (int i = 0; i < in.count; ++i) {
-        const Vec3 m = corrected(soft, stored_field(in, i));
-        // Within int16: the correction's axes stay within 0.8..1.25 about a centre the
-        // store's span allows (the fits refuse anything farther).
-        copy->sample[i].m[0] = static_cast<int16_t>(m.x);
-        copy->sample[i].m[1] = static_cast<int16_t>(m.y);
-        copy->sample[i].m[2] = static_cast<int16_t>(m.z);
-    }
-    return *copy;
-}
-
 // ---- Publishing ------------------------------------------------------------------------------
 
 KmxAxesData offset_in_use() {
@@ -309,6 +294,21 @@ void judge_ellipsoid(const Vec3 &g, KmxcServiceEvent *e) {
 }
 
 }  // namespace
+
+const FieldStore &library_view(const FieldStore &in, const SoftIron &soft, FieldStore *copy) {
+    if (!soft.in_use) return in;
+    copy->count = in.count;
+    for (int i = 0; i < in.count; ++i) {
+        const Vec3 m = corrected(soft, stored_field(in, i));
+        // Within int16: the correction's axes stay within 0.8..1.25 about a centre the
+        // store's span allows (the fits refuse anything farther).
+        copy->sample[i].m[0] = static_cast<int16_t>(m.x);
+        copy->sample[i].m[1] = static_cast<int16_t>(m.y);
+        copy->sample[i].m[2] = static_cast<int16_t>(m.z);
+        for (int k = 0; k < 3; ++k) copy->sample[i].g[k] = in.sample[i].g[k];
+    }
+    return *copy;
+}
 
 bool ellipsoid_centre_plausible(const EllipsoidFit &fit, const SphereFit &sphere) {
     const Vec3 shift = minus(fit.offset, sphere.offset);

@@ -344,6 +344,9 @@ bool ellipsoid_centre_plausible(const EllipsoidFit &fit, const SphereFit &sphere
 // field m, gravity g), and at most one fitting step when one is due. fit_allowed: no
 // other fit ran in this cycle.
 void store_cycle(const Vec3 &m, const Vec3 &g, bool fit_allowed, int64_t now, KmxcServiceEvent *e);
+// The store as the library sees it: `in` itself when no correction is in use, else
+// `copy` filled with the corrected fields and the same gravities.
+const FieldStore &library_view(const FieldStore &in, const SoftIron &soft, FieldStore *copy);
 // What the event tells of the estimators: the one in use, the store's coverage, the
 // soft-iron correction (identity when none is in use).
 void report_estimators(KmxcServiceEvent *e);

@@ -270,26 +270,6 @@ namespace {
 
 Planar &planar() { return g_state.planar; }
 
-// The store's samples as the library sees them through the correction in use.
-void corrected_copy(const FieldStore &in, FieldStore *out) {
-    out->count = in.count;
-    for (int i = 0; i < in.count; ++i) {
-        const Vec3 m = corrected(g_state.soft_iron, stored_field(in, i));
-        // Within int16: the correction's axes stay within 0.8..1.25 about a centre the
-        // store's span allows.
-        out->sample[i].m[0] = static_cast<int16_t>(m.x);
-        out->sample[i].m[1] = static_cast<int16_t>(m.y);
-        out->sample[i].m[2] = static_cast<int16_t>(m.z);
-        for (int k = 0; k < 3; ++k) out->sample[i].g[k] = in.sample[i].g[k];
-    }
-}
-
-const FieldStore &fitted_store(FieldStore *scratch) {
-    if (!g_state.soft_iron.in_use) return g_state.est.store;
-    corrected_copy(g_state.est.store, scratch);
-    return *scratch;
-}
-
 // Notes a join to the store since the last cycle (its count, last slot or that slot's
 // field changed: a joining sample lies at least kStoreMinDistance from every kept one).
 void note_joins() {
@@ -327,7 +307,7 @@ void fit_step() {
     Planar &p = planar();
     p.joins = 0;
     FieldStore scratch;
-    const FieldStore &store = fitted_store(&scratch);
+    const FieldStore &store = library_view(g_state.est.store, g_state.soft_iron, &scratch);
     Vec3 down{0, 0, 0};  // the store's gravity, summed: it signs the normal
     for (int i = 0; i < store.count; ++i) {
         const Vec3 g = stored_gravity(store, i);
@@ -353,7 +333,7 @@ bool moves(const Vec3 &a, const KmxAxesData &b) {
 void judge_step() {
     Planar &p = planar();
     FieldStore scratch;
-    const FieldStore &store = fitted_store(&scratch);
+    const FieldStore &store = library_view(g_state.est.store, g_state.soft_iron, &scratch);
     KmxAxesData in_use;
     KmxAxesLibGetMsOffset(&in_use);
     const PlanarReference ref{g_state.reference_strength_counts, reference_angle_cdeg()};
@@ -382,7 +362,7 @@ void adopt_step(KmxcServiceEvent *e) {
     Planar &p = planar();
     p.pending = p.judged = false;
     FieldStore scratch;
-    const FieldStore &store = fitted_store(&scratch);
+    const FieldStore &store = library_view(g_state.est.store, g_state.soft_iron, &scratch);
     KmxAxesData in_use;
     KmxAxesLibGetMsOffset(&in_use);
     const Vec3 estimate{p.estimate[0], p.estimate[1], p.estimate[2]};
