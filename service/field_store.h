@@ -12,7 +12,8 @@
 //     from each other (it then widens the spread; a sample among the kept ones would
 //     only churn it). An L-infinity test comes first, the squared distance only when all
 //     three axes are nearer than the limit; the sample that joined last is tried first
-//     (a phone held still is near it);
+//     (a phone held still is near it), then the one that refused the sample before (a
+//     turning phone's samples mostly meet the same kept sample), then the others;
 //   - with a centre given (the offset in use) and at least kStoreMedianMinSamples kept,
 //     its strength |m - centre| lies within kStoreStrengthTolerancePermille of the
 //     median strength of the kept samples about that centre.

@@ -40,7 +40,7 @@
 // low. Never high: nothing but the references confirms the axial component.
 //
 // Cost on ARMv5TE, full store: the circle fit about 16,000 instructions (the kit's
-// planar step 27,400, one cycle), the judgement (arc, both refinements, strengths) 36,000
+// planar step 27,900, one cycle), the judgement (arc, both refinements, strengths) 34,800
 // in the next, the adoption (both offsets' strengths on the store) 10,200 in the third
 // (bench/icount: kit_planar_fit, kit_planar_judge, kit_planar_adopt).
 #ifndef KMXC_SERVICE_KIT_PLANAR_H
