@@ -599,10 +599,10 @@ TEST(KitEstimate, TheNoiseMeterReadsTheChipsNoiseAndNotTheMotion) {
     }
 }
 
-// Each closed window's variance against its definition, in 64 bits: a quarter of a
-// window's squared third differences (axes summed, the run's first three fields giving
-// none) times 256 / 60, floored. Swings of the whole int16 range saturate the window's
-// sum, whose variance is then the most the meter records.
+// Each closed window's variance against its definition, in 64 bits: the window's squared
+// third differences (axes summed; the run's first three fields give none) times 256,
+// over 60 per difference, floored. Swings of the whole int16 range saturate the
+// window's sum, whose variance is then the most the meter records.
 TEST(KitEstimate, TheNoiseMetersWindowsAreTheirThirdDifferencesVarianceExactly) {
     const struct {
         const char *name;
