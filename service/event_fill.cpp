@@ -59,7 +59,12 @@ void kmxc_service_fill_floats(const KmxAxesData *ms, const KmxAxesData *gs, cons
     const int32_t m[3] = {ms->x, ms->y, ms->z}, o[3] = {offset->x, offset->y, offset->z};
     double gravity[3], attitude[3], field[3], matrix[9], euler[3] = {0, 0, 0};
     KmxAxesLibGetGravityEarth(gs, gravity);
-    KmxAxesLibGetGravityEarth(attitude_gs, attitude);
+    // The attitude's gravity is the sample's own unless a mount's mean stands for it.
+    if (attitude_gs->x == gs->x && attitude_gs->y == gs->y && attitude_gs->z == gs->z) {
+        for (int k = 0; k < 3; ++k) attitude[k] = gravity[k];
+    } else {
+        KmxAxesLibGetGravityEarth(attitude_gs, attitude);
+    }
     KmxAxesLibGetMagneticT(ms, field);
     for (int k = 0; k < 3; ++k) {
         e->uncalibrated_uT[k] = static_cast<float>(m[k]) * kMicroteslaPerCount;

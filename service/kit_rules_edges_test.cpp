@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "calibration/calibration.h"
+#include "service/event_fill.h"
 #include "service/kit_internal.h"
 #include "service/kit_uncertainty.h"
 
@@ -522,6 +523,44 @@ TEST(KitDip, AnAnomalyHoldsTheAccuracyDownAndOnlyAPersistingOneInRangeDemotes) {
         // dip alone: low.
         EXPECT_EQ(acc, c.demoted || c.causes != KMXC_SERVICE_ANOMALY_DIP ? KMXC_SERVICE_UNRELIABLE : KMXC_SERVICE_LOW)
             << c.name;
+    }
+}
+
+// ---- The event's float fields ----------------------------------------------------------
+
+// The orientation and the rotation vector come from the attitude's gravity alone (a
+// mount's mean may stand for the sample's), the acceleration from the sample's, however
+// many axes the two share.
+TEST(EventFill, TheOrientationFollowsTheAttitudesGravityAndTheAccelerationTheSamples) {
+    const KmxAxesData ms{60, -20, -100}, gs{500, 300, -4000}, offset{0, 0, 0};
+    const struct {
+        const char *name;
+        KmxAxesData attitude;
+    } cases[] = {
+        {"the sample's own", gs},
+        {"another x", {900, 300, -4000}},
+        {"another y", {500, -300, -4000}},
+        {"another z", {500, 300, -3000}},
+    };
+    for (const auto &c : cases) {
+        // Each from a fresh library: its azimuth hold filter keeps the last azimuth.
+        KmxcServiceEvent both{}, attitude{}, sample{};
+        KmxAxesLibInit();
+        kmxc_service_fill_floats(&ms, &gs, &c.attitude, &offset, &both);
+        KmxAxesLibInit();
+        kmxc_service_fill_floats(&ms, &c.attitude, &c.attitude, &offset, &attitude);
+        KmxAxesLibInit();
+        kmxc_service_fill_floats(&ms, &gs, &gs, &offset, &sample);
+        for (int k = 0; k < 3; ++k) {
+            EXPECT_EQ(both.orientation_deg[k], attitude.orientation_deg[k]) << c.name;
+            EXPECT_EQ(both.acceleration_ms2[k], sample.acceleration_ms2[k]) << c.name;
+        }
+        bool turned = false;
+        for (int k = 0; k < 4; ++k) {
+            EXPECT_EQ(both.rotation_vector[k], attitude.rotation_vector[k]) << c.name;
+            turned = turned || both.rotation_vector[k] != sample.rotation_vector[k];
+        }
+        EXPECT_EQ(turned, c.attitude.x != gs.x || c.attitude.y != gs.y || c.attitude.z != gs.z) << c.name;
     }
 }
 
