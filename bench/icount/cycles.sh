@@ -37,7 +37,7 @@ ranges=$(awk '
 [ -n "$ranges" ] || { echo "cycles.sh: no library mappings in qemu's log" >&2; exit 1; }
 base=$(awk '$1 == "libkmxc_service.so" { print $2 }' <<<"$ranges")
 entry=$(arm-linux-gnueabi-nm -D "$kit" | awk '$3 == "kmxc_service_cycle" { print $1 }')
-[ -n "$base" ] && [ -n "$entry" ] || { echo "cycles.sh: kmxc_service_cycle not found" >&2; exit 1; }
+if [ -z "$base" ] || [ -z "$entry" ]; then echo "cycles.sh: kmxc_service_cycle not found" >&2; exit 1; fi
 entry=$(printf '%08x' $((0x$base + 0x$entry)))
 
 mkfifo "$tmp/log"
